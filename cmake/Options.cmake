@@ -1,0 +1,58 @@
+# Compiler options shared by every target of this tree. Included by the top project and by platform/ when it is
+# built alone.
+include_guard(GLOBAL)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+set(VEX_SANITIZE "" CACHE STRING "sanitizers for every target, as in -fsanitize= (address,undefined or thread)")
+if(VEX_SANITIZE)
+  add_compile_options(-fsanitize=${VEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VEX_SANITIZE})
+endif()
+
+# Log records name the source file below the repository, so the compiler is told to cut the path that leads to it.
+get_filename_component(VEX_SOURCE_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
+add_compile_options("-fmacro-prefix-map=${VEX_SOURCE_ROOT}/=")
+
+# vex_warnings(TARGET): the warnings our own code is held to. Not applied to generated code.
+function(vex_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wformat=2 -Werror)
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    target_compile_options(${target} PRIVATE -Wthread-safety)
+  endif()
+endfunction()
+
+# vex_test(NAME SOURCES ... LIBS ...): a GoogleTest program, one CTest test for each of its cases. With OWN_MAIN it
+# brings its own main().
+function(vex_test name)
+  cmake_parse_arguments(T "OWN_MAIN" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(NOT VEX_BUILD_TESTS)
+    return()
+  endif()
+  add_executable(${name} ${T_SOURCES})
+  vex_warnings(${name})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gmock)
+  if(NOT T_OWN_MAIN)
+    target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  endif()
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT ${T_TIMEOUT} LABELS "${T_LABELS}")
+endfunction()

@@ -1,0 +1,30 @@
+include_guard(GLOBAL)
+
+# vex_proto(TARGET ROOT FILES... [GRPC]): generates C++ from the schema files, named relative to ROOT, into sources that
+# are added to TARGET, which also gets the headers' directory as a public include directory (VEX_PROTO_DIR holds it).
+# GRPC adds the service stubs.
+function(vex_proto target root)
+  cmake_parse_arguments(P "GRPC" "" "" ${ARGN})
+  set(out ${CMAKE_CURRENT_BINARY_DIR}/generated)
+  file(MAKE_DIRECTORY ${out})
+  set(imports -I ${root})
+  foreach(dir IN LISTS VEX_PROTO_IMPORTS)
+    list(APPEND imports -I ${dir})
+  endforeach()
+  find_program(GRPC_CPP_PLUGIN grpc_cpp_plugin)
+  foreach(file IN LISTS P_UNPARSED_ARGUMENTS)
+    string(REGEX REPLACE "\\.proto$" "" stem ${file})
+    set(results ${out}/${stem}.pb.cc ${out}/${stem}.pb.h)
+    set(flags --cpp_out=${out})
+    if(P_GRPC)
+      list(APPEND results ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
+      list(APPEND flags --grpc_out=${out} --plugin=protoc-gen-grpc=${GRPC_CPP_PLUGIN})
+    endif()
+    add_custom_command(OUTPUT ${results} COMMAND protobuf::protoc ${imports} ${flags} ${root}/${file}
+                       DEPENDS ${root}/${file} VERBATIM)
+    target_sources(${target} PRIVATE ${results})
+    set_source_files_properties(${results} PROPERTIES SKIP_LINTING ON)
+  endforeach()
+  target_include_directories(${target} SYSTEM PUBLIC $<BUILD_INTERFACE:${out}> $<INSTALL_INTERFACE:include>)
+  set(VEX_PROTO_DIR ${out} PARENT_SCOPE)
+endfunction()

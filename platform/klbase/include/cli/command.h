@@ -1,0 +1,214 @@
+// Commands: what can stand in a menu, and how an operator's words become a handler's typed arguments.
+//
+// A handler command is made from its name, a callable, its help text and its parameter descriptions:
+//
+//   menu->Insert(cli::MakeCommand(
+//       "SetQulity", [](std::ostream& out, const std::string& quality) { ... }, "send a proto message", {"qulity"}));
+#ifndef CLI_COMMAND_H_
+#define CLI_COMMAND_H_
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+#include <utility>
+#include <vector>
+
+#include "cli/session.h"
+#include "klbase/export.h"
+
+namespace cli {
+
+// Thrown when a word cannot be converted to a parameter's type.
+class KLBASE_EXPORT bad_conversion : public std::bad_cast {
+ public:
+  const char* what() const noexcept override {
+    return "bad from_string conversion: source string value could not be interpreted as target";
+  }
+};
+
+// Base of everything that can stand in a menu. Owned by its menu. Enable() and Disable() may be called from any thread,
+// the rest from the threads that run sessions; a command that keeps state of its own must guard it.
+class KLBASE_EXPORT Command {
+ public:
+  explicit Command(std::string name_of_command) : name(std::move(name_of_command)) {}
+  Command(const Command&) = delete;
+  Command& operator=(const Command&) = delete;
+  virtual ~Command() = default;
+
+  // A disabled command neither runs, nor is listed in help, nor completes.
+  virtual void Enable() { enabled = true; }
+  virtual void Disable() { enabled = false; }
+
+  // Runs the command if `words` (its name and its parameters) are its own; returns false, having done nothing, when
+  // they are not. Throws bad_conversion, having done nothing, when the words fit but one of them doesn't convert; lets
+  // any exception of the command itself through.
+  virtual bool Exec(const std::vector<std::string>& words, Session& session) = 0;
+
+  // Writes the command's entry in the help listing.
+  virtual void Help(std::ostream& out) const = 0;
+
+  // The names that `line` may become: this command's if it is enabled and begins with `line`.
+  virtual std::vector<std::string> GetCompletionRecursive(const std::string& line) const {
+    if (enabled && name.starts_with(line)) return {name};
+    return {};
+  }
+
+  const std::string& Name() const { return name; }
+  bool IsEnabled() const { return enabled; }
+
+  // How each parameter is shown, without its brackets, in order; empty when the command takes none.
+  virtual std::vector<std::string> ParameterNames() const { return {}; }
+
+ protected:
+  const std::string name;
+  std::atomic<bool> enabled{true};
+};
+
+// Converts a word: standard formatted extraction that must use up the whole word (blanks around it are allowed). An
+// unsigned integer is decimal digits only: the extraction would take "-1" for the largest value. Throws bad_conversion.
+template <typename T>
+T from_string(const std::string& word) {
+  std::istringstream stream(word);
+  if (!stream) throw bad_conversion();
+  if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) {
+    if ((stream >> std::ws).peek() == '-') throw bad_conversion();
+  }
+  T value{};
+  if (!(stream >> value)) throw bad_conversion();
+  if (!(stream >> std::ws).eof()) throw bad_conversion();
+  return value;
+}
+
+// The conversion chain: each link converts one word, keeps the value and hands the rest of the words to the next link;
+// the last one calls `handler` with all values.
+template <typename... Params>
+struct Select;
+
+template <>
+struct Select<> {
+  template <typename Handler, typename Iterator>
+  static void Exec(const Handler& handler, Iterator, Iterator) {
+    handler();
+  }
+};
+
+template <typename First, typename... Rest>
+struct Select<First, Rest...> {
+  template <typename Handler, typename Iterator>
+  static void Exec(const Handler& handler, Iterator word, Iterator end) {
+    if (word == end) throw bad_conversion();
+    const First value = from_string<First>(*word);
+    const auto with_value = [&handler, &value](const auto&... rest) { handler(value, rest...); };
+    Select<Rest...>::Exec(with_value, std::next(word), end);
+  }
+};
+
+// The name under which help shows a parameter that has no description.
+template <typename T>
+struct TypeName;
+template <>
+struct TypeName<std::string> {
+  static constexpr const char* kValue = "string";
+};
+template <>
+struct TypeName<unsigned int> {
+  static constexpr const char* kValue = "unsigned int";
+};
+template <>
+struct TypeName<int> {
+  static constexpr const char* kValue = "int";
+};
+template <>
+struct TypeName<float> {
+  static constexpr const char* kValue = "float";
+};
+template <>
+struct TypeName<double> {
+  static constexpr const char* kValue = "double";
+};
+template <>
+struct TypeName<bool> {
+  static constexpr const char* kValue = "bool";
+};
+
+// A command that converts its words to Params and calls `Handler(std::ostream&, Params...)` on the thread that runs the
+// session. `parameter_descriptions` holds one text per parameter, or none.
+template <typename Handler, typename... Params>
+class VariadicFunctionCommand : public Command {
+ public:
+  VariadicFunctionCommand(std::string name_of_command, Handler function, std::string help_text,
+                          std::vector<std::string> descriptions = {})
+      : Command(std::move(name_of_command)),
+        handler(std::move(function)),
+        description(std::move(help_text)),
+        parameter_descriptions(std::move(descriptions)) {}
+
+  bool Exec(const std::vector<std::string>& words, Session& session) override {
+    if (!IsEnabled()) return false;
+    if (words.size() != sizeof...(Params) + 1) return false;
+    if (words.front() != Name()) return false;
+    const auto call = [this, &session](const Params&... values) { handler(session.OutStream(), values...); };
+    Select<Params...>::Exec(call, std::next(words.begin()), words.end());
+    return true;
+  }
+
+  void Help(std::ostream& out) const override {
+    if (!IsEnabled()) return;
+    out << " - " << Name();
+    for (const auto& parameter : ParameterNames()) out << " <" << parameter << ">";
+    out << "\n\t" << description << "\n";
+  }
+
+  std::vector<std::string> ParameterNames() const override {
+    if (!parameter_descriptions.empty()) return parameter_descriptions;
+    return {TypeName<Params>::kValue...};
+  }
+
+ private:
+  const Handler handler;
+  const std::string description;
+  const std::vector<std::string> parameter_descriptions;
+};
+
+namespace internal {
+
+template <typename Signature>
+struct HandlerTraits;
+template <typename Class, typename... Args>
+struct HandlerTraits<void (Class::*)(std::ostream&, Args...) const> {
+  template <typename Handler>
+  using CommandType = VariadicFunctionCommand<Handler, std::decay_t<Args>...>;
+};
+template <typename... Args>
+struct HandlerTraits<void (*)(std::ostream&, Args...)> {
+  template <typename Handler>
+  using CommandType = VariadicFunctionCommand<Handler, std::decay_t<Args>...>;
+};
+
+}  // namespace internal
+
+// Makes a handler command whose parameter types are those of `handler`: a function pointer, a std::function or a lambda
+// (not generic) that takes std::ostream& and the parameters and returns nothing.
+template <typename Handler>
+std::unique_ptr<Command> MakeCommand(std::string name, Handler handler, std::string help_text,
+                                     std::vector<std::string> parameter_descriptions = {}) {
+  if constexpr (std::is_pointer_v<Handler>) {
+    using Type = typename internal::HandlerTraits<Handler>::template CommandType<Handler>;
+    return std::make_unique<Type>(std::move(name), handler, std::move(help_text), std::move(parameter_descriptions));
+  } else {
+    using Type = typename internal::HandlerTraits<decltype(&Handler::operator())>::template CommandType<Handler>;
+    return std::make_unique<Type>(std::move(name), std::move(handler), std::move(help_text),
+                                  std::move(parameter_descriptions));
+  }
+}
+
+}  // namespace cli
+
+#endif  // CLI_COMMAND_H_

@@ -1,0 +1,7 @@
+// KLBASE_EXPORT marks what libklbase.so offers; everything else stays hidden inside the library.
+#ifndef KLBASE_EXPORT_H_
+#define KLBASE_EXPORT_H_
+
+#define KLBASE_EXPORT __attribute__((visibility("default")))
+
+#endif  // KLBASE_EXPORT_H_

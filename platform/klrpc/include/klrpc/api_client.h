@@ -1,0 +1,90 @@
+// Client side of the device's message RPC: requests with replies, publication and subscription.
+#ifndef KLRPC_API_CLIENT_H_
+#define KLRPC_API_CLIENT_H_
+
+#include <google/protobuf/any.pb.h>
+#include <google/protobuf/message.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "klrpc/export.h"
+#include "klrpc/v1/pubsub.pb.h"
+#include "sigslot/sigslot.h"
+
+namespace klrpc {
+
+// Where a client connects to and how it keeps trying. Plain values; immutable after construction.
+class KLRPC_EXPORT APIClientOptions {
+ public:
+  // Defaults of the back-off between connection attempts, in milliseconds. The smallest is also the time that one
+  // attempt gets.
+  static constexpr int reconnect_default_max_backoff_ms_ = 1500;
+  static constexpr int reconnect_default_min_backoff_ms_ = 200;
+  static constexpr int reconnect_default_initial_backoff_ms_ = 500;
+
+  // `address` is a gRPC target: "unix-abstract:encd@default", "unix:/run/x.sock", "host:7020". `remote` says that the
+  // peer is another machine: the connection is then probed more patiently than one to a local daemon.
+  APIClientOptions(const std::string& address, const int& max_backoff_ms, const int& min_backoff_ms,
+                   const int& initial_backoff_ms, bool remote);
+
+  const std::string& Address() const { return address_; }
+  int MaxBackoffMs() const { return max_backoff_ms_; }
+  int MinBackoffMs() const { return min_backoff_ms_; }
+  int InitialBackoffMs() const { return initial_backoff_ms_; }
+  bool Remote() const { return remote_; }
+
+ private:
+  const std::string address_;
+  const int max_backoff_ms_;
+  const int min_backoff_ms_;
+  const int initial_backoff_ms_;
+  const bool remote_;
+};
+
+// One connection to one server. Construction connects nothing and never fails; the first operation connects. All
+// operations may be called from any thread at the same time. Destruction ends every call, stream and thread of the
+// client within 1 s, also when the peer is dead or hung; the caller sees to it that no other thread still uses it.
+class KLRPC_EXPORT APIClient {
+ public:
+  explicit APIClient(std::unique_ptr<APIClientOptions> options);
+  APIClient(const APIClient&) = delete;
+  APIClient& operator=(const APIClient&) = delete;
+  virtual ~APIClient();
+
+  // Sends `request` (as it is, not packed) and waits for the reply: 3 s at most, or KLRPC_CALL_TIMEOUT_MS of the
+  // environment. Returns true when a reply was received. Returns false, with `reply` untouched and one level-40 record
+  // that names address, code and text, when nobody listens (at once), when time is up, when a message is larger than
+  // 4 MiB or when the server refused. Never retried. Don't call it from a slot of this client's signals.
+  virtual bool Call(const google::protobuf::Message& request, google::protobuf::Any& reply);
+
+  // The same with a time limit of its own. A limit of 0 or less fails at once.
+  virtual bool CallWithin(const google::protobuf::Message& request, google::protobuf::Any& reply,
+                          std::chrono::milliseconds timeout);
+
+  // Queues the message for publication and returns; `msg_id` is filled in when empty. SignalPublishState says later
+  // whether it reached the server. Returns false when it can't even be queued.
+  virtual bool PublishMessage(const klrpc::v1::PubsubMessage& message);
+
+  // Asks that messages published on `topics` be delivered to this client, in addition to those that `client_id` has
+  // already. Returns at once; waits for the server as long as it takes. Returns false when an argument is empty.
+  virtual bool SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics);
+
+  // Emitted on the client's own threads. A slot may subscribe, publish and disconnect. State numbers: 1 the server
+  // confirmed the subscription; 2 the stream ended and the subscription must be issued again.
+  sigslot::signal<const klrpc::v1::PubsubMessage&> SignalSubscribeMessage;
+  sigslot::signal<const klrpc::v1::SubscribeState&> SignalSubscribeState;
+  sigslot::signal<bool, const std::string&> SignalPublishState;
+
+  const APIClientOptions& Options() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace klrpc
+
+#endif  // KLRPC_API_CLIENT_H_

@@ -1,0 +1,7 @@
+// KLRPC_EXPORT marks what libklrpc.so offers; everything else stays hidden inside the library.
+#ifndef KLRPC_EXPORT_H_
+#define KLRPC_EXPORT_H_
+
+#define KLRPC_EXPORT __attribute__((visibility("default")))
+
+#endif  // KLRPC_EXPORT_H_
