@@ -1,0 +1,22 @@
+# find_package(vextool CONFIG): vextool::klbase, vextool::klrpc, vextool::schema, vextool::core, vextool::apisdk.
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+find_dependency(Protobuf)
+find_dependency(absl)
+find_dependency(klbase CONFIG)
+find_dependency(klrpc CONFIG)
+
+# A second find_package(vextool) of the same directory tree finds the targets already there.
+if(NOT TARGET vextool::core)
+  include(${CMAKE_CURRENT_LIST_DIR}/vextoolTargets.cmake)
+  foreach(library klbase klrpc)
+    add_library(vextool::${library} INTERFACE IMPORTED)
+    target_link_libraries(vextool::${library} INTERFACE ${library}::${library})
+  endforeach()
+  # Linked whole: what registers itself at start would be dropped from an archive that nothing refers to.
+  foreach(library core apisdk)
+    add_library(vextool::${library} INTERFACE IMPORTED)
+    target_link_libraries(vextool::${library} INTERFACE
+                          "$<LINK_LIBRARY:WHOLE_ARCHIVE,vextool::${library}_archive>")
+  endforeach()
+endif()

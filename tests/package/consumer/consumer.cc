@@ -1,0 +1,53 @@
+// Uses a piece of each installed library and says what it found. The self-registered "core" menu must be there although
+// nothing here refers to it.
+#include <unistd.h>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "apisdk/api_encoder.h"
+#include "apisdk/apisdk.h"
+#include "cli/plugin.h"
+#include "common/v1/status.pb.h"
+#include "core/module_loader.h"
+#include "encoder/v1/encoder.pb.h"
+#include "klbase/log.h"
+#include "klrpc/api_client.h"
+#include "klrpc/api_server.h"
+
+namespace {
+
+bool AnswerWithCodeSeven(const google::protobuf::Any& request, google::protobuf::Any& reply) {
+  if (!request.Is<encoder::v1::SetVideoQualityRequest>()) return false;
+  common::v1::Status status;
+  status.set_code(7);
+  status.set_message("seven");
+  reply.PackFrom(status);
+  return true;
+}
+
+}  // namespace
+
+int main() {
+  const std::string address = "unix-abstract:consumer-" + std::to_string(getpid());
+  auto hooks = std::make_unique<klrpc::APIServer::UnaryHookSets>();
+  hooks->unary = std::make_unique<klrpc::APIServer::UnaryHook>(AnswerWithCodeSeven);
+  const auto server =
+      klrpc::APIServer::Create(std::make_unique<klrpc::APIServerOptions>(1, address, false), std::move(hooks));
+
+  using Options = klrpc::APIClientOptions;
+  klrpc::APIClient client(std::make_unique<Options>(address, Options::reconnect_default_max_backoff_ms_,
+                                                    Options::reconnect_default_min_backoff_ms_,
+                                                    Options::reconnect_default_initial_backoff_ms_, false));
+  google::protobuf::Any reply;
+  common::v1::Status status;
+  if (!client.Call(encoder::v1::SetVideoQualityRequest(), reply) || !reply.UnpackTo(&status)) return 1;
+
+  const auto names = cli::Registration::Names();
+  const bool has_core = std::find(names.begin(), names.end(), "core") != names.end();
+  std::cout << "code=" << status.code() << " core=" << has_core << " encd="
+            << apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::ApiModule::kEncd) << std::endl;
+  return 0;
+}

@@ -1,0 +1,17 @@
+include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
+set(work ${WORK}/consumer)
+file(REMOVE_RECURSE ${work})
+run(ignored ${CMAKE_COMMAND} --install ${BUILD} --prefix ${work}/prefix)
+set(flags "")
+if(SANITIZE)
+  set(flags "-fsanitize=${SANITIZE}")
+endif()
+run(ignored ${CMAKE_COMMAND} -G Ninja -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${work}/build
+    -DCMAKE_PREFIX_PATH=${work}/prefix -DCMAKE_CXX_COMPILER=${CXX}
+    -DCMAKE_CXX_FLAGS=${flags})
+run(ignored ${CMAKE_COMMAND} --build ${work}/build)
+run(text ${CMAKE_COMMAND} -E env KLBASE_LOG_FILE=${work}/log ${work}/build/consumer)
+if(NOT text MATCHES "code=7 core=1 encd=0")
+  message(FATAL_ERROR "the program printed: ${text}")
+endif()
+file(REMOVE_RECURSE ${work})
