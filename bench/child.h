@@ -1,0 +1,31 @@
+// A server in a process of its own, forked before this process starts any thread.
+#ifndef BENCH_CHILD_H_
+#define BENCH_CHILD_H_
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace bench {
+
+// Runs `serve(ready)` in a child; the child calls `ready` once it takes requests. The constructor returns then, or ends
+// the program with a message when the child hasn't said so within 10 s. The destructor kills the child, which also ends
+// when this process does.
+class Child {
+ public:
+  explicit Child(const std::function<void(const std::function<void()>& ready)>& serve);
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// "bench-NAME-PID": unique to this run.
+std::string UniqueName(const std::string& name);
+
+}  // namespace bench
+
+#endif  // BENCH_CHILD_H_

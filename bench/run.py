@@ -1,0 +1,278 @@
+#!/usr/bin/env python3
+"""Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load."""
+
+import argparse
+import contextlib
+import json
+import os
+import pathlib
+import pty
+import shutil
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+ROUNDS = 5  # each figure is the median of so many runs, taken in turn with its baselines
+START_LIMIT_S = 10
+VERSION_END = "git-version: v0.0.1\n"
+
+
+class Table:
+    """Rows of (what, figure, unit, ratio to the baseline, aim)."""
+
+    def __init__(self):
+        self.rows = []
+
+    def add(self, what, figure, unit, ratio="", aim=""):
+        self.rows.append((what, figure, unit, ratio, aim))
+
+    def show(self):
+        heads = ("measured", "figure", "unit", "ratio", "aim")
+        rows = [heads] + self.rows
+        widths = [max(len(row[i]) for row in rows) for i in range(len(heads))]
+        for row in rows:
+            print("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def run_json(arguments):
+    done = subprocess.run(arguments, stdout=subprocess.PIPE, timeout=120, check=True)
+    return json.loads(done.stdout)
+
+
+def wait_for(condition, what):
+    limit = time.monotonic() + START_LIMIT_S
+    while time.monotonic() < limit:
+        if condition():
+            return
+        time.sleep(0.01)
+    raise RuntimeError(f"{what} did not start within {START_LIMIT_S} s")
+
+
+def listening(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+@contextlib.contextmanager
+def child(arguments, **options):
+    process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL, **options)
+    try:
+        yield process
+    finally:
+        process.terminate()
+        try:
+            process.wait(5)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+
+
+def tool_environment(folder, **more):
+    return dict(os.environ, KLBASE_LOG_FILE=str(folder / "log"), KLBASE_HISTORY_FILE=str(folder / "history"), **more)
+
+
+@contextlib.contextmanager
+def console(bin_folder, folder, **more):
+    """The tool, serving its console on a free port; yields (process, port)."""
+    port = free_port()
+    with child([bin_folder / "vextool", f"--cli_port={port}"], env=tool_environment(folder, **more)) as process:
+        wait_for(lambda: listening(port), "vextool")
+        yield process, port
+
+
+@contextlib.contextmanager
+def encoder(bin_folder, folder):
+    environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "encd.log"))
+    with open(folder / "encd.out", "wb") as out:
+        process = subprocess.Popen([bin_folder / "encd", f"--record_dir={folder}"], stdin=subprocess.DEVNULL, stdout=out,
+                                   stderr=out, env=environment)
+    try:
+        wait_for(lambda: b"listens on" in (folder / "encd.out").read_bytes(), "encd")
+        yield
+    finally:
+        process.terminate()
+        process.wait(10)
+
+
+@contextlib.contextmanager
+def message_bus(folder):
+    config = folder / "bus.conf"
+    address = f"unix:path={folder}/bus"
+    config.write_text(
+        '<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"\n'
+        ' "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">\n'
+        f"<busconfig><listen>{address}</listen><auth>EXTERNAL</auth><policy context='default'>"
+        "<allow send_destination='*'/><allow eavesdrop='false'/><allow own='*'/></policy></busconfig>\n")
+    with child(["dbus-daemon", "--nofork", "--nopidfile", f"--config-file={config}"]):
+        wait_for(lambda: (folder / "bus").exists(), "dbus-daemon")
+        yield address
+
+
+@contextlib.contextmanager
+def redis(folder):
+    port = free_port()
+    with child(["redis-server", "--port", str(port), "--bind", "127.0.0.1", "--save", "", "--dir", str(folder)]):
+        wait_for(lambda: listening(port), "redis-server")
+        yield port
+
+
+@contextlib.contextmanager
+def zebra(folder):
+    port = free_port()
+    config = folder / "zebra.conf"
+    config.write_text("hostname frr\nline vty\n no login\n exec-timeout 0 0\n")
+    for path in (folder, config):
+        shutil.chown(path, "frr", "frr")
+    os.chmod(folder, 0o755)
+    arguments = ["/usr/lib/frr/zebra", "-f", str(config), "-A", "127.0.0.1", "-P", str(port), "-i", str(folder / "pid"),
+                 "-z", str(folder / "zserv"), "-u", "frr", "-g", "frr"]
+    # In a network namespace of the tester's own zebra can't change routes; it is told to keep its hands off anyway.
+    with child(arguments + ["-r", "-k"]):
+        wait_for(lambda: listening(port), "zebra")
+        yield port
+
+
+def alternate(measures):
+    """Runs each measure ROUNDS times in turn; returns the medians of p50 and p99 by name."""
+    results = {name: [] for name in measures}
+    for _ in range(ROUNDS):
+        for name, measure in measures.items():
+            results[name].append(measure())
+    return {name: {key: statistics.median(run[key] for run in runs) for key in ("p50_us", "p99_us")}
+            for name, runs in results.items()}
+
+
+def add_latencies(table, figures, main, aims):
+    for name, figure in figures.items():
+        ratio = "" if name == main else f"{figures[main]['p50_us'] / figure['p50_us']:.2f} x it"
+        table.add(name, f"{figure['p50_us']:.1f} / {figure['p99_us']:.1f}", "us p50/p99", ratio, aims.get(name, ""))
+
+
+def bench_call(table, bin_folder, folder):
+    count = "10000"
+    measures = {
+        "APIClient::Call": lambda: run_json([bin_folder / "bench_call_klrpc", count]),
+        "bare gRPC stub": lambda: run_json([bin_folder / "bench_call_grpc", count]),
+        "raw unix socket": lambda: run_json([bin_folder / "bench_call_raw", count]),
+    }
+    with contextlib.ExitStack() as stack:
+        if shutil.which("dbus-daemon"):
+            address = stack.enter_context(message_bus(folder))
+            measures["D-Bus call"] = lambda: run_json([bin_folder / "bench_call_dbus", count, address])
+        figures = alternate(measures)
+    add_latencies(table, figures, "APIClient::Call", {"bare gRPC stub": "<= 1.05", "D-Bus call": "< 1"})
+
+
+def bench_console(table, bin_folder, folder):
+    def line(port, text, end, count="3000"):
+        return lambda: run_json([bin_folder / "bench_line", str(port), text, end, count])
+
+    with contextlib.ExitStack() as stack:
+        stack.enter_context(encoder(bin_folder, folder))
+        _, port = stack.enter_context(console(bin_folder, folder))
+        # The encoder encodes while it answers, as on the device, so the second figure has its load in it.
+        measures = {
+            "core show version": line(port, "core show version", VERSION_END),
+            "encd SetQulity high": line(port, "encd SetQulity high", "\n", "500"),
+        }
+        if shutil.which("redis-server"):
+            measures["redis inline PING"] = line(stack.enter_context(redis(folder)), "PING", "+PONG\r\n")
+        if os.path.exists("/usr/lib/frr/zebra") and os.geteuid() == 0:
+            zebra_folder = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
+            measures["zebra echo"] = line(stack.enter_context(zebra(zebra_folder)), "echo version", "frr> ")
+        figures = alternate(measures)
+    add_latencies(table, figures, "core show version", {"zebra echo": "< 1"})
+
+
+def resident_kb(pid):
+    for row in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
+        if row.startswith("VmRSS:"):
+            return int(row.split()[1])
+    raise RuntimeError("no VmRSS")
+
+
+def first_output_ms(arguments, environment, text):
+    """Starts a program on a terminal of its own; milliseconds until `text` shows."""
+    start = time.perf_counter()
+    pid, terminal = pty.fork()
+    if pid == 0:
+        os.execve(arguments[0], [str(word) for word in arguments], environment)
+    shown = b""
+    while text not in shown:
+        shown += os.read(terminal, 4096)
+    elapsed = (time.perf_counter() - start) * 1000
+    os.write(terminal, b"\x04")
+    with contextlib.suppress(OSError):
+        while os.read(terminal, 4096):
+            pass
+    os.waitpid(pid, 0)
+    os.close(terminal)
+    return elapsed
+
+
+def bench_start(table, bin_folder, folder):
+    environment = tool_environment(folder)
+    tool = [bin_folder / "vextool", "--local_console", "--cli_port=0"]
+    figures = {"tool": [], "cat": []}
+    for _ in range(4 * ROUNDS):
+        figures["tool"].append(first_output_ms(tool, environment, b"main> "))
+        figures["cat"].append(first_output_ms(["/bin/sh", "-c", "echo main; exec cat"], environment, b"main"))
+    tool_ms, cat_ms = (statistics.median(figures[name]) for name in ("tool", "cat"))
+    table.add("start to first prompt", f"{tool_ms:.1f}", "ms", "", "<= 20")
+    table.add("start of sh and its echo", f"{cat_ms:.1f}", "ms", f"{tool_ms / cat_ms:.1f} x it")
+    with console(bin_folder, folder, KLBASE_CONSOLE_MAX_SESSIONS="600") as (process, port):
+        idle = resident_kb(process.pid)
+        table.add("resident memory, idle", f"{idle / 1024:.1f}", "MiB", "", "<= 16")
+        sessions = []
+        for _ in range(500):
+            sessions.append(socket.create_connection(("127.0.0.1", port)))
+            sessions[-1].settimeout(START_LIMIT_S)
+        for session in sessions:  # the server speaks once it has taken the session in
+            while b"main> " not in session.recv(4096):
+                pass
+        per_session = (resident_kb(process.pid) - idle) / len(sessions)
+        for session in sessions:
+            session.close()
+        table.add("memory per idle session", f"{per_session:.1f}", "KiB", "", "<= 64")
+
+
+def bench_load(table, bin_folder, folder):
+    with console(bin_folder, folder, KLBASE_CONSOLE_MAX_SESSIONS="600") as (process, port):
+        figure = run_json([bin_folder / "bench_load", str(port), "500", "100", "core show version", VERSION_END])
+        peak = resident_kb(process.pid)
+    table.add("500 sessions x 100 commands", f"{figure['commands_per_second']:.0f}", "commands/s")
+    table.add("  errors", str(figure["errors"]), "", "", "0")
+    table.add("  memory after", f"{peak / 1024:.1f}", "MiB")
+
+
+BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load}
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--bin", type=pathlib.Path, required=True)
+    parser.add_argument("names", nargs="*", metavar="NAME", help=" ".join(BENCHES))
+    options = parser.parse_args()
+    unknown = [name for name in options.names if name not in BENCHES]
+    if unknown:
+        sys.exit(f"no benchmark '{unknown[0]}'; there are: {' '.join(BENCHES)}")
+    table = Table()
+    for name in options.names or BENCHES:
+        print(f"measuring: {name}", file=sys.stderr)
+        with tempfile.TemporaryDirectory() as folder:
+            BENCHES[name](table, options.bin.resolve(), pathlib.Path(folder))
+    table.show()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,23 @@
+// Round trips, timed one by one, and their percentiles.
+#ifndef BENCH_SAMPLES_H_
+#define BENCH_SAMPLES_H_
+
+#include <cstddef>
+#include <functional>
+
+namespace bench {
+
+// Bytes carried by each request of the call benchmarks.
+inline constexpr std::size_t kPayloadBytes = 100;
+
+// Runs `round_trip` for a tenth of `count` times to warm up, then `count` times, and prints
+// {"count": N, "p50_us": …, "p99_us": …} on standard output. `round_trip` returns false when it failed: the program
+// then ends with status 1.
+int MeasureAndPrint(std::size_t count, const std::function<bool()>& round_trip);
+
+// The count given as the first argument of the program, else `otherwise`.
+std::size_t CountArgument(int argc, char** argv, std::size_t otherwise);
+
+}  // namespace bench
+
+#endif  // BENCH_SAMPLES_H_
