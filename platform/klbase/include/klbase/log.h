@@ -3,8 +3,24 @@
 // Write records with KL_LOG. It tests the level first, so the arguments of a suppressed record are not evaluated, and
 // names the source file below the repository, the line and the function by itself.
 //
-// All operations may be called from any thread. None throws. Records written before KlLogDefaultInit or after
-// KlLogDestory are dropped.
+// All operations may be called from any thread, also from static constructors and destructors and in a child after
+// fork(). None throws. Records written before KlLogDefaultInit or after KlLogDestory are dropped.
+//
+// A record is one line of the file, whatever its length, its fields separated by one blank each:
+//
+//   2026-03-01 14:05:09.250 30 4711 modules/core/common/module_loader:57 Load: loaded module 3
+//   date and local time     level   source file : line                   function: text
+//                              thread id
+//
+// Line ends at the end of a text are dropped. A text of several lines goes on in lines that begin with four blanks, so
+// each line that begins with a digit begins a record. Other control characters but the tab are written as \x1b.
+//
+// A write that fails (disk full, folder gone) is said once on standard error; records of level 40 and above go there
+// until the file can be written again, which is tried each second.
+//
+// In a signal handler: not safe in general. For a crash report it does what can be done: a crash inside the log itself
+// sends the record to standard error instead of waiting for its own lock, and texts under 1 KiB are put together
+// without the heap. A crash while the thread held the heap's or the time zone's lock may hang; use an alarm.
 #ifndef KLBASE_LOG_H_
 #define KLBASE_LOG_H_
 
@@ -51,18 +67,18 @@ constexpr std::string_view WithoutExtension(std::string_view path) {
 
 // KL_LOG(level, format, ...): writes one record when `level` is enabled. The compiler checks the format.
 // __FILE__ is relative to the repository because the build maps that prefix away.
-#define KL_LOG(level, ...)                                                                                           \
-  do {                                                                                                               \
-    if (kOptionLogLevel.load(std::memory_order_relaxed) <= (level)) {                                                \
-      constexpr std::string_view kl_log_file = ::klbase_internal::WithoutExtension(__FILE__);                        \
+#define KL_LOG(level, ...)                                                                                             \
+  do {                                                                                                                 \
+    if (kOptionLogLevel.load(std::memory_order_relaxed) <= (level)) {                                                  \
+      constexpr std::string_view kl_log_file = ::klbase_internal::WithoutExtension(__FILE__);                          \
       ::KlLog((level), kl_log_file.data(), kl_log_file.size(), __LINE__, __func__, sizeof(__func__) - 1, __VA_ARGS__); \
-    }                                                                                                                \
+    }                                                                                                                  \
   } while (false)
 
 // KL_DEBUG_LOG(above, level, format, ...): as KL_LOG, and only while kOptionDebug is greater than `above`.
-#define KL_DEBUG_LOG(above, level, ...)                                                             \
-  do {                                                                                              \
-    if (kOptionDebug.load(std::memory_order_relaxed) > (above)) KL_LOG(level, __VA_ARGS__);         \
+#define KL_DEBUG_LOG(above, level, ...)                                                     \
+  do {                                                                                      \
+    if (kOptionDebug.load(std::memory_order_relaxed) > (above)) KL_LOG(level, __VA_ARGS__); \
   } while (false)
 
 #endif  // KLBASE_LOG_H_

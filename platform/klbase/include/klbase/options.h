@@ -7,7 +7,8 @@
 
 #include "klbase/export.h"
 
-// Gates additional detail records: 0 is off, larger numbers show more. Starts as KLBASE_DEBUG of the environment, else 0.
+// Gates additional detail records: 0 is off, larger numbers show more. Starts as KLBASE_DEBUG of the environment, else
+// 0.
 KLBASE_EXPORT extern std::atomic<int32_t> kOptionDebug;
 
 // A log record is written when this is less than or equal to the record's level (10 tracing, 20 detail, 30 progress,

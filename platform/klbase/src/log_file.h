@@ -1,0 +1,75 @@
+// The rotated log file with its flusher thread, and what happens when it can't be written.
+#ifndef KLBASE_LOG_FILE_H_
+#define KLBASE_LOG_FILE_H_
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "log_mutex.h"
+
+namespace spdlog::sinks {
+class sink;
+}
+
+namespace klbase_internal {
+
+// One per process, never destroyed. Thread-safe. Nothing here throws.
+class LogFile {
+ public:
+  struct Settings {
+    std::string path;
+    int max_files = 1;  // the live one included
+    int max_file_size_kb = 1;
+  };
+
+  static LogFile& Instance();
+
+  // Replaces the open file, if any. False when the new one can't be opened: see klbase/log.h.
+  bool Open(Settings settings);
+  void Close();
+
+  // False when a record would be dropped whatever its level.
+  bool IsOpen() const { return open_.load(std::memory_order_acquire); }
+  // Writes one record's line.
+  void Write(int level, std::string_view line);
+
+ private:
+  using Sink = std::unique_ptr<spdlog::sinks::sink>;
+
+  LogFile() = default;
+  static Sink OpenSink(const Settings& settings, std::string* error);
+
+  void CloseLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(control_);
+  bool WriteToSinkLocked(int level, std::string_view line, std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void FlushLocked(std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void SinkFailedLocked(const char* why, std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+  void RunFlusher();
+  void Reopen();
+
+  void RegisterForkHandlers();
+  void BeforeFork();
+  void AfterForkInParent();
+  void AfterForkInChild();
+
+  // Held while the file is opened and closed, so that only one thread starts and ends the flusher.
+  LogMutex control_;
+  Settings settings_;  // written while no flusher runs
+  std::unique_ptr<std::thread> flusher_ ABSL_GUARDED_BY(control_);
+
+  std::atomic<bool> open_{false};
+  LogMutex mutex_;
+  LogCondition wake_flusher_;
+  Sink sink_ ABSL_GUARDED_BY(mutex_);
+  bool flusher_runs_ ABSL_GUARDED_BY(mutex_) = false;
+  bool stop_flusher_ ABSL_GUARDED_BY(mutex_) = false;
+  bool unflushed_ ABSL_GUARDED_BY(mutex_) = false;
+  bool failing_ ABSL_GUARDED_BY(mutex_) = false;  // since a write failed and until one reaches the file
+};
+
+}  // namespace klbase_internal
+
+#endif  // KLBASE_LOG_FILE_H_

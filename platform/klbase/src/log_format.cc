@@ -1,0 +1,64 @@
+#include "log_format.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace klbase_internal {
+namespace {
+
+void Append(LogBuffer& out, std::string_view text) { out.append(text.data(), text.data() + text.size()); }
+
+// Only the record itself begins at the start of a line, and nothing that came from outside acts on a terminal.
+void AppendText(LogBuffer& out, std::string_view text) {
+  constexpr std::string_view kContinuation = "\n    ";
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      Append(out, kContinuation);
+    } else if ((byte < 0x20 && c != '\t') || byte == 0x7f) {
+      constexpr char kHex[] = "0123456789abcdef";
+      const char escape[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
+      Append(out, {escape, sizeof escape});
+    } else {
+      out.push_back(c);
+    }
+  }
+}
+
+}  // namespace
+
+void AppendFormatted(LogBuffer& out, const char* format, std::va_list arguments) {
+  std::va_list again;
+  va_copy(again, arguments);
+  const std::size_t start = out.size();
+  out.resize(out.capacity());
+  const int length = std::vsnprintf(out.data() + start, out.size() - start, format, arguments);
+  const std::size_t needed = start + static_cast<std::size_t>(length < 0 ? 0 : length);
+  if (length >= 0 && needed + 1 > out.size()) {
+    out.resize(needed + 1);
+    std::vsnprintf(out.data() + start, out.size() - start, format, again);
+  }
+  va_end(again);
+  out.resize(needed);
+  if (length < 0) Append(out, format);
+}
+
+void AppendLogLine(LogBuffer& out, const KlLogRecord& record, const std::timespec& time, long thread_id) {
+  std::tm local{};
+  localtime_r(&time.tv_sec, &local);
+  char head[96];
+  const int length = std::snprintf(head, sizeof head, "%04d-%02d-%02d %02d:%02d:%02d.%03ld %d %ld ",
+                                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                                   local.tm_sec, time.tv_nsec / 1'000'000, record.level, thread_id);
+  Append(out, {head, static_cast<std::size_t>(length)});
+  Append(out, record.source_file);
+  char line[16];
+  Append(out, {line, static_cast<std::size_t>(std::snprintf(line, sizeof line, ":%d ", record.line))});
+  Append(out, record.function);
+  Append(out, ": ");
+  AppendText(out, record.text);
+  out.push_back('\n');
+}
+
+}  // namespace klbase_internal
