@@ -1,0 +1,229 @@
+"""What the whole-process tests share: a network of their own, the tool and the daemons as children, and clients."""
+
+import ctypes
+import fcntl
+import os
+import pathlib
+import re
+import select
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+import pexpect
+import pytest
+
+BIN = pathlib.Path(os.environ["VEX_BIN"])
+SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
+LIMIT_S = 60 if SANITIZED else 20  # for anything that must happen; a healthy run needs a fraction
+
+
+def enter_private_network():
+    """Moves this process to a network namespace of its own, so that fixed ports and abstract socket names are free.
+    Where the machine refuses that, takes a lock, so that such tests run one at a time."""
+    new_user, new_net = 0x10000000, 0x40000000
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.unshare(new_net if os.geteuid() == 0 else new_user | new_net) != 0:
+        lock = open(f"/tmp/vextool-test-{os.getuid()}.lock", "w", encoding="ascii")
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        return lock
+    with socket.socket() as control:  # bring the loopback interface up: SIOCSIFFLAGS with IFF_UP | IFF_RUNNING
+        fcntl.ioctl(control, 0x8914, struct.pack("16sh14x", b"lo", 0x1 | 0x40))
+    return None
+
+
+NETWORK = enter_private_network()
+
+
+def wait_until(condition, what):
+    limit = time.monotonic() + LIMIT_S
+    while True:
+        result = condition()
+        if result:
+            return result
+        assert time.monotonic() < limit, f"{what} within {LIMIT_S} s"
+        select.select([], [], [], 0.005)
+
+
+class Child:
+    """A program under test; its output goes to files. Killed when the test ends."""
+
+    def __init__(self, folder, name, arguments, environment=None, stdin=subprocess.DEVNULL, **options):
+        self.out = folder / f"{name}.out"
+        self.err = folder / f"{name}.err"
+        with open(self.out, "ab") as out, open(self.err, "ab") as err:
+            self.process = subprocess.Popen([str(word) for word in arguments], stdin=stdin, stdout=out, stderr=err,
+                                            env=environment, **options)
+
+    def errors(self):
+        return self.err.read_text(errors="replace")
+
+    def output(self):
+        return self.out.read_text(errors="replace")
+
+    def wait(self):
+        return self.process.wait(LIMIT_S)
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+
+
+class Tool(Child):
+    """vextool serving its console on a free port."""
+
+    def __init__(self, folder, *flags, port=0, environment=None, **options):
+        self.log_file = folder / "vextool.log"
+        full = dict(os.environ, KLBASE_LOG_FILE=str(self.log_file), KLBASE_HISTORY_FILE=str(folder / "history"))
+        full.update(environment or {})
+        super().__init__(folder, "vextool", [BIN / "vextool", f"--cli_port={port}", *flags], full, **options)
+
+    def port(self):
+        found = wait_until(lambda: re.search(r"console listens on 127\.0\.0\.1:(\d+)", self.errors()) or self.gone(),
+                           "the console listens")
+        return int(found.group(1))
+
+    def gone(self):
+        assert self.process.poll() is None, f"vextool ended with {self.process.returncode}: {self.errors()}"
+
+    def log(self):
+        return self.log_file.read_text(errors="replace") if self.log_file.exists() else ""
+
+
+class Program:
+    """A program that talks to the console over a plain TCP connection: it speaks first."""
+
+    def __init__(self, port):
+        self.socket = socket.create_connection(("127.0.0.1", port), LIMIT_S)
+        self.received = b""
+
+    def send(self, data):
+        self.socket.sendall(data if isinstance(data, bytes) else data.encode())
+
+    def until(self, end):
+        """What was received up to and including `end`."""
+        end = end if isinstance(end, bytes) else end.encode()
+        limit = time.monotonic() + LIMIT_S
+        while end not in self.received:
+            assert select.select([self.socket], [], [], max(0, limit - time.monotonic()))[0], \
+                f"no {end!r} within {LIMIT_S} s; received {self.received[-500:]!r}"
+            data = self.socket.recv(65536)
+            assert data, f"closed before {end!r}; received {self.received[-500:]!r}"
+            self.received += data
+        at = self.received.index(end) + len(end)
+        taken, self.received = self.received[:at], self.received[at:]
+        return taken.decode(errors="replace")
+
+    def run(self, line, end="\n"):
+        self.send(line + "\n")
+        return self.until(end)
+
+    def finish(self):
+        """Closes the sending side and returns everything that still comes."""
+        self.socket.shutdown(socket.SHUT_WR)
+        return self.rest()
+
+    def rest(self):
+        self.socket.settimeout(LIMIT_S)
+        data = [self.received]
+        try:
+            while chunk := self.socket.recv(65536):
+                data.append(chunk)
+        except ConnectionResetError:
+            pass
+        self.received = b""
+        return b"".join(data).decode(errors="replace")
+
+    def close(self):
+        self.socket.close()
+
+
+@pytest.fixture
+def started():
+    """Collects what a test starts; ends it all in reverse."""
+    things = []
+    yield things
+    for thing in reversed(things):
+        thing.kill() if isinstance(thing, Child) else thing.close()
+
+
+@pytest.fixture
+def start_tool(tmp_path, started):
+    def start(*flags, **options):
+        started.append(Tool(tmp_path, *flags, **options))
+        return started[-1]
+    return start
+
+
+@pytest.fixture
+def tool(start_tool):
+    return start_tool()
+
+
+@pytest.fixture
+def connect(started):
+    def open_connection(port):
+        started.append(Program(port))
+        return started[-1]
+    return open_connection
+
+
+@pytest.fixture
+def telnet(started):
+    """Debian's telnet client under a terminal, connected and at the first prompt."""
+    def open_telnet(port):
+        session = pexpect.spawn("telnet", ["127.0.0.1", str(port)], timeout=LIMIT_S, encoding="utf-8",
+                                codec_errors="replace", env=dict(os.environ, TERM="xterm"))
+        started.append(session)
+        session.expect("main> ")
+        return session
+    return open_telnet
+
+
+@pytest.fixture
+def terminal(tmp_path, started):
+    """The tool's local console under a terminal."""
+    def open_terminal(*flags, **more):
+        environment = dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "vextool.log"), TERM="xterm",
+                           KLBASE_HISTORY_FILE=str(tmp_path / "history"), **more)
+        session = pexpect.spawn(str(BIN / "vextool"), ["--local_console", "--cli_port=0", *flags], timeout=LIMIT_S,
+                                encoding="utf-8", codec_errors="replace", env=environment)
+        started.append(session)
+        session.expect("main> ")
+        return session
+    return open_terminal
+
+
+@pytest.fixture
+def fake_encd(tmp_path, started):
+    """A scripted encoder daemon; see fake_encd.cc for its modes."""
+    def start(*mode):
+        name = f"fake_encd{len(started)}"
+        daemon = Child(tmp_path, name, [BIN / "fake_encd", *mode], dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / name)))
+        started.append(daemon)
+        wait_until(lambda: "listens on" in daemon.output(), "fake_encd listens")
+        return daemon
+    return start
+
+
+@pytest.fixture
+def start_encd(tmp_path, started):
+    """The real encoder daemon."""
+    def start():
+        daemon = Child(tmp_path, f"encd{len(started)}", [BIN / "encd", f"--record_dir={tmp_path}"],
+                       dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "encd.log")))
+        started.append(daemon)
+        wait_until(lambda: "listens on" in daemon.output(), "encd listens")
+        return daemon
+    return start
+
+
+def interrupt_and_wait(tool):
+    tool.signal(signal.SIGINT)
+    return tool.wait()

@@ -1,0 +1,133 @@
+"""Flags, exit status, log file and the ways in which the tool starts and ends."""
+
+import os
+import signal
+import socket
+import stat
+import subprocess
+
+import pexpect
+import pytest
+
+from conftest import BIN, LIMIT_S, interrupt_and_wait, wait_until
+
+
+def run_tool(*flags, environment=None, lines=""):
+    full = dict(os.environ, KLBASE_LOG_FILE="/dev/null")
+    full.update(environment or {})
+    return subprocess.run([BIN / "vextool", *flags], input=lines, capture_output=True, text=True, timeout=LIMIT_S,
+                          env=full, check=False)
+
+
+def test_without_flags_it_serves_port_50000_and_no_local_console(start_tool, connect, tmp_path):
+    tool = start_tool("--cli_port=50000")  # the fixture's own flag comes first; the last one counts
+    assert tool.port() == 50000
+    plain = subprocess.Popen([BIN / "vextool"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True, env=dict(os.environ, KLBASE_LOG_FILE="/dev/null"))
+    _, errors = plain.communicate(timeout=LIMIT_S)
+    assert plain.returncode == 255  # the port that it wants without a flag is the one that the first tool holds
+    assert "50000" in errors
+
+
+def test_help_shows_both_flags():
+    shown = run_tool("--helpfull").stdout
+    assert "vextool program" in shown
+    assert "cli telnet server port" in shown
+    assert "cli start local console" in shown
+
+
+@pytest.mark.parametrize("flag", ["--cli_port=abc", "--local_console=maybe", "--no_such_flag=1"])
+def test_a_bad_flag_is_reported_before_logging_starts(flag, tmp_path):
+    log = tmp_path / "log"
+    done = run_tool(flag, environment={"KLBASE_LOG_FILE": str(log)})
+    assert done.returncode == 1
+    assert flag.split("=")[0].lstrip("-") in done.stderr
+    assert not log.exists()
+
+
+@pytest.mark.parametrize("port", ["-1", "65536", "2147483647"])
+def test_a_port_out_of_range_ends_the_program_with_255_and_says_so(port):
+    done = run_tool(f"--cli_port={port}")
+    assert done.returncode == 255
+    assert done.stderr.startswith("Exception caugth in main: ")
+    assert port in done.stderr and "65535" in done.stderr
+
+
+def test_a_port_in_use_ends_the_program_with_255_and_says_what_to_do():
+    with socket.socket() as holder:
+        holder.bind(("127.0.0.1", 0))
+        holder.listen()
+        port = holder.getsockname()[1]
+        done = run_tool(f"--cli_port={port}")
+    assert done.returncode == 255
+    assert done.stderr.startswith("Exception caugth in main: ")
+    assert str(port) in done.stderr and "cli_port" in done.stderr
+
+
+def test_an_unwritable_log_is_one_line_and_the_tool_goes_on(start_tool):
+    tool = start_tool(environment={"KLBASE_LOG_FILE": "/proc/no/such/log"})
+    tool.port()
+    lines = [line for line in tool.errors().splitlines() if "/proc/no/such/log" in line]
+    assert len(lines) == 1
+    assert interrupt_and_wait(tool) == 1
+
+
+def test_sigint_unloads_the_modules_ends_logging_and_exits_with_1(tool):
+    tool.port()
+    assert interrupt_and_wait(tool) == 1
+    log = tool.log()
+    assert log.index("Load 0 Modules") < log.index("***** Unload all modules *****")
+
+
+def test_end_of_input_at_the_local_console_ends_with_0_and_unloads_nothing(tmp_path):
+    log = tmp_path / "log"
+    done = run_tool("--local_console", "--cli_port=0", environment={"KLBASE_LOG_FILE": str(log)})
+    assert done.returncode == 0
+    assert "Unload all modules" not in log.read_text()
+
+
+def test_the_start_record_needs_the_debug_option(tmp_path):
+    for debug, expected in (("0", 0), ("1", 1)):
+        log = tmp_path / f"log{debug}"
+        run_tool("--local_console", "--cli_port=0", environment={"KLBASE_LOG_FILE": str(log), "KLBASE_DEBUG": debug})
+        assert log.read_text().count("debug_flag:1, telent port: 0") == expected
+
+
+def test_the_log_has_the_records_of_a_start_in_order(tool):
+    tool.port()
+    log = tool.log()
+    positions = [log.index(text) for text in ("Load 0 Modules", "install rpc cli", "console listens on")]
+    assert positions == sorted(positions)
+    assert "modules/core/common/module_loader" in log
+    assert "LoadAllModules" in log
+
+
+def test_a_crash_report_lands_in_the_log(tool):
+    tool.port()
+    tool.signal(signal.SIGSEGV)
+    assert tool.wait() == -signal.SIGSEGV
+    assert "Program Exit:" in tool.log()
+    assert "SIGSEGV" in tool.log()
+
+
+def test_start_interrupted_at_any_moment_gives_status_1(start_tool):
+    """SIGINT from right after the handler is set to well after the console listens."""
+    for round_number in range(15):
+        tool = start_tool()
+        wait_until(lambda t=tool: "Load 0 Modules" in t.log() or t.process.poll() is not None, "loading begins")
+        if round_number % 3:
+            tool.port()
+        assert interrupt_and_wait(tool) == 1
+        tool.log_file.unlink()
+        tool.err.unlink()
+
+
+def test_the_history_file_is_private(tmp_path, terminal):
+    session = terminal()
+    session.send("help\r")
+    session.expect("main> ")
+    session.send("exit\r")
+    session.expect(pexpect.EOF)
+    mode = stat.S_IMODE((tmp_path / "history").stat().st_mode)
+    assert mode == 0o600
+    assert "help" in (tmp_path / "history").read_text()
