@@ -1,0 +1,38 @@
+#include "common/common_cli.h"
+
+#include <memory>
+#include <utility>
+
+#include "absl/strings/str_format.h"
+#include "cli/command.h"
+#include "klbase/log.h"
+
+namespace core {
+namespace {
+
+// The first word reads as what is set; there is only one thing to set, so it isn't looked at. Raising the debug level
+// shows nothing unless records of level 20 are written, so that is switched on as well.
+void SetDebugLevel(std::ostream& out, const std::string&, unsigned int level) {
+  KlLogSetLogLevel(20);
+  KlLogSetDebugLevel(level);
+  out << "\t debug level:\t" << kOptionDebug.load() << "\n";
+}
+
+void ShowVersion(std::ostream& out, const std::string&) {
+  static const std::string build_date =
+      absl::StrFormat("\tbuild-date:\t %04d-%02d-%02d_%02d:%02d:%02d", VEX_BUILD_YEAR, VEX_BUILD_MONTH, VEX_BUILD_DAY,
+                      VEX_BUILD_HOUR, VEX_BUILD_MINUTE, VEX_BUILD_SECOND);
+  static const std::string version = absl::StrFormat("git-version: %s", VEX_VERSION_TAG);
+  out << build_date << "\n" << version << "\n";
+}
+
+}  // namespace
+
+CommonCli::CommonCli(cli::Menu* parent) : RegisteredPlugin(kCoreCli) {
+  auto menu = std::make_unique<cli::Menu>(kCoreCli);
+  menu->Insert(cli::MakeCommand("set", &SetDebugLevel, "set debug level", {"debug", "level(int)"}));
+  menu->Insert(cli::MakeCommand("show", &ShowVersion, "show version", {"version"}));
+  parent->Insert(std::move(menu));
+}
+
+}  // namespace core
