@@ -1,0 +1,33 @@
+#include "example/apisdk/encd/encd_cil.h"
+
+#include <memory>
+#include <ostream>
+#include <utility>
+
+#include "apisdk/apisdk.h"
+#include "cli/command.h"
+#include "klbase/log.h"
+
+namespace {
+
+// A word that names no quality means the same as "low".
+apis::ApiEncoder::Qulity QualityOf(const std::string& word) {
+  if (word == "middle") return apis::ApiEncoder::kMiddle;
+  if (word == "high") return apis::ApiEncoder::kHigh;
+  return apis::ApiEncoder::kLow;
+}
+
+void SetQuality(std::ostream& out, const std::string& word) {
+  apis::ApiStatus status;
+  apis::ApiSdk::instance_.Encoder()->SetVideoQuality(QualityOf(word), status);
+  out << "code= " << status.code << " result=" << status.message << std::endl;
+}
+
+}  // namespace
+
+EncdCli::EncdCli(cli::Menu* parent) : RegisteredPlugin(kEncdCliName) {
+  KL_LOG(30, "install rpc cli\n");
+  auto menu = std::make_unique<cli::Menu>(kEncdCliName);
+  menu->Insert(cli::MakeCommand("SetQulity", &SetQuality, "send a proto message", {"qulity<low middle high>"}));
+  menu_ = parent->Insert(std::move(menu));
+}

@@ -1,0 +1,118 @@
+#include "example/exit_handling.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+#include "absl/synchronization/notification.h"
+#include "absl/time/time.h"
+#include "klbase/log.h"
+
+#if defined(__SANITIZE_THREAD__)
+// The interrupt handler allocates and locks, which is sound on a thread that only waits.
+extern "C" const char* __tsan_default_options() { return "report_signal_unsafe=0"; }
+#endif
+
+namespace vextool {
+namespace {
+
+constexpr int kInterruptStatus = 1;
+
+std::atomic<bool> end_begun = false;
+std::atomic<bool> interrupt_thread_ends = false;
+std::atomic<int> end_status = 0;
+std::thread interrupt_thread;
+
+// Never destroyed: the interrupt thread may use it while static objects are.
+absl::Notification& StartOver() {
+  static auto& over = *new absl::Notification;
+  return over;
+}
+
+// True for the first caller in the process's life.
+bool ClaimEnd() { return !end_begun.exchange(true); }
+
+[[noreturn]] void StandAside() {
+  for (;;) pause();
+}
+
+void WriteError(std::string_view text) {
+  [[maybe_unused]] const auto written = write(STDERR_FILENO, text.data(), text.size());
+}
+
+void OnEndLimit(int) {
+  WriteError("vextool: the end takes too long, leaving at once\n");
+  _exit(end_status);
+}
+
+// From here the process is gone within kEndLimit, whatever an exit handler or a destructor waits for.
+void LimitEnd(int status) {
+  end_status = status;
+  struct sigaction action = {};
+  action.sa_handler = &OnEndLimit;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval limit = {{0, 0}, {kEndLimit.count(), 0}};
+  setitimer(ITIMER_REAL, &limit, nullptr);
+}
+
+// SIGINT is open only inside sigsuspend(), so the handler never interrupts anything else on this thread either.
+void WaitForInterrupts() {
+  sigset_t open;
+  pthread_sigmask(SIG_SETMASK, nullptr, &open);
+  sigdelset(&open, SIGINT);
+  while (!interrupt_thread_ends) sigsuspend(&open);
+}
+
+void EndInterruptThread() {
+  if (!interrupt_thread.joinable()) return;
+  interrupt_thread_ends = true;
+  pthread_kill(interrupt_thread.native_handle(), SIGINT);
+  interrupt_thread.join();
+}
+
+}  // namespace
+
+void BlockInterrupt() {
+  sigset_t interrupt;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+}
+
+void InstallInterruptHandler(void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  interrupt_thread = std::thread(&WaitForInterrupts);
+}
+
+void EndStart() {
+  StartOver().Notify();
+  if (end_begun) StandAside();
+}
+
+void BeginNormalEnd(int status) {
+  if (!StartOver().HasBeenNotified()) StartOver().Notify();
+  if (!ClaimEnd()) StandAside();
+  LimitEnd(status);
+  EndInterruptThread();
+}
+
+bool BeginInterruptedEnd() {
+  if (!ClaimEnd()) return false;
+  LimitEnd(kInterruptStatus);
+  if (StartOver().WaitForNotificationWithTimeout(absl::FromChrono(kStartLimit))) return true;
+  WriteError("vextool: interrupted while a module loads, leaving without unloading\n");
+  KL_LOG(40, "interrupted while a module loads, leaving without unloading");
+  KlLogDestory();
+  _exit(kInterruptStatus);
+}
+
+}  // namespace vextool
