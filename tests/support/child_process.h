@@ -1,0 +1,88 @@
+// A program under test as a child process.
+#ifndef TESTS_SUPPORT_CHILD_PROCESS_H_
+#define TESTS_SUPPORT_CHILD_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/limits.h"
+
+namespace vextest {
+
+// How a process ended: with an exit code, or by a signal (the other is 0).
+struct ExitState {
+  int code = 0;
+  int signal = 0;
+
+  friend bool operator==(const ExitState&, const ExitState&) = default;
+};
+std::ostream& operator<<(std::ostream& out, const ExitState& state);
+
+// Killed and reaped by the destructor, and when this process dies. Its output is read while one of the waits runs. One
+// thread.
+class ChildProcess {
+ public:
+  struct Options {
+    std::vector<std::string> environment;  // "NAME=value": added to this process's own, in place of the same name
+    std::string directory;                 // where it runs; empty: here
+    bool pty = false;  // on a pseudo-terminal of its own, 80 x 24; its errors then come with its output
+  };
+
+  // Throws std::runtime_error when it can't be started. A program that can't be executed exits with code 127.
+  explicit ChildProcess(std::vector<std::string> arguments);
+  ChildProcess(std::vector<std::string> arguments, const Options& options);
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess();
+
+  pid_t Pid() const { return pid_; }
+  void Signal(int number);
+
+  // Writes to its standard input; false when it doesn't take everything within kLimit or is gone.
+  bool Write(std::string_view text);
+  // On a terminal, types the end-of-file key.
+  void CloseInput();
+
+  // Return whether `text` appeared within `limit` on standard output or standard error. Text that was found already
+  // counts again: see Forget().
+  bool WaitFor(std::string_view text, std::chrono::milliseconds limit = kLimit);
+  bool WaitForError(std::string_view text, std::chrono::milliseconds limit = kLimit);
+
+  // Waits for its end and everything it wrote; nothing when it is still alive after `limit`.
+  std::optional<ExitState> WaitExit(std::chrono::milliseconds limit = kLimit);
+
+  // What it wrote so far and was read.
+  const std::string& Output() const { return output_; }
+  const std::string& Errors() const { return errors_; }
+  // Drops it, so that a wait sees new text only.
+  void Forget();
+
+ private:
+  using Deadline = std::chrono::steady_clock::time_point;
+
+  bool Wait(const std::string& where, std::string_view text, std::chrono::milliseconds limit);
+  // Reads what there is, waiting for it or for the child's end until `deadline`; false when it is too late or nothing
+  // more can come.
+  bool Pump(Deadline deadline);
+  void Reap(int flags);
+
+  const bool pty_;
+  pid_t pid_ = -1;
+  int process_ = -1;  // readable once the child has ended
+  int input_ = -1;
+  int output_pipe_ = -1;
+  int error_pipe_ = -1;
+  std::string output_;
+  std::string errors_;
+  std::optional<ExitState> exit_;
+};
+
+}  // namespace vextest
+
+#endif  // TESTS_SUPPORT_CHILD_PROCESS_H_

@@ -1,0 +1,42 @@
+// Runs commands without a console.
+#ifndef TESTS_SUPPORT_FAKE_SESSION_H_
+#define TESTS_SUPPORT_FAKE_SESSION_H_
+
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/menu.h"
+#include "cli/session.h"
+
+namespace vextest {
+
+// A session in `menu`, which must outlive it; what commands print is kept. One thread.
+class FakeSession : public cli::Session {
+ public:
+  explicit FakeSession(cli::Menu& menu) : menu_(&menu) {}
+
+  std::ostream& OutStream() override { return out_; }
+  cli::Menu& CurrentMenu() override { return *menu_; }
+  void Enter(cli::Menu& menu) override { menu_ = &menu; }
+
+  // Runs the words in the current menu; returns whether a command took them. Exceptions pass through.
+  bool Run(const std::vector<std::string>& words) { return menu_->Dispatch(words, *this); }
+
+  // Returns what was printed since the last call.
+  std::string TakeText() {
+    std::string text = out_.str();
+    out_.str({});
+    return text;
+  }
+
+ private:
+  cli::Menu* menu_;
+  std::ostringstream out_;
+};
+
+}  // namespace vextest
+
+#endif  // TESTS_SUPPORT_FAKE_SESSION_H_

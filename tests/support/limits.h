@@ -1,0 +1,18 @@
+// How long tests wait for what must happen.
+#ifndef TESTS_SUPPORT_LIMITS_H_
+#define TESTS_SUPPORT_LIMITS_H_
+
+#include <chrono>
+
+namespace vextest {
+
+// A healthy run needs a fraction of it, also on a busy machine; only a failing test waits to its end.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::chrono::milliseconds kLimit{60'000};
+#else
+constexpr std::chrono::milliseconds kLimit{20'000};
+#endif
+
+}  // namespace vextest
+
+#endif  // TESTS_SUPPORT_LIMITS_H_

@@ -1,0 +1,56 @@
+#include "tests/support/log_capture.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "absl/time/time.h"
+#include "klbase/log.h"
+
+namespace vextest {
+
+std::ostream& operator<<(std::ostream& out, const LogRecord& record) {
+  return out << record.level << " " << record.file << " " << record.function << ": \"" << record.text << "\"";
+}
+
+LogCapture::LogCapture(int level, int debug) : level_before_(kOptionLogLevel), debug_before_(kOptionDebug) {
+  KlLogSetObserver([this](const KlLogRecord& record) { Add(record); });
+  KlLogSetLogLevel(level);
+  KlLogSetDebugLevel(static_cast<unsigned int>(debug));
+}
+
+LogCapture::~LogCapture() {
+  KlLogSetObserver(nullptr);
+  KlLogSetLogLevel(level_before_);
+  KlLogSetDebugLevel(static_cast<unsigned int>(debug_before_));
+}
+
+std::vector<LogRecord> LogCapture::Records() const { return RecordsOf(""); }
+
+std::vector<LogRecord> LogCapture::RecordsOf(std::string_view file_prefix) const {
+  absl::MutexLock lock(&mutex_);
+  std::vector<LogRecord> found;
+  std::copy_if(records_.begin(), records_.end(), std::back_inserter(found),
+               [file_prefix](const LogRecord& record) { return record.file.starts_with(file_prefix); });
+  return found;
+}
+
+void LogCapture::Clear() {
+  absl::MutexLock lock(&mutex_);
+  records_.clear();
+}
+
+bool LogCapture::WaitFor(const LogRecord& record, std::chrono::milliseconds limit) const {
+  absl::MutexLock lock(&mutex_);
+  const auto written = [this, &record]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) {
+    return std::find(records_.begin(), records_.end(), record) != records_.end();
+  };
+  return mutex_.AwaitWithTimeout(absl::Condition(&written), absl::FromChrono(limit));
+}
+
+void LogCapture::Add(const KlLogRecord& record) {
+  absl::MutexLock lock(&mutex_);
+  records_.push_back(
+      {record.level, std::string(record.source_file), std::string(record.function), std::string(record.text)});
+}
+
+}  // namespace vextest

@@ -1,0 +1,63 @@
+// Looks at the log records that the process writes.
+//
+//   LogCapture log;
+//   sdk.LoadApi({});
+//   EXPECT_THAT(log.Records(), ElementsAre(LogRecord{50, "modules/apisdk/apisdk", "LoadApi", "at least one ..."}));
+#ifndef TESTS_SUPPORT_LOG_CAPTURE_H_
+#define TESTS_SUPPORT_LOG_CAPTURE_H_
+
+#include <chrono>
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "klbase/log_sink.h"
+#include "tests/support/limits.h"
+
+namespace vextest {
+
+// A record without its line.
+struct LogRecord {
+  int level = 0;
+  std::string file;  // below the repository, without extension
+  std::string function;
+  std::string text;
+
+  friend bool operator==(const LogRecord&, const LogRecord&) = default;
+};
+std::ostream& operator<<(std::ostream& out, const LogRecord& record);
+
+// Collects all records of all threads from construction to destruction. One at a time. Any thread.
+class LogCapture {
+ public:
+  // Sets the log level and the debug level; the destructor puts the earlier ones back.
+  explicit LogCapture(int level = 10, int debug = 0);
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  ~LogCapture();
+
+  // In the order in which they were written.
+  std::vector<LogRecord> Records() const;
+  // Those of one source file, or of all files below a folder.
+  std::vector<LogRecord> RecordsOf(std::string_view file_prefix) const;
+  void Clear();
+
+  // Returns whether `record` was written within `limit`.
+  bool WaitFor(const LogRecord& record, std::chrono::milliseconds limit = kLimit) const;
+
+ private:
+  void Add(const KlLogRecord& record);
+
+  const int32_t level_before_;
+  const int32_t debug_before_;
+  mutable absl::Mutex mutex_;
+  std::vector<LogRecord> records_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace vextest
+
+#endif  // TESTS_SUPPORT_LOG_CAPTURE_H_

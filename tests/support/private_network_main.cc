@@ -1,0 +1,10 @@
+// main() of test programs that use the daemons' fixed addresses.
+#include <gmock/gmock.h>
+
+#include "tests/support/private_network.h"
+
+int main(int argc, char* argv[]) {
+  testing::InitGoogleMock(&argc, argv);
+  if (!testing::GTEST_FLAG(list_tests)) vextest::EnterPrivateNetwork();
+  return RUN_ALL_TESTS();
+}
