@@ -1,0 +1,144 @@
+// The one place that knows how this library uses gRPC's core: start, logging, channel arguments, bytes and codes.
+//
+// The core is used directly, not through the generated C++ stubs: requests are routed by message type, so a stub would
+// only add copies and completion steps to every call.
+#ifndef KLRPC_SRC_GRPC_CORE_H_
+#define KLRPC_SRC_GRPC_CORE_H_
+
+#include <google/protobuf/message.h>
+#include <grpc/byte_buffer.h>
+#include <grpc/grpc.h>
+#include <grpc/slice.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace klrpc {
+
+// Largest message that is sent, and what the other side accepts: the message with its envelope.
+constexpr std::size_t kMaxMessageBytes = 4u << 20;
+constexpr std::size_t kMaxFrameBytes = kMaxMessageBytes + (64u << 10);
+
+constexpr char kCallMethod[] = "/klrpc.v1.Transport/Call";
+constexpr char kPublishMethod[] = "/klrpc.v1.Transport/Publish";
+constexpr char kSubscribeMethod[] = "/klrpc.v1.Transport/Subscribe";
+// Metadata of a subscription: names the client process's stream owner, so that a wider stream replaces its predecessor.
+constexpr char kOwnerKey[] = "klrpc-owner";
+
+// Starts gRPC when this is the process's first use of it and routes its log lines to the log. gRPC is never shut down:
+// its threads may be busy with connections of others until the process is gone.
+void StartGrpc();
+
+// "UNAVAILABLE" for 14.
+const char* StatusName(grpc_status_code code);
+
+// A point in time as the core wants it; `none` of the past and of the far future.
+gpr_timespec DeadlineIn(std::chrono::milliseconds time);
+gpr_timespec Past();
+gpr_timespec Never();
+
+// Arguments of a channel or a server.
+class ChannelArgs {
+ public:
+  ChannelArgs& Set(const char* name, int value);
+  // Valid as long as this object is not changed.
+  const grpc_channel_args* Get();
+
+ private:
+  std::vector<grpc_arg> args_;
+  grpc_channel_args view_{};
+};
+
+// Owns a reference to bytes.
+class Slice {
+ public:
+  Slice() : slice_(grpc_empty_slice()) {}
+  explicit Slice(grpc_slice owned) : slice_(owned) {}
+  explicit Slice(std::string_view copied) : slice_(grpc_slice_from_copied_buffer(copied.data(), copied.size())) {}
+  Slice(const Slice& other) : slice_(grpc_slice_ref(other.slice_)) {}
+  Slice(Slice&& other) noexcept : slice_(other.slice_) { other.slice_ = grpc_empty_slice(); }
+  Slice& operator=(Slice other) noexcept {
+    std::swap(slice_, other.slice_);
+    return *this;
+  }
+  ~Slice() { grpc_slice_unref(slice_); }
+
+  const grpc_slice& Get() const { return slice_; }
+  grpc_slice* Reset() {
+    grpc_slice_unref(slice_);
+    slice_ = grpc_empty_slice();
+    return &slice_;
+  }
+  std::string_view View() const {
+    return {reinterpret_cast<const char*>(GRPC_SLICE_START_PTR(slice_)), GRPC_SLICE_LENGTH(slice_)};
+  }
+
+ private:
+  grpc_slice slice_;
+};
+
+// Owns a message as it travels.
+class Buffer {
+ public:
+  Buffer() = default;
+  explicit Buffer(const Slice& slice);
+  Buffer(const Buffer&) = delete;
+  Buffer& operator=(const Buffer&) = delete;
+  Buffer(Buffer&& other) noexcept : buffer_(std::exchange(other.buffer_, nullptr)) {}
+  Buffer& operator=(Buffer&& other) noexcept {
+    std::swap(buffer_, other.buffer_);
+    return *this;
+  }
+  ~Buffer() { Reset(); }
+
+  grpc_byte_buffer* Get() const { return buffer_; }
+  // Empties this and gives the place to put a received message into.
+  grpc_byte_buffer** Reset();
+  explicit operator bool() const { return buffer_ != nullptr; }
+  // All bytes in one piece.
+  Slice Flat() const;
+  bool ParseInto(google::protobuf::MessageLite& message) const;
+
+ private:
+  grpc_byte_buffer* buffer_ = nullptr;
+};
+
+Slice Serialize(const google::protobuf::MessageLite& message);
+
+// `message` as the Any that carries it, in one piece and without a copy on the way. An Any is serialised as it stands.
+Slice SerializeAsAny(const google::protobuf::Message& message);
+
+// Something that waits on a completion queue; its address is the tag.
+class Event {
+ public:
+  Event() = default;
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+  virtual ~Event() = default;
+
+  // Called by the thread that took the event from the queue. `ok` is gRPC's word for "it took place".
+  virtual void Run(bool ok) = 0;
+
+  // The tag to hand to gRPC. What was written before is seen by the thread that gets the event; gRPC sees to that too,
+  // but in a way that only gRPC's own build shows to a thread checker.
+  void* Arm() {
+    armed_.store(true, std::memory_order_release);
+    return this;
+  }
+  static Event* FromTag(void* tag) {
+    auto* event = static_cast<Event*>(tag);
+    event->armed_.load(std::memory_order_acquire);
+    return event;
+  }
+
+ private:
+  std::atomic<bool> armed_{false};
+};
+
+}  // namespace klrpc
+
+#endif  // KLRPC_SRC_GRPC_CORE_H_
