@@ -1,20 +1,28 @@
+#include <utility>
+
 #include "core/module.h"
 
 namespace core {
-namespace {
-
-// Never destroyed: registrations come from static initialisers of any file, in any order.
-std::map<std::string, ModuleFactory::Creator>& Registry() {
-  static auto& registry = *new std::map<std::string, ModuleFactory::Creator>;
-  return registry;
-}
-
-}  // namespace
 
 bool ModuleFactory::Register(const std::string& name, Creator creator) {
-  return Registry().try_emplace(name, std::move(creator)).second;
+  return RegisterMethod().try_emplace(name, std::move(creator)).second;
 }
 
-const std::map<std::string, ModuleFactory::Creator>& ModuleFactory::RegisterMethod() { return Registry(); }
+std::vector<std::string> ModuleFactory::Names() {
+  std::vector<std::string> names;
+  for (const auto& [name, creator] : RegisterMethod()) names.push_back(name);
+  return names;
+}
+
+std::unique_ptr<Module> ModuleFactory::Create(const std::string& name) {
+  const auto found = RegisterMethod().find(name);
+  return found == RegisterMethod().end() ? nullptr : found->second();
+}
+
+// Never destroyed: registrations come from static initialisers of any file, in any order.
+std::map<std::string, ModuleFactory::Creator>& ModuleFactory::RegisterMethod() {
+  static auto& register_method = *new std::map<std::string, Creator>;
+  return register_method;
+}
 
 }  // namespace core

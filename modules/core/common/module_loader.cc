@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
+#include <utility>
 
 #include "klbase/log.h"
 
@@ -16,31 +18,28 @@ namespace {
   std::abort();
 }
 
-std::vector<std::string> RegisteredNames() {
-  std::vector<std::string> names;
-  for (const auto& [name, creator] : ModuleFactory::RegisterMethod()) names.push_back(name);
-  return names;
-}
-
-std::unique_ptr<Module> CreateModule(const std::string& name) {
-  const auto& registry = ModuleFactory::RegisterMethod();
-  const auto found = registry.find(name);
-  return found == registry.end() ? nullptr : found->second();
-}
-
 }  // namespace
 
 ModuleLoader::~ModuleLoader() {
   for (auto& module : modules_) module.reset();
 }
 
+// absl::call_once takes a function that throws for one that never ends, so an exception goes around it.
 void ModuleLoader::Initialize() {
-  absl::call_once(once_, [this] { LoadAllModules(); });
+  std::exception_ptr failure;
+  absl::call_once(once_, [this, &failure] {
+    try {
+      LoadAllModules();
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  });
+  if (failure) std::rethrow_exception(failure);
 }
 
 void ModuleLoader::LoadAllModules() {
-  for (const auto& name : RegisteredNames()) {
-    auto module = CreateModule(name);
+  for (const auto& name : ModuleFactory::Names()) {
+    auto module = ModuleFactory::Create(name);
     if (module) {
       modules_.push_back(std::move(module));
     } else {

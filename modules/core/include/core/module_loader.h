@@ -20,8 +20,8 @@ class ModuleLoader {
   ModuleLoader& operator=(const ModuleLoader&) = delete;
   ~ModuleLoader();
 
-  // Runs LoadAllModules() on the first call that gets through it; a concurrent call waits for that one. Never loads
-  // again, not even after Uninitialize().
+  // Runs LoadAllModules() on the first call; a concurrent call waits for it. Never loads again, not even after
+  // Uninitialize() or when the first call threw.
   void Initialize();
 
   // Creates every registered module in order of name, sorts them by ascending priority and loads one after another. A

@@ -1,0 +1,244 @@
+#include "core/module_loader.h"
+
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "absl/synchronization/notification.h"
+#include "core/module.h"
+#include "klbase/log.h"
+#include "tests/support/log_capture.h"
+
+namespace core {
+
+class ModuleFactoryPeer {
+ public:
+  static std::map<std::string, ModuleFactory::Creator>& Registry() { return ModuleFactory::RegisterMethod(); }
+};
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+using vextest::LogCapture;
+using vextest::LogRecord;
+
+LogRecord Loading(int level, const std::string& text) {
+  return {level, "modules/core/common/module_loader", "LoadAllModules", text};
+}
+LogRecord Unloading(int level, const std::string& text) {
+  return {level, "modules/core/common/module_loader", "Uninitialize", text};
+}
+
+// Does what the test says and tells it what was called.
+class ScriptedModule : public Module {
+ public:
+  struct Script {
+    std::string name;
+    uint32_t priority = 0;
+    std::function<bool()> load = [] { return true; };
+    bool unload = true;
+  };
+
+  ScriptedModule(Script script, std::vector<std::string>& calls) : script_(std::move(script)), calls_(calls) {}
+  ~ScriptedModule() override { calls_.push_back("destroy " + script_.name); }
+
+  const std::string& Name() override { return script_.name; }
+  bool Load() override {
+    calls_.push_back("load " + script_.name);
+    return script_.load();
+  }
+  bool Unload() override {
+    calls_.push_back("unload " + script_.name);
+    return script_.unload;
+  }
+  uint32_t Priority() override { return script_.priority; }
+
+ private:
+  const Script script_;
+  std::vector<std::string>& calls_;
+};
+
+// With no module registered but those of the test.
+class ModuleLoaderTest : public testing::Test {
+ protected:
+  ModuleLoaderTest() { ModuleFactoryPeer::Registry().swap(registered_by_others_); }
+  ~ModuleLoaderTest() override { ModuleFactoryPeer::Registry().swap(registered_by_others_); }
+
+  bool Register(const ScriptedModule::Script& script) {
+    return ModuleFactory::Register(script.name,
+                                   [this, script] { return std::make_unique<ScriptedModule>(script, calls_); });
+  }
+
+  std::vector<std::string> calls_;
+
+ private:
+  std::map<std::string, ModuleFactory::Creator> registered_by_others_;
+};
+
+TEST_F(ModuleLoaderTest, WithoutModulesWritesTheirCountOnly) {
+  ModuleLoader loader;
+  LogCapture log;
+  loader.Initialize();
+  EXPECT_THAT(log.Records(), ElementsAre(Loading(30, "Load 0 Modules")));
+}
+
+TEST_F(ModuleLoaderTest, LoadsByAscendingPriorityWithARecordEach) {
+  Register({.name = "Late", .priority = 1020});
+  Register({.name = "early", .priority = 10});
+  ModuleLoader loader;
+  LogCapture log;
+  loader.Initialize();
+  EXPECT_THAT(calls_, ElementsAre("load early", "load Late"));
+  EXPECT_THAT(log.Records(), ElementsAre(Loading(30, "Load 2 Modules"), Loading(30, "Load Module ***early***."),
+                                         Loading(30, "Load Module ***Late***.")));
+}
+
+TEST_F(ModuleLoaderTest, LoadsModulesOfEqualPriorityInOrderOfName) {
+  for (const char* name : {"b", "B", "a", "C"}) Register({.name = name, .priority = 7});
+  ModuleLoader().Initialize();
+  calls_.resize(4);  // what follows is their destruction
+  EXPECT_THAT(calls_, ElementsAre("load B", "load C", "load a", "load b"));
+}
+
+TEST_F(ModuleLoaderTest, ComparesPrioritiesAsUnsigned) {
+  Register({.name = "a", .priority = 0xFFFFFFFF});
+  Register({.name = "b", .priority = 1});
+  ModuleLoader loader;
+  loader.Initialize();
+  EXPECT_THAT(calls_, ElementsAre("load b", "load a"));
+}
+
+TEST_F(ModuleLoaderTest, AModuleThatFailsToLoadIsLoggedAndStaysInTheList) {
+  Register({.name = "a", .load = [] { return false; }});
+  Register({.name = "b"});
+  ModuleLoader loader;
+  LogCapture log;
+  loader.Initialize();
+  EXPECT_THAT(log.Records(), ElementsAre(Loading(30, "Load 2 Modules"), Loading(30, "Load Module ***a***."),
+                                         Loading(40, "Load Module a  failed."), Loading(30, "Load Module ***b***.")));
+  loader.Uninitialize();
+  EXPECT_THAT(calls_, ElementsAre("load a", "load b", "unload a", "unload b"));
+}
+
+TEST_F(ModuleLoaderTest, UnloadsInLoadOrderAndGoesOnAfterAFailure) {
+  Register({.name = "a", .priority = 2});
+  Register({.name = "b", .priority = 1, .unload = false});
+  ModuleLoader loader;
+  loader.Initialize();
+  LogCapture log;
+  loader.Uninitialize();
+  EXPECT_THAT(log.Records(),
+              ElementsAre(Unloading(30, "***** Unload all modules *****"), Unloading(30, "UnLoad Module ***b***."),
+                          Unloading(50, "unload module(b)"), Unloading(30, "UnLoad Module ***a***.")));
+}
+
+TEST_F(ModuleLoaderTest, InitializesOnceEvenAfterUnloading) {
+  Register({.name = "a"});
+  ModuleLoader loader;
+  loader.Initialize();
+  loader.Uninitialize();
+  LogCapture log;
+  loader.Initialize();
+  EXPECT_THAT(log.Records(), IsEmpty());
+  EXPECT_THAT(calls_, ElementsAre("load a", "unload a"));
+}
+
+TEST_F(ModuleLoaderTest, AConcurrentInitializeWaitsForTheFirst) {
+  absl::Notification loading, may_end;
+  Register({.name = "a", .load = [&] {
+              loading.Notify();
+              may_end.WaitForNotification();
+              calls_.push_back("loaded");
+              return true;
+            }});
+  ModuleLoader loader;
+  std::thread first([&] { loader.Initialize(); });
+  loading.WaitForNotification();
+  std::thread second([&] {
+    loader.Initialize();
+    calls_.push_back("second returns");
+  });
+  may_end.Notify();
+  first.join();
+  second.join();
+  EXPECT_THAT(calls_, ElementsAre("load a", "loaded", "second returns"));
+}
+
+TEST_F(ModuleLoaderTest, TheFirstRegistrationOfANameWins) {
+  EXPECT_TRUE(Register({.name = "a", .priority = 1}));
+  LogCapture log;
+  EXPECT_FALSE(Register({.name = "a", .load = []() -> bool { throw std::logic_error("the later creator was used"); }}));
+  EXPECT_THAT(log.Records(), IsEmpty());
+  ModuleLoader loader;
+  loader.Initialize();
+  EXPECT_THAT(calls_, ElementsAre("load a"));
+}
+
+TEST_F(ModuleLoaderTest, AnExceptionOutOfLoadPassesThroughOnce) {
+  Register({.name = "a", .load = []() -> bool { throw std::runtime_error("no device"); }});
+  Register({.name = "b"});
+  ModuleLoader loader;
+  EXPECT_THROW(loader.Initialize(), std::runtime_error);
+  EXPECT_NO_THROW(loader.Initialize());
+  EXPECT_THAT(calls_, ElementsAre("load a"));
+}
+
+TEST_F(ModuleLoaderTest, AnEmptyCreatorThrows) {
+  ModuleFactory::Register("a", nullptr);
+  ModuleLoader loader;
+  EXPECT_THROW(loader.Initialize(), std::bad_function_call);
+}
+
+TEST_F(ModuleLoaderTest, ACreatorThatMakesNothingIsPassedOverWhileWarningsAreOff) {
+  ModuleFactory::Register("a", [] { return nullptr; });
+  Register({.name = "b"});
+  ModuleLoader loader;
+  LogCapture log(50);
+  loader.Initialize();
+  EXPECT_THAT(calls_, ElementsAre("load b"));
+}
+
+TEST_F(ModuleLoaderTest, DestroysInListOrderWithoutUnloading) {
+  Register({.name = "a", .priority = 2});
+  Register({.name = "b", .priority = 1});
+  std::make_unique<ModuleLoader>()->Initialize();
+  EXPECT_THAT(calls_, ElementsAre("load b", "load a", "destroy b", "destroy a"));
+}
+
+using ModuleLoaderDeathTest = ModuleLoaderTest;
+
+TEST_F(ModuleLoaderDeathTest, ACreatorThatMakesNothingStopsTheProgram) {
+  ModuleFactory::Register("ghost", [] { return nullptr; });
+  ModuleLoader loader;
+  LogCapture log(40);
+  EXPECT_EXIT(loader.Initialize(), testing::KilledBySignal(SIGABRT), "module \"ghost\": its creator made no module");
+}
+
+// Registers itself as modules of the program do.
+class SelfRegisteredModule : public ScriptedModule {
+ public:
+  SelfRegisteredModule() : ScriptedModule({.name = "SelfRegistered"}, unwatched_) {}
+
+ private:
+  inline static std::vector<std::string> unwatched_;
+};
+
+const std::string ModuleID = "SelfRegistered";
+const RegisteredModuleFactory<SelfRegisteredModule, &ModuleID> registration;
+
+TEST(RegisteredModuleFactoryTest, RegistersItsModuleBeforeMain) {
+  EXPECT_THAT(ModuleFactory::Names(), testing::Contains("SelfRegistered"));
+  EXPECT_EQ(ModuleFactory::Create("SelfRegistered")->Name(), "SelfRegistered");
+}
+
+TEST(ModuleFactoryTest, MakesNothingForAnUnknownName) { EXPECT_EQ(ModuleFactory::Create("unknown"), nullptr); }
+
+}  // namespace
+}  // namespace core
