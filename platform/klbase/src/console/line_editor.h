@@ -17,7 +17,8 @@ class History;
 // The longest line that is accepted, in bytes, without its end.
 inline constexpr std::size_t kMaxLineBytes = 4096;
 
-// What the Tab key can make of the text before the cursor: `start` is where the text that the candidates replace begins.
+// What the Tab key can make of the text before the cursor: `start` is where the text that the candidates replace
+// begins.
 struct Completion {
   std::size_t start = 0;
   std::vector<std::string> candidates;
@@ -26,9 +27,9 @@ struct Completion {
 class LineEditor {
  public:
   enum class Display {
-    kNone,     // nothing is shown: a program reads the other end
-    kPrompt,   // prompts, but neither echo nor escape sequences: the other end echoes for itself
-    kFull,     // echo, cursor movement, completion lists, hints
+    kNone,    // nothing is shown: a program reads the other end
+    kPrompt,  // prompts, but neither echo nor escape sequences: the other end echoes for itself
+    kFull,    // echo, cursor movement, completion lists, hints
   };
   enum class Event {
     kNone,        // all input is consumed
@@ -41,8 +42,8 @@ class LineEditor {
     std::size_t consumed = 0;  // bytes of the input that were used
     Event event = Event::kNone;
   };
-  // Both are called from Feed() and must not throw. `Completer` gets the text before the cursor. `Hinter` gets the whole
-  // line and returns what is still to be typed after it ("" for nothing); shown dim behind the line.
+  // Both are called from Feed() and must not throw. `Completer` gets the text before the cursor. `Hinter` gets the
+  // whole line and returns what is still to be typed after it ("" for nothing); shown dim behind the line.
   using Completer = std::function<Completion(std::string_view text)>;
   using Hinter = std::function<std::string(std::string_view line)>;
 
