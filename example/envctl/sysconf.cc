@@ -1,0 +1,138 @@
+#include "example/envctl/sysconf.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+
+namespace {
+
+constexpr std::size_t kCommandSize = 128;
+constexpr std::size_t kReplySize = 128;
+constexpr std::size_t kListLineSize = 4096;
+constexpr std::size_t kValSize = 4096;
+constexpr int kAttempts = 3;
+
+// What a failed start is reported with.
+constexpr int kGetMark = 54;
+constexpr int kPrintMark = 93;
+constexpr int kSetMark = 122;
+constexpr int kBootLoaderMark = 163;
+
+ABSL_CONST_INIT absl::Mutex val_mutex(absl::kConstInit);
+char val[kValSize] ABSL_GUARDED_BY(val_mutex);
+
+FILE* Start(const char* command, int mark) {
+  FILE* const pipe = popen(command, "r");
+  if (pipe == nullptr) {
+    std::printf("<%d>popen read_device_info", mark);
+    std::fflush(stdout);  // it ends no line, so nothing else would show it soon
+  }
+  return pipe;
+}
+
+void CutAtLast(char* line, char end) {
+  if (char* const found = std::strrchr(line, end)) *found = '\0';
+}
+
+void CutLineEnd(char* line) {
+  CutAtLast(line, '\n');
+  CutAtLast(line, '\r');
+}
+
+// Reads the first line of the tool's answer, ends the tool, and copies what follows the first "=" to `dst`.
+int ReadValue(FILE* pipe, char* dst) {
+  char line[kReplySize] = "";
+  int result = -1;
+  if (std::fgets(line, sizeof line, pipe) != nullptr) {
+    CutLineEnd(line);
+    if (const char* const equals = std::strchr(line, '=')) {
+      std::strcpy(dst, equals + 1);
+      result = 0;
+    }
+  }
+  pclose(pipe);
+  return result;
+}
+
+bool Fits(int length) { return length >= 0 && static_cast<std::size_t>(length) < kCommandSize; }
+
+// One attempt.
+int get_value(const char* name, char* dst) {
+  if (name == nullptr) return -1;
+  char command[kCommandSize];
+  if (!Fits(std::snprintf(command, sizeof command, "/usr/kelo/bin/sysconfig get %s", name))) return -1;
+  FILE* const pipe = Start(command, kGetMark);
+  return pipe == nullptr ? -1 : ReadValue(pipe, dst);
+}
+
+int print_all() {
+  FILE* const pipe = Start("/usr/kelo/bin/sysconfig print", kPrintMark);
+  if (pipe == nullptr) return -1;
+  char line[kListLineSize];
+  while (std::fgets(line, sizeof line, pipe) != nullptr) {
+    CutLineEnd(line);
+    std::fprintf(stderr, "%s\n", line);
+  }
+  pclose(pipe);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+char* sysconf_getenv_safe(const char* name, char* buffer) {
+  if (name == nullptr || buffer == nullptr) return nullptr;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (get_value(name, buffer) == 0) return buffer;
+  }
+  return nullptr;
+}
+
+// Callers on two threads get each other's values, but nothing is written by two at once: the tool runs without the
+// lock.
+char* sysconf_getenv(const char* name) {
+  {
+    absl::MutexLock lock(&val_mutex);
+    std::memset(val, 0, sizeof val);
+  }
+  char value[kReplySize];
+  if (sysconf_getenv_safe(name, value) == nullptr) return nullptr;
+  absl::MutexLock lock(&val_mutex);
+  return std::strcpy(val, value);
+}
+
+char* fw_getenv(const char* name, char* buffer) {
+  if (name == nullptr || buffer == nullptr) return nullptr;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    char command[kCommandSize];
+    std::snprintf(command, sizeof command, "fw_printenv %s", name);
+    FILE* const pipe = Start(command, kBootLoaderMark);
+    if (pipe != nullptr && ReadValue(pipe, buffer) == 0) return buffer;
+  }
+  return nullptr;
+}
+
+int sysconf_setenv(const char* name, const char* value) {
+  if (name == nullptr) return -1;
+  char command[kCommandSize];
+  const int length = value == nullptr
+                         ? std::snprintf(command, sizeof command, "/usr/kelo/bin/sysconfig set %s", name)
+                         : std::snprintf(command, sizeof command, "/usr/kelo/bin/sysconfig set %s %s", name, value);
+  if (!Fits(length)) return -1;
+  FILE* const pipe = Start(command, kSetMark);
+  if (pipe == nullptr) return -1;
+  pclose(pipe);
+  return 0;
+}
+
+int sysconf_printenv(void) { return print_all(); }
+
+int sysconf_openenv(void) { return 0; }
+
+int sysconf_closeenv(void) { return 0; }
+
+}  // extern "C"

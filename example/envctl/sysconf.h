@@ -1,0 +1,46 @@
+// Reads, lists and writes the device's persistent settings by running the device's own tools: /usr/kelo/bin/sysconfig,
+// and fw_printenv for the boot loader's environment. For C and C++.
+//
+// Names and values go to the shell as they are, without quoting: pass none that come from strangers. A name or value
+// that makes the command longer than 127 characters is refused before anything is started.
+//
+// Each attempt costs one child process. None of these functions throws. Each waits for the tool it started, however
+// long that takes. A tool that cannot be started is reported on standard output as "<N>popen read_device_info", where N
+// tells the operation: 54 get, 93 print, 122 set, 163 boot loader.
+//
+// A tool inherits the calling thread's signal mask: where SIGINT is blocked, Ctrl-C doesn't end it. (To open SIGINT for
+// the time of the start would have the interrupt handler run on the calling thread, in the middle of popen.)
+#ifndef EXAMPLE_ENVCTL_SYSCONF_H_
+#define EXAMPLE_ENVCTL_SYSCONF_H_
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Read the setting `name`, or the boot loader's variable, into `buffer` and return it. `buffer` must hold 128 bytes: of
+// what the tool answers, "NAME=VALUE", the first 127 characters are read. NULL when an argument is NULL, or when three
+// attempts gave nothing of that form; what `buffer` holds is then not defined. Any thread.
+//
+// fw_getenv cuts its command at 127 characters instead of refusing it.
+char* sysconf_getenv_safe(const char* name, char* buffer);
+char* fw_getenv(const char* name, char* buffer);
+
+// The same into a buffer of the process, which the next call of any thread overwrites: for one thread at a time.
+char* sysconf_getenv(const char* name);
+
+// Writes the setting `name`; with a NULL `value` the tool gets the name alone. Returns 0 when the tool was started,
+// also when it failed; -1 when it was not, or when `name` is NULL. Any thread.
+int sysconf_setenv(const char* name, const char* value);
+
+// Writes all settings to standard error, one per line. Returns 0, or -1 when the tool could not be started. Any thread.
+int sysconf_printenv(void);
+
+// Do nothing and return 0.
+int sysconf_openenv(void);
+int sysconf_closeenv(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // EXAMPLE_ENVCTL_SYSCONF_H_

@@ -1,0 +1,20 @@
+// Prints the blocks of lines that received events become.
+#ifndef EXAMPLE_RPCSERVICE_PUBSUB_EVENT_BLOCK_H_
+#define EXAMPLE_RPCSERVICE_PUBSUB_EVENT_BLOCK_H_
+
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+// One line of a block: its label, ended by the colon, and the value as it is shown.
+struct EventLine {
+  std::string_view label;
+  std::string value;
+};
+
+// Writes a line of 39 asterisks and then `lines` to standard output. Each line is written whole and flushed; blocks of
+// several threads don't mix. What else the process prints may come between two lines. Any thread; a reader that takes
+// nothing holds up the caller and every other one.
+void PrintEventBlock(std::initializer_list<EventLine> lines);
+
+#endif  // EXAMPLE_RPCSERVICE_PUBSUB_EVENT_BLOCK_H_
