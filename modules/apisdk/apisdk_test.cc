@@ -1,0 +1,198 @@
+#include "apisdk/apisdk.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "apisdk/pubsub_sdk.h"
+#include "klbase/log_sink.h"
+#include "klrpc/api_client.h"
+#include "tests/support/log_capture.h"
+
+namespace apis {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using vextest::LogCapture;
+using vextest::LogRecord;
+
+LogRecord Record(int level, const std::string& function, const std::string& text) {
+  return {level, "modules/apisdk/apisdk", function, text};
+}
+
+constexpr char kDisabled[] = "this api disable. need enable api with LoadApi.";
+constexpr char kNoReload[] = "current api modules already load, not support reload.";
+
+// A new SDK that lives to the end of the process, because the publish/subscribe holder keeps reaching its clients.
+ApiSdk& NewSdk() {
+  static auto& kept = *new std::vector<std::unique_ptr<ApiSdk>>;
+  return *kept.emplace_back(std::make_unique<ApiSdk>());
+}
+
+Context ContextOf(const std::string& host) {
+  Context context;
+  context.SetHost(host);
+  return context;
+}
+
+TEST(ApiSdkTest, StartsEmpty) {
+  ApiSdk sdk;
+  LogCapture log;
+  EXPECT_FALSE(sdk.HasApiModule(ApiSdk::kPlayd));
+  EXPECT_FALSE(sdk.HasApiModule(ApiSdk::kEncd));
+  EXPECT_FALSE(sdk.HasApiModule(static_cast<ApiSdk::ApiModule>(3)));
+  EXPECT_THAT(log.Records(), IsEmpty());
+  EXPECT_EQ(sdk.Encoder(), nullptr);
+  EXPECT_EQ(sdk.Player(), nullptr);
+  EXPECT_THAT(log.Records(), ElementsAre(Record(50, "Encoder", kDisabled), Record(50, "Player", kDisabled)));
+}
+
+TEST(ApiSdkTest, LoadsTheEncoderAlone) {
+  ApiSdk& sdk = NewSdk();
+  LogCapture log;
+  sdk.LoadApi({ApiSdk::kEncd});
+  EXPECT_THAT(log.Records(), IsEmpty());
+  EXPECT_TRUE(sdk.HasApiModule(ApiSdk::kEncd));
+  EXPECT_FALSE(sdk.HasApiModule(ApiSdk::kPlayd));
+  EXPECT_NE(sdk.Encoder(), nullptr);
+  EXPECT_EQ(sdk.Player(), nullptr);
+  EXPECT_NE(ApiPubSubSdk::instance_.PubSubEncd(), nullptr);
+}
+
+TEST(ApiSdkTest, RefusesASecondLoadAndChangesNothing) {
+  ApiSdk& sdk = NewSdk();
+  sdk.LoadApi({ApiSdk::kEncd});
+  const ApiEncoder* encoder = sdk.Encoder();
+  LogCapture log;
+  sdk.LoadApi({ApiSdk::kPlayd});
+  EXPECT_THAT(log.Records(), ElementsAre(Record(40, "LoadApi", kNoReload)));
+  EXPECT_FALSE(sdk.HasApiModule(ApiSdk::kPlayd));
+  EXPECT_EQ(sdk.Player(), nullptr);
+  EXPECT_EQ(sdk.Encoder(), encoder);
+}
+
+TEST(ApiSdkTest, LoadsBothApisWithTheirClients) {
+  ApiSdk& sdk = NewSdk();
+  sdk.LoadApi({ApiSdk::kPlayd, ApiSdk::kEncd});
+  EXPECT_NE(sdk.Encoder(), nullptr);
+  EXPECT_NE(sdk.Player(), nullptr);
+  EXPECT_NE(ApiPubSubSdk::instance_.PubSubEncd(), nullptr);
+  EXPECT_NE(ApiPubSubSdk::instance_.PubSubPlayd(), nullptr);
+  EXPECT_EQ(ApiPubSubSdk::instance_.PubSubSyncd(), nullptr);
+  EXPECT_EQ(ApiPubSubSdk::instance_.PubSubOsd(), nullptr);
+}
+
+TEST(ApiSdkTest, DaemonClientsUseTheLocalAddressesAndTheDefaultBackOff) {
+  ApiSdk& sdk = NewSdk();
+  sdk.LoadApi({ApiSdk::kPlayd, ApiSdk::kEncd});
+  EXPECT_EQ(sdk.ApiClientEncd().Options().Address(), "unix-abstract:encd@default");
+  EXPECT_EQ(sdk.ApiClientPlayd().Options().Address(), "unix-abstract:playd@default");
+  for (const klrpc::APIClient* client : {&sdk.ApiClientEncd(), &sdk.ApiClientPlayd()}) {
+    EXPECT_EQ(client->Options().MaxBackoffMs(), 1500);
+    EXPECT_EQ(client->Options().MinBackoffMs(), 200);
+    EXPECT_EQ(client->Options().InitialBackoffMs(), 500);
+    EXPECT_FALSE(client->Options().Remote());
+  }
+}
+
+TEST(ApiSdkTest, RefusesAnEmptySetAndLoadsLater) {
+  ApiSdk& sdk = NewSdk();
+  LogCapture log;
+  sdk.LoadApi({});
+  EXPECT_THAT(log.Records(), ElementsAre(Record(50, "LoadApi", "at least one module is enabled")));
+  sdk.LoadApi({ApiSdk::kEncd});
+  EXPECT_NE(sdk.Encoder(), nullptr);
+}
+
+TEST(ApiSdkTest, KeepsAnUnknownModuleThatBlocksEveryLaterLoad) {
+  ApiSdk sdk;
+  const auto unknown = static_cast<ApiSdk::ApiModule>(3);
+  sdk.LoadApi({unknown});
+  EXPECT_TRUE(sdk.HasApiModule(unknown));
+  LogCapture log;
+  sdk.LoadApi({ApiSdk::kEncd});
+  EXPECT_EQ(sdk.Encoder(), nullptr);
+  EXPECT_THAT(log.Records(), ElementsAre(Record(40, "LoadApi", kNoReload), Record(50, "Encoder", kDisabled)));
+}
+
+TEST(ApiSdkTest, MakesOneNodeClientForEachHost) {
+  ApiSdk sdk;
+  klrpc::APIClient& client = sdk.ApiNodeClientSyncd(ContextOf("device"));
+  EXPECT_EQ(&sdk.ApiNodeClientSyncd(ContextOf("device")), &client);
+  EXPECT_NE(&sdk.ApiNodeClientSyncd(ContextOf("Device")), &client);
+}
+
+TEST(ApiSdkTest, NodeClientsUseTheNodePortAndAreRemote) {
+  ApiSdk sdk;
+  const auto& options = sdk.ApiNodeClientSyncd(ContextOf("10.0.0.7")).Options();
+  EXPECT_EQ(options.Address(), "10.0.0.7:7020");
+  EXPECT_TRUE(options.Remote());
+  EXPECT_EQ(options.MaxBackoffMs(), 1500);
+  EXPECT_EQ(options.MinBackoffMs(), 200);
+  EXPECT_EQ(options.InitialBackoffMs(), 500);
+}
+
+constexpr char kNoSyncd[] = "there is no client for the sync daemon: nothing in this program creates one";
+
+TEST(ApiSdkTest, AskingForTheSyncDaemonsClientSaysThatThereIsNone) {
+  ApiSdk sdk;
+  LogCapture log;
+  EXPECT_THAT([&sdk] { sdk.ApiClientSyncd(); }, testing::ThrowsMessage<std::logic_error>(kNoSyncd));
+  EXPECT_THAT(log.Records(), ElementsAre(Record(50, "ApiClientSyncd", kNoSyncd)));
+}
+
+TEST(ApiSdkTest, ALocalContextHasNoNodeClient) {
+  ApiSdk sdk;
+  Context context;
+  context.SetLocalUnixHost(true);
+  LogCapture log;
+  EXPECT_THROW(sdk.ApiNodeClientSyncd(context), std::logic_error);
+  EXPECT_THAT(log.Records(), ElementsAre(Record(40, "ApiNodeClientSyncd",
+                                                "need node comunication client but context is local unix client"),
+                                         Record(50, "ApiClientSyncd", kNoSyncd)));
+}
+
+// Another caller makes the same host's client at the worst moment.
+class RacedSdk : public ApiSdk {
+ private:
+  void BeforeNodeClientIsMade() override {
+    if (raced_) return;
+    raced_ = true;
+    ApiNodeClientSyncd(ContextOf("device"));
+  }
+  bool raced_ = false;
+};
+
+TEST(ApiSdkDeathTest, TwoMakersOfOneNodeClientStopTheProcessWithARecord) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto make = [] {
+    KlLogSetObserver([](const KlLogRecord& record) {
+      std::fprintf(stderr, "%d %.*s: %.*s\n", record.level, static_cast<int>(record.function.size()),
+                   record.function.data(), static_cast<int>(record.text.size()), record.text.data());
+    });
+    RacedSdk().ApiNodeClientSyncd(ContextOf("device"));
+  };
+  EXPECT_EXIT(make(), testing::KilledBySignal(SIGABRT),
+              "50 ApiNodeClientSyncd: insert new node\\(device\\) client handle failed\\.");
+}
+
+// The holder's objects reach the clients when they go: an exit in the wrong order is a crash, surely under a sanitizer.
+TEST(ApiSdkDeathTest, TheProcessExitsCleanlyWithEverythingLoaded) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto load_and_exit = [] {
+    ApiSdk::instance_.LoadApi({ApiSdk::kPlayd, ApiSdk::kEncd});
+    ApiPubSubSdk::instance_.PubSubPlayd()->Subscriber("me", "topic", [](const std::string&, const std::string&) {});
+    ApiSdk::instance_.ApiNodeClientSyncd(ContextOf("localhost"));
+    std::exit(0);
+  };
+  EXPECT_EXIT(load_and_exit(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace apis
