@@ -1,0 +1,345 @@
+#include "encd/encoder.h"
+
+#include <time.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "absl/strings/str_cat.h"
+#include "absl/strings/str_format.h"
+#include "klbase/log.h"
+
+namespace encd {
+namespace {
+
+using device::MutexLock;
+using std::chrono::milliseconds;
+
+// Callers wait 3 s for a reply; these leave room for the way back.
+constexpr milliseconds kConnectLimit{2000};
+constexpr milliseconds kRecordLimit{2500};
+// Somewhat above the longest span at the highest bitrate.
+constexpr std::size_t kMaxForwardBytes = 96 << 20;
+
+struct QualityRow {
+  Quality quality;
+  const char* name;
+  int kbps;
+};
+constexpr QualityRow kQualities[] = {
+    {Quality::kLow, "low", 500}, {Quality::kMiddle, "middle", 2000}, {Quality::kHigh, "high", 6000}};
+
+constexpr device::NeededElement kNeeded[] = {
+    {"appsink", "gstreamer1.0-plugins-base"},       {"appsrc", "gstreamer1.0-plugins-base"},
+    {"audioconvert", "gstreamer1.0-plugins-base"},  {"audiorate", "gstreamer1.0-plugins-base"},
+    {"audioresample", "gstreamer1.0-plugins-base"}, {"audiotestsrc", "gstreamer1.0-plugins-base"},
+    {"compositor", "gstreamer1.0-plugins-base"},    {"playbin", "gstreamer1.0-plugins-base"},
+    {"videoconvert", "gstreamer1.0-plugins-base"},  {"videorate", "gstreamer1.0-plugins-base"},
+    {"videotestsrc", "gstreamer1.0-plugins-base"},  {"flvmux", "gstreamer1.0-plugins-good"},
+    {"mp4mux", "gstreamer1.0-plugins-good"},        {"wavenc", "gstreamer1.0-plugins-good"},
+    {"rtmp2sink", "gstreamer1.0-plugins-bad"},      {"voaacenc", "gstreamer1.0-plugins-bad"},
+    {"x264enc", "gstreamer1.0-plugins-ugly"}};
+
+Result Ok(std::string text) { return {Code::kOk, std::move(text)}; }
+Result BadValue(std::string text) { return {Code::kBadValue, std::move(text)}; }
+
+Result CheckSpec(const Encoder::RecordSpec& spec) {
+  const bool mp4 = spec.format == static_cast<int>(RecordFormat::kMp4);
+  const bool wav = spec.format == static_cast<int>(RecordFormat::kWav);
+  if (!mp4 && !wav) {
+    return BadValue(absl::StrFormat("record format %d is unknown; use RECORD_MP4 (1) or RECORD_WAV (2)", spec.format));
+  }
+  if (!spec.audio && !spec.video) return BadValue("nothing to record: enable audio, video or both");
+  if (wav && spec.video) return BadValue("RECORD_WAV holds sound only; disable video or use RECORD_MP4");
+  return Ok("");
+}
+
+std::string Summary(const std::string& path, const Recorder::Outcome& outcome) {
+  std::string text = absl::StrFormat("%s: %.1f s", path, outcome.seconds);
+  if (outcome.frames > 0) absl::StrAppend(&text, ", ", outcome.frames, " frames");
+  if (outcome.dropped > 0) absl::StrAppend(&text, ", ", outcome.dropped, " packets lost (the disk is too slow)");
+  return text;
+}
+
+}  // namespace
+
+std::span<const device::NeededElement> NeededElements() { return kNeeded; }
+
+Encoder::Encoder(const Options& options) : options_(options), bitrate_kbps_(kQualities[1].kbps) {
+  const auto failed = [this](const std::string& why) {
+    if (options_.on_failure) options_.on_failure(why);
+  };
+  pipeline_ = std::make_unique<EncodePipeline>(
+      EncodePipeline::Options{options.input, options.width, options.height, options.fps, kQualities[1].kbps}, fanout_,
+      failed);
+}
+
+Encoder::~Encoder() {
+  std::shared_ptr<Recorder> recorder;
+  std::map<std::string, std::shared_ptr<PushStream>> streams;
+  {
+    MutexLock lock(mu_);
+    recorder.swap(recorder_);
+    streams.swap(streams_);
+  }
+  if (recorder) recorder->End();
+  for (const auto& [id, stream] : streams) stream->RequestStop();
+  recorder.reset();
+  streams.clear();
+}
+
+Result Encoder::SetQuality(int quality) {
+  for (const QualityRow& row : kQualities) {
+    if (static_cast<int>(row.quality) != quality) continue;
+    {
+      MutexLock lock(mu_);
+      quality_ = row.quality;
+      bitrate_kbps_ = row.kbps;
+    }
+    ApplyBitrate();
+    return Ok(absl::StrFormat("quality %s, %d kbit/s", row.name, row.kbps));
+  }
+  return BadValue(absl::StrFormat("quality %d is unknown; use LOW (1), MIDDLE (2) or HIGH (3)", quality));
+}
+
+Quality Encoder::GetQuality() const {
+  MutexLock lock(mu_);
+  return quality_;
+}
+
+Result Encoder::SetBitrate(int kbps) {
+  if (kbps < kMinBitrateKbps || kbps > kMaxBitrateKbps) {
+    return BadValue(
+        absl::StrFormat("bitrate %d kbit/s is out of range; use %d to %d", kbps, kMinBitrateKbps, kMaxBitrateKbps));
+  }
+  {
+    MutexLock lock(mu_);
+    bitrate_kbps_ = kbps;
+  }
+  ApplyBitrate();
+  return Ok(absl::StrFormat("bitrate %d kbit/s", kbps));
+}
+
+// Sets what was asked for last. The encoder is not ours and must not be called with the lock held, so two callers can
+// cross; whoever set an old value finds that out and sets the new one.
+void Encoder::ApplyBitrate() {
+  for (int applied = -1;;) {
+    {
+      MutexLock lock(mu_);
+      if (applied == bitrate_kbps_) return;
+      applied = bitrate_kbps_;
+    }
+    pipeline_->SetBitrate(applied);
+  }
+}
+
+int Encoder::BitrateKbps() const { return pipeline_->Bitrate(); }
+
+Result Encoder::ReserveStream(const std::string& id, const std::string& url) {
+  if (id.empty()) return BadValue("the stream has no unique_id; give it one");
+  if (url.empty()) return BadValue("stream " + id + " has no url; use rtmp://HOST[:PORT]/APP");
+  if (url.rfind("rtmp://", 0) != 0 && url.rfind("rtmps://", 0) != 0) {
+    return BadValue("url " + url + " is no RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
+  }
+  MutexLock lock(mu_);
+  if (streams_.size() >= kMaxStreams) {
+    return {Code::kWrongState, absl::StrFormat("%d streams are pushed already; delete one first", kMaxStreams)};
+  }
+  if (!streams_.emplace(id, nullptr).second) {
+    return {Code::kWrongState, "stream " + id + " exists already; delete it first or use another unique_id"};
+  }
+  return Ok("");
+}
+
+Result Encoder::AddStream(const std::string& id, const std::string& url, const std::string& key) {
+  if (Result reserved = ReserveStream(id, url); !reserved.ok()) return reserved;
+  auto stream = std::make_shared<PushStream>(id, url, key, [this] { pipeline_->RequestKeyframe(); });
+  const std::string error = stream->Connect(kConnectLimit);
+  if (!error.empty()) {
+    KL_LOG(40, "stream %s to %s is refused: %s", id.c_str(), url.c_str(), error.c_str());
+    MutexLock lock(mu_);
+    streams_.erase(id);
+    return {Code::kUnreachable, "can't push to " + url + ": " + error};
+  }
+  fanout_.Add(stream->queue());
+  stream->Start();
+  KL_LOG(30, "stream %s is pushed to %s", id.c_str(), url.c_str());
+  MutexLock lock(mu_);
+  stream->queue()->SetDelay(std::chrono::seconds(push_delay_s_));
+  streams_[id] = std::move(stream);
+  return Ok("stream " + id + " is pushed to " + url);
+}
+
+Result Encoder::DeleteStream(const std::string& id) {
+  if (id.empty()) return BadValue("which stream? unique_id is empty");
+  std::shared_ptr<PushStream> stream;
+  {
+    MutexLock lock(mu_);
+    const auto found = streams_.find(id);
+    if (found == streams_.end()) return {Code::kUnknown, "there is no stream " + id};
+    if (!found->second) return {Code::kWrongState, "stream " + id + " is just being added; try again in 2 s"};
+    stream = std::move(found->second);
+    streams_.erase(found);
+  }
+  fanout_.Remove(stream->queue().get());
+  stream.reset();
+  KL_LOG(30, "stream %s is deleted", id.c_str());
+  return Ok("stream " + id + " is deleted");
+}
+
+Result Encoder::SetPushDelay(int seconds) {
+  if (seconds < 0 || seconds > kMaxPushDelaySeconds) {
+    return BadValue(absl::StrFormat("push delay %d s is out of range; use 0 to %d", seconds, kMaxPushDelaySeconds));
+  }
+  MutexLock lock(mu_);
+  push_delay_s_ = seconds;
+  for (const auto& [id, stream] : streams_) {
+    if (stream) stream->queue()->SetDelay(std::chrono::seconds(seconds));
+  }
+  return Ok(absl::StrFormat("push delay %d s", seconds));
+}
+
+std::vector<Encoder::StreamState> Encoder::Streams() const {
+  std::vector<StreamState> states;
+  MutexLock lock(mu_);
+  for (const auto& [id, stream] : streams_) {
+    if (stream) states.push_back({id, stream->Connected(), stream->Frames(), stream->Connections()});
+  }
+  return states;
+}
+
+// A file that does not exist yet: record-20260131-080000.mp4, then record-20260131-080000-2.mp4.
+std::string Encoder::NewFile(RecordFormat format, const char* kind) const {
+  const time_t now = time(nullptr);
+  struct tm parts;
+  localtime_r(&now, &parts);
+  const std::string stem =
+      absl::StrFormat("%s/%s-%04d%02d%02d-%02d%02d%02d", options_.record_dir, kind, parts.tm_year + 1900,
+                      parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+  const char* extension = format == RecordFormat::kMp4 ? ".mp4" : ".wav";
+  std::string path = stem + extension;
+  std::error_code ignored;
+  for (int i = 2; std::filesystem::exists(path, ignored); ++i) path = absl::StrCat(stem, "-", i, extension);
+  return path;
+}
+
+Result Encoder::StartRecord(const RecordSpec& spec) {
+  if (Result checked = CheckSpec(spec); !checked.ok()) return checked;
+  std::shared_ptr<Recorder> failed;  // an earlier one that has ended by itself; let go without the lock
+  {
+    MutexLock lock(mu_);
+    if (recorder_ && recorder_->WaitDone(milliseconds(0))) {
+      failed.swap(recorder_);
+      recording_ = false;
+    }
+    if (recording_) {
+      return {Code::kWrongState, recorder_ ? "recording to " + recorder_->path() + " already; stop it first"
+                                           : "a recording is just being started or stopped; try again"};
+    }
+    recording_ = true;
+  }
+  if (failed) fanout_.Remove(failed->queue().get());
+  const auto format = static_cast<RecordFormat>(spec.format);
+  const std::string path = NewFile(format, "record");
+  try {
+    auto recorder =
+        std::make_shared<Recorder>(path, format, RecordTracks(format, spec.audio, spec.video), kLiveRecording);
+    fanout_.Add(recorder->queue());
+    pipeline_->RequestKeyframe();
+    MutexLock lock(mu_);
+    recorder_ = std::move(recorder);
+  } catch (const std::runtime_error& error) {
+    MutexLock lock(mu_);
+    recording_ = false;
+    return {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
+  }
+  KL_LOG(30, "recording to %s", path.c_str());
+  return Ok("recording to " + path);
+}
+
+Result Encoder::StopRecord() {
+  std::shared_ptr<Recorder> recorder;
+  {
+    MutexLock lock(mu_);
+    if (!recorder_) return {Code::kWrongState, "no recording is under way; start one first"};
+    recorder.swap(recorder_);
+  }
+  fanout_.Remove(recorder->queue().get());
+  recorder->End();
+  const auto outcome = recorder->WaitDone(kRecordLimit);
+  {
+    MutexLock lock(mu_);
+    recording_ = false;
+  }
+  if (!outcome) return {Code::kFailed, "recording " + recorder->path() + " could not be completed in time"};
+  if (!outcome->error.empty()) {
+    return {Code::kFailed, "recording " + recorder->path() + " failed: " + outcome->error};
+  }
+  return Ok("recorded " + Summary(recorder->path(), *outcome));
+}
+
+Result Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
+  if (seconds < 0 || seconds > kMaxForwardSeconds) {
+    return BadValue(absl::StrFormat("forward time %d s is out of range; use 1 to %d, or 0 to end forward recording",
+                                    seconds, kMaxForwardSeconds));
+  }
+  std::shared_ptr<ForwardBuffer> fresh;
+  Tracks tracks;
+  if (seconds > 0) {
+    if (Result checked = CheckSpec(spec); !checked.ok()) return checked;
+    tracks = RecordTracks(static_cast<RecordFormat>(spec.format), spec.audio, spec.video);
+    fresh = std::make_shared<ForwardBuffer>(tracks, std::chrono::seconds(seconds), kMaxForwardBytes);
+    fanout_.Add(fresh);
+    pipeline_->RequestKeyframe();
+  }
+  std::shared_ptr<ForwardBuffer> before;
+  {
+    MutexLock lock(mu_);
+    before = std::exchange(forward_, std::move(fresh));
+    forward_tracks_ = tracks;
+    forward_format_ = static_cast<RecordFormat>(spec.format);
+  }
+  if (before) fanout_.Remove(before.get());
+  if (seconds == 0) return Ok("forward recording is off");
+  return Ok(absl::StrFormat("forward recording keeps the last %d s", seconds));
+}
+
+Result Encoder::ForwardRecord() {
+  std::shared_ptr<ForwardBuffer> buffer;
+  RecordFormat format;
+  Tracks tracks;
+  {
+    MutexLock lock(mu_);
+    if (!forward_) return {Code::kWrongState, "forward recording is off; set it first (SetForwardRecordRequest)"};
+    if (forward_writing_) return {Code::kWrongState, "a forward recording is being written; try again"};
+    forward_writing_ = true;
+    buffer = forward_;
+    format = forward_format_;
+    tracks = forward_tracks_;
+  }
+  Result result;
+  const std::string path = NewFile(format, "forward");
+  try {
+    Recorder recorder(path, format, tracks, kStoredRecording);
+    for (const PacketPtr& packet : buffer->Snapshot()) recorder.queue()->Put(packet);
+    result = FinishForward(recorder);
+  } catch (const std::runtime_error& error) {
+    result = {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
+  }
+  MutexLock lock(mu_);
+  forward_writing_ = false;
+  return result;
+}
+
+Result Encoder::FinishForward(Recorder& recorder) {
+  recorder.End();
+  const auto outcome = recorder.WaitDone(kRecordLimit);
+  if (!outcome) return {Code::kFailed, "forward recording " + recorder.path() + " could not be completed in time"};
+  if (!outcome->error.empty()) {
+    return {Code::kFailed, "forward recording " + recorder.path() + " failed: " + outcome->error};
+  }
+  return Ok("recorded " + Summary(recorder.path(), *outcome));
+}
+
+}  // namespace encd

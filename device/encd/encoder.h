@@ -1,0 +1,131 @@
+// The encoder: one programme, encoded once, sent and recorded as the operator asks.
+#ifndef DEVICE_ENCD_ENCODER_H_
+#define DEVICE_ENCD_ENCODER_H_
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/gst.h"
+#include "base/mutex.h"
+#include "encd/encode_pipeline.h"
+#include "encd/fanout.h"
+#include "encd/forward_buffer.h"
+#include "encd/push_stream.h"
+#include "encd/recorder.h"
+
+namespace encd {
+
+// Outcome of an operation: the code goes out as it is. 400 and 500 are left out, they are codes of the console's own.
+enum class Code {
+  kOk = 0,
+  kBadValue = 1,     // the text says what is allowed
+  kWrongState = 2,   // not possible now, such as a second recording
+  kUnknown = 3,      // no such stream
+  kUnreachable = 4,  // the server can't be reached or refused
+  kFailed = 5,       // it was tried and did not work, such as a full disk
+  kUnsupported = 6,
+};
+
+struct Result {
+  Code code;
+  std::string text;  // for the operator, filled in either case
+  bool ok() const { return code == Code::kOk; }
+};
+
+enum class Quality { kLow = 1, kMiddle = 2, kHigh = 3 };
+
+inline constexpr int kMinBitrateKbps = 100;
+inline constexpr int kMaxBitrateKbps = 10'000;
+inline constexpr int kMaxPushDelaySeconds = 60;
+inline constexpr int kMaxForwardSeconds = 60;
+inline constexpr std::size_t kMaxStreams = 8;
+
+// The elements that an Encoder needs, for device::MissingElements().
+std::span<const device::NeededElement> NeededElements();
+
+// Every operation may be called from any thread at any time and returns within 3 s.
+class Encoder {
+ public:
+  struct Options {
+    std::string input;  // file or URI; "" for the test picture
+    int width = 640;
+    int height = 360;
+    int fps = 25;
+    std::string record_dir;
+    // Called once, on a thread of the encoder, when encoding has ended for good. May be empty.
+    std::function<void(const std::string& why)> on_failure;
+  };
+
+  struct RecordSpec {
+    bool audio;
+    bool video;
+    int format;  // a RecordFormat; other numbers are refused
+  };
+
+  struct StreamState {
+    std::string id;
+    bool connected;
+    std::uint64_t frames;       // pictures pushed, over all connections
+    std::uint64_t connections;  // made so far
+  };
+
+  // Starts encoding at quality "middle". Throws std::runtime_error with a text for the operator when it can't.
+  explicit Encoder(const Options& options);
+  Encoder(const Encoder&) = delete;
+  Encoder& operator=(const Encoder&) = delete;
+  // Completes recordings, ends streams and encoding.
+  ~Encoder();
+
+  // A quality sets the bitrate that goes with it; a bitrate leaves the quality as it is.
+  Result SetQuality(int quality);  // a Quality; other numbers are refused
+  Quality GetQuality() const;
+  Result SetBitrate(int kbps);
+  int BitrateKbps() const;  // of the running encoder
+
+  // Pushes to `url` + "/" + `key` (an empty key adds nothing). Waits up to 2 s for the server to accept.
+  Result AddStream(const std::string& id, const std::string& url, const std::string& key);
+  Result DeleteStream(const std::string& id);
+  // How much later than encoded everything is pushed, for present and future streams.
+  Result SetPushDelay(int seconds);
+  std::vector<StreamState> Streams() const;
+
+  // One recording at a time. The texts name the file.
+  Result StartRecord(const RecordSpec& spec);
+  Result StopRecord();
+
+  // Keeps the last `seconds` in memory from now on; 0 ends that. ForwardRecord() writes them to a file.
+  Result SetForwardRecord(const RecordSpec& spec, int seconds);
+  Result ForwardRecord();
+
+  EncodePipeline::Counters Count() const { return pipeline_->Count(); }
+
+ private:
+  void ApplyBitrate();
+  Result ReserveStream(const std::string& id, const std::string& url);
+  std::string NewFile(RecordFormat format, const char* kind) const;
+  Result FinishForward(Recorder& recorder);
+
+  const Options options_;
+  Fanout fanout_;
+  mutable device::Mutex mu_;
+  Quality quality_ ABSL_GUARDED_BY(mu_) = Quality::kMiddle;
+  int bitrate_kbps_ ABSL_GUARDED_BY(mu_);
+  int push_delay_s_ ABSL_GUARDED_BY(mu_) = 0;
+  std::map<std::string, std::shared_ptr<PushStream>> streams_ ABSL_GUARDED_BY(mu_);  // null while it connects
+  bool recording_ ABSL_GUARDED_BY(mu_) = false;  // also while a recording starts or ends
+  std::shared_ptr<Recorder> recorder_ ABSL_GUARDED_BY(mu_);
+  RecordFormat forward_format_ ABSL_GUARDED_BY(mu_) = RecordFormat::kMp4;
+  Tracks forward_tracks_ ABSL_GUARDED_BY(mu_);
+  std::shared_ptr<ForwardBuffer> forward_ ABSL_GUARDED_BY(mu_);
+  bool forward_writing_ ABSL_GUARDED_BY(mu_) = false;
+  std::unique_ptr<EncodePipeline> pipeline_;  // the last one: it puts into everything above
+};
+
+}  // namespace encd
+
+#endif  // DEVICE_ENCD_ENCODER_H_

@@ -1,0 +1,48 @@
+// How an operation of the player ended: what travels in lp.v1.UniversalResp as result, error_code and error_infor.
+#ifndef DEVICE_PLAYD_OUTCOME_H_
+#define DEVICE_PLAYD_OUTCOME_H_
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace playd {
+
+// The numbers in error_code. They are part of the wire contract: new ones are added at the end.
+enum class ErrorCode : std::int32_t {
+  kOk = 0,
+  kInvalidArgument = 1,    // a value that means nothing: an empty id, an unknown enumerator, an unparsable request
+  kUnknownPlayer = 2,      // no player of this id was created
+  kPlayerExists = 3,       // create, but there is one of this id
+  kNoMedia = 4,            // the operation needs an open medium
+  kMediaOpen = 5,          // open, but a medium is open already
+  kFileMissing = 6,        // the file isn't there or can't be read
+  kNotMedia = 7,           // nothing in it that can be shown or heard
+  kMediaFailed = 8,        // the media framework gave up on it
+  kTimeout = 9,            // not done in time; given up
+  kBusy = 10,              // the player still works on an earlier request; nothing was done
+  kNotSeekable = 11,       // pictures and live sources have no positions
+  kSeekBehindEnd = 12,     // a position greater than the duration
+  kBadSpeed = 13,          // zero, backwards, or out of range
+  kBadVolume = 14,         // more than 100
+  kBadRectangle = 15,      // zero or unreasonable size
+  kBadTiming = 16,         // numbers that no picture timing can have
+  kUnsupported = 17,       // a message of the schema that this player doesn't serve
+  kEnded = 18,             // the medium is at its end: pause and resume mean nothing there
+  kTooManyPlayers = 19,    // the limit of players is reached
+  kLiveSystemState = 20,   // initialised twice, or taken down without having been initialised
+};
+
+struct Outcome {
+  ErrorCode code = ErrorCode::kOk;
+  std::string text;  // empty when all is well, else what was wrong and what to do
+
+  bool ok() const { return code == ErrorCode::kOk; }
+
+  static Outcome Ok() { return {}; }
+  static Outcome Error(ErrorCode code, std::string text) { return {code, std::move(text)}; }
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_OUTCOME_H_

@@ -1,0 +1,275 @@
+#include "playd/service.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string_view>
+
+namespace playd {
+namespace {
+
+using google::protobuf::Any;
+
+constexpr std::size_t kMaxLiveSystems = 64;
+
+// The message's full name: what follows the last slash of the type URL.
+std::string TypeName(const Any& message) {
+  const std::string& url = message.type_url();
+  return url.substr(url.rfind('/') + 1);
+}
+
+void Fill(const std::string& id, const Outcome& outcome, lp::v1::UniversalResp& reply) {
+  reply.set_unique_id(id);
+  reply.set_result(outcome.ok());
+  reply.set_error_code(static_cast<std::int32_t>(outcome.code));
+  reply.set_error_infor(outcome.text);
+}
+
+Outcome Unparsable(const std::string& type) {
+  return Outcome::Error(ErrorCode::kInvalidArgument, "the payload is no " + type);
+}
+
+// Empty for the timing requests, which concern no player.
+template <typename Request>
+std::string IdOf(const Request& request) {
+  if constexpr (requires { request.unique_id(); }) {
+    return request.unique_id();
+  } else {
+    return "";
+  }
+}
+
+void LogRefusal(const std::string& type, const std::string& id, const Outcome& outcome) {
+  if (outcome.ok()) return;
+  std::fprintf(stderr, "playd: %s %s refused: %s (code %d)\n", type.c_str(), id.c_str(), outcome.text.c_str(),
+               static_cast<int>(outcome.code));
+}
+
+TimingAxis ToAxis(const lp::v1::VideoTiming& t) {
+  return {t.total(), t.sync(), t.active(), t.front_porch(), static_cast<std::int32_t>(t.polarity())};
+}
+
+template <typename Request>
+Timing ToTiming(const Request& request) {
+  return {ToAxis(request.h_timing()), ToAxis(request.v_timing()), request.freq()};
+}
+
+// Open and switch differ in the name of the position only.
+template <typename Request>
+MediaRequest ToMediaRequest(const Request& request, const lp::v1::DisplayPosition& position) {
+  const lp::v1::MediaFileInfo& info = request.media_info();
+  MediaRequest media;
+  media.url = info.url();
+  media.media_type = static_cast<std::int32_t>(request.media_type());
+  media.file_type = static_cast<std::int32_t>(info.file_type());
+  media.play_immediately = request.play_immed();
+  media.start_ms = info.play_time_ms();
+  media.effect = info.se_type();
+  media.effect_ms = info.se_time_ms();
+  media.rectangle = {position.position_x(), position.position_y(), position.width(), position.heigh()};
+  media.priority = position.video_priority();
+  return media;
+}
+
+}  // namespace
+
+using Handler = bool (*)(Service&, const Any&, Any&);
+
+// Which message is served how.
+struct ServiceTable {
+  template <typename Request>
+  static bool Universal(Service& service, const Any& packed, Any& packed_reply) {
+    Request request;
+    const Outcome outcome = packed.UnpackTo(&request) ? service.Do(request) : Unparsable(TypeName(packed));
+    LogRefusal(TypeName(packed), IdOf(request), outcome);
+    lp::v1::UniversalResp reply;
+    Fill(IdOf(request), outcome, reply);
+    packed_reply.PackFrom(reply);
+    return outcome.ok();
+  }
+
+  template <typename Request, typename Reply>
+  static bool WithReply(Service& service, const Any& packed, Any& packed_reply) {
+    Request request;
+    Reply reply;
+    const Outcome outcome = packed.UnpackTo(&request) ? service.Get(request, reply) : Unparsable(TypeName(packed));
+    LogRefusal(TypeName(packed), IdOf(request), outcome);
+    reply.set_unique_id(request.unique_id());
+    Fill(request.unique_id(), outcome, *reply.mutable_result());
+    packed_reply.PackFrom(reply);
+    return outcome.ok();
+  }
+
+  template <typename Request>
+  static std::pair<const std::string, Handler> Row() {
+    return {Request::descriptor()->full_name(), &Universal<Request>};
+  }
+  template <typename Request, typename Reply>
+  static std::pair<const std::string, Handler> Row() {
+    return {Request::descriptor()->full_name(), &WithReply<Request, Reply>};
+  }
+
+  static const std::map<std::string, Handler>& Get();
+};
+
+const std::map<std::string, Handler>& ServiceTable::Get() {
+  using namespace lp::v1;  // NOLINT: the table is all about these names
+  static const auto* const table = new std::map<std::string, Handler>{
+      Row<LiveSystemInitReq>(),
+      Row<LiveSystemUnInitReq>(),
+      Row<SetIntputTimingReq>(),
+      Row<SetOutputTimingReq>(),
+      Row<CreateUplayerReq>(),
+      Row<DeleteUplayerReq>(),
+      Row<OpenMediaOfUplayerReq>(),
+      Row<CloseMediaOfUplayerReq>(),
+      Row<SwitchSourceOfUplayerReq>(),
+      Row<SetPauseOfUplayerReq>(),
+      Row<SetSeekOfUplayerReq>(),
+      Row<GetSeekOfUplayerReq, GetSeekOfUplayerResp>(),
+      Row<SetSpeedOfUplayerReq>(),
+      Row<SetVolumeOfUplayerReq>(),
+      Row<GetMediaInfoOfUplayerReq, GetMediaInfoOfUplayerResp>(),
+      Row<SetUsbLinkReq>(),
+  };
+  return *table;
+}
+
+namespace {
+
+// Refuses a message of the player schema that is not served. False when `packed` is of another schema.
+bool RefuseUnsupported(const Any& packed, Any& packed_reply) {
+  const std::string type = TypeName(packed);
+  const auto* file = lp::v1::UniversalResp::descriptor()->file();
+  const auto* descriptor = file->pool()->FindMessageTypeByName(type);
+  if (descriptor == nullptr || descriptor->file() != file) return false;
+  const std::unique_ptr<google::protobuf::Message> request(
+      google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor)->New());
+  const auto* id_field = descriptor->FindFieldByName("unique_id");
+  std::string id;
+  if (id_field != nullptr && request->ParseFromString(packed.value())) {
+    id = request->GetReflection()->GetString(*request, id_field);
+  }
+  const Outcome outcome = Outcome::Error(ErrorCode::kUnsupported, "unsupported request " + type);
+  LogRefusal(type, id, outcome);
+  lp::v1::UniversalResp reply;
+  Fill(id, outcome, reply);
+  packed_reply.PackFrom(reply);
+  return true;
+}
+
+}  // namespace
+
+bool Service::Handle(const Any& request, Any& reply) {
+  const auto& table = ServiceTable::Get();
+  const auto row = table.find(TypeName(request));
+  if (row != table.end()) return row->second(*this, request, reply);
+  RefuseUnsupported(request, reply);
+  return false;
+}
+
+template <typename Operation>
+Outcome Service::With(const std::string& id, Operation operation) {
+  const std::shared_ptr<Player> player = players_.Find(id);
+  if (player == nullptr) {
+    return Outcome::Error(ErrorCode::kUnknownPlayer, "there is no player \"" + id + "\"; create it first");
+  }
+  return operation(*player);
+}
+
+// A live system carries live channels, which are not served here; it is kept account of, so that its users find mistakes
+// in their order of calls.
+Outcome Service::Do(const lp::v1::LiveSystemInitReq& request) {
+  const device::MutexLock lock(mutex_);
+  if (live_systems_.contains(request.unique_id())) {
+    return Outcome::Error(ErrorCode::kLiveSystemState, "live system " + request.unique_id() + " is initialised already");
+  }
+  if (live_systems_.size() >= kMaxLiveSystems) {
+    return Outcome::Error(ErrorCode::kLiveSystemState, "too many live systems; take one down first");
+  }
+  live_systems_.insert(request.unique_id());
+  return Outcome::Ok();
+}
+
+Outcome Service::Do(const lp::v1::LiveSystemUnInitReq& request) {
+  const device::MutexLock lock(mutex_);
+  if (live_systems_.erase(request.unique_id()) > 0) return Outcome::Ok();
+  return Outcome::Error(ErrorCode::kLiveSystemState, "live system " + request.unique_id() + " is not initialised");
+}
+
+// There is no input to capture from; the timing is checked and kept.
+Outcome Service::Do(const lp::v1::SetIntputTimingReq& request) {
+  const Timing timing = ToTiming(request);
+  if (auto outcome = CheckTiming(timing); !outcome.ok()) return outcome;
+  const device::MutexLock lock(mutex_);
+  input_timing_ = timing;
+  return Outcome::Ok();
+}
+
+Outcome Service::Do(const lp::v1::SetOutputTimingReq& request) {
+  const Timing timing = ToTiming(request);
+  if (auto outcome = CheckTiming(timing); !outcome.ok()) return outcome;
+  canvas_.SetMode(ModeOf(timing));
+  return Outcome::Ok();
+}
+
+Outcome Service::Do(const lp::v1::CreateUplayerReq& request) { return players_.Create(request.unique_id()); }
+
+Outcome Service::Do(const lp::v1::DeleteUplayerReq& request) { return players_.Delete(request.unique_id()); }
+
+Outcome Service::Do(const lp::v1::OpenMediaOfUplayerReq& request) {
+  return With(request.unique_id(),
+              [&](Player& player) { return player.Open(ToMediaRequest(request, request.dis_pos())); });
+}
+
+Outcome Service::Do(const lp::v1::CloseMediaOfUplayerReq& request) {
+  return With(request.unique_id(), [&](Player& player) { return player.Close(request.only_release_fd()); });
+}
+
+Outcome Service::Do(const lp::v1::SwitchSourceOfUplayerReq& request) {
+  return With(request.unique_id(),
+              [&](Player& player) { return player.Switch(ToMediaRequest(request, request.next_dis_pos())); });
+}
+
+Outcome Service::Do(const lp::v1::SetPauseOfUplayerReq& request) {
+  return With(request.unique_id(), [&](Player& player) { return player.SetPause(request.state()); });
+}
+
+Outcome Service::Do(const lp::v1::SetSeekOfUplayerReq& request) {
+  return With(request.unique_id(), [&](Player& player) { return player.Seek(request.seek_ms()); });
+}
+
+Outcome Service::Do(const lp::v1::SetSpeedOfUplayerReq& request) {
+  return With(request.unique_id(), [&](Player& player) { return player.SetSpeed(request.speed()); });
+}
+
+Outcome Service::Do(const lp::v1::SetVolumeOfUplayerReq& request) {
+  return With(request.unique_id(), [&](Player& player) { return player.SetVolume(request.volume()); });
+}
+
+Outcome Service::Do(const lp::v1::SetUsbLinkReq& request) {
+  return With(request.unique_id(), [&](Player& player) { return player.SetUsbLink(request.usb_state()); });
+}
+
+Outcome Service::Get(const lp::v1::GetSeekOfUplayerReq& request, lp::v1::GetSeekOfUplayerResp& reply) {
+  Position position;
+  auto outcome = With(request.unique_id(), [&](Player& player) { return player.GetPosition(position); });
+  reply.set_seek_ms(position.position_ms);
+  reply.set_duration_ms(position.duration_ms);
+  return outcome;
+}
+
+Outcome Service::Get(const lp::v1::GetMediaInfoOfUplayerReq& request, lp::v1::GetMediaInfoOfUplayerResp& reply) {
+  MediaInfo info;
+  auto outcome = With(request.unique_id(), [&](Player& player) { return player.GetMediaInfo(info); });
+  reply.set_url(info.url);
+  reply.set_width(info.width);
+  reply.set_heigh(info.height);
+  reply.set_duration_ms(info.duration_ms);
+  return outcome;
+}
+
+}  // namespace playd

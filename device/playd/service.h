@@ -1,0 +1,67 @@
+// The player's requests, by message type.
+#ifndef DEVICE_PLAYD_SERVICE_H_
+#define DEVICE_PLAYD_SERVICE_H_
+
+#include <google/protobuf/any.pb.h>
+
+#include <set>
+#include <string>
+
+#include "base/mutex.h"
+#include "playd/canvas.h"
+#include "playd/outcome.h"
+#include "playd/player_table.h"
+#include "player/v1/player.pb.h"
+
+namespace playd {
+
+// Turns requests into operations on players and canvas, and their outcomes into replies. Refusals are written to
+// standard error, one line each. Any thread.
+class Service {
+ public:
+  // Both must outlive the service.
+  Service(PlayerTable& players, Canvas& canvas) : players_(players), canvas_(canvas) {}
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  // Serves one request. Messages of the player schema always get a reply, if only one that says "unsupported"; for
+  // any other type `reply` stays empty. Returns whether the request was carried out.
+  bool Handle(const google::protobuf::Any& request, google::protobuf::Any& reply);
+
+ private:
+  friend struct ServiceTable;
+
+  // One for each message that is answered with lp.v1.UniversalResp.
+  Outcome Do(const lp::v1::LiveSystemInitReq& request);
+  Outcome Do(const lp::v1::LiveSystemUnInitReq& request);
+  Outcome Do(const lp::v1::SetIntputTimingReq& request);
+  Outcome Do(const lp::v1::SetOutputTimingReq& request);
+  Outcome Do(const lp::v1::CreateUplayerReq& request);
+  Outcome Do(const lp::v1::DeleteUplayerReq& request);
+  Outcome Do(const lp::v1::OpenMediaOfUplayerReq& request);
+  Outcome Do(const lp::v1::CloseMediaOfUplayerReq& request);
+  Outcome Do(const lp::v1::SwitchSourceOfUplayerReq& request);
+  Outcome Do(const lp::v1::SetPauseOfUplayerReq& request);
+  Outcome Do(const lp::v1::SetSeekOfUplayerReq& request);
+  Outcome Do(const lp::v1::SetSpeedOfUplayerReq& request);
+  Outcome Do(const lp::v1::SetVolumeOfUplayerReq& request);
+  Outcome Do(const lp::v1::SetUsbLinkReq& request);
+
+  // Those with a reply of their own, whose own fields they fill.
+  Outcome Get(const lp::v1::GetSeekOfUplayerReq& request, lp::v1::GetSeekOfUplayerResp& reply);
+  Outcome Get(const lp::v1::GetMediaInfoOfUplayerReq& request, lp::v1::GetMediaInfoOfUplayerResp& reply);
+
+  // Runs `operation` on the player, or says that there is none.
+  template <typename Operation>
+  Outcome With(const std::string& id, Operation operation);
+
+  PlayerTable& players_;
+  Canvas& canvas_;
+  device::Mutex mutex_;
+  std::set<std::string> live_systems_ ABSL_GUARDED_BY(mutex_);
+  Timing input_timing_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_SERVICE_H_

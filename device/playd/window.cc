@@ -1,0 +1,50 @@
+#include "playd/window.h"
+
+#include <gst/app/gstappsrc.h>
+
+#include <cstdio>
+
+namespace playd {
+namespace {
+
+// Leaky: the display gets the newest picture, never a queue of old ones.
+constexpr char kPipeline[] =
+    "appsrc name=source is-live=true do-timestamp=true format=time max-buffers=1 leaky-type=downstream "
+    "! videoconvert ! autovideosink sync=false";
+
+GstPadProbeReturn Forward(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+  auto* source = GST_APP_SRC(data);
+  if (const device::CapsPtr caps{gst_pad_get_current_caps(pad)}; caps != nullptr) gst_app_src_set_caps(source, caps.get());
+  GstBuffer* copy = gst_buffer_copy(GST_PAD_PROBE_INFO_BUFFER(info));
+  GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;
+  GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;
+  // Refused once the window is closed; the picture is dropped then.
+  gst_app_src_push_buffer(source, copy);
+  return GST_PAD_PROBE_OK;
+}
+
+void DropSource(gpointer data) { gst_object_unref(data); }
+
+}  // namespace
+
+Window::Window(GstPad* pictures) : pictures_(pictures) {
+  try {
+    pipeline_ = std::make_unique<device::Pipeline>(kPipeline);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "playd: no window: %s\n", error.what());
+    return;
+  }
+  if (!pipeline_->SetState(GST_STATE_PLAYING)) {
+    std::fprintf(stderr, "playd: no window: the display can't be opened\n");
+    pipeline_.reset();
+    return;
+  }
+  source_ = pipeline_->Find("source");
+  probe_ = gst_pad_add_probe(pictures_, GST_PAD_PROBE_TYPE_BUFFER, Forward, gst_object_ref(source_.get()), DropSource);
+}
+
+Window::~Window() {
+  if (probe_ != 0) gst_pad_remove_probe(pictures_, probe_);
+}
+
+}  // namespace playd
