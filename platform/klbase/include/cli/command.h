@@ -25,12 +25,25 @@
 
 namespace cli {
 
-// Thrown when a word cannot be converted to a parameter's type.
+// Thrown when a word cannot be converted to a parameter's type. It knows the word and the type's name when from_string
+// threw it, so that the operator can be told which word it was.
 class KLBASE_EXPORT bad_conversion : public std::bad_cast {
  public:
+  bad_conversion() = default;
+  bad_conversion(const std::string& word_to_convert, const char* type_name)
+      : word(std::make_shared<const std::string>(word_to_convert)), type(type_name) {}
+
   const char* what() const noexcept override {
     return "bad from_string conversion: source string value could not be interpreted as target";
   }
+  // The word that did not convert; null when it is not known. Lives as long as the exception or a copy of it.
+  const std::string* Word() const noexcept { return word.get(); }
+  // The name of the type that was asked for, as help shows it; "" when it is not known. A static text.
+  const char* Type() const noexcept { return type; }
+
+ private:
+  std::shared_ptr<const std::string> word;
+  const char* type = "";
 };
 
 // Base of everything that can stand in a menu. Owned by its menu. Enable() and Disable() may be called from any thread,
@@ -71,45 +84,6 @@ class KLBASE_EXPORT Command {
   std::atomic<bool> enabled{true};
 };
 
-// Converts a word: standard formatted extraction that must use up the whole word (blanks around it are allowed). An
-// unsigned integer is decimal digits only: the extraction would take "-1" for the largest value. Throws bad_conversion.
-template <typename T>
-T from_string(const std::string& word) {
-  std::istringstream stream(word);
-  if (!stream) throw bad_conversion();
-  if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) {
-    if ((stream >> std::ws).peek() == '-') throw bad_conversion();
-  }
-  T value{};
-  if (!(stream >> value)) throw bad_conversion();
-  if (!(stream >> std::ws).eof()) throw bad_conversion();
-  return value;
-}
-
-// The conversion chain: each link converts one word, keeps the value and hands the rest of the words to the next link;
-// the last one calls `handler` with all values.
-template <typename... Params>
-struct Select;
-
-template <>
-struct Select<> {
-  template <typename Handler, typename Iterator>
-  static void Exec(const Handler& handler, Iterator, Iterator) {
-    handler();
-  }
-};
-
-template <typename First, typename... Rest>
-struct Select<First, Rest...> {
-  template <typename Handler, typename Iterator>
-  static void Exec(const Handler& handler, Iterator word, Iterator end) {
-    if (word == end) throw bad_conversion();
-    const First value = from_string<First>(*word);
-    const auto with_value = [&handler, &value](const auto&... rest) { handler(value, rest...); };
-    Select<Rest...>::Exec(with_value, std::next(word), end);
-  }
-};
-
 // The name under which help shows a parameter that has no description.
 template <typename T>
 struct TypeName;
@@ -136,6 +110,55 @@ struct TypeName<double> {
 template <>
 struct TypeName<bool> {
   static constexpr const char* kValue = "bool";
+};
+
+namespace internal {
+
+template <typename T>
+[[noreturn]] void ThrowBadConversion(const std::string& word) {
+  if constexpr (requires { TypeName<T>::kValue; }) throw bad_conversion(word, TypeName<T>::kValue);
+  throw bad_conversion(word, "");
+}
+
+}  // namespace internal
+
+// Converts a word: standard formatted extraction that must use up the whole word (blanks around it are allowed). An
+// unsigned integer is decimal digits only: the extraction would take "-1" for the largest value. Throws bad_conversion.
+template <typename T>
+T from_string(const std::string& word) {
+  std::istringstream stream(word);
+  if (!stream) internal::ThrowBadConversion<T>(word);
+  if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) {
+    if ((stream >> std::ws).peek() == '-') internal::ThrowBadConversion<T>(word);
+  }
+  T value{};
+  if (!(stream >> value)) internal::ThrowBadConversion<T>(word);
+  if (!(stream >> std::ws).eof()) internal::ThrowBadConversion<T>(word);
+  return value;
+}
+
+// The conversion chain: each link converts one word, keeps the value and hands the rest of the words to the next link;
+// the last one calls `handler` with all values.
+template <typename... Params>
+struct Select;
+
+template <>
+struct Select<> {
+  template <typename Handler, typename Iterator>
+  static void Exec(const Handler& handler, Iterator, Iterator) {
+    handler();
+  }
+};
+
+template <typename First, typename... Rest>
+struct Select<First, Rest...> {
+  template <typename Handler, typename Iterator>
+  static void Exec(const Handler& handler, Iterator word, Iterator end) {
+    if (word == end) throw bad_conversion();
+    const First value = from_string<First>(*word);
+    const auto with_value = [&handler, &value](const auto&... rest) { handler(value, rest...); };
+    Select<Rest...>::Exec(with_value, std::next(word), end);
+  }
 };
 
 // A command that converts its words to Params and calls `Handler(std::ostream&, Params...)` on the thread that runs the

@@ -22,8 +22,8 @@ class KLBASE_EXPORT Console {
   // session, or Stop(). Call it once. Does not return when the process is already exiting.
   virtual void Run() = 0;
 
-  // Ends the console: accepts no more, closes all sessions, joins their threads (a command under way gets up to 4 s) and
-  // restores the terminal. Any thread but a command's; calling it again does nothing.
+  // Ends the console: accepts no more, closes all sessions, joins their threads (a command under way gets up to 4 s)
+  // and restores the terminal. Any thread but a command's; calling it again does nothing.
   virtual void Stop() = 0;
 
   // The TCP port that the console listens on.

@@ -46,7 +46,8 @@ class KLBASE_EXPORT Registration {
 };
 
 // Stands between Plugin and each plugin class T, and registers T under *kName, a constant string that is initialised
-// before T's source file instantiates this (declare it in T's header: `inline const std::string kEncdCliName = "encd";`).
+// before T's source file instantiates this (declare it in T's header: `inline const std::string kEncdCliName =
+// "encd";`).
 template <typename T, const std::string* kName>
 class RegisteredPlugin : public Plugin {
  public:

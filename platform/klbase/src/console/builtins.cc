@@ -1,0 +1,163 @@
+#include "console/builtins.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <ostream>
+#include <utility>
+#include <vector>
+
+#include "console/session_impl.h"
+
+namespace cli::internal {
+namespace {
+
+using Arguments = std::vector<std::string>;
+
+// Finds the entries of `words` (a command, or menus and a command) and shows them; of a menu, what it holds too.
+void HelpOn(SessionImpl& session, const Arguments& words) {
+  const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
+  std::ostream& out = session.OutStream();
+  bool found = false;
+  if (walk.used + 1 == words.size()) {
+    for (const auto& command : walk.commands) {
+      if (!command->IsEnabled() || command->Name() != words.back()) continue;
+      found = true;
+      command->Help(out);
+      const auto* menu = dynamic_cast<const Menu*>(command.get());
+      if (menu == nullptr) continue;
+      for (const auto& inner : menu->Commands()) inner->Help(out);
+    }
+  }
+  if (!found) out << ExplainRefusal(session.Where(), session.Builtins(), words);
+}
+
+void Help(SessionImpl& session, const Arguments& words) {
+  if (!words.empty()) return HelpOn(session, words);
+  std::ostream& out = session.OutStream();
+  for (const auto& command : session.CurrentMenu().Commands()) command->Help(out);
+  for (const auto& command : session.Builtins()) {
+    const bool way_back = command->Name() == ".." || command->Name() == session.Where().Root().Name();
+    const bool second_name = command->Name() == "?";
+    if (second_name || (way_back && session.Where().AtRoot())) continue;
+    command->Help(out);
+  }
+}
+
+void ShowHistory(SessionImpl& session, const Arguments&) {
+  std::size_t number = 0;
+  for (const auto& line : session.Lines().Lines()) {
+    char prefix[32];
+    std::snprintf(prefix, sizeof prefix, "%5zu  ", ++number);
+    session.OutStream() << prefix << line << '\n';
+  }
+}
+
+void Exit(SessionImpl& session, const Arguments&) { session.End(); }
+
+void Shutdown(SessionImpl& session, const Arguments&) {
+  session.OutStream() << "The console ends for all.\n";
+  session.End();
+  session.Host().RequestShutdown();
+}
+
+std::string ClockTime(std::chrono::system_clock::time_point time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  return text;
+}
+
+std::string Duration(std::chrono::seconds time) {
+  char text[32];
+  const long long s = time.count();
+  std::snprintf(text, sizeof text, "%02lld:%02lld:%02lld", s / 3600, s / 60 % 60, s % 60);
+  return text;
+}
+
+// Columns as wide as their widest cell. The asking session's line is marked.
+void Who(SessionImpl& session, const Arguments&) {
+  std::vector<std::vector<std::string>> rows = {{"  id", "kind", "from", "menu", "since", "idle"}};
+  for (const SessionInfo& info : session.Host().Sessions()) {
+    rows.push_back({(info.id == session.Id() ? "* " : "  ") + std::to_string(info.id), KindName(info.kind), info.peer,
+                    info.menu, ClockTime(info.since), Duration(info.idle)});
+  }
+  std::vector<std::size_t> widths(rows.front().size());
+  for (const auto& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  for (const auto& row : rows) {
+    std::string line;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) line.append(widths[i] - row[i].size() + 2, ' ');
+    }
+    session.OutStream() << line << '\n';
+  }
+}
+
+void GoToRoot(SessionImpl& session, const Arguments& words) {
+  if (words.empty()) {
+    session.Enter(session.Where().Root());
+  } else if (!session.Where().Root().Dispatch(words, session)) {
+    std::vector<std::string> line = {session.Where().Root().Name()};
+    line.insert(line.end(), words.begin(), words.end());
+    session.OutStream() << ExplainRefusal(session.Where(), session.Builtins(), line);
+  }
+}
+
+void GoUp(SessionImpl& session, const Arguments&) {
+  const Place& place = session.Where();
+  if (!place.AtRoot()) session.Enter(*place.path[place.path.size() - 2]);
+}
+
+struct Row {
+  const char* name;
+  const char* parameter;  // shown by help; null for none
+  const char* help;
+  bool takes_words;
+  void (*run)(SessionImpl& session, const Arguments& words);
+};
+
+class Builtin : public Command {
+ public:
+  Builtin(std::string name_of_command, const Row& row) : Command(std::move(name_of_command)), row_(row) {}
+
+  bool Exec(const std::vector<std::string>& words, Session& session) override {
+    if (words.empty() || words.front() != Name()) return false;
+    if (words.size() > 1 && !row_.takes_words) return false;
+    row_.run(static_cast<SessionImpl&>(session), {words.begin() + 1, words.end()});
+    return true;
+  }
+
+  void Help(std::ostream& out) const override {
+    out << " - " << Name();
+    if (row_.parameter != nullptr) out << " <" << row_.parameter << ">";
+    out << "\n\t" << row_.help << "\n";
+  }
+
+ private:
+  const Row row_;
+};
+
+}  // namespace
+
+std::shared_ptr<const CommandVector> MakeBuiltins(const std::string& root_name) {
+  const Row rows[] = {
+      {"help", "command", "show the commands, or one of them (also: ?)", true, Help},
+      {"?", "command", "show the commands, or one of them", true, Help},
+      {"history", nullptr, "show the lines typed", false, ShowHistory},
+      {"who", nullptr, "show the open sessions", false, Who},
+      {root_name.c_str(), nullptr, "go back to the first menu", true, GoToRoot},
+      {"..", nullptr, "go back to the menu before", false, GoUp},
+      {"exit", nullptr, "end this session", false, Exit},
+      {"shutdown", nullptr, "end the console for all", false, Shutdown},
+  };
+  auto builtins = std::make_shared<CommandVector>();
+  for (const Row& row : rows) builtins->push_back(std::make_shared<Builtin>(row.name, row));
+  return builtins;
+}
+
+}  // namespace cli::internal

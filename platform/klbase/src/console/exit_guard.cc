@@ -1,0 +1,60 @@
+#include "console/exit_guard.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "console/mutex.h"
+
+namespace cli::internal {
+namespace {
+
+struct Consoles {
+  Mutex mutex;
+  std::vector<std::weak_ptr<StopsAtExit>> list ABSL_GUARDED_BY(mutex);
+};
+
+// Never destroyed: it is used while static objects are.
+Consoles& AllConsoles() {
+  static auto& consoles = *new Consoles();
+  return consoles;
+}
+
+std::atomic<bool> g_exiting{false};
+std::atomic<std::thread::id> g_exit_thread{};
+
+void StopAll(int status, void*) {
+  g_exit_thread = std::this_thread::get_id();
+  g_exiting = true;
+  std::vector<std::weak_ptr<StopsAtExit>> list;
+  {
+    Consoles& consoles = AllConsoles();
+    MutexLock lock(consoles.mutex);
+    list.swap(consoles.list);
+  }
+  bool ended = true;
+  for (const auto& weak : list) {
+    if (const auto console = weak.lock()) ended = console->StopForExit() && ended;
+  }
+  if (!ended) ::_exit(status);
+}
+
+}  // namespace
+
+void StopAtExit(const std::shared_ptr<StopsAtExit>& console) {
+  Consoles& consoles = AllConsoles();
+  {
+    MutexLock lock(consoles.mutex);
+    std::erase_if(consoles.list, [](const auto& weak) { return weak.expired(); });
+    consoles.list.push_back(console);
+  }
+  // Each time: what was constructed since the last console is destroyed after this one is stopped.
+  ::on_exit(StopAll, nullptr);
+}
+
+bool ExitingElsewhere() { return g_exiting && g_exit_thread.load() != std::this_thread::get_id(); }
+
+}  // namespace cli::internal

@@ -1,0 +1,156 @@
+#include "console/output_buffer.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <utility>
+
+#include "console/telnet_filter.h"
+
+namespace cli::internal {
+namespace {
+
+// Returns what write(2) returns, with EAGAIN instead of blocking. A pipe that polls as writable takes PIPE_BUF bytes.
+ssize_t TryWrite(int fd, OutputBuffer::Target target, std::string_view bytes) {
+  if (target == OutputBuffer::Target::kSocket) {
+    return ::send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  }
+  constexpr std::size_t kPipeBuf = 4096;
+  pollfd writable{fd, POLLOUT, 0};
+  if (::poll(&writable, 1, 0) == 0) {
+    errno = EAGAIN;
+    return -1;
+  }
+  return ::write(fd, bytes.data(), std::min(bytes.size(), kPipeBuf));
+}
+
+}  // namespace
+
+OutputBuffer::OutputBuffer(int fd, Target target, std::function<void()> attention)
+    : target_(target), attention_(std::move(attention)), fd_(fd) {}
+
+void OutputBuffer::SetText(Text text) {
+  MutexLock lock(mutex_);
+  text_ = text;
+}
+
+void OutputBuffer::Append(std::string_view text) {
+  if (text.empty()) return;
+  MutexLock lock(mutex_);
+  if (fd_ < 0) return;
+  AppendConvertedLocked(text);
+  line_start_ = text.back() == '\n';
+}
+
+void OutputBuffer::AppendConvertedLocked(std::string_view text) {
+  if (text_ == Text::kPlain) {
+    pending_.append(text);
+    return;
+  }
+  char last = '\0';  // a "\r\n" that the command wrote itself stays one line end
+  for (const char c : text) {
+    if (c == '\n' && last != '\r') pending_ += '\r';
+    if (text_ == Text::kTelnet && static_cast<unsigned char>(c) == kTelnetIac) pending_ += c;
+    pending_ += c;
+    last = c;
+  }
+}
+
+void OutputBuffer::AppendRaw(std::string_view bytes) {
+  MutexLock lock(mutex_);
+  if (fd_ >= 0) pending_.append(bytes);
+}
+
+void OutputBuffer::FreshLine() {
+  MutexLock lock(mutex_);
+  if (fd_ >= 0 && !line_start_) AppendConvertedLocked("\n");
+  line_start_ = true;
+}
+
+void OutputBuffer::MarkLineStart() {
+  MutexLock lock(mutex_);
+  line_start_ = true;
+}
+
+bool OutputBuffer::Flush() {
+  bool call = false;
+  bool done = false;
+  {
+    MutexLock lock(mutex_);
+    const bool was_open = fd_ >= 0;
+    const bool was_blocked = blocked_;
+    WriteLocked();
+    done = PendingLocked() == 0;
+    call = (was_open && fd_ < 0) || (blocked_ && !was_blocked);
+  }
+  if (call && attention_) attention_();
+  return done;
+}
+
+void OutputBuffer::WriteLocked() {
+  const bool was_full = PendingLocked() > kMaxPending;
+  bool blocked = false;
+  bool progress = false;
+  while (fd_ >= 0 && !blocked && PendingLocked() > 0) {
+    const ssize_t count = TryWrite(fd_, target_, std::string_view(pending_).substr(written_));
+    if (count >= 0) {
+      written_ += static_cast<std::size_t>(count);
+      progress = true;
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      blocked = true;
+    } else if (errno != EINTR) {
+      fd_ = -1;
+    }
+  }
+  if (fd_ < 0) written_ = pending_.size();
+  if (PendingLocked() == 0) {
+    // An idle session keeps no large buffer.
+    if (pending_.capacity() > kFlushSize) {
+      std::string().swap(pending_);
+    } else {
+      pending_.clear();
+    }
+    written_ = 0;
+  } else if (written_ > kMaxPending) {
+    pending_.erase(0, std::exchange(written_, 0));
+  }
+  if (blocked && (progress || !blocked_)) blocked_since_ = Clock::now();
+  blocked_ = blocked;
+  if (fd_ < 0 || (was_full && PendingLocked() <= kMaxPending)) room_.NotifyAll();
+}
+
+bool OutputBuffer::WaitForRoom() {
+  MutexLock lock(mutex_);
+  while (fd_ >= 0 && PendingLocked() > kMaxPending) room_.Wait(mutex_);
+  return fd_ >= 0;
+}
+
+void OutputBuffer::Close() {
+  MutexLock lock(mutex_);
+  fd_ = -1;
+  std::string().swap(pending_);
+  written_ = 0;
+  blocked_ = false;
+  room_.NotifyAll();
+}
+
+bool OutputBuffer::Closed() const {
+  MutexLock lock(mutex_);
+  return fd_ < 0;
+}
+
+std::size_t OutputBuffer::Pending() const {
+  MutexLock lock(mutex_);
+  return PendingLocked();
+}
+
+OutputBuffer::Clock::duration OutputBuffer::StalledFor() const {
+  MutexLock lock(mutex_);
+  return blocked_ ? Clock::now() - blocked_since_ : Clock::duration::zero();
+}
+
+}  // namespace cli::internal

@@ -1,0 +1,84 @@
+// What waits to be written to one operator: a bounded buffer before a file descriptor that may not take all at once.
+#ifndef KLBASE_CONSOLE_OUTPUT_BUFFER_H_
+#define KLBASE_CONSOLE_OUTPUT_BUFFER_H_
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "console/mutex.h"
+
+namespace cli::internal {
+
+// Any thread may append and flush; the bytes go out in the order in which they were appended. Owned (shared) by a
+// session and its transport. The descriptor stays the transport's: it must be open until Close().
+class OutputBuffer {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // A command that prints waits above this.
+  static constexpr std::size_t kMaxPending = 1 << 20;
+  // Above this a transport takes no more input, so that echo and prompts can't pile up.
+  static constexpr std::size_t kBusyPending = 256 << 10;
+  // Enough to make a write worth its system call.
+  static constexpr std::size_t kFlushSize = 16 << 10;
+
+  enum class Target {
+    kSocket,  // non-blocking
+    kFile,    // anything else; written so that it doesn't block as far as poll(2) can tell
+  };
+  enum class Text {
+    kPlain,   // as it is
+    kCrLf,    // line ends become "\r\n"
+    kTelnet,  // the same, and IAC is doubled
+  };
+
+  // `attention` is called, on the thread that noticed and without a lock, when bytes were left over (the transport
+  // then waits until the descriptor is writable and calls Flush) and when writing failed.
+  OutputBuffer(int fd, Target target, std::function<void()> attention);
+
+  void SetText(Text text);
+  // Appends what an operator reads. Dropped once closed.
+  void Append(std::string_view text);
+  // Appends protocol bytes.
+  void AppendRaw(std::string_view bytes);
+  // Begins a new line unless the last text ended one.
+  void FreshLine();
+  // Says that what comes next stands at the start of a line: the operator's Enter key moved on.
+  void MarkLineStart();
+
+  // Writes what can be written now. True when nothing is left (also because it is closed).
+  bool Flush();
+  // Blocks while more than kMaxPending bytes wait. False once closed.
+  bool WaitForRoom();
+  // Drops what is left and wakes all waiters; the descriptor is not used any more when it returns.
+  void Close();
+
+  bool Closed() const;
+  std::size_t Pending() const;
+  // How long bytes have been waiting without one of them being taken; zero when none wait.
+  Clock::duration StalledFor() const;
+
+ private:
+  void AppendConvertedLocked(std::string_view text) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void WriteLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  std::size_t PendingLocked() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) { return pending_.size() - written_; }
+
+  const Target target_;
+  const std::function<void()> attention_;
+  mutable Mutex mutex_;
+  Condition room_;
+  int fd_ ABSL_GUARDED_BY(mutex_);
+  Text text_ ABSL_GUARDED_BY(mutex_) = Text::kPlain;
+  bool line_start_ ABSL_GUARDED_BY(mutex_) = true;
+  bool blocked_ ABSL_GUARDED_BY(mutex_) = false;
+  std::string pending_ ABSL_GUARDED_BY(mutex_);
+  std::size_t written_ ABSL_GUARDED_BY(mutex_) = 0;
+  Clock::time_point blocked_since_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_OUTPUT_BUFFER_H_
