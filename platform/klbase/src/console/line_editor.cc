@@ -119,7 +119,7 @@ class LineEditor::Impl {
   void KillWordBack() { KillBackTo(PreviousWord(buffer_.Text(), buffer_.Cursor())); }
   void KillWord() { KillUpTo(NextWord(buffer_.Text(), buffer_.Cursor())); }
   void Yank() { BellUnless(buffer_.Yank()); }
-  void YankOlder();
+  void YankOlder() { BellUnless(buffer_.YankOlder()); }
   void Transpose() { BellUnless(buffer_.Transpose()); }
   void Undo() { BellUnless(buffer_.Undo()); }
   void ShowHistoryLine(std::optional<std::string> line);
@@ -456,11 +456,6 @@ void LineEditor::Impl::ListCandidates(const std::vector<std::string>& candidates
   if (!Painted()) return;
   screen_.Finish(out_, View());
   out_ += InColumns(candidates, screen_.Columns());
-}
-
-void LineEditor::Impl::YankOlder() {
-  const bool after_yank = last_key_ == Key::kYank || last_key_ == Key::kYankOlder;
-  BellUnless(after_yank && buffer_.YankOlder());
 }
 
 void LineEditor::Impl::ShowHistoryLine(std::optional<std::string> line) {

@@ -10,6 +10,7 @@ namespace cli::internal {
 
 // A run of typed or of erased characters is one step back.
 void LineBuffer::Remember(Edit edit) {
+  just_yanked_ = false;
   if (edit != Edit::kOther && edit == last_edit_) return;
   last_edit_ = edit;
   undo_.push_back({text_, cursor_});
@@ -21,6 +22,7 @@ void LineBuffer::Clear() {
   cursor_ = 0;
   undo_.clear();
   last_edit_ = Edit::kOther;
+  just_yanked_ = false;
 }
 
 bool LineBuffer::Insert(std::string_view bytes) {
@@ -46,12 +48,14 @@ bool LineBuffer::SetText(std::string_view text, std::size_t cursor) {
     Remember(Edit::kOther);
     text_ = text;
   }
+  just_yanked_ = false;
   cursor_ = std::min(cursor, text_.size());
   return true;
 }
 
 void LineBuffer::MoveTo(std::size_t cursor) {
   last_edit_ = Edit::kOther;
+  just_yanked_ = false;
   cursor_ = std::min(cursor, text_.size());
 }
 
@@ -85,6 +89,7 @@ bool LineBuffer::Undo() {
   cursor_ = undo_.back().cursor;
   undo_.pop_back();
   last_edit_ = Edit::kOther;
+  just_yanked_ = false;
   return true;
 }
 
@@ -108,13 +113,16 @@ bool LineBuffer::Yank() {
   if (kills_.empty()) return false;
   yanked_ = 0;
   yank_start_ = cursor_;
-  return Replace(cursor_, cursor_, kills_.front());
+  just_yanked_ = Replace(cursor_, cursor_, kills_.front());
+  return just_yanked_;
 }
 
 bool LineBuffer::YankOlder() {
-  if (kills_.size() < 2) return false;
+  if (!just_yanked_ || kills_.size() < 2) return false;
   yanked_ = (yanked_ + 1) % kills_.size();
-  return Replace(yank_start_, cursor_, kills_[yanked_]);
+  Replace(yank_start_, cursor_, kills_[yanked_]);
+  just_yanked_ = true;
+  return true;
 }
 
 }  // namespace cli::internal

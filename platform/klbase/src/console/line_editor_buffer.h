@@ -31,7 +31,7 @@ class LineBuffer {
   // Cuts the text from `start` to `end`, one of which is the cursor. Cuts in a row (`again`) are put back as one.
   bool Kill(std::size_t start, std::size_t end, bool again);
   bool Yank();
-  bool YankOlder();  // directly after Yank: the cut before that one in its place
+  bool YankOlder();  // directly after one of the two: the cut before that one in its place
 
  private:
   enum class Edit { kOther, kInsert, kErase };
@@ -49,6 +49,7 @@ class LineBuffer {
   std::deque<std::string> kills_;  // newest first
   std::size_t yanked_ = 0;         // index in kills_
   std::size_t yank_start_ = 0;
+  bool just_yanked_ = false;
   std::deque<State> undo_;
   Edit last_edit_ = Edit::kOther;
 };

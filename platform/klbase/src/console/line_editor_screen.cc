@@ -99,14 +99,18 @@ std::size_t LineScreen::UnitEnd(std::size_t index) const {
   return index + 1 < places_.size() ? places_[index + 1].offset : content_.size();
 }
 
-// Lays out from the last unit that begins before the change, which the change may have joined. Returns the index of the
-// first unit that has to be written.
+// Lays out again from a little before the change: a mark may have joined the unit before it, and bytes that were no
+// character may have become one (three bytes and the one that completes them). Returns the index of the first unit that
+// has to be written.
 std::size_t LineScreen::LayOut(const LineView& view, std::size_t same) {
+  constexpr std::size_t kReach = 3;
+  const std::size_t near = same > kReach ? same - kReach : 0;
   const auto behind =
-      std::partition_point(places_.begin(), places_.end(), [same](const Place& place) { return place.offset < same; });
+      std::partition_point(places_.begin(), places_.end(), [near](const Place& place) { return place.offset < near; });
   auto keep = static_cast<std::size_t>(behind - places_.begin());
-  std::size_t old_unit_end = 0;
-  if (keep > 0) old_unit_end = UnitEnd(--keep);
+  if (keep > 0) --keep;
+  std::vector<std::size_t> old_ends;
+  for (std::size_t i = keep; i < places_.size() && places_[i].offset < same; ++i) old_ends.push_back(UnitEnd(i));
   const std::size_t from = keep < places_.size() ? places_[keep].offset : content_.size();
   places_.resize(keep);
   end_ = keep == 0 ? 0 : places_.back().End();
@@ -114,15 +118,13 @@ std::size_t LineScreen::LayOut(const LineView& view, std::size_t same) {
   content_.assign(view.prompt);
   content_ += view.text;
   prompt_size_ = view.prompt.size();
-  if (same == 0) {
-    PlaceUnits(0, prompt_size_);
-    PlaceUnits(prompt_size_, content_.size());
-    return 0;
-  }
   if (from < prompt_size_) PlaceUnits(from, prompt_size_);
   PlaceUnits(std::max(from, prompt_size_), content_.size());
-  const bool unit_stands = keep < places_.size() && UnitEnd(keep) == old_unit_end && old_unit_end <= same;
-  return unit_stands ? keep + 1 : keep;
+  for (const std::size_t old_end : old_ends) {
+    if (keep >= places_.size() || old_end > same || UnitEnd(keep) != old_end) break;
+    ++keep;
+  }
+  return keep;
 }
 
 void LineScreen::PlaceUnits(std::size_t from, std::size_t to) {
