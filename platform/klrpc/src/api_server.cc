@@ -7,20 +7,22 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "grpc_core.h"
 #include "klbase/log.h"
 #include "server_call.h"
+#include "subscription_hub.h"
 #include "unix_listener.h"
+#include "worker_pool.h"
 
 namespace klrpc {
 namespace {
@@ -84,23 +86,31 @@ class GrpcServer : public APIServer {
   GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_ptr<UnaryHookSets> hooks);
   ~GrpcServer() override;
 
-  std::size_t Publish(const klrpc::v1::PubsubMessage&) override { return 0; }
+  std::size_t Publish(const klrpc::v1::PubsubMessage& message) override;
   int Port() const override { return port_; }
 
  private:
   void Listen();
-  void Work();
   void Stop();
   CallResult Answer(const Buffer& bytes);
   CallResult Hooked(const google::protobuf::Any& request);
+  CallResult AnswerPublish(const Buffer& bytes);
+  // The message as it goes to the subscribers.
+  Slice Outgoing(const klrpc::v1::PubsubMessage& message);
+  void Register();
 
   const std::unique_ptr<APIServerOptions> options_;
   const std::unique_ptr<UnaryHookSets> hooks_;
   ServerContext context_;
   UnaryMethodCall::Method call_;
+  UnaryMethodCall::Method publish_;
+  SubscriptionHub hub_;
+  SubscriberStream::Method subscribe_{context_, hub_};
+  const std::string name_ = UniqueName();
+  std::atomic<std::uint64_t> published_{0};
   std::unique_ptr<UnixListener> listener_;
   int port_ = 0;
-  std::vector<std::thread> workers_;
+  std::unique_ptr<WorkerPool> workers_;
 };
 
 GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_ptr<UnaryHookSets> hooks)
@@ -110,10 +120,8 @@ GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_pt
   context_.queue = grpc_completion_queue_create_for_next(nullptr);
   context_.server = grpc_server_create(ServerArgs().Get(), nullptr);
   grpc_server_register_completion_queue(context_.server, context_.queue, nullptr);
-  call_.registration =
-      grpc_server_register_method(context_.server, kCallMethod, nullptr, GRPC_SRM_PAYLOAD_READ_INITIAL_BYTE_BUFFER, 0);
-  call_.answer = [this](const Buffer& request) { return Answer(request); };
-  for (unsigned int i = 0; i < options_->Threads(); ++i) workers_.emplace_back(&GrpcServer::Work, this);
+  Register();
+  workers_ = std::make_unique<WorkerPool>(context_.queue, options_->Threads());
   try {
     Listen();
   } catch (...) {
@@ -123,6 +131,18 @@ GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_pt
 }
 
 GrpcServer::~GrpcServer() { Stop(); }
+
+void GrpcServer::Register() {
+  const auto method = [this](const char* name) {
+    return grpc_server_register_method(context_.server, name, nullptr, GRPC_SRM_PAYLOAD_READ_INITIAL_BYTE_BUFFER, 0);
+  };
+  call_.registration = method(kCallMethod);
+  call_.answer = [this](const Buffer& request) { return Answer(request); };
+  if (!options_->Pubsub()) return;
+  publish_.registration = method(kPublishMethod);
+  publish_.answer = [this](const Buffer& request) { return AnswerPublish(request); };
+  subscribe_.registration = method(kSubscribeMethod);
+}
 
 void GrpcServer::Listen() {
   const std::string& address = options_->Address();
@@ -134,21 +154,18 @@ void GrpcServer::Listen() {
   }
   grpc_server_start(context_.server);
   // One more than can be answered at once is waiting at any time, so that an arriving call never waits for that.
-  for (unsigned int i = 0; i < options_->Threads() + 1; ++i) UnaryMethodCall::Start(context_, call_);
+  for (unsigned int i = 0; i < options_->Threads() + 1; ++i) {
+    UnaryMethodCall::Start(context_, call_);
+    if (!options_->Pubsub()) continue;
+    UnaryMethodCall::Start(context_, publish_);
+    SubscriberStream::Start(subscribe_);
+  }
   if (listener_ == nullptr) return;
   listener_->Start([this](int fd) {
     grpc_server_credentials* insecure = grpc_insecure_server_credentials_create();
     grpc_server_add_channel_from_fd(context_.server, fd, insecure);
     grpc_server_credentials_release(insecure);
   });
-}
-
-void GrpcServer::Work() {
-  while (true) {
-    const grpc_event event = grpc_completion_queue_next(context_.queue, Never(), nullptr);
-    if (event.type == GRPC_QUEUE_SHUTDOWN) return;
-    Event::FromTag(event.tag)->Run(event.success != 0);
-  }
 }
 
 void GrpcServer::Stop() {
@@ -159,29 +176,65 @@ void GrpcServer::Stop() {
     void Run(bool) override { delete this; }
   };
   listener_.reset();
+  hub_.Close();
   grpc_server_shutdown_and_notify(context_.server, context_.queue, (new Stopped(context_))->Arm());
   if (!context_.live.WaitForNone(steady_clock::now() + kGrace)) {
     grpc_server_cancel_all_calls(context_.server);
     context_.live.WaitForNone(steady_clock::time_point::max());
   }
   grpc_completion_queue_shutdown(context_.queue);
-  for (std::thread& worker : workers_) worker.join();
+  workers_.reset();
   grpc_server_destroy(context_.server);
   grpc_completion_queue_destroy(context_.queue);
+}
+
+// Runs a hook; what it throws becomes the call's failure.
+template <typename Function>
+CallResult Guarded(const char* what, const std::string& name, const Function& function) {
+  try {
+    return function();
+  } catch (const std::exception& error) {
+    KL_LOG(50, "%s %s: %s", what, name.c_str(), error.what());
+    return Failure(GRPC_STATUS_INTERNAL, error.what());
+  } catch (...) {
+    KL_LOG(50, "%s %s: an exception of unknown type", what, name.c_str());
+    return Failure(GRPC_STATUS_INTERNAL, "an exception of unknown type");
+  }
 }
 
 CallResult GrpcServer::Answer(const Buffer& bytes) {
   google::protobuf::Any request;
   if (!bytes.ParseInto(request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "the request is not a packed message");
-  try {
-    return Hooked(request);
-  } catch (const std::exception& error) {
-    KL_LOG(50, "request %s: %s", request.type_url().c_str(), error.what());
-    return Failure(GRPC_STATUS_INTERNAL, error.what());
-  } catch (...) {
-    KL_LOG(50, "request %s: an exception of unknown type", request.type_url().c_str());
-    return Failure(GRPC_STATUS_INTERNAL, "an exception of unknown type");
+  return Guarded("request", request.type_url(), [&] { return Hooked(request); });
+}
+
+CallResult GrpcServer::AnswerPublish(const Buffer& bytes) {
+  klrpc::v1::PubsubMessage message;
+  if (!bytes.ParseInto(message)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a message to publish");
+  if (message.topic().empty()) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "the message has no topic");
+  return Guarded("publication on", message.topic(), [&]() -> CallResult {
+    const bool hooked = hooks_ != nullptr && hooks_->publish != nullptr && *hooks_->publish;
+    klrpc::v1::PublishReply reply;
+    reply.set_ok(!hooked || (*hooks_->publish)(message));
+    // As it arrived, unless it still needs a name.
+    if (reply.ok()) hub_.Publish(message.topic(), message.msg_id().empty() ? Outgoing(message) : bytes.Flat());
+    return {GRPC_STATUS_OK, "", Serialize(reply)};
+  });
+}
+
+std::size_t GrpcServer::Publish(const klrpc::v1::PubsubMessage& message) {
+  if (const std::size_t size = message.ByteSizeLong(); size > kMaxMessageBytes) {
+    KL_LOG(40, "publication on %s: %s", message.topic().c_str(), TooLarge("the message", size).c_str());
+    return 0;
   }
+  return hub_.Publish(message.topic(), Outgoing(message));
+}
+
+Slice GrpcServer::Outgoing(const klrpc::v1::PubsubMessage& message) {
+  if (!message.msg_id().empty()) return Serialize(message);
+  klrpc::v1::PubsubMessage named = message;
+  named.set_msg_id(name_ + "-" + std::to_string(++published_));
+  return Serialize(named);
 }
 
 CallResult GrpcServer::Hooked(const google::protobuf::Any& request) {
@@ -192,8 +245,7 @@ CallResult GrpcServer::Hooked(const google::protobuf::Any& request) {
     return Failure(GRPC_STATUS_UNIMPLEMENTED, "not served here: " + request.type_url());
   }
   if (const std::size_t size = reply.ByteSizeLong(); size > kMaxFrameBytes || reply.value().size() > kMaxMessageBytes) {
-    const std::string text = "the reply has " + std::to_string(size) + " bytes, more than the " +
-                             std::to_string(kMaxMessageBytes) + " that can be sent";
+    const std::string text = TooLarge("the reply", size);
     KL_LOG(40, "request %s: %s", request.type_url().c_str(), text.c_str());
     return Failure(GRPC_STATUS_RESOURCE_EXHAUSTED, text);
   }

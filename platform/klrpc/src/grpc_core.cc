@@ -6,9 +6,12 @@
 #include <grpc/byte_buffer_reader.h>
 #include <grpc/support/log.h>
 #include <grpc/support/time.h>
+#include <unistd.h>
 
 #include <array>
+#include <cstdio>
 #include <mutex>
+#include <random>
 
 #include "klbase/log.h"
 
@@ -24,6 +27,11 @@ void WriteGrpcLog(gpr_log_func_args* args) {
 }
 
 }  // namespace
+
+std::string TooLarge(const char* what, std::size_t size) {
+  return std::string(what) + " has " + std::to_string(size) + " bytes, more than the " +
+         std::to_string(kMaxMessageBytes) + " that can be sent";
+}
 
 void StartGrpc() {
   static std::once_flag once;
@@ -89,6 +97,14 @@ bool Buffer::ParseInto(google::protobuf::MessageLite& message) const {
   if (buffer_ == nullptr) return false;
   const Slice all = Flat();
   return message.ParseFromArray(all.View().data(), static_cast<int>(all.View().size()));
+}
+
+std::string UniqueName() {
+  static std::atomic<unsigned> count{0};
+  std::random_device random;
+  std::array<char, 64> name{};
+  std::snprintf(name.data(), name.size(), "%d-%08x%08x-%u", static_cast<int>(getpid()), random(), random(), ++count);
+  return name.data();
 }
 
 Slice Serialize(const google::protobuf::MessageLite& message) {

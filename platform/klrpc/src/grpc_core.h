@@ -13,8 +13,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace klrpc {
@@ -26,8 +28,12 @@ constexpr std::size_t kMaxFrameBytes = kMaxMessageBytes + (64u << 10);
 constexpr char kCallMethod[] = "/klrpc.v1.Transport/Call";
 constexpr char kPublishMethod[] = "/klrpc.v1.Transport/Publish";
 constexpr char kSubscribeMethod[] = "/klrpc.v1.Transport/Subscribe";
-// Metadata of a subscription: names the client process's stream owner, so that a wider stream replaces its predecessor.
-constexpr char kOwnerKey[] = "klrpc-owner";
+// Metadata of a subscription, "OWNER/NUMBER": which client object it belongs to and which of its streams it is. A
+// stream with a higher number takes the place of the one before, see SubscriptionHub.
+constexpr char kStreamKey[] = "klrpc-stream";
+
+// "the request has 5000000 bytes, more than the 4194304 that can be sent".
+std::string TooLarge(const char* what, std::size_t size);
 
 // Starts gRPC when this is the process's first use of it and routes its log lines to the log. gRPC is never shut down:
 // its threads may be busy with connections of others until the process is gone.
@@ -107,6 +113,9 @@ class Buffer {
   grpc_byte_buffer* buffer_ = nullptr;
 };
 
+// A name that no other process and no other object uses.
+std::string UniqueName();
+
 Slice Serialize(const google::protobuf::MessageLite& message);
 
 // `message` as the Any that carries it, in one piece and without a copy on the way. An Any is serialised as it stands.
@@ -137,6 +146,30 @@ class Event {
 
  private:
   std::atomic<bool> armed_{false};
+};
+
+// An event that ends in a member function. Keeps its object, a shared one, alive while gRPC has the tag.
+template <typename T>
+class Completion : public Event {
+ public:
+  Completion(T* object, void (T::*done)(bool ok)) : object_(object), done_(done) {}
+
+  void* Begin() {
+    keep_ = object_->shared_from_this();
+    return Arm();
+  }
+  // For an operation that could not be started.
+  void Abandon() { keep_.reset(); }
+
+  void Run(bool ok) override {
+    const std::shared_ptr<T> keep = std::move(keep_);
+    (object_->*done_)(ok);
+  }
+
+ private:
+  T* const object_;
+  void (T::*const done_)(bool);
+  std::shared_ptr<T> keep_;
 };
 
 }  // namespace klrpc

@@ -8,11 +8,6 @@
 namespace klrpc {
 namespace {
 
-std::string TooLarge(std::size_t size) {
-  return "the request has " + std::to_string(size) + " bytes, more than the " + std::to_string(kMaxMessageBytes) +
-         " that can be sent";
-}
-
 // One call from its start to its status. All of it happens on the calling thread.
 class Exchange {
  public:
@@ -106,7 +101,7 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
                               std::chrono::milliseconds timeout) {
   if (timeout <= std::chrono::milliseconds::zero()) return {GRPC_STATUS_DEADLINE_EXCEEDED, "the time limit is 0 ms"};
   if (const std::size_t size = request.ByteSizeLong(); size > kMaxMessageBytes) {
-    return {GRPC_STATUS_RESOURCE_EXHAUSTED, TooLarge(size)};
+    return {GRPC_STATUS_RESOURCE_EXHAUSTED, TooLarge("the request", size)};
   }
   const Slice bytes = SerializeAsAny(request);
   grpc_completion_queue* const queue = TakeQueue();
