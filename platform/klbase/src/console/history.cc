@@ -116,28 +116,28 @@ void History::Add(std::string_view line) {
   if (line.empty() || line.size() > kMaxLineBytes || line.front() == ' ' || line.front() == '\t') return;
   if (line.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) return;
   // First what the others did: the newest line is the newest of all.
-  Merge();
+  const bool available = !file_.empty() && Synchronise();
   if (!lines_.empty() && lines_.back() == line) return;
   Keep(line);
   if (file_.empty()) return;
   if (unsaved_.size() > static_cast<std::size_t>(kMaxFileBytes)) unsaved_.clear();
   unsaved_ += line;
   unsaved_ += '\n';
-  Synchronise();
+  if (available) Synchronise();
 }
 
 void History::Merge() {
   if (!file_.empty()) Synchronise();
 }
 
-void History::Synchronise() {
+bool History::Synchronise() {
   LockedFile file(file_);
   if (file.GetState() == LockedFile::State::kUnusable) return GiveUp(file.What(), file.Error());
-  if (file.GetState() == LockedFile::State::kBusy) return;
+  if (file.GetState() == LockedFile::State::kBusy) return false;
   if (!ReadNew(file)) return GiveUp("reading it failed", errno);
   if (!AppendUnsaved(file)) return GiveUp("writing it failed", errno);
-  if (lines_in_file_ <= 4 * kMaxLines && file.Size() <= kMaxFileBytes) return;
-  if (!Compact()) GiveUp("writing its shorter form failed", errno);
+  if (lines_in_file_ <= 4 * kMaxLines && file.Size() <= kMaxFileBytes) return true;
+  return Compact() || GiveUp("writing its shorter form failed", errno);
 }
 
 // Own lines that are not in the file yet stand at the end of lines_; what others wrote meanwhile goes behind them.
@@ -224,11 +224,12 @@ void History::Keep(std::string_view line) {
   if (lines_.size() > kMaxLines) lines_.erase(lines_.begin());
 }
 
-void History::GiveUp(const char* what, int error) {
+bool History::GiveUp(const char* what, int error) {
   KL_LOG(40, "history file '%s' is not used, %s%s%s; lines are kept in memory only\n", file_.c_str(), what,
          error != 0 ? ": " : "", error != 0 ? std::strerror(error) : "");
   file_.clear();
   unsaved_.clear();
+  return false;
 }
 
 namespace {

@@ -36,12 +36,13 @@ class History {
  private:
   class LockedFile;
 
-  void Synchronise();
+  // Reads what is new in the file and appends what is not in it; false when that could not be done (now, or any more).
+  bool Synchronise();
   bool ReadNew(const LockedFile& file);
   bool AppendUnsaved(LockedFile& file);
   bool Compact();
   void Keep(std::string_view line);
-  void GiveUp(const char* what, int error);
+  bool GiveUp(const char* what, int error);
 
   std::string file_;
   std::vector<std::string> lines_;

@@ -1,0 +1,420 @@
+#include "klbase/log.h"
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "klbase/log_sink.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+constexpr auto kPatience = std::chrono::seconds(20);
+
+// Options may be used before main().
+const int32_t level_at_static_initialisation = kOptionLogLevel.load();
+
+class LogTest : public testing::Test {
+ protected:
+  LogTest() {
+    std::string pattern = testing::TempDir() + "/log_test.XXXXXX";
+    folder_ = mkdtemp(pattern.data());
+    file_ = folder_ + "/tool.log";
+    for (const char* name : {"KLBASE_LOG_LEVEL", "KLBASE_DEBUG", "KLBASE_LOG_FILE"}) unsetenv(name);
+  }
+  ~LogTest() override {
+    KlLogSetObserver({});
+    KlLogDestory();
+    KlLogSetLogLevel(20);
+    KlLogSetDebugLevel(0);
+    std::filesystem::remove_all(folder_);
+  }
+
+  bool Open(int max_files = 5, int max_file_size_kb = 1024) {
+    return KlLogDefaultInit(20, file_, max_files, max_file_size_kb);
+  }
+  static std::string Read(const std::string& path) {
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+  }
+  std::string Content() const { return Read(file_); }
+  std::vector<std::string> Lines() const {
+    std::vector<std::string> lines;
+    std::ifstream in(file_);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+  bool WaitFor(const std::function<bool()>& condition) const {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+  std::size_t FilesInFolder() const {
+    const std::filesystem::directory_iterator files(folder_);
+    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+  }
+
+  std::string folder_;
+  std::string file_;
+};
+
+TEST_F(LogTest, ARecordIsOneLineWithAllItsFields) {
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "loaded %s %d", "module", 3);
+  const int line = __LINE__ - 1;
+  EXPECT_THAT(Content(),
+              MatchesRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3} 30 " +
+                           std::to_string(gettid()) + " platform/klbase/src/log_test:" + std::to_string(line) +
+                           " TestBody: loaded module 3\n"));
+}
+
+TEST_F(LogTest, LineEndsOfTheTextDoNotBreakTheRecord) {
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "install rpc cli\n");
+  KL_LOG(30, "first\nsecond\n\n");
+  EXPECT_THAT(Lines(), ElementsAre(EndsWith(": install rpc cli"), EndsWith(": first"), "    second"));
+}
+
+TEST_F(LogTest, ControlCharactersOfTheTextAreWrittenOut) {
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "a\x1b[31m\tb\x7f%cc\rd ä", '\0');
+  EXPECT_THAT(Content(), EndsWith("a\\x1b[31m\tb\\x7f\\x00c\\x0dd ä\n"));
+}
+
+TEST_F(LogTest, ALongRecordIsWhole) {
+  ASSERT_TRUE(Open());
+  const std::string text(200'000, 'x');
+  KL_LOG(30, "<%s>", text.c_str());
+  EXPECT_THAT(Content(), EndsWith(": <" + text + ">\n"));
+  for (const std::size_t size : {1022, 1023, 1024, 1025, 1026}) {
+    KL_LOG(30, "%s", text.substr(0, size).c_str());
+    EXPECT_THAT(Content(), EndsWith(": " + text.substr(0, size) + "\n"));
+  }
+}
+
+TEST_F(LogTest, ASuppressedRecordEvaluatesNothing) {
+  ASSERT_TRUE(Open());
+  int evaluated = 0;
+  KL_LOG(10, "%d", ++evaluated);
+  KL_DEBUG_LOG(0, 50, "%d", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  KL_LOG(20, "%d", ++evaluated);
+  KlLogSetDebugLevel(1);
+  KL_DEBUG_LOG(0, 50, "%d", ++evaluated);
+  KL_DEBUG_LOG(1, 50, "%d", ++evaluated);
+  EXPECT_EQ(evaluated, 2);
+  EXPECT_THAT(Lines(), SizeIs(2));
+}
+
+TEST_F(LogTest, ErrnoIsKept) {
+  ASSERT_TRUE(Open());
+  errno = ENOENT;
+  KL_LOG(30, "open");
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(LogTest, RecordsBelow30ReachTheFileSoon) {
+  ASSERT_TRUE(Open());
+  KL_LOG(20, "detail");
+  EXPECT_TRUE(WaitFor([this] { return !Content().empty(); }));
+}
+
+TEST_F(LogTest, TheNumberOfFilesCountsTheLiveOne) {
+  ASSERT_TRUE(Open(3, 1));
+  for (int i = 0; i < 100; ++i) KL_LOG(30, "record %d %s", i, std::string(100, 'x').c_str());
+  EXPECT_EQ(FilesInFolder(), 3u);
+  EXPECT_THAT(Content(), HasSubstr("record 99 "));
+  EXPECT_TRUE(std::filesystem::exists(folder_ + "/tool.2.log"));
+  for (const auto& entry : std::filesystem::directory_iterator(folder_)) EXPECT_LE(entry.file_size(), 1024u);
+}
+
+TEST_F(LogTest, OneFileMeansOneFile) {
+  ASSERT_TRUE(Open(1, 1));
+  for (int i = 0; i < 100; ++i) KL_LOG(30, "record %d", i);
+  EXPECT_EQ(FilesInFolder(), 1u);
+  EXPECT_THAT(Content(), HasSubstr("record 99\n"));
+}
+
+TEST_F(LogTest, ARecordLargerThanAFileIsWholeToo) {
+  ASSERT_TRUE(Open(2, 1));
+  KL_LOG(30, "small");
+  KL_LOG(30, "%s", std::string(5000, 'x').c_str());
+  EXPECT_THAT(Content(), EndsWith(std::string(5000, 'x') + "\n"));
+}
+
+TEST_F(LogTest, AnOldFileIsContinuedOnALineOfItsOwn) {
+  std::ofstream(file_) << "cut by a power fail";
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "next");
+  EXPECT_THAT(Lines(), ElementsAre("cut by a power fail", EndsWith(": next")));
+}
+
+TEST_F(LogTest, MissingFoldersAreMade) {
+  file_ = folder_ + "/a/b/tool.log";
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "here");
+  EXPECT_THAT(Content(), EndsWith(": here\n"));
+}
+
+TEST_F(LogTest, RecordsOutsideOfTheLogsLifeAreDropped) {
+  KL_LOG(50, "before");
+  ASSERT_TRUE(Open());
+  KL_LOG(20, "within");
+  KlLogDestory();
+  KL_LOG(50, "after");
+  KlLogDestory();
+  EXPECT_THAT(Lines(), ElementsAre(EndsWith(": within")));
+}
+
+TEST_F(LogTest, ASecondStartReplacesTheFile) {
+  ASSERT_TRUE(Open());
+  KL_LOG(20, "first");
+  const std::string first = std::exchange(file_, folder_ + "/other.log");
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "second");
+  EXPECT_THAT(Read(first), EndsWith(": first\n"));
+  EXPECT_THAT(Content(), EndsWith(": second\n"));
+}
+
+TEST_F(LogTest, AFileThatCannotBeOpenedIsSaidAndErrorsGoToStandardError) {
+  std::ofstream(folder_ + "/file");
+  file_ = folder_ + "/file/tool.log";
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(Open());
+  KL_LOG(30, "progress");
+  KL_LOG(40, "refused");
+  KlLogDestory();
+  KL_LOG(50, "after");
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              MatchesRegex("klbase: can't write the log file '" + file_ +
+                           "': Not a directory; records of level 40 and above go to standard error "
+                           "\\(KLBASE_LOG_FILE names another file\\)\n[-0-9]+ [:.0-9]+ 40 [^\n]*: refused\n"));
+}
+
+TEST_F(LogTest, AFullDiskIsSaidOnceAndStopsNobody) {
+  file_ = "/dev/full";
+  ASSERT_TRUE(Open());
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 3; ++i) KL_LOG(30, "progress %d", i);
+  KL_LOG(40, "refused");
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(said, StartsWith("klbase: writing the log failed: "));
+  EXPECT_THAT(said, HasSubstr("No space left on device; until it works again, records of level 40 and above go to "
+                              "standard error\n"));
+  EXPECT_EQ(said.find("klbase:", 1), std::string::npos);
+  EXPECT_THAT(said, EndsWith(": refused\n"));
+  EXPECT_THAT(said, Not(HasSubstr("progress")));
+}
+
+TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {
+  file_ = folder_ + "/sub/tool.log";
+  ASSERT_TRUE(Open(2, 1));
+  testing::internal::CaptureStderr();
+  std::filesystem::remove_all(folder_ + "/sub");
+  std::ofstream(folder_ + "/sub") << "in the way";
+  for (int i = 0; i < 50; ++i) KL_LOG(30, "lost %d", i);
+  std::filesystem::remove(folder_ + "/sub");
+  EXPECT_TRUE(WaitFor([this] {
+    KL_LOG(30, "back");
+    return Content().find(": back\n") != std::string::npos;
+  }));
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("klbase: writing the log failed: "));
+}
+
+TEST_F(LogTest, TheEnvironmentWins) {
+  setenv("KLBASE_LOG_LEVEL", "40", 1);
+  setenv("KLBASE_DEBUG", "3", 1);
+  setenv("KLBASE_LOG_FILE", (folder_ + "/env.log").c_str(), 1);
+  ASSERT_TRUE(Open());
+  EXPECT_EQ(kOptionLogLevel, 40);
+  EXPECT_EQ(kOptionDebug, 3);
+  KL_LOG(50, "here");
+  EXPECT_THAT(Read(folder_ + "/env.log"), EndsWith(": here\n"));
+  EXPECT_FALSE(std::filesystem::exists(file_));
+}
+
+TEST_F(LogTest, AnEnvironmentThatIsNoNumberIsSaidAndIgnored) {
+  setenv("KLBASE_LOG_LEVEL", "verbose", 1);
+  testing::internal::CaptureStderr();
+  ASSERT_TRUE(Open());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "klbase: KLBASE_LOG_LEVEL is 'verbose', which is not a number; ignored\n");
+  EXPECT_EQ(kOptionLogLevel, 20);
+}
+
+TEST_F(LogTest, ADebugLevelAboveTheSignedRangeKeepsItsBits) {
+  KlLogSetDebugLevel(4294967295u);
+  EXPECT_EQ(kOptionDebug, -1);
+}
+
+TEST_F(LogTest, OptionsHaveTheirValuesBeforeMain) { EXPECT_EQ(level_at_static_initialisation, 20); }
+
+TEST_F(LogTest, RecordsOfManyThreadsAreWhole) {
+  ASSERT_TRUE(Open());
+  constexpr int kThreads = 8;
+  constexpr int kRecords = 500;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([thread] {
+      for (int i = 0; i < kRecords; ++i) KL_LOG(i % 2 == 0 ? 20 : 30, "thread %d record %d.", thread, i);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  KlLogDestory();
+  const std::vector<std::string> lines = Lines();
+  EXPECT_THAT(lines, SizeIs(kThreads * kRecords));
+  EXPECT_THAT(lines, testing::Each(MatchesRegex("[-0-9]+ [:.0-9]+ [23]0 .*: thread [0-7] record [0-9]+\\.")));
+}
+
+TEST_F(LogTest, EndingAndStartingWhileThreadsLogIsSafe) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&stop] {
+      while (!stop) KL_LOG(20, "busy %s", "x");
+    });
+  }
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_TRUE(Open(2, 64));
+    KL_LOG(30, "round %d", i);
+    KlLogDestory();
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(LogTest, AChildOfForkLogsAlthoughOtherThreadsWereLogging) {
+  ASSERT_TRUE(Open());
+  std::atomic<bool> stop{false};
+  std::thread busy([&stop] {
+    while (!stop) KL_LOG(20, "busy");
+  });
+  for (int i = 0; i < 20; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      KL_LOG(20, "child %d", i);
+      KlLogDestory();
+      _exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+  }
+  stop = true;
+  busy.join();
+  KlLogDestory();
+  EXPECT_THAT(Content(), HasSubstr(": child 19\n"));
+}
+
+// As a crash handler does it: a record from the handler of a fault, then the end.
+TEST_F(LogTest, ARecordFromAFaultsHandlerReachesTheFile) {
+  ASSERT_TRUE(Open());
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(20);
+    signal(SIGSEGV, [](int) {
+      KL_LOG(50, "Program Exit:\n%s", "stack");
+      _exit(3);
+    });
+    raise(SIGSEGV);
+    _exit(4);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(WEXITSTATUS(status), 3);
+  EXPECT_THAT(Lines(), ElementsAre(EndsWith(" operator(): Program Exit:"), "    stack"));
+}
+
+class LogObserverTest : public LogTest {
+ protected:
+  void Observe() {
+    KlLogSetObserver([this](const KlLogRecord& record) { Keep(record); });
+  }
+  void Keep(const KlLogRecord& record) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    seen_.push_back(std::to_string(record.level) + "|" + std::string(record.source_file) + ":" +
+                    std::to_string(record.line) + "|" + std::string(record.function) + "|" + std::string(record.text));
+  }
+
+  std::mutex mutex_;
+  std::vector<std::string> seen_;
+};
+
+TEST_F(LogObserverTest, SeesTheFieldsAndTheTextAsItIs) {
+  Observe();
+  KL_LOG(40, "install %s cli\n", "rpc");
+  const std::string line = std::to_string(__LINE__ - 1);
+  EXPECT_THAT(seen_, ElementsAre("40|platform/klbase/src/log_test:" + line + "|TestBody|install rpc cli\n"));
+}
+
+TEST_F(LogObserverTest, SeesNothingThatItsLevelSuppressed) {
+  Observe();
+  KL_LOG(10, "suppressed");
+  EXPECT_THAT(seen_, IsEmpty());
+}
+
+TEST_F(LogObserverTest, MayLogWithoutSeeingItself) {
+  ASSERT_TRUE(Open());
+  KlLogSetObserver([this](const KlLogRecord& record) {
+    Keep(record);
+    KL_LOG(30, "observed");
+  });
+  KL_LOG(30, "record");
+  EXPECT_THAT(seen_, SizeIs(1));
+  EXPECT_THAT(Lines(), ElementsAre(EndsWith(": record"), EndsWith(": observed")));
+}
+
+TEST_F(LogObserverTest, MayEndItselfAndMayThrow) {
+  int calls = 0;
+  KlLogSetObserver([&calls](const KlLogRecord&) {
+    ++calls;
+    KlLogSetObserver({});
+    throw 1;
+  });
+  KL_LOG(30, "one");
+  KL_LOG(30, "two");
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(LogObserverTest, IsNotRunningAnyMoreWhenItWasEnded) {
+  for (int round = 0; round < 20; ++round) {
+    auto alive = std::make_unique<std::atomic<int>>(0);
+    std::atomic<bool> stop{false};
+    KlLogSetObserver([counter = alive.get()](const KlLogRecord&) { ++*counter; });
+    std::thread busy([&stop] {
+      while (!stop) KL_LOG(30, "busy");
+    });
+    EXPECT_TRUE(WaitFor([&alive] { return *alive > 0; }));
+    KlLogSetObserver({});
+    alive.reset();  // the sanitizers watch that nobody counts any more
+    stop = true;
+    busy.join();
+  }
+}
+
+}  // namespace
