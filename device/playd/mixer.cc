@@ -5,12 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
+
+#include "klbase/log.h"
 
 namespace playd {
 namespace {
@@ -91,7 +92,7 @@ bool Mixer::HasSoundDevice() {
 
 Mixer::Mixer(bool audible) {
   if (audible) pipeline_ = Start("autoaudiosink");
-  if (audible && pipeline_ == nullptr) std::fprintf(stderr, "playd: no sound: the sound device can't be opened\n");
+  if (audible && pipeline_ == nullptr) KL_LOG(40, "no sound: the sound device can't be opened");
   if (pipeline_ == nullptr) pipeline_ = Start("fakesink sync=true enable-last-sample=false");
   if (pipeline_ == nullptr) throw std::runtime_error("the sound mixer can't be started");
   mixer_ = pipeline_->Find("mixer");

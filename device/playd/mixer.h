@@ -35,7 +35,7 @@ class Mixer {
   static constexpr char kFormat[] = "audio/x-raw,format=S16LE,rate=48000,channels=2,layout=interleaved";
 
   // Starts mixing: to the sound device if `audible`, else to nowhere, at the same pace. A sound device that can't be
-  // opened is one line on standard error, and the mix goes nowhere. Throws std::runtime_error when GStreamer lacks what
+  // opened is one record in the log, and the mix goes nowhere. Throws std::runtime_error when GStreamer lacks what
   // it needs.
   explicit Mixer(bool audible);
   Mixer(const Mixer&) = delete;

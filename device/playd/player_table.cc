@@ -22,6 +22,7 @@ Outcome PlayerTable::Create(const std::string& id) {
   }
   ClearAwayStopped();
   const device::MutexLock lock(mutex_);
+  if (closing_) return Outcome::Error(ErrorCode::kBusy, "the player daemon is stopping");
   if (players_.contains(id)) return Outcome::Error(ErrorCode::kPlayerExists, "player " + id + " exists already");
   if (players_.size() + leaving_.size() >= kMaxPlayers) {
     return Outcome::Error(ErrorCode::kTooManyPlayers,
@@ -69,6 +70,7 @@ bool PlayerTable::StopAll(milliseconds limit) {
   std::vector<std::shared_ptr<Player>> all;
   {
     const device::MutexLock lock(mutex_);
+    closing_ = true;
     all = leaving_;
     for (auto& [id, player] : players_) all.push_back(player);
   }

@@ -37,7 +37,7 @@ class PlayerTable {
   // Null when there is none. Shared, because another caller may delete it while this one works with it.
   std::shared_ptr<Player> Find(const std::string& id) const;
 
-  // Stops all players. False when one of them still hangs after `limit`: destroying the table would then wait for it.
+  // Stops all players and takes no new ones. False when one of them still hangs after `limit`: destroying the table would then wait for it.
   bool StopAll(std::chrono::milliseconds limit);
 
  private:
@@ -50,6 +50,7 @@ class PlayerTable {
   mutable device::Mutex mutex_;
   std::map<std::string, std::shared_ptr<Player>> players_ ABSL_GUARDED_BY(mutex_);
   std::vector<std::shared_ptr<Player>> leaving_ ABSL_GUARDED_BY(mutex_);
+  bool closing_ ABSL_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace playd

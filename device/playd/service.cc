@@ -3,10 +3,11 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
-#include <cstdio>
 #include <map>
 #include <memory>
-#include <string_view>
+#include <utility>
+
+#include "klbase/log.h"
 
 namespace playd {
 namespace {
@@ -44,8 +45,8 @@ std::string IdOf(const Request& request) {
 
 void LogRefusal(const std::string& type, const std::string& id, const Outcome& outcome) {
   if (outcome.ok()) return;
-  std::fprintf(stderr, "playd: %s %s refused: %s (code %d)\n", type.c_str(), id.c_str(), outcome.text.c_str(),
-               static_cast<int>(outcome.code));
+  KL_LOG(40, "%s %s refused: %s (code %d)", type.c_str(), id.c_str(), outcome.text.c_str(),
+         static_cast<int>(outcome.code));
 }
 
 TimingAxis ToAxis(const lp::v1::VideoTiming& t) {

@@ -15,8 +15,8 @@
 
 namespace playd {
 
-// Turns requests into operations on players and canvas, and their outcomes into replies. Refusals are written to
-// standard error, one line each. Any thread.
+// Turns requests into operations on players and canvas, and their outcomes into replies. Refusals are
+// logged, with their reasons, at level 40. Any thread.
 class Service {
  public:
   // Both must outlive the service.

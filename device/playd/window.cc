@@ -2,7 +2,9 @@
 
 #include <gst/app/gstappsrc.h>
 
-#include <cstdio>
+#include <exception>
+
+#include "klbase/log.h"
 
 namespace playd {
 namespace {
@@ -31,11 +33,11 @@ Window::Window(GstPad* pictures) : pictures_(pictures) {
   try {
     pipeline_ = std::make_unique<device::Pipeline>(kPipeline);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "playd: no window: %s\n", error.what());
+    KL_LOG(40, "no window: %s", error.what());
     return;
   }
   if (!pipeline_->SetState(GST_STATE_PLAYING)) {
-    std::fprintf(stderr, "playd: no window: the display can't be opened\n");
+    KL_LOG(40, "no window: the display can't be opened");
     pipeline_.reset();
     return;
   }

@@ -9,7 +9,7 @@
 namespace playd {
 
 // Shows what comes by at a pad, in a pipeline of its own: a display that is slow, or a window that the user closes,
-// takes nothing but itself away. When no window can be opened that is one line on standard error.
+// takes nothing but itself away. When no window can be opened that is one record in the log.
 class Window {
  public:
   // `pictures` must outlive the window.

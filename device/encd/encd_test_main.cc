@@ -1,0 +1,8 @@
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  gst_init(nullptr, nullptr);
+  return RUN_ALL_TESTS();
+}

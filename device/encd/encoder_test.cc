@@ -1,0 +1,502 @@
+#include "encd/encoder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <thread>
+
+#include "testing/media_probe.h"
+#include "testing/rtmp_server.h"
+#include "testing/temp_dir.h"
+#include "testing/wait.h"
+
+namespace encd {
+namespace {
+
+using device::testing::MediaFacts;
+using device::testing::ProbeMedia;
+using device::testing::RtmpServer;
+using device::testing::SilentPort;
+using device::testing::WaitUntil;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+
+constexpr int kFps = 25;
+constexpr Encoder::RecordSpec kBoth{true, true, static_cast<int>(RecordFormat::kMp4)};
+constexpr Encoder::RecordSpec kSoundOnly{true, false, static_cast<int>(RecordFormat::kMp4)};
+constexpr Encoder::RecordSpec kPictureOnly{false, true, static_cast<int>(RecordFormat::kMp4)};
+constexpr Encoder::RecordSpec kWave{true, false, static_cast<int>(RecordFormat::kWav)};
+
+// A running encoder of the test picture, small, so that two cores carry several tests at a time.
+class EncoderTest : public ::testing::Test {
+ protected:
+  Encoder::Options Options() {
+    Encoder::Options options;
+    options.width = 320;
+    options.height = 180;
+    options.fps = kFps;
+    options.record_dir = dir_.path();
+    return options;
+  }
+
+  void WaitFrames(std::uint64_t count) {
+    const auto target = encoder_.Count().video_frames + count;
+    ASSERT_TRUE(WaitUntil([&] { return encoder_.Count().video_frames >= target; }));
+  }
+
+  // What the encoder gives out over `frames` pictures, in kbit/s of programme time.
+  double MeasureKbps(std::uint64_t frames) {
+    const auto before = encoder_.Count();
+    WaitFrames(frames);
+    const auto after = encoder_.Count();
+    return static_cast<double>(after.video_bytes - before.video_bytes) * 8 / 1000 * kFps /
+           static_cast<double>(after.video_frames - before.video_frames);
+  }
+
+  double MeasureKbpsOnceSettled() {
+    WaitFrames(kFps / 2);  // the rate control evens out over 0.6 s
+    return MeasureKbps(2 * kFps);
+  }
+
+  Encoder::StreamState Stream(const std::string& id) {
+    for (const auto& stream : encoder_.Streams()) {
+      if (stream.id == id) return stream;
+    }
+    return {};
+  }
+
+  void WaitPushed(const std::string& id, std::uint64_t frames) {
+    ASSERT_TRUE(WaitUntil([&] { return Stream(id).frames >= frames; })) << Stream(id).frames;
+  }
+
+  // The one file with this suffix.
+  MediaFacts ProbeOnly(const std::string& suffix) {
+    const auto files = dir_.Files(suffix);
+    EXPECT_THAT(files, SizeIs(1));
+    return files.empty() ? MediaFacts{} : ProbeMedia(files.front());
+  }
+
+  device::testing::TempDir dir_;
+  Encoder encoder_{Options()};
+};
+
+void ExpectResult(const Result& result, Code code, const std::string& text) {
+  EXPECT_EQ(result.code, code) << result.text;
+  EXPECT_EQ(result.text, text);
+}
+
+TEST_F(EncoderTest, StartsAtMiddleQuality) {
+  EXPECT_EQ(encoder_.GetQuality(), Quality::kMiddle);
+  EXPECT_EQ(encoder_.BitrateKbps(), 2000);
+}
+
+TEST_F(EncoderTest, HighQualityGivesMoreBitsPerSecondThanLow) {
+  ExpectResult(encoder_.SetQuality(1), Code::kOk, "quality low, 500 kbit/s");
+  const double low = MeasureKbpsOnceSettled();
+  ExpectResult(encoder_.SetQuality(3), Code::kOk, "quality high, 6000 kbit/s");
+  const double high = MeasureKbpsOnceSettled();
+  // Constant bitrate keeps close to what is set; the small test picture does not need all of 6000.
+  EXPECT_GT(low, 350);
+  EXPECT_LT(low, 700);
+  EXPECT_GT(high, 3 * low);
+}
+
+TEST_F(EncoderTest, ABitrateTakesEffectOnTheRunningEncoder) {
+  encoder_.SetBitrate(1200);
+  const double more = MeasureKbpsOnceSettled();
+  encoder_.SetBitrate(300);
+  const double less = MeasureKbpsOnceSettled();
+  EXPECT_NEAR(more, 1200, 400);
+  EXPECT_NEAR(less, 300, 120);
+}
+
+TEST_F(EncoderTest, TellsWhatWasSet) {
+  encoder_.SetQuality(3);
+  EXPECT_EQ(encoder_.GetQuality(), Quality::kHigh);
+  EXPECT_EQ(encoder_.BitrateKbps(), 6000);
+  ExpectResult(encoder_.SetBitrate(1234), Code::kOk, "bitrate 1234 kbit/s");
+  EXPECT_EQ(encoder_.BitrateKbps(), 1234);
+  EXPECT_EQ(encoder_.GetQuality(), Quality::kHigh);
+}
+
+TEST_F(EncoderTest, AnUnknownQualityIsRefusedAndChangesNothing) {
+  for (int quality : {0, 4, -1}) {
+    ExpectResult(encoder_.SetQuality(quality), Code::kBadValue,
+                 "quality " + std::to_string(quality) + " is unknown; use LOW (1), MIDDLE (2) or HIGH (3)");
+  }
+  EXPECT_EQ(encoder_.BitrateKbps(), 2000);
+}
+
+TEST_F(EncoderTest, ABitrateOutOfRangeIsRefusedAndChangesNothing) {
+  for (int kbps : {-1, 0, 99, 10'001, 2147483647}) {
+    ExpectResult(encoder_.SetBitrate(kbps), Code::kBadValue,
+                 "bitrate " + std::to_string(kbps) + " kbit/s is out of range; use 100 to 10000");
+  }
+  EXPECT_TRUE(encoder_.SetBitrate(100).ok());
+  EXPECT_TRUE(encoder_.SetBitrate(10'000).ok());
+  EXPECT_EQ(encoder_.BitrateKbps(), 10'000);
+}
+
+TEST_F(EncoderTest, SettersThatCrossLeaveTheEncoderAtWhatWasSetLast) {
+  std::thread other([&] {
+    for (int i = 0; i < 200; ++i) encoder_.SetQuality(1 + i % 3);
+  });
+  for (int i = 0; i < 200; ++i) encoder_.SetQuality(1 + (i + 1) % 3);
+  other.join();
+  const int expected = encoder_.GetQuality() == Quality::kLow    ? 500
+                       : encoder_.GetQuality() == Quality::kHigh ? 6000
+                                                                 : 2000;
+  EXPECT_EQ(encoder_.BitrateKbps(), expected);
+}
+
+TEST_F(EncoderTest, AnMp4RecordingHoldsEveryFrameAndTheSound) {
+  ASSERT_THAT(encoder_.StartRecord(kBoth).text, StartsWith("recording to " + dir_.path() + "/record-"));
+  const auto before = encoder_.Count().video_frames;
+  WaitFrames(2 * kFps);
+  const auto between = encoder_.Count().video_frames - before;
+  const Result stopped = encoder_.StopRecord();
+  ASSERT_TRUE(stopped.ok()) << stopped.text;
+  const MediaFacts facts = ProbeOnly(".mp4");
+  EXPECT_EQ(facts.error, "");
+  // It begins with the keyframe that the start asks for, which is the next frame or the one after.
+  EXPECT_GE(facts.video_frames + 2, between);
+  EXPECT_LE(facts.video_frames, between + 5);
+  EXPECT_NEAR(facts.seconds, static_cast<double>(facts.video_frames) / kFps, 0.1);
+  EXPECT_NEAR(facts.audio_seconds, facts.seconds, 0.25);  // sound comes in pieces of 21 ms, encoded 2 pieces late
+  EXPECT_EQ(facts.width, 320);
+  EXPECT_THAT(stopped.text, HasSubstr(", " + std::to_string(facts.video_frames) + " frames"));
+  EXPECT_THAT(stopped.text, StartsWith("recorded " + dir_.Files(".mp4").front()));
+}
+
+TEST_F(EncoderTest, ARecordingOfThePictureAloneHasNoSound) {
+  ASSERT_TRUE(encoder_.StartRecord(kPictureOnly).ok());
+  WaitFrames(kFps);
+  ASSERT_TRUE(encoder_.StopRecord().ok());
+  const MediaFacts facts = ProbeOnly(".mp4");
+  EXPECT_EQ(facts.error, "");
+  EXPECT_GE(facts.video_frames, kFps - 2u);
+  EXPECT_FALSE(facts.has_audio);
+}
+
+TEST_F(EncoderTest, ARecordingOfTheSoundAloneHasNoPicture) {
+  ASSERT_TRUE(encoder_.StartRecord(kSoundOnly).ok());
+  WaitFrames(kFps);
+  ASSERT_TRUE(encoder_.StopRecord().ok());
+  const MediaFacts facts = ProbeOnly(".mp4");
+  EXPECT_EQ(facts.error, "");
+  EXPECT_EQ(facts.video_frames, 0u);
+  EXPECT_NEAR(facts.audio_seconds, 1.0, 0.3);
+}
+
+TEST_F(EncoderTest, AWavRecordingPlaysForAsLongAsItWasRecorded) {
+  ASSERT_TRUE(encoder_.StartRecord(kWave).ok());
+  WaitFrames(kFps);
+  const Result stopped = encoder_.StopRecord();
+  EXPECT_THAT(stopped.text, EndsWith(" s"));
+  const MediaFacts facts = ProbeOnly(".wav");
+  EXPECT_EQ(facts.error, "");
+  EXPECT_NEAR(facts.audio_seconds, 1.0, 0.3);
+  EXPECT_NEAR(facts.seconds, facts.audio_seconds, 0.01);
+}
+
+TEST_F(EncoderTest, AChangeOfQualityInTheMiddleLeavesTheRecordingWhole) {
+  ASSERT_TRUE(encoder_.StartRecord(kBoth).ok());
+  for (int quality : {3, 1, 2}) {
+    ASSERT_TRUE(encoder_.SetQuality(quality).ok());
+    WaitFrames(kFps / 3);
+  }
+  ASSERT_TRUE(encoder_.StopRecord().ok());
+  const MediaFacts facts = ProbeOnly(".mp4");
+  EXPECT_EQ(facts.error, "");
+  EXPECT_GE(facts.video_frames, kFps - 5u);
+}
+
+TEST_F(EncoderTest, BadRecordingRequestsAreRefusedWithTheReason) {
+  ExpectResult(encoder_.StartRecord({true, true, 0}), Code::kBadValue,
+               "record format 0 is unknown; use RECORD_MP4 (1) or RECORD_WAV (2)");
+  ExpectResult(encoder_.StartRecord({true, true, 3}), Code::kBadValue,
+               "record format 3 is unknown; use RECORD_MP4 (1) or RECORD_WAV (2)");
+  ExpectResult(encoder_.StartRecord({false, false, 1}), Code::kBadValue,
+               "nothing to record: enable audio, video or both");
+  ExpectResult(encoder_.StartRecord({true, true, 2}), Code::kBadValue,
+               "RECORD_WAV holds sound only; disable video or use RECORD_MP4");
+  EXPECT_THAT(dir_.Files(), IsEmpty());
+}
+
+TEST_F(EncoderTest, ASecondStartAndASecondStopAreRefused) {
+  ASSERT_TRUE(encoder_.StartRecord(kBoth).ok());
+  const std::string path = dir_.Files(".mp4").at(0);
+  ExpectResult(encoder_.StartRecord(kWave), Code::kWrongState, "recording to " + path + " already; stop it first");
+  WaitFrames(5);
+  EXPECT_TRUE(encoder_.StopRecord().ok());
+  ExpectResult(encoder_.StopRecord(), Code::kWrongState, "no recording is under way; start one first");
+  EXPECT_THAT(dir_.Files(), SizeIs(1));
+}
+
+TEST_F(EncoderTest, TwoRecordingsWithinASecondGetTwoFiles) {
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(encoder_.StartRecord(kBoth).ok());
+    WaitFrames(5);
+    ASSERT_TRUE(encoder_.StopRecord().ok());
+  }
+  EXPECT_THAT(dir_.Files(".mp4"), SizeIs(2));
+}
+
+TEST_F(EncoderTest, ForwardRecordingWritesWhatWasBefore) {
+  ExpectResult(encoder_.SetForwardRecord(kBoth, 1), Code::kOk, "forward recording keeps the last 1 s");
+  WaitFrames(5 * kFps);
+  const Result written = encoder_.ForwardRecord();
+  ASSERT_TRUE(written.ok()) << written.text;
+  const MediaFacts facts = ProbeOnly(".mp4");
+  EXPECT_EQ(facts.error, "");
+  // The last second, and up to the 2 s between keyframes before it.
+  EXPECT_GE(facts.video_frames, kFps - 2u);
+  EXPECT_LE(facts.video_frames, 3u * kFps + 5);
+  EXPECT_NEAR(facts.audio_seconds, facts.seconds, 0.25);
+}
+
+TEST_F(EncoderTest, ForwardRecordingKnowsWavAndOff) {
+  ExpectResult(encoder_.ForwardRecord(), Code::kWrongState,
+               "forward recording is off; set it first (SetForwardRecordRequest)");
+  ASSERT_TRUE(encoder_.SetForwardRecord(kWave, 60).ok());
+  WaitFrames(kFps);
+  ASSERT_TRUE(encoder_.ForwardRecord().ok());
+  EXPECT_NEAR(ProbeOnly(".wav").audio_seconds, 1.0, 0.3);
+  ExpectResult(encoder_.SetForwardRecord({}, 0), Code::kOk, "forward recording is off");
+  EXPECT_EQ(encoder_.ForwardRecord().code, Code::kWrongState);
+}
+
+TEST_F(EncoderTest, BadForwardRequestsAreRefusedWithTheReason) {
+  for (int seconds : {-1, 61}) {
+    ExpectResult(
+        encoder_.SetForwardRecord(kBoth, seconds), Code::kBadValue,
+        "forward time " + std::to_string(seconds) + " s is out of range; use 1 to 60, or 0 to end forward recording");
+  }
+  EXPECT_EQ(encoder_.SetForwardRecord({true, true, 0}, 5).code, Code::kBadValue);
+  EXPECT_EQ(encoder_.ForwardRecord().code, Code::kWrongState);
+}
+
+TEST_F(EncoderTest, APushedStreamArrivesFrameByFrame) {
+  RtmpServer server;
+  ExpectResult(encoder_.AddStream("one", server.Url(), "key"), Code::kOk, "stream one is pushed to " + server.Url());
+  WaitPushed("one", 2 * kFps);
+  const auto pushed = Stream("one").frames;
+  ExpectResult(encoder_.DeleteStream("one"), Code::kOk, "stream one is deleted");
+  EXPECT_THAT(encoder_.Streams(), IsEmpty());
+  ASSERT_THAT(server.Recordings(), SizeIs(1));
+  MediaFacts facts;
+  // The server takes a moment to write the end.
+  EXPECT_TRUE(WaitUntil([&] { return (facts = ProbeMedia(server.Recordings()[0])).video_frames >= pushed; }));
+  EXPECT_EQ(facts.error, "");
+  EXPECT_LE(facts.video_frames, pushed + 5);
+  EXPECT_NEAR(facts.audio_seconds, static_cast<double>(facts.video_frames) / kFps, 0.3);
+}
+
+TEST_F(EncoderTest, StreamsGoToSeveralServersAndOneDeletedLeavesTheOthers) {
+  RtmpServer server;
+  ASSERT_TRUE(encoder_.AddStream("a", server.Url(), "a").ok());
+  ASSERT_TRUE(encoder_.AddStream("b", server.Url() + "/b", "").ok());
+  WaitPushed("a", 5);
+  ASSERT_TRUE(encoder_.DeleteStream("a").ok());
+  WaitPushed("b", Stream("b").frames + 5);
+  EXPECT_EQ(Stream("b").connections, 1u);
+}
+
+TEST_F(EncoderTest, StreamsThatMakeNoSenseAreRefusedWithTheReason) {
+  ExpectResult(encoder_.AddStream("", "rtmp://127.0.0.1/live", "k"), Code::kBadValue,
+               "the stream has no unique_id; give it one");
+  ExpectResult(encoder_.AddStream("x", "", "k"), Code::kBadValue, "stream x has no url; use rtmp://HOST[:PORT]/APP");
+  ExpectResult(encoder_.AddStream("x", "http://127.0.0.1/live", "k"), Code::kBadValue,
+               "url http://127.0.0.1/live is no RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
+  EXPECT_EQ(encoder_.AddStream("x", "rtmp://", "").code, Code::kUnreachable);
+  ExpectResult(encoder_.DeleteStream("x"), Code::kUnknown, "there is no stream x");
+  ExpectResult(encoder_.DeleteStream(""), Code::kBadValue, "which stream? unique_id is empty");
+}
+
+TEST_F(EncoderTest, ASecondStreamOfTheSameIdIsRefused) {
+  RtmpServer server;
+  ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "a").ok());
+  ExpectResult(encoder_.AddStream("one", server.Url(), "b"), Code::kWrongState,
+               "stream one exists already; delete it first or use another unique_id");
+}
+
+TEST_F(EncoderTest, AServerThatRefusesIsToldSoonWhileEncodingGoesOn) {
+  const SilentPort nobody(SilentPort::Kind::kRefuses);
+  const auto frames = encoder_.Count().video_frames;
+  const auto start = steady_clock::now();
+  const Result result = encoder_.AddStream("x", nobody.Url(), "secret-key");
+  EXPECT_LT(steady_clock::now() - start, milliseconds(3000));
+  EXPECT_EQ(result.code, Code::kUnreachable);
+  EXPECT_THAT(result.text, StartsWith("can't push to " + nobody.Url() + ": "));
+  EXPECT_THAT(result.text, HasSubstr("refused"));
+  EXPECT_THAT(result.text, ::testing::Not(HasSubstr("secret-key")));
+  EXPECT_THAT(encoder_.Streams(), IsEmpty());
+  WaitFrames(5);
+  EXPECT_GT(encoder_.Count().video_frames, frames);
+}
+
+TEST_F(EncoderTest, AServerThatNeverAnswersIsGivenUpWithinTheCallersDeadline) {
+  const SilentPort silent(SilentPort::Kind::kNeverAnswers);
+  const auto frames = encoder_.Count().video_frames;
+  const auto start = steady_clock::now();
+  ExpectResult(encoder_.AddStream("x", silent.Url(), "k"), Code::kUnreachable,
+               "can't push to " + silent.Url() + ": the server did not answer within 2000 ms");
+  EXPECT_LT(steady_clock::now() - start, milliseconds(2900));
+  EXPECT_GT(encoder_.Count().video_frames, frames + kFps);  // nothing stood still meanwhile
+}
+
+TEST_F(EncoderTest, AServerThatCameBackGetsTheStreamAgain) {
+  RtmpServer server;
+  ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "k").ok());
+  WaitPushed("one", 10);
+  server.Kill();
+  ASSERT_TRUE(WaitUntil([&] { return !Stream("one").connected; }));
+  server.Start();
+  ASSERT_TRUE(WaitUntil([&] { return Stream("one").connections == 2; }));
+  WaitPushed("one", Stream("one").frames + kFps);
+  ASSERT_TRUE(encoder_.DeleteStream("one").ok());
+  MediaFacts facts;
+  EXPECT_TRUE(WaitUntil([&] { return (facts = ProbeMedia(server.Recordings().back())).video_frames >= kFps; }));
+  EXPECT_EQ(facts.error, "");
+}
+
+TEST_F(EncoderTest, AStreamWhoseServerHangsCanBeDeletedAndHoldsUpNobody) {
+  RtmpServer server;
+  RtmpServer good;
+  ASSERT_TRUE(encoder_.AddStream("hung", server.Url(), "k").ok());
+  ASSERT_TRUE(encoder_.AddStream("good", good.Url(), "k").ok());
+  ASSERT_TRUE(encoder_.SetQuality(3).ok());
+  server.Signal(SIGSTOP);
+  WaitPushed("good", Stream("good").frames + 2 * kFps);
+  const auto start = steady_clock::now();
+  EXPECT_TRUE(encoder_.DeleteStream("hung").ok());
+  EXPECT_LT(steady_clock::now() - start, milliseconds(2000));
+  WaitPushed("good", Stream("good").frames + 5);
+}
+
+TEST_F(EncoderTest, APushDelayHoldsTheStreamBackAndItsEndLetsItGoOn) {
+  RtmpServer server;
+  ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "k").ok());
+  WaitPushed("one", 10);
+  ExpectResult(encoder_.SetPushDelay(60), Code::kOk, "push delay 60 s");
+  const auto held = Stream("one").frames;
+  WaitFrames(kFps);
+  EXPECT_LE(Stream("one").frames, held + 1);  // one may have been on its way
+  ExpectResult(encoder_.SetPushDelay(0), Code::kOk, "push delay 0 s");
+  WaitPushed("one", held + kFps);
+  EXPECT_EQ(Stream("one").connections, 1u);
+  ASSERT_TRUE(encoder_.DeleteStream("one").ok());
+}
+
+TEST_F(EncoderTest, ANewStreamHasThePushDelayToo) {
+  RtmpServer server;
+  ASSERT_TRUE(encoder_.SetPushDelay(1).ok());
+  ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "k").ok());
+  const auto before = encoder_.Count().video_frames;
+  WaitPushed("one", 1);
+  EXPECT_GE(encoder_.Count().video_frames - before, kFps - 3u);  // a second of pictures was encoded until then
+}
+
+TEST_F(EncoderTest, APushDelayOutOfRangeIsRefused) {
+  for (int seconds : {-1, 61}) {
+    ExpectResult(encoder_.SetPushDelay(seconds), Code::kBadValue,
+                 "push delay " + std::to_string(seconds) + " s is out of range; use 0 to 60");
+  }
+}
+
+TEST_F(EncoderTest, MoreStreamsThanTheLimitAreRefused) {
+  RtmpServer server;
+  for (std::size_t i = 0; i < kMaxStreams; ++i) {
+    ASSERT_TRUE(encoder_.AddStream("s" + std::to_string(i), server.Url(), "s" + std::to_string(i)).ok());
+  }
+  ExpectResult(encoder_.AddStream("more", server.Url(), "more"), Code::kWrongState,
+               "8 streams are pushed already; delete one first");
+}
+
+TEST(EncoderRecordDirTest, AFolderThatIsNotThereIsSaidAndTheNextTryWorks) {
+  device::testing::TempDir dir;
+  Encoder::Options options;
+  options.width = 320;
+  options.height = 180;
+  options.record_dir = dir / "missing";
+  Encoder encoder(options);
+  const Result result = encoder.StartRecord(kBoth);
+  EXPECT_EQ(result.code, Code::kFailed);
+  EXPECT_THAT(result.text, StartsWith("can't record to " + dir.path() + "/missing/record-"));
+  EXPECT_THAT(result.text, HasSubstr("No such file or directory"));
+  EXPECT_EQ(encoder.StopRecord().code, Code::kWrongState);
+}
+
+TEST(EncoderRecordDirTest, AFullDiskEndsTheRecordingWithTheReason) {
+  device::testing::TempDir dir;
+  Encoder::Options options;
+  options.record_dir = dir.path();
+  Encoder encoder(options);
+  encoder.SetQuality(3);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{200'000, before.rlim_max};  // bytes: a file that must not grow stands in for a full disk
+  setrlimit(RLIMIT_FSIZE, &small);
+  EXPECT_TRUE(encoder.StartRecord(kBoth).ok());
+  const auto target = encoder.Count().video_frames + 3 * kFps;
+  EXPECT_TRUE(WaitUntil([&] { return encoder.Count().video_frames >= target; }));
+  const Result stopped = encoder.StopRecord();
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(stopped.code, Code::kFailed);
+  EXPECT_THAT(stopped.text, HasSubstr(" failed: "));
+  EXPECT_TRUE(encoder.StartRecord(kBoth).ok());
+}
+
+TEST(EncoderInputTest, AFileIsEncodedAndPlayedAgainFromItsStart) {
+  device::testing::TempDir dir;
+  Encoder::Options options;
+  options.width = 320;
+  options.height = 180;
+  options.record_dir = dir.path();
+  {
+    Encoder source(options);
+    ASSERT_TRUE(source.StartRecord(kBoth).ok());
+    ASSERT_TRUE(WaitUntil([&] { return source.Count().video_frames > 30; }));
+    ASSERT_TRUE(source.StopRecord().ok());
+  }
+  options.input = dir.Files(".mp4").at(0);
+  Encoder encoder(options);
+  ASSERT_TRUE(encoder.StartRecord(kBoth).ok());
+  const auto target = encoder.Count().video_frames + 3 * kFps;  // more than the file has
+  ASSERT_TRUE(WaitUntil([&] { return encoder.Count().video_frames >= target; }));
+  ASSERT_TRUE(encoder.StopRecord().ok());
+  const MediaFacts facts = ProbeMedia(dir.Files(".mp4").at(1));
+  EXPECT_EQ(facts.error, "");
+  EXPECT_GE(facts.video_frames, 3u * kFps - 5);
+  EXPECT_NEAR(facts.audio_seconds, facts.seconds, 0.5);
+}
+
+TEST(EncoderInputTest, AnInputThatCannotBePlayedIsSaid) {
+  Encoder::Options options;
+  options.input = "/nonexistent/film.mp4";
+  try {
+    Encoder encoder(options);
+    FAIL() << "it plays";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), StartsWith("can't play input file:///nonexistent/film.mp4: "));
+    EXPECT_THAT(error.what(), HasSubstr("No such file"));
+  }
+}
+
+TEST(NeededElementsTest, NamesWhatIsMissingAndItsPackage) {
+  constexpr device::NeededElement kElements[] = {
+      {"x264enc", "gstreamer1.0-plugins-ugly"}, {"noenc", "pkg-a"}, {"nomux", "pkg-a"}};
+  EXPECT_EQ(device::MissingElements(kElements), "GStreamer elements are missing: noenc, nomux; install: pkg-a");
+  EXPECT_EQ(device::MissingElements(NeededElements()), "");
+}
+
+}  // namespace
+}  // namespace encd

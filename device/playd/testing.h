@@ -1,0 +1,105 @@
+// What the player's tests share.
+#ifndef DEVICE_PLAYD_TESTING_H_
+#define DEVICE_PLAYD_TESTING_H_
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "base/mutex.h"
+#include "playd/canvas.h"
+#include "playd/player.h"
+#include "playd/sample_clip.h"
+
+namespace playd {
+
+// For what should take moments, on a machine that may be busy with other things.
+constexpr auto kTestLimit = std::chrono::seconds(20);
+// Gives instrumented and busy machines time; the limits' own tests set theirs.
+constexpr PlayerLimits kPatient{std::chrono::milliseconds(15000), std::chrono::milliseconds(20000)};
+
+// A folder of its own, removed at the end.
+class TestFolder {
+ public:
+  TestFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "playd-XXXXXX").string();
+    path_ = mkdtemp(name.data());
+  }
+  TestFolder(const TestFolder&) = delete;
+  TestFolder& operator=(const TestFolder&) = delete;
+  ~TestFolder() { std::filesystem::remove_all(path_); }
+
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// 320x240, 25 pictures and 1 key picture per second, of the length given.
+inline SampleClip SmallClip(int seconds) {
+  SampleClip clip;
+  clip.width = 320;
+  clip.height = 240;
+  clip.seconds = seconds;
+  return clip;
+}
+
+// True when the colours are the same but for what compression and colour conversion change.
+inline bool Near(const Picture::Pixel& pixel, std::uint32_t color) {
+  const auto channel = [&](std::size_t i, int shift) {
+    return std::abs(static_cast<int>(pixel[i]) - static_cast<int>((color >> shift) & 0xff)) <= 24;
+  };
+  return channel(0, 16) && channel(1, 8) && channel(2, 0);
+}
+
+// Waits until the composed picture has this colour at this place (and a place there).
+inline bool ShowsWithin(Canvas& canvas, int x, int y, std::uint32_t color, std::chrono::milliseconds limit = kTestLimit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  Picture picture;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (!canvas.Snapshot(limit, picture)) return false;
+    if (x < picture.width && y < picture.height && Near(picture.At(x, y), color)) return true;
+  }
+  return false;
+}
+
+// Keeps what it hears, one line per event: "0 started /tmp/clip.mp4", "0 seek 2000/4000 ok".
+class Recorder : public PlayerListener {
+ public:
+  void OnPlayState(const std::string& id, const std::string& url, PlayState state) override {
+    static constexpr const char* kNames[] = {"", "started", "paused", "resumed", "ended", "failed"};
+    Add(id + " " + kNames[static_cast<std::uint32_t>(state)] + " " + url);
+  }
+  void OnSeekDone(const std::string& id, const Position& position, const Outcome& outcome) override {
+    Add(id + " seek " + std::to_string(position.position_ms) + "/" + std::to_string(position.duration_ms) + " " +
+        (outcome.ok() ? "ok" : outcome.text));
+  }
+
+  // The events so far, as soon as there are `count` or the limit has passed.
+  std::vector<std::string> WaitFor(std::size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + kTestLimit;
+    const device::MutexLock lock(mutex_);
+    while (events_.size() < count && std::chrono::steady_clock::now() < deadline) changed_.WaitUntil(mutex_, deadline);
+    return events_;
+  }
+
+ private:
+  void Add(const std::string& event) {
+    const device::MutexLock lock(mutex_);
+    events_.push_back(event);
+    changed_.NotifyAll();
+  }
+
+  device::Mutex mutex_;
+  device::Condition changed_;
+  std::vector<std::string> events_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_TESTING_H_
