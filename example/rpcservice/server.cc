@@ -1,7 +1,6 @@
 #include "example/rpcservice/server.h"
 
 #include <utility>
-#include <vector>
 
 #include "apisdk/apisdk.h"
 #include "core/rpc_url.h"
@@ -13,17 +12,6 @@ const std::string ModuleID = "rpcservice";
 const core::RegisteredModuleFactory<RpcModule, &ModuleID> registration;
 
 constexpr unsigned int kServerThreads = 2;
-
-std::vector<std::string> NamesOf(const RpcServer::Registry& registry) {
-  std::vector<std::string> names;
-  for (const auto& [name, creator] : registry) names.push_back(name);
-  return names;
-}
-
-std::unique_ptr<core::RpcService> CreateService(const RpcServer::Registry& registry, const std::string& name) {
-  const auto found = registry.find(name);
-  return found == registry.end() ? nullptr : found->second();
-}
 
 }  // namespace
 
@@ -62,8 +50,8 @@ RpcServer::~RpcServer() {
 }
 
 bool RpcServer::StartRpcServer() {
-  for (const auto& name : NamesOf(registry_)) {
-    auto service = CreateService(registry_, name);
+  for (const auto& name : core::RpcServiceFactory::Names()) {
+    auto service = core::RpcServiceFactory::Create(name);
     if (!service) {
       KL_LOG(40, "Load Service failed.");
       continue;

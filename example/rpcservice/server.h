@@ -5,7 +5,6 @@
 #include <google/protobuf/any.pb.h>
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -20,10 +19,7 @@
 // threads, several at once.
 class RpcServer {
  public:
-  using Registry = std::map<std::string, core::RpcServiceFactory::Creator>;
-
-  // `registry` (not owned, must outlive this) is read by StartRpcServer() only.
-  explicit RpcServer(const Registry& registry = core::RpcServiceFactory::RegisterMethod()) : registry_(registry) {}
+  RpcServer() = default;
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
   // Waits for the requests under way, then destroys the services, then the server.
@@ -44,7 +40,6 @@ class RpcServer {
 
   void CreateServer();
 
-  const Registry& registry_;
   // Requests that are in a service. Once closed no more get in.
   absl::Mutex gate_mutex_;
   int visitors_ ABSL_GUARDED_BY(gate_mutex_) = 0;

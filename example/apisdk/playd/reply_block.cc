@@ -1,7 +1,7 @@
 #include "example/apisdk/playd/reply_block.h"
 
+#include <cstddef>
 #include <cstdint>
-#include <iomanip>
 
 namespace {
 

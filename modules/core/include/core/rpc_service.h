@@ -20,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "common/v1/status.pb.h"
 #include "klbase/log.h"
@@ -93,8 +94,15 @@ class RpcServiceFactory {
   // Stores `creator` under `name` and returns true; returns false and changes nothing when the name is taken.
   static bool Register(const std::string& name, Creator creator);
 
-  // The creators by name, in ascending byte order.
-  static const std::map<std::string, Creator>& RegisterMethod();
+  // The registered names in ascending byte order.
+  static std::vector<std::string> Names();
+  // Calls the creator of `name`; null when there is no such name. Throws std::bad_function_call when it is empty.
+  static std::unique_ptr<RpcService> Create(const std::string& name);
+
+ private:
+  friend class RpcServiceFactoryPeer;  // tests: puts services in and takes them out again
+
+  static std::map<std::string, Creator>& RegisterMethod();
 };
 
 // Ties the service class T to its name constant and registers it when constructed, which a namespace-scope constant in
