@@ -1,11 +1,17 @@
 #include "klrpc/api_client.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <exception>
 #include <utility>
 
 #include "client_channel.h"
+#include "client_loop.h"
 #include "grpc_core.h"
 #include "klbase/log.h"
+#include "publisher.h"
+#include "subscriptions.h"
+#include "sync.h"
 #include "unary_call.h"
 
 namespace klrpc {
@@ -34,21 +40,92 @@ APIClientOptions::APIClientOptions(const std::string& address, const int& max_ba
       initial_backoff_ms_(initial_backoff_ms),
       remote_(remote) {}
 
+namespace {
+
+// Publications and subscriptions, with their thread. Made at the first use: most clients only call.
+class PubSub {
+ public:
+  PubSub(const APIClientOptions& options, ClientChannel& channel, std::chrono::milliseconds timeout,
+         Subscriptions::Events events, Publisher::Outcome outcome)
+      : loop_([this] { return subscriptions_.Tick(); }),
+        publisher_(options.Address(), channel, loop_, timeout, std::move(outcome)),
+        subscriptions_(options, loop_, std::move(events)) {
+    loop_.Start();
+  }
+  PubSub(const PubSub&) = delete;
+  PubSub& operator=(const PubSub&) = delete;
+  ~PubSub() {
+    loop_.Stop();
+    subscriptions_.Cancel();
+    publisher_.Cancel();
+    loop_.Join();
+  }
+
+  Publisher& Publications() { return publisher_; }
+  Subscriptions& Streams() { return subscriptions_; }
+
+ private:
+  ClientLoop loop_;
+  Publisher publisher_;
+  Subscriptions subscriptions_;
+};
+
+// Emits a signal on a thread of this library, which an exception must not end.
+template <typename Signal, typename... Args>
+void EmitSafely(const Signal& signal, const char* name, const Args&... args) {
+  try {
+    signal.emit(args...);
+  } catch (const std::exception& error) {
+    KL_LOG(50, "a slot of %s: %s", name, error.what());
+  } catch (...) {
+    KL_LOG(50, "a slot of %s: an exception of unknown type", name);
+  }
+}
+
+}  // namespace
+
 class APIClient::Impl {
  public:
-  explicit Impl(std::unique_ptr<APIClientOptions> options) : options_(std::move(options)), caller_(*options_) {}
+  Impl(APIClient& client, std::unique_ptr<APIClientOptions> options) : client_(client), options_(std::move(options)) {}
 
   const APIClientOptions& Options() const { return *options_; }
   std::chrono::milliseconds Timeout() const { return timeout_; }
   UnaryCaller& Caller() { return caller_; }
 
+  PubSub& Events() {
+    const MutexLock lock(mutex_);
+    if (pubsub_ == nullptr) pubsub_ = CreatePubSub();
+    return *pubsub_;
+  }
+
  private:
+  std::unique_ptr<PubSub> CreatePubSub() {
+    StartGrpc();
+    APIClient& client = client_;
+    Subscriptions::Events events;
+    events.message = [&client](const klrpc::v1::PubsubMessage& message) {
+      EmitSafely(client.SignalSubscribeMessage, "SignalSubscribeMessage", message);
+    };
+    events.state = [&client](const klrpc::v1::SubscribeState& state) {
+      EmitSafely(client.SignalSubscribeState, "SignalSubscribeState", state);
+    };
+    return std::make_unique<PubSub>(*options_, channel_, timeout_, std::move(events),
+                                    [&client](bool ok, const std::string& msg_id) {
+                                      EmitSafely(client.SignalPublishState, "SignalPublishState", ok, msg_id);
+                                    });
+  }
+
+  APIClient& client_;
   const std::unique_ptr<APIClientOptions> options_;
   const std::chrono::milliseconds timeout_ = CallTimeout();
-  UnaryCaller caller_;
+  ClientChannel channel_{*options_};
+  UnaryCaller caller_{channel_};
+  Mutex mutex_;
+  std::unique_ptr<PubSub> pubsub_ ABSL_GUARDED_BY(mutex_);
 };
 
-APIClient::APIClient(std::unique_ptr<APIClientOptions> options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+APIClient::APIClient(std::unique_ptr<APIClientOptions> options)
+    : impl_(std::make_unique<Impl>(*this, std::move(options))) {}
 
 APIClient::~APIClient() = default;
 
@@ -65,9 +142,22 @@ bool APIClient::CallWithin(const google::protobuf::Message& request, google::pro
   return false;
 }
 
-bool APIClient::PublishMessage(const klrpc::v1::PubsubMessage&) { return false; }
+bool APIClient::PublishMessage(const klrpc::v1::PubsubMessage& message) {
+  return impl_->Events().Publications().Publish(message);
+}
 
-bool APIClient::SubscribeTopics(const std::string&, const std::vector<std::string>&) { return false; }
+bool APIClient::SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics) {
+  const bool complete =
+      !client_id.empty() && !topics.empty() &&
+      std::none_of(topics.begin(), topics.end(), [](const std::string& topic) { return topic.empty(); });
+  if (complete) {
+    impl_->Events().Streams().Subscribe(client_id, topics);
+  } else {
+    KL_LOG(40, "subscription at %s: a client id and topics are needed, none of them empty",
+           Options().Address().c_str());
+  }
+  return complete;
+}
 
 const APIClientOptions& APIClient::Options() const { return impl_->Options(); }
 

@@ -31,9 +31,10 @@ ChannelPtr Create(const APIClientOptions& options, ChannelArgs& args) {
       .Set(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1)
       .Set(GRPC_ARG_ENABLE_RETRIES, 0)
       .Set(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1)
-      // Without the filters for compression, limits and deadlines: time limits are kept by who waits, sizes are checked
-      // by who sends.
-      .Set(GRPC_ARG_MINIMAL_STACK, 1);
+      // Without the filters for compression and limits: sizes are checked by who sends. Time limits, which go with
+      // them, are kept for calls that nobody waits for.
+      .Set(GRPC_ARG_MINIMAL_STACK, 1)
+      .Set(GRPC_ARG_ENABLE_DEADLINE_CHECKS, 1);
   grpc_channel_credentials* insecure = grpc_insecure_credentials_create();
   grpc_channel* channel = grpc_channel_create(options.Address().c_str(), insecure, args.Get());
   grpc_channel_credentials_release(insecure);
@@ -50,7 +51,7 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
   }
   if (channel != nullptr) {
     // One look at the sockets: between calls nobody reads, so a connection that ended still seems to stand.
-    grpc_completion_queue_pluck(polled, polled, Past(), nullptr);
+    if (polled != nullptr) grpc_completion_queue_pluck(polled, polled, Past(), nullptr);
     if (grpc_channel_check_connectivity_state(channel.get(), 0) != GRPC_CHANNEL_TRANSIENT_FAILURE) return channel;
   }
   // A channel that failed answers every call with that failure until its back-off is over, also the back-off of name

@@ -147,8 +147,14 @@ void SubscriberStream::WaitForClose() {
 // and itself wait for it.
 void SubscriberStream::Confirm() {
   confirmed_ = true;
+  // The entry tells it from the metadata that comes with a refusal.
+  grpc_metadata accepted{};
+  accepted.key = grpc_slice_from_static_string(kStreamKey);
+  accepted.value = grpc_slice_from_static_string("accepted");
   grpc_op op{};
   op.op = GRPC_OP_SEND_INITIAL_METADATA;
+  op.data.send_initial_metadata.count = 1;
+  op.data.send_initial_metadata.metadata = &accepted;
   grpc_call_start_batch(call_, &op, 1, sent_.Begin(), nullptr);
 }
 

@@ -22,7 +22,7 @@ struct CallOutcome {
 // Any thread, several calls at once. Nobody may be inside when it is destroyed.
 class UnaryCaller {
  public:
-  explicit UnaryCaller(const APIClientOptions& options) : channel_(options) {}
+  explicit UnaryCaller(ClientChannel& channel) : channel_(channel) {}
   UnaryCaller(const UnaryCaller&) = delete;
   UnaryCaller& operator=(const UnaryCaller&) = delete;
   ~UnaryCaller();
@@ -36,7 +36,7 @@ class UnaryCaller {
   grpc_completion_queue* TakeQueue();
   void GiveBack(grpc_completion_queue* queue);
 
-  ClientChannel channel_;
+  ClientChannel& channel_;
   Mutex mutex_;
   std::vector<grpc_completion_queue*> idle_queues_ ABSL_GUARDED_BY(mutex_);
 };
