@@ -17,6 +17,7 @@
 #include <system_error>
 #include <utility>
 
+#include "diagnostics.h"
 #include "grpc_core.h"
 #include "klbase/log.h"
 #include "server_call.h"
@@ -156,6 +157,7 @@ void GrpcServer::Listen() {
   // One more than can be answered at once is waiting at any time, so that an arriving call never waits for that.
   for (unsigned int i = 0; i < options_->Threads() + 1; ++i) {
     UnaryMethodCall::Start(context_, call_);
+    DiagnosticCall::Start(context_);
     if (!options_->Pubsub()) continue;
     UnaryMethodCall::Start(context_, publish_);
     SubscriberStream::Start(subscribe_);
@@ -170,10 +172,13 @@ void GrpcServer::Listen() {
 
 void GrpcServer::Stop() {
   // Takes the tag of the shutdown itself.
-  class Stopped : public ServerEvent {
+  class Stopped : public Event {
    public:
-    explicit Stopped(ServerContext& context) : ServerEvent(context) {}
+    explicit Stopped(ServerContext& context) : alive_(context) {}
     void Run(bool) override { delete this; }
+
+   private:
+    const LiveEvent alive_;
   };
   listener_.reset();
   hub_.Close();

@@ -4,7 +4,8 @@
 
 namespace klrpc {
 
-UnaryMethodCall::UnaryMethodCall(ServerContext& context, const Method& method) : ServerEvent(context), method_(method) {
+UnaryMethodCall::UnaryMethodCall(ServerContext& context, const Method& method)
+    : alive_(context), context_(context), method_(method) {
   grpc_metadata_array_init(&metadata_);
 }
 

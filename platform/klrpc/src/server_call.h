@@ -52,17 +52,20 @@ struct ServerContext {
   LiveEvents live;
 };
 
-// An event of a server's. Created with new; deletes itself when it has nothing to wait for any more.
-class ServerEvent : public Event {
- protected:
-  explicit ServerEvent(ServerContext& context) : context_(context) { context_.live.Add(); }
-  ~ServerEvent() override { context_.live.Remove(); }
+// Is counted as long as it lives. The first member of what has it, so that it goes last.
+class LiveEvent {
+ public:
+  explicit LiveEvent(ServerContext& context) : context_(context) { context_.live.Add(); }
+  LiveEvent(const LiveEvent&) = delete;
+  LiveEvent& operator=(const LiveEvent&) = delete;
+  ~LiveEvent() { context_.live.Remove(); }
 
+ private:
   ServerContext& context_;
 };
 
-// One call of a method with one request and one reply.
-class UnaryMethodCall : public ServerEvent {
+// One call of a method with one request and one reply. Deletes itself after its last event.
+class UnaryMethodCall : public Event {
  public:
   struct Method {
     void* registration = nullptr;                             // of grpc_server_register_method
@@ -81,6 +84,8 @@ class UnaryMethodCall : public ServerEvent {
 
   void Reply(const CallResult& result);
 
+  const LiveEvent alive_;
+  ServerContext& context_;
   const Method& method_;
   bool answered_ = false;
   grpc_call* call_ = nullptr;

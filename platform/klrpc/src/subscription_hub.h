@@ -85,16 +85,6 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   void Kick();
 
  private:
-  // Keeps the server's end waiting for this object. The first member, so that it goes last.
-  class Alive {
-   public:
-    explicit Alive(ServerContext& context) : context_(context) { context_.live.Add(); }
-    ~Alive() { context_.live.Remove(); }
-
-   private:
-    ServerContext& context_;
-  };
-
   // What to do next with the stream.
   struct Step {
     enum Kind { kNothing, kMessage, kEnd };
@@ -120,7 +110,7 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   // The record of the messages dropped since the queue was last full, empty when there are none.
   std::string TakeDropReportLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
-  const Alive alive_;
+  const LiveEvent alive_;
   const Method& method_;
   grpc_call* call_ = nullptr;
   gpr_timespec deadline_{};
