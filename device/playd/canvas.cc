@@ -22,8 +22,12 @@ namespace {
 constexpr int kMaxFrequency = 2500;  // 25 pictures per second
 constexpr std::size_t kBytesPerPixel = 3;
 
+// The compositor compares by signed subtraction.
+constexpr std::uint32_t kTopPriority = INT_MAX;
+
 // One colour space for layers and canvas, so that composing converts nothing.
-constexpr char kFormat[] = "video/x-raw,format=I420,pixel-aspect-ratio=1/1,interlace-mode=progressive,colorimetry=bt709";
+constexpr char kFormat[] =
+    "video/x-raw,format=I420,pixel-aspect-ratio=1/1,interlace-mode=progressive,colorimetry=bt709";
 
 std::string ModeCaps(const CanvasMode& mode) {
   return absl::StrCat(kFormat, ",width=", mode.width, ",height=", mode.height,
@@ -60,8 +64,7 @@ void DropCatcher(gpointer data) { delete static_cast<std::shared_ptr<Catcher>*>(
 device::SamplePtr Convert(GstSample* sample, const char* caps_text, std::chrono::milliseconds timeout) {
   const device::CapsPtr caps(gst_caps_from_string(caps_text));
   const auto limit = std::chrono::duration_cast<std::chrono::nanoseconds>(timeout).count();
-  return device::SamplePtr(
-      gst_video_convert_sample(sample, caps.get(), static_cast<GstClockTime>(limit), nullptr));
+  return device::SamplePtr(gst_video_convert_sample(sample, caps.get(), static_cast<GstClockTime>(limit), nullptr));
 }
 
 bool WriteWhole(const std::string& path, const GstMapInfo& map) {
@@ -92,8 +95,8 @@ bool CopyRows(GstSample* sample, Picture& picture) {
 }  // namespace
 
 Picture::Pixel Picture::At(int x, int y) const {
-  const std::size_t at = (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) *
-                         kBytesPerPixel;
+  const std::size_t at =
+      (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) * kBytesPerPixel;
   return {rgb.at(at), rgb.at(at + 1), rgb.at(at + 2)};
 }
 
@@ -106,10 +109,12 @@ Layer::Layer(GstElement* pipeline, GstElement* compositor, const Rectangle& rect
   // No frame rate: each frame is shown until the next one comes.
   const device::CapsPtr caps(gst_caps_from_string((frame_caps_ + ",framerate=0/1").c_str()));
   g_object_set(source_.get(), "caps", caps.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE,
-               "max-buffers", guint64{2}, "max-bytes", guint64{0}, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM, nullptr);
+               "max-buffers", guint64{2}, "max-bytes", guint64{0}, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM,
+               nullptr);
   pad_.reset(gst_element_request_pad_simple(compositor_, "sink_%u"));
-  g_object_set(pad_.get(), "xpos", rectangle.x, "ypos", rectangle.y, "width", static_cast<int>(rectangle.width), "height",
-               static_cast<int>(rectangle.height), "zorder", guint{priority}, "alpha", 0.0, nullptr);
+  g_object_set(pad_.get(), "xpos", rectangle.x, "ypos", rectangle.y, "width", static_cast<int>(rectangle.width),
+               "height", static_cast<int>(rectangle.height), "zorder", std::min(priority, kTopPriority), "alpha", 0.0,
+               nullptr);
   gst_bin_add(GST_BIN(pipeline_), source_.get());
   const device::PadPtr from(gst_element_get_static_pad(source_.get(), "src"));
   gst_pad_link(from.get(), pad_.get());

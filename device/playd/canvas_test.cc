@@ -4,6 +4,7 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -23,8 +24,9 @@ device::BufferPtr Frame(const Layer& layer, std::uint32_t color) {
   const device::CapsPtr caps(gst_caps_from_string((layer.FrameCaps() + ",framerate=25/1").c_str()));
   GstVideoInfo info;
   gst_video_info_from_caps(&info, caps.get());
-  device::Pipeline pipeline("videotestsrc name=source num-buffers=1 pattern=solid-color ! capsfilter name=filter "
-                            "! fakesink name=sink enable-last-sample=true");
+  device::Pipeline pipeline(
+      "videotestsrc name=source num-buffers=1 pattern=solid-color ! capsfilter name=filter "
+      "! fakesink name=sink enable-last-sample=true");
   g_object_set(pipeline.Find("source").get(), "foreground-color", 0xff000000u | color, nullptr);
   g_object_set(pipeline.Find("filter").get(), "caps", caps.get(), nullptr);
   pipeline.SetState(GST_STATE_PLAYING);
@@ -129,7 +131,8 @@ TEST(CanvasTest, FollowsTheModeAndKeepsItsLayers) {
   Canvas canvas(false);
   const auto layer = ShowColor(canvas, {0, 0, 200, 200}, 0, kRed);
   ASSERT_TRUE(ShowsWithin(canvas, 100, 100, kRed));
-  for (const CanvasMode mode : {CanvasMode{3840, 1080, 6000}, CanvasMode{640, 480, 2400}, CanvasMode{1920, 1080, 100}}) {
+  for (const CanvasMode mode :
+       {CanvasMode{3840, 1080, 6000}, CanvasMode{640, 480, 2400}, CanvasMode{1920, 1080, 100}}) {
     canvas.SetMode(mode);
     Picture picture;
     while (picture.width != mode.width) ASSERT_TRUE(canvas.Snapshot(kTestLimit, picture));

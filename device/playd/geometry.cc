@@ -7,11 +7,11 @@
 namespace playd {
 namespace {
 
-constexpr std::uint32_t kMaxSide = 8192;         // twice the width of the largest display that is driven
-constexpr std::int32_t kMaxOffset = 32768;       // what the compositor can place
-constexpr std::int32_t kMinActive = 16;          // one macroblock; smaller is a typing error
-constexpr std::int32_t kMinFrequency = 100;      // 1 Hz
-constexpr std::int32_t kMaxFrequency = 24000;    // 240 Hz
+constexpr std::uint32_t kMaxSide = 8192;       // twice the width of the largest display that is driven
+constexpr std::int32_t kMaxOffset = 32768;     // what the compositor can place
+constexpr std::int32_t kMinActive = 16;        // one macroblock; smaller is a typing error
+constexpr std::int32_t kMinFrequency = 100;    // 1 Hz
+constexpr std::int32_t kMaxFrequency = 24000;  // 240 Hz
 
 Outcome BadTiming(const std::string& text) { return Outcome::Error(ErrorCode::kBadTiming, text); }
 
@@ -26,8 +26,8 @@ Outcome CheckAxis(const char* name, const TimingAxis& axis) {
   // Summed in 64 bits: any 32-bit numbers may arrive here.
   const std::int64_t needed = std::int64_t{axis.active} + axis.sync + axis.front_porch;
   if (needed > axis.total) {
-    return BadTiming(absl::StrFormat("%s active %d + sync %d + front porch %d exceeds its total of %d", name, axis.active,
-                                     axis.sync, axis.front_porch, axis.total));
+    return BadTiming(absl::StrFormat("%s active %d + sync %d + front porch %d exceeds its total of %d", name,
+                                     axis.active, axis.sync, axis.front_porch, axis.total));
   }
   if (axis.polarity != 0 && axis.polarity != 1) {
     return BadTiming(absl::StrFormat("%s polarity is %d; it must be 0 or 1", name, axis.polarity));
@@ -39,14 +39,14 @@ Outcome CheckAxis(const char* name, const TimingAxis& axis) {
 
 Outcome CheckRectangle(const Rectangle& r) {
   if (r.width == 0 || r.height == 0 || r.width > kMaxSide || r.height > kMaxSide) {
-    return Outcome::Error(ErrorCode::kBadRectangle,
-                          absl::StrFormat("the rectangle is %ux%u; width and height must be 1 to %u", r.width, r.height,
-                                          kMaxSide));
+    return Outcome::Error(
+        ErrorCode::kBadRectangle,
+        absl::StrFormat("the rectangle is %ux%u; width and height must be 1 to %u", r.width, r.height, kMaxSide));
   }
   if (r.x < -kMaxOffset || r.x > kMaxOffset || r.y < -kMaxOffset || r.y > kMaxOffset) {
-    return Outcome::Error(ErrorCode::kBadRectangle,
-                          absl::StrFormat("the rectangle is at %d,%d; positions must be %d to %d", r.x, r.y, -kMaxOffset,
-                                          kMaxOffset));
+    return Outcome::Error(
+        ErrorCode::kBadRectangle,
+        absl::StrFormat("the rectangle is at %d,%d; positions must be %d to %d", r.x, r.y, -kMaxOffset, kMaxOffset));
   }
   return Outcome::Ok();
 }
@@ -61,8 +61,6 @@ Outcome CheckTiming(const Timing& timing) {
   return Outcome::Ok();
 }
 
-CanvasMode ModeOf(const Timing& timing) {
-  return {timing.horizontal.active, timing.vertical.active, timing.frequency};
-}
+CanvasMode ModeOf(const Timing& timing) { return {timing.horizontal.active, timing.vertical.active, timing.frequency}; }
 
 }  // namespace playd

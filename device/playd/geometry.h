@@ -8,8 +8,8 @@
 
 namespace playd {
 
-// In pixels of the canvas; x and y may be negative and the rectangle may reach beyond the canvas, which shows what of it
-// lies inside. Positions are rounded to even numbers when composed, as in most display hardware.
+// In pixels of the canvas; x and y may be negative and the rectangle may reach beyond the canvas, which shows what of
+// it lies inside. Positions are rounded to even numbers when composed, as in most display hardware.
 struct Rectangle {
   std::int32_t x = 0;
   std::int32_t y = 0;

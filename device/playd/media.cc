@@ -24,7 +24,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A state is looked at again after this long even if no message announced a change.
+// After this long the state and the wish to stop are looked at again, even if no message announced a change.
 constexpr auto kPollInterval = milliseconds(50);
 
 // A picture that is later than this is dropped rather than shown, so that play keeps pace on a busy machine.
@@ -65,8 +65,8 @@ std::string VideoBranch(const std::string& caps) {
 
 std::string AudioBranch() {
   // scaletempo keeps the pitch at other speeds.
-  return std::string("audioconvert ! audioresample ! ") + Mixer::kFormat +
-         " ! scaletempo ! volume name=volume ! " + Mixer::kFormat + " ! appsink name=sink";
+  return std::string("audioconvert ! audioresample ! ") + Mixer::kFormat + " ! scaletempo ! volume name=volume ! " +
+         Mixer::kFormat + " ! appsink name=sink";
 }
 
 // When the sample's first frame is due, by the system clock.
@@ -271,10 +271,11 @@ namespace {
 // Keeps the bus empty: everything of use is in the mailbox.
 template <typename Box>
 GstBusSyncReply OnBusMessage(GstBus*, GstMessage* message, gpointer data) {
-  constexpr auto kWanted =
-      static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_ASYNC_DONE);
-  const bool own_state = GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED && GST_IS_PIPELINE(GST_MESSAGE_SRC(message));
-  if ((GST_MESSAGE_TYPE(message) & kWanted) != 0 || own_state) (*static_cast<std::shared_ptr<Box>*>(data))->Put(message);
+  constexpr auto kWanted = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_ASYNC_DONE);
+  const bool own_state =
+      GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED && GST_IS_PIPELINE(GST_MESSAGE_SRC(message));
+  if ((GST_MESSAGE_TYPE(message) & kWanted) != 0 || own_state)
+    (*static_cast<std::shared_ptr<Box>*>(data))->Put(message);
   gst_message_unref(message);
   return GST_BUS_DROP;
 }
@@ -287,8 +288,9 @@ void DropBox(gpointer data) {
 }  // namespace
 
 Media::Media(const std::string& url, const std::string& uri, const Rectangle& rectangle, std::uint32_t priority,
-             Canvas& canvas, Mixer& mixer, std::function<void()> wake)
-    : mailbox_(std::make_shared<Mailbox>(std::move(wake))),
+             Canvas& canvas, Mixer& mixer, std::function<void()> wake, const std::atomic<bool>& stop)
+    : stop_(stop),
+      mailbox_(std::make_shared<Mailbox>(std::move(wake))),
       links_(std::make_unique<Links>(canvas.AddLayer(rectangle, priority), mixer)) {
   info_.url = url;
   device::ElementPtr top(gst_pipeline_new(nullptr));
@@ -320,7 +322,7 @@ Outcome Media::WaitSettled(Deadline deadline, const char* what) {
       return Outcome::Error(ErrorCode::kInvalidArgument, info_.url + " is a live source; only files can be played");
     }
     const auto now = steady_clock::now();
-    if (now >= deadline) {
+    if (now >= deadline || stop_.load()) {
       return Outcome::Error(ErrorCode::kTimeout, std::string(what) + " " + info_.url + " took too long; given up");
     }
     seen = mailbox_->WaitBeyond(seen, std::min(deadline, now + kPollInterval));
@@ -366,7 +368,8 @@ Outcome Media::Pause(Deadline deadline) { return ChangeState(GST_STATE_PAUSED, d
 Outcome Media::Seek(std::uint64_t position_ms, double rate, Deadline deadline) {
   if (!IsSeekable()) return Outcome::Error(ErrorCode::kNotSeekable, info_.url + " has no positions to go to");
   if (position_ms > info_.duration_ms) {
-    return Outcome::Error(ErrorCode::kSeekBehindEnd, "position " + std::to_string(position_ms) + " ms is behind the end at " +
+    return Outcome::Error(ErrorCode::kSeekBehindEnd, "position " + std::to_string(position_ms) +
+                                                         " ms is behind the end at " +
                                                          std::to_string(info_.duration_ms) + " ms");
   }
   constexpr auto kFlags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);

@@ -2,6 +2,7 @@
 #ifndef DEVICE_PLAYD_MEDIA_H_
 #define DEVICE_PLAYD_MEDIA_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -43,9 +44,10 @@ class Media {
   enum class Event { kNone, kEnded, kFailed };
 
   // Prepares to decode `uri` into `rectangle`; `wake` is called on GStreamer's threads, any number of times, when
-  // TakeEvent() may have something new. Nothing is shown before Show().
-  Media(const std::string& url, const std::string& uri, const Rectangle& rectangle, std::uint32_t priority, Canvas& canvas,
-        Mixer& mixer, std::function<void()> wake);
+  // TakeEvent() may have something new. Once `stop` is set, waits end within moments as if their time were up. Nothing
+  // is shown before Show().
+  Media(const std::string& url, const std::string& uri, const Rectangle& rectangle, std::uint32_t priority,
+        Canvas& canvas, Mixer& mixer, std::function<void()> wake, const std::atomic<bool>& stop);
   Media(const Media&) = delete;
   Media& operator=(const Media&) = delete;
   ~Media();
@@ -86,6 +88,7 @@ class Media {
   void ReadInfo();
 
   MediaInfo info_;
+  const std::atomic<bool>& stop_;
   const std::shared_ptr<Mailbox> mailbox_;
   std::unique_ptr<Links> links_;
   // Last, so that it is stopped before what its threads use goes away.

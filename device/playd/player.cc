@@ -26,7 +26,8 @@ Outcome CheckRequest(const MediaRequest& request) {
 
 }  // namespace
 
-Player::Player(const std::string& id, Canvas& canvas, Mixer& mixer, PlayerListener& listener, const PlayerLimits& limits)
+Player::Player(const std::string& id, Canvas& canvas, Mixer& mixer, PlayerListener& listener,
+               const PlayerLimits& limits)
     : id_(id),
       canvas_(canvas),
       mixer_(mixer),
@@ -88,16 +89,17 @@ Outcome Player::Seek(std::uint32_t position_ms) {
 Outcome Player::SetSpeed(float speed) {
   // Compared as it is written, so that the float nearest to 0.1 passes. Not-a-number fails both comparisons.
   if (!(speed >= static_cast<float>(kMinSpeed) && speed <= static_cast<float>(kMaxSpeed))) {
-    return Outcome::Error(ErrorCode::kBadSpeed,
-                          absl::StrFormat("speed is %g; it must be %g to %g, backward play is unsupported", speed,
-                                          kMinSpeed, kMaxSpeed));
+    return Outcome::Error(
+        ErrorCode::kBadSpeed,
+        absl::StrFormat("speed is %g; it must be %g to %g, backward play is unsupported", speed, kMinSpeed, kMaxSpeed));
   }
   return Run([this, speed](Media::Deadline deadline) { return DoSetSpeed(speed, deadline); });
 }
 
 Outcome Player::SetVolume(std::uint32_t volume) {
   if (volume > kMaxVolume) {
-    return Outcome::Error(ErrorCode::kBadVolume, absl::StrFormat("volume is %u; it must be 0 to %u", volume, kMaxVolume));
+    return Outcome::Error(ErrorCode::kBadVolume,
+                          absl::StrFormat("volume is %u; it must be 0 to %u", volume, kMaxVolume));
   }
   return Run([this, volume](Media::Deadline) {
     volume_ = static_cast<double>(volume) / kMaxVolume;
@@ -160,8 +162,8 @@ Outcome Player::DoOpen(const MediaRequest& request) {
 Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, std::unique_ptr<Media>& media) {
   std::string uri;
   if (auto outcome = ResolveUrl(request.url, uri); !outcome.ok()) return outcome;
-  media = std::make_unique<Media>(request.url, uri, request.rectangle, request.priority, canvas_, mixer_,
-                                  [this] { worker_.Wake(); });
+  media = std::make_unique<Media>(
+      request.url, uri, request.rectangle, request.priority, canvas_, mixer_, [this] { worker_.Wake(); }, stop_);
   if (auto outcome = media->Preroll(deadline); !outcome.ok()) return outcome;
   media->SetVolume(volume_);
   const bool moved = request.start_ms != 0 || speed_ != 1.0;

@@ -2,6 +2,7 @@
 #ifndef DEVICE_PLAYD_PLAYER_H_
 #define DEVICE_PLAYD_PLAYER_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -30,12 +31,12 @@ class PlayerListener {
 // What to play, where and from when.
 struct MediaRequest {
   std::string url;
-  std::int32_t media_type = 0;         // 0 to 3, lp.v1.MediaType; a hint: what the medium is, it says itself
-  std::int32_t file_type = 0;          // 0 to 3, lp.v1.FileType; likewise
-  bool play_immediately = true;        // false: opened and shown, paused at its first picture
-  std::uint64_t start_ms = 0;          // where play begins; without meaning for a picture
-  std::uint32_t effect = 0;            // how the picture appears: 0 at once; there are no others here
-  std::uint64_t effect_ms = 0;         // how long the effect takes; without meaning for effect 0
+  std::int32_t media_type = 0;   // 0 to 3, lp.v1.MediaType; a hint: what the medium is, it says itself
+  std::int32_t file_type = 0;    // 0 to 3, lp.v1.FileType; likewise
+  bool play_immediately = true;  // false: opened and shown, paused at its first picture
+  std::uint64_t start_ms = 0;    // where play begins; without meaning for a picture
+  std::uint32_t effect = 0;      // how the picture appears: 0 at once; there are no others here
+  std::uint64_t effect_ms = 0;   // how long the effect takes; without meaning for effect 0
   Rectangle rectangle;
   std::uint32_t priority = 0;
 };
@@ -58,7 +59,7 @@ class Player {
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;
   // Stops play and waits for it; see Stop() for the impatient.
-  ~Player() = default;
+  ~Player() { Stop(); }
 
   // Opens a medium and shows its first picture; plays from there if asked to. Refused while one is open.
   Outcome Open(const MediaRequest& request);
@@ -88,14 +89,17 @@ class Player {
   Outcome GetMediaInfo(MediaInfo& info);
 
   // Takes no more operations and ends play as soon as possible; does not wait.
-  void Stop() { worker_.Stop(); }
+  void Stop() {
+    stop_ = true;
+    worker_.Stop();
+  }
   // True when nothing of this player runs any more, within `limit`; destruction is then immediate.
   bool WaitStopped(std::chrono::milliseconds limit) { return worker_.WaitStopped(limit); }
 
  private:
   enum class State { kClosed, kOpened, kPlaying, kPaused, kEnded };
 
-  // The following run on the worker's thread, to which all state below belongs.
+  // The following run on the worker's thread, to which all state below but `stop_` belongs.
   Outcome DoOpen(const MediaRequest& request);
   Outcome Prepare(const MediaRequest& request, Media::Deadline deadline, std::unique_ptr<Media>& media);
   Outcome Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline deadline);
@@ -116,6 +120,7 @@ class Player {
   PlayerListener& listener_;
   const PlayerLimits limits_;
 
+  std::atomic<bool> stop_{false};
   State state_ = State::kClosed;
   std::unique_ptr<Media> media_;       // null when closed
   std::unique_ptr<Layer> kept_layer_;  // the picture that Close(true) left

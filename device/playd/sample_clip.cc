@@ -32,10 +32,11 @@ std::string Pipeline(const SampleClip& clip) {
         clip.seconds * clip.fps, Picture(clip.color), clip.width, clip.height, clip.fps, clip.fps);
   }
   if (clip.audio) {
+    // One frame less than fits: the encoder adds one at the beginning, and the pictures set the duration.
     text += absl::StrFormat(
         " audiotestsrc num-buffers=%d samplesperbuffer=%d freq=440 volume=0.5"
         " ! audio/x-raw,rate=%d,channels=2 ! audioconvert ! avenc_aac ! aacparse ! queue ! mux.",
-        clip.seconds * kSampleRate / kSamplesPerBuffer, kSamplesPerBuffer, kSampleRate);
+        clip.seconds * kSampleRate / kSamplesPerBuffer - 1, kSamplesPerBuffer, kSampleRate);
   }
   return text;
 }
@@ -46,8 +47,7 @@ void Produce(const std::string& description, const std::string& path) {
     device::Pipeline pipeline(description);
     g_object_set(pipeline.Find("file").get(), "location", partial.c_str(), nullptr);
     pipeline.SetState(GST_STATE_PLAYING);
-    const auto message =
-        pipeline.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), kLimit);
+    const auto message = pipeline.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), kLimit);
     if (message == nullptr || GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) {
       unlink(partial.c_str());
       throw std::runtime_error("can't make " + path + ": " +

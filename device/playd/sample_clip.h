@@ -14,7 +14,7 @@ struct SampleClip {
   int fps = 25;
   int seconds = 20;
   bool video = true;
-  bool audio = true;                  // a tone of 440 Hz
+  bool audio = true;                   // a tone of 440 Hz
   std::optional<std::uint32_t> color;  // 0xRRGGBB all over; none: colour bars that move
 };
 

@@ -181,12 +181,13 @@ Outcome Service::With(const std::string& id, Operation operation) {
   return operation(*player);
 }
 
-// A live system carries live channels, which are not served here; it is kept account of, so that its users find mistakes
-// in their order of calls.
+// A live system carries live channels, which are not served here; it is kept account of, so that its users find
+// mistakes in their order of calls.
 Outcome Service::Do(const lp::v1::LiveSystemInitReq& request) {
   const device::MutexLock lock(mutex_);
   if (live_systems_.contains(request.unique_id())) {
-    return Outcome::Error(ErrorCode::kLiveSystemState, "live system " + request.unique_id() + " is initialised already");
+    return Outcome::Error(ErrorCode::kLiveSystemState,
+                          "live system " + request.unique_id() + " is initialised already");
   }
   if (live_systems_.size() >= kMaxLiveSystems) {
     return Outcome::Error(ErrorCode::kLiveSystemState, "too many live systems; take one down first");

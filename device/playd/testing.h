@@ -3,11 +3,9 @@
 #define DEVICE_PLAYD_TESTING_H_
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,30 +13,16 @@
 #include "playd/canvas.h"
 #include "playd/player.h"
 #include "playd/sample_clip.h"
+#include "testing/temp_dir.h"
 
 namespace playd {
+
+using TestFolder = device::testing::TempDir;
 
 // For what should take moments, on a machine that may be busy with other things.
 constexpr auto kTestLimit = std::chrono::seconds(20);
 // Gives instrumented and busy machines time; the limits' own tests set theirs.
 constexpr PlayerLimits kPatient{std::chrono::milliseconds(15000), std::chrono::milliseconds(20000)};
-
-// A folder of its own, removed at the end.
-class TestFolder {
- public:
-  TestFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "playd-XXXXXX").string();
-    path_ = mkdtemp(name.data());
-  }
-  TestFolder(const TestFolder&) = delete;
-  TestFolder& operator=(const TestFolder&) = delete;
-  ~TestFolder() { std::filesystem::remove_all(path_); }
-
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
- private:
-  std::filesystem::path path_;
-};
 
 // 320x240, 25 pictures and 1 key picture per second, of the length given.
 inline SampleClip SmallClip(int seconds) {
@@ -58,7 +42,8 @@ inline bool Near(const Picture::Pixel& pixel, std::uint32_t color) {
 }
 
 // Waits until the composed picture has this colour at this place (and a place there).
-inline bool ShowsWithin(Canvas& canvas, int x, int y, std::uint32_t color, std::chrono::milliseconds limit = kTestLimit) {
+inline bool ShowsWithin(Canvas& canvas, int x, int y, std::uint32_t color,
+                        std::chrono::milliseconds limit = kTestLimit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   Picture picture;
   while (std::chrono::steady_clock::now() < deadline) {

@@ -16,7 +16,8 @@ constexpr char kPipeline[] =
 
 GstPadProbeReturn Forward(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   auto* source = GST_APP_SRC(data);
-  if (const device::CapsPtr caps{gst_pad_get_current_caps(pad)}; caps != nullptr) gst_app_src_set_caps(source, caps.get());
+  if (const device::CapsPtr caps{gst_pad_get_current_caps(pad)}; caps != nullptr)
+    gst_app_src_set_caps(source, caps.get());
   GstBuffer* copy = gst_buffer_copy(GST_PAD_PROBE_INFO_BUFFER(info));
   GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;
   GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;

@@ -8,7 +8,8 @@
 
 int main(int argc, char** argv) {
   if (argc != 2 || argv[1][0] == '-') {
-    std::fprintf(stderr, "usage: make_sample_clip PATH\nWrites a sample clip (MP4, 20 s, 640x360, with sound) to PATH.\n");
+    std::fprintf(stderr,
+                 "usage: make_sample_clip PATH\nWrites a sample clip (MP4, 20 s, 640x360, with sound) to PATH.\n");
     return 2;
   }
   gst_init(nullptr, nullptr);
