@@ -48,6 +48,14 @@ int Prepare(const std::string& path) {
   return 0;
 }
 
+// Children get no copy of the file. Its buffer is ours, because the one that the C library would get from the heap at
+// the first write could be that of a crash report. There is never more than one log file open.
+void SetUp(std::FILE* file) {
+  static char buffer[64 * 1024];
+  fcntl(fileno(file), F_SETFD, FD_CLOEXEC);
+  setvbuf(file, buffer, _IOFBF, sizeof buffer);
+}
+
 // The flusher must never run a handler of the program, which may log. Signals of a thread's own faults stay open:
 // blocked they would end the process without a crash report.
 std::unique_ptr<std::thread> StartWithSignalsBlocked(void (*run)(LogFile*), LogFile* file) {
@@ -83,7 +91,7 @@ LogFile::Sink LogFile::OpenSink(const Settings& settings, std::string* error) {
     return nullptr;
   }
   spdlog::file_event_handlers handlers;
-  handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { fcntl(fileno(file), F_SETFD, FD_CLOEXEC); };
+  handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { SetUp(file); };
   try {
     // spdlog's count leaves out the live file.
     const auto rotated = static_cast<std::size_t>(std::clamp(settings.max_files, 1, 200'000) - 1);

@@ -119,6 +119,7 @@ void History::Add(std::string_view line) {
   const bool available = !file_.empty() && Synchronise();
   if (!lines_.empty() && lines_.back() == line) return;
   Keep(line);
+  Trim();
   if (file_.empty()) return;
   if (unsaved_.size() > static_cast<std::size_t>(kMaxFileBytes)) unsaved_.clear();
   unsaved_ += line;
@@ -171,6 +172,7 @@ bool History::ReadNew(const LockedFile& file) {
     ++lines_in_file_;
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
+  Trim();
   read_ = file.Size();
   return true;
 }
@@ -220,8 +222,14 @@ bool History::Compact() {
 void History::Keep(std::string_view line) {
   if (line.empty() || line.size() > kMaxLineBytes) return;
   if (!lines_.empty() && lines_.back() == line) return;
+  // Twice as many for the moment: dropping the oldest one by one would move all others each time.
+  if (lines_.size() >= 2 * kMaxLines) Trim();
   lines_.emplace_back(line);
-  if (lines_.size() > kMaxLines) lines_.erase(lines_.begin());
+}
+
+void History::Trim() {
+  if (lines_.size() <= kMaxLines) return;
+  lines_.erase(lines_.begin(), lines_.end() - static_cast<std::ptrdiff_t>(kMaxLines));
 }
 
 bool History::GiveUp(const char* what, int error) {

@@ -42,6 +42,7 @@ class History {
   bool AppendUnsaved(LockedFile& file);
   bool Compact();
   void Keep(std::string_view line);
+  void Trim();
   bool GiveUp(const char* what, int error);
 
   std::string file_;

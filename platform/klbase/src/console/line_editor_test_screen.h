@@ -26,6 +26,7 @@ class TestScreen {
     cells_.resize(static_cast<std::size_t>(rows));
     for (auto& row : cells_) row.resize(static_cast<std::size_t>(columns), Blank());
     column_ = std::min(column_, columns - 1);
+    lowest_ = std::min(lowest_, rows - 1);
     pending_ = false;
   }
 
@@ -37,7 +38,7 @@ class TestScreen {
   // text stands in braces.
   std::string Text() const {
     std::string text;
-    for (const auto& row : cells_) text += RowText(row) + '\n';
+    for (int i = 0; i <= lowest_; ++i) text += RowText(cells_[static_cast<std::size_t>(i)]) + '\n';
     while (!text.empty() && text.back() == '\n') text.pop_back();
     return text;
   }
@@ -138,6 +139,7 @@ class TestScreen {
       column_ = 0;
       LineFeed();
     }
+    lowest_ = std::max(lowest_, row_);
     At(row_, column_) = {std::string(text), dim_};
     if (width == 2) At(row_, column_ + 1) = {"", dim_};
     column_ += width;
@@ -201,6 +203,7 @@ class TestScreen {
   int columns_;
   int rows_;
   int row_ = 0;
+  int lowest_ = 0;  // nothing was written below this row
   int column_ = 0;
   bool pending_ = false;
   bool dim_ = false;
