@@ -7,13 +7,22 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <string_view>
 #include <thread>
 
 #include "absl/synchronization/notification.h"
 #include "absl/time/time.h"
 #include "klbase/log.h"
 
-#if defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)  // how clang tells what g++ tells by macros
+#if __has_feature(thread_sanitizer)
+#define VEX_THREAD_SANITIZER
+#endif
+#elif defined(__SANITIZE_THREAD__)
+#define VEX_THREAD_SANITIZER
+#endif
+
+#ifdef VEX_THREAD_SANITIZER
 // The interrupt handler allocates and locks, which is sound on a thread that only waits.
 extern "C" const char* __tsan_default_options() { return "report_signal_unsafe=0"; }
 #endif
@@ -26,7 +35,8 @@ constexpr int kInterruptStatus = 1;
 std::atomic<bool> end_begun = false;
 std::atomic<bool> interrupt_thread_ends = false;
 std::atomic<int> end_status = 0;
-std::thread interrupt_thread;
+// Stays when the process ends on this very thread: destroying a running thread is an error.
+std::thread* interrupt_thread = nullptr;
 
 // Never destroyed: the interrupt thread may use it while static objects are.
 absl::Notification& StartOver() {
@@ -70,10 +80,12 @@ void WaitForInterrupts() {
 }
 
 void EndInterruptThread() {
-  if (!interrupt_thread.joinable()) return;
+  if (interrupt_thread == nullptr) return;
   interrupt_thread_ends = true;
-  pthread_kill(interrupt_thread.native_handle(), SIGINT);
-  interrupt_thread.join();
+  pthread_kill(interrupt_thread->native_handle(), SIGINT);
+  interrupt_thread->join();
+  delete interrupt_thread;
+  interrupt_thread = nullptr;
 }
 
 }  // namespace
@@ -90,7 +102,7 @@ void InstallInterruptHandler(void (*handler)(int)) {
   action.sa_handler = handler;
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
-  interrupt_thread = std::thread(&WaitForInterrupts);
+  interrupt_thread = new std::thread(&WaitForInterrupts);
 }
 
 void EndStart() {

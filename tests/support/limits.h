@@ -6,8 +6,16 @@
 
 namespace vextest {
 
+#if defined(__has_feature)  // how clang tells what g++ tells by macros
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define VEXTEST_SANITIZED
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VEXTEST_SANITIZED
+#endif
+
 // A healthy run needs a fraction of it, also on a busy machine; only a failing test waits to its end.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef VEXTEST_SANITIZED
 constexpr std::chrono::milliseconds kLimit{60'000};
 #else
 constexpr std::chrono::milliseconds kLimit{20'000};

@@ -1,0 +1,231 @@
+// Starts and ends of the whole program, with a module that misbehaves as the test says.
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/v1/status.pb.h"
+#include "encoder/v1/encoder.pb.h"
+#include "tests/support/child_process.h"
+#include "tests/support/fake_daemon.h"
+#include "tests/support/telnet_client.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using vextest::ChildProcess;
+using vextest::ExitState;
+
+constexpr ExitState kConsoleEnded = {0, 0};
+constexpr ExitState kInterrupted = {1, 0};
+constexpr ExitState kExceptionEscaped = {255, 0};
+
+// The texts, in this order, each after the end of the one before.
+MATCHER_P(HasInOrder, texts, "") {
+  std::size_t at = 0;
+  for (const std::string& text : texts) {
+    at = std::string(arg).find(text, at);
+    if (at == std::string::npos) {
+      *result_listener << "without \"" << text << "\" in its place";
+      return false;
+    }
+    at += text.size();
+  }
+  return true;
+}
+auto InOrder(std::vector<std::string> texts) { return HasInOrder(std::move(texts)); }
+
+class VextoolTest : public testing::Test {
+ protected:
+  VextoolTest() {
+    std::string name = std::filesystem::temp_directory_path() / "vextool-test-XXXXXX";
+    folder_ = mkdtemp(name.data());
+  }
+  ~VextoolTest() override {
+    tool_.reset();
+    std::filesystem::remove_all(folder_);
+  }
+
+  // Starts the tool on a free port; `script` is the module's.
+  ChildProcess& Start(const std::string& script, std::vector<std::string> flags = {},
+                      std::vector<std::string> environment = {}) {
+    std::vector<std::string> arguments = {VEXTEST_TOOL, "--cli_port=0"};
+    arguments.insert(arguments.end(), flags.begin(), flags.end());
+    for (const auto& variable :
+         {"VEXTEST_MODULE=" + script, "KLBASE_LOG_FILE=" + LogFile(), "KLBASE_HISTORY_FILE=" + folder_ + "/history"}) {
+      environment.push_back(variable);
+    }
+    tool_ = std::make_unique<ChildProcess>(arguments, ChildProcess::Options{environment, folder_, false});
+    return *tool_;
+  }
+  ChildProcess& StartAndWaitUntilItServes(const std::string& script) {
+    ChildProcess& tool = Start(script);
+    EXPECT_TRUE(tool.WaitForError("console listens on 127.0.0.1:")) << tool.Errors();
+    return tool;
+  }
+
+  int Port() const {
+    const std::string announcement = "console listens on 127.0.0.1:";
+    const auto at = tool_->Errors().find(announcement);
+    return std::stoi(tool_->Errors().substr(at + announcement.size()));
+  }
+
+  std::string LogFile() const { return folder_ + "/vextool.log"; }
+  std::string Log() const {
+    std::ifstream file(LogFile());
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  std::string folder_;
+  std::unique_ptr<ChildProcess> tool_;
+};
+
+TEST_F(VextoolTest, AnInterruptUnloadsInLoadOrderAndExitsWithOne) {
+  ChildProcess& tool = StartAndWaitUntilItServes("");
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+  EXPECT_THAT(Log(), InOrder({"Load Module ***scripted***.", "***** Unload all modules *****",
+                              "UnLoad Module ***scripted***."}));
+}
+
+TEST_F(VextoolTest, AFailedModuleIsLoggedUnloadedAndStopsNothing) {
+  ChildProcess& tool = StartAndWaitUntilItServes("fail");
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+  EXPECT_THAT(Log(), InOrder({"Load Module ***scripted***.", "Load Module scripted  failed.",
+                              "UnLoad Module ***scripted***.", "unload module(scripted)"}));
+}
+
+TEST_F(VextoolTest, TheConsolesEndIsStatusZeroAndUnloadsNothing) {
+  ChildProcess& tool = Start("", {"--local_console"});
+  tool.Write("exit\n");
+  EXPECT_EQ(tool.WaitExit(), kConsoleEnded) << tool.Errors();
+  EXPECT_THAT(Log(), Not(HasSubstr("Unload all modules")));
+}
+
+TEST_F(VextoolTest, AnExceptionOutOfLoadingIsReportedWithStatus255) {
+  ChildProcess& tool = Start("throw");
+  EXPECT_EQ(tool.WaitExit(), kExceptionEscaped);
+  EXPECT_EQ(tool.Errors(), "Exception caugth in main: scripted failure\n");
+}
+
+TEST_F(VextoolTest, AnotherExceptionIsReportedWithStatus255) {
+  ChildProcess& tool = Start("throw another type");
+  EXPECT_EQ(tool.WaitExit(), kExceptionEscaped);
+  EXPECT_EQ(tool.Errors(), "Unknown exception caugth in main.\n");
+}
+
+TEST_F(VextoolTest, ACrashIsReportedInTheLogByTheFailureWriter) {
+  ChildProcess& tool = Start("crash");
+  EXPECT_EQ(tool.WaitExit(), (ExitState{0, SIGABRT}));
+  EXPECT_THAT(Log(), InOrder({" 50 ", "example/vextool:", "operator(): Program Exit:", "SIGABRT"}));
+}
+
+TEST_F(VextoolTest, AnInterruptWhileAModuleLoadsWaitsForItAndUnloads) {
+  ChildProcess& tool = Start("wait for a byte");
+  ASSERT_TRUE(tool.WaitForError("scripted module loads"));
+  tool.Signal(SIGINT);
+  tool.Write("x");
+  EXPECT_EQ(tool.WaitExit(), kInterrupted) << tool.Errors();
+  EXPECT_THAT(Log(), InOrder({"Load Module ***scripted***.", "UnLoad Module ***scripted***."}));
+}
+
+TEST_F(VextoolTest, AnInterruptWhileAModuleNeverEndsLoadingLeavesWithoutUnloading) {
+  ChildProcess& tool = Start("wait for a byte");
+  ASSERT_TRUE(tool.WaitForError("scripted module loads"));
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+  EXPECT_THAT(tool.Errors(), HasSubstr("vextool: interrupted while a module loads, leaving without unloading\n"));
+  EXPECT_THAT(Log(), HasSubstr("interrupted while a module loads, leaving without unloading"));
+  EXPECT_THAT(Log(), Not(HasSubstr("Unload all modules")));
+}
+
+TEST_F(VextoolTest, AnInterruptDuringAFailingStartEndsOnce) {
+  ChildProcess& tool = Start("throw");
+  tool.Signal(SIGINT);
+  const auto end = tool.WaitExit();
+  ASSERT_TRUE(end);
+  // Before main() runs, an interrupt has its default effect.
+  EXPECT_TRUE(*end == kExceptionEscaped || *end == kInterrupted || *end == (ExitState{0, SIGINT})) << *end;
+}
+
+TEST_F(VextoolTest, AModuleThatNeverUnloadsDelaysTheEndForFiveSecondsOnly) {
+  ChildProcess& tool = StartAndWaitUntilItServes("never unload");
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+  EXPECT_THAT(tool.Errors(), HasSubstr("vextool: the end takes too long, leaving at once\n"));
+}
+
+TEST_F(VextoolTest, AnInterruptAtTheMomentOfTheNormalEndGivesOneOfBothStatuses) {
+  for (int round = 0; round < 20; ++round) {
+    ChildProcess& tool = StartAndWaitUntilItServes("");
+    vextest::TelnetClient(Port()).Send("shutdown\n");
+    tool.Signal(SIGINT);
+    const auto end = tool.WaitExit();
+    ASSERT_TRUE(end);
+    EXPECT_TRUE(*end == kConsoleEnded || *end == kInterrupted) << *end << tool.Errors();
+  }
+}
+
+TEST_F(VextoolTest, ManyInterruptsAreOne) {
+  ChildProcess& tool = StartAndWaitUntilItServes("");
+  for (int i = 0; i < 50; ++i) tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+}
+
+TEST_F(VextoolTest, AnInterruptWhileACommandWaitsForItsDaemonEndsTheTool) {
+  vextest::FakeDaemon encd("unix-abstract:encd@default");
+  encd.Handle<encoder::v1::SetVideoQualityRequest>([this](const auto&, auto&) {
+    tool_->WaitExit();  // no answer before the tool is gone
+    return false;
+  });
+  ChildProcess& tool = StartAndWaitUntilItServes("");
+  vextest::TelnetClient client(Port());
+  client.Send("encd SetQulity high\n");
+  ASSERT_TRUE(encd.WaitForRequests(1));
+  tool.Signal(SIGINT);
+  EXPECT_TRUE(client.ExpectClosed());
+  EXPECT_EQ(tool.WaitExit(), kInterrupted) << tool.Errors();
+}
+
+TEST_F(VextoolTest, SigintIsOpenInOneThreadOnly) {
+  ChildProcess& tool = StartAndWaitUntilItServes("");
+  int threads = 0, open = 0;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/" + std::to_string(tool.Pid()) + "/task")) {
+    std::ifstream status(thread.path() / "status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (!line.starts_with("SigBlk:")) continue;
+      ++threads;
+      if ((std::stoull(line.substr(7), nullptr, 16) & (1u << (SIGINT - 1))) == 0) ++open;
+    }
+  }
+  EXPECT_GE(threads, 2);
+  EXPECT_EQ(open, 1);
+}
+
+TEST_F(VextoolTest, TheStartRecordNeedsTheDebugOption) {
+  Start("", {"--local_console"}, {"KLBASE_DEBUG=0"}).CloseInput();
+  EXPECT_EQ(tool_->WaitExit(), kConsoleEnded);
+  EXPECT_THAT(Log(), Not(HasSubstr("debug_flag")));
+  Start("", {"--local_console"}, {"KLBASE_DEBUG=1"}).CloseInput();
+  EXPECT_EQ(tool_->WaitExit(), kConsoleEnded);
+  EXPECT_THAT(Log(), InOrder({"example/vextool:", " main: debug_flag:1, telent port: 0\n"}));
+}
+
+TEST_F(VextoolTest, HelpNamesTheProgramAndItsFlags) {
+  Start("", {"--help"});
+  EXPECT_TRUE(tool_->WaitExit());
+  EXPECT_THAT(tool_->Output(), InOrder({"vextool program", "--cli_port (cli telnet server port); default: 50000;",
+                                        "--local_console (cli start local console); default: false;"}));
+}
+
+}  // namespace
