@@ -14,8 +14,8 @@
 
 #include "tests/support/limits.h"
 
-// Takes standard output over from construction to destruction. Each write of up to 4096 bytes is kept apart; 200 of them
-// wait for one that reads. One thread.
+// Takes standard output over from construction to destruction. Each write of up to 4096 bytes is kept apart; 200 of
+// them wait for one that reads. One thread.
 class CapturedOutput {
  public:
   CapturedOutput() : before_(dup(STDOUT_FILENO)) {

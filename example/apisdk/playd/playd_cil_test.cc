@@ -40,7 +40,7 @@ class PlaydCliTest : public testing::Test {
  protected:
   PlaydCliTest() : plugin_(&root_), menu_(std::dynamic_pointer_cast<cli::Menu>(root_.Commands().at(0))) {
     if (apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::kPlayd)) return;
-    apis::ApiSdk::instance_.LoadApi({apis::ApiSdk::kPlayd});
+    apis::ApiSdk::instance_.LoadApi({apis::ApiSdk::kPlayd, apis::ApiSdk::kEncd});
   }
 
   // Types a line into the menu; returns what was printed.
@@ -182,13 +182,14 @@ TEST_F(PlaydCliTest, OpenMediaFillsEveryField) {
 }
 
 TEST_F(PlaydCliTest, SwitchSourceFillsEveryField) {
-  const auto request = ExpectBlock<lp::v1::SwitchSourceOfUplayerReq>(
-      "SwitchSourceOfUplayer 7 2 0 1 400 500 6 /a.mp4 8 9 1920 1080 12");
-  EXPECT_EQ(request.DebugString(),
-            "unique_id: \"7\"\nmedia_type: PICTURE_TYPE\n"
-            "media_info {\n  url: \"/a.mp4\"\n  se_type: 6\n  se_time_ms: 500\n  play_time_ms: 400\n"
-            "  file_type: VIDEO\n}\n"
-            "next_dis_pos {\n  position_x: 8\n  position_y: 9\n  width: 1920\n  heigh: 1080\n  video_priority: 12\n}\n");
+  const auto request =
+      ExpectBlock<lp::v1::SwitchSourceOfUplayerReq>("SwitchSourceOfUplayer 7 2 0 1 400 500 6 /a.mp4 8 9 1920 1080 12");
+  EXPECT_EQ(
+      request.DebugString(),
+      "unique_id: \"7\"\nmedia_type: PICTURE_TYPE\n"
+      "media_info {\n  url: \"/a.mp4\"\n  se_type: 6\n  se_time_ms: 500\n  play_time_ms: 400\n"
+      "  file_type: VIDEO\n}\n"
+      "next_dis_pos {\n  position_x: 8\n  position_y: 9\n  width: 1920\n  heigh: 1080\n  video_priority: 12\n}\n");
 }
 
 TEST_F(PlaydCliTest, OpenMediaExampleOfHelpIsALine) {
@@ -378,8 +379,8 @@ TEST_F(PlaydCliTest, CallThatFailsShowsTheSameBlockAndIsLogged) {
   daemon_.Stop();
   const LogCapture log;
   EXPECT_EQ(Type("CreateUplayer 7"), Block("CreateUplayer", "7", "0"));
-  EXPECT_THAT(log.RecordsOf("modules/apisdk"), ElementsAre(LogRecord{50, "modules/apisdk/player/rpc_player",
-                                                                     "CreateUplayer", "create uplayer  fail"}));
+  EXPECT_THAT(log.RecordsOf("modules/apisdk"),
+              ElementsAre(LogRecord{50, "modules/apisdk/player/rpc_player", "CreateUplayer", "create uplayer  fail"}));
 }
 
 TEST_F(PlaydCliTest, SeekThatFailsSaysSoInTheBlock) {

@@ -69,10 +69,10 @@ TEST(GetSeekRespTest, PrintsEveryFieldOnALineOfItsOwn) {
 TEST(GetSeekRespTest, EventWithoutResultPrintsDefaults) {
   CapturedOutput output;
   PrintGetSeekResp({});
-  EXPECT_THAT(output.Writes(), ElementsAre(kAsterisks, " layerId            :\n", " seek_ms            :0\n",
-                                           " duration_ms        :0\n", " result.id          :\n",
-                                           " result.result      :0\n", " result.error_code  :0\n",
-                                           " result.error_infor :\n"));
+  EXPECT_THAT(output.Writes(),
+              ElementsAre(kAsterisks, " layerId            :\n", " seek_ms            :0\n", " duration_ms        :0\n",
+                          " result.id          :\n", " result.result      :0\n", " result.error_code  :0\n",
+                          " result.error_infor :\n"));
 }
 
 TEST(ResultReportTest, PrintsEveryFieldOnALineOfItsOwn) {

@@ -1,0 +1,157 @@
+// Runs the reference sysconfig, and a boot-loader reader made on the spot, at the paths where a device has them: in a
+// mount namespace of its own, so that nothing of it shows on this machine.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "example/envctl/sysconf.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string why_skipped;  // empty when the device's tools are there
+
+void WriteFile(const fs::path& path, const std::string& text) { std::ofstream(path) << text; }
+
+void WriteProgram(const fs::path& path, const std::string& text) {
+  WriteFile(path, text);
+  fs::permissions(path, fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read);
+}
+
+// Throws std::string with the reason when the machine doesn't allow it.
+void Check(int result, const std::string& what) {
+  if (result != 0) throw what + ": " + std::strerror(errno);
+}
+
+void EnterMountNamespace() {
+  const uid_t user = geteuid();
+  const gid_t group = getegid();
+  if (user == 0) {
+    Check(unshare(CLONE_NEWNS), "a mount namespace");
+  } else {
+    Check(unshare(CLONE_NEWUSER | CLONE_NEWNS), "a user namespace");
+    WriteFile("/proc/self/setgroups", "deny");
+    WriteFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+    WriteFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+  }
+  Check(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "private mounts");
+}
+
+// A /usr like this machine's, with an empty /usr/kelo/bin and a /usr/sbin that can be written beside the real one.
+void MountDeviceTree(const fs::path& stage) {
+  Check(mount("tmpfs", stage.c_str(), "tmpfs", 0, "mode=755"), "a tmpfs");
+  for (const auto& entry : fs::directory_iterator("/usr")) {
+    const fs::path target = stage / entry.path().filename();
+    if (entry.is_symlink()) {
+      fs::copy_symlink(entry.path(), target);
+    } else if (entry.is_directory()) {
+      fs::create_directory(target);
+      Check(mount(entry.path().c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "a bind mount");
+    }
+  }
+  fs::create_directories(stage / "kelo/bin");
+  Check(mount(stage.c_str(), "/usr", nullptr, MS_BIND | MS_REC, nullptr), "a bind mount over /usr");
+}
+
+// As u-boot's reader answers.
+constexpr char kBootLoaderReader[] = R"(#!/bin/sh
+case $1 in
+  bootargs) echo 'bootargs=console=ttyS0 root=/dev/mmcblk0p2' ;;
+  empty) echo 'empty=' ;;
+  *) echo "## Error: \"$1\" not defined" >&2; exit 1 ;;
+esac
+)";
+
+void SetUpDevice() try {
+  if (access(VEX_SYSCONFIG, X_OK) != 0) throw std::string(VEX_SYSCONFIG " was not built");
+  const int sysconfig = open(VEX_SYSCONFIG, O_RDONLY | O_CLOEXEC);
+  char stage[] = "/tmp/vextool-device-XXXXXX";
+  if (mkdtemp(stage) == nullptr) throw std::string("a folder in /tmp");
+  try {
+    EnterMountNamespace();
+    MountDeviceTree(stage);
+  } catch (...) {
+    umount2(stage, MNT_DETACH);
+    fs::remove(stage);
+    throw;
+  }
+  fs::copy_file("/proc/self/fd/" + std::to_string(sysconfig), "/usr/kelo/bin/sysconfig");
+  WriteProgram("/usr/kelo/bin/fw_printenv", kBootLoaderReader);
+  setenv("PATH", ("/usr/kelo/bin:" + std::string(getenv("PATH"))).c_str(), 1);
+  umount2(stage, MNT_DETACH);
+  fs::remove(stage);
+} catch (const std::string& reason) {
+  why_skipped = reason;
+}
+
+class DeviceToolsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!why_skipped.empty()) GTEST_SKIP() << "cannot stand in for a device here: " << why_skipped;
+  }
+
+  char buffer_[128] = "";
+};
+
+TEST_F(DeviceToolsTest, SettingThatWasSetIsRead) {
+  ASSERT_EQ(sysconf_setenv("test", "17"), 0);
+  ASSERT_NE(sysconf_getenv_safe("test", buffer_), nullptr);
+  EXPECT_STREQ(buffer_, "17");
+  EXPECT_STREQ(sysconf_getenv("test"), "17");
+}
+
+TEST_F(DeviceToolsTest, LaterValueReplacesTheEarlierOne) {
+  sysconf_setenv("test", "17");
+  sysconf_setenv("test", "a=b=c");
+  EXPECT_STREQ(sysconf_getenv_safe("test", buffer_), "a=b=c");
+}
+
+TEST_F(DeviceToolsTest, SettingThatIsNotThereIsNull) {
+  EXPECT_EQ(sysconf_getenv_safe("no_such_setting", buffer_), nullptr);
+  EXPECT_EQ(sysconf_getenv("no_such_setting"), nullptr);
+}
+
+TEST_F(DeviceToolsTest, PrintListsWhatWasSet) {
+  sysconf_setenv("first", "1");
+  sysconf_setenv("second", "2");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(sysconf_printenv(), 0);
+  const std::string listed = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(listed, testing::HasSubstr("first=1\n"));
+  EXPECT_THAT(listed, testing::HasSubstr("second=2\n"));
+}
+
+TEST_F(DeviceToolsTest, BootLoaderVariableIsRead) {
+  EXPECT_STREQ(fw_getenv("bootargs", buffer_), "console=ttyS0 root=/dev/mmcblk0p2");
+  EXPECT_STREQ(fw_getenv("empty", buffer_), "");
+  EXPECT_EQ(fw_getenv("nothing", buffer_), nullptr);
+}
+
+TEST_F(DeviceToolsTest, NoChildIsLeft) {
+  sysconf_setenv("test", "17");
+  sysconf_getenv("test");
+  fw_getenv("bootargs", buffer_);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  testing::InitGoogleMock(&argc, argv);
+  if (!testing::GTEST_FLAG(list_tests)) SetUpDevice();
+  return RUN_ALL_TESTS();
+}

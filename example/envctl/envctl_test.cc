@@ -1,0 +1,341 @@
+// Linked so that calls of popen come here: what they would run is looked at, and what the tool would answer comes from
+// a real child process.
+#include <gmock/gmock.h>
+
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "example/envctl/envctl_cli.h"
+#include "example/envctl/sysconf.h"
+#include "tests/support/fake_session.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StrEq;
+
+constexpr char kNoStart[] = "(cannot be started)";
+
+absl::Mutex fake_mutex(absl::kConstInit);
+std::vector<std::string> commands ABSL_GUARDED_BY(fake_mutex);
+std::deque<std::string> answers ABSL_GUARDED_BY(fake_mutex);
+
+std::string NextAnswer(const char* command) {
+  absl::MutexLock lock(&fake_mutex);
+  commands.emplace_back(command);
+  if (answers.empty()) return "";
+  std::string answer = answers.front();
+  if (answers.size() > 1) answers.pop_front();
+  return answer;
+}
+
+}  // namespace
+
+extern "C" {
+
+FILE* __real_popen(const char* command, const char* mode);
+
+FILE* __wrap_popen(const char* command, const char* mode) {
+  EXPECT_STREQ(mode, "r");
+  const std::string answer = NextAnswer(command);
+  if (answer == kNoStart) return nullptr;
+  return __real_popen(("printf '%b' '" + answer + "'").c_str(), mode);
+}
+
+}  // extern "C"
+
+namespace {
+
+class SysconfTest : public testing::Test {
+ protected:
+  SysconfTest() {
+    Answers({});
+    absl::MutexLock lock(&fake_mutex);
+    commands.clear();
+  }
+
+  // What the tool writes, each time that it is run, as printf(1) shows it; the last answer stays.
+  static void Answers(const std::deque<std::string>& texts) {
+    absl::MutexLock lock(&fake_mutex);
+    answers = texts;
+  }
+  static std::vector<std::string> Commands() {
+    absl::MutexLock lock(&fake_mutex);
+    return commands;
+  }
+
+  char buffer_[128] = "untouched";
+};
+
+TEST_F(SysconfTest, GetReturnsTheCallersBufferWithTheValue) {
+  Answers({"test=17\\n"});
+  EXPECT_EQ(sysconf_getenv_safe("test", buffer_), buffer_);
+  EXPECT_STREQ(buffer_, "17");
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig get test"));
+}
+
+TEST_F(SysconfTest, ValueKeepsEverythingAfterTheFirstEqualsSign) {
+  Answers({"a=b=c\\n"});
+  EXPECT_STREQ(sysconf_getenv_safe("a", buffer_), "b=c");
+}
+
+TEST_F(SysconfTest, NothingAfterTheEqualsSignIsAnEmptyValue) {
+  Answers({"a=\\n"});
+  EXPECT_STREQ(sysconf_getenv_safe("a", buffer_), "");
+  EXPECT_THAT(Commands(), testing::SizeIs(1));
+}
+
+TEST_F(SysconfTest, CutsAtTheLastLineFeedAndTheLastCarriageReturn) {
+  Answers({"a=b\\r\\n"});
+  EXPECT_STREQ(sysconf_getenv_safe("a", buffer_), "b");
+  Answers({"a=b\\rc\\rd"});
+  EXPECT_STREQ(sysconf_getenv_safe("a", buffer_), "b\rc");
+}
+
+TEST_F(SysconfTest, OnlyTheFirstLineCounts) {
+  Answers({"no sign\\na=b\\n"});
+  EXPECT_EQ(sysconf_getenv_safe("a", buffer_), nullptr);
+}
+
+TEST_F(SysconfTest, LineIsCutAt127Characters) {
+  Answers({"a=" + std::string(200, 'x') + "\\n"});
+  EXPECT_EQ(sysconf_getenv_safe("a", buffer_), std::string(125, 'x'));
+}
+
+TEST_F(SysconfTest, EqualsSignBehindTheLimitIsNotSeen) {
+  Answers({std::string(127, 'x') + "=y\\n"});
+  EXPECT_EQ(sysconf_getenv_safe("a", buffer_), nullptr);
+}
+
+TEST_F(SysconfTest, AnswerWithoutEqualsSignIsTriedThreeTimes) {
+  Answers({"nothing\\n"});
+  EXPECT_EQ(sysconf_getenv_safe("a", buffer_), nullptr);
+  EXPECT_THAT(Commands(), testing::SizeIs(3));
+}
+
+TEST_F(SysconfTest, NoAnswerIsTriedThreeTimes) {
+  EXPECT_EQ(sysconf_getenv_safe("a", buffer_), nullptr);
+  EXPECT_THAT(Commands(), testing::SizeIs(3));
+}
+
+TEST_F(SysconfTest, LaterAttemptMaySucceed) {
+  Answers({"", "nothing\\n", "a=third\\n"});
+  EXPECT_STREQ(sysconf_getenv_safe("a", buffer_), "third");
+  EXPECT_THAT(Commands(), testing::SizeIs(3));
+}
+
+TEST_F(SysconfTest, GetRefusesNullArguments) {
+  EXPECT_EQ(sysconf_getenv_safe(nullptr, buffer_), nullptr);
+  EXPECT_EQ(sysconf_getenv_safe("a", nullptr), nullptr);
+  EXPECT_EQ(sysconf_getenv(nullptr), nullptr);
+  EXPECT_THAT(Commands(), IsEmpty());
+}
+
+TEST_F(SysconfTest, GetThatCannotStartSaysSoOnStandardOutput) {
+  Answers({kNoStart});
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(sysconf_getenv_safe("a", buffer_), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "<54>popen read_device_info<54>popen read_device_info<54>popen read_device_info");
+}
+
+TEST_F(SysconfTest, NameThatFillsTheBufferIsTheLongestOne) {
+  const std::string longest(127 - std::string("/usr/kelo/bin/sysconfig get ").size(), 'n');
+  Answers({"n=v\\n"});
+  EXPECT_STREQ(sysconf_getenv_safe(longest.c_str(), buffer_), "v");
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig get " + longest));
+}
+
+TEST_F(SysconfTest, LongerNameIsRefusedBeforeAnythingIsStarted) {
+  const std::string too_long(128 - std::string("/usr/kelo/bin/sysconfig get ").size(), 'n');
+  Answers({"n=v\\n"});
+  EXPECT_EQ(sysconf_getenv_safe(too_long.c_str(), buffer_), nullptr);
+  EXPECT_EQ(sysconf_getenv(std::string(100'000, 'n').c_str()), nullptr);
+  EXPECT_THAT(Commands(), IsEmpty());
+  EXPECT_STREQ(buffer_, "untouched");
+}
+
+TEST_F(SysconfTest, NameGoesToTheShellAsItIs) {
+  Answers({"a=1\\n"});
+  sysconf_getenv_safe("a b%s \"c\"", buffer_);
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig get a b%s \"c\""));
+}
+
+TEST_F(SysconfTest, SharedBufferIsOverwrittenByTheNextCall) {
+  Answers({"a=first value\\n", "b=2\\n"});
+  char* const first = sysconf_getenv("a");
+  ASSERT_THAT(first, StrEq("first value"));
+  char* const second = sysconf_getenv("b");
+  EXPECT_EQ(second, first);
+  EXPECT_STREQ(second, "2");
+}
+
+TEST_F(SysconfTest, FailedCallClearsTheSharedBuffer) {
+  Answers({"a=value\\n"});
+  char* const value = sysconf_getenv("a");
+  ASSERT_THAT(value, StrEq("value"));
+  Answers({""});
+  EXPECT_EQ(sysconf_getenv("a"), nullptr);
+  EXPECT_STREQ(value, "");
+  EXPECT_EQ(sysconf_getenv(nullptr), nullptr);
+}
+
+TEST_F(SysconfTest, CallsOnSeveralThreadsDoNotDisturbEachOther) {
+  Answers({"a=value\\n"});
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] {
+      char own[128];
+      EXPECT_STREQ(sysconf_getenv_safe("a", own), "value");
+      EXPECT_NE(sysconf_getenv("a"), nullptr);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+}
+
+TEST_F(SysconfTest, BootLoaderVariableIsReadWithItsOwnTool) {
+  Answers({"bootdelay=2=3\\r\\n"});
+  EXPECT_EQ(fw_getenv("bootdelay", buffer_), buffer_);
+  EXPECT_STREQ(buffer_, "2=3");
+  EXPECT_THAT(Commands(), ElementsAre("fw_printenv bootdelay"));
+}
+
+TEST_F(SysconfTest, BootLoaderReadIsTriedThreeTimes) {
+  Answers({"", kNoStart, "nothing\\n"});
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(fw_getenv("a", buffer_), nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "<163>popen read_device_info");
+  EXPECT_THAT(Commands(), testing::SizeIs(3));
+}
+
+TEST_F(SysconfTest, BootLoaderReadRefusesNullArguments) {
+  EXPECT_EQ(fw_getenv(nullptr, buffer_), nullptr);
+  EXPECT_EQ(fw_getenv("a", nullptr), nullptr);
+  EXPECT_THAT(Commands(), IsEmpty());
+}
+
+TEST_F(SysconfTest, BootLoaderCommandIsCutAt127Characters) {
+  Answers({"n=v\\n"});
+  const std::string name(300, 'n');
+  EXPECT_STREQ(fw_getenv(name.c_str(), buffer_), "v");
+  EXPECT_THAT(Commands(), ElementsAre(("fw_printenv " + name).substr(0, 127)));
+}
+
+TEST_F(SysconfTest, SetRunsTheToolWithNameAndValue) {
+  EXPECT_EQ(sysconf_setenv("test", "17"), 0);
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig set test 17"));
+}
+
+TEST_F(SysconfTest, SetWithoutValuePassesTheNameAlone) {
+  EXPECT_EQ(sysconf_setenv("test", nullptr), 0);
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig set test"));
+}
+
+TEST_F(SysconfTest, SetWithAnEmptyValueKeepsTheBlank) {
+  EXPECT_EQ(sysconf_setenv("test", ""), 0);
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig set test "));
+}
+
+TEST_F(SysconfTest, SetRefusesANullName) {
+  EXPECT_EQ(sysconf_setenv(nullptr, "17"), -1);
+  EXPECT_EQ(sysconf_setenv(nullptr, nullptr), -1);
+  EXPECT_THAT(Commands(), IsEmpty());
+}
+
+TEST_F(SysconfTest, SetThatCannotStartSaysSoOnStandardOutput) {
+  Answers({kNoStart});
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(sysconf_setenv("test", "17"), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "<122>popen read_device_info");
+}
+
+TEST_F(SysconfTest, SetRefusesWhatIsTooLongBeforeAnythingIsStarted) {
+  const std::string room(127 - std::string("/usr/kelo/bin/sysconfig set a ").size(), 'v');
+  EXPECT_EQ(sysconf_setenv("a", (room + "v").c_str()), -1);
+  EXPECT_EQ(sysconf_setenv(std::string(100'000, 'n').c_str(), nullptr), -1);
+  EXPECT_THAT(Commands(), IsEmpty());
+  EXPECT_EQ(sysconf_setenv("a", room.c_str()), 0);
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig set a " + room));
+}
+
+TEST_F(SysconfTest, PrintListsEverythingOnStandardError) {
+  Answers({"a=1\\nb=2\\r\\nlast"});
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(sysconf_printenv(), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "a=1\nb=2\nlast\n");
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig print"));
+}
+
+TEST_F(SysconfTest, PrintSplitsLinesOfMoreThan4095Characters) {
+  Answers({std::string(5000, 'x') + "\\n"});
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(sysconf_printenv(), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(4095, 'x') + "\n" + std::string(905, 'x') + "\n");
+}
+
+TEST_F(SysconfTest, PrintThatCannotStartSaysSoOnStandardOutput) {
+  Answers({kNoStart});
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(sysconf_printenv(), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "<93>popen read_device_info");
+}
+
+TEST_F(SysconfTest, OpenAndCloseDoNothing) {
+  EXPECT_EQ(sysconf_openenv(), 0);
+  EXPECT_EQ(sysconf_closeenv(), 0);
+  EXPECT_THAT(Commands(), IsEmpty());
+}
+
+TEST(EnvCTLCliTest, RegistersItselfAsEnvctl) { EXPECT_THAT(cli::Registration::Names(), testing::Contains("envctl")); }
+
+TEST(EnvCTLCliTest, AddsOneMenuWithOneCommand) {
+  cli::Menu root("main");
+  const EnvCTLCli plugin(&root);
+  EXPECT_EQ(plugin.PluginName(), "envctl");
+  ASSERT_EQ(root.Commands().size(), 1u);
+  const auto menu = std::dynamic_pointer_cast<cli::Menu>(root.Commands().front());
+  ASSERT_NE(menu, nullptr);
+  EXPECT_EQ(menu->Name(), "envctl");
+  EXPECT_EQ(menu->Description(), "(menu)");
+  ASSERT_EQ(menu->Commands().size(), 1u);
+  std::ostringstream help;
+  menu->Commands().front()->Help(help);
+  EXPECT_EQ(help.str(), " - description\n\tapisdk tools\n");
+}
+
+TEST_F(SysconfTest, DescriptionProbesASettingAndPrintsItsTextWithoutAnEndOfLine) {
+  Answers({"test=17\\n"});
+  cli::Menu root("main");
+  const EnvCTLCli plugin(&root);
+  vextest::FakeSession session(root);
+  EXPECT_TRUE(session.Run({"envctl", "description"}));
+  EXPECT_EQ(session.TakeText(), "apisdk tools");
+  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig get test"));
+}
+
+TEST_F(SysconfTest, DescriptionSaysNothingOfAProbeThatFails) {
+  cli::Menu root("main");
+  const EnvCTLCli plugin(&root);
+  vextest::FakeSession session(root);
+  EXPECT_TRUE(session.Run({"envctl", "description"}));
+  EXPECT_EQ(session.TakeText(), "apisdk tools");
+}
+
+TEST(EnvCTLCliTest, DescriptionTakesNoParameter) {
+  cli::Menu root("main");
+  const EnvCTLCli plugin(&root);
+  const auto menu = std::dynamic_pointer_cast<cli::Menu>(root.Commands().front());
+  vextest::FakeSession session(*menu);
+  EXPECT_FALSE(session.Run({"description", "x"}));
+  EXPECT_EQ(session.TakeText(), "");
+}
+
+}  // namespace
