@@ -2,6 +2,7 @@
 
 #include <google/protobuf/any.pb.h>
 #include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/wire_format_lite.h>
 #include <grpc/byte_buffer_reader.h>
 #include <grpc/support/log.h>
@@ -26,6 +27,15 @@ void WriteGrpcLog(gpr_log_func_args* args) {
   KlLog(level, file.data(), file.size(), args->line, kFunction, sizeof(kFunction) - 1, "%s", args->message);
 }
 
+// Protobuf reports broken text in messages from outside on standard error, the operator's terminal.
+void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int line, const std::string& text) {
+  constexpr char kFunction[] = "protobuf";
+  const int level = severity >= google::protobuf::LOGLEVEL_ERROR ? 40 : 20;
+  if (kOptionLogLevel.load(std::memory_order_relaxed) > level) return;
+  const std::string_view path = klbase_internal::WithoutExtension(file);
+  KlLog(level, path.data(), path.size(), line, kFunction, sizeof(kFunction) - 1, "%s", text.c_str());
+}
+
 }  // namespace
 
 std::string TooLarge(const char* what, std::size_t size) {
@@ -37,6 +47,7 @@ void StartGrpc() {
   static std::once_flag once;
   std::call_once(once, [] {
     gpr_set_log_function(WriteGrpcLog);
+    google::protobuf::SetLogHandler(WriteProtobufLog);
     grpc_init();
   });
 }

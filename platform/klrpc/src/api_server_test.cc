@@ -1,0 +1,320 @@
+#include "klrpc/api_server.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+
+namespace klrpc::testing {
+namespace {
+
+using google::protobuf::Any;
+using std::chrono::steady_clock;
+
+std::string WhatServeThrows(const std::string& address) {
+  try {
+    Serve(address);
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  return "nothing";
+}
+
+// A folder that goes with the test.
+class TempFolder {
+ public:
+  TempFolder() : path_("/tmp/klrpc-test-XXXXXX") { EXPECT_NE(mkdtemp(path_.data()), nullptr); }
+  ~TempFolder() { std::filesystem::remove_all(path_); }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+class ApiServerTest : public ::testing::Test {
+ protected:
+  bool Call() { return Connect(address_)->Call(StatusOf(1), reply_); }
+
+  const std::string address_ = UniqueAddress();
+  LogCapture log_;
+  Any reply_;
+};
+
+TEST_F(ApiServerTest, OptionsKeepWhatTheyAreGiven) {
+  const APIServerOptions options(2, "unix-abstract:x", true);
+  EXPECT_EQ(options.Threads(), 2u);
+  EXPECT_EQ(options.Address(), "unix-abstract:x");
+  EXPECT_TRUE(options.Pubsub());
+  EXPECT_EQ(APIServerOptions(0, "x", false).Threads(), 1u);
+}
+
+TEST_F(ApiServerTest, FalseWithAReplyStillSendsTheReply) {
+  const auto server = Serve(address_, [](const Any&, Any& reply) {
+    reply.PackFrom(StatusOf(500, "unpack incoming request failed."));
+    return false;
+  });
+  ASSERT_TRUE(Call());
+  common::v1::Status status;
+  ASSERT_TRUE(reply_.UnpackTo(&status));
+  EXPECT_EQ(status.code(), 500);
+}
+
+TEST_F(ApiServerTest, FalseWithoutAReplyIsUnimplemented) {
+  const auto server = Serve(address_, [](const Any&, Any&) { return false; });
+  EXPECT_FALSE(Call());
+  EXPECT_EQ(log_.Records(), std::vector<std::string>{
+                                "40 platform/klrpc/src/api_client CallWithin: call of common.v1.Status to " + address_ +
+                                " failed: UNIMPLEMENTED: not served here: type.googleapis.com/common.v1.Status"});
+}
+
+TEST_F(ApiServerTest, WithoutAHookEveryRequestIsUnimplemented) {
+  const auto server = APIServer::Create(std::make_unique<APIServerOptions>(1, address_, false), nullptr);
+  EXPECT_FALSE(Call());
+  const auto empty_hook = Serve(UniqueAddress(), nullptr);
+}
+
+TEST_F(ApiServerTest, AnEmptyReplyThatTheHookStandsForIsAReply) {
+  const auto server = Serve(address_, [](const Any&, Any&) { return true; });
+  ASSERT_TRUE(Call());
+  EXPECT_EQ(reply_.ByteSizeLong(), 0u);
+}
+
+TEST_F(ApiServerTest, AnExceptionBecomesInternalAndTheServerGoesOn) {
+  std::atomic<int> calls{0};
+  const auto server = Serve(address_, [&](const Any& request, Any& reply) {
+    if (++calls == 1) throw std::runtime_error("disk on fire");
+    return Echo(request, reply);
+  });
+  EXPECT_FALSE(Call());
+  EXPECT_EQ(log_.Records(),
+            (std::vector<std::string>{
+                "50 platform/klrpc/src/api_server Guarded: request type.googleapis.com/common.v1.Status: disk on fire",
+                "40 platform/klrpc/src/api_client CallWithin: call of common.v1.Status to " + address_ +
+                    " failed: INTERNAL: disk on fire"}));
+  EXPECT_TRUE(Call());
+}
+
+TEST_F(ApiServerTest, AnExceptionOfUnknownTypeBecomesInternalToo) {
+  const auto server = Serve(address_, [](const Any&, Any&) -> bool { throw 7; });
+  EXPECT_FALSE(Call());
+  EXPECT_EQ(log_.Records().size(), 2u);
+}
+
+TEST_F(ApiServerTest, ASlowHookDelaysNoOtherCall) {
+  Watched<bool> release;
+  Watched<int> entered;
+  const auto server = Serve(address_, [&](const Any& request, Any& reply) {
+    common::v1::Status status;
+    request.UnpackTo(&status);
+    if (status.message() == "slow") {
+      entered.Update([](int& count) { ++count; });
+      release.WaitFor([](bool released) { return released; });
+    }
+    return Echo(request, reply);
+  });
+  const auto client = Connect(address_);
+  std::thread slow([&] {
+    Any reply;
+    EXPECT_TRUE(client->CallWithin(StatusOf(1, "slow"), reply, kPatience));
+  });
+  ASSERT_TRUE(entered.WaitFor([](int count) { return count == 1; }));
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(client->Call(StatusOf(2), reply_));
+  release.Update([](bool& released) { released = true; });
+  slow.join();
+}
+
+TEST_F(ApiServerTest, AsManyHooksRunAtOnceAsThereAreThreads) {
+  constexpr int kThreads = 4;
+  Watched<int> inside;
+  const auto server = Serve(
+      address_,
+      [&](const Any& request, Any& reply) {
+        inside.Update([](int& count) { ++count; });
+        inside.WaitFor([](int count) { return count >= kThreads; });
+        return Echo(request, reply);
+      },
+      kThreads);
+  const auto client = Connect(address_);
+  std::vector<std::thread> callers;
+  std::atomic<int> answered{0};
+  for (int i = 0; i < kThreads; ++i) {
+    callers.emplace_back([&] {
+      Any reply;
+      if (client->CallWithin(StatusOf(1), reply, 10s)) ++answered;
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(answered, kThreads);
+}
+
+TEST_F(ApiServerTest, PortIsTheOneInUse) {
+  const auto tcp = Serve("127.0.0.1:0");
+  EXPECT_GT(tcp->Port(), 0);
+  EXPECT_TRUE(Connect("127.0.0.1:" + std::to_string(tcp->Port()))->Call(StatusOf(1), reply_));
+  EXPECT_EQ(Serve(address_)->Port(), 0);
+}
+
+TEST_F(ApiServerTest, AnAbstractAddressInUseIsRefused) {
+  const auto server = Serve(address_);
+  EXPECT_EQ(WhatServeThrows(address_), "can't serve on \"" + address_ + "\": the address is in use");
+  EXPECT_TRUE(Call());
+}
+
+TEST_F(ApiServerTest, ATcpPortInUseIsRefused) {
+  const auto server = Serve("127.0.0.1:0");
+  const std::string address = "127.0.0.1:" + std::to_string(server->Port());
+  EXPECT_EQ(WhatServeThrows(address), "can't serve on \"" + address + "\": the address is in use");
+}
+
+TEST_F(ApiServerTest, ASocketFileInUseIsRefusedAndKept) {
+  const TempFolder folder;
+  const std::string address = "unix:" + folder.File("s");
+  const auto server = Serve(address);
+  EXPECT_EQ(WhatServeThrows(address), "can't serve on \"" + address + "\": the address is in use");
+  EXPECT_TRUE(Connect(address)->Call(StatusOf(1), reply_));
+}
+
+TEST_F(ApiServerTest, TheSocketFileOfADeadServerIsReplaced) {
+  const TempFolder folder;
+  const std::string address = "unix:" + folder.File("s");
+  {
+    ChildServer killed(address);
+    killed.Signal(SIGKILL);
+    killed.Wait();
+  }
+  ASSERT_TRUE(std::filesystem::exists(folder.File("s")));
+  auto server = Serve("unix://" + folder.File("s"));
+  EXPECT_TRUE(Connect(address)->Call(StatusOf(1), reply_));
+  server.reset();
+  EXPECT_FALSE(std::filesystem::exists(folder.File("s")));
+}
+
+TEST_F(ApiServerTest, AFileThatIsNoSocketIsLeftAlone) {
+  const TempFolder folder;
+  close(open(folder.File("s").c_str(), O_CREAT | O_WRONLY, 0600));
+  const std::string address = "unix:" + folder.File("s");
+  EXPECT_EQ(WhatServeThrows(address), "can't serve on \"" + address + "\": the address is in use");
+  EXPECT_TRUE(std::filesystem::is_regular_file(folder.File("s")));
+}
+
+TEST_F(ApiServerTest, AddressesThatCannotBeAreRefusedWithTheReason) {
+  EXPECT_EQ(WhatServeThrows("unix-abstract:"), "can't serve on \"unix-abstract:\": it names no socket");
+  EXPECT_EQ(WhatServeThrows("unix:"), "can't serve on \"unix:\": it names no socket");
+  EXPECT_EQ(WhatServeThrows("unix:/no/such/folder/s"),
+            "can't serve on \"unix:/no/such/folder/s\": No such file or directory");
+  const std::string endless = "unix-abstract:" + std::string(200, 'x');
+  EXPECT_EQ(WhatServeThrows(endless), "can't serve on \"" + endless + "\": the name is longer than 107 bytes");
+  EXPECT_EQ(WhatServeThrows("nonsense"),
+            "can't serve on \"nonsense\": write it as HOST:PORT, unix:PATH or unix-abstract:NAME");
+  EXPECT_EQ(WhatServeThrows("192.0.2.1:7020"), "can't serve on \"192.0.2.1:7020\": Cannot assign requested address");
+}
+
+TEST_F(ApiServerTest, AnotherUserIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  const auto server = Serve(address_);
+  ChildServer stranger("--call-as-nobody", address_);
+  EXPECT_EQ(stranger.Wait(), 0);
+  const auto records = log_.Records();
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ(records[0].rfind("40 platform/klrpc/src/unix_listener Allowed: " + address_ +
+                                 ": refused a connection of user id 65534 (process ",
+                             0),
+            0u)
+      << records[0];
+}
+
+TEST_F(ApiServerTest, AnotherUserThatIsAllowedIsServed) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  const ScopedEnv allowed("KLRPC_ALLOW_UID", "12,65534");
+  const auto server = Serve(address_);
+  ChildServer guest("--call-as-nobody", address_);
+  EXPECT_EQ(guest.Wait(), 1);
+}
+
+TEST_F(ApiServerTest, UserIdsThatAreNoneAreReported) {
+  const ScopedEnv allowed("KLRPC_ALLOW_UID", "12,video,-1");
+  const auto server = Serve(address_);
+  const std::string start = "40 platform/klrpc/src/unix_listener AllowedUids: KLRPC_ALLOW_UID: ";
+  const std::string end = " is no user id; write numbers separated by commas";
+  EXPECT_EQ(log_.Records(), (std::vector<std::string>{start + "\"video\"" + end, start + "\"-1\"" + end}));
+}
+
+TEST_F(ApiServerTest, AConnectionThatSpeaksSomethingElseHarmsNobody) {
+  const auto server = Serve(address_);
+  const std::string name = address_.substr(address_.find(':') + 1);
+  sockaddr_un to{};
+  to.sun_family = AF_UNIX;
+  std::memcpy(to.sun_path + 1, name.data(), name.size());
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  std::vector<int> strangers;
+  for (int i = 0; i < 20; ++i) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), size), 0);
+    if (i % 2 == 0) {
+      EXPECT_EQ(send(fd, "GET / HTTP/1.0\r\n\r\n\xff\xff", 20, MSG_NOSIGNAL), 20);
+    }
+    strangers.push_back(fd);
+  }
+  EXPECT_TRUE(Call());
+  for (const int fd : strangers) close(fd);
+  EXPECT_TRUE(Call());
+}
+
+TEST_F(ApiServerTest, StoppingTakesLessThanASecondWhileClientsAreFrozenOrBusy) {
+  auto server = ServeEvents(address_);
+  const auto subscriber = Connect(address_);
+  subscriber->SubscribeTopics("me", {"topic"});
+  ASSERT_TRUE(subscriber->Call(StatusOf(1), reply_));
+  const auto start = steady_clock::now();
+  server.reset();
+  EXPECT_LT(steady_clock::now() - start, 1s);
+}
+
+TEST_F(ApiServerTest, StoppingWaitsForARunningHookWhoseCallIsCut) {
+  Watched<bool> entered;
+  Watched<bool> release;
+  std::atomic<bool> left{false};
+  auto server = Serve(address_, [&](const Any& request, Any& reply) {
+    entered.Update([](bool& yes) { yes = true; });
+    release.WaitFor([](bool yes) { return yes; });
+    left = true;
+    return Echo(request, reply);
+  });
+  std::thread caller([&] {
+    EXPECT_FALSE(Connect(address_)->CallWithin(StatusOf(1), reply_, kPatience));
+    release.Update([](bool& yes) { yes = true; });  // the call was cut while the hook was still running
+  });
+  ASSERT_TRUE(entered.WaitFor([](bool yes) { return yes; }));
+  server.reset();
+  EXPECT_TRUE(left);
+  caller.join();
+}
+
+TEST_F(ApiServerTest, ARunningHookThatEndsSoonStillAnswers) {
+  Watched<bool> entered;
+  auto server = Serve(address_, [&](const Any& request, Any& reply) {
+    entered.Update([](bool& yes) { yes = true; });
+    std::this_thread::sleep_for(20ms);  // the hook's work, not a wait of the test
+    return Echo(request, reply);
+  });
+  std::thread caller([&] { EXPECT_TRUE(Connect(address_)->Call(StatusOf(1), reply_)); });
+  ASSERT_TRUE(entered.WaitFor([](bool yes) { return yes; }));
+  server.reset();
+  caller.join();
+}
+
+}  // namespace
+}  // namespace klrpc::testing
