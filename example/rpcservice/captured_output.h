@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,6 +30,10 @@ class CapturedOutput {
   CapturedOutput(const CapturedOutput&) = delete;
   CapturedOutput& operator=(const CapturedOutput&) = delete;
   ~CapturedOutput() {
+    if (testing::Test::HasFailure()) {
+      Writes();
+      std::fputs(Text().c_str(), stderr);  // among it what the failed check says
+    }                                      // among it what the failed check says
     dup2(before_, STDOUT_FILENO);
     close(before_);
     close(read_end_);

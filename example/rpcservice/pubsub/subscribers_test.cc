@@ -149,7 +149,7 @@ TEST_F(SubscribersTest, EventWithoutPayloadPrintsDefaults) {
 
 TEST_F(SubscribersTest, EventOnAnUnknownTopicIsLoggedAndNotPrinted) {
   report_->Load();
-  const LogCapture log(20);
+  const LogCapture log(40);
   CapturedOutput output;
   klrpc::v1::PubsubMessage message;
   message.set_topic("layer/unknown");
