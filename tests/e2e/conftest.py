@@ -1,40 +1,28 @@
 """What the whole-process tests share: a network of their own, the tool and the daemons as children, and clients."""
 
-import ctypes
-import fcntl
 import os
 import pathlib
 import re
 import select
 import signal
 import socket
-import struct
 import subprocess
+import sys
 import time
 
 import pexpect
 import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+import private_network  # noqa: E402
 
 BIN = pathlib.Path(os.environ["VEX_BIN"])
 SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
 LIMIT_S = 60 if SANITIZED else 20  # for anything that must happen; a healthy run needs a fraction
 
 
-def enter_private_network():
-    """Moves this process to a network namespace of its own, so that fixed ports and abstract socket names are free.
-    Where the machine refuses that, takes a lock, so that such tests run one at a time."""
-    new_user, new_net = 0x10000000, 0x40000000
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.unshare(new_net if os.geteuid() == 0 else new_user | new_net) != 0:
-        lock = open(f"/tmp/vextool-test-{os.getuid()}.lock", "w", encoding="ascii")
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        return lock
-    with socket.socket() as control:  # bring the loopback interface up: SIOCSIFFLAGS with IFF_UP | IFF_RUNNING
-        fcntl.ioctl(control, 0x8914, struct.pack("16sh14x", b"lo", 0x1 | 0x40))
-    return None
-
-
-NETWORK = enter_private_network()
+NETWORK = private_network.enter_or_lock()
 
 
 def wait_until(condition, what):
