@@ -11,11 +11,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <new>
 #include <utility>
 
 #include "log_environment.h"
+#include "log_format.h"
 
 namespace klbase_internal {
 namespace {
@@ -244,6 +246,7 @@ void LogFile::RegisterForkHandlers() {
 }
 
 void LogFile::BeforeFork() ABSL_NO_THREAD_SAFETY_ANALYSIS {
+  LocalTimeOffset(std::time(nullptr));  // so that the child need not ask
   control_.Lock();
   mutex_.Lock();
   std::string notice;

@@ -1,7 +1,9 @@
 #include "log_format.h"
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 namespace klbase_internal {
 namespace {
@@ -26,7 +28,24 @@ void AppendText(LogBuffer& out, std::string_view text) {
   }
 }
 
+// The quarter of an hour that was asked for last, and its offset.
+constinit std::atomic<uint64_t> known_offset{0};
+
 }  // namespace
+
+long LocalTimeOffset(std::time_t time) {
+  constexpr int kOffsetBits = 24;
+  constexpr long kBias = 1L << (kOffsetBits - 1);
+  constexpr std::time_t kQuarter = 15 * 60;  // no clock is changed but at its beginning
+  const auto quarter = static_cast<uint64_t>(time / kQuarter);
+  const uint64_t known = known_offset.load(std::memory_order_relaxed);
+  if (known >> kOffsetBits == quarter) return static_cast<long>(known & ((1 << kOffsetBits) - 1)) - kBias;
+  std::tm local{};
+  localtime_r(&time, &local);
+  known_offset.store(quarter << kOffsetBits | static_cast<uint64_t>(local.tm_gmtoff + kBias),
+                     std::memory_order_relaxed);
+  return local.tm_gmtoff;
+}
 
 void AppendFormatted(LogBuffer& out, const char* format, std::va_list arguments) {
   std::va_list again;
@@ -45,12 +64,18 @@ void AppendFormatted(LogBuffer& out, const char* format, std::va_list arguments)
 }
 
 void AppendLogLine(LogBuffer& out, const KlLogRecord& record, const std::timespec& time, long thread_id) {
-  std::tm local{};
-  localtime_r(&time.tv_sec, &local);
+  using std::chrono::days;
+  using std::chrono::sys_seconds;
+  const sys_seconds local(std::chrono::seconds(time.tv_sec + LocalTimeOffset(time.tv_sec)));
+  const auto day = std::chrono::floor<days>(local);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss clock(local - day);
   char head[96];
-  const int length = std::snprintf(head, sizeof head, "%04d-%02d-%02d %02d:%02d:%02d.%03ld %d %ld ",
-                                   local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                                   local.tm_sec, time.tv_nsec / 1'000'000, record.level, thread_id);
+  const int length = std::snprintf(head, sizeof head, "%04d-%02u-%02u %02d:%02d:%02d.%03d %d %ld ",
+                                   static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                                   static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
+                                   static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()),
+                                   static_cast<int>(time.tv_nsec / 1'000'000), record.level, thread_id);
   Append(out, {head, static_cast<std::size_t>(length)});
   Append(out, record.source_file);
   char line[16];

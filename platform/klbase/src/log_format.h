@@ -17,6 +17,10 @@ using LogBuffer = fmt::basic_memory_buffer<char, 1024>;
 // Appends the whole formatted text. Never throws for a bad format: the format itself is then the text.
 void AppendFormatted(LogBuffer& out, const char* format, std::va_list arguments) __attribute__((format(printf, 2, 0)));
 
+// Seconds that local time is ahead of UTC. Asks the C library at most once in a quarter of an hour: its time zone has a
+// lock that a fork() or a crash may leave locked for ever.
+long LocalTimeOffset(std::time_t time);
+
 // Appends the record's line, with its end.
 void AppendLogLine(LogBuffer& out, const KlLogRecord& record, const std::timespec& time, long thread_id);
 

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -102,6 +103,18 @@ TEST_F(LogTest, ARecordIsOneLineWithAllItsFields) {
               MatchesRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3} 30 " +
                            std::to_string(gettid()) + " platform/klbase/src/log_test:" + std::to_string(line) +
                            " TestBody: loaded module 3\n"));
+}
+
+TEST_F(LogTest, TheTimeIsTheLocalOne) {
+  ASSERT_TRUE(Open());
+  const std::time_t before = std::time(nullptr);
+  KL_LOG(30, "now");
+  const std::time_t after = std::time(nullptr);
+  std::tm written{};
+  ASSERT_NE(strptime(Content().c_str(), "%Y-%m-%d %H:%M:%S", &written), nullptr);
+  written.tm_isdst = -1;
+  EXPECT_GE(mktime(&written), before);
+  EXPECT_LE(mktime(&written), after + 1);  // time() may lag by a tick
 }
 
 TEST_F(LogTest, LineEndsOfTheTextDoNotBreakTheRecord) {

@@ -20,7 +20,7 @@
 //
 // In a signal handler: not safe in general. For a crash report it does what can be done: a crash inside the log itself
 // sends the record to standard error instead of waiting for its own lock, and texts under 1 KiB are put together
-// without the heap. A crash while the thread held the heap's or the time zone's lock may hang; use an alarm.
+// without the heap. A crash while the thread held a lock of the C library may hang; use an alarm.
 #ifndef KLBASE_LOG_H_
 #define KLBASE_LOG_H_
 

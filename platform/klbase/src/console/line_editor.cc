@@ -93,6 +93,7 @@ class LineEditor::Impl {
   Event EndOfInput();
   Event Interrupt();
   void LeaveLine(std::string_view shown_behind);
+  void MarkPastes(bool on);
 
   LineView View() const;
   void Refresh();
@@ -154,6 +155,7 @@ class LineEditor::Impl {
   bool hidden_ = false;
   bool too_long_ = false;  // the line is being dropped
   bool bell_ = false;
+  bool pastes_marked_ = false;  // by the terminal
   Key last_key_ = Key::kNone;
   std::string prefix_;          // of the search by prefix under way
   std::size_t last_words_ = 0;  // how far back the Alt-. under way is
@@ -202,11 +204,9 @@ const LineEditor::Impl::KeyAction LineEditor::Impl::kActions[] = {
 // The other end may tell what it is only after the first prompt was shown.
 void LineEditor::Impl::SetDisplay(Display display) {
   if (display == display_) return;
-  if (Painted()) {
-    if (search_.Active()) CancelSearch();
-    screen_.Erase(out_);
-    out_ += kBracketedPasteOff;
-  }
+  if (search_.Active()) CancelSearch();
+  if (Painted()) screen_.Erase(out_);
+  MarkPastes(false);
   const Display before = std::exchange(display_, display);
   if (!started_ || hidden_) return;
   if (display == Display::kPrompt) out_ += prompt_;
@@ -214,8 +214,13 @@ void LineEditor::Impl::SetDisplay(Display display) {
   // What was typed so far, the other end has echoed behind the prompt.
   if (before == Display::kPrompt) out_ += "\r\x1b[J";
   screen_.Forget();
-  out_ += kBracketedPasteOn;
+  MarkPastes(true);
   Refresh();
+}
+
+void LineEditor::Impl::MarkPastes(bool on) {
+  if (on == std::exchange(pastes_marked_, on)) return;
+  out_ += on ? kBracketedPasteOn : kBracketedPasteOff;
 }
 
 void LineEditor::Impl::Resize(int columns, int rows) {
@@ -235,7 +240,7 @@ void LineEditor::Impl::Start(std::string prompt) {
   screen_.Forget();
   if (display_ == Display::kPrompt) out_ += prompt_;
   if (display_ != Display::kFull) return;
-  out_ += kBracketedPasteOn;
+  MarkPastes(true);
   Refresh();
 }
 
@@ -369,6 +374,7 @@ void LineEditor::Impl::CancelSearch() {
 LineEditor::Event LineEditor::Impl::EndLine() {
   LeaveLine({});
   line_ = buffer_.Text();
+  buffer_.Clear();
   return Event::kLine;
 }
 
@@ -391,9 +397,9 @@ void LineEditor::Impl::LeaveLine(std::string_view shown_behind) {
   if (Painted()) {
     const std::string text = buffer_.Text() + std::string(shown_behind);
     screen_.Finish(out_, {prompt_, text, text.size(), {}});
-    out_ += kBracketedPasteOff;
     if (bell_) out_ += '\a';
   }
+  MarkPastes(false);
   bell_ = too_long_ = started_ = false;
 }
 

@@ -55,15 +55,20 @@ class LineEditor {
   // Size of the operator's window; columns below 10 are taken as 80.
   void Resize(int columns, int rows);
 
-  // Begins a new line: shows `prompt` (printable, no escape sequences).
+  // Begins a new line: shows `prompt` (printable, no escape sequences) at the cursor, which must be in the first
+  // column. While a line is edited on a kFull display, the terminal marks pasted text ("\x1b[?2004h"); that ends with
+  // the line and with SetDisplay(kNone), so who leaves in the middle of a line calls that and passes its output on.
   void Start(std::string prompt);
-  // Uses input up to and including the first event. After an event the owner calls Start() before it feeds the rest.
+  // Uses input up to and including the first event. After an event the owner calls Start() before it feeds the rest
+  // (with kNone it may leave that out). A Tab can show a whole list of candidates, so large input is better fed in
+  // pieces.
   Result Feed(std::string_view input);
   // The bytes to show since the last call; line ends are "\r\n".
   std::string TakeOutput();
   std::string TakeLine();
 
-  // Takes the prompt and the typed text off the screen so that other output can be shown, and puts them back.
+  // Takes the prompt and the typed text off the screen so that other output can be shown, and puts them back; that
+  // output must end in the first column. What is typed meanwhile is not lost.
   void Hide();
   void Show();
 

@@ -561,6 +561,15 @@ TEST_F(LineEditorTest, TheTerminalMarksPastesOnlyWhileALineIsEdited) {
   EXPECT_TRUE(screen_.BracketedPaste());
 }
 
+TEST_F(LineEditorTest, LeavingInTheMiddleOfALineLeavesNoTerminalModeBehind) {
+  Type("abc");
+  editor_->Hide();
+  editor_->SetDisplay(LineEditor::Display::kNone);
+  Show();
+  EXPECT_FALSE(screen_.BracketedPaste());
+  ExpectScreen("");
+}
+
 TEST_F(LineEditorTest, APasteIsPaintedOnceAndNotLetterByLetter) {
   Type("x<Left>");
   Type("<Paste>" + std::string(30, 'y') + "</Paste>");
@@ -628,6 +637,15 @@ TEST_F(LineEditorTest, NothingIsShownToAProgram) {
   editor_->Hide();
   editor_->Show();
   EXPECT_EQ(editor_->TakeOutput(), "");
+}
+
+TEST_F(LineEditorTest, AProgramsLinesNeedNoStart) {
+  LineEditor editor(nullptr, nullptr, nullptr);
+  std::string_view input = "one\ntwo\n";
+  input.remove_prefix(editor.Feed(input).consumed);
+  EXPECT_EQ(editor.TakeLine(), "one");
+  EXPECT_EQ(editor.Feed(input).event, LineEditor::Event::kLine);
+  EXPECT_EQ(editor.TakeLine(), "two");
 }
 
 TEST_F(LineEditorTest, ATerminalThatTurnsOutToBeOneGetsThePromptAgainInPlace) {
