@@ -2,6 +2,7 @@
 
 #include <grpc/grpc_security.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "grpc_core.h"
@@ -17,10 +18,18 @@ struct Keepalive {
 constexpr Keepalive kLocal = {5000, 3000};
 constexpr Keepalive kRemote = {20000, 10000};
 
+// gRPC's smallest back-off is also the time that one attempt to connect gets. A server on this machine that is there
+// but busy deserves as long as a call; whether another machine is there is to be known soon.
+constexpr int kLocalAttemptMs = 3000;
+
+int AttemptMs(const APIClientOptions& options) {
+  return options.Remote() ? options.MinBackoffMs() : std::max(options.MinBackoffMs(), kLocalAttemptMs);
+}
+
 ChannelPtr Create(const APIClientOptions& options, ChannelArgs& args) {
   const Keepalive keepalive = options.Remote() ? kRemote : kLocal;
   args.Set(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, options.MaxBackoffMs())
-      .Set(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, options.MinBackoffMs())
+      .Set(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, AttemptMs(options))
       .Set(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, options.InitialBackoffMs())
       .Set(GRPC_ARG_KEEPALIVE_TIME_MS, keepalive.time_ms)
       .Set(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, keepalive.timeout_ms)
