@@ -191,7 +191,13 @@ int ChildServer::Wait() {
 
 }  // namespace klrpc::testing
 
-#if defined(__SANITIZE_THREAD__) || (defined(__has_feature) && __has_feature(thread_sanitizer))
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define __SANITIZE_THREAD__ 1  // as g++ says it
+#endif
+#endif
+
+#if defined(__SANITIZE_THREAD__)
 // The distribution's gRPC and what it uses are not built for the sanitizer, which sees what they do in calls that it
 // intercepts, but not their locks. Our own code never runs below their frames, except what writes their log lines.
 extern "C" const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1"; }
