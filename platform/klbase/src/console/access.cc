@@ -52,7 +52,8 @@ std::string ReadPasswordHash(const std::string& path) {
   if (count < 0) Refuse(path, std::string("can't be read: ") + std::strerror(errno));
   std::string hash(buffer, static_cast<std::size_t>(count));
   hash.erase(std::min(hash.find_first_of("\r\n"), hash.size()));
-  if (hash.empty() || Crypt("", hash).empty()) {
+  // A result of another length means that this is a salt at best: a password written in the clear may be one.
+  if (hash.empty() || Crypt("", hash).size() != hash.size()) {
     Refuse(path, "holds no crypt(3) hash in its first line; make one with: mkpasswd > FILE");
   }
   return hash;

@@ -17,7 +17,7 @@
 namespace cli::internal {
 namespace {
 
-constexpr int kFatalSignals[] = {SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+constexpr int kFatalSignals[] = {SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGINT};
 constexpr int kEventSignals[] = {SIGWINCH, SIGTSTP, SIGCONT};
 
 // What signal handlers use: plain and static, because handlers may run at any time until the process is gone.
@@ -43,8 +43,7 @@ void OnFatalSignal(int signal, siginfo_t* info, void*) {
     if (kFatalSignals[i] == signal) ::sigaction(signal, &g_fatal_before[i], nullptr);
   }
   // A fault happens again by itself when this returns, with the address that the crash report wants.
-  const bool fault = info != nullptr && info->si_code > 0 && signal != SIGTERM && signal != SIGHUP &&
-                     signal != SIGQUIT && signal != SIGABRT;
+  const bool fault = info != nullptr && info->si_code > 0 && (signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL);
   if (!fault) ::raise(signal);
 }
 
@@ -65,7 +64,8 @@ void InstallHandlers() {
   for (std::size_t i = 0; i < std::size(kFatalSignals); ++i) {
     ::sigaction(kFatalSignals[i], nullptr, &g_fatal_before[i]);
     const bool ignored = g_fatal_before[i].sa_handler == SIG_IGN;  // nohup
-    if (!ignored) ::sigaction(kFatalSignals[i], &fatal, nullptr);
+    const bool handled = kFatalSignals[i] == SIGINT && g_fatal_before[i].sa_handler != SIG_DFL;  // the program's own
+    if (!ignored && !handled) ::sigaction(kFatalSignals[i], &fatal, nullptr);
   }
 }
 
@@ -134,6 +134,7 @@ void LocalTerminal::EnterRawMode() {
   termios raw = g_saved;
   raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK);
   raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | IEXTEN);
+  raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away what was typed before it
   raw.c_cc[VMIN] = 1;
   raw.c_cc[VTIME] = 0;
   ::tcsetattr(fd, TCSANOW, &raw);

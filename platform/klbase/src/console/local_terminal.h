@@ -8,7 +8,7 @@ namespace cli::internal {
 
 // At most one exists at a time. Created, used and destroyed by one thread, but for Restore().
 //
-// Ctrl-C stays the interrupt signal, whose handler is the program's own. The terminal is restored by the destructor, by
+// Ctrl-C stays the interrupt signal, whose handler is the program's own; without one it ends the process. The terminal is restored by the destructor, by
 // an exit handler's Restore(), and before the process dies of a signal (SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS,
 // SIGFPE, SIGILL, SIGABRT): handlers for these are put before the ones that were installed when it is created, which
 // then see the signal as if nothing had happened. SIGKILL leaves the terminal as it is; "stty sane" helps.

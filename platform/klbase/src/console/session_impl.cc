@@ -360,12 +360,16 @@ void SessionImpl::ApplySettings(LineEditor::Display display, int columns, int ro
 }
 
 void SessionImpl::ShowNotices(std::string_view text) {
-  if (editor_ && LoggedIn()) editor_->Hide();
-  PassEditorOutput();
+  const bool editing = editor_ && LoggedIn();
+  if (editing) {
+    editor_->Hide();
+    PassEditorOutput();
+    if (shown_display_ == LineEditor::Display::kFull) config_.output->MarkLineStart();  // the line was erased
+  }
+  if (Interactive() && !text.empty()) config_.output->FreshLine();
   config_.output->Append(text);
-  if (!Interactive()) return;
+  if (!editing) return;
   config_.output->FreshLine();
-  if (!LoggedIn()) return;
   editor_->Show();
   PassEditorOutput();
 }

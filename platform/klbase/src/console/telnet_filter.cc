@@ -2,6 +2,7 @@
 
 #include <libtelnet.h>
 
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -82,8 +83,10 @@ void TelnetFilter::Handle(const telnet_event_t& event) {
       Fail("compression was not offered");
       break;
     case TELNET_EV_WARNING:
-      // The rest of an overlong subnegotiation would arrive as typed data.
-      if (event.error.errcode == TELNET_EOVERFLOW) Fail("subnegotiation too long");
+      // The rest of an overlong subnegotiation would arrive as typed data. Some versions leave the code 0.
+      if (event.error.errcode == TELNET_EOVERFLOW || std::strstr(event.error.msg, "limit reached") != nullptr) {
+        Fail("subnegotiation too long");
+      }
       break;
     case TELNET_EV_ERROR:
       Fail(event.error.msg);

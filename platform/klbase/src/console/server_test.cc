@@ -1,0 +1,894 @@
+// The console over real sockets: telnet operators, programs, and those who are neither.
+#include <crypt.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <deque>
+
+#include "console/console_test_support.h"
+
+namespace cli::internal {
+namespace {
+
+constexpr char kClientAgrees[] = "\xff\xfd\x01\xff\xfd\x03";  // DO ECHO, DO SGA
+constexpr char kServerOffer[] = "\xff\xfb\x01\xff\xfb\x03\xff\xfd\x1f\xff\xfd\x18";
+
+class ServerTest : public ::testing::Test {
+ protected:
+  ServerTest() {
+    options_.sniff = 50ms;
+    options_.login_delay = 1ms;
+    options_.linger = 500ms;
+  }
+
+  void TearDown() override {
+    gate_.Open();
+    console_.reset();
+  }
+
+  void Open() {
+    auto root = std::make_unique<Menu>("main");
+    auto core = std::make_unique<Menu>("core");
+    core->Insert(MakeCommand("show", [](std::ostream& out, const std::string&) { out << "one\ntwo\n"; }, "show version",
+                             {"version"}));
+    core->Insert(MakeCommand("set", [](std::ostream& out, const unsigned int& n) { out << n << "\n"; }, "", {"level"}));
+    core->Insert(MakeCommand(
+        "description", [](std::ostream& out) { out << "apisdk tools"; }, "apisdk tools"));
+    core->Insert(MakeCommand(
+        "hex", [](std::ostream& out) { out << std::hex << 255 << "\n"; }, ""));
+    core->Insert(MakeCommand(
+        "dec", [](std::ostream& out) { out << 255 << "\n"; }, ""));
+    core->Insert(MakeCommand(
+        "throw", [](std::ostream&) { throw std::runtime_error("no daemon"); }, ""));
+    core->Insert(MakeCommand(
+        "throw7", [](std::ostream&) { throw 7; }, ""));
+    core->Insert(
+        MakeCommand("stoi", [](std::ostream&, const std::string& word) { (void)std::stoi(word); }, "", {"id"}));
+    core->Insert(MakeCommand(
+        "wait",
+        [this](std::ostream& out) {
+          out << "waiting" << std::flush;
+          gate_.Pass();
+          out << " done\n";
+        },
+        ""));
+    core->Insert(MakeCommand(
+        "big",
+        [this](std::ostream& out, const unsigned int& kib) {
+          const std::string line(1023, 'x');
+          for (unsigned int i = 0; i < kib && out; ++i) out << line << '\n';
+          if (!out) ++cut_off_;
+        },
+        ""));
+    core->Insert(MakeCommand(
+        "bytes",
+        [](std::ostream& out) {
+          out << "a\xff"
+                 "b\n";
+        },
+        ""));
+    core->Insert(MakeCommand(
+        "count", [this](std::ostream&) { ++counted_; }, ""));
+    root->Insert(std::move(core));
+    auto gone = std::make_unique<Menu>("gone");
+    gone->Insert(MakeCommand(
+        "remove", [this](std::ostream&) { gone_.Remove(); }, ""));
+    gone_ = root->Insert(std::move(gone));
+    console_ = MakeConsole(std::move(root), options_);
+  }
+
+  TestClient Connect() { return TestClient(console_->Port()); }
+
+  // Sends all, ends sending, and returns all that comes.
+  std::string Program(std::string_view lines) {
+    TestClient client = Connect();
+    client.Send(lines);
+    client.EndSending();
+    return client.ReceiveAll();
+  }
+
+  // An operator whose telnet client agreed to all, at the first prompt.
+  TestClient Operator() {
+    TestClient client = Connect();
+    client.ReceiveUntil("main> ");
+    client.Send(kClientAgrees);
+    client.ReceiveUntil("main> ");
+    return client;
+  }
+
+  ConsoleOptions options_;
+  Gate gate_;
+  CmdHandler gone_;
+  std::atomic<int> cut_off_{0};
+  std::atomic<int> counted_{0};
+  std::unique_ptr<Console> console_;
+};
+
+// --- programs
+
+TEST_F(ServerTest, AProgramGetsOnlyWhatItsCommandsPrint) {
+  Open();
+  EXPECT_EQ(Program("core show version\n"), "one\ntwo\n");
+}
+
+TEST_F(ServerTest, AllLinesOfAPacketRunInOrder) {
+  Open();
+  EXPECT_EQ(Program("core\nset 1\nset 2\n..\ncore set 3\nmain\n"), "1\n2\n3\n");
+}
+
+TEST_F(ServerTest, ALineWithoutItsEndRunsWhenTheProgramHasSentAll) {
+  Open();
+  EXPECT_EQ(Program("core set 1\ncore set 2"), "1\n2\n");
+}
+
+TEST_F(ServerTest, TheResultIsTheSameWhereverTheLinesAreSplit) {
+  Open();
+  const std::string lines = "core\r\nset 1\r\nset 2\rset 3\n";
+  for (std::size_t at = 1; at < lines.size(); ++at) {
+    TestClient client = Connect();
+    client.Send(lines.substr(0, at));
+    std::this_thread::sleep_for(2ms);  // so that the parts come apart; the result must not depend on it
+    client.Send(lines.substr(at));
+    client.EndSending();
+    EXPECT_EQ(client.ReceiveAll(), "1\n2\n3\n") << "split at " << at;
+  }
+}
+
+TEST_F(ServerTest, BytesGoToAProgramAsTheyAre) {
+  Open();
+  EXPECT_EQ(Program("core bytes\ncore description\ncore bytes\n"),
+            "a\xff"
+            "b\napisdk toolsa\xff"
+            "b\n");
+}
+
+TEST_F(ServerTest, ALargeReplyReachesARawClientWhole) {
+  Open();
+  EXPECT_EQ(Program("core big 5000\n").size(), 5000U * 1024);
+}
+
+TEST_F(ServerTest, AReplyIsWholeAlsoWhenTheClientReadsLate) {
+  Open();
+  TestClient client = Connect();
+  client.Send("core big 3000\nexit\n");
+  client.EndSending();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(client.ReceiveAll().size(), 3000U * 1024);
+}
+
+TEST_F(ServerTest, OutputIsNotLostWhenMoreInputWaitsAtTheEnd) {
+  Open();
+  TestClient client = Connect();
+  client.Send("core show version\nexit\n" + std::string(30'000, 'x'));
+  EXPECT_EQ(client.ReceiveAll(), "one\ntwo\n");
+  EXPECT_FALSE(client.WasReset());
+}
+
+TEST_F(ServerTest, AnOverlongLineIsRefusedWithOneMessage) {
+  Open();
+  EXPECT_EQ(Program(std::string(5000, 'x') + "\ncore set 1\n"),
+            "Line too long: a line has at most 4096 bytes. It was dropped.\n1\n");
+}
+
+TEST_F(ServerTest, TenMegabytesWithoutANewlineAreDropped) {
+  Open();
+  EXPECT_EQ(Program(std::string(10 << 20, 'x') + "\ncore set 1\n"),
+            "Line too long: a line has at most 4096 bytes. It was dropped.\n1\n");
+}
+
+TEST_F(ServerTest, BinaryNoiseHarmsNobody) {
+  Open();
+  TestClient bystander = Operator();
+  std::string noise;
+  std::uint32_t state = 7;
+  for (int i = 0; i < 200'000; ++i) noise += static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+  noise[0] = 'x';
+  TestClient program = Connect();
+  std::thread reader([&program] { program.ReceiveAll(); });
+  program.Send(noise);
+  program.EndSending();
+  reader.join();
+  bystander.Send("core set 5\r");
+  EXPECT_NE(bystander.ReceiveUntil("\r\n5\r\n").find("5"), std::string::npos);
+}
+
+TEST_F(ServerTest, TelnetNoiseHarmsNobody) {
+  Open();
+  for (std::uint32_t seed = 1; seed <= 8; ++seed) {
+    std::string noise(1, '\xff');
+    std::uint32_t state = seed;
+    for (int i = 0; i < 20'000; ++i) {
+      state = state * 1664525 + 1013904223;
+      noise += state >> 29 == 0 ? '\xff' : static_cast<char>(state >> 24);
+    }
+    TestClient client = Connect();
+    std::thread reader([&client] { client.ReceiveAll(); });
+    client.Send(noise);
+    client.EndSending();
+    reader.join();
+  }
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+}
+
+// --- operators
+
+TEST_F(ServerTest, TheServerSpeaksFirstToASilentClient) {
+  Open();
+  TestClient client = Connect();
+  const std::string greeting = client.ReceiveUntil("main> ");
+  EXPECT_TRUE(greeting.starts_with(kServerOffer));
+  EXPECT_NE(greeting.find("console: \"help\" lists the commands, Tab completes them, \"exit\" leaves.\r\n"),
+            std::string::npos);
+}
+
+TEST_F(ServerTest, AClientThatBeginsWithIacIsAnOperator) {
+  options_.sniff = 20s;
+  Open();
+  TestClient client = Connect();
+  client.Send("\xff\xfb\x18");
+  EXPECT_TRUE(client.ReceiveUntil("main> ").starts_with(kServerOffer));
+}
+
+TEST_F(ServerTest, AClientThatNeverNegotiatesGetsPromptsOnly) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core\n");
+  EXPECT_EQ(client.ReceiveUntil("core> "), "core> ");
+  client.Send("set 5\n");
+  EXPECT_EQ(client.ReceiveUntil("core> "), "5\r\ncore> ");
+}
+
+TEST_F(ServerTest, ADumbTerminalKeepsItsOwnEcho) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send(
+      std::string("\xff\xfd\x01\xff\xfd\x03\xff\xfb\x18\xff\xfa\x18\x00"
+                  "dumb\xff\xf0",
+                  19));
+  client.ReceiveUntil("\xff\xfc\x01\xff\xfc\x03");
+  client.ReceiveUntil("main> ");
+  client.Send("core set 5\r\n");
+  EXPECT_EQ(client.ReceiveUntil("main> "), "5\r\nmain> ");
+}
+
+TEST_F(ServerTest, AnOperatorsLineIsEchoed) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core");
+  EXPECT_NE(client.ReceiveUntil("core").find("core"), std::string::npos);
+}
+
+TEST_F(ServerTest, EachKindOfLineEndEndsAnOperatorsLineOnce) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send(std::string("core set 1\r\ncore set 2\r\0core set 3\rcore set 4\n", 47));
+  EXPECT_EQ(client.ReceiveUntil("4\r\nmain> "), "1\r\nmain> 2\r\nmain> 3\r\nmain> 4\r\nmain> ");
+}
+
+TEST_F(ServerTest, OptionBytesOfTheNextPacketAreNoKeystrokes) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  for (const char byte : std::string("\xff\xfd\x03\xff\xfc\x18\xff\xfe\x22")) {
+    client.Send({&byte, 1});
+    std::this_thread::sleep_for(1ms);
+  }
+  client.Send("core set 5\r\n");
+  EXPECT_EQ(client.ReceiveUntil("main> "), "5\r\nmain> ");
+}
+
+TEST_F(ServerTest, AreYouThereIsAnsweredAndTheLineGoesOn) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send(
+      "core set 4\xff\xf6"
+      "2\r\n");
+  EXPECT_EQ(client.ReceiveUntil("main> "), "\r\n[yes]\r\nmain> ");
+  EXPECT_EQ(client.ReceiveUntil("main> "), "42\r\nmain> ");
+}
+
+TEST_F(ServerTest, AnInterruptDropsTheTypedLine) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send(
+      "core set 1\xff\xf4"
+      "core set 2\r\n");
+  const std::string text = client.ReceiveUntil("2\r\nmain> ");
+  EXPECT_EQ(text.find("1\r\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("2\r\nmain> "), std::string::npos);
+}
+
+TEST_F(ServerTest, AnInterruptWithItsUrgentMarkLeavesTheStreamWhole) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core set 1\xff\xf4\xff");
+  client.SendUrgent('\xf2');
+  client.Send("core set 2\r\n");
+  const std::string text = client.ReceiveUntil("2\r\nmain> ");
+  EXPECT_NE(text.find("2\r\nmain> "), std::string::npos) << text;
+}
+
+TEST_F(ServerTest, OutputForTelnetHasCrLfAndDoubledIac) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core bytes\r\n");
+  EXPECT_EQ(client.ReceiveUntil("main> "),
+            "a\xff\xff"
+            "b\r\nmain> ");
+}
+
+TEST_F(ServerTest, ThePromptStartsOnAFreshLine) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core description\r\n");
+  EXPECT_EQ(client.ReceiveUntil("main> "), "apisdk tools\r\nmain> ");
+}
+
+TEST_F(ServerTest, TabCompletesAcrossLevels) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core descr\t\r");
+  EXPECT_NE(client.ReceiveUntil("apisdk tools").find("iption"), std::string::npos);
+}
+
+TEST_F(ServerTest, ParametersShowAsADimHint) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core show");
+  EXPECT_NE(client.ReceiveUntil(" <version>").find("\x1b[2m"), std::string::npos);
+}
+
+TEST_F(ServerTest, ExitEndsTheSessionFromASubmenuToo) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core\r\nexit\r\n");
+  EXPECT_EQ(client.ReceiveAll(), "core> ");
+}
+
+TEST_F(ServerTest, CtrlDEndsTheSession) {
+  Open();
+  TestClient client = Operator();
+  client.Send("\x04");
+  client.ReceiveAll();
+  EXPECT_FALSE(client.WasReset());
+}
+
+// --- commands and their failures
+
+TEST_F(ServerTest, FailuresOfCommandsAreOneLineAndTheSessionGoesOn) {
+  Open();
+  EXPECT_EQ(Program("core throw\ncore throw7\ncore stoi x\ncore set 12a\ncore set 1\n"),
+            "core throw: no daemon. Usage: core throw\n"
+            "core throw7: it failed with an exception that has no message. Usage: core throw7\n"
+            "core stoi: a word is not a number where one is expected (stoi). Usage: core stoi <id>\n"
+            "core set: cannot take \"12a\" as <unsigned int> (bad from_string conversion: source string value could "
+            "not be interpreted as target). Usage: core set <level>\n"
+            "1\n");
+}
+
+TEST_F(ServerTest, UnknownLinesAndWrongWordCountsAreExplained) {
+  Open();
+  EXPECT_EQ(Program("cor\ncore shw x\ncore show\n\"\n"),
+            "Unknown command \"cor\"; did you mean: core? Type \"help\" for the commands.\n"
+            "Unknown command \"shw\" in \"core\"; did you mean: core show? Type \"help\" for the commands.\n"
+            "show takes 1 word, not 0. Usage: core show <version>\n" +
+                Program("\"\n"));
+}
+
+TEST_F(ServerTest, AnOpenQuoteIsExplained) {
+  Open();
+  EXPECT_NE(Program("core \"show\n").find("quote"), std::string::npos);
+}
+
+TEST_F(ServerTest, AStreamIsFreshForEachCommand) {
+  Open();
+  EXPECT_EQ(Program("core hex\ncore dec\n"), "ff\n255\n");
+}
+
+TEST_F(ServerTest, HelpListsTheMenuThenTheBuiltInCommands) {
+  Open();
+  const std::string root = Program("help\n");
+  EXPECT_TRUE(root.starts_with(" - core\n\t(menu)\n - gone\n\t(menu)\n")) << root;
+  EXPECT_NE(root.find(" - help <command>\n"), std::string::npos);
+  EXPECT_EQ(root.find(" - main\n"), std::string::npos);
+  const std::string core = Program("core\n?\n");
+  EXPECT_TRUE(core.starts_with(" - show <version>\n\tshow version\n - set <level>\n\t\n")) << core;
+  EXPECT_NE(core.find(" - main\n"), std::string::npos);
+}
+
+TEST_F(ServerTest, HelpOfANameShowsThatEntry) {
+  Open();
+  EXPECT_EQ(Program("core\nhelp show\n"), " - show <version>\n\tshow version\n");
+  EXPECT_EQ(Program("help core show\n"), " - show <version>\n\tshow version\n");
+  EXPECT_EQ(Program("help nosuch\n"), "Unknown command \"nosuch\". Type \"help\" for the commands.\n");
+}
+
+TEST_F(ServerTest, HistoryShowsTheSessionsLines) {
+  Open();
+  EXPECT_EQ(Program("core set 1\nhistory\n"), "1\n    1  core set 1\n    2  history\n");
+}
+
+TEST_F(ServerTest, WhoShowsTheOpenSessions) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core\r");
+  client.ReceiveUntil("core> ");
+  const std::string who = Program("who\n");
+  EXPECT_NE(who.find("  1   telnet   127.0.0.1:"), std::string::npos) << who;
+  EXPECT_NE(who.find("* 2   program  127.0.0.1:"), std::string::npos) << who;
+  EXPECT_NE(who.find("  core  "), std::string::npos) << who;
+}
+
+TEST_F(ServerTest, ASubmenuReachesOthersThroughTheRootsName) {
+  Open();
+  EXPECT_EQ(Program("gone\nmain core set 1\nmain core set x\nmain cor\n"),
+            "1\n"
+            "main core set: cannot take \"x\" as <unsigned int> (bad from_string conversion: source string value could "
+            "not be interpreted as target). Usage: main core set <level>\n"
+            "Unknown command \"cor\" in \"main\"; did you mean: main core? Type \"help\" for the commands.\n");
+}
+
+TEST_F(ServerTest, AnOperatorLeavesAMenuThatWasRemoved) {
+  Open();
+  EXPECT_EQ(Program("gone\nremove\ncore set 1\n"), "The menu \"gone\" is gone; this is \"main\".\n1\n");
+}
+
+TEST_F(ServerTest, LinesTypedWhileACommandRunsRunAfterIt) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core wait\r\n");
+  client.ReceiveUntil("waiting");
+  client.Send("core set 1\r\ncore set 2\r\n");
+  gate_.Open();
+  EXPECT_EQ(client.ReceiveUntil("2\r\nmain> "), " done\r\nmain> 1\r\nmain> 2\r\nmain> ");
+}
+
+TEST_F(ServerTest, WhatACommandPrintsIsSeenWhileItRuns) {
+  Open();
+  TestClient client = Connect();
+  client.Send("core wait\n");
+  EXPECT_EQ(client.ReceiveUntil("waiting"), "waiting");
+}
+
+TEST_F(ServerTest, CtrlCWhileACommandRunsDropsTheLinesThatWait) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("core wait\r\n");
+  client.ReceiveUntil("waiting");
+  client.Send("core count\r\ncore cou\xff\xf4");
+  client.Send("core set 3\r\n");
+  TestClient other = Operator();  // what was sent before has been read by now
+  gate_.Open();
+  const std::string text = client.ReceiveUntil("3\r\nmain> ");
+  EXPECT_NE(text.find("3\r\nmain> "), std::string::npos) << text;
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(ServerTest, ACommandThatWaitsDelaysNoOtherSession) {
+  Open();
+  TestClient waiting = Connect();
+  waiting.Send("core wait\n");
+  waiting.ReceiveUntil("waiting");
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+}
+
+TEST_F(ServerTest, AClientThatLeavesDuringACommandHarmsNobody) {
+  Open();
+  {
+    TestClient client = Connect();
+    client.Send("core wait\n");
+    client.ReceiveUntil("waiting");
+  }
+  gate_.Open();
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+}
+
+TEST_F(ServerTest, ALongQueueBehindACommandIsBoundedAndRunsWhole) {
+  Open();
+  TestClient client = Connect();
+  client.Send("core wait\n");
+  client.ReceiveUntil("waiting");
+  constexpr int kLines = 30'000;
+  std::thread sender([&client] {
+    std::string lines;
+    for (int i = 0; i < kLines; ++i) lines += "core count\n";
+    client.Send(lines);
+    client.EndSending();
+  });
+  gate_.Open();
+  sender.join();
+  EXPECT_EQ(client.ReceiveAll(), " done\n");
+  EXPECT_EQ(counted_, kLines);
+}
+
+// --- readers that don't read
+
+TEST_F(ServerTest, AReaderThatTakesNothingIsClosedAndOthersGoOn) {
+  options_.reader = 300ms;
+  Open();
+  const LogCapture log;
+  TestClient stuck(console_->Port(), 4096);
+  stuck.Send("core big 100000\n");
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+  EXPECT_TRUE(log.WaitForRecord("40 console connection from 127.0.0.1:"));
+  EXPECT_TRUE(WaitFor([this] { return cut_off_ == 1; }));
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+}
+
+TEST_F(ServerTest, AReaderThatTakesItsTimeIsServed) {
+  options_.reader = 2s;
+  Open();
+  TestClient slow(console_->Port(), 4096);
+  slow.Send("core big 4000\n");
+  slow.EndSending();
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(slow.ReceiveAll().size(), 4000U * 1024);
+  EXPECT_EQ(cut_off_, 0);
+}
+
+TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
+  options_.reader = 500ms;
+  Open();
+  const LogCapture log;
+  TestClient client(console_->Port(), 4096);
+  client.ReceiveUntil("main> ");
+  const std::string enter(1 << 16, '\n');
+  int sent = 0;
+  while (client.Send(enter)) ++sent;  // until the console closes it
+  EXPECT_LT(sent, 1000);
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+}
+
+// --- who may be served
+
+TEST_F(ServerTest, ABrowserIsClosedWithARecord) {
+  Open();
+  const LogCapture log;
+  EXPECT_EQ(Program("GET /core HTTP/1.1\r\nHost: x\r\n\r\ncore count\r\n"), "");
+  EXPECT_EQ(Program("POST / HTTP/1.1\r\n\r\ncore count\r\n"), "");
+  EXPECT_EQ(Program("POST /" + std::string(9000, 'x') + " HTTP/1.1\r\n\r\ncore count\r\n"), "");
+  EXPECT_EQ(counted_, 0);
+  EXPECT_EQ(log.Count("40 console session "), 3U);
+}
+
+TEST_F(ServerTest, ABrowserThatIsSlowIsClosedToo) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("GET / HTTP/1.1\r\ncore count\r\n");
+  EXPECT_EQ(client.ReceiveAll(), "");
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(ServerTest, SessionsAboveTheLimitAreToldSo) {
+  options_.max_sessions = 2;
+  Open();
+  TestClient first = Operator();
+  TestClient second = Operator();
+  TestClient third = Connect();
+  EXPECT_EQ(third.ReceiveAll(), "Too many sessions: all 2 are in use. Try again later.\r\n");
+  EXPECT_FALSE(third.WasReset());
+  first.Send("exit\r");
+  first.ReceiveAll();
+  first.Close();
+  EXPECT_TRUE(WaitFor([this] { return Program("core set 1\n") == "1\n"; }));
+}
+
+TEST_F(ServerTest, AThousandConnectionsAtOnce) {
+  rlimit files{};
+  ::getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = std::min<rlim_t>(files.rlim_max, 4096);
+  ::setrlimit(RLIMIT_NOFILE, &files);
+  if (files.rlim_cur < 2200) GTEST_SKIP() << "needs 2200 open files";
+  Open();
+  std::deque<TestClient> clients;
+  for (int i = 0; i < 1000; ++i) clients.push_back(Connect());
+  int served = 0;
+  int refused = 0;
+  for (auto& client : clients) {
+    const std::string text = client.ReceiveUntil(" ");
+    if (text == "Too ") ++refused;
+    if (text.starts_with(kServerOffer)) ++served;
+  }
+  EXPECT_EQ(served, 64);
+  EXPECT_EQ(refused, 936);
+  clients.clear();
+  EXPECT_TRUE(WaitFor([this] { return Program("core set 1\n") == "1\n"; }));
+}
+
+TEST_F(ServerTest, SilentAndVanishingConnectionsAreForgotten) {
+  options_.max_sessions = 2;
+  Open();
+  for (int i = 0; i < 50; ++i) {
+    TestClient client = Connect();
+    if (i % 2 == 0) client.EndSending();
+  }
+  EXPECT_TRUE(WaitFor([this] { return Program("core set 1\n") == "1\n"; }));
+}
+
+TEST_F(ServerTest, OutOfFilesIsLoggedOnceAndPasses) {
+  Open();
+  const LogCapture log;
+  TestClient operator_before = Operator();
+  rlimit before{};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  TestClient waits = Connect();
+  waits.ReceiveUntil("main> ");
+  std::vector<int> fillers;
+  rlimit low = before;
+  low.rlim_cur = 256;
+  ::setrlimit(RLIMIT_NOFILE, &low);
+  const int client_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // made while there is room
+  for (int fd = ::dup(0); fd >= 0; fd = ::dup(0)) fillers.push_back(fd);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(console_->Port()));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_EQ(::connect(client_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  EXPECT_TRUE(log.WaitForRecord("40 console cannot accept connections: Too many open files"));
+  operator_before.Send("core set 5\r");
+  EXPECT_NE(operator_before.ReceiveUntil("\r\n5\r\n").find("5"), std::string::npos);
+  for (const int fd : fillers) ::close(fd);
+  ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(log.WaitForRecord("30 console accepts connections again"));
+  EXPECT_EQ(log.Count("40 console cannot accept"), 1U);
+  ::close(client_fd);
+}
+
+TEST_F(ServerTest, OpeningAndClosingASessionIsLogged) {
+  Open();
+  const LogCapture log;
+  Program("core set 1\n");
+  EXPECT_TRUE(log.WaitForRecord("30 console session 1 closes"));
+  EXPECT_EQ(log.Count("30 console session 1 opens: program from 127.0.0.1:"), 1U);
+}
+
+// --- the password
+
+class PasswordTest : public ServerTest {
+ protected:
+  PasswordTest() {
+    crypt_data data{};
+    options_.password_file = folder_.Write("pw", crypt_r("secret", "$5$rounds=1000$saltsalt$", &data));
+  }
+
+  TempFolder folder_;
+};
+
+TEST_F(PasswordTest, AProgramsFirstLineIsThePassword) {
+  Open();
+  EXPECT_EQ(Program("secret\ncore set 1\n"), "1\n");
+  EXPECT_EQ(Program("wrong\ncore count\n"), "Wrong password.\n");
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(PasswordTest, AnOperatorIsAskedAndThePasswordIsNotShown) {
+  Open();
+  TestClient client = Connect();
+  client.ReceiveUntil("Password: ");
+  client.Send(kClientAgrees);
+  client.Send(std::string("secret\r\0", 8));
+  const std::string text = client.ReceiveUntil("main> ");
+  EXPECT_EQ(text.find("secret"), std::string::npos);
+  client.Send("core set 5\r");
+  EXPECT_NE(client.ReceiveUntil("\r\n5\r\n").find("5"), std::string::npos);
+}
+
+TEST_F(PasswordTest, ThreeWrongTriesEndTheConnection) {
+  Open();
+  const LogCapture log;
+  TestClient client = Connect();
+  client.ReceiveUntil("Password: ");
+  client.Send("a\r\nb\r\nc\r\ncore count\r\n");
+  EXPECT_EQ(client.ReceiveAll(), "Wrong password.\r\nPassword: Wrong password.\r\nPassword: Wrong password.\r\n");
+  EXPECT_EQ(log.Count("40 console session 1 from 127.0.0.1:"), 3U);
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(PasswordTest, WhoDoesNotLogInInTimeIsClosed) {
+  options_.login = 200ms;
+  Open();
+  TestClient client = Connect();
+  client.ReceiveAll();
+  EXPECT_EQ(Program("secret\ncore set 1\n"), "1\n");
+}
+
+TEST_F(PasswordTest, ConnectionsThatDoNotLogInKeepNobodyOut) {
+  options_.max_sessions = 1;
+  Open();
+  std::deque<TestClient> silent;
+  for (int i = 0; i < 100; ++i) silent.push_back(Connect());
+  EXPECT_EQ(Program("secret\ncore set 1\n"), "1\n");
+}
+
+TEST_F(PasswordTest, PlacesAreCountedWhenSomebodyLogsIn) {
+  options_.max_sessions = 1;
+  Open();
+  TestClient first = Connect();
+  first.Send("secret\ncore set 1\n");
+  EXPECT_EQ(first.ReceiveUntil("1\n"), "1\n");
+  EXPECT_EQ(Program("secret\ncore count\n"), "Too many sessions: all 1 are in use. Try again later.\n");
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(PasswordTest, ANewPasswordCountsAtOnce) {
+  Open();
+  crypt_data data{};
+  folder_.Write("pw", crypt_r("newer", "$5$rounds=1000$saltsalt$", &data));
+  EXPECT_EQ(Program("secret\n"), "Wrong password.\n");
+  EXPECT_EQ(Program("newer\ncore set 1\n"), "1\n");
+}
+
+TEST_F(PasswordTest, ABrowserIsRefusedBeforeItsFirstLineIsAPassword) {
+  Open();
+  EXPECT_EQ(Program("GET / HTTP/1.1\r\n\r\n"), "");
+}
+
+// --- creating and ending
+
+std::string CreationError(const ConsoleOptions& options) {
+  try {
+    MakeConsole(std::make_unique<Menu>("main"), options);
+    return "none";
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+}
+
+TEST(ConsoleCreateTest, APortOutOfRangeIsRefused) {
+  ConsoleOptions options;
+  for (const int port : {-1, 65536, 1'000'000}) {
+    options.port = port;
+    EXPECT_EQ(CreationError(options), "console port " + std::to_string(port) +
+                                          " is out of range; choose one from 1 to 65535, or 0 for any free one");
+  }
+}
+
+TEST(ConsoleCreateTest, APortInUseIsRefused) {
+  ConsoleOptions options;
+  const auto first = MakeConsole(std::make_unique<Menu>("main"), options);
+  options.port = first->Port();
+  EXPECT_EQ(CreationError(options), "console cannot listen on 127.0.0.1:" + std::to_string(options.port) +
+                                        ": Address already in use; another program has this port: choose another "
+                                        "one, or end that program");
+}
+
+TEST(ConsoleCreateTest, ThePortIsFreeAgainAtOnce) {
+  ConsoleOptions options;
+  {
+    const auto first = MakeConsole(std::make_unique<Menu>("main"), options);
+    options.port = first->Port();
+    TestClient client(first->Port());
+    client.ReceiveUntil("main> ");
+  }
+  EXPECT_EQ(MakeConsole(std::make_unique<Menu>("main"), options)->Port(), options.port);
+}
+
+TEST(ConsoleCreateTest, AnAddressThatIsNoneIsRefused) {
+  ConsoleOptions options;
+  options.address = "localhost";
+  EXPECT_EQ(CreationError(options),
+            "console address \"localhost\" is no IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or "
+            "0.0.0.0");
+}
+
+TEST(ConsoleCreateTest, AnAddressForOthersNeedsAPassword) {
+  ConsoleOptions options;
+  for (const char* address : {"0.0.0.0", "::", "192.0.2.1", "::ffff:192.0.2.1"}) {
+    options.address = address;
+    EXPECT_EQ(CreationError(options), "console address " + options.address +
+                                          " can be reached from other machines; set KLBASE_CONSOLE_PASSWORD_FILE to a "
+                                          "file with a crypt(3) hash of the password, or use 127.0.0.1");
+  }
+}
+
+TEST(ConsoleCreateTest, AnUnusablePasswordFileIsRefused) {
+  ConsoleOptions options;
+  options.password_file = "/nowhere/pw";
+  EXPECT_NE(CreationError(options).find("can't be opened"), std::string::npos);
+}
+
+TEST(ConsoleCreateTest, TheBoundAddressIsLogged) {
+  const LogCapture log;
+  const auto console = MakeConsole(std::make_unique<Menu>("main"), ConsoleOptions());
+  EXPECT_GT(console->Port(), 0);
+  EXPECT_EQ(log.Count("30 console listens on 127.0.0.1:" + std::to_string(console->Port())), 1U);
+}
+
+TEST(ConsoleCreateTest, SocketsAreClosedOnExec) {
+  const auto console = MakeConsole(std::make_unique<Menu>("main"), ConsoleOptions());
+  TestClient client(console->Port());
+  client.ReceiveUntil("main> ");
+  for (int fd = 3; fd < 256; ++fd) {
+    const int flags = ::fcntl(fd, F_GETFD);
+    int type = 0;
+    socklen_t size = sizeof type;
+    if (flags < 0 || ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0) continue;
+    EXPECT_NE(flags & FD_CLOEXEC, 0) << "descriptor " << fd;
+  }
+}
+
+TEST_F(ServerTest, ShutdownEndsTheConsoleForAll) {
+  Open();
+  TestClient operator_client = Operator();
+  std::thread runner([this] { console_->Run(); });
+  EXPECT_EQ(Program("shutdown\n"), "The console ends for all.\n");
+  EXPECT_NE(operator_client.ReceiveAll().find("The console ends.\r\n"), std::string::npos);
+  runner.join();
+}
+
+TEST_F(ServerTest, StopEndsRunAndClosesSessions) {
+  Open();
+  TestClient client = Operator();
+  std::thread runner([this] { console_->Run(); });
+  console_->Stop();
+  runner.join();
+  client.ReceiveAll();
+  console_->Stop();
+  EXPECT_THROW(Connect(), std::runtime_error);
+}
+
+TEST_F(ServerTest, StopWaitsForACommandAndSendsWhatItPrints) {
+  Open();
+  TestClient client = Connect();
+  client.Send("core wait\n");
+  client.ReceiveUntil("waiting");
+  std::thread stopper([this] { console_->Stop(); });
+  gate_.Open();
+  EXPECT_EQ(client.ReceiveAll(), " done\n");
+  stopper.join();
+}
+
+TEST_F(ServerTest, StopDoesNotWaitForReaders) {
+  options_.drain = 100ms;
+  Open();
+  TestClient stuck(console_->Port(), 4096);
+  stuck.Send("core big 100000\n");
+  stuck.ReceiveUntil("x");
+  console_->Stop();
+  EXPECT_EQ(cut_off_, 1);
+}
+
+TEST_F(ServerTest, StopGoesOnWithoutACommandThatDoesNotEnd) {
+  options_.stop = 100ms;
+  Open();
+  TestClient client = Connect();
+  client.Send("core wait\n");
+  client.ReceiveUntil("waiting");
+  console_.reset();
+  gate_.Open();  // it finds all that it uses still there
+}
+
+TEST_F(ServerTest, ManySessionsRunManyCommands) {
+  Open();
+  constexpr int kClients = 40;
+  constexpr int kLines = 50;
+  std::vector<std::thread> threads;
+  std::atomic<int> right{0};
+  for (int i = 0; i < kClients; ++i) {
+    threads.emplace_back([this, &right] {
+      TestClient client = Connect();
+      for (int line = 0; line < kLines; ++line) {
+        client.Send("core show version\n");
+        if (client.ReceiveUntil("two\n") == "one\ntwo\n") ++right;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(right, kClients * kLines);
+}
+
+}  // namespace
+}  // namespace cli::internal
