@@ -27,6 +27,19 @@ ElementPtr ParsePipeline(const std::string& description) {
 
 }  // namespace
 
+__attribute__((no_sanitize("thread"))) BufferFacts FactsOf(const GstBuffer* buffer) {
+  return {GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer), GST_BUFFER_DURATION(buffer),
+          !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)};
+}
+
+__attribute__((no_sanitize("thread"))) BufferPtr WithTimes(const GstBuffer* buffer, GstClockTime pts,
+                                                           GstClockTime dts) {
+  GstBuffer* copy = gst_buffer_copy(buffer);
+  GST_BUFFER_PTS(copy) = pts;
+  GST_BUFFER_DTS(copy) = dts;
+  return BufferPtr(copy);
+}
+
 std::string ErrorText(GstMessage* message) {
   GError* error = nullptr;
   gchar* debug = nullptr;

@@ -29,6 +29,18 @@ using CapsPtr = std::unique_ptr<GstCaps, MiniObjectUnref>;
 using SamplePtr = std::unique_ptr<GstSample, MiniObjectUnref>;
 using MessagePtr = std::unique_ptr<GstMessage, MiniObjectUnref>;
 
+// The parts of a buffer that GStreamer offers by macros only. Its buffers are recycled under locks that the thread
+// sanitizer doesn't see, so these two are not instrumented.
+struct BufferFacts {
+  GstClockTime pts;
+  GstClockTime dts;
+  GstClockTime duration;
+  bool keyframe;  // not a delta unit
+};
+BufferFacts FactsOf(const GstBuffer* buffer);
+// A copy that shares the bytes and has these times.
+BufferPtr WithTimes(const GstBuffer* buffer, GstClockTime pts, GstClockTime dts);
+
 // What an error or warning message says, with the element that it comes from: "venc: Could not encode stream. (…)".
 std::string ErrorText(GstMessage* message);
 

@@ -9,6 +9,7 @@
 
 #include "absl/strings/str_cat.h"
 #include "absl/strings/str_format.h"
+#include "base/hand_over.h"
 #include "klbase/log.h"
 
 namespace encd {
@@ -79,6 +80,7 @@ EncodePipeline::EncodePipeline(const Options& options, PacketSink& out,
     : out_(out), on_failure_(std::move(on_failure)) {
   if (!options.input.empty()) OpenInput(options);
   Build(options);
+  for (Tap& tap : taps_) device::HandOver(&tap);
   pipeline_->SetState(GST_STATE_PLAYING);
   if (input_) input_->Start();
   WaitForFirstPacket();
@@ -90,6 +92,7 @@ EncodePipeline::~EncodePipeline() {
   if (watch_.joinable()) watch_.join();
   input_.reset();  // feeds the pipeline, so it goes first
   pipeline_.reset();
+  for (Tap& tap : taps_) device::TakeOver(&tap);
 }
 
 void EncodePipeline::OpenInput(const Options& options) {
@@ -120,14 +123,13 @@ void EncodePipeline::Feed(GstElement* source, GstSample* sample) {
   if (source == nullptr) return;  // the first sample may come while the pipeline is still being built
   device::CapsPtr caps(gst_caps_ref(gst_sample_get_caps(sample)));
   gst_app_src_set_caps(GST_APP_SRC(source), caps.get());
-  GstBuffer* buffer = gst_buffer_copy(gst_sample_get_buffer(sample));
-  GST_BUFFER_PTS(buffer) = GST_CLOCK_TIME_NONE;
-  GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
-  gst_app_src_push_buffer(GST_APP_SRC(source), buffer);
+  auto buffer = device::WithTimes(gst_sample_get_buffer(sample), GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE);
+  gst_app_src_push_buffer(GST_APP_SRC(source), buffer.release());
 }
 
 GstFlowReturn EncodePipeline::OnSample(GstAppSink* sink, gpointer user_data) {
   Tap* tap = static_cast<Tap*>(user_data);
+  const device::HandedOver order(tap);
   const device::SamplePtr sample(gst_app_sink_pull_sample(sink));
   if (!sample) return GST_FLOW_OK;
   const PacketPtr packet = ToPacket(sample.get(), tap->track);
@@ -148,9 +150,10 @@ PacketPtr EncodePipeline::ToPacket(GstSample* sample, Track track) {
   packet->track = track;
   packet->buffer.reset(gst_buffer_ref(buffer));
   packet->caps.reset(gst_caps_ref(gst_sample_get_caps(sample)));
-  packet->pts = running(GST_BUFFER_PTS(buffer));
-  packet->dts = running(GST_BUFFER_DTS(buffer));
-  packet->keyframe = track != Track::kVideo || !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+  const auto facts = device::FactsOf(buffer);
+  packet->pts = running(facts.pts);
+  packet->dts = running(facts.dts);
+  packet->keyframe = track != Track::kVideo || facts.keyframe;
   packet->bytes = gst_buffer_get_size(buffer);
   packet->arrival = steady_clock::now();
   return packet;

@@ -62,6 +62,14 @@ std::string Summary(const std::string& path, const Recorder::Outcome& outcome) {
   return text;
 }
 
+Result Complete(Recorder& recorder) {
+  recorder.End();
+  const auto outcome = recorder.WaitDone(kRecordLimit);
+  if (!outcome) return {Code::kFailed, "recording " + recorder.path() + " could not be completed in time"};
+  if (!outcome->error.empty()) return {Code::kFailed, "recording " + recorder.path() + " failed: " + outcome->error};
+  return Ok("recorded " + Summary(recorder.path(), *outcome));
+}
+
 }  // namespace
 
 std::span<const device::NeededElement> NeededElements() { return kNeeded; }
@@ -266,17 +274,10 @@ Result Encoder::StopRecord() {
     recorder.swap(recorder_);
   }
   fanout_.Remove(recorder->queue().get());
-  recorder->End();
-  const auto outcome = recorder->WaitDone(kRecordLimit);
-  {
-    MutexLock lock(mu_);
-    recording_ = false;
-  }
-  if (!outcome) return {Code::kFailed, "recording " + recorder->path() + " could not be completed in time"};
-  if (!outcome->error.empty()) {
-    return {Code::kFailed, "recording " + recorder->path() + " failed: " + outcome->error};
-  }
-  return Ok("recorded " + Summary(recorder->path(), *outcome));
+  const Result result = Complete(*recorder);
+  MutexLock lock(mu_);
+  recording_ = false;
+  return result;
 }
 
 Result Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
@@ -318,28 +319,23 @@ Result Encoder::ForwardRecord() {
     format = forward_format_;
     tracks = forward_tracks_;
   }
-  Result result;
-  const std::string path = NewFile(format, "forward");
-  try {
-    Recorder recorder(path, format, tracks, kStoredRecording);
-    for (const PacketPtr& packet : buffer->Snapshot()) recorder.queue()->Put(packet);
-    result = FinishForward(recorder);
-  } catch (const std::runtime_error& error) {
-    result = {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
-  }
+  const Result result = WriteForward(*buffer, format, tracks);
   MutexLock lock(mu_);
   forward_writing_ = false;
   return result;
 }
 
-Result Encoder::FinishForward(Recorder& recorder) {
-  recorder.End();
-  const auto outcome = recorder.WaitDone(kRecordLimit);
-  if (!outcome) return {Code::kFailed, "forward recording " + recorder.path() + " could not be completed in time"};
-  if (!outcome->error.empty()) {
-    return {Code::kFailed, "forward recording " + recorder.path() + " failed: " + outcome->error};
+Result Encoder::WriteForward(const ForwardBuffer& buffer, RecordFormat format, Tracks tracks) const {
+  const auto packets = buffer.Snapshot();
+  if (packets.empty()) return {Code::kWrongState, "nothing is in memory yet; try again in a second"};
+  const std::string path = NewFile(format, "forward");
+  try {
+    Recorder recorder(path, format, tracks, kStoredRecording);
+    for (const PacketPtr& packet : packets) recorder.queue()->Put(packet);
+    return Complete(recorder);
+  } catch (const std::runtime_error& error) {
+    return {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
   }
-  return Ok("recorded " + Summary(recorder.path(), *outcome));
 }
 
 }  // namespace encd

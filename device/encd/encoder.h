@@ -108,7 +108,7 @@ class Encoder {
   void ApplyBitrate();
   Result ReserveStream(const std::string& id, const std::string& url);
   std::string NewFile(RecordFormat format, const char* kind) const;
-  Result FinishForward(Recorder& recorder);
+  Result WriteForward(const ForwardBuffer& buffer, RecordFormat format, Tracks tracks) const;
 
   const Options options_;
   Fanout fanout_;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "absl/strings/str_format.h"
+#include "base/hand_over.h"
 #include "klbase/log.h"
 
 namespace encd {
@@ -34,12 +35,16 @@ std::string ToUri(const std::string& input) {
 }
 
 GstFlowReturn OnSample(GstAppSink* sink, gpointer track) {
+  const device::HandedOver order(track);
   const device::SamplePtr sample(gst_app_sink_pull_sample(sink));
   if (sample) static_cast<InputSource::TrackState*>(track)->handler(sample.get());
   return GST_FLOW_OK;
 }
 
-void OnEnd(GstAppSink*, gpointer track) { static_cast<InputSource::TrackState*>(track)->ended = true; }
+void OnEnd(GstAppSink*, gpointer track) {
+  const device::HandedOver order(track);
+  static_cast<InputSource::TrackState*>(track)->ended = true;
+}
 
 // A sink for playbin that converts to `caps` and hands each buffer to the track's handler when its time has come.
 GstElement* MakeSink(const std::string& description, InputSource::TrackState* track) {
@@ -86,6 +91,9 @@ InputSource::InputSource(const std::string& input, const Format& format, SampleH
 InputSource::~InputSource() {
   stop_ = true;
   if (thread_.joinable()) thread_.join();
+  player_.reset();
+  device::TakeOver(&picture_);
+  device::TakeOver(&sound_);
 }
 
 void InputSource::WaitForFirstPicture() {
@@ -107,6 +115,8 @@ void InputSource::WaitForFirstPicture() {
 }
 
 void InputSource::Start() {
+  device::HandOver(&picture_);
+  device::HandOver(&sound_);
   player_->SetState(GST_STATE_PLAYING);
   thread_ = std::thread([this] { Run(); });
 }

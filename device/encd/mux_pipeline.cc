@@ -57,14 +57,12 @@ bool MuxPipeline::Feed(Input& input, const Packet& packet, GstClockTime pts) {
     gst_app_src_set_caps(source, packet.caps.get());
     input.caps.reset(gst_caps_ref(packet.caps.get()));
   }
-  GstBuffer* buffer = gst_buffer_copy(packet.buffer.get());  // shares the bytes, has times of its own
-  GST_BUFFER_PTS(buffer) = pts;
-  GST_BUFFER_DTS(buffer) =
-      packet.dts == GST_CLOCK_TIME_NONE ? GST_CLOCK_TIME_NONE : packet.dts - std::min(packet.dts, base_);
+  const auto dts = packet.dts == GST_CLOCK_TIME_NONE ? packet.dts : packet.dts - std::min(packet.dts, base_);
+  const auto duration = device::FactsOf(packet.buffer.get()).duration;
+  if (duration != GST_CLOCK_TIME_NONE) input.duration = duration;
   input.last = pts;
-  if (GST_BUFFER_DURATION_IS_VALID(buffer)) input.duration = GST_BUFFER_DURATION(buffer);
   ++input.packets;
-  return gst_app_src_push_buffer(source, buffer) == GST_FLOW_OK;
+  return gst_app_src_push_buffer(source, device::WithTimes(packet.buffer.get(), pts, dts).release()) == GST_FLOW_OK;
 }
 
 bool MuxPipeline::Finish(std::chrono::milliseconds limit) {

@@ -1,5 +1,7 @@
 #include "encd/recorder.h"
 
+#include <unistd.h>
+
 #include <stdexcept>
 #include <utility>
 
@@ -96,7 +98,8 @@ Recorder::Outcome Recorder::Complete() {
   if (!finished) {
     outcome.error = mux_->Error();
   } else if (outcome.seconds == 0) {
-    outcome.error = "nothing was recorded: no picture or sound arrived";
+    outcome.error = "no picture or sound arrived; the empty file is removed";
+    unlink(path_.c_str());
   }
   return outcome;
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "base/gst.h"
+#include "base/hand_over.h"
 #include "base/mutex.h"
 
 namespace device::testing {
@@ -41,11 +42,13 @@ void CountSample(GstSample* sample, Counting* counting) {
 
 GstFlowReturn OnSample(GstAppSink* sink, gpointer counting) {
   const SamplePtr sample(gst_app_sink_pull_sample(sink));
+  const HandedOver order(counting);
   if (sample) CountSample(sample.get(), static_cast<Counting*>(counting));
   return GST_FLOW_OK;
 }
 
 void OnPad(GstElement*, GstPad* pad, gpointer user_data) {
+  const HandedOver order(user_data);
   auto* counting = static_cast<Counting*>(user_data);
   const CapsPtr caps(gst_pad_get_current_caps(pad));
   const bool audio = caps && g_str_has_prefix(gst_structure_get_name(gst_caps_get_structure(caps.get(), 0)), "audio");
@@ -70,12 +73,14 @@ MediaFacts ProbeMedia(const std::string& path) {
   counting.pipeline = pipeline.get();
   g_object_set(pipeline.Find("file").get(), "location", path.c_str(), nullptr);
   g_signal_connect(pipeline.Find("decoder").get(), "pad-added", G_CALLBACK(OnPad), &counting);
+  HandOver(&counting);
   pipeline.SetState(GST_STATE_PLAYING);
   const auto message = pipeline.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR),
                                         std::chrono::milliseconds(30'000));
   gint64 length = 0;
   gst_element_query_duration(pipeline.get(), GST_FORMAT_TIME, &length);
   pipeline.SetState(GST_STATE_NULL);
+  TakeOver(&counting);
   MutexLock lock(counting.mu);
   MediaFacts facts = counting.facts;
   facts.seconds = static_cast<double>(length) / static_cast<double>(GST_SECOND);

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -81,6 +82,11 @@ SilentPort::SilentPort(Kind kind) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_C
   if (kind == Kind::kNeverAnswers) listen(socket_, 4);
   getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
   port_ = ntohs(address.sin_port);
+}
+
+bool SilentPort::HasConnection() const {
+  pollfd waiting{socket_, POLLIN, 0};
+  return poll(&waiting, 1, 0) == 1 && (waiting.revents & POLLIN) != 0;
 }
 
 SilentPort::~SilentPort() { close(socket_); }

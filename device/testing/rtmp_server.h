@@ -45,6 +45,7 @@ class SilentPort {
 
   int port() const { return port_; }
   std::string Url() const { return "rtmp://127.0.0.1:" + std::to_string(port_) + "/live"; }
+  bool HasConnection() const;  // one waits to be accepted
 
  private:
   int socket_;

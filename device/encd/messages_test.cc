@@ -1,0 +1,47 @@
+#include "encd/messages.h"
+
+#include <gtest/gtest.h>
+
+#include "common/v1/status.pb.h"
+
+namespace encd {
+namespace {
+
+using google::protobuf::Any;
+
+class MessagesTest : public ::testing::Test {
+ protected:
+  static Encoder::Options Options() {
+    Encoder::Options options;
+    options.width = 64;
+    options.height = 64;
+    return options;
+  }
+
+  Encoder encoder_{Options()};
+  Any reply_;
+};
+
+TEST_F(MessagesTest, AMessageThatCannotBeParsedIsRefused) {
+  Any request;
+  request.set_type_url("type.googleapis.com/encoder.v1.SetVideoQualityRequest");
+  request.set_value("\xff\xff\xff");
+  EXPECT_TRUE(HandleMessage(encoder_, request, reply_));
+  common::v1::Status status;
+  ASSERT_TRUE(reply_.UnpackTo(&status));
+  EXPECT_EQ(status.code(), 1);
+  EXPECT_EQ(status.message(), "encoder.v1.SetVideoQualityRequest can't be parsed");
+}
+
+TEST_F(MessagesTest, TypesOfOtherPackagesAndUnknownOnesAreLeftAlone) {
+  for (const char* type : {"", "/", "common.v1.Status", "type.googleapis.com/common.v1.Status",
+                           "type.googleapis.com/encoder.v1.NoSuchRequest", "encoder.v1."}) {
+    Any request;
+    request.set_type_url(type);
+    EXPECT_FALSE(HandleMessage(encoder_, request, reply_)) << type;
+    EXPECT_EQ(reply_.ByteSizeLong(), 0u) << type;
+  }
+}
+
+}  // namespace
+}  // namespace encd
