@@ -126,6 +126,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "playd: %s\n", error.what());
     status = 1;
   }
+  gst_deinit();
   KlLogDestory();
   return status;
 }

@@ -13,11 +13,13 @@ int main(int argc, char** argv) {
     return 2;
   }
   gst_init(nullptr, nullptr);
+  int status = 0;
   try {
     playd::MakeSampleClip(argv[1], playd::SampleClip());
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_sample_clip: %s\n", error.what());
-    return 1;
+    status = 1;
   }
-  return 0;
+  gst_deinit();
+  return status;
 }
