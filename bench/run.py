@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load."""
+"""Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
+events service."""
 
 import argparse
 import contextlib
@@ -7,6 +8,7 @@ import json
 import os
 import pathlib
 import pty
+import select
 import shutil
 import socket
 import statistics
@@ -258,7 +260,84 @@ def bench_load(table, bin_folder, folder):
     table.add("  memory after", f"{peak / 1024:.1f}", "MiB")
 
 
-BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load}
+def tool_events(bin_folder, folder, count):
+    """Events per second from a publisher to the tool's printed blocks."""
+    tool = subprocess.Popen([bin_folder / "vextool", "--cli_port=0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.DEVNULL, env=tool_environment(folder))
+    try:
+        done = subprocess.run([bin_folder / "bench_events", str(count)], stdin=tool.stdout, stdout=subprocess.PIPE,
+                              timeout=120, check=True)
+        return json.loads(done.stdout)
+    finally:
+        tool.kill()
+        tool.wait()
+        tool.stdout.close()
+
+
+@contextlib.contextmanager
+def mosquitto(folder):
+    port = free_port()
+    config = folder / "mosquitto.conf"
+    config.write_text(f"listener {port} 127.0.0.1\nallow_anonymous true\nmax_queued_messages 0\nuser root\n")
+    with child(["mosquitto", "-c", str(config)]):
+        wait_for(lambda: listening(port), "mosquitto")
+        yield str(port)
+
+
+def mosquitto_events(port, count):
+    """Events per second from mosquitto_pub to the lines of mosquitto_sub."""
+    subscriber = subprocess.Popen(["mosquitto_sub", "-p", port, "-t", "layer/result_repor", "-C", str(count + 1)],
+                                  stdout=subprocess.PIPE)
+    try:
+        # The first message goes again and again until the subscriber is there.
+        while not select.select([subscriber.stdout], [], [], 0.1)[0]:
+            subprocess.run(["mosquitto_pub", "-p", port, "-t", "layer/result_repor", "-m", "x"], check=True)
+        lines = b"/media/clip.mp4 0 1\n" * count
+        start = time.perf_counter()
+        subprocess.run(["mosquitto_pub", "-p", port, "-t", "layer/result_repor", "-l"], input=lines, check=True)
+        got = subscriber.stdout.read().count(b"\n")
+        return {"events_per_second": count / (time.perf_counter() - start), "lost": count - min(got, count)}
+    finally:
+        subscriber.kill()
+        subscriber.wait()
+
+
+def bench_events(table, bin_folder, folder):
+    count = 100_000
+    runs = {"tool": [], "mosquitto": []}
+    with contextlib.ExitStack() as stack:
+        port = stack.enter_context(mosquitto(folder)) if shutil.which("mosquitto") else None
+        for _ in range(ROUNDS):
+            runs["tool"].append(tool_events(bin_folder, folder, count))
+            if port:
+                runs["mosquitto"].append(mosquitto_events(port, count))
+    rates = {name: statistics.median(run["events_per_second"] for run in each) for name, each in runs.items() if each}
+    table.add("events to printed blocks", f"{rates['tool']:.0f}", "events/s", "", ">= 100000")
+    table.add("  lost", str(sum(run["lost"] for run in runs["tool"])), "", "", "0")
+    if port:
+        table.add("mosquitto_pub to mosquitto_sub", f"{rates['mosquitto']:.0f}", "events/s",
+                  f"{rates['tool'] / rates['mosquitto']:.2f} x it")
+
+
+def bench_service(table, bin_folder, folder):
+    environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "playd.log"))
+    with console(bin_folder, folder) as (_, port), child([bin_folder / "playd", "--headless"], env=environment):
+        wait_for(lambda: "@playd@default" in pathlib.Path("/proc/net/unix").read_text(), "playd")
+        figures = alternate({
+            "request to the service host": lambda: run_json([bin_folder / "bench_request", "service", "5000"]),
+            "bare gRPC stub": lambda: run_json([bin_folder / "bench_call_grpc", "5000"]),
+        })
+        add_latencies(table, figures, "request to the service host", {})
+        figures = alternate({
+            "playd GetSeekOfUplayer 0": lambda: run_json(
+                [bin_folder / "bench_line", str(port), "playd GetSeekOfUplayer 0", "info_duration_ms :0\n", "3000"]),
+            "the same as a bare Call": lambda: run_json([bin_folder / "bench_request", "seek", "3000"]),
+        })
+        add_latencies(table, figures, "playd GetSeekOfUplayer 0", {})
+
+
+BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
+           "events": bench_events, "service": bench_service}
 
 
 def main():
