@@ -213,8 +213,10 @@ TEST(SigslotTest, NoLockIsHeldWhileASlotRuns) {
   sigslot::signal<> signal;
   bool free = false;
   Actor actor([&] {
-    free = sigslot::multi_threaded_global::get_mutex().try_lock();
-    if (free) sigslot::multi_threaded_global::get_mutex().unlock();
+    sigslot::mutex& global = sigslot::multi_threaded_global::get_mutex();
+    if (!global.try_lock()) return;
+    free = true;
+    global.unlock();
   });
   signal.connect(&actor, &Actor::Act);
   signal.emit();
