@@ -77,6 +77,7 @@ esac
 
 void SetUpDevice() try {
   if (access(VEX_SYSCONFIG, X_OK) != 0) throw std::string(VEX_SYSCONFIG " was not built");
+  unsetenv("SYSCONFIG_FILE");  // the settings are where a device has them
   const int sysconfig = open(VEX_SYSCONFIG, O_RDONLY | O_CLOEXEC);
   char stage[] = "/tmp/vextool-device-XXXXXX";
   if (mkdtemp(stage) == nullptr) throw std::string("a folder in /tmp");

@@ -379,7 +379,7 @@ TEST_F(PlaydCliTest, CallThatFailsShowsTheSameBlockAndIsLogged) {
   daemon_.Stop();
   const LogCapture log;
   EXPECT_EQ(Type("CreateUplayer 7"), Block("CreateUplayer", "7", "0"));
-  EXPECT_THAT(log.RecordsOf("modules/apisdk"),
+  EXPECT_THAT(log.RecordsOf("modules/apisdk/player"),
               ElementsAre(LogRecord{50, "modules/apisdk/player/rpc_player", "CreateUplayer", "create uplayer  fail"}));
 }
 
@@ -391,7 +391,7 @@ TEST_F(PlaydCliTest, SeekThatFailsSaysSoInTheBlock) {
             "id               :7\nresult           :0\nerror_code       :0\n"
             "error_infor      :get seek of uplayer fail\n"
             "info_id          :\ninfo_seek_ms     :0\ninfo_duration_ms :0\n");
-  EXPECT_THAT(log.RecordsOf("modules/apisdk"), IsEmpty());
+  EXPECT_THAT(log.RecordsOf("modules/apisdk/player"), IsEmpty());
 }
 
 TEST_F(PlaydCliTest, DaemonThatCameBackAnswersTheNextCommand) {
