@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "base/hand_over.h"
+#include "playd/copy_at.h"
 #include "playd/window.h"
 
 namespace playd {
@@ -49,6 +51,7 @@ struct Catcher {
 };
 
 GstPadProbeReturn CatchPicture(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+  const device::HandedOver catcher_of_other_thread(data);
   Catcher& catcher = **static_cast<std::shared_ptr<Catcher>*>(data);
   const device::CapsPtr caps(gst_pad_get_current_caps(pad));
   const device::MutexLock lock(catcher.mutex);
@@ -59,7 +62,10 @@ GstPadProbeReturn CatchPicture(GstPad* pad, GstPadProbeInfo* info, gpointer data
   return GST_PAD_PROBE_OK;
 }
 
-void DropCatcher(gpointer data) { delete static_cast<std::shared_ptr<Catcher>*>(data); }
+void DropCatcher(gpointer data) {
+  device::TakeOver(data);
+  delete static_cast<std::shared_ptr<Catcher>*>(data);
+}
 
 device::SamplePtr Convert(GstSample* sample, const char* caps_text, std::chrono::milliseconds timeout) {
   const device::CapsPtr caps(gst_caps_from_string(caps_text));
@@ -130,11 +136,7 @@ Layer::~Layer() {
 }
 
 void Layer::Push(GstBuffer* frame) {
-  GstBuffer* copy = gst_buffer_copy(frame);
-  GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;  // stamped with the time of its arrival
-  GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;
-  GST_BUFFER_DURATION(copy) = GST_CLOCK_TIME_NONE;
-  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), copy);
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), CopyAt(frame, GST_CLOCK_TIME_NONE));
 }
 
 void Layer::Show() { g_object_set(pad_.get(), "alpha", 1.0, nullptr); }
@@ -179,8 +181,9 @@ std::unique_ptr<Layer> Canvas::AddLayer(const Rectangle& rectangle, std::uint32_
 device::SamplePtr Canvas::NextSample(std::chrono::milliseconds timeout) {
   const auto catcher = std::make_shared<Catcher>();
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, CatchPicture,
-                                         new std::shared_ptr<Catcher>(catcher), DropCatcher);
+  auto* const shared = new std::shared_ptr<Catcher>(catcher);
+  device::HandOver(shared);
+  const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, CatchPicture, shared, DropCatcher);
   device::SamplePtr sample;
   {
     const device::MutexLock lock(catcher->mutex);

@@ -11,7 +11,9 @@
 #include <string>
 #include <thread>
 
+#include "base/hand_over.h"
 #include "klbase/log.h"
+#include "playd/copy_at.h"
 
 namespace playd {
 namespace {
@@ -34,6 +36,7 @@ std::unique_ptr<device::Pipeline> Start(const std::string& sink) {
 }
 
 GstPadProbeReturn NotePeak(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  const device::HandedOver peak_of_other_thread(data);
   std::atomic<int>& peak = **static_cast<std::shared_ptr<std::atomic<int>>*>(data);
   GstMapInfo map;
   if (!gst_buffer_map(GST_PAD_PROBE_INFO_BUFFER(info), &map, GST_MAP_READ)) return GST_PAD_PROBE_OK;
@@ -45,7 +48,10 @@ GstPadProbeReturn NotePeak(GstPad*, GstPadProbeInfo* info, gpointer data) {
   return GST_PAD_PROBE_OK;
 }
 
-void DropPeak(gpointer data) { delete static_cast<std::shared_ptr<std::atomic<int>>*>(data); }
+void DropPeak(gpointer data) {
+  device::TakeOver(data);
+  delete static_cast<std::shared_ptr<std::atomic<int>>*>(data);
+}
 
 }  // namespace
 
@@ -73,10 +79,7 @@ Track::~Track() {
 void Track::Push(GstBuffer* samples, GstClockTime when) {
   const GstClockTime start = gst_element_get_base_time(pipeline_);
   if (!GST_CLOCK_TIME_IS_VALID(when) || when < start) return;
-  GstBuffer* copy = gst_buffer_copy(samples);
-  GST_BUFFER_PTS(copy) = when - start;
-  GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;
-  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), copy);
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), CopyAt(samples, when - start));
 }
 
 bool Mixer::HasSoundDevice() {
@@ -105,8 +108,9 @@ std::unique_ptr<Track> Mixer::AddTrack() { return std::make_unique<Track>(pipeli
 
 int Mixer::Peak(std::chrono::milliseconds span) {
   const auto peak = std::make_shared<std::atomic<int>>(0);
-  const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, NotePeak,
-                                         new std::shared_ptr<std::atomic<int>>(peak), DropPeak);
+  auto* const shared = new std::shared_ptr<std::atomic<int>>(peak);
+  device::HandOver(shared);
+  const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, NotePeak, shared, DropPeak);
   std::this_thread::sleep_for(span);
   gst_pad_remove_probe(output_.get(), probe);
   return peak->load();

@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "klbase/log.h"
+#include "playd/copy_at.h"
 
 namespace playd {
 namespace {
@@ -18,11 +19,8 @@ GstPadProbeReturn Forward(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   auto* source = GST_APP_SRC(data);
   if (const device::CapsPtr caps{gst_pad_get_current_caps(pad)}; caps != nullptr)
     gst_app_src_set_caps(source, caps.get());
-  GstBuffer* copy = gst_buffer_copy(GST_PAD_PROBE_INFO_BUFFER(info));
-  GST_BUFFER_PTS(copy) = GST_CLOCK_TIME_NONE;
-  GST_BUFFER_DTS(copy) = GST_CLOCK_TIME_NONE;
   // Refused once the window is closed; the picture is dropped then.
-  gst_app_src_push_buffer(source, copy);
+  gst_app_src_push_buffer(source, CopyAt(GST_PAD_PROBE_INFO_BUFFER(info), GST_CLOCK_TIME_NONE));
   return GST_PAD_PROBE_OK;
 }
 
