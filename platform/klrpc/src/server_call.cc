@@ -16,9 +16,10 @@ UnaryMethodCall::~UnaryMethodCall() {
 
 void UnaryMethodCall::Start(ServerContext& context, const Method& method) {
   auto* call = new UnaryMethodCall(context, method);
-  const grpc_call_error error = grpc_server_request_registered_call(
-      context.server, method.registration, &call->call_, &call->deadline_, &call->metadata_, call->request_.Reset(),
-      context.queue, context.queue, call->Arm());
+  grpc_byte_buffer** const request = call->request_.Reset();  // before Arm(), which publishes it
+  const grpc_call_error error =
+      grpc_server_request_registered_call(context.server, method.registration, &call->call_, &call->deadline_,
+                                          &call->metadata_, request, context.queue, context.queue, call->Arm());
   if (error != GRPC_CALL_OK) delete call;
 }
 

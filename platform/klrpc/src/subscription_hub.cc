@@ -97,9 +97,10 @@ SubscriberStream::~SubscriberStream() {
 
 void SubscriberStream::Start(const Method& method) {
   const auto stream = std::make_shared<SubscriberStream>(method);
+  grpc_byte_buffer** const request = stream->bytes_.Reset();  // before Begin(), which publishes it
   const grpc_call_error error = grpc_server_request_registered_call(
-      method.context.server, method.registration, &stream->call_, &stream->deadline_, &stream->metadata_,
-      stream->bytes_.Reset(), method.context.queue, method.context.queue, stream->called_.Begin());
+      method.context.server, method.registration, &stream->call_, &stream->deadline_, &stream->metadata_, request,
+      method.context.queue, method.context.queue, stream->called_.Begin());
   if (error != GRPC_CALL_OK) stream->called_.Abandon();
 }
 

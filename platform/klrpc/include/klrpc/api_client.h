@@ -54,18 +54,20 @@ class KLRPC_EXPORT APIClient {
   APIClient& operator=(const APIClient&) = delete;
   virtual ~APIClient();
 
-  // Sends `request` (as it is, not packed) and waits for the reply: 3 s at most, or KLRPC_CALL_TIMEOUT_MS of the
-  // environment. Returns true when a reply was received. Returns false, with `reply` untouched and one level-40 record
-  // that names address, code and text, when nobody listens (at once), when time is up, when a message is larger than
-  // 4 MiB or when the server refused. Never retried. Don't call it from a slot of this client's signals.
+  // Sends `request` (as it is, not packed; an Any travels as it stands) and waits for the reply: 3 s at most, or
+  // KLRPC_CALL_TIMEOUT_MS of the environment. Returns true when a reply was received. Returns false, with `reply`
+  // untouched and one level-40 record that names address, code and text, when nobody listens (at once), when time is
+  // up, when a message is larger than 4 MiB or when the server refused. Never retried. Don't call it from a slot of
+  // this client's signals.
   virtual bool Call(const google::protobuf::Message& request, google::protobuf::Any& reply);
 
   // The same with a time limit of its own. A limit of 0 or less fails at once.
   virtual bool CallWithin(const google::protobuf::Message& request, google::protobuf::Any& reply,
                           std::chrono::milliseconds timeout);
 
-  // Queues the message for publication and returns; `msg_id` is filled in when empty. SignalPublishState says later
-  // whether it reached the server. Returns false when it can't even be queued.
+  // Queues the message for publication and returns; `msg_id` is filled in when empty. Messages travel in the order of
+  // the calls. SignalPublishState says later whether it reached the server. Returns false, with a level-40 record, when
+  // it can't even be queued: no topic, more than 4 MiB, or 4096 messages waiting already.
   virtual bool PublishMessage(const klrpc::v1::PubsubMessage& message);
 
   // Asks that messages published on `topics` be delivered to this client, in addition to those that `client_id` has
