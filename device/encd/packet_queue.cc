@@ -68,8 +68,9 @@ std::uint64_t PacketQueue::Dropped() const {
 // Goes on at the newest keyframe that is due. Without one, an overfull queue is emptied and waits for a keyframe, while
 // one that only has overdue packets keeps them.
 void PacketQueue::SkipLocked(Clock::time_point now) {
+  const auto last_due = now - delay_;
   const auto starts_here = [&](const PacketPtr& packet) {
-    return packet->keyframe && (packet->track == Track::kVideo || !tracks_.video) && packet->arrival + delay_ <= now;
+    return packet->keyframe && (packet->track == Track::kVideo || !tracks_.video) && packet->arrival <= last_due;
   };
   const auto newest = std::find_if(packets_.rbegin(), packets_.rend(), starts_here);
   if (newest != packets_.rend()) DropLocked(static_cast<std::size_t>(packets_.rend() - newest) - 1);
