@@ -14,6 +14,7 @@
 #include "player/v1/player.pb.h"
 #include "sigslot/sigslot.h"
 #include "testing/child_process.h"
+#include "testing/rtmp_server.h"
 #include "testing/wait.h"
 
 namespace playd {
@@ -361,6 +362,25 @@ TEST_F(PlaydProgramTest, EndsWhilePlayersPlay) {
   open.mutable_dis_pos()->set_width(320);
   open.mutable_dis_pos()->set_heigh(240);
   ASSERT_TRUE(client->CallWithin(open, reply, kCallLimit));
+  playd.Signal(SIGTERM);
+  EXPECT_EQ(playd.Wait(seconds(20)), 0) << playd.Output();
+}
+
+TEST_F(PlaydProgramTest, EndsWhileAMediumHangs) {
+  const device::testing::SilentPort server(device::testing::SilentPort::Kind::kNeverAnswers);
+  ChildProcess playd(Words(), Environment());
+  ASSERT_TRUE(playd.WaitForOutput("playd listens on ")) << playd.Output();
+  const auto client = Connect(address_);
+  google::protobuf::Any reply;
+  lp::v1::CreateUplayerReq create;
+  create.set_unique_id("0");
+  ASSERT_TRUE(client->CallWithin(create, reply, kCallLimit));
+  lp::v1::OpenMediaOfUplayerReq open;
+  open.set_unique_id("0");
+  open.mutable_media_info()->set_url("http://127.0.0.1:" + std::to_string(server.port()) + "/clip.mp4");
+  open.mutable_dis_pos()->set_width(320);
+  open.mutable_dis_pos()->set_heigh(240);
+  client->CallWithin(open, reply, milliseconds(100));
   playd.Signal(SIGTERM);
   EXPECT_EQ(playd.Wait(seconds(20)), 0) << playd.Output();
 }

@@ -433,6 +433,14 @@ TEST_F(PlayerTest, GivesUpOnAServerThatNeverAnswers) {
   EXPECT_EQ(events_.WaitFor(1), Events{"9 failed " + HttpUrl(server)});
 }
 
+TEST_F(PlayerTest, AnswersInTimeForACallerWhoWaitsThreeSeconds) {
+  const SilentPort server(SilentPort::Kind::kNeverAnswers);
+  Player usual("9", canvas_, mixer_, events_, PlayerLimits{});
+  EXPECT_LE(PlayerLimits{}.reply, milliseconds(2000));
+  EXPECT_EQ(usual.Open(Request(HttpUrl(server))).code, ErrorCode::kTimeout);
+  EXPECT_EQ(usual.SetPause(true).code, ErrorCode::kNoMedia);
+}
+
 TEST_F(PlayerTest, AnswersAndEndsWhileAMediumHangs) {
   const SilentPort server(SilentPort::Kind::kNeverAnswers);
   Player stuck("9", canvas_, mixer_, events_, PlayerLimits{kPatient.media, milliseconds(200)});
