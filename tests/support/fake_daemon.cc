@@ -5,8 +5,6 @@
 #include <atomic>
 #include <utility>
 
-#include "absl/time/time.h"
-
 namespace vextest {
 namespace {
 
@@ -36,25 +34,25 @@ void FakeDaemon::Start() {
 }
 
 std::vector<google::protobuf::Any> FakeDaemon::Requests() const {
-  absl::MutexLock lock(&mutex_);
+  MutexLock lock(mutex_);
   return requests_;
 }
 
 bool FakeDaemon::WaitForRequests(std::size_t count, std::chrono::milliseconds limit) const {
-  absl::MutexLock lock(&mutex_);
+  MutexLock lock(mutex_);
   const auto arrived = [this, count]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) { return requests_.size() >= count; };
-  return mutex_.AwaitWithTimeout(absl::Condition(&arrived), absl::FromChrono(limit));
+  return changes_.Wait(mutex_, limit, arrived);
 }
 
 std::vector<klrpc::v1::PubsubMessage> FakeDaemon::Published() const {
-  absl::MutexLock lock(&mutex_);
+  MutexLock lock(mutex_);
   return published_;
 }
 
 bool FakeDaemon::WaitForPublished(std::size_t count, std::chrono::milliseconds limit) const {
-  absl::MutexLock lock(&mutex_);
+  MutexLock lock(mutex_);
   const auto arrived = [this, count]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) { return published_.size() >= count; };
-  return mutex_.AwaitWithTimeout(absl::Condition(&arrived), absl::FromChrono(limit));
+  return changes_.Wait(mutex_, limit, arrived);
 }
 
 std::size_t FakeDaemon::Publish(const std::string& topic, const std::string& payload) {
@@ -67,8 +65,9 @@ std::size_t FakeDaemon::Publish(const std::string& topic, const std::string& pay
 bool FakeDaemon::OnRequest(const google::protobuf::Any& request, google::protobuf::Any& reply) {
   Handler handler;
   {
-    absl::MutexLock lock(&mutex_);
+    MutexLock lock(mutex_);
     requests_.push_back(request);
+    changes_.NotifyAll();
     const auto& url = request.type_url();
     const auto found = handlers_.find(url.substr(url.rfind('/') + 1));
     if (found != handlers_.end()) handler = found->second;
@@ -77,13 +76,14 @@ bool FakeDaemon::OnRequest(const google::protobuf::Any& request, google::protobu
 }
 
 bool FakeDaemon::OnPublish(const klrpc::v1::PubsubMessage& message) {
-  absl::MutexLock lock(&mutex_);
+  MutexLock lock(mutex_);
   published_.push_back(message);
+  changes_.NotifyAll();
   return true;
 }
 
 void FakeDaemon::SetHandler(const std::string& request_type, Handler handler) {
-  absl::MutexLock lock(&mutex_);
+  MutexLock lock(mutex_);
   handlers_[request_type] = std::move(handler);
 }
 

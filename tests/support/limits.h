@@ -6,12 +6,12 @@
 
 namespace vextest {
 
-#if defined(__has_feature)  // how clang tells what g++ tells by macros
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define VEXTEST_SANITIZED
+#elif defined(__has_feature)  // how clang tells it
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
 #define VEXTEST_SANITIZED
 #endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VEXTEST_SANITIZED
 #endif
 
 // A healthy run needs a fraction of it, also on a busy machine; only a failing test waits to its end.

@@ -124,6 +124,18 @@ TEST(FakeDaemonTest, RefusesRequestsWithoutAScript) {
   EXPECT_TRUE(daemon.WaitForRequests(1));
 }
 
+TEST(FakeDaemonTest, KeepsWhatIsPublished) {
+  FakeDaemon daemon;
+  klrpc::v1::PubsubMessage message;
+  message.set_topic("topic");
+  message.set_payload("payload");
+  const auto client = ClientOf(daemon);
+  ASSERT_TRUE(client->PublishMessage(message));
+  ASSERT_TRUE(daemon.WaitForPublished(1));
+  EXPECT_EQ(daemon.Published()[0].payload(), "payload");
+  EXPECT_EQ(daemon.Publish("topic", "nobody listens"), 0u);
+}
+
 TEST(FakeDaemonTest, GoesAwayAndComesBack) {
   FakeDaemon daemon;
   daemon.Answer<common::v1::Status>(common::v1::Status());
