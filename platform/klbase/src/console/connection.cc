@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <asio/post.hpp>
@@ -83,6 +84,8 @@ void Connection::Refuse(std::string_view text) {
 }
 
 void Connection::Finish(std::string_view notice) {
+  finishing_ = true;
+  if (phase_ == Phase::kLingering && NothingUnread()) return Close();
   if (session_) {
     session_->Finish(session_->Kind() == SessionKind::kTelnet ? notice : "");
   } else {
@@ -258,11 +261,16 @@ void Connection::Drain() {
 // A close with unread input would make the kernel reset the connection, and the client lose the last output: says that
 // nothing more comes, and reads until the client closes too.
 void Connection::Linger() {
-  if (end_of_input_) return Close();
+  if (end_of_input_ || (finishing_ && NothingUnread())) return Close();
   phase_ = Phase::kLingering;
   ::shutdown(socket_.native_handle(), SHUT_WR);
   After(owner_.Options().linger, &Connection::OnLingerEnd);
   AwaitReadable();
+}
+
+bool Connection::NothingUnread() {
+  int unread = 0;
+  return ::ioctl(socket_.native_handle(), FIONREAD, &unread) == 0 && unread == 0;
 }
 
 void Connection::OnLingerEnd() { Close(); }

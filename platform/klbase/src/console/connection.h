@@ -2,6 +2,10 @@
 #ifndef KLBASE_CONSOLE_CONNECTION_H_
 #define KLBASE_CONSOLE_CONNECTION_H_
 
+// clang-format off: must come first
+#include "console/asio_setup.h"
+// clang-format on
+
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <chrono>
@@ -80,6 +84,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Teln
   void OnAttention();
   void Drain();
   void Linger();
+  bool NothingUnread();
   void Close();
 
   void OnData(std::string_view bytes) override;
@@ -105,6 +110,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Teln
   bool session_wants_input_ = true;
   bool end_of_input_ = false;
   bool dumb_terminal_ = false;
+  bool finishing_ = false;  // the console ends: nobody is waited for who sent nothing
 };
 
 }  // namespace cli::internal

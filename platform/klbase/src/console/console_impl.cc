@@ -82,6 +82,11 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
     server_->Finish();
     const bool ended = WaitForRun() && table_.WaitUntilEmpty(options_.stop);
     server_->Stop();
+    if (!ended) {
+      KL_LOG(40, "console: a command did not end in time and is left alone\n");
+      for (const auto& session : table_.All()) session->Detach();
+      KeepForGood(shared_from_this());
+    }
     MutexLock lock(mutex_);
     stopped_ = true;
     stuck_ = !ended;
@@ -115,12 +120,8 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
   bool StopForExit() override {
     const bool ended = Stop();
     LocalTerminal::Restore();
-    if (!ended) kept_ = shared_from_this();
     return ended;
   }
-
-  // A command that still runs uses this.
-  void KeepForGood() { kept_ = shared_from_this(); }
 
  private:
   SessionConfig NewConfig() {
@@ -162,7 +163,6 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
   std::vector<std::unique_ptr<Plugin>> plugins_;
   std::unique_ptr<LocalConsole> local_;
   std::unique_ptr<Server> server_;
-  std::shared_ptr<Core> kept_;  // itself, to stay
 
   Mutex mutex_;
   Condition changed_;
@@ -178,9 +178,7 @@ class ConsoleImpl : public Console {
  public:
   explicit ConsoleImpl(std::shared_ptr<Core> core) : core_(std::move(core)) {}
 
-  ~ConsoleImpl() override {
-    if (!core_->Stop()) core_->KeepForGood();
-  }
+  ~ConsoleImpl() override { core_->Stop(); }
 
   void Run() override {
     const std::shared_ptr<Core> core = core_;

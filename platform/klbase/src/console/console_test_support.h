@@ -201,11 +201,13 @@ class TestClient {
     return true;
   }
 
-  // Everything received up to and including `text`, or up to the end when it does not come. What follows stays.
+  // Everything received up to and including `text`, what follows stays. A failure when it doesn't come.
   std::string ReceiveUntil(std::string_view text) {
     std::size_t at = 0;
     while ((at = text_.find(text)) == std::string::npos) {
-      if (!ReceiveSome()) return std::exchange(text_, {}) + "<no '" + std::string(text) + "'>";
+      if (ReceiveSome()) continue;
+      ADD_FAILURE() << "'" << text << "' did not come; received: " << text_;
+      return std::exchange(text_, {});
     }
     std::string result = text_.substr(0, at + text.size());
     text_.erase(0, at + text.size());

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "console/mutex.h"
@@ -15,6 +16,7 @@ namespace {
 struct Consoles {
   Mutex mutex;
   std::vector<std::weak_ptr<StopsAtExit>> list ABSL_GUARDED_BY(mutex);
+  std::vector<std::shared_ptr<void>> kept ABSL_GUARDED_BY(mutex);
 };
 
 // Never destroyed: it is used while static objects are.
@@ -53,6 +55,12 @@ void StopAtExit(const std::shared_ptr<StopsAtExit>& console) {
   }
   // Each time: what was constructed since the last console is destroyed after this one is stopped.
   ::on_exit(StopAll, nullptr);
+}
+
+void KeepForGood(std::shared_ptr<void> object) {
+  Consoles& consoles = AllConsoles();
+  MutexLock lock(consoles.mutex);
+  consoles.kept.push_back(std::move(object));
 }
 
 bool ExitingElsewhere() { return g_exiting && g_exit_thread.load() != std::this_thread::get_id(); }

@@ -17,6 +17,9 @@ class StopsAtExit {
 // Registers an exit handler that stops `console`, unless it is gone by then.
 void StopAtExit(const std::shared_ptr<StopsAtExit>& console);
 
+// Keeps `object` until the process is gone: a command that could not be ended still uses it.
+void KeepForGood(std::shared_ptr<void> object);
+
 // Whether the exit handler has begun on another thread.
 bool ExitingElsewhere();
 

@@ -180,7 +180,10 @@ class Pty {
       char buffer[4096];
       const bool ready = ::poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(kTestLimit).count())) == 1;
       const ssize_t count = ready ? ::read(master_, buffer, sizeof buffer) : -1;
-      if (count <= 0) return std::exchange(shown_, {}) + "<no '" + std::string(text) + "'>";
+      if (count <= 0) {
+        ADD_FAILURE() << "'" << text << "' was not shown; shown: " << shown_;
+        return std::exchange(shown_, {});
+      }
       shown_.append(buffer, static_cast<std::size_t>(count));
     }
   }
@@ -272,7 +275,7 @@ TEST_F(TerminalTest, AnOperatorWalksTheMenus) {
   EXPECT_TRUE(pty_.IsRaw());
   pty_.Type("core\r");
   pty_.Until("core> ");
-  pty_.Type("sh\tversion\r");
+  pty_.Type("sho\tversion\r");
   pty_.Until("two");
   pty_.Until("core> ");
   pty_.Type("exit\r");

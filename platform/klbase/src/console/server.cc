@@ -1,5 +1,9 @@
 #include "console/server.h"
 
+// clang-format off: comes before asio
+#include "console/asio_setup.h"
+// clang-format on
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -300,10 +304,16 @@ class ServerImpl : public Server, public ConnectionOwner {
     acceptor_.close(ignored);
     const auto connections = connections_;
     for (const auto& connection : connections) connection->Finish("The console ends.\n");
+    AwaitDrain();
+  }
+
+  void AwaitDrain() {
     auto timer = std::make_unique<asio::steady_timer>(io_, options_.drain);
     auto& waiting = *timer;
     waiting.async_wait([this, kept = std::move(timer)](const std::error_code& error) {
-      if (!error) DropUnread();
+      if (error) return;
+      DropUnread();
+      if (!connections_.empty()) AwaitDrain();
     });
   }
 
@@ -311,7 +321,7 @@ class ServerImpl : public Server, public ConnectionOwner {
   void DropUnread() {
     const auto connections = connections_;
     for (const auto& connection : connections) {
-      const bool stuck = connection->Output()->Pending() > 0;
+      const bool stuck = connection->Output()->StalledFor() >= options_.drain;
       const bool running = connection->Session() && connection->Session()->CommandRunning();
       if (stuck || !running) connection->Abort("the console ends");
     }

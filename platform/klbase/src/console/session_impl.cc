@@ -259,6 +259,11 @@ void SessionImpl::Join() {
   if (thread.joinable()) thread.join();
 }
 
+void SessionImpl::Detach() {
+  MutexLock lock(mutex_);
+  if (thread_.joinable()) thread_.detach();
+}
+
 SessionInfo SessionImpl::Info() const {
   const auto idle = std::chrono::steady_clock::duration(Now() - last_input_.load());
   MutexLock lock(mutex_);

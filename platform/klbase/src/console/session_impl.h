@@ -125,6 +125,8 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   bool ThreadDone() const;
   // Joins the command thread. Call it once ThreadDone() is true, or on the command thread itself not at all.
   void Join();
+  // Leaves a command thread alone that could not be ended; the session must then never be destroyed.
+  void Detach();
   bool OnOwnThread() const;
 
   int Id() const { return config_.id; }
