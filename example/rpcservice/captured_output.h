@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <string>
@@ -39,10 +40,10 @@ class CapturedOutput {
     close(read_end_);
   }
 
-  // Wait until `text`, or so many writes, were written; false when nothing more comes for too long.
-  bool WaitFor(std::string_view text) {
+  // Wait until `text`, or so many writes, were written; false when nothing more comes for as long as `limit`.
+  bool WaitFor(std::string_view text, std::chrono::milliseconds limit = vextest::kLimit) {
     while (Text().find(text) == std::string::npos) {
-      if (!ReadOne(static_cast<int>(vextest::kLimit.count()))) return false;
+      if (!ReadOne(static_cast<int>(limit.count()))) return false;
     }
     return true;
   }
@@ -59,6 +60,8 @@ class CapturedOutput {
     }
     return writes_;
   }
+  // Forgets what was read.
+  void Clear() { writes_.clear(); }
   std::string Text() const {
     std::string text;
     for (const auto& write : writes_) text += write;

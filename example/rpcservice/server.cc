@@ -31,6 +31,7 @@ class RpcServer::Visit {
     if (service_ == nullptr) return;
     absl::MutexLock lock(&host_.gate_mutex_);
     --host_.visitors_;
+    host_.visitor_left_.Signal();
   }
 
   core::RpcService* service() const { return service_; }
@@ -45,8 +46,7 @@ class RpcServer::Visit {
 RpcServer::~RpcServer() {
   absl::MutexLock lock(&gate_mutex_);
   closed_ = true;
-  gate_mutex_.Await(absl::Condition(
-      +[](int* visitors) { return *visitors == 0; }, &visitors_));
+  while (visitors_ > 0) visitor_left_.Wait(&gate_mutex_);
 }
 
 bool RpcServer::StartRpcServer() {

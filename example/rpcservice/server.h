@@ -44,6 +44,7 @@ class RpcServer {
   absl::Mutex gate_mutex_;
   int visitors_ ABSL_GUARDED_BY(gate_mutex_) = 0;
   bool closed_ ABSL_GUARDED_BY(gate_mutex_) = false;
+  absl::CondVar visitor_left_;
 
   std::unique_ptr<klrpc::APIServer> server_;
   // By request type URL. Complete before the server exists and not written again until no request can read it.
