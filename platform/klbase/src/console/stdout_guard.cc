@@ -79,6 +79,9 @@ GuardBuffer& Buffer() {
   return buffer;
 }
 
+// Made while one thread runs: std::cout hands its buffer to other threads without any order between them.
+[[maybe_unused]] const GuardBuffer& g_made_early = Buffer();
+
 }  // namespace
 
 StdoutGuard::StdoutGuard(std::shared_ptr<SessionImpl> session) { Buffer().Begin(std::move(session)); }
