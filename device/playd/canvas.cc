@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -140,14 +139,6 @@ void Layer::Push(GstBuffer* frame) {
 }
 
 void Layer::Show() { g_object_set(pad_.get(), "alpha", 1.0, nullptr); }
-
-bool Canvas::HasDisplay() {
-  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {
-    const char* value = std::getenv(name);
-    if (value != nullptr && *value != '\0') return true;
-  }
-  return false;
-}
 
 Canvas::Canvas(bool window)
     : pipeline_(CanvasPipeline()),

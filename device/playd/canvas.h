@@ -71,9 +71,6 @@ class Canvas {
   // Every layer must be gone.
   ~Canvas();
 
-  // True when a display server is named in the environment.
-  static bool HasDisplay();
-
   // Takes effect within a few pictures; layers stay where they are.
   void SetMode(const CanvasMode& mode);
   CanvasMode Mode() const;

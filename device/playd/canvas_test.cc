@@ -4,12 +4,14 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "playd/mixer.h"
 #include "playd/testing.h"
+#include "playd/window.h"
 
 namespace playd {
 namespace {
@@ -170,6 +172,32 @@ TEST(CanvasTest, SaysWhyAPngCannotBeSaved) {
   const Outcome outcome = canvas.SavePng("/nonexistent/canvas.png", kTestLimit);
   EXPECT_EQ(outcome.code, ErrorCode::kInvalidArgument);
   EXPECT_EQ(outcome.text, "can't write /nonexistent/canvas.png: No such file or directory");
+}
+
+// A window and sound that can't be had.
+class NoDisplayTest : public testing::Test {
+ protected:
+  NoDisplayTest() {
+    setenv("DISPLAY", ":987", 1);
+    setenv("PULSE_SERVER", "unix:/nonexistent", 1);
+  }
+  ~NoDisplayTest() override {
+    unsetenv("DISPLAY");
+    unsetenv("PULSE_SERVER");
+  }
+};
+
+TEST_F(NoDisplayTest, ComposesAllTheSame) {
+  ASSERT_TRUE(Window::HasDisplay());
+  Canvas canvas(true);
+  Picture picture;
+  EXPECT_TRUE(canvas.Snapshot(kTestLimit, picture));
+}
+
+TEST_F(NoDisplayTest, MixesAllTheSame) {
+  ASSERT_TRUE(Mixer::HasSoundDevice());
+  Mixer mixer(true);
+  EXPECT_EQ(mixer.Peak(std::chrono::milliseconds(50)), 0);
 }
 
 TEST(MixerTest, IsSilentWithoutTracksAndSoundsWhatIsPushed) {

@@ -17,6 +17,7 @@
 #include "absl/strings/str_format.h"
 #include "klbase/log.h"
 #include "playd/daemon.h"
+#include "playd/window.h"
 
 ABSL_FLAG(std::string, address, "unix-abstract:playd@default", "where to listen, a gRPC address");
 ABSL_FLAG(std::string, snapshot_dir, "", "folder for the composed pictures that SIGUSR1 saves as canvas-NNNN.png");
@@ -89,7 +90,7 @@ void Serve(const sigset_t& signals) {
   }
   playd::Daemon::Options options;
   options.address = absl::GetFlag(FLAGS_address);
-  options.window = !absl::GetFlag(FLAGS_headless) && playd::Canvas::HasDisplay();
+  options.window = !absl::GetFlag(FLAGS_headless) && playd::Window::HasDisplay();
   options.audible = !absl::GetFlag(FLAGS_headless) && playd::Mixer::HasSoundDevice();
   playd::Daemon daemon(options);
   KL_LOG(30, "listens on %s", options.address.c_str());

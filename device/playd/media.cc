@@ -279,6 +279,7 @@ namespace {
 // Keeps the bus empty: everything of use is in the mailbox.
 template <typename Box>
 GstBusSyncReply OnBusMessage(GstBus*, GstMessage* message, gpointer data) {
+  const device::HandedOver box_of_other_thread(data);
   constexpr auto kWanted = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_ASYNC_DONE);
   const bool own_state =
       GST_MESSAGE_TYPE(message) == GST_MESSAGE_STATE_CHANGED && GST_IS_PIPELINE(GST_MESSAGE_SRC(message));
@@ -290,6 +291,7 @@ GstBusSyncReply OnBusMessage(GstBus*, GstMessage* message, gpointer data) {
 
 template <typename Box>
 void DropBox(gpointer data) {
+  device::TakeOver(data);
   delete static_cast<std::shared_ptr<Box>*>(data);
 }
 
@@ -315,7 +317,9 @@ Media::Media(const std::string& url, const std::string& uri, const Rectangle& re
   gst_pipeline_use_clock(GST_PIPELINE(top.get()), GST_CLOCK_CAST(clock.get()));
   const device::BusPtr bus(gst_element_get_bus(top.get()));
   device::HandOver(links_.get());
-  gst_bus_set_sync_handler(bus.get(), OnBusMessage<Mailbox>, new std::shared_ptr<Mailbox>(mailbox_), DropBox<Mailbox>);
+  auto* const box = new std::shared_ptr<Mailbox>(mailbox_);
+  device::HandOver(box);
+  gst_bus_set_sync_handler(bus.get(), OnBusMessage<Mailbox>, box, DropBox<Mailbox>);
   pipeline_ = std::make_unique<device::Pipeline>(std::move(top));
 }
 

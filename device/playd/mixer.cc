@@ -35,6 +35,22 @@ std::unique_ptr<device::Pipeline> Start(const std::string& sink) {
   return pipeline;
 }
 
+bool HasSoundServer() {
+  if (std::getenv("PULSE_SERVER") != nullptr) return true;
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  std::error_code ignored;
+  return runtime != nullptr && std::filesystem::exists(std::string(runtime) + "/pulse/native", ignored);
+}
+
+bool HasSoundCard() {
+  std::error_code ignored;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/snd", ignored)) {
+    const std::string name = entry.path().filename();
+    if (name.starts_with("pcm") && name.ends_with("p")) return true;  // pcmC0D0p: a playback device
+  }
+  return false;
+}
+
 GstPadProbeReturn NotePeak(GstPad*, GstPadProbeInfo* info, gpointer data) {
   const device::HandedOver peak_of_other_thread(data);
   std::atomic<int>& peak = **static_cast<std::shared_ptr<std::atomic<int>>*>(data);
@@ -82,20 +98,14 @@ void Track::Push(GstBuffer* samples, GstClockTime when) {
   gst_app_src_push_buffer(GST_APP_SRC(source_.get()), CopyAt(samples, when - start));
 }
 
-bool Mixer::HasSoundDevice() {
-  std::error_code ignored;
-  for (const auto& entry : std::filesystem::directory_iterator("/dev/snd", ignored)) {
-    const std::string name = entry.path().filename();
-    if (name.starts_with("pcm") && name.ends_with("p")) return true;  // pcmC0D0p: a playback device
-  }
-  if (std::getenv("PULSE_SERVER") != nullptr) return true;
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  return runtime != nullptr && std::filesystem::exists(std::string(runtime) + "/pulse/native", ignored);
-}
+bool Mixer::HasSoundDevice() { return HasSoundServer() || HasSoundCard(); }
 
 Mixer::Mixer(bool audible) {
-  if (audible) pipeline_ = Start("autoaudiosink");
-  if (audible && pipeline_ == nullptr) KL_LOG(40, "no sound: the sound device can't be opened");
+  if (audible && HasSoundServer() && device::HasElement("pulsesink")) pipeline_ = Start("pulsesink");
+  if (audible && pipeline_ == nullptr && HasSoundCard() && device::HasElement("alsasink")) {
+    pipeline_ = Start("alsasink");
+  }
+  if (audible && pipeline_ == nullptr) KL_LOG(40, "no sound: neither sound server nor sound card can be opened");
   if (pipeline_ == nullptr) pipeline_ = Start("fakesink sync=true enable-last-sample=false");
   if (pipeline_ == nullptr) throw std::runtime_error("the sound mixer can't be started");
   mixer_ = pipeline_->Find("mixer");

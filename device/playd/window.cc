@@ -2,7 +2,8 @@
 
 #include <gst/app/gstappsrc.h>
 
-#include <exception>
+#include <cstdlib>
+#include <string>
 
 #include "klbase/log.h"
 #include "playd/copy_at.h"
@@ -10,10 +11,26 @@
 namespace playd {
 namespace {
 
+bool HasVariable(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr && *value != '\0';
+}
+
+// The sink for the display that the environment names, or null. Not autovideosink: when the display can't be opened it
+// goes on to try DirectFB, which takes the process down.
+const char* SinkOfDisplay() {
+  if (HasVariable("WAYLAND_DISPLAY") && device::HasElement("waylandsink")) return "waylandsink";
+  if (HasVariable("DISPLAY") && device::HasElement("ximagesink")) return "ximagesink";
+  return nullptr;
+}
+
 // Leaky: the display gets the newest picture, never a queue of old ones.
-constexpr char kPipeline[] =
-    "appsrc name=source is-live=true do-timestamp=true format=time max-buffers=1 leaky-type=downstream "
-    "! videoconvert ! autovideosink sync=false";
+std::string WindowPipeline(const char* sink) {
+  return std::string(
+             "appsrc name=source is-live=true do-timestamp=true format=time max-buffers=1 leaky-type=downstream "
+             "! videoconvert ! ") +
+         sink + " sync=false";
+}
 
 GstPadProbeReturn Forward(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   auto* source = GST_APP_SRC(data);
@@ -28,13 +45,15 @@ void DropSource(gpointer data) { gst_object_unref(data); }
 
 }  // namespace
 
+bool Window::HasDisplay() { return HasVariable("DISPLAY") || HasVariable("WAYLAND_DISPLAY"); }
+
 Window::Window(GstPad* pictures) : pictures_(pictures) {
-  try {
-    pipeline_ = std::make_unique<device::Pipeline>(kPipeline);
-  } catch (const std::exception& error) {
-    KL_LOG(40, "no window: %s", error.what());
+  const char* sink = SinkOfDisplay();
+  if (sink == nullptr) {
+    KL_LOG(40, "no window: GStreamer has no sink for the display; install gstreamer1.0-x");
     return;
   }
+  pipeline_ = std::make_unique<device::Pipeline>(WindowPipeline(sink));
   if (!pipeline_->SetState(GST_STATE_PLAYING)) {
     KL_LOG(40, "no window: the display can't be opened");
     pipeline_.reset();

@@ -12,6 +12,9 @@ namespace playd {
 // takes nothing but itself away. When no window can be opened that is one record in the log.
 class Window {
  public:
+  // True when a display server is named in the environment.
+  static bool HasDisplay();
+
   // `pictures` must outlive the window.
   explicit Window(GstPad* pictures);
   Window(const Window&) = delete;
