@@ -83,8 +83,9 @@ void TelnetFilter::Handle(const telnet_event_t& event) {
       Fail("compression was not offered");
       break;
     case TELNET_EV_WARNING:
-      // The rest of an overlong subnegotiation would arrive as typed data. Some versions leave the code 0.
-      if (event.error.errcode == TELNET_EOVERFLOW || std::strstr(event.error.msg, "limit reached") != nullptr) {
+      // The rest of an overlong subnegotiation would arrive as typed data. The library leaves the event's code unset,
+      // so its text has to tell.
+      if (std::strstr(event.error.msg, "limit reached") != nullptr) {
         Fail("subnegotiation too long");
       }
       break;
