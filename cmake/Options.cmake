@@ -40,6 +40,10 @@ function(vex_warnings target)
   else()
     # g++ 12 sees overlaps in plain assignments of literals to strings (GCC bug 105651).
     target_compile_options(${target} PRIVATE -Wno-restrict)
+    if(VEX_SANITIZE MATCHES thread)
+      # asio has fences, which the thread sanitizer of g++ doesn't follow.
+      target_compile_options(${target} PRIVATE -Wno-tsan)
+    endif()
   endif()
 endfunction()
 
