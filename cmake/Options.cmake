@@ -26,10 +26,11 @@ if(VEX_SANITIZE)
 endif()
 
 # Log records name the source file below the repository, so the compiler is told to cut the path that leads to it.
-get_filename_component(VEX_SOURCE_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
 # ccache names sources relative to the build folder where CCACHE_BASEDIR covers them.
+get_filename_component(VEX_SOURCE_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
 add_compile_options("-fmacro-prefix-map=${VEX_SOURCE_ROOT}/=")
 file(RELATIVE_PATH VEX_RELATIVE_ROOT ${CMAKE_BINARY_DIR} ${VEX_SOURCE_ROOT})
+string(REGEX REPLACE "/$" "" VEX_RELATIVE_ROOT "${VEX_RELATIVE_ROOT}")
 add_compile_options("-fmacro-prefix-map=${VEX_RELATIVE_ROOT}/=")
 
 # vex_warnings(TARGET): the warnings our own code is held to. Not applied to generated code.
