@@ -19,4 +19,9 @@ if(NOT TARGET vextool::core)
     target_link_libraries(vextool::${library} INTERFACE
                           "$<LINK_LIBRARY:WHOLE_ARCHIVE,vextool::${library}_archive>")
   endforeach()
+  # An archive is linked in one way only, so apisdk reaches core whole as well.
+  get_target_property(vextool_apisdk_links vextool::apisdk_archive INTERFACE_LINK_LIBRARIES)
+  list(REMOVE_ITEM vextool_apisdk_links vextool::core_archive)
+  set_target_properties(vextool::apisdk_archive PROPERTIES INTERFACE_LINK_LIBRARIES "${vextool_apisdk_links}")
+  target_link_libraries(vextool::apisdk INTERFACE vextool::core)
 endif()
