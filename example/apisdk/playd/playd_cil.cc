@@ -202,7 +202,7 @@ auto HandlerOf(std::index_sequence<kIndexes...>) {
 template <std::size_t kRow>
 void InsertCommand(cli::Menu* menu, const char* factory) {
   if (menu == nullptr) {
-    constexpr std::string_view kFile = klbase_internal::WithoutExtension(__FILE__);
+    constexpr std::string_view kFile = klbase_internal::SourceName(__FILE__);
     if (kOptionLogLevel <= 50) {
       KlLog(50, kFile.data(), kFile.size(), __LINE__, factory, std::strlen(factory), "pMenu is nullptr");
     }

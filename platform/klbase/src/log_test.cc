@@ -432,4 +432,12 @@ TEST_F(LogObserverTest, IsNotRunningAnyMoreWhenItWasEnded) {
   }
 }
 
+TEST(LogSourceNameTest, IsThePathBelowTheRepositoryWithoutExtension) {
+  static_assert(klbase_internal::SourceName("modules/core/common/module_loader.cc") ==
+                "modules/core/common/module_loader");
+  static_assert(klbase_internal::SourceName("../../example/vextool.cc") == "example/vextool");
+  static_assert(klbase_internal::SourceName("v1.2/file") == "v1.2/file");
+  EXPECT_EQ(klbase_internal::SourceName(__FILE__), "platform/klbase/src/log_test");
+}
+
 }  // namespace

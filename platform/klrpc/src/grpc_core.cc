@@ -23,7 +23,7 @@ void WriteGrpcLog(gpr_log_func_args* args) {
   constexpr char kFunction[] = "gpr_log";
   const int level = args->severity == GPR_LOG_SEVERITY_ERROR ? 40 : args->severity == GPR_LOG_SEVERITY_INFO ? 20 : 10;
   if (kOptionLogLevel.load(std::memory_order_relaxed) > level) return;
-  const std::string_view file = klbase_internal::WithoutExtension(args->file);
+  const std::string_view file = klbase_internal::SourceName(args->file);
   KlLog(level, file.data(), file.size(), args->line, kFunction, sizeof(kFunction) - 1, "%s", args->message);
 }
 
@@ -32,7 +32,7 @@ void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int
   constexpr char kFunction[] = "protobuf";
   const int level = severity >= google::protobuf::LOGLEVEL_ERROR ? 40 : 20;
   if (kOptionLogLevel.load(std::memory_order_relaxed) > level) return;
-  const std::string_view path = klbase_internal::WithoutExtension(file);
+  const std::string_view path = klbase_internal::SourceName(file);
   KlLog(level, path.data(), path.size(), line, kFunction, sizeof(kFunction) - 1, "%s", text.c_str());
 }
 

@@ -55,8 +55,11 @@ KLBASE_EXPORT void KlLogDestory();
 
 namespace klbase_internal {
 
-// "modules/core/common/module_loader" for "modules/core/common/module_loader.cc".
-constexpr std::string_view WithoutExtension(std::string_view path) {
+// "modules/core/common/module_loader" for "modules/core/common/module_loader.cc", also for "../modules/...": that is
+// how a compiler cache names a source to a compiler that runs in the build folder.
+constexpr std::string_view SourceName(std::string_view path) {
+  constexpr std::string_view kUp = "../";
+  while (path.starts_with(kUp)) path.remove_prefix(kUp.size());
   const auto dot = path.rfind('.');
   const auto slash = path.rfind('/');
   if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return path;
@@ -70,7 +73,7 @@ constexpr std::string_view WithoutExtension(std::string_view path) {
 #define KL_LOG(level, ...)                                                                                             \
   do {                                                                                                                 \
     if (kOptionLogLevel.load(std::memory_order_relaxed) <= (level)) {                                                  \
-      constexpr std::string_view kl_log_file = ::klbase_internal::WithoutExtension(__FILE__);                          \
+      constexpr std::string_view kl_log_file = ::klbase_internal::SourceName(__FILE__);                                \
       ::KlLog((level), kl_log_file.data(), kl_log_file.size(), __LINE__, __func__, sizeof(__func__) - 1, __VA_ARGS__); \
     }                                                                                                                  \
   } while (false)
