@@ -48,6 +48,23 @@ function(vex_warnings target)
   endif()
 endfunction()
 
+# What programs tell the sanitizers of the distribution's libraries.
+if(VEX_SANITIZE)
+  add_library(vextool_sanitizer OBJECT ${CMAKE_CURRENT_LIST_DIR}/../tests/support/sanitizer_options.cc)
+  if(VEX_SANITIZE MATCHES thread)
+    target_sources(vextool_sanitizer PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../tests/support/tsan_abseil.cc)
+  endif()
+  vex_warnings(vextool_sanitizer)
+endif()
+
+# vex_program(TARGET): what every program is built with: the warnings, and in sanitizer builds what these must know.
+function(vex_program target)
+  vex_warnings(${target})
+  if(TARGET vextool_sanitizer)
+    target_link_libraries(${target} PRIVATE vextool_sanitizer)
+  endif()
+endfunction()
+
 # vex_test(NAME SOURCES ... LIBS ...): a GoogleTest program, one CTest test for each of its cases. With OWN_MAIN it
 # brings its own main().
 function(vex_test name)
@@ -56,7 +73,7 @@ function(vex_test name)
     return()
   endif()
   add_executable(${name} ${T_SOURCES})
-  vex_warnings(${name})
+  vex_program(${name})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gmock)
   if(NOT T_OWN_MAIN)
     target_link_libraries(${name} PRIVATE GTest::gtest_main)

@@ -14,20 +14,6 @@
 #include "absl/time/time.h"
 #include "klbase/log.h"
 
-#if defined(__SANITIZE_THREAD__)
-#define VEX_THREAD_SANITIZER
-#elif defined(__has_feature)  // how clang tells it
-#if __has_feature(thread_sanitizer)
-#define VEX_THREAD_SANITIZER
-#endif
-#endif
-
-#ifdef VEX_THREAD_SANITIZER
-// The interrupt handler allocates and locks, which is sound on a thread that only waits. The distribution's libraries
-// are not built for the sanitizer, which sees the calls that it intercepts in them, but not their locks.
-extern "C" const char* __tsan_default_options() { return "report_signal_unsafe=0 ignore_noninstrumented_modules=1"; }
-#endif
-
 namespace vextool {
 namespace {
 

@@ -191,28 +191,6 @@ int ChildServer::Wait() {
 
 }  // namespace klrpc::testing
 
-// The distribution's resolver loses ten bytes each time that gRPC asks it for "localhost".
-extern "C" const char* __lsan_default_suppressions() { return "leak:libcares.so\n"; }
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define __SANITIZE_THREAD__ 1  // as g++ says it
-#endif
-#endif
-
-#if defined(__SANITIZE_THREAD__)
-// The distribution's gRPC and what it uses are not built for the sanitizer, which sees what they do in calls that it
-// intercepts, but not their locks. Our own code never runs below their frames, except what writes their log lines.
-extern "C" const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1"; }
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:libgrpc_unsecure.so\n"
-         "race:libgrpc++_unsecure.so\n"  // the tests' own ordinary client
-         "race:libgpr.so\n"
-         "race:libupb.so\n"
-         "race:libabsl_\n";
-}
-#endif
-
 int main(int argc, char** argv) {
   if (const int status = klrpc::testing::RunChild(argc, argv); status >= 0) return status;
   testing::InitGoogleTest(&argc, argv);
