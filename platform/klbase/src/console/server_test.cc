@@ -47,9 +47,9 @@ class ServerTest : public ::testing::Test {
         MakeCommand("stoi", [](std::ostream&, const std::string& word) { (void)std::stoi(word); }, "", {"id"}));
     core->Insert(MakeCommand(
         "wait",
-        [this](std::ostream& out) {
+        [gate = shared_gate_](std::ostream& out) {
           out << "waiting" << std::flush;
-          gate_.Pass();
+          gate->Pass();
           out << " done\n";
         },
         ""));
@@ -98,7 +98,9 @@ class ServerTest : public ::testing::Test {
   }
 
   ConsoleOptions options_;
-  Gate gate_;
+  // Shared with the command that waits there, which a console that stops may leave behind.
+  const std::shared_ptr<Gate> shared_gate_ = std::make_shared<Gate>();
+  Gate& gate_ = *shared_gate_;
   CmdHandler gone_;
   std::atomic<int> cut_off_{0};
   std::atomic<int> counted_{0};
