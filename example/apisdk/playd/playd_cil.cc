@@ -6,12 +6,15 @@
 #include <cstring>
 #include <memory>
 #include <ostream>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 #include "apisdk/apisdk.h"
+#include "cli/about_word.h"
 #include "cli/command.h"
 #include "example/apisdk/playd/reply_block.h"
 #include "klbase/log.h"
@@ -23,15 +26,33 @@ using apis::ApiPlayer;
 template <std::size_t kCount>
 using Words = std::array<const std::string*, kCount>;
 
+// Both throw what std::stoi and std::stof throw, with the word in it: the operator reads which one it was.
+template <typename Convert>
+auto Converted(const std::string& word, Convert convert) {
+  try {
+    return convert(word);
+  } catch (const std::invalid_argument& error) {
+    throw cli::word_error<std::invalid_argument>(word, error.what());
+  } catch (const std::out_of_range& error) {
+    throw cli::word_error<std::out_of_range>(word, error.what());
+  }
+}
+int ToInt(const std::string& word) {
+  return Converted(word, [](const std::string& text) { return std::stoi(text); });
+}
+float ToFloat(const std::string& word) {
+  return Converted(word, [](const std::string& text) { return std::stof(text); });
+}
+
 // Store() converts a word to the field's type; a word that is no number throws std::invalid_argument, one that is out
 // of int's or float's range std::out_of_range. A negative number for an unsigned field wraps round.
 
 void Store(const std::string& word, std::string& field) { field = word; }
-void Store(const std::string& word, bool& field) { field = std::stoi(word) != 0; }
-void Store(const std::string& word, float& field) { field = std::stof(word); }
+void Store(const std::string& word, bool& field) { field = ToInt(word) != 0; }
+void Store(const std::string& word, float& field) { field = ToFloat(word); }
 template <std::integral Integer>
 void Store(const std::string& word, Integer& field) {
-  field = static_cast<Integer>(std::stoi(word));
+  field = static_cast<Integer>(ToInt(word));
 }
 
 // One parameter of a command: how help shows it, and how its word gets into the request.
@@ -126,7 +147,7 @@ struct TimingCommand {
 
   void Run(std::ostream& out, const Words<kWords>& words) const {
     out << "id         :" << *words[0] << std::endl;
-    const int type = std::stoi(*words[1]);
+    const int type = ToInt(*words[1]);
     if (type < 0 || static_cast<std::size_t>(type) >= kTimingPresets.size()) {
       out << "parameter failed." << std::endl;
       return;

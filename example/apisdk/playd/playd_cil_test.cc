@@ -278,6 +278,22 @@ TEST_F(PlaydCliTest, WordThatIsNoNumberLeavesTheCommand) {
   EXPECT_THAT(daemon_.Requests(), IsEmpty());
 }
 
+TEST_F(PlaydCliTest, TheErrorKnowsItsWord) {
+  const std::pair<const char*, const char*> lines[] = {{"SetSeekOfUplayer 7 soon", "soon"},
+                                                       {"SetOutputTiming 7 full", "full"},
+                                                       {"SetSpeedOfUplayer 7 1e99", "1e99"},
+                                                       {"SetSeekOfUplayer 7 99999999999", "99999999999"}};
+  for (const auto& [line, word] : lines) {
+    vextest::FakeSession session(*menu_);
+    try {
+      session.Run(Split(line));
+      ADD_FAILURE() << line << " threw nothing";
+    } catch (const cli::about_word& error) {
+      EXPECT_EQ(*error.Word(), word);
+    }
+  }
+}
+
 TEST_F(PlaydCliTest, NumberOutOfRangeLeavesTheCommand) {
   EXPECT_EQ(ErrorOf<std::out_of_range>(*menu_, "SetSeekOfUplayer 7 99999999999"), "stoi");
   EXPECT_EQ(ErrorOf<std::out_of_range>(*menu_, "SetVolumeOfUplayer 7 4294967295"), "stoi");

@@ -15,35 +15,42 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
 
+#include "cli/about_word.h"
 #include "cli/session.h"
 #include "klbase/export.h"
 
 namespace cli {
 
 // Thrown when a word cannot be converted to a parameter's type. It knows the word and the type's name when from_string
-// threw it, so that the operator can be told which word it was.
-class KLBASE_EXPORT bad_conversion : public std::bad_cast {
+// threw it, and the parameter once it has left a handler command, so that the operator can be told which word it was.
+class KLBASE_EXPORT bad_conversion : public std::bad_cast, public about_word {
  public:
   bad_conversion() = default;
   bad_conversion(const std::string& word_to_convert, const char* type_name)
       : word(std::make_shared<const std::string>(word_to_convert)), type(type_name) {}
+  // The same error, of the parameter that help shows as `parameter_name`.
+  bad_conversion(const bad_conversion& error, const std::string& parameter_name)
+      : word(error.word), type(error.type), parameter(std::make_shared<const std::string>(parameter_name)) {}
 
   const char* what() const noexcept override {
     return "bad from_string conversion: source string value could not be interpreted as target";
   }
-  // The word that did not convert; null when it is not known. Lives as long as the exception or a copy of it.
-  const std::string* Word() const noexcept { return word.get(); }
+  const std::string* Word() const noexcept override { return word.get(); }
   // The name of the type that was asked for, as help shows it; "" when it is not known. A static text.
   const char* Type() const noexcept { return type; }
+  // How help shows the parameter; null when it is not known. Lives as long as the exception or a copy of it.
+  const std::string* Parameter() const noexcept { return parameter.get(); }
 
  private:
   std::shared_ptr<const std::string> word;
   const char* type = "";
+  std::shared_ptr<const std::string> parameter;
 };
 
 // Base of everything that can stand in a menu. Owned by its menu. Enable() and Disable() may be called from any thread,
@@ -115,9 +122,14 @@ struct TypeName<bool> {
 namespace internal {
 
 template <typename T>
+constexpr const char* NameOfType() {
+  if constexpr (requires { TypeName<T>::kValue; }) return TypeName<T>::kValue;
+  return "";
+}
+
+template <typename T>
 [[noreturn]] void ThrowBadConversion(const std::string& word) {
-  if constexpr (requires { TypeName<T>::kValue; }) throw bad_conversion(word, TypeName<T>::kValue);
-  throw bad_conversion(word, "");
+  throw bad_conversion(word, NameOfType<T>());
 }
 
 }  // namespace internal
@@ -177,8 +189,17 @@ class VariadicFunctionCommand : public Command {
     if (!IsEnabled()) return false;
     if (words.size() != sizeof...(Params) + 1) return false;
     if (words.front() != Name()) return false;
-    const auto call = [this, &session](const Params&... values) { handler(session.OutStream(), values...); };
-    Select<Params...>::Exec(call, std::next(words.begin()), words.end());
+    bool converted = false;
+    const auto call = [this, &session, &converted](const Params&... values) {
+      converted = true;
+      handler(session.OutStream(), values...);
+    };
+    try {
+      Select<Params...>::Exec(call, std::next(words.begin()), words.end());
+    } catch (const bad_conversion& error) {
+      if (!converted) ThrowWithParameter(error, words);
+      throw;
+    }
     return true;
   }
 
@@ -195,6 +216,16 @@ class VariadicFunctionCommand : public Command {
   }
 
  private:
+  // Words are converted in order: the first one that reads like the refused one, for the same type, is it.
+  void ThrowWithParameter(const bad_conversion& error, const std::vector<std::string>& words) const {
+    const std::vector<std::string_view> types = {internal::NameOfType<Params>()...};
+    const std::vector<std::string> names = ParameterNames();
+    if (error.Word() == nullptr) return;
+    for (std::size_t i = 0; i < types.size() && i < names.size(); ++i) {
+      if (types[i] == error.Type() && words[i + 1] == *error.Word()) throw bad_conversion(error, names[i]);
+    }
+  }
+
   const Handler handler;
   const std::string description;
   const std::vector<std::string> parameter_descriptions;

@@ -138,6 +138,30 @@ TEST(CommandTest, ExceptionsOfTheHandlerPassThrough) {
   EXPECT_THROW(command->Exec({"x"}, session), std::runtime_error);
 }
 
+TEST(CommandTest, ABadConversionOfTheHandlersOwnIsNoParameters) {
+  FakeSession session;
+  const auto command =
+      MakeCommand("x", [](std::ostream&, const unsigned int&) { from_string<unsigned int>("7x"); }, "", {"level"});
+  try {
+    command->Exec({"x", "7"}, session);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const bad_conversion& e) {
+    EXPECT_EQ(*e.Word(), "7x");
+    EXPECT_EQ(e.Parameter(), nullptr);
+  }
+}
+
+TEST(WordErrorTest, ItIsItsBaseWithTheSameMessageAndKnowsItsWord) {
+  try {
+    throw word_error<std::out_of_range>("1e99", "stof");
+  } catch (const std::out_of_range& e) {
+    EXPECT_STREQ(e.what(), "stof");
+    const auto* about = dynamic_cast<const about_word*>(&e);
+    ASSERT_NE(about, nullptr);
+    EXPECT_EQ(*about->Word(), "1e99");
+  }
+}
+
 TEST(FromStringTest, TakesUnsignedDecimals) {
   EXPECT_EQ(from_string<unsigned int>("12"), 12U);
   EXPECT_EQ(from_string<unsigned int>("0"), 0U);

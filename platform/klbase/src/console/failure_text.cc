@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 #include <string_view>
-#include <typeinfo>
 
+#include "cli/about_word.h"
 #include "cli/command.h"
 
 namespace cli::internal {
@@ -20,24 +20,41 @@ std::string OneLine(std::string text) {
 // The standard conversions name only themselves: "stoi", "stoul".
 bool IsStandardConversion(std::string_view what) { return what.starts_with("sto") && what.size() <= 5; }
 
+std::string Quoted(const std::string& word) { return '"' + word + '"'; }
+
+std::string ConversionText(const bad_conversion& error) {
+  if (error.Word() == nullptr) return error.what();
+  std::string wanted = "what is expected there";
+  if (*error.Type() != '\0') wanted = "<" + std::string(error.Type()) + ">";
+  if (error.Parameter() != nullptr) wanted = "<" + *error.Parameter() + ">";
+  return "cannot take " + Quoted(*error.Word()) + " as " + wanted + " (" + error.what() + ")";
+}
+
+// The exception's own message, and the word that it is about unless the message names it.
+std::string Text(const std::exception& error) {
+  if (const auto* conversion = dynamic_cast<const bad_conversion*>(&error)) return ConversionText(*conversion);
+  const auto* about = dynamic_cast<const about_word*>(&error);
+  const std::string* word = about != nullptr ? about->Word() : nullptr;
+  const std::string what = error.what();
+  if (IsStandardConversion(what) && dynamic_cast<const std::invalid_argument*>(&error) != nullptr) {
+    const std::string subject =
+        word != nullptr ? Quoted(*word) + " is not a number" : "a word is not a number where one is expected";
+    return subject + " (" + what + ")";
+  }
+  if (IsStandardConversion(what) && dynamic_cast<const std::out_of_range*>(&error) != nullptr) {
+    const std::string subject = word != nullptr ? Quoted(*word) : "a number";
+    return subject + " is too large or too small" + (word != nullptr ? " for this parameter (" : " (") + what + ")";
+  }
+  return word == nullptr || what.find(*word) != std::string::npos ? what : Quoted(*word) + ": " + what;
+}
+
 }  // namespace
 
 std::string FailureText(const std::exception_ptr& failure) {
   try {
     std::rethrow_exception(failure);
-  } catch (const bad_conversion& e) {
-    if (e.Word() == nullptr) return e.what();
-    const std::string type = *e.Type() == '\0' ? "what is expected there" : "<" + std::string(e.Type()) + ">";
-    return OneLine("cannot take \"" + *e.Word() + "\" as " + type + " (" + e.what() + ")");
-  } catch (const std::invalid_argument& e) {
-    if (IsStandardConversion(e.what()))
-      return "a word is not a number where one is expected (" + OneLine(e.what()) + ")";
-    return OneLine(e.what());
-  } catch (const std::out_of_range& e) {
-    if (IsStandardConversion(e.what())) return "a number is too large or too small (" + OneLine(e.what()) + ")";
-    return OneLine(e.what());
   } catch (const std::exception& e) {
-    return OneLine(e.what());
+    return OneLine(Text(e));
   } catch (...) {
     return "it failed with an exception that has no message";
   }

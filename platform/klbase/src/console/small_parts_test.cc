@@ -28,6 +28,26 @@ TEST(FailureTextTest, StandardNumberConversionsAreExplained) {
   EXPECT_EQ(TextOf([] { (void)std::stoul("99999999999999999999999"); }), "a number is too large or too small (stoul)");
 }
 
+TEST(FailureTextTest, AConversionErrorNamesTheParameterAsHelpShowsIt) {
+  const auto command =
+      MakeCommand("set", [](std::ostream&, const std::string&, const unsigned int&, const unsigned int&) {}, "",
+                  {"debug", "level(int)", "other"});
+  FakeSession session;
+  EXPECT_EQ(TextOf([&] {
+              command->Exec({"set", "12a", "12a", "12a"}, session);
+            }),
+            "cannot take \"12a\" as <level(int)> (bad from_string conversion: source string value could not be "
+            "interpreted as target)");
+}
+
+TEST(FailureTextTest, AnErrorAboutAWordNamesIt) {
+  EXPECT_EQ(TextOf([] { throw word_error<std::invalid_argument>("soon", "stoi"); }), "\"soon\" is not a number (stoi)");
+  EXPECT_EQ(TextOf([] { throw word_error<std::out_of_range>("99999999999", "stoi"); }),
+            "\"99999999999\" is too large or too small for this parameter (stoi)");
+  EXPECT_EQ(TextOf([] { throw word_error<std::runtime_error>("eth9", "no such device"); }), "\"eth9\": no such device");
+  EXPECT_EQ(TextOf([] { throw word_error<std::runtime_error>("eth9", "no eth9 here"); }), "no eth9 here");
+}
+
 TEST(FailureTextTest, OtherExceptionsSayWhatTheySay) {
   EXPECT_EQ(TextOf([] { throw std::invalid_argument("no such layer"); }), "no such layer");
   EXPECT_EQ(TextOf([] { throw std::logic_error("not loaded"); }), "not loaded");
@@ -36,6 +56,8 @@ TEST(FailureTextTest, OtherExceptionsSayWhatTheySay) {
 
 TEST(FailureTextTest, AMessageStaysOneLineAndDrivesNoTerminal) {
   EXPECT_EQ(TextOf([] { throw std::runtime_error("a\nb\x1b[2J"); }), "a b [2J");
+  EXPECT_EQ(TextOf([] { throw word_error<std::invalid_argument>("a\x1b[2J", "stof"); }),
+            "\"a [2J\" is not a number (stof)");
 }
 
 TEST(HttpSniffTest, RequestLinesAreRecognised) {
