@@ -1,6 +1,7 @@
 #include "common/common_cli.h"
 
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "absl/strings/str_format.h"
@@ -18,11 +19,12 @@ void SetDebugLevel(std::ostream& out, const std::string&, unsigned int level) {
   out << "\t debug level:\t" << kOptionDebug.load() << "\n";
 }
 
+// The lines are never destroyed: while the process exits, a command may still run.
 void ShowVersion(std::ostream& out, const std::string&) {
-  static const std::string build_date =
-      absl::StrFormat("\tbuild-date:\t %04d-%02d-%02d_%02d:%02d:%02d", VEX_BUILD_YEAR, VEX_BUILD_MONTH, VEX_BUILD_DAY,
-                      VEX_BUILD_HOUR, VEX_BUILD_MINUTE, VEX_BUILD_SECOND);
-  static const std::string version = absl::StrFormat("git-version: %s", VEX_VERSION_TAG);
+  static const auto& build_date =
+      *new std::string(absl::StrFormat("\tbuild-date:\t %04d-%02d-%02d_%02d:%02d:%02d", VEX_BUILD_YEAR, VEX_BUILD_MONTH,
+                                       VEX_BUILD_DAY, VEX_BUILD_HOUR, VEX_BUILD_MINUTE, VEX_BUILD_SECOND));
+  static const auto& version = *new std::string(absl::StrFormat("git-version: %s", VEX_VERSION_TAG));
   out << build_date << "\n" << version << "\n";
 }
 
