@@ -14,6 +14,12 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
+// The menu's own entry (the root has none), and what it holds.
+void ListMenu(const Menu& menu, std::ostream& out) {
+  if (menu.Parent() != nullptr) menu.Help(out);
+  for (const auto& command : menu.Commands()) command->Help(out);
+}
+
 // Finds the entries of `words` (a command, or menus and a command) and shows them; of a menu, what it holds too.
 void HelpOn(SessionImpl& session, const Arguments& words) {
   const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
@@ -23,10 +29,8 @@ void HelpOn(SessionImpl& session, const Arguments& words) {
     for (const auto& command : walk.commands) {
       if (!command->IsEnabled() || command->Name() != words.back()) continue;
       found = true;
-      command->Help(out);
       const auto* menu = dynamic_cast<const Menu*>(command.get());
-      if (menu == nullptr) continue;
-      for (const auto& inner : menu->Commands()) inner->Help(out);
+      menu != nullptr ? ListMenu(*menu, out) : command->Help(out);
     }
   }
   if (!found) out << ExplainRefusal(session.Where(), session.Builtins(), words);
@@ -143,6 +147,19 @@ class Builtin : public Command {
 };
 
 }  // namespace
+
+bool HelpInMenu(SessionImpl& session, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
+  if (!IsHelpInMenu(walk, words)) return false;
+  if (walk.used + 1 == words.size()) {
+    ListMenu(*walk.menu, session.OutStream());
+  } else {
+    Arguments asked = words;
+    asked.erase(asked.begin() + static_cast<std::ptrdiff_t>(walk.used));
+    HelpOn(session, asked);
+  }
+  return true;
+}
 
 std::shared_ptr<const CommandVector> MakeBuiltins(const std::string& root_name) {
   const Row rows[] = {

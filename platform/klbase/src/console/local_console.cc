@@ -64,9 +64,9 @@ void LocalConsole::Run() {
 
 void LocalConsole::Open() {
   if (terminal_) own_output_fd_ = OpenTerminalForWriting(options_.output_fd);
+  const int output_fd = own_output_fd_ >= 0 ? own_output_fd_ : options_.output_fd;
   std::cout.flush();  // what was printed before stands above the first prompt
-  output_ = std::make_shared<OutputBuffer>(own_output_fd_ >= 0 ? own_output_fd_ : options_.output_fd,
-                                           OutputBuffer::Target::kFile, [this] { Wake(); });
+  output_ = std::make_shared<OutputBuffer>(output_fd, OutputBuffer::Target::kFile, [this] { Wake(); });
   SessionConfig config;
   config.kind = terminal_ ? SessionKind::kTerminal : SessionKind::kPlain;
   config.peer = "local";
@@ -81,9 +81,14 @@ void LocalConsole::Open() {
     Wake();
   };
   session_ = make_session_(std::move(config));
-  if (!terminal_) return session_->Start(LineEditor::Display::kNone);
+  // What other threads print takes its turn in the session's output: above the line that is being typed, and without a
+  // terminal behind the answer of the command that has ended before.
+  if (!terminal_) {
+    stdout_guard_ = std::make_unique<StdoutGuard>(session_);
+    return session_->Start(LineEditor::Display::kNone);
+  }
   // A terminal that can't be driven keeps its own echo and line editing.
-  if (!dumb_) raw_ = std::make_unique<LocalTerminal>(options_.input_fd);
+  if (!dumb_) raw_ = std::make_unique<LocalTerminal>(options_.input_fd, output_fd);
   const auto size = LocalTerminal::WindowSize(options_.output_fd);
   session_->Start(dumb_ ? LineEditor::Display::kPrompt : LineEditor::Display::kFull, size.columns, size.rows);
   stdout_guard_ = std::make_unique<StdoutGuard>(session_);
@@ -95,6 +100,7 @@ void LocalConsole::Serve() {
   if (!stop_) return;
   const auto deadline = std::chrono::steady_clock::now() + options_.stop;
   session_->Finish();
+  output_->ReleaseWriters();
   while (session_->CommandRunning() && std::chrono::steady_clock::now() < deadline && PollOnce()) {
   }
 }

@@ -11,9 +11,12 @@
 #include <iostream>
 
 #include "console/console_test_support.h"
+#include "console/line_editor_test_screen.h"
 
 namespace cli::internal {
 namespace {
+
+int g_port = 0;  // of the console in a child process
 
 std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
   auto root = std::make_unique<Menu>("main");
@@ -28,6 +31,17 @@ std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
         for (unsigned int i = 0; i < kib; ++i) out << std::string(1023, 'x') << '\n';
       },
       ""));
+  // Writes past the console, as a child process of a command does.
+  core->Insert(MakeCommand(
+      "direct",
+      [](std::ostream&, const int& fd, const std::string& text) {
+        EXPECT_EQ(::write(fd, (text + "\n").data(), text.size() + 1), std::ssize(text) + 1);
+      },
+      ""));
+  core->Insert(MakeCommand(
+      "exit5", [](std::ostream&) { ::exit(5); }, ""));
+  core->Insert(MakeCommand(
+      "port", [](std::ostream& out) { out << "port " << g_port << "\n"; }, ""));
   core->Insert(MakeCommand(
       "print", [](std::ostream&) { std::cout << "event\n"
                                              << std::flush; }, ""));
@@ -56,7 +70,11 @@ class PlainTest : public ::testing::Test {
     options.local_console = true;
     options.input_fd = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
     options.output_fd = ::open(out.c_str(), O_WRONLY | O_CLOEXEC);
-    MakeConsole(TestRoot(), options)->Run();
+    output_fd_ = options.output_fd;
+    auto root = TestRoot();
+    AddEvents(*root);
+    MakeConsole(std::move(root), options)->Run();
+    if (printer_.joinable()) printer_.join();
     ::close(options.input_fd);
     ::close(options.output_fd);
     std::ostringstream text;
@@ -64,8 +82,93 @@ class PlainTest : public ::testing::Test {
     return text.str();
   }
 
+  // "event" answers and, as its last deed, has another thread print; "print" waits until that is done.
+  void AddEvents(Menu& root) {
+    root.Insert(MakeCommand(
+        "event",
+        [this](std::ostream& out) {
+          out << "answer\n";
+          printer_ = std::thread([this] {
+            std::cout << "event\n" << std::flush;
+            printed_.Open();
+          });
+        },
+        ""));
+    root.Insert(MakeCommand(
+        "written", [this](std::ostream& out) { out << ::lseek(output_fd_, 0, SEEK_CUR) << " bytes are written\n"; },
+        ""));
+    root.Insert(MakeCommand(
+        "after",
+        [this](std::ostream& out) {
+          printed_.Pass();
+          out << "after\n";
+        },
+        ""));
+  }
+
   TempFolder folder_;
+  int output_fd_ = -1;
+  std::thread printer_;
+  Gate printed_;
 };
+
+TEST_F(PlainTest, OutputIsWrittenBeforeTheNextCommandStarts) {
+  EXPECT_EQ(RunOn("core show x\nwritten\ncore description\nwritten\n"),
+            "one\ntwo\n8 bytes are written\napisdk tools40 bytes are written\n");
+}
+
+TEST_F(PlainTest, AnEventThatAnotherThreadPrintsOvertakesNoAnswer) {
+  EXPECT_EQ(RunOn("event\nafter\ncore print\ncore show x\n"), "answer\nevent\nafter\nevent\none\ntwo\n");
+}
+
+TEST_F(PlainTest, AnEventAtTheEndOfInputIsNotLost) {
+  EXPECT_EQ(RunOn("core description\nevent\nafter\nexit\n"), "apisdk toolsanswer\nevent\nafter\n");
+}
+
+TEST_F(PlainTest, ACommandWaitsForAPipesReaderToHaveTakenTheAnswerBefore) {
+  int fds[2];
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  const std::string last = "core direct " + std::to_string(fds[1]) + " end\n";
+  const std::string in = folder_.Write("in", "core big 200\n" + last + "core show x\n" + last);
+  ConsoleOptions options;
+  options.local_console = true;
+  options.input_fd = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
+  options.output_fd = fds[1];
+  std::string received;
+  std::thread reader([&] {
+    char buffer[1000];
+    for (ssize_t n = ::read(fds[0], buffer, sizeof buffer); n > 0; n = ::read(fds[0], buffer, sizeof buffer)) {
+      received.append(buffer, static_cast<std::size_t>(n));
+    }
+  });
+  MakeConsole(TestRoot(), options)->Run();
+  ::close(fds[1]);
+  reader.join();
+  EXPECT_EQ(received.find("end\n"), 200U * 1024);
+  EXPECT_EQ(received.substr(200U * 1024), "end\none\ntwo\nend\n");
+  ::close(fds[0]);
+  ::close(options.input_fd);
+}
+
+TEST_F(PlainTest, AReaderThatTakesNothingDoesNotKeepTheConsoleFromEnding) {
+  int fds[2];
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  const std::string in = folder_.Write("in", "core big 200\ncore show x\n");
+  ConsoleOptions options;
+  options.local_console = true;
+  options.input_fd = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
+  options.output_fd = fds[1];
+  options.drain = 100ms;
+  const auto console = MakeConsole(TestRoot(), options);
+  std::thread runner([&] { console->Run(); });
+  pollfd readable{fds[0], POLLIN, 0};
+  EXPECT_EQ(::poll(&readable, 1, 20'000), 1);
+  const auto begin = std::chrono::steady_clock::now();
+  console->Stop();
+  runner.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, options.stop);
+  for (const int fd : {fds[0], fds[1], options.input_fd}) ::close(fd);
+}
 
 TEST_F(PlainTest, LinesRunInOrderWithoutPromptEchoOrColour) {
   EXPECT_EQ(RunOn("core\nshow version\n..\ncore show x\n"), "one\ntwo\none\ntwo\n");
@@ -168,6 +271,15 @@ class Pty {
   }
   bool IsRaw() const { return (Mode().c_lflag & ICANON) == 0; }
 
+  // All that is still shown, once nobody has the slave open.
+  std::string Rest() {
+    char buffer[4096];
+    for (ssize_t n = ::read(master_, buffer, sizeof buffer); n > 0; n = ::read(master_, buffer, sizeof buffer)) {
+      shown_.append(buffer, static_cast<std::size_t>(n));
+    }
+    return std::exchange(shown_, {});
+  }
+
   // What is shown up to and including `text`.
   std::string Until(std::string_view text) {
     for (std::size_t at = 0;;) {
@@ -224,13 +336,14 @@ class TerminalTest : public ::testing::Test {
   TempFolder folder_;
   pid_t child_ = -1;
   bool under_shell_ = false;
+  const char* term_ = "xterm";
 
  private:
   [[noreturn]] void RunChild(const std::function<void()>& before_run) {
     ::setsid();
     ::ioctl(pty_.Slave(), TIOCSCTTY, 0);
     if (under_shell_) BecomeJobOfAShell();
-    ::setenv("TERM", "xterm", 1);
+    ::setenv("TERM", term_, 1);
     ::dup2(pty_.Slave(), STDIN_FILENO);
     ::dup2(pty_.Slave(), STDOUT_FILENO);
     ConsoleOptions options;
@@ -238,6 +351,7 @@ class TerminalTest : public ::testing::Test {
     options.history_file = folder_.File("history");
     options.stop = 500ms;
     auto console = MakeConsole(TestRoot(&gate_), options);
+    g_port = console->Port();
     if (before_run) before_run();
     console->Run();
     console.reset();
@@ -340,6 +454,124 @@ TEST_F(TerminalTest, AResizeIsNoticed) {
   ::kill(child_, SIGWINCH);  // the pty's foreground group may not be set up for it
   pty_.Type("core show version\r");
   pty_.Until("two");
+}
+
+TEST_F(TerminalTest, AResizeRepaintsALongLineOnItsRows) {
+  Start();
+  pty_.Until("main> ");
+  pty_.Type("0123456789abcdefghijklmnopqrstu");
+  pty_.Until("u");
+  pty_.Resize(20);
+  ::kill(child_, SIGWINCH);
+  TestScreen screen(80, 24);
+  screen.Write("main> 0123456789abcdefghijklmnopqrstu");
+  screen.Resize(20, 24);
+  const std::string whole = "main> 0123456789abcd\nefghijklmnopqrstu";
+  screen.Write(pty_.Until("qrstu"));
+  EXPECT_EQ(screen.Text(), whole);
+  pty_.Type("v");
+  screen.Write(pty_.Until("v"));
+  EXPECT_EQ(screen.Text(), whole + "v");
+}
+
+TEST_F(TerminalTest, ADumbTerminalKeepsItsOwnEditingAndGetsNoEscapeSequences) {
+  term_ = "dumb";
+  Start();
+  std::string shown = pty_.Until("main> ");
+  EXPECT_FALSE(pty_.IsRaw());
+  pty_.Type("core shox\x7fw version\n");  // the terminal's own erase key
+  shown += pty_.Until("two\r\nmain> ");
+  pty_.Type("exit\n");
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_NE(shown.find("one\r\ntwo\r\nmain> "), std::string::npos) << shown;
+  pty_.CloseSlave();
+  shown += pty_.Rest();
+  EXPECT_EQ(shown.find('\x1b'), std::string::npos) << shown;
+}
+
+TEST_F(TerminalTest, CtrlCAtADumbTerminalEndsTheProgram) {
+  term_ = "dumb";
+  Start();
+  pty_.Until("main> ");
+  pty_.Type("abc\x03");
+  EXPECT_EQ(Wait(), 1000 + SIGINT);
+}
+
+TEST_F(TerminalTest, ExitOnTheCommandsOwnThreadKeepsTheStatus) {
+  Start();
+  pty_.Until("main> ");
+  pty_.Type("core exit5\r");
+  EXPECT_EQ(Wait(), 5);
+  EXPECT_FALSE(pty_.IsRaw());
+}
+
+// However the console ends, the last word on bracketed paste is that it is off.
+class PasteModeTest : public TerminalTest {
+ protected:
+  void StartTyping() {
+    Start();
+    shown_ = pty_.Until("main> ");
+    pty_.Type("core sho");
+    shown_ += pty_.Until("core sho");
+  }
+  void ExpectOffAtTheEnd() {
+    EXPECT_NE(Wait(), -1);
+    pty_.CloseSlave();
+    shown_ += pty_.Rest();
+    const std::size_t on = shown_.rfind("\x1b[?2004h");
+    const std::size_t off = shown_.rfind("\x1b[?2004l");
+    ASSERT_NE(on, std::string::npos);
+    ASSERT_NE(off, std::string::npos);
+    EXPECT_GT(off, on) << shown_;
+  }
+
+  std::string shown_;
+};
+
+TEST_F(PasteModeTest, AtExit) {
+  StartTyping();
+  pty_.Type("\x15");
+  pty_.Type("exit\r");
+  ExpectOffAtTheEnd();
+}
+
+TEST_F(PasteModeTest, AtTheEndOfInput) {
+  StartTyping();
+  pty_.Type("\x15\x04");
+  ExpectOffAtTheEnd();
+}
+
+TEST_F(PasteModeTest, AtCtrlC) {
+  StartTyping();
+  pty_.Type("\x03");
+  ExpectOffAtTheEnd();
+}
+
+TEST_F(PasteModeTest, AtAFatalSignal) {
+  StartTyping();
+  ::kill(child_, SIGTERM);
+  ExpectOffAtTheEnd();
+}
+
+TEST_F(PasteModeTest, AtExitInAnInterruptHandler) {
+  Start([] { ::signal(SIGINT, [](int) { ::exit(1); }); });
+  shown_ = pty_.Until("main> ");
+  pty_.Type("core sho\x03");
+  ExpectOffAtTheEnd();
+}
+
+TEST_F(PasteModeTest, AtAShutdownByAnotherSession) {
+  Start();
+  shown_ = pty_.Until("main> ");
+  pty_.Type("core port\r");
+  shown_ += pty_.Until("port ");
+  const std::string port = pty_.Until("\r\n");
+  shown_ += port + pty_.Until("main> ");
+  pty_.Type("core sho");
+  shown_ += pty_.Until("core sho");
+  TestClient other(std::stoi(port));
+  other.Send("shutdown\n");
+  ExpectOffAtTheEnd();
 }
 
 TEST_F(TerminalTest, AFatalSignalRestoresTheTerminalAndKills) {

@@ -1,6 +1,7 @@
 #include "console/local_terminal.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -22,6 +23,7 @@ constexpr int kEventSignals[] = {SIGWINCH, SIGTSTP, SIGCONT};
 
 // What signal handlers use: plain and static, because handlers may run at any time until the process is gone.
 std::atomic<int> g_terminal_fd{-1};  // -1: nothing to restore
+std::atomic<int> g_output_fd{-1};
 std::atomic<int> g_event_write_fd{-1};
 int g_event_read_fd = -1;
 termios g_saved;
@@ -43,11 +45,21 @@ void OnFatalSignal(int signal, siginfo_t* info, void*) {
     if (kFatalSignals[i] == signal) ::sigaction(signal, &g_fatal_before[i], nullptr);
   }
   // A fault happens again by itself when this returns, with the address that the crash report wants.
-  const bool fault = info != nullptr && info->si_code > 0 && (signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL);
+  const bool fault = info != nullptr && info->si_code > 0 &&
+                     (signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL);
   if (!fault) ::raise(signal);
 }
 
 bool InForeground(int fd) { return ::tcgetpgrp(fd) == ::getpgrp(); }
+
+// The process may end in the middle of a line, where the editor has switched it on: the shell would then get the marks
+// of a paste as text. In a signal handler too, so a terminal that takes nothing (Ctrl-S) is not waited for.
+void LeaveBracketedPaste(int fd) {
+  constexpr char kOff[] = "\x1b[?2004l";
+  pollfd writable{fd, POLLOUT, 0};
+  if (fd < 0 || ::poll(&writable, 1, 0) != 1) return;
+  [[maybe_unused]] const ssize_t written = ::write(fd, kOff, sizeof kOff - 1);
+}
 
 void InstallHandlers() {
   struct sigaction event {};
@@ -63,7 +75,7 @@ void InstallHandlers() {
   sigemptyset(&fatal.sa_mask);
   for (std::size_t i = 0; i < std::size(kFatalSignals); ++i) {
     ::sigaction(kFatalSignals[i], nullptr, &g_fatal_before[i]);
-    const bool ignored = g_fatal_before[i].sa_handler == SIG_IGN;  // nohup
+    const bool ignored = g_fatal_before[i].sa_handler == SIG_IGN;                                // nohup
     const bool handled = kFatalSignals[i] == SIGINT && g_fatal_before[i].sa_handler != SIG_DFL;  // the program's own
     if (!ignored && !handled) ::sigaction(kFatalSignals[i], &fatal, nullptr);
   }
@@ -82,7 +94,7 @@ void RemoveHandlers() {
 
 }  // namespace
 
-LocalTerminal::LocalTerminal(int input_fd) {
+LocalTerminal::LocalTerminal(int input_fd, int output_fd) {
   if (g_event_write_fd.load() >= 0) throw std::logic_error("the terminal is served already");
   int fds[2];
   if (::tcgetattr(input_fd, &g_saved) != 0 || ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -90,6 +102,7 @@ LocalTerminal::LocalTerminal(int input_fd) {
   }
   g_event_read_fd = fds[0];
   g_event_write_fd = fds[1];
+  g_output_fd = output_fd;
   g_terminal_fd = input_fd;
   InstallHandlers();
   EnterRawMode();
@@ -99,6 +112,7 @@ LocalTerminal::~LocalTerminal() {
   Restore();
   RemoveHandlers();
   g_terminal_fd = -1;
+  g_output_fd = -1;
   ::close(g_event_write_fd.exchange(-1));
   ::close(g_event_read_fd);
 }
@@ -148,7 +162,9 @@ LocalTerminal::Size LocalTerminal::WindowSize(int fd) {
 
 void LocalTerminal::Restore() {
   const int fd = g_terminal_fd;
-  if (fd >= 0 && InForeground(fd)) ::tcsetattr(fd, TCSANOW, &g_saved);
+  if (fd < 0 || !InForeground(fd)) return;
+  LeaveBracketedPaste(g_output_fd);
+  ::tcsetattr(fd, TCSANOW, &g_saved);
 }
 
 int OpenTerminalForWriting(int fd) {

@@ -8,10 +8,11 @@ namespace cli::internal {
 
 // At most one exists at a time. Created, used and destroyed by one thread, but for Restore().
 //
-// Ctrl-C stays the interrupt signal, whose handler is the program's own; without one it ends the process. The terminal is restored by the destructor, by
-// an exit handler's Restore(), and before the process dies of a signal (SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS,
-// SIGFPE, SIGILL, SIGABRT): handlers for these are put before the ones that were installed when it is created, which
-// then see the signal as if nothing had happened. SIGKILL leaves the terminal as it is; "stty sane" helps.
+// Ctrl-C stays the interrupt signal, whose handler is the program's own; without one it ends the process. The terminal
+// is restored by the destructor, by an exit handler's Restore(), and before the process dies of a signal (SIGTERM,
+// SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT): handlers for these are put before the ones that were
+// installed when it is created, which then see the signal as if nothing had happened. SIGKILL leaves the terminal as it
+// is; "stty sane" helps.
 class LocalTerminal {
  public:
   enum class Event { kNone, kResized, kStop, kContinued };
@@ -20,8 +21,8 @@ class LocalTerminal {
     int rows = 0;
   };
 
-  // Takes over the terminal on `input_fd`, which must be one.
-  explicit LocalTerminal(int input_fd);
+  // Takes over the terminal on `input_fd`, which must be one, and is shown through `output_fd`.
+  LocalTerminal(int input_fd, int output_fd);
   ~LocalTerminal();
   LocalTerminal(const LocalTerminal&) = delete;
   LocalTerminal& operator=(const LocalTerminal&) = delete;
@@ -36,7 +37,7 @@ class LocalTerminal {
   void EnterRawMode();
 
   static Size WindowSize(int fd);
-  // Puts the terminal back as it was. Any thread, also in a signal handler.
+  // Puts the terminal back as it was, out of bracketed paste too. Any thread, also in a signal handler.
   static void Restore();
 };
 

@@ -159,6 +159,10 @@ Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::v
   return walk;
 }
 
+bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words) {
+  return walk.used > 0 && IsHelp(words[walk.used]) && EnabledNamed(walk.commands, words[walk.used]).empty();
+}
+
 Completion Complete(const Place& place, const CommandVector& builtins, std::string_view text) {
   Words split = SplitWords(text);
   if (!split.last_open) {
@@ -166,10 +170,11 @@ Completion Complete(const Place& place, const CommandVector& builtins, std::stri
     split.words.emplace_back();
   }
   const std::string last = split.words.empty() ? "" : split.words.back();
-  if (!split.words.empty() && split.words.size() > 1 && IsHelp(split.words.front())) {
-    split.words.erase(split.words.begin());
+  Walk walk = FollowMenus(place, builtins, split.words);
+  if (walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used])) {
+    split.words.erase(split.words.begin() + static_cast<std::ptrdiff_t>(walk.used));
+    walk = FollowMenus(place, builtins, split.words);
   }
-  const Walk walk = FollowMenus(place, builtins, split.words);
   Completion completion{split.last_start, {}};
   if (walk.used + 1 != split.words.size()) return completion;
   std::vector<std::string> names;

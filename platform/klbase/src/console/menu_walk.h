@@ -35,6 +35,10 @@ struct Walk {
 // leads back to the root.
 Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words);
 
+// Whether help is asked for behind a menu's name ("encd help", "encd ? SetQulity"), where the menu has no command of
+// that name itself; `walk` is where `words` led.
+bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words);
+
 // What the Tab key makes of `text`, the line up to the cursor.
 Completion Complete(const Place& place, const CommandVector& builtins, std::string_view text);
 

@@ -61,6 +61,7 @@ TEST_F(MenuWalkTest, TabCompletesTheArgumentOfHelp) {
   EXPECT_EQ(Tab("help pl"), Strings{"playd"});
   EXPECT_EQ(Tab("help playd OpenM"), Strings{"OpenMedia"});
   EXPECT_EQ(Tab("help"), Strings{"help"});
+  EXPECT_EQ(Tab("playd help OpenM"), Strings{"OpenMedia"});
 }
 
 TEST_F(MenuWalkTest, TheRootIsReachedFromASubmenu) {

@@ -120,13 +120,27 @@ void OutputBuffer::WriteLocked() {
   }
   if (blocked && (progress || !blocked_)) blocked_since_ = Clock::now();
   blocked_ = blocked;
-  if (fd_ < 0 || (was_full && PendingLocked() <= kMaxPending)) room_.NotifyAll();
+  const bool emptied = progress && PendingLocked() == 0;
+  if (fd_ < 0 || emptied || (was_full && PendingLocked() <= kMaxPending)) room_.NotifyAll();
 }
 
 bool OutputBuffer::WaitForRoom() {
   MutexLock lock(mutex_);
   while (fd_ >= 0 && PendingLocked() > kMaxPending) room_.Wait(mutex_);
   return fd_ >= 0;
+}
+
+bool OutputBuffer::WaitUntilWritten() {
+  if (Flush()) return !Closed();
+  MutexLock lock(mutex_);
+  while (fd_ >= 0 && !released_ && PendingLocked() > 0) room_.Wait(mutex_);
+  return fd_ >= 0 && PendingLocked() == 0;
+}
+
+void OutputBuffer::ReleaseWriters() {
+  MutexLock lock(mutex_);
+  released_ = true;
+  room_.NotifyAll();
 }
 
 void OutputBuffer::Close() {

@@ -53,6 +53,11 @@ class OutputBuffer {
   bool Flush();
   // Blocks while more than kMaxPending bytes wait. False once closed.
   bool WaitForRoom();
+  // Blocks until all is written: for a reader who must see what came first before anything else happens. False once
+  // closed, or when ReleaseWriters() has been called.
+  bool WaitUntilWritten();
+  // The console ends: nobody waits in WaitUntilWritten() any more.
+  void ReleaseWriters();
   // Drops what is left and wakes all waiters; the descriptor is not used any more when it returns.
   void Close();
 
@@ -73,6 +78,7 @@ class OutputBuffer {
   int fd_ ABSL_GUARDED_BY(mutex_);
   Text text_ ABSL_GUARDED_BY(mutex_) = Text::kPlain;
   bool line_start_ ABSL_GUARDED_BY(mutex_) = true;
+  bool released_ ABSL_GUARDED_BY(mutex_) = false;
   bool blocked_ ABSL_GUARDED_BY(mutex_) = false;
   std::string pending_ ABSL_GUARDED_BY(mutex_);
   std::size_t written_ ABSL_GUARDED_BY(mutex_) = 0;

@@ -45,6 +45,35 @@ TEST(OutputBufferTest, IacIsDoubledForTelnet) {
   EXPECT_EQ(Written(OutputBuffer::Text::kTelnet, {"a\xff\n"}), "a\xff\xff\r\n");
 }
 
+TEST(OutputBufferTest, WaitingUntilAllIsWrittenEndsWhenTheReaderHasTakenIt) {
+  const SocketPair pair;
+  OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});
+  output.Append(std::string(8 << 20, 'x'));
+  std::atomic<bool> written{false};
+  std::thread writer([&] { written = output.WaitUntilWritten(); });
+  std::size_t received = 0;
+  EXPECT_TRUE(WaitFor([&] {
+    received += pair.Read().size();
+    output.Flush();  // the transport's part
+    return received == 8U << 20;
+  }));
+  writer.join();
+  EXPECT_TRUE(written);
+}
+
+TEST(OutputBufferTest, WaitingUntilAllIsWrittenEndsWithTheConsole) {
+  for (const bool close : {false, true}) {
+    const SocketPair pair;
+    OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});
+    output.Append(std::string(8 << 20, 'x'));
+    std::atomic<bool> written{true};
+    std::thread writer([&] { written = output.WaitUntilWritten(); });
+    close ? output.Close() : output.ReleaseWriters();
+    writer.join();
+    EXPECT_FALSE(written);
+  }
+}
+
 TEST(OutputBufferTest, FreshLineEndsALineThatIsOpen) {
   const SocketPair pair;
   OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});

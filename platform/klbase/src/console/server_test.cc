@@ -1,7 +1,11 @@
 // The console over real sockets: telnet operators, programs, and those who are neither.
 #include <crypt.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
+#include <pty.h>
+#include <signal.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <deque>
@@ -372,8 +376,8 @@ TEST_F(ServerTest, FailuresOfCommandsAreOneLineAndTheSessionGoesOn) {
             "core throw: no daemon. Usage: core throw\n"
             "core throw7: it failed with an exception that has no message. Usage: core throw7\n"
             "core stoi: a word is not a number where one is expected (stoi). Usage: core stoi <id>\n"
-            "core set: cannot take \"12a\" as <unsigned int> (bad from_string conversion: source string value could "
-            "not be interpreted as target). Usage: core set <level>\n"
+            "core set: cannot take \"12a\" as <level> (bad from_string conversion: source string value could not be "
+            "interpreted as target). Usage: core set <level>\n"
             "1\n");
 }
 
@@ -414,6 +418,18 @@ TEST_F(ServerTest, HelpOfANameShowsThatEntry) {
   EXPECT_EQ(Program("help nosuch\n"), "Unknown command \"nosuch\". Type \"help\" for the commands.\n");
 }
 
+TEST_F(ServerTest, HelpBehindAMenusNameWorksInPlace) {
+  Open();
+  const std::string listing = Program("help core\n");
+  EXPECT_TRUE(listing.starts_with(" - core\n\t(menu)\n - show <version>\n\tshow version\n")) << listing;
+  EXPECT_EQ(Program("core help\n"), listing);
+  EXPECT_EQ(Program("core ?\n"), listing);
+  EXPECT_EQ(Program("gone\nmain core help\n"), listing);
+  EXPECT_EQ(Program("core help show\n"), " - show <version>\n\tshow version\n");
+  EXPECT_TRUE(Program("core\nmain help\n").starts_with(" - core\n\t(menu)\n - gone\n\t(menu)\n"));
+  EXPECT_EQ(Program("core help nosuch\n"), "Unknown command \"nosuch\" in \"core\". Type \"help\" for the commands.\n");
+}
+
 TEST_F(ServerTest, HistoryShowsTheSessionsLines) {
   Open();
   EXPECT_EQ(Program("core set 1\nhistory\n"), "1\n    1  core set 1\n    2  history\n");
@@ -434,7 +450,7 @@ TEST_F(ServerTest, ASubmenuReachesOthersThroughTheRootsName) {
   Open();
   EXPECT_EQ(Program("gone\nmain core set 1\nmain core set x\nmain cor\n"),
             "1\n"
-            "main core set: cannot take \"x\" as <unsigned int> (bad from_string conversion: source string value could "
+            "main core set: cannot take \"x\" as <level> (bad from_string conversion: source string value could "
             "not be interpreted as target). Usage: main core set <level>\n"
             "Unknown command \"cor\" in \"main\"; did you mean: main core? Type \"help\" for the commands.\n");
 }
@@ -806,6 +822,143 @@ TEST(ConsoleCreateTest, TheBoundAddressIsLogged) {
   const auto console = MakeConsole(std::make_unique<Menu>("main"), ConsoleOptions());
   EXPECT_GT(console->Port(), 0);
   EXPECT_EQ(log.Count("30 console listens on 127.0.0.1:" + std::to_string(console->Port())), 1U);
+}
+
+TEST(ConsoleCreateTest, TheAddressIsAlsoShownOnStandardErrorUnlessStandardOutputIsATerminal) {
+  int master = -1;
+  int terminal = -1;
+  ASSERT_EQ(::openpty(&master, &terminal, nullptr, nullptr, nullptr), 0);
+  int pipe_ends[2];
+  ASSERT_EQ(::pipe2(pipe_ends, O_CLOEXEC), 0);
+  const auto shown = [](int output_fd) {
+    ConsoleOptions options;
+    options.output_fd = output_fd;
+    testing::internal::CaptureStderr();
+    const auto console = MakeConsole(std::make_unique<Menu>("main"), options);
+    return std::pair(testing::internal::GetCapturedStderr(),
+                     "console listens on 127.0.0.1:" + std::to_string(console->Port()) + "\n");
+  };
+  const auto [on_pipe, line] = shown(pipe_ends[1]);
+  EXPECT_EQ(on_pipe, line);
+  EXPECT_EQ(shown(terminal).first, "");
+  for (const int fd : {master, terminal, pipe_ends[0], pipe_ends[1]}) ::close(fd);
+}
+
+// This process's end of the connection from `client`: the socket whose peer has the client's address.
+int ServerEnd(const TestClient& client) {
+  sockaddr_in wanted{};
+  socklen_t size = sizeof wanted;
+  ::getsockname(client.Fd(), reinterpret_cast<sockaddr*>(&wanted), &size);
+  for (int fd = 3; fd < 1024; ++fd) {
+    sockaddr_in peer{};
+    size = sizeof peer;
+    if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0 || peer.sin_family != AF_INET) continue;
+    if (peer.sin_port == wanted.sin_port) return fd;
+  }
+  return -1;
+}
+
+TEST(ConsoleCreateTest, APeerThatVanishedIsNoticed) {
+  const auto console = MakeConsole(std::make_unique<Menu>("main"), ConsoleOptions());
+  TestClient client(console->Port());
+  client.ReceiveUntil("main> ");
+  const int fd = ServerEnd(client);
+  ASSERT_GE(fd, 0);
+  const auto option = [fd](int level, int name) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    return ::getsockopt(fd, level, name, &value, &size) == 0 ? value : -1;
+  };
+  EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 30);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPINTVL), 10);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPCNT), 3);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), 60'000);
+  EXPECT_EQ(option(IPPROTO_TCP, TCP_NODELAY), 1);
+  EXPECT_EQ(option(SOL_SOCKET, SO_OOBINLINE), 1);
+}
+
+// --- exit() while sessions are busy, in a process of its own
+
+// Serves commands that never end, that print for ever and that exit; exits with 7 once a byte comes.
+[[noreturn]] void ServeUntilTold(int port_fd, int told_fd) {
+  static Gate& gate = *new Gate();
+  auto root = std::make_unique<Menu>("main");
+  root->Insert(MakeCommand(
+      "wait",
+      [](std::ostream& out) {
+        out << "waiting\n" << std::flush;
+        gate.Pass();
+      },
+      ""));
+  root->Insert(MakeCommand(
+      "flood",
+      [](std::ostream& out) {
+        while (out) out << "flood\n";
+      },
+      ""));
+  root->Insert(MakeCommand(
+      "exit7", [](std::ostream&) { ::exit(7); }, ""));
+  ConsoleOptions options;
+  options.stop = 1s;
+  const auto console = MakeConsole(std::move(root), options);
+  const int port = console->Port();
+  if (::write(port_fd, &port, sizeof port) != sizeof port) ::_exit(1);
+  char byte = 0;
+  [[maybe_unused]] const ssize_t got = ::read(told_fd, &byte, 1);
+  ::exit(7);
+}
+
+class ExitTest : public ::testing::Test {
+ protected:
+  ExitTest() {
+    if (::pipe2(port_, O_CLOEXEC) != 0 || ::pipe2(told_, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    child_ = ::fork();
+    if (child_ == 0) ServeUntilTold(port_[1], told_[0]);
+    if (::read(port_[0], &console_port_, sizeof console_port_) != sizeof console_port_)
+      throw std::runtime_error("port");
+  }
+  ~ExitTest() override {
+    if (child_ > 0) {
+      ::kill(child_, SIGKILL);
+      ::waitpid(child_, nullptr, 0);
+    }
+    for (const int fd : {port_[0], port_[1], told_[0], told_[1]}) ::close(fd);
+  }
+
+  // The exit status, or 1000 + the signal.
+  int Wait() {
+    int status = 0;
+    if (!WaitFor([&] { return ::waitpid(child_, &status, WNOHANG) == child_; })) return -1;
+    child_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+  }
+
+  int port_[2];
+  int told_[2];
+  pid_t child_ = -1;
+  int console_port_ = 0;
+};
+
+TEST_F(ExitTest, ExitUnderManyBusySessionsKeepsTheStatusAndTakesLessThan5Seconds) {
+  std::deque<TestClient> clients;
+  for (int i = 0; i < 40; ++i) {
+    clients.emplace_back(console_port_);
+    clients.back().Send(i % 2 == 0 ? "wait\n" : "flood\n");
+  }
+  for (auto& client : clients) client.ReceiveUntil("\n");
+  const auto begin = std::chrono::steady_clock::now();
+  ASSERT_EQ(::write(told_[1], "x", 1), 1);
+  EXPECT_EQ(Wait(), 7);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+}
+
+TEST_F(ExitTest, ExitOnASessionsOwnThreadKeepsTheStatus) {
+  TestClient other(console_port_);
+  other.ReceiveUntil("main> ");
+  TestClient client(console_port_);
+  client.Send("exit7\n");
+  EXPECT_EQ(Wait(), 7);
 }
 
 TEST(ConsoleCreateTest, SocketsAreClosedOnExec) {

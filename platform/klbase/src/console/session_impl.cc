@@ -10,6 +10,7 @@
 #include <typeinfo>
 #include <utility>
 
+#include "console/builtins.h"
 #include "console/failure_text.h"
 #include "console/http_sniff.h"
 #include "console/words.h"
@@ -181,7 +182,7 @@ void SessionImpl::Notice(std::string_view text) {
     if (closed_) return;
     if (executing_ || ended_) {
       // Nothing is being typed: the text stands between what the command printed before and prints after.
-      config_.output->FreshLine();
+      if (config_.kind != SessionKind::kPlain) config_.output->FreshLine();
       config_.output->Append(text);
     } else {
       notices_.append(text);
@@ -312,7 +313,7 @@ bool SessionImpl::TakeWork() {
       working = claimed_ = false;
       if (ended_) {
         queue_.clear();
-        notices = farewell_;
+        notices = std::exchange(notices_, {}) + farewell_;
       }
     } else {
       settings = std::exchange(settings_changed_, false);
@@ -349,7 +350,7 @@ void SessionImpl::LeaveEditor(std::string_view farewell) {
     if (shown_display_ == LineEditor::Display::kFull) config_.output->MarkLineStart();  // the prompt was erased
   }
   if (farewell.empty()) return;
-  config_.output->FreshLine();
+  if (config_.kind != SessionKind::kPlain) config_.output->FreshLine();
   config_.output->Append(farewell);
 }
 
@@ -473,7 +474,8 @@ void SessionImpl::ThreadMain() {
   while (auto line = WaitForJob()) {
     do {
       RunLine(*line);
-      config_.output->WaitForRoom();
+      // A file or a pipe may be shared with what runs next: its output must come behind this.
+      config_.kind == SessionKind::kPlain ? config_.output->WaitUntilWritten() : config_.output->WaitForRoom();
       line = NextLine();
     } while (line);
     config_.output->Flush();
@@ -549,6 +551,7 @@ bool SessionImpl::Dispatch(const std::vector<std::string>& words) {
   } catch (const std::bad_cast&) {
     refusal = std::current_exception();
   }
+  if (HelpInMenu(*this, words)) return true;
   for (const auto& builtin : Builtins()) {
     if (builtin->Exec(words, *this)) return true;
   }

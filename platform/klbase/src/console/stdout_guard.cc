@@ -16,7 +16,7 @@ class GuardBuffer : public std::streambuf {
   void Begin(std::shared_ptr<SessionImpl> session) {
     MutexLock lock(mutex_);
     session_ = std::move(session);
-    if (before_ == nullptr) before_ = std::cout.rdbuf(this);
+    if (std::cout.rdbuf() != this) before_ = std::cout.rdbuf(this);
   }
 
   // From now on everything goes the old way, also what a thread writes that has this buffer still in its hands.
