@@ -124,13 +124,17 @@ class Connection:
     def rest(self):
         self.socket.settimeout(LIMIT_S)
         data = [self.received]
-        try:
-            while chunk := self.socket.recv(65536):
-                data.append(chunk)
-        except ConnectionResetError:
-            pass
+        while chunk := self.socket.recv(65536):
+            data.append(chunk)
         self.received = b""
         return b"".join(data).decode(errors="replace")
+
+    def rest_or_reset(self):
+        """For a connection that may be cut off while it still sends."""
+        try:
+            return self.rest()
+        except ConnectionResetError:
+            return ""
 
     def close(self):
         self.socket.close()
