@@ -19,6 +19,7 @@ import private_network  # noqa: E402
 
 BIN = pathlib.Path(os.environ["VEX_BIN"])
 SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
+REPORT = re.compile(r"(Address|Leak|Thread)Sanitizer|runtime error:")
 LIMIT_S = 60 if SANITIZED else 20  # for anything that must happen; a healthy run needs a fraction
 
 
@@ -163,6 +164,9 @@ def started():
     yield things
     for thing in reversed(things):
         thing.kill() if isinstance(thing, Child) else thing.close()
+    # A program that is killed can't tell of a sanitizer's report by its exit status.
+    errors = [thing.errors() for thing in things if isinstance(thing, Child) and thing.err.exists()]
+    assert not [text for text in errors if REPORT.search(text)]
 
 
 @pytest.fixture
