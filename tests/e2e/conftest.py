@@ -206,8 +206,9 @@ def telnet(started):
 def terminal(tmp_path, started):
     """The tool's local console under a terminal."""
     def open_terminal(*flags, **more):
-        environment = dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "vextool.log"), TERM="xterm",
-                           KLBASE_HISTORY_FILE=str(tmp_path / "history"), **more)
+        settings = {"KLBASE_LOG_FILE": tmp_path / "vextool.log", "KLBASE_HISTORY_FILE": tmp_path / "history",
+                    "TERM": "xterm", **more}
+        environment = dict(os.environ, **{name: str(value) for name, value in settings.items()})
         session = pexpect.spawn(str(BIN / "vextool"), ["--local_console", "--cli_port=0", *flags], timeout=LIMIT_S,
                                 encoding="utf-8", codec_errors="replace", env=environment)
         started.append(session)
