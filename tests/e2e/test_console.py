@@ -128,6 +128,13 @@ def test_ten_megabytes_without_a_newline_are_refused_once(tool, connect):
     still_works(connect, tool)
 
 
+@pytest.mark.parametrize("line", ["encd help", "encd ?"])
+def test_help_behind_a_menus_name_lists_the_menu(tool, connect, line):
+    program = connect(tool.port())
+    answer = program.run(line, "send a proto message\n")
+    assert answer.startswith(" - encd\n") and " - SetQulity <" in answer
+
+
 def test_binary_noise_harms_nobody(tool, connect):
     other = connect(tool.port())
     noise = os.urandom(1 << 20)

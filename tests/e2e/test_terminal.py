@@ -90,8 +90,31 @@ def test_the_terminal_is_as_before_after_exit_and_after_sigint(tmp_path):
         os.write(controller, ending.encode())
         assert tool.wait(LIMIT_S) == (0 if ending == "exit\r" else 1)
         assert termios.tcgetattr(terminal_end) == before
+        os.set_blocking(controller, False)
+        shown += os.read(controller, 65536)
+        assert shown.rfind(b"\x1b[?2004l") > shown.rfind(b"\x1b[?2004h") >= 0  # no marks around what is pasted next
         os.close(controller)
         os.close(terminal_end)
+
+
+def test_answers_and_refusals_keep_their_order_on_a_pipe(tmp_path):
+    done = run_lines(tmp_path, {"input": "core show version\ncore set debug one\ncore show version\n"})
+    between = ('core set: cannot take "one" as <level(int)> (bad from_string conversion: source string value could not '
+               "be interpreted as target). Usage: core set <debug> <level(int)>\n")
+    assert done.stdout == VERSION + between + VERSION
+
+
+def test_a_dumb_terminal_gets_no_escape_sequences(tmp_path):
+    session = pexpect.spawn(str(BIN / "vextool"), ["--local_console", "--cli_port=0"], timeout=LIMIT_S, encoding="utf-8",
+                            env=dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "log"), TERM="dumb"))
+    session.expect("main> ")
+    session.send("core show version\n")
+    session.expect("git-version: v0.0.1\r\nmain> ")
+    assert "\x1b" not in session.before
+    session.send("exit\n")
+    session.expect(pexpect.EOF)
+    session.close()
+    assert session.exitstatus == 0
 
 
 def test_history_of_the_last_run_is_there(terminal):
