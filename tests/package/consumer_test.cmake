@@ -8,7 +8,7 @@ if(SANITIZE)
 endif()
 run(ignored ${CMAKE_COMMAND} -G Ninja -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${work}/build
     -DCMAKE_PREFIX_PATH=${work}/prefix -DCMAKE_CXX_COMPILER=${CXX}
-    -DCMAKE_CXX_FLAGS=${flags})
+    -DCMAKE_CXX_FLAGS=${flags} -DSANITIZE=${SANITIZE})
 run(ignored ${CMAKE_COMMAND} --build ${work}/build)
 run(text ${CMAKE_COMMAND} -E env KLBASE_LOG_FILE=${work}/log ${work}/build/consumer)
 if(NOT text MATCHES "code=7 core=1 encd=0")
