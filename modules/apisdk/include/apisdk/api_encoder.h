@@ -20,7 +20,8 @@ struct ApiStatus {
 // A reply of an unexpected type gives code 0 and an empty message.
 class ApiEncoder {
  public:
-  enum Qulity { kLow = 0, kMiddle = 1, kHigh = 2 };
+  // Of a fixed type, so that any integer may be passed and refused.
+  enum Qulity : int { kLow = 0, kMiddle = 1, kHigh = 2 };
 
   struct LiveStream {
     std::string unique_id;
