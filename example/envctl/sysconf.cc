@@ -49,7 +49,7 @@ int ReadValue(FILE* pipe, char* dst) {
   if (std::fgets(line, sizeof line, pipe) != nullptr) {
     CutLineEnd(line);
     if (const char* const equals = std::strchr(line, '=')) {
-      std::strcpy(dst, equals + 1);
+      std::memcpy(dst, equals + 1, std::strlen(equals + 1) + 1);
       result = 0;
     }
   }
@@ -102,7 +102,8 @@ char* sysconf_getenv(const char* name) {
   char value[kReplySize];
   if (sysconf_getenv_safe(name, value) == nullptr) return nullptr;
   absl::MutexLock lock(&val_mutex);
-  return std::strcpy(val, value);
+  std::memcpy(val, value, std::strlen(value) + 1);
+  return val;
 }
 
 char* fw_getenv(const char* name, char* buffer) {
