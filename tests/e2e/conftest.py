@@ -58,6 +58,12 @@ class Child:
     def signal(self, number):
         self.process.send_signal(number)
 
+    def freeze(self):
+        """Stops all threads of the program, and waits until they are; SIGCONT lets them go on."""
+        self.signal(signal.SIGSTOP)
+        options = os.WSTOPPED | os.WNOHANG | os.WNOWAIT
+        wait_until(lambda: os.waitid(os.P_PID, self.process.pid, options), "the program is stopped")
+
     def kill(self):
         if self.process.poll() is None:
             self.process.kill()

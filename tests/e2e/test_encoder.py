@@ -105,7 +105,7 @@ def test_a_frozen_daemon_does_not_hang_the_tool(tool, connect, fake_encd):
     daemon = fake_encd("status", "0", "fine")
     program = connect(tool.port())
     assert program.run("encd SetQulity high") == "code= 0 result=fine\n"
-    daemon.signal(signal.SIGSTOP)
+    daemon.freeze()
     assert program.run("encd SetQulity high") == FAILED
     daemon.signal(signal.SIGCONT)
     assert program.run("encd SetQulity low") == "code= 0 result=fine\n"
