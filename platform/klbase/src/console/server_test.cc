@@ -636,6 +636,9 @@ TEST_F(ServerTest, SilentAndVanishingConnectionsAreForgotten) {
 }
 
 TEST_F(ServerTest, OutOfFilesIsLoggedOnceAndPasses) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizer's own check of object types needs a file for each look";
+#endif
   Open();
   const LogCapture log;
   TestClient operator_before = Operator();
