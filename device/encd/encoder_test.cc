@@ -156,10 +156,13 @@ TEST_F(EncoderTest, AnMp4RecordingHoldsEveryFrameAndTheSound) {
   // It begins with the keyframe that the start asks for, which is the next frame or the one after.
   EXPECT_GE(facts.video_frames + 2, between);
   EXPECT_LE(facts.video_frames, between + 5);
-  // A busy machine makes fewer frames in that time, never more.
   const double frames_last = static_cast<double>(facts.video_frames) / kFps;
   EXPECT_GE(facts.seconds, frames_last - 0.1);
-  EXPECT_LE(facts.seconds, 2 * frames_last);
+#if defined(__SANITIZE_THREAD__)
+  EXPECT_LE(facts.seconds, 2 * frames_last);  // too slow there to make every frame in time
+#else
+  EXPECT_LE(facts.seconds, frames_last + 0.1);
+#endif
   EXPECT_NEAR(facts.audio_seconds, facts.seconds, 0.25);  // sound comes in pieces of 21 ms, encoded 2 pieces late
   EXPECT_EQ(facts.width, 320);
   EXPECT_THAT(stopped.text, HasSubstr(", " + std::to_string(facts.video_frames) + " frames"));
