@@ -1,9 +1,9 @@
 #include "publisher.h"
 
-#include <array>
 #include <utility>
 
 #include "klbase/log.h"
+#include "unary_exchange.h"
 
 namespace klrpc {
 
@@ -11,53 +11,26 @@ namespace klrpc {
 class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> {
  public:
   PublishCall(Publisher& publisher, Pending pending)
-      : publisher_(publisher), pending_(std::move(pending)), channel_(publisher.channel_.Fresh(nullptr)) {
-    grpc_metadata_array_init(&initial_metadata_);
-    grpc_metadata_array_init(&trailing_metadata_);
-    call_ = grpc_channel_create_call(channel_.get(), nullptr, GRPC_PROPAGATE_DEFAULTS, publisher.loop_.Queue(),
-                                     grpc_slice_from_static_string(kPublishMethod), nullptr,
-                                     DeadlineIn(publisher.timeout_), nullptr);
-  }
-  PublishCall(const PublishCall&) = delete;
-  PublishCall& operator=(const PublishCall&) = delete;
-  ~PublishCall() {
-    grpc_metadata_array_destroy(&initial_metadata_);
-    grpc_metadata_array_destroy(&trailing_metadata_);
-    grpc_call_unref(call_);
-  }
+      : publisher_(publisher),
+        pending_(std::move(pending)),
+        channel_(publisher.channel_.Fresh(nullptr)),
+        exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(publisher.timeout_)) {}
 
   void Start() {
     const Buffer message(pending_.bytes);
-    std::array<grpc_op, 6> ops{};
-    ops[0].op = GRPC_OP_SEND_INITIAL_METADATA;
-    ops[1].op = GRPC_OP_SEND_MESSAGE;
-    ops[1].data.send_message.send_message = message.Get();
-    ops[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
-    ops[3].op = GRPC_OP_RECV_INITIAL_METADATA;
-    ops[3].data.recv_initial_metadata.recv_initial_metadata = &initial_metadata_;
-    ops[4].op = GRPC_OP_RECV_MESSAGE;
-    ops[4].data.recv_message.recv_message = reply_.Reset();
-    ops[5].op = GRPC_OP_RECV_STATUS_ON_CLIENT;
-    ops[5].data.recv_status_on_client.trailing_metadata = &trailing_metadata_;
-    ops[5].data.recv_status_on_client.status = &status_;
-    ops[5].data.recv_status_on_client.status_details = text_.Reset();
-    if (!publisher_.loop_.StartBatch(call_, ops.data(), ops.size(), done_.Begin())) done_.Abandon();
+    const UnaryExchange::Batch batch = exchange_.Operations(message);
+    if (!publisher_.loop_.StartBatch(exchange_.Call(), batch.data(), batch.size(), done_.Begin())) done_.Abandon();
   }
 
-  void Cancel() { grpc_call_cancel(call_, nullptr); }
+  void Cancel() { grpc_call_cancel(exchange_.Call(), nullptr); }
 
  private:
-  void OnDone(bool) { publisher_.OnDone(pending_, status_, std::string(text_.View()), reply_); }
+  void OnDone(bool) { publisher_.OnDone(pending_, exchange_.Code(), exchange_.Text(), exchange_.Reply()); }
 
   Publisher& publisher_;
   const Pending pending_;
   const ChannelPtr channel_;
-  grpc_call* call_ = nullptr;
-  grpc_metadata_array initial_metadata_{};
-  grpc_metadata_array trailing_metadata_{};
-  grpc_status_code status_ = GRPC_STATUS_UNKNOWN;
-  Slice text_;
-  Buffer reply_;
+  UnaryExchange exchange_;
   Completion<PublishCall> done_{this, &PublishCall::OnDone};
 };
 

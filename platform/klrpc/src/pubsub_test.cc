@@ -54,6 +54,7 @@ class Listener : public sigslot::has_slots<sigslot::multi_threaded_global> {
   APIClient& client_;
 };
 
+std::ptrdiff_t Count(const Texts& list, const std::string& text) { return std::count(list.begin(), list.end(), text); }
 bool Has(const Texts& list, const std::string& text) { return std::find(list.begin(), list.end(), text) != list.end(); }
 
 v1::PubsubMessage Message(const std::string& topic, const std::string& payload, const std::string& msg_id = "") {
@@ -175,16 +176,31 @@ TEST_F(PubsubTest, AddedTopicsLoseDoubleAndReorderNothing) {
   ExpectMessages(wanted);
 }
 
+TEST_F(PubsubTest, ATopicAddedBeforeTheConfirmationCameLosesNothing) {
+  for (int round = 0; round < 20; ++round) {
+    const std::string first = "first" + std::to_string(round);
+    const std::string added = "added" + std::to_string(round);
+    Subscribe(first, {first});
+    // The server knows the subscription; whether the client knows that already is open.
+    const auto give_up = steady_clock::now() + kPatience;
+    while (server_->Publish(Message(first, "x")) == 0 && steady_clock::now() < give_up) std::this_thread::yield();
+    Subscribe(first, {added});
+    ExpectState("1 " + first + ": " + first + " " + added);
+    Flush(added);
+    EXPECT_EQ(Count(listener_->messages.Get(), first + "=x"), 1) << round;
+  }
+}
+
 TEST_F(PubsubTest, AStreamWaitsForItsServer) {
   server_.reset();
   Subscribe("me", {"a"});
-  Subscribe("me", {"b"});
+  for (const char* topic : {"b", "c"}) Subscribe("me", {topic});
   EXPECT_FALSE(listener_->states.WaitFor([](const Texts& list) { return !list.empty(); }, 300ms));
   server_ = ServeEvents(address_);
-  ExpectState("1 me: a b");
-  server_->Publish(Message("b", "x"));
-  ExpectMessages({"b=x"});
-  EXPECT_EQ(listener_->states.Get(), Texts{"1 me: a b"});
+  ExpectState("1 me: a b c");
+  for (const char* topic : {"a", "b", "c"}) EXPECT_EQ(server_->Publish(Message(topic, "x")), 1u);
+  ExpectMessages({"a=x", "b=x", "c=x"});
+  EXPECT_EQ(listener_->states.Get(), (Texts{"1 me: a", "1 me: a b c"}));
 }
 
 TEST_F(PubsubTest, WhenAnEstablishedStreamEndsTheSubscriberIsToldAndAsksAgain) {

@@ -144,28 +144,21 @@ void Subscriptions::Subscribe(const std::string& client_id, const std::vector<st
   Open(client_id);
 }
 
-// Opens a stream over all topics of the client id, unless the last one has them already.
+// Opens a stream over all topics of the client id, unless the last one has them already or still waits for its server.
+// That one is not given up for a wider one: its server may have taken it, and messages for it, without our knowing.
 void Subscriptions::Open(const std::string& client_id) {
   StreamPtr stream;
-  std::vector<StreamPtr> given_up;
   {
     const MutexLock lock(mutex_);
     Subscription& subscription = by_client_[client_id];
     auto& streams = subscription.streams;
     if (cancelled_ || subscription.topics.empty()) return;
-    if (!streams.empty() && streams.back()->Topics() == subscription.topics) return;
-    // Those that still wait for a server have promised nothing. When one was confirmed, the later ones may have taken
-    // its place at the server already and are needed.
-    if (std::none_of(streams.begin(), streams.end(), [](const StreamPtr& each) { return each->confirmed; })) {
-      given_up.assign(streams.begin(), streams.end());
-      streams.clear();
-    }
+    if (!streams.empty() && (!streams.back()->confirmed || streams.back()->Topics() == subscription.topics)) return;
     if (channel_ == nullptr) channel_ = CreateStreamChannel(options_);
     stream = std::make_shared<Stream>(*this, channel_, client_id, subscription.topics, ++opened_);
     streams.push_back(stream);
     all_.insert(stream);
   }
-  for (const StreamPtr& each : given_up) each->Cancel();
   stream->Start();
 }
 
@@ -176,13 +169,14 @@ void Subscriptions::OnConfirmed(Stream& stream) {
     const auto& streams = by_client_[stream.ClientId()].streams;
     const auto found = std::find_if(streams.begin(), streams.end(),
                                     [&stream](const StreamPtr& each) { return each.get() == &stream; });
-    if (found == streams.end()) return;  // given up
+    if (found == streams.end()) return;  // ended already
     stream.confirmed = true;
     stream.confirmed_at = std::chrono::steady_clock::now();
     read = found == streams.begin();
   }
   events_.state(StateMessage(stream, kConfirmed));
   if (read) stream.Read();
+  Open(stream.ClientId());  // topics may have been added while it waited
 }
 
 void Subscriptions::OnMessage(const Buffer& bytes) {
@@ -210,7 +204,9 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
     streams.erase(found);
     if (was_first && !streams.empty() && streams.front()->confirmed) next = streams.front();
     if (was_last && stream->confirmed) {
-      subscription.topics.clear();
+      // Those that were added meanwhile stay: whoever added them is about to open a stream for them.
+      std::erase_if(subscription.topics,
+                    [&stream](const std::string& topic) { return Contains(stream->Topics(), topic); });
       const auto lived = std::chrono::steady_clock::now() - stream->confirmed_at;
       if (lived > std::chrono::milliseconds(options_.MaxBackoffMs())) subscription.failures = 0;
     }

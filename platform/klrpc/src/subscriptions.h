@@ -2,7 +2,8 @@
 //
 // A stream's topics never change. When a topic is added, another stream over all of them is opened, and the server lets
 // it take the first one's place at once: each message travels on one of the two. The first one then ends by itself
-// after its last message, and only then is the second one read, so nothing is lost, doubled or out of order.
+// after its last message, and only then is the second one read, so nothing is lost, doubled or out of order. At most one
+// stream at a time waits for the server's confirmation: topics that are added meanwhile follow when it has come.
 #ifndef KLRPC_SRC_SUBSCRIPTIONS_H_
 #define KLRPC_SRC_SUBSCRIPTIONS_H_
 
@@ -74,7 +75,7 @@ class Subscriptions {
   std::uint64_t opened_ ABSL_GUARDED_BY(mutex_) = 0;
   bool cancelled_ ABSL_GUARDED_BY(mutex_) = false;
   std::map<std::string, Subscription> by_client_ ABSL_GUARDED_BY(mutex_);
-  std::set<StreamPtr> all_ ABSL_GUARDED_BY(mutex_);  // also those that were given up
+  std::set<StreamPtr> all_ ABSL_GUARDED_BY(mutex_);
 };
 
 }  // namespace klrpc

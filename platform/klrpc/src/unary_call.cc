@@ -1,73 +1,31 @@
 #include "unary_call.h"
 
-#include <array>
 #include <utility>
 
 #include "grpc_core.h"
+#include "unary_exchange.h"
 
 namespace klrpc {
 namespace {
 
-// One call from its start to its status. All of it happens on the calling thread.
-class Exchange {
- public:
-  Exchange(grpc_channel* channel, grpc_completion_queue* queue)
-      : queue_(queue),
-        call_(grpc_channel_create_call(channel, nullptr, GRPC_PROPAGATE_DEFAULTS, queue,
-                                       grpc_slice_from_static_string(kCallMethod), nullptr, Never(), nullptr)) {
-    grpc_metadata_array_init(&initial_metadata_);
-    grpc_metadata_array_init(&trailing_metadata_);
-  }
-  Exchange(const Exchange&) = delete;
-  Exchange& operator=(const Exchange&) = delete;
-  ~Exchange() {
-    grpc_metadata_array_destroy(&initial_metadata_);
-    grpc_metadata_array_destroy(&trailing_metadata_);
-    grpc_call_unref(call_);
-  }
-
-  CallOutcome Run(const Slice& request, std::chrono::milliseconds timeout) {
-    const gpr_timespec deadline = DeadlineIn(timeout);
-    Start(request);
-    if (grpc_completion_queue_pluck(queue_, this, deadline, nullptr).type == GRPC_QUEUE_TIMEOUT) {
-      // The time limit is kept here rather than by gRPC, which would start a timer for each call.
-      const std::string text = "no reply within " + std::to_string(timeout.count()) + " ms";
-      grpc_call_cancel_with_status(call_, GRPC_STATUS_DEADLINE_EXCEEDED, text.c_str(), nullptr);
-      grpc_completion_queue_pluck(queue_, this, Never(), nullptr);
-    }
-    if (status_ == GRPC_STATUS_OK) return {};
-    return {status_, std::string(text_.View())};
-  }
-
-  const Buffer& Reply() const { return reply_; }
-
- private:
-  void Start(const Slice& request) {
+// All of it happens on the calling thread. The time limit is kept here rather than by gRPC, which would start a timer
+// for each call.
+CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Slice& request,
+                std::chrono::milliseconds timeout) {
+  const gpr_timespec deadline = DeadlineIn(timeout);
+  {
     const Buffer message(request);
-    std::array<grpc_op, 6> ops{};
-    ops[0].op = GRPC_OP_SEND_INITIAL_METADATA;
-    ops[1].op = GRPC_OP_SEND_MESSAGE;
-    ops[1].data.send_message.send_message = message.Get();
-    ops[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
-    ops[3].op = GRPC_OP_RECV_INITIAL_METADATA;
-    ops[3].data.recv_initial_metadata.recv_initial_metadata = &initial_metadata_;
-    ops[4].op = GRPC_OP_RECV_MESSAGE;
-    ops[4].data.recv_message.recv_message = reply_.Reset();
-    ops[5].op = GRPC_OP_RECV_STATUS_ON_CLIENT;
-    ops[5].data.recv_status_on_client.trailing_metadata = &trailing_metadata_;
-    ops[5].data.recv_status_on_client.status = &status_;
-    ops[5].data.recv_status_on_client.status_details = text_.Reset();
-    grpc_call_start_batch(call_, ops.data(), ops.size(), this, nullptr);
+    const UnaryExchange::Batch batch = exchange.Operations(message);
+    grpc_call_start_batch(exchange.Call(), batch.data(), batch.size(), &exchange, nullptr);
   }
-
-  grpc_completion_queue* const queue_;
-  grpc_call* const call_;
-  grpc_metadata_array initial_metadata_;
-  grpc_metadata_array trailing_metadata_;
-  grpc_status_code status_ = GRPC_STATUS_UNKNOWN;
-  Slice text_;
-  Buffer reply_;
-};
+  if (grpc_completion_queue_pluck(queue, &exchange, deadline, nullptr).type == GRPC_QUEUE_TIMEOUT) {
+    const std::string text = "no reply within " + std::to_string(timeout.count()) + " ms";
+    grpc_call_cancel_with_status(exchange.Call(), GRPC_STATUS_DEADLINE_EXCEEDED, text.c_str(), nullptr);
+    grpc_completion_queue_pluck(queue, &exchange, Never(), nullptr);
+  }
+  if (exchange.Code() == GRPC_STATUS_OK) return {};
+  return {exchange.Code(), exchange.Text()};
+}
 
 }  // namespace
 
@@ -108,8 +66,8 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
   CallOutcome outcome;
   {
     const ChannelPtr channel = channel_.Fresh(queue);
-    Exchange exchange(channel.get(), queue);
-    outcome = exchange.Run(bytes, timeout);
+    UnaryExchange exchange(channel.get(), queue, kCallMethod, Never());
+    outcome = Run(exchange, queue, bytes, timeout);
     google::protobuf::Any received;
     if (outcome.code == GRPC_STATUS_OK) {
       if (exchange.Reply().ParseInto(received)) {
