@@ -16,6 +16,7 @@
 #include "core/log_conf.h"
 #include "core/module_loader.h"
 #include "example/exit_handling.h"
+#include "example/service_manager.h"
 #include "klbase/log.h"
 
 ABSL_FLAG(int32_t, cli_port, 50000, "cli telnet server port");
@@ -42,6 +43,7 @@ void InstallFailureHandler() {
 
 void ExitHandle(int) {
   if (!vextool::BeginInterruptedEnd()) return;
+  vextool::TellStopping();
   kModLoader->Uninitialize();
   KlLogDestory();
   exit(1);
@@ -67,7 +69,9 @@ int main(int argc, char* argv[]) {
     KL_DEBUG_LOG(0, 20, "debug_flag:%d, telent port: %d\n", local, port);
     console = cli::ConsoleFactory::Create(std::make_unique<cli::Menu>("main"), local, port);
     vextool::EndStart();
+    vextool::TellReady();
     console->Run();
+    vextool::TellStopping();
     status = kConsoleEnded;
   } catch (const std::exception& error) {
     std::cerr << std::string("Exception caugth in main: ") + error.what() + "\n";
