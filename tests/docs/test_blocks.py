@@ -1,0 +1,192 @@
+"""Every code block of every document is run and compared, or checked, or named here with the reason why not."""
+
+import re
+import shlex
+import subprocess
+
+import pytest
+
+import markdown
+from reader import BIN, SANITIZED, Reader
+
+ROOT = markdown.ROOT
+
+# Blocks that show something which no program here prints: document, how the block begins, why.
+SHOWN_ONLY = [
+    ("docs/architecture.md", "operator ── telnet", "a picture"),
+    ("README.md", "measured ", "figures of one machine; test_the_table_of_figures_is_the_benchmarks_table reads the rest"),
+    ("device/playd/README.md", "", "pictures"),
+]
+
+# Commands in "sh" blocks that are not run here, and why. Those of ./vex are checked against its usage text instead.
+NOT_RUN = [
+    (r"ctest --test-dir build ", "runs the tests, of which this is one"),
+    (r"ssh ", "needs another machine"),
+    (r"telnet \S+ \d+$", "opens a session that the console blocks show"),
+    (r"(sudo )?(apt|apt-get|dpkg) ", "changes the system"),
+    (r"(sudo )?(systemctl|journalctl) ", "needs a system that systemd has started"),
+    (r"cmake --install build --prefix /", "changes the system; package.* installs elsewhere"),
+    (r"cmake .*-DVEX_PLATFORM=system", "package.ToolBuildsOnAnInstalledPlatform does it"),
+    (r"git clone ", "the tree is here already"),
+    (r"openssl passwd -6", "asks for a password at the terminal"),
+]
+
+CHECKED = {"console", "sh", "cpp", "cmake", "python", "proto", "log", "ini"}
+
+
+def shown_only(block):
+    return any(block.file == file and block.text.startswith(start) for file, start, _ in SHOWN_ONLY if start)
+
+
+def of_kind(kind):
+    return [pytest.param(block, id=str(block)) for block in markdown.BLOCKS if block.kind == kind and not shown_only(block)]
+
+
+def test_every_block_is_accounted_for():
+    unknown = [str(block) for block in markdown.BLOCKS if block.kind not in CHECKED and not shown_only(block)]
+    assert not unknown, "say behind the fence what the block is (console, sh, cpp ...), or name it in SHOWN_ONLY"
+
+
+CONSOLE_DOCUMENTS = [document for document in markdown.DOCUMENTS if any(b.kind == "console" for b in document.blocks)]
+
+
+@pytest.mark.parametrize("document", CONSOLE_DOCUMENTS, ids=[document.file for document in CONSOLE_DOCUMENTS])
+def test_screens_are_what_the_programs_show(document, reader):
+    """From top to bottom, as a reader does who follows the document."""
+    reader.save_files(document)
+    for block in document.blocks:
+        if block.kind == "console":
+            reader.play(block)
+
+
+# ./vex
+
+def usage():
+    return subprocess.run([ROOT / "vex", "help"], capture_output=True, text=True, check=True).stdout
+
+
+def vex_commands():
+    """Name to what may stand behind it, as `./vex help` shows it."""
+    rows = re.findall(r"^  ([a-z][\w-]*)((?: (?:\[[^\]]*\]|<[^>]*>|[A-Z][A-Z.]*))*)(?:  |$)", usage(), re.MULTILINE)
+    return {name: words.strip() for name, words in rows}
+
+
+def fits(word, placeholder):
+    placeholder = placeholder.strip("[]<>").replace("...", "")
+    if placeholder == "PRESET":
+        return word in re.search(r"PRESET is one of: (.*)", usage()).group(1).split()
+    if placeholder.lower() in ("minutes", "seconds", "rounds", "n"):
+        return word.isdigit()
+    if placeholder == "FLAG":
+        return word.startswith("--")
+    if placeholder.isupper():
+        return True
+    return word in placeholder.split("|")
+
+
+def test_a_words_form_is_checked():
+    assert fits("tsan", "[PRESET]") and not fits("tsun", "[PRESET]")
+    assert fits("10", "[minutes]") and not fits("ten", "[minutes]")
+    assert fits("arm64", "[amd64|arm64]") and not fits("mips", "[amd64|arm64]")
+
+
+def check_vex(words):
+    commands = vex_commands()
+    assert words[0] in commands, f"./vex knows no '{words[0]}'"
+    placeholders = re.findall(r"\[[^\]]*\]|<[^>]*>|[A-Z.]+", commands[words[0]])
+    for word in words[1:]:
+        while placeholders and not fits(word, placeholders[0]):
+            assert placeholders[0].startswith("["), f"./vex {words[0]}: '{word}' is no {placeholders[0]}"
+            placeholders.pop(0)
+        assert placeholders, f"./vex {words[0]} takes no '{word}'"
+        if "..." not in placeholders[0]:
+            placeholders.pop(0)
+
+
+@pytest.mark.parametrize("block", of_kind("sh"))
+def test_commands_are_known(block):
+    for line in "\n".join(block.lines).replace("\\\n", " ").splitlines():
+        command = re.sub(r"(^|\s)#.*", "", line).strip()
+        if not command:
+            continue
+        words = shlex.split(command)
+        if words[0] == "./vex":
+            check_vex(words[1:])
+        else:
+            assert any(re.match(pattern, command) for pattern, _ in NOT_RUN), f"{block}: '{command}' is not accounted for"
+
+
+def test_vex_knows_the_commands_it_lists():
+    done = subprocess.run([ROOT / "vex", "no-such-command"], capture_output=True, text=True, check=False)
+    assert done.returncode == 1 and done.stderr.endswith("vex: unknown command 'no-such-command'\n")
+    dispatched = re.search(r"^case .*?^esac", (ROOT / "vex").read_text(encoding="utf-8"), re.MULTILINE | re.DOTALL).group(0)
+    patterns = {name for row in re.findall(r"^  ([\w\-| ]+)\)", dispatched, re.MULTILINE)
+                for name in row.replace(" ", "").split("|")}
+    assert patterns - {"-h", "--help"} == set(vex_commands())
+
+
+def test_every_vex_command_is_documented_and_no_other():
+    text = "\n".join(markdown.document(name).text() for name in ("README.md", "CONTRIBUTING.md"))
+    named = set(re.findall(r"\./vex ([a-z][\w-]*)", text))
+    assert named == set(vex_commands())
+
+
+def test_everywhere_named_vex_commands_exist():
+    for document in markdown.DOCUMENTS:
+        for name in re.findall(r"`\./vex ([a-z][\w-]*)", document.text()):
+            assert name in vex_commands(), f"{document.file}: ./vex {name}"
+
+
+@pytest.mark.skipif(subprocess.run(["which", "clang-format-14"], capture_output=True, check=False).returncode != 0,
+                    reason="./vex format would install clang-format-14")
+def test_sources_are_formatted_as_the_documents_say():
+    done = subprocess.run([ROOT / "vex", "format", "--check"], capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stderr
+
+
+# Other kinds
+
+@pytest.mark.parametrize("block", of_kind("proto"))
+def test_schemas_are_shown_as_they_are(block):
+    named = re.match(r"// (\S+\.proto)$", block.lines[0])
+    assert named, f"{block}: begin it with a comment that names the file"
+    lines = [line.strip() for line in (ROOT / named.group(1)).read_text(encoding="utf-8").splitlines()]
+    at = 0
+    for line in block.lines[1:]:
+        assert line.strip() in lines[at:], f"{block}: '{line}' is not in {named.group(1)}, or not there"
+        at = lines.index(line.strip(), at)
+
+
+@pytest.mark.parametrize("block", of_kind("cpp") + of_kind("cmake") + of_kind("python"))
+def test_samples_say_which_file_they_are(block):
+    """They are built with the tests (CMakeLists.txt here), or by commands that a console block of the document shows."""
+    named = Reader.file_name(block)
+    assert named, f"{block}: begin it with a comment that names the file"
+    built = (BIN.parent / "tests" / "docs" / "samples" / named).exists()
+    used = any(part in other.text for other in markdown.document(block.file).blocks if other.kind == "console"
+               for part in (named, named.split("/")[0] + " "))
+    assert built or used, f"{block}: no console block of the document does anything with {named}"
+
+
+@pytest.mark.parametrize("block", of_kind("log"))
+def test_records_look_like_real_ones(block, tmp_path):
+    """The log of a start that is told to listen where nobody can has the records that a document shows."""
+    import transcript  # pylint: disable=import-outside-toplevel
+    reader = Reader(tmp_path)
+    reader.start_demo()
+    reader.stop_demo()
+    log = [transcript.normal(line) for line in (reader.checkout / "build/demo/vextool.log").read_text().splitlines()]
+    for line in block.lines:
+        assert transcript.normal(line) in log, f"{block}: '{line}' is no record of a start"
+
+
+def test_the_table_of_figures_is_the_benchmarks_table():
+    source = "\n".join(path.read_text(encoding="utf-8") for path in (ROOT / "bench").glob("*.py"))
+    block = next(block for block in markdown.BLOCKS if block.text.startswith("measured "))
+    assert "README.md" in block.file
+    columns = [block.lines[0].index(head) for head in ("measured", "figure", "unit", "ratio", "aim")]
+    for line in block.lines[1:]:
+        name = line[:columns[1]].strip()
+        aim = line[columns[4]:].strip()
+        assert name in source, f"{block}: the benchmarks know no '{name}'"
+        assert not aim or f'"{aim}"' in source, f"{block}: '{aim}' is no aim of the benchmarks"
