@@ -46,6 +46,20 @@ void OutputBuffer::Append(std::string_view text) {
   line_start_ = text.back() == '\n';
 }
 
+bool OutputBuffer::Print(std::string_view text) {
+  bool flush = false;
+  {
+    MutexLock lock(mutex_);
+    if (fd_ < 0) return false;
+    if (text.empty()) return true;
+    AppendConvertedLocked(text);
+    line_start_ = text.back() == '\n';
+    flush = !blocked_ && PendingLocked() >= kFlushSize;
+  }
+  if (flush) Flush();
+  return WaitForRoom();
+}
+
 void OutputBuffer::AppendConvertedLocked(std::string_view text) {
   if (text_ == Text::kPlain) {
     pending_.append(text);
@@ -89,6 +103,14 @@ bool OutputBuffer::Flush() {
   }
   if (call && attention_) attention_();
   return done;
+}
+
+void OutputBuffer::FlushUnlessBlocked() {
+  {
+    MutexLock lock(mutex_);
+    if (blocked_) return;
+  }
+  Flush();
 }
 
 void OutputBuffer::WriteLocked() {

@@ -42,6 +42,9 @@ class OutputBuffer {
   void SetText(Text text);
   // Appends what an operator reads. Dropped once closed.
   void Append(std::string_view text);
+  // Appends what a command prints, writes it when it is a lot, and blocks while more than kMaxPending bytes wait. Where
+  // the reader takes nothing, only the transport tries again, when the descriptor is writable. False once closed.
+  bool Print(std::string_view text);
   // Appends protocol bytes.
   void AppendRaw(std::string_view bytes);
   // Begins a new line unless the last text ended one.
@@ -51,6 +54,8 @@ class OutputBuffer {
 
   // Writes what can be written now. True when nothing is left (also because it is closed).
   bool Flush();
+  // The same, unless the reader takes nothing and the transport waits for it.
+  void FlushUnlessBlocked();
   // Blocks while more than kMaxPending bytes wait. False once closed.
   bool WaitForRoom();
   // Blocks until all is written: for a reader who must see what came first before anything else happens. False once

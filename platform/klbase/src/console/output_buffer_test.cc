@@ -124,6 +124,31 @@ TEST(OutputBufferTest, AWriterWaitsForRoomUntilTheReaderReads) {
   EXPECT_LE(output.Pending(), OutputBuffer::kMaxPending);
 }
 
+// With a system call for each piece, the writers of a few readers that are stuck kept everybody else waiting for
+// seconds.
+TEST(OutputBufferTest, APrinterLeavesAStuckReaderToTheTransport) {
+  const SocketPair pair;
+  OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});
+  output.Append(std::string(OutputBuffer::kMaxPending, 'x'));
+  ASSERT_FALSE(output.Flush());
+  while (!pair.Read().empty()) {
+  }
+  EXPECT_TRUE(output.Print("y"));
+  output.FlushUnlessBlocked();
+  EXPECT_EQ(pair.Read(), "");
+  output.Flush();
+  EXPECT_NE(pair.Read(), "");
+}
+
+TEST(OutputBufferTest, WhatIsPrintedGoesOutOnceItIsALot) {
+  const SocketPair pair;
+  OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});
+  EXPECT_TRUE(output.Print("little"));
+  EXPECT_EQ(pair.Read(), "");
+  EXPECT_TRUE(output.Print(std::string(OutputBuffer::kFlushSize, 'x')));
+  EXPECT_EQ(pair.Read().size(), OutputBuffer::kFlushSize + 6);
+}
+
 TEST(OutputBufferTest, CloseReleasesAWriter) {
   const SocketPair pair;
   OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});

@@ -284,7 +284,7 @@ class ServerImpl : public Server, public ConnectionOwner {
       for (const auto& connection : connections_) {
         if (!connection->Session() || !connection->Session()->CommandRunning()) continue;
         running = true;
-        connection->Output()->Flush();
+        connection->Output()->FlushUnlessBlocked();
       }
       ticking_ = running;
       if (running) Tick();

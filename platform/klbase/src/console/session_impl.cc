@@ -73,9 +73,7 @@ const char* KindName(SessionKind kind) {
 }
 
 std::streamsize SessionImpl::StreamBuf::xsputn(const char* text, std::streamsize count) {
-  output_->Append({text, static_cast<std::size_t>(count)});
-  if (output_->Pending() >= OutputBuffer::kFlushSize) output_->Flush();
-  return output_->WaitForRoom() ? count : 0;
+  return output_->Print({text, static_cast<std::size_t>(count)}) ? count : 0;
 }
 
 SessionImpl::StreamBuf::int_type SessionImpl::StreamBuf::overflow(int_type c) {
