@@ -1,6 +1,7 @@
 #include "console/session_impl.h"
 
 #include <errno.h>
+#include <sched.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -226,6 +227,7 @@ void SessionImpl::Close() {
   MutexLock lock(mutex_);
   ended_ = closed_ = true;
   queue_.clear();
+  job_posted_.store(true, std::memory_order_release);
   job_ready_.NotifyAll();
 }
 
@@ -449,20 +451,26 @@ void SessionImpl::Pump() {
 }
 
 bool SessionImpl::HandToThread(std::string line) {
-  MutexLock lock(mutex_);
-  if (!has_thread_) {
-    const SigintBlocked blocked;  // the new thread inherits it
-    try {
-      thread_ = std::thread([self = shared_from_this()] { self->ThreadMain(); });
-    } catch (const std::system_error& e) {
-      KL_LOG(50, "console session %d: no thread for its commands: %s\n", config_.id, e.what());
-      return false;
-    }
-    thread_id_ = thread_.get_id();
-    has_thread_ = true;
+  {
+    MutexLock lock(mutex_);
+    if (!has_thread_ && !StartThreadLocked()) return false;
+    job_ = std::move(line);
+    job_posted_.store(true, std::memory_order_release);
   }
-  job_ = std::move(line);
-  job_ready_.NotifyAll();
+  job_ready_.NotifyAll();  // without the lock, which the woken thread would run into
+  return true;
+}
+
+bool SessionImpl::StartThreadLocked() {
+  const SigintBlocked blocked;  // the new thread inherits it
+  try {
+    thread_ = std::thread([self = shared_from_this()] { self->ThreadMain(); });
+  } catch (const std::system_error& e) {
+    KL_LOG(50, "console session %d: no thread for its commands: %s\n", config_.id, e.what());
+    return false;
+  }
+  thread_id_ = thread_.get_id();
+  has_thread_ = true;
   return true;
 }
 
@@ -486,10 +494,24 @@ void SessionImpl::ThreadMain() {
 }
 
 std::optional<std::string> SessionImpl::WaitForJob() {
+  if (config_.kind == SessionKind::kProgram) WatchForJob();
   MutexLock lock(mutex_);
   while (!job_ && !closed_) job_ready_.Wait(mutex_);
+  job_posted_.store(false, std::memory_order_relaxed);
   if (closed_) return std::nullopt;
   return std::exchange(job_, std::nullopt);
+}
+
+// A program mostly sends its next line when it has the last one's answer, and to wake a thread takes longer than to run
+// most commands: stays awake for that moment, and gives way to every thread that has work.
+void SessionImpl::WatchForJob() {
+  constexpr auto kWatch =
+      std::chrono::microseconds(100);       // a program on this machine answers sooner, or takes its time
+  static std::atomic<bool> watched{false};  // one thread is enough to keep awake
+  if (watched.exchange(true, std::memory_order_acquire)) return;
+  const auto end = std::chrono::steady_clock::now() + kWatch;
+  while (!job_posted_.load(std::memory_order_acquire) && std::chrono::steady_clock::now() < end) sched_yield();
+  watched.store(false, std::memory_order_release);
 }
 
 void SessionImpl::RunLine(const std::string& line) {

@@ -182,10 +182,12 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   // Uses the claim that the caller took: feeds the editor and hands a line to the command thread.
   void Pump();
   bool HandToThread(std::string line);
+  bool StartThreadLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
   // The command thread:
   void ThreadMain();
   std::optional<std::string> WaitForJob();
+  void WatchForJob();
   void RunLine(const std::string& line);
   void RunWords(const std::vector<std::string>& words);
   bool Dispatch(const std::vector<std::string>& words);
@@ -218,6 +220,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
 
   mutable Mutex mutex_;
   Condition job_ready_;
+  std::atomic<bool> job_posted_{false};  // there is a job, or the session is closed: to be looked at without the lock
   std::thread thread_ ABSL_GUARDED_BY(mutex_);
   std::thread::id thread_id_ ABSL_GUARDED_BY(mutex_);
   bool has_thread_ ABSL_GUARDED_BY(mutex_) = false;
