@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <random>
 
@@ -35,6 +36,13 @@ void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int
   const std::string_view path = klbase_internal::SourceName(file);
   KlLog(level, path.data(), path.size(), line, kFunction, sizeof(kFunction) - 1, "%s", text.c_str());
 }
+
+// Which of gRPC's pollers is used. Its default one lets a single thread watch the connections of the whole process and
+// hand what arrives to the others, so a call's reply would wake two threads of the tool, and pass through a third when
+// the service host or a subscription happens to be the watcher. With "poll" the thread that waits for a reply reads it
+// itself. A value that the environment brings is kept. Set while the library is loaded, when no other thread can be
+// reading the environment: gRPC takes it from nowhere else.
+[[maybe_unused]] const int g_poller_chosen = setenv("GRPC_POLL_STRATEGY", "poll", 0);
 
 }  // namespace
 
