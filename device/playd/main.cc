@@ -14,7 +14,10 @@
 #include "absl/flags/flag.h"
 #include "absl/flags/parse.h"
 #include "absl/flags/usage.h"
+#include "absl/flags/usage_config.h"
+#include "absl/strings/match.h"
 #include "absl/strings/str_format.h"
+#include "absl/strings/string_view.h"
 #include "klbase/log.h"
 #include "playd/daemon.h"
 #include "playd/window.h"
@@ -47,6 +50,13 @@ sigset_t BlockSignals() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
   return signals;
+}
+
+// What --help lists. By itself it looks for a file that is named like the program.
+void ListOwnFlags() {
+  absl::FlagsUsageConfig config;
+  config.contains_help_flags = [](absl::string_view file) { return absl::EndsWith(file, "playd/main.cc"); };
+  absl::SetFlagsUsageConfig(config);
 }
 
 // A driver that hangs must not keep the daemon from ending.
@@ -109,6 +119,7 @@ void Serve(const sigset_t& signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ListOwnFlags();
   absl::SetProgramUsageMessage(kUsage);
   const auto words = absl::ParseCommandLine(argc, argv);
   if (words.size() > 1) {

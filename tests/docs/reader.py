@@ -9,7 +9,7 @@ import markdown
 import transcript
 from terminal import Terminal
 
-BIN = pathlib.Path(os.environ["VEX_BIN"]).resolve()
+BIN = pathlib.Path(os.environ.get("VEX_BIN", markdown.ROOT / "build" / "bin")).resolve()
 SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
 SAMPLES = BIN.parent / "tests" / "docs" / "bin"  # the tool with the documents' menus and modules
 LIMIT_S = 60 if SANITIZED else float(os.environ.get("VEX_DOCS_LIMIT_S", 20))
