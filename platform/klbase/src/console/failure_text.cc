@@ -1,20 +1,31 @@
 #include "console/failure_text.h"
 
-#include <algorithm>
 #include <stdexcept>
 #include <string_view>
 
 #include "cli/about_word.h"
 #include "cli/command.h"
+#include "console/line_editor_text.h"
 
 namespace cli::internal {
 namespace {
 
-// A message may come from a daemon's reply: it must not break the line or drive the terminal.
-std::string OneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
-  return text;
+// A message may come from a daemon's reply: it must not break the line or drive the terminal. Control characters become
+// blanks; what else no terminal should get (bytes that are not UTF-8, the second set of control characters) is written
+// out.
+std::string OneLine(std::string_view text) {
+  std::string line;
+  for (std::size_t offset = 0; offset < text.size();) {
+    const Unit unit = UnitAt(text, offset);
+    const auto first = static_cast<unsigned char>(text[offset]);
+    if (first < 0x20 || first == 0x7f) {
+      line += ' ';
+    } else {
+      AppendDisplay(line, text, offset, unit);
+    }
+    offset += unit.length;
+  }
+  return line;
 }
 
 // The standard conversions name only themselves: "stoi", "stoul".

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <utility>
 
+#include "console/line_editor_text.h"
 #include "console/words.h"
 
 namespace cli::internal {
@@ -94,16 +95,24 @@ std::string Suggestions(const Place& place, const Walk& walk, const std::string&
   return text;
 }
 
-// A word as it can be shown on any terminal: control bytes and what follows the 60th byte are left out.
+// A word as it can be shown on any terminal: control characters as question marks, what else a terminal might act on
+// or get wrong written out, and nothing behind the 60th column.
 std::string Shown(std::string_view word, const char* quote = "\"") {
-  constexpr std::size_t kMost = 60;
+  constexpr int kMost = 60;
   std::string shown = quote;
-  for (const char c : word.substr(0, kMost)) shown += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? '?' : c;
-  // A cut must not leave half a UTF-8 character.
-  if (word.size() > kMost) {
-    while ((static_cast<unsigned char>(shown.back()) & 0xc0) == 0x80) shown.pop_back();
-    if (static_cast<unsigned char>(shown.back()) >= 0xc0) shown.pop_back();
-    shown += "...";
+  int columns = 0;
+  for (std::size_t offset = 0; offset < word.size();) {
+    const Unit unit = UnitAt(word, offset);
+    const auto first = static_cast<unsigned char>(word[offset]);
+    const bool control = first < 0x20 || first == 0x7f;
+    columns += control ? 1 : unit.width;
+    if (columns > kMost) return shown + "..." + quote;
+    if (control) {
+      shown += '?';
+    } else {
+      AppendDisplay(shown, word, offset, unit);
+    }
+    offset += unit.length;
   }
   return shown + quote;
 }

@@ -138,5 +138,11 @@ TEST_F(MenuWalkTest, AWordOfBinaryNoiseIsShownHarmlessAndShort) {
   EXPECT_EQ(shown, "Unknown command \"?[2J" + std::string(56, 'x') + "...\". Type \"help\" for the commands.\n");
 }
 
+TEST_F(MenuWalkTest, AWordsControlCharactersOfTheSecondSetAreWrittenOut) {
+  EXPECT_EQ(Explain({"\xc2\x9b"
+                     "2J\x9b"}),
+            "Unknown command \"\\u009b2J\\x9b\". Type \"help\" for the commands.\n");
+}
+
 }  // namespace
 }  // namespace cli::internal

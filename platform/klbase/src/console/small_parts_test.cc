@@ -60,6 +60,15 @@ TEST(FailureTextTest, AMessageStaysOneLineAndDrivesNoTerminal) {
             "\"a [2J\" is not a number (stof)");
 }
 
+TEST(FailureTextTest, TheSecondSetOfControlCharactersAndBrokenUtf8AreWrittenOut) {
+  EXPECT_EQ(TextOf([] {
+              throw std::runtime_error(
+                  "a\xc2\x9b"
+                  "2J \xe4 größe");
+            }),
+            "a\\u009b2J \\xe4 größe");
+}
+
 TEST(HttpSniffTest, RequestLinesAreRecognised) {
   EXPECT_TRUE(IsHttpRequestLine("GET / HTTP/1.1"));
   EXPECT_TRUE(IsHttpRequestLine("POST /x?y=z HTTP/1.0"));
