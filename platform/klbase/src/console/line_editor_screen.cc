@@ -26,19 +26,18 @@ void LineScreen::Resize(std::string& out, int columns, int rows) {
   constexpr int kMinColumns = 10;  // a smaller number is a client's mistake
   constexpr int kMinRows = 2;
   if (columns < kMinColumns) columns = 80;
-  rows_ = rows < kMinRows ? 24 : rows;
-  if (columns == columns_) {
-    top_ = std::max(top_, Row(position_) - rows_ + 1);
-    return;
-  }
+  if (rows < kMinRows) rows = 24;
+  if (columns == columns_ && rows == rows_) return;
   if (!content_.empty() || !hint_.empty()) {
-    const int rows_above = Row(position_) - top_;
+    // A terminal that became lower has lost rows at its top, at its bottom, or both, but not the cursor's.
+    const int rows_above = std::min(Row(position_) - top_, rows - 1);
     const int rows_above_if_rewrapped = (position_ - top_ * columns_) / columns;
     AppendMove(out, std::min(rows_above, rows_above_if_rewrapped), 'A');
     out += '\r';
     out += kEraseBelow;
   }
   columns_ = columns;
+  rows_ = rows;
   Forget();
 }
 

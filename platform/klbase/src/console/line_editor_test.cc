@@ -456,6 +456,14 @@ TEST_F(LineEditorTest, ResizeNeverErasesWhatStandsAbove) {
   EXPECT_THAT(screen_.Text(), testing::EndsWith("main> x"));
 }
 
+TEST_F(LineEditorTest, AWindowThatBecomesLowerCostsNoRowOfTheLine) {
+  UseTerminal(20, 10);
+  Type("<Enter><Enter>0123456789012345678901234567890123456789<Home>");
+  Resize(20, 3);
+  ExpectScreen("main> 01234567890123\n45678901234567890123\n456789");
+  ExpectCursor(0, 6);
+}
+
 TEST_F(LineEditorTest, AnUnusableWindowSizeIsTakenAs80Columns) {
   editor_->Resize(0, 0);
   screen_ = TestScreen(80, 24);

@@ -18,10 +18,10 @@ class TestScreen {
  public:
   TestScreen(int columns, int rows) : columns_(columns), rows_(rows) { Clear(); }
 
-  // A terminal of the kind that does not wrap old text anew.
+  // A terminal of the kind that does not wrap old text anew, and that loses rows at the top only to keep the cursor.
   void Resize(int columns, int rows) {
     columns_ = columns;
-    while (static_cast<int>(cells_.size()) > rows && row_ > 0) ScrollUp();
+    while (row_ >= rows) ScrollUp();
     rows_ = rows;
     cells_.resize(static_cast<std::size_t>(rows));
     for (auto& row : cells_) row.resize(static_cast<std::size_t>(columns), Blank());
