@@ -108,7 +108,7 @@ LogFile::Sink LogFile::OpenSink(const Settings& settings, std::string* error) {
 }
 
 bool LogFile::Open(Settings settings) {
-  LogMutexLock control(control_);
+  klbase::MutexLock control(control_);
   CloseLocked();
   settings_ = std::move(settings);
   std::string error;
@@ -119,13 +119,13 @@ bool LogFile::Open(Settings settings) {
   }
   const bool opened = sink != nullptr;
   {
-    LogMutexLock lock(mutex_);
+    klbase::MutexLock lock(mutex_);
     sink_ = std::move(sink);
     unflushed_ = failing_ = stop_flusher_ = false;
   }
   if (opened) flusher_ = StartWithSignalsBlocked([](LogFile* file) { file->RunFlusher(); }, this);
   {
-    LogMutexLock lock(mutex_);
+    klbase::MutexLock lock(mutex_);
     flusher_runs_ = flusher_ != nullptr;
   }
   open_.store(true, std::memory_order_release);
@@ -133,14 +133,14 @@ bool LogFile::Open(Settings settings) {
 }
 
 void LogFile::Close() {
-  LogMutexLock control(control_);
+  klbase::MutexLock control(control_);
   CloseLocked();
 }
 
 void LogFile::CloseLocked() {
   std::string notice;
   {
-    LogMutexLock lock(mutex_);
+    klbase::MutexLock lock(mutex_);
     open_.store(false, std::memory_order_release);
     FlushLocked(&notice);
     sink_.reset();
@@ -165,7 +165,7 @@ void LogFile::Write(int level, std::string_view line) {
   bool written = false;
   inside = true;
   {
-    LogMutexLock lock(mutex_);
+    klbase::MutexLock lock(mutex_);
     // Tested again under the lock: the file may have been closed meanwhile.
     written = !open_.load(std::memory_order_relaxed) || WriteToSinkLocked(level, line, &notice);
   }
@@ -217,10 +217,12 @@ void LogFile::RunFlusher() {
     std::string notice;
     bool lost = false;
     {
-      LogMutexLock lock(mutex_);
+      klbase::MutexLock lock(mutex_);
       while (!stop_flusher_ && !unflushed_ && sink_ != nullptr) wake_flusher_.Wait(mutex_);
-      const auto due = std::chrono::system_clock::now() + kFlushInterval;
-      while (!stop_flusher_ && std::chrono::system_clock::now() < due) wake_flusher_.WaitUntil(mutex_, due);
+      // A wall clock that is set back must not hold the records back.
+      const auto due = klbase::Condition::Clock::now() + kFlushInterval;
+      while (!stop_flusher_ && wake_flusher_.WaitUntil(mutex_, due)) {
+      }
       if (stop_flusher_) return;
       FlushLocked(&notice);
       lost = sink_ == nullptr;
@@ -234,7 +236,7 @@ void LogFile::RunFlusher() {
 void LogFile::Reopen() {
   std::string error;
   Sink sink = OpenSink(settings_, &error);
-  LogMutexLock lock(mutex_);
+  klbase::MutexLock lock(mutex_);
   if (!stop_flusher_) sink_ = std::move(sink);
 }
 
@@ -247,24 +249,24 @@ void LogFile::RegisterForkHandlers() {
 
 void LogFile::BeforeFork() ABSL_NO_THREAD_SAFETY_ANALYSIS {
   LocalTimeOffset(std::time(nullptr));  // so that the child need not ask
-  control_.Lock();
-  mutex_.Lock();
+  control_.lock();
+  mutex_.lock();
   std::string notice;
   FlushLocked(&notice);
   WriteToStandardError(notice);
 }
 
 void LogFile::AfterForkInParent() ABSL_NO_THREAD_SAFETY_ANALYSIS {
-  mutex_.Unlock();
-  control_.Unlock();
+  mutex_.unlock();
+  control_.unlock();
 }
 
 void LogFile::AfterForkInChild() ABSL_NO_THREAD_SAFETY_ANALYSIS {
-  new (&wake_flusher_) LogCondition;
+  new (&wake_flusher_) klbase::Condition;
   (void)flusher_.release();
   flusher_runs_ = false;
-  mutex_.Unlock();
-  control_.Unlock();
+  mutex_.unlock();
+  control_.unlock();
 }
 
 }  // namespace klbase_internal

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <thread>
 
-#include "log_mutex.h"
+#include "klbase/mutex.h"
 
 namespace spdlog::sinks {
 class sink;
@@ -56,13 +56,13 @@ class LogFile {
   void AfterForkInChild();
 
   // Held while the file is opened and closed, so that only one thread starts and ends the flusher.
-  LogMutex control_;
+  klbase::Mutex control_;
   Settings settings_;  // written while no flusher runs
   std::unique_ptr<std::thread> flusher_ ABSL_GUARDED_BY(control_);
 
   std::atomic<bool> open_{false};
-  LogMutex mutex_;
-  LogCondition wake_flusher_;
+  klbase::Mutex mutex_;
+  klbase::Condition wake_flusher_;
   Sink sink_ ABSL_GUARDED_BY(mutex_);
   bool flusher_runs_ ABSL_GUARDED_BY(mutex_) = false;
   bool stop_flusher_ ABSL_GUARDED_BY(mutex_) = false;

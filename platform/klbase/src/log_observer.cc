@@ -4,7 +4,7 @@
 #include <memory>
 #include <utility>
 
-#include "log_mutex.h"
+#include "klbase/mutex.h"
 
 namespace klbase_internal {
 namespace {
@@ -15,8 +15,8 @@ struct Observer {
 };
 
 struct Registry {
-  LogMutex mutex;
-  LogCondition idle;
+  klbase::Mutex mutex;
+  klbase::Condition idle;
   std::shared_ptr<Observer> current ABSL_GUARDED_BY(mutex);
 };
 
@@ -32,13 +32,13 @@ constinit std::atomic<bool> has_observer{false};
 constinit thread_local const Observer* current_call = nullptr;
 
 std::shared_ptr<Observer> BeginCall(Registry& registry) {
-  LogMutexLock lock(registry.mutex);
+  klbase::MutexLock lock(registry.mutex);
   if (registry.current != nullptr) ++registry.current->running;
   return registry.current;
 }
 
 void EndCall(Registry& registry, Observer& observer) {
-  LogMutexLock lock(registry.mutex);
+  klbase::MutexLock lock(registry.mutex);
   if (--observer.running == 0) registry.idle.NotifyAll();
 }
 
@@ -64,13 +64,13 @@ void NotifyLogObserver(const KlLogRecord& record) {
 }  // namespace klbase_internal
 
 void KlLogSetObserver(std::function<void(const KlLogRecord&)> observer) {
-  using klbase_internal::LogMutexLock;
+  using klbase::MutexLock;
   auto& registry = klbase_internal::TheRegistry();
   std::shared_ptr<klbase_internal::Observer> next;
   if (observer) next = std::make_shared<klbase_internal::Observer>(klbase_internal::Observer{std::move(observer), 0});
   // Declared before the lock so that the old function's captures are destroyed outside of it.
   std::shared_ptr<klbase_internal::Observer> old;
-  LogMutexLock lock(registry.mutex);
+  klbase::MutexLock lock(registry.mutex);
   old = std::exchange(registry.current, std::move(next));
   klbase_internal::has_observer.store(registry.current != nullptr, std::memory_order_release);
   if (old == nullptr) return;

@@ -27,44 +27,17 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "klbase/mutex.h"
 #include "klrpc/export.h"
 
 namespace sigslot {
 
-// A mutex that clang's thread-safety check knows and that works with the standard lock classes.
-class ABSL_LOCKABLE KLRPC_EXPORT mutex {
- public:
-  mutex() = default;
-  mutex(const mutex&) = delete;
-  mutex& operator=(const mutex&) = delete;
-
-  void lock() ABSL_EXCLUSIVE_LOCK_FUNCTION() { native_.lock(); }
-  void unlock() ABSL_UNLOCK_FUNCTION() { native_.unlock(); }
-  bool try_lock() ABSL_EXCLUSIVE_TRYLOCK_FUNCTION(true) { return native_.try_lock(); }
-
-  // For condition variables.
-  std::mutex& native() { return native_; }
-
- private:
-  std::mutex native_;
-};
-
-// Holds a mutex for a scope.
-class ABSL_SCOPED_LOCKABLE mutex_lock {
- public:
-  explicit mutex_lock(mutex& held) ABSL_EXCLUSIVE_LOCK_FUNCTION(held) : held_(held) { held_.lock(); }
-  mutex_lock(const mutex_lock&) = delete;
-  mutex_lock& operator=(const mutex_lock&) = delete;
-  ~mutex_lock() ABSL_UNLOCK_FUNCTION() { held_.unlock(); }
-
- private:
-  mutex& held_;
-};
+using mutex = klbase::Mutex;
+using mutex_lock = klbase::MutexLock;
 
 // Policies: which mutex guards a holder's list of the signals it is connected to. It is held for moments only, never
 // while a slot runs.

@@ -1,0 +1,79 @@
+// A std::mutex that clang's thread-safety check knows, and a condition for it. For the platform libraries and the
+// programs beside them.
+//
+// Why not absl::Mutex: the thread sanitizer sees the lock operations of these also when Abseil comes from a
+// distribution, uninstrumented, and they may be held across a fork().
+#ifndef KLBASE_MUTEX_H_
+#define KLBASE_MUTEX_H_
+
+#include <absl/base/thread_annotations.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+namespace klbase {
+
+// Not recursive. Its functions are named as the standard lock classes need them.
+class ABSL_LOCKABLE Mutex {
+ public:
+  Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+  void lock() ABSL_EXCLUSIVE_LOCK_FUNCTION() { mutex_.lock(); }
+  void unlock() ABSL_UNLOCK_FUNCTION() { mutex_.unlock(); }
+  bool try_lock() ABSL_EXCLUSIVE_TRYLOCK_FUNCTION(true) { return mutex_.try_lock(); }
+
+ private:
+  friend class Condition;
+  std::mutex mutex_;
+};
+
+// Holds a mutex for a scope.
+class ABSL_SCOPED_LOCKABLE MutexLock {
+ public:
+  explicit MutexLock(Mutex& mutex) ABSL_EXCLUSIVE_LOCK_FUNCTION(mutex) : mutex_(mutex) { mutex_.lock(); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+  ~MutexLock() ABSL_UNLOCK_FUNCTION() { mutex_.unlock(); }
+
+ private:
+  Mutex& mutex_;
+};
+
+// What threads wait for, beside the mutex that guards it. A wait may end early: test what is waited for in a loop.
+class Condition {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  void Wait(Mutex& held) ABSL_EXCLUSIVE_LOCKS_REQUIRED(held) {
+    std::unique_lock<std::mutex> lock(held.mutex_, std::adopt_lock);
+    changed_.wait(lock);
+    lock.release();
+  }
+
+  // False when `deadline` has passed. A wall clock that jumps shortens and lengthens nothing.
+  bool WaitUntil(Mutex& held, Clock::time_point deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(held) {
+    std::unique_lock<std::mutex> lock(held.mutex_, std::adopt_lock);
+#ifdef __SANITIZE_THREAD__
+    // g++'s thread sanitizer does not see waits on the steady clock.
+    const auto left = deadline - Clock::now();
+    changed_.wait_until(
+        lock, std::chrono::system_clock::now() + std::chrono::duration_cast<std::chrono::system_clock::duration>(left));
+#else
+    changed_.wait_until(lock, deadline);
+#endif
+    lock.release();
+    return Clock::now() < deadline;
+  }
+
+  void NotifyAll() { changed_.notify_all(); }
+
+ private:
+  std::condition_variable changed_;
+};
+
+}  // namespace klbase
+
+#endif  // KLBASE_MUTEX_H_
