@@ -144,7 +144,7 @@ void CheckValue(const std::string& value) {
                     " is the most",
                 true);
   }
-  const auto is_control = [](char c) { return (c >= 0 && c < ' ') || c == 0x7f; };
+  const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };  // a plain char has a sign or none
   if (std::any_of(value.begin(), value.end(), is_control)) {
     throw Error("the value holds control characters; it must be one line of text", true);
   }
