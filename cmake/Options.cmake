@@ -28,6 +28,15 @@ if(VEX_SANITIZE)
   add_compile_options(-fsanitize=${VEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VEX_SANITIZE})
 endif()
+include(${CMAKE_CURRENT_LIST_DIR}/Coverage.cmake)
+
+option(VEX_FUZZ "build the fuzz targets (clang only); everything they run is then built to guide them" OFF)
+if(VEX_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    message(FATAL_ERROR "VEX_FUZZ needs clang: use the preset fuzz, or -DCMAKE_CXX_COMPILER=clang++-14")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 
 # Log records name the source file below the repository, so the compiler is told to cut the path that leads to it.
 # ccache names sources relative to the build folder where CCACHE_BASEDIR covers them.

@@ -12,6 +12,8 @@ endforeach()
 set(flags "")
 if(SANITIZE)
   set(flags "-fsanitize=${SANITIZE}")
+elseif(COVERAGE)
+  set(flags "--coverage")
 endif()
 run(ignored ${CMAKE_COMMAND} -G Ninja -S ${CMAKE_CURRENT_LIST_DIR}/consumer -B ${work}/build
     -DCMAKE_PREFIX_PATH=${work}/prefix -DCMAKE_CXX_COMPILER=${CXX}
