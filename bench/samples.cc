@@ -19,6 +19,10 @@ double Percentile(const std::vector<double>& sorted, double part) {
 }  // namespace
 
 int MeasureAndPrint(std::size_t count, const std::function<bool()>& round_trip) {
+  if (count == 0) {
+    std::fprintf(stderr, "how many round trips are to be measured: give a number from 1\n");
+    return 2;
+  }
   std::vector<double> samples;
   samples.reserve(count);
   for (std::size_t i = 0; i < count + count / 10; ++i) {
