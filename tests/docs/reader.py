@@ -11,6 +11,7 @@ from terminal import Terminal
 
 BIN = pathlib.Path(os.environ.get("VEX_BIN", markdown.ROOT / "build" / "bin")).resolve()
 SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
+INSTRUMENTED = SANITIZED or os.environ.get("VEX_COVERAGE") in ("ON", "1")  # what is linked with it must be so, too
 SAMPLES = BIN.parent / "tests" / "docs" / "bin"  # the tool with the documents' menus and modules
 LIMIT_S = 60 if SANITIZED else float(os.environ.get("VEX_DOCS_LIMIT_S", 20))
 # Belongs to whoever runs the tests, not to the reader.
@@ -94,7 +95,10 @@ class Reader:
     def play(self, block):
         """Does what a console block says and compares what appears. "alone" behind the fence's kind: without the demo;
         "beside": with it, although nothing of it shows in the block; "samples": with the document's own menus and
-        modules built in; "meanwhile": its one command goes on while the next block is played, and must end then."""
+        modules built in; "meanwhile": its one command goes on while the next block is played, and must end then;
+        "plain": with libraries that another program can be linked with as the document says."""
+        if "plain" in block.info and INSTRUMENTED:
+            return
         if "alone" in block.info:
             self.stop_demo()
         if "samples" in block.info:

@@ -7,6 +7,7 @@ import subprocess
 import pytest
 
 import markdown
+import transcript
 from reader import BIN, SANITIZED, Reader
 
 ROOT = markdown.ROOT
@@ -34,16 +35,26 @@ NOT_RUN = [
 CHECKED = {"console", "sh", "cpp", "cmake", "python", "proto", "log", "ini"}
 
 
+RECORD = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \d0 ")
+
+
+def kind(block):
+    """What stands behind the fence; of a block without that, what it looks like."""
+    if block.kind in ("bash", "shell", ""):
+        return "log" if block.lines and all(RECORD.match(line) for line in block.lines) else "sh"
+    return block.kind
+
+
 def shown_only(block):
     return any(block.file == file and block.text.startswith(start) for file, start, _ in SHOWN_ONLY if start)
 
 
-def of_kind(kind):
-    return [pytest.param(block, id=str(block)) for block in markdown.BLOCKS if block.kind == kind and not shown_only(block)]
+def of_kind(wanted):
+    return [pytest.param(block, id=str(block)) for block in markdown.BLOCKS if kind(block) == wanted and not shown_only(block)]
 
 
 def test_every_block_is_accounted_for():
-    unknown = [str(block) for block in markdown.BLOCKS if block.kind not in CHECKED and not shown_only(block)]
+    unknown = [str(block) for block in markdown.BLOCKS if kind(block) not in CHECKED and not shown_only(block)]
     assert not unknown, "say behind the fence what the block is (console, sh, cpp ...), or name it in SHOWN_ONLY"
 
 
@@ -66,41 +77,49 @@ def usage():
 
 
 def vex_commands():
-    """Name to what may stand behind it, as `./vex help` shows it."""
-    rows = re.findall(r"^  ([a-z][\w-]*)((?: (?:\[[^\]]*\]|<[^>]*>|[A-Z][A-Z.]*))*)(?:  |$)", usage(), re.MULTILINE)
-    return {name: words.strip() for name, words in rows}
+    """Name to the words that may stand behind it, as `./vex help` shows them."""
+    rows = re.findall(r"^  ([a-z][\w-]*)(?: (\S+(?: \S+)*))?(?:  .*)?$", usage(), re.MULTILINE)
+    return {name: words.split() for name, words in rows}
 
 
-def fits(word, placeholder):
-    placeholder = placeholder.strip("[]<>").replace("...", "")
-    if placeholder == "PRESET":
+def fits(word, form):
+    """Whether a word is of the form that the usage text shows: a kind of words in capitals, or words to choose from."""
+    form = form.strip("[]<>").replace("...", "")
+    if form == "PRESET":
         return word in re.search(r"PRESET is one of: (.*)", usage()).group(1).split()
-    if placeholder.lower() in ("minutes", "seconds", "rounds", "n"):
+    if form.upper() in ("MINUTES", "SECONDS", "ROUNDS", "N"):
         return word.isdigit()
-    if placeholder == "FLAG":
+    if form == "FLAG":
         return word.startswith("--")
-    if placeholder.isupper():
-        return True
-    return word in placeholder.split("|")
+    return form.isupper() or word in form.split("|")
 
 
-def test_a_words_form_is_checked():
-    assert fits("tsan", "[PRESET]") and not fits("tsun", "[PRESET]")
-    assert fits("10", "[minutes]") and not fits("ten", "[minutes]")
-    assert fits("arm64", "[amd64|arm64]") and not fits("mips", "[amd64|arm64]")
-
-
-def check_vex(words):
+def refusal(words):
+    """What is wrong with a ./vex command; None for nothing."""
     commands = vex_commands()
-    assert words[0] in commands, f"./vex knows no '{words[0]}'"
-    placeholders = re.findall(r"\[[^\]]*\]|<[^>]*>|[A-Z.]+", commands[words[0]])
+    if words[0] not in commands:
+        return f"./vex knows no '{words[0]}'"
+    forms = list(commands[words[0]])
     for word in words[1:]:
-        while placeholders and not fits(word, placeholders[0]):
-            assert placeholders[0].startswith("["), f"./vex {words[0]}: '{word}' is no {placeholders[0]}"
-            placeholders.pop(0)
-        assert placeholders, f"./vex {words[0]} takes no '{word}'"
-        if "..." not in placeholders[0]:
-            placeholders.pop(0)
+        while forms and not fits(word, forms[0]):
+            if not forms[0].startswith("["):
+                return f"'{word}' is no {forms[0]}"
+            forms.pop(0)
+        if not forms:
+            return f"./vex {words[0]} takes no '{word}'"
+        if "..." not in forms[0]:
+            forms.pop(0)
+    return None
+
+
+@pytest.mark.parametrize("command", ["demo", "demo --cli_port=0", "test", "test tsan", "test release -R Line", "format --check"])
+def test_right_commands_are_taken(command):
+    assert refusal(command.split()) is None
+
+
+@pytest.mark.parametrize("command", ["dema", "build tsun", "build tsan tsan", "format --chek", "demo now"])
+def test_wrong_commands_are_noticed(command):
+    assert refusal(command.split())
 
 
 @pytest.mark.parametrize("block", of_kind("sh"))
@@ -111,7 +130,8 @@ def test_commands_are_known(block):
             continue
         words = shlex.split(command)
         if words[0] == "./vex":
-            check_vex(words[1:])
+            wrong = refusal(words[1:])
+            assert not wrong, f"{block}: {command}: {wrong}"
         else:
             assert any(re.match(pattern, command) for pattern, _ in NOT_RUN), f"{block}: '{command}' is not accounted for"
 
@@ -170,14 +190,23 @@ def test_samples_say_which_file_they_are(block):
 
 @pytest.mark.parametrize("block", of_kind("log"))
 def test_records_look_like_real_ones(block, tmp_path):
-    """The log of a start that is told to listen where nobody can has the records that a document shows."""
-    import transcript  # pylint: disable=import-outside-toplevel
+    """The log of the demo has the records that a document shows."""
     reader = Reader(tmp_path)
     reader.start_demo()
     reader.stop_demo()
     log = [transcript.normal(line) for line in (reader.checkout / "build/demo/vextool.log").read_text().splitlines()]
     for line in block.lines:
         assert transcript.normal(line) in log, f"{block}: '{line}' is no record of a start"
+
+
+@pytest.mark.parametrize("block", of_kind("ini"))
+def test_unit_settings_are_settings(block):
+    known = {"Environment", "EnvironmentFile", "ExecStart", "User", "Group", "ReadWritePaths", "BindReadOnlyPaths"}
+    known |= {key for name in markdown.TREE if name.endswith(".service")
+              for key in re.findall(r"^(\w+)=", (ROOT / name).read_text(encoding="utf-8"), re.MULTILINE)}
+    for line in block.lines:
+        setting = re.match(r"(\w+)=", line)
+        assert re.match(r"\[\w+\]$|#|;|$", line) or (setting and setting.group(1) in known), f"{block}: {line}"
 
 
 def test_the_table_of_figures_is_the_benchmarks_table():

@@ -221,3 +221,33 @@ def test_names_of_the_code_exist():
                 assert re.search(rf"\b{name}\b", sources), f"{document.file}:{number}: {span}"
             for name in re.findall(r"^-D(\w+)=", span):
                 assert name.startswith("CMAKE_") or name in sources, f"{document.file}:{number}: {span}"
+
+
+def test_every_folder_is_in_the_architecture():
+    table = re.findall(r"^\| `([\w./]+)` \|", read("docs/architecture.md"), re.MULTILINE)
+    assert {name.split("/")[0] for name in table} == {folder for folder in FOLDERS if not folder.startswith(".")}
+
+
+# The reference player's page
+
+PLAYER_PAGE = "device/playd/README.md"
+
+
+def test_fields_of_requests_are_the_schemas():
+    fields = set(re.findall(r"^  [\w.]+ (\w+) = \d+;", read("schema/player/v1/player.proto"), re.MULTILINE))
+    section = read(PLAYER_PAGE).split("## What the numbers")[1].split("\n## ")[0]
+    for cell in re.findall(r"^\| ([^|]*`[^|]*)\|", section, re.MULTILINE):
+        for name in re.findall(r"`([\w.]+)`", cell):
+            assert set(name.split(".")) <= fields, name
+
+
+def test_error_codes_are_the_players():
+    defined = set(re.findall(r"^  k\w+ = (\d+),", read("device/playd/outcome.h"), re.MULTILINE)) - {"0"}
+    section = read(PLAYER_PAGE).split("## Error codes")[1].split("\n## ")[0]
+    assert set(re.findall(r"\| (\d+) \|", section)) == defined
+
+
+def test_play_states_are_the_players():
+    defined = re.findall(r"^  k(\w+) = (\d+),", read("device/playd/play_state.h"), re.MULTILINE)
+    page = re.search(r"`play_state`:([^.]*)\.", read(PLAYER_PAGE)).group(1)
+    assert re.findall(r"(\d) (\w+)", page) == [(number, name.lower()) for name, number in defined]
