@@ -1,0 +1,179 @@
+"""The packages' life under a real service manager: installed, used, upgraded, removed, purged."""
+
+import re
+
+import pytest
+
+from private_root import PrivateRoot, wait_until
+
+UNITS = ["vextool.service", "encd.service", "playd.service"]
+OWN_WORDS = ["vextool", "klbase", "klrpc", "encd", "playd", "kelo", "make_sample_clip", "apisdk"]
+NEWER = "99.0"
+
+# Lines for the console out of Python, which is there: a client that speaks first.
+CLIENT = """
+import socket, sys
+console = socket.create_connection(("127.0.0.1", int(sys.argv[1])), 20)
+console.settimeout(20)
+console.sendall("".join(line + "\\n" for line in sys.argv[2:]).encode())
+console.shutdown(socket.SHUT_WR)
+while chunk := console.recv(65536):
+    sys.stdout.write(chunk.decode())
+"""
+
+
+def ask(root, *lines, port=50000):
+    return root.inside("python3", "-c", CLIENT, port, *lines)
+
+
+def main_process(root, unit):
+    return root.unit(unit, "MainPID")["MainPID"]
+
+
+def state(root, unit):
+    return root.unit(unit, "ActiveState")["ActiveState"]
+
+
+def journal(root, unit):
+    return root.inside("journalctl", "--no-pager", "--output=cat", f"--unit={unit}")
+
+
+def install(root, packages):
+    root.boot()
+    root.install(packages["vextool"], packages["vextool-device"])
+    wait_until(lambda: all("listens on" in journal(root, unit) for unit in UNITS), "all three listen")
+    return root
+
+
+@pytest.fixture(scope="module")
+def shared_root(packages, tmp_path_factory):
+    root = PrivateRoot(tmp_path_factory.mktemp("shared"))
+    yield install(root, packages)
+    root.stop()
+
+
+@pytest.fixture
+def installed(shared_root):
+    """For tests that leave everything installed, as one boot serves them all; their settings go."""
+    yield shared_root
+    for changed in ("etc/default/vextool", "etc/systemd/system/vextool.service.d/password.conf"):
+        file = shared_root.path / changed
+        if changed.startswith("etc/default"):
+            file.write_text("", encoding="ascii")
+        else:
+            file.unlink(missing_ok=True)
+    shared_root.inside("systemctl", "daemon-reload")
+    shared_root.inside("systemctl", "reset-failed")
+    shared_root.inside("systemctl", "restart", "vextool.service")
+
+
+@pytest.fixture
+def own(root, packages):
+    """For tests that install and remove."""
+    return install(root, packages)
+
+
+def test_the_services_run_as_their_own_user_once_they_are_installed(installed):
+    for unit in UNITS:
+        assert installed.unit(unit, "ActiveState", "SubState", "User", "UnitFileState") == {
+            "ActiveState": "active", "SubState": "running", "User": "vextool", "UnitFileState": "enabled"}, unit
+        owner = installed.inside("stat", "--format=%U", f"/proc/{main_process(installed, unit)}")
+        assert owner == "vextool\n", unit
+    assert installed.inside("systemctl", "list-units", "--failed", "--plain", "--no-legend", *UNITS) == ""
+
+
+def test_a_start_is_over_when_the_console_listens(installed):
+    for _ in range(5):
+        installed.inside("systemctl", "reset-failed")  # for the limit of starts in a time
+        installed.inside("systemctl", "restart", "vextool.service")
+        assert "git-version:" in ask(installed, "core show version")
+
+
+def test_commands_reach_the_encoder_and_the_player(installed):
+    assert ask(installed, "encd SetQulity high") == "code= 0 result=quality high, 6000 kbit/s\n"
+    assert "result     :1\n" in ask(installed, "playd CreateUplayer 0")
+    installed.inside("make_sample_clip", "/srv/clip.mp4")
+    opened = ask(installed, "playd OpenMediaOfUplayer 0 1 1 1 0 0 0 /srv/clip.mp4 0 0 1280 720 0")
+    assert "result     :1\n" in opened
+    # The player's events go to the tool's standard output.
+    wait_until(lambda: "/srv/clip.mp4" in journal(installed, "vextool.service"), "the event of the opened clip")
+
+
+def test_a_command_that_runs_the_settings_tool_works(installed):
+    installed.inside("/usr/kelo/bin/sysconfig", "set", "test", "1")
+    assert ask(installed, "envctl description", "core show version").startswith("apisdk tools")
+    assert "rror" not in journal(installed, "vextool.service")
+
+
+def test_the_log_is_where_only_the_service_and_its_group_may_read_it(installed):
+    assert installed.inside("stat", "--format=%U %a", "/var/log/vextool", "/var/log/vextool/vextool.log") == \
+        "vextool 750\nvextool 640\n"
+    records = installed.inside("cat", "/var/log/vextool/vextool.log")
+    assert "console listens on 127.0.0.1:50000" in records
+    assert not re.search(r"ermission|not permitted|Read-only|NOTIFY_SOCKET", records)
+
+
+def test_a_stop_is_an_interrupt_and_counts_as_success(installed):
+    installed.inside("systemctl", "stop", "vextool.service")
+    assert installed.unit("vextool.service", "ActiveState", "Result", "ExecMainCode", "ExecMainStatus") == {
+        "ActiveState": "inactive", "Result": "success", "ExecMainCode": "1", "ExecMainStatus": "1"}
+    assert "Unload all modules" in installed.inside("cat", "/var/log/vextool/vextool.log")
+
+
+def test_a_crash_is_followed_by_a_new_start(installed):
+    before = main_process(installed, "vextool.service")
+    installed.inside("systemctl", "kill", "--signal=KILL", "vextool.service")
+    wait_until(lambda: state(installed, "vextool.service") == "active" and
+               main_process(installed, "vextool.service") not in ("0", before), "a new tool")
+    assert "git-version:" in ask(installed, "core show version")
+
+
+def test_flags_and_environment_come_from_the_defaults_file(installed):
+    defaults = installed.path / "etc/default/vextool"
+    defaults.write_text("VEXTOOL_FLAGS=--cli_port=50123\nKLBASE_LOG_LEVEL=30\n", encoding="ascii")
+    installed.inside("systemctl", "restart", "vextool.service")
+    assert "git-version:" in ask(installed, "core show version", port=50123)
+
+
+def test_a_password_file_of_root_reaches_the_service_as_a_credential(installed):
+    installed.inside("sh", "-c", "openssl passwd -6 secret > /etc/vextool.password; chmod 600 /etc/vextool.password;"
+                     "mkdir -p /etc/systemd/system/vextool.service.d; printf '[Service]\\n"
+                     "LoadCredential=password:/etc/vextool.password\\n"
+                     "Environment=KLBASE_CONSOLE_PASSWORD_FILE=%%d/password KLBASE_CONSOLE_ADDRESS=0.0.0.0\\n'"
+                     " > /etc/systemd/system/vextool.service.d/password.conf; systemctl daemon-reload")
+    installed.inside("systemctl", "restart", "vextool.service")
+    assert "console listens on 0.0.0.0:50000" in journal(installed, "vextool.service")
+    assert "git-version:" not in ask(installed, "wrong", "core show version")
+    assert "git-version:" in ask(installed, "secret", "core show version")
+
+
+def test_an_upgrade_restarts_what_ran_and_leaves_alone_what_did_not(own, newer_packages):
+    own.inside("systemctl", "disable", "--now", "playd.service")
+    before = {unit: main_process(own, unit) for unit in UNITS}
+    (own.path / "etc/default/vextool").write_text("VEXTOOL_FLAGS=--cli_port=50124\n", encoding="ascii")
+    own.install(newer_packages["vextool"], newer_packages["vextool-device"])
+    assert own.inside("dpkg-query", "-W", "-f=${Version}", "vextool") == NEWER
+    assert own.unit("playd.service", "ActiveState", "UnitFileState") == {
+        "ActiveState": "inactive", "UnitFileState": "disabled"}
+    for unit in ("vextool.service", "encd.service"):
+        assert state(own, unit) == "active"
+        assert main_process(own, unit) not in ("0", before[unit]), unit
+    # What the administrator wrote stays.
+    assert "git-version:" in ask(own, "core show version", port=50124)
+
+
+def test_removal_keeps_the_log_and_purge_leaves_nothing_but_the_user(own, packages):
+    own.install(packages["vextool-dev"])
+    own.inside("/usr/kelo/bin/sysconfig", "set", "test", "1")
+    assert "result     :1\n" in ask(own, "playd CreateUplayer 0")
+
+    own.inside("dpkg", "--remove", "vextool-dev", "vextool-device", "vextool")
+    for unit in UNITS:
+        assert state(own, unit) == "inactive", unit
+    assert own.inside("sh", "-c", "pgrep -u vextool || true") == ""
+    assert own.inside("ls", "/var/log/vextool") == "vextool.log\n"
+
+    own.inside("dpkg", "--purge", "vextool-dev", "vextool-device", "vextool")
+    assert own.left(OWN_WORDS) == []
+    assert "vextool" in (own.path / "etc/passwd").read_text(encoding="utf-8")
+    assert own.inside("sh", "-c", "ldconfig -p | grep -E 'klbase|klrpc' || true") == ""
