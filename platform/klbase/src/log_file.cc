@@ -16,6 +16,7 @@
 #include <new>
 #include <utility>
 
+#include "klbase/log.h"
 #include "log_environment.h"
 #include "log_format.h"
 
@@ -87,18 +88,23 @@ LogFile& LogFile::Instance() {
   return file;
 }
 
-LogFile::Sink LogFile::OpenSink(const Settings& settings, std::string* error) {
-  if (const int code = Prepare(settings.path); code != 0) {
+LogFile::Sink LogFile::OpenSink(std::string* error) {
+  if (const int code = Prepare(settings_.path); code != 0) {
     *error = std::strerror(code);
     return nullptr;
   }
   spdlog::file_event_handlers handlers;
-  handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { SetUp(file); };
+  handlers.after_open = [this](const spdlog::filename_t&, std::FILE* file) {
+    SetUp(file);
+    struct stat info {};
+    fstat(fileno(file), &info);
+    file_id_ = {info.st_dev, info.st_ino};
+  };
   try {
     // spdlog's count leaves out the live file.
-    const auto rotated = static_cast<std::size_t>(std::clamp(settings.max_files, 1, 200'000) - 1);
-    const auto bytes = static_cast<std::size_t>(std::max(settings.max_file_size_kb, 1)) * 1024;
-    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(settings.path, bytes, rotated, false, handlers);
+    const auto rotated = static_cast<std::size_t>(std::clamp(settings_.max_files, 1, 200'000) - 1);
+    const auto bytes = static_cast<std::size_t>(std::max(settings_.max_file_size_kb, 1)) * 1024;
+    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(settings_.path, bytes, rotated, false, handlers);
     sink->set_formatter(std::make_unique<VerbatimFormatter>());
     return sink;
   } catch (const std::exception& failure) {
@@ -112,7 +118,7 @@ bool LogFile::Open(Settings settings) {
   CloseLocked();
   settings_ = std::move(settings);
   std::string error;
-  Sink sink = OpenSink(settings_, &error);
+  Sink sink = OpenSink(&error);
   if (sink == nullptr) {
     WriteToStandardError("klbase: can't write the log file '" + settings_.path + "': " + error +
                          "; records of level 40 and above go to standard error (KLBASE_LOG_FILE names another file)\n");
@@ -175,6 +181,9 @@ void LogFile::Write(int level, std::string_view line) {
 }
 
 bool LogFile::WriteToSinkLocked(int level, std::string_view line, std::string* notice) {
+  const bool flush = level >= kFlushAtOnceLevel || !flusher_runs_;
+  // Asked before each write to the file, and not for each record that only waits for one.
+  if (sink_ != nullptr && (flush || !unflushed_) && FileIsGoneLocked()) BeginAgainLocked(notice);
   if (sink_ == nullptr) return false;
   try {
     sink_->log(spdlog::details::log_msg({}, {}, spdlog::level::info, {line.data(), line.size()}));
@@ -184,8 +193,36 @@ bool LogFile::WriteToSinkLocked(int level, std::string_view line, std::string* n
   }
   if (!unflushed_) wake_flusher_.NotifyAll();
   unflushed_ = true;
-  if (level >= kFlushAtOnceLevel || !flusher_runs_) FlushLocked(notice);
+  if (flush) FlushLocked(notice);
   return sink_ != nullptr;
+}
+
+// Somebody removed the file, or moved it away to rotate it: records would go where nobody looks for them.
+bool LogFile::FileIsGoneLocked() const {
+  struct stat info {};
+  if (stat(settings_.path.c_str(), &info) != 0) return errno == ENOENT || errno == ENOTDIR;
+  return info.st_dev != file_id_.device || info.st_ino != file_id_.number;
+}
+
+void LogFile::BeginAgainLocked(std::string* notice) {
+  FlushLocked(notice);
+  sink_.reset();
+  std::string error;
+  sink_ = OpenSink(&error);
+  if (sink_ == nullptr) return SinkFailedLocked(error.c_str(), notice);
+  constexpr std::string_view kText = "a new log is begun: the file was removed or moved away";
+  constexpr std::string_view kSource = SourceName(__FILE__);
+  std::timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  LogBuffer line;
+  AppendLogLine(line, {kStandardErrorLevel, kSource, __LINE__, __func__, kText}, now, gettid());
+  try {
+    sink_->log(spdlog::details::log_msg({}, {}, spdlog::level::info, {line.data(), line.size()}));
+    unflushed_ = true;
+    wake_flusher_.NotifyAll();
+  } catch (const std::exception& failure) {
+    SinkFailedLocked(failure.what(), notice);
+  }
 }
 
 void LogFile::FlushLocked(std::string* notice) {
@@ -235,7 +272,7 @@ void LogFile::RunFlusher() {
 // Opens without the lock: a disk that hangs must not hang whoever logs.
 void LogFile::Reopen() {
   std::string error;
-  Sink sink = OpenSink(settings_, &error);
+  Sink sink = OpenSink(&error);
   klbase::MutexLock lock(mutex_);
   if (!stop_flusher_) sink_ = std::move(sink);
 }

@@ -2,6 +2,8 @@
 #ifndef KLBASE_LOG_FILE_H_
 #define KLBASE_LOG_FILE_H_
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <memory>
 #include <string>
@@ -40,10 +42,13 @@ class LogFile {
   using Sink = std::unique_ptr<spdlog::sinks::sink>;
 
   LogFile() = default;
-  static Sink OpenSink(const Settings& settings, std::string* error);
+  // Null, with the reason, when the file can't be opened.
+  Sink OpenSink(std::string* error);
 
   void CloseLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(control_);
   bool WriteToSinkLocked(int level, std::string_view line, std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  bool FileIsGoneLocked() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void BeginAgainLocked(std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void FlushLocked(std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void SinkFailedLocked(const char* why, std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
@@ -57,13 +62,18 @@ class LogFile {
 
   // Held while the file is opened and closed, so that only one thread starts and ends the flusher.
   klbase::Mutex control_;
-  Settings settings_;  // written while no flusher runs
+  Settings settings_;  // written while no flusher runs and there is no sink
   std::unique_ptr<std::thread> flusher_ ABSL_GUARDED_BY(control_);
 
   std::atomic<bool> open_{false};
   klbase::Mutex mutex_;
   klbase::Condition wake_flusher_;
   Sink sink_ ABSL_GUARDED_BY(mutex_);
+  // Which file the sink writes to. Written by the sink when it opens one: under mutex_, or before the sink is in place.
+  struct {
+    dev_t device = 0;
+    ino_t number = 0;
+  } file_id_;
   bool flusher_runs_ ABSL_GUARDED_BY(mutex_) = false;
   bool stop_flusher_ ABSL_GUARDED_BY(mutex_) = false;
   bool unflushed_ ABSL_GUARDED_BY(mutex_) = false;

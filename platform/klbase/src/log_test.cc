@@ -270,6 +270,42 @@ TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("klbase: writing the log failed: "));
 }
 
+// Records used to go on into the file that nobody could see any more.
+TEST_F(LogTest, ARemovedFileIsBegunAgain) {
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "before");
+  std::filesystem::remove(file_);
+  KL_LOG(30, "after");
+  EXPECT_THAT(Lines(),
+              ElementsAre(HasSubstr(": a new log is begun: the file was removed or moved away"), EndsWith(": after")));
+}
+
+TEST_F(LogTest, AFileMovedAwayKeepsWhatWasWrittenBefore) {
+  ASSERT_TRUE(Open());
+  KL_LOG(20, "before");  // not written yet
+  std::filesystem::rename(file_, file_ + ".old");
+  KL_LOG(30, "after");
+  EXPECT_THAT(Read(file_ + ".old"), EndsWith(": before\n"));
+  EXPECT_THAT(Content(), EndsWith(": after\n"));
+}
+
+TEST_F(LogTest, AFileInItsPlaceIsContinued) {
+  ASSERT_TRUE(Open());
+  std::filesystem::rename(file_, file_ + ".old");
+  std::ofstream(file_) << "another's line\n";
+  KL_LOG(20, "after");
+  EXPECT_TRUE(WaitFor([this] { return Lines().size() == 3; }));
+  EXPECT_THAT(Lines(), ElementsAre("another's line", HasSubstr("a new log is begun"), EndsWith(": after")));
+}
+
+TEST_F(LogTest, AFolderRemovedWithItsFileIsMadeAgain) {
+  file_ = folder_ + "/sub/tool.log";
+  ASSERT_TRUE(Open());
+  std::filesystem::remove_all(folder_ + "/sub");
+  KL_LOG(30, "after");
+  EXPECT_THAT(Content(), EndsWith(": after\n"));
+}
+
 TEST_F(LogTest, TheEnvironmentWins) {
   setenv("KLBASE_LOG_LEVEL", "40", 1);
   setenv("KLBASE_DEBUG", "3", 1);
