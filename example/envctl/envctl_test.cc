@@ -52,7 +52,26 @@ FILE* __wrap_popen(const char* command, const char* mode) {
 
 }  // extern "C"
 
+// The same functions by the names that the linker sees: as C has them.
+char* GetByName(const char* name, char* buffer) asm("sysconf_getenv_safe");
+char* SharedByName(const char* name) asm("sysconf_getenv");
+char* BootLoaderByName(const char* name, char* buffer) asm("fw_getenv");
+int SetByName(const char* name, const char* value) asm("sysconf_setenv");
+int PrintByName() asm("sysconf_printenv");
+int OpenByName() asm("sysconf_openenv");
+int CloseByName() asm("sysconf_closeenv");
+
 namespace {
+
+TEST(SysconfNamesTest, AreThoseOfC) {
+  EXPECT_EQ(&GetByName, &sysconf_getenv_safe);
+  EXPECT_EQ(&SharedByName, &sysconf_getenv);
+  EXPECT_EQ(&BootLoaderByName, &fw_getenv);
+  EXPECT_EQ(&SetByName, &sysconf_setenv);
+  EXPECT_EQ(&PrintByName, &sysconf_printenv);
+  EXPECT_EQ(&OpenByName, &sysconf_openenv);
+  EXPECT_EQ(&CloseByName, &sysconf_closeenv);
+}
 
 class SysconfTest : public testing::Test {
  protected:
@@ -185,7 +204,22 @@ TEST_F(SysconfTest, FailedCallClearsTheSharedBuffer) {
   Answers({""});
   EXPECT_EQ(sysconf_getenv("a"), nullptr);
   EXPECT_STREQ(value, "");
+}
+
+TEST_F(SysconfTest, CallWithoutANameClearsTheSharedBufferToo) {
+  Answers({"a=value\\n"});
+  char* const value = sysconf_getenv("a");
+  ASSERT_THAT(value, StrEq("value"));
   EXPECT_EQ(sysconf_getenv(nullptr), nullptr);
+  EXPECT_STREQ(value, "");
+}
+
+TEST_F(SysconfTest, SharedBufferIsClearedToItsEnd) {
+  Answers({"a=a long value\\n", "b=2\\n"});
+  sysconf_getenv("a");
+  const char* const value = sysconf_getenv("b");
+  ASSERT_THAT(value, StrEq("2"));
+  EXPECT_EQ(std::string(value, 4096), "2" + std::string(4095, '\0'));
 }
 
 TEST_F(SysconfTest, CallsOnSeveralThreadsDoNotDisturbEachOther) {

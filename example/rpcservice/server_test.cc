@@ -20,6 +20,8 @@
 #include "core/rpc_url.h"
 #include "example/rpcservice/example_rpcreq.h"
 #include "klrpc/api_client.h"
+#include "klrpc/v1/pubsub.pb.h"
+#include "sigslot/sigslot.h"
 #include "tests/support/limits.h"
 #include "tests/support/log_capture.h"
 
@@ -140,6 +142,7 @@ TEST_F(RpcServerTest, AnswersTheExampleRequest) {
   ExampleRPCRequest request;
   request.set_request_auth("me");
   request.set_count(3);
+  request.set_is_proto(true);
   const auto reply = Ask<ExampleRPCReply>(request);
   ASSERT_TRUE(reply.has_value());
   EXPECT_TRUE(reply->has_status());
@@ -182,6 +185,34 @@ TEST_F(RpcServerTest, StartLoadsBothApis) {
   EXPECT_TRUE(apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::kEncd));
 }
 
+// Says whether the message that was published reached the server.
+class Outcome : public sigslot::has_slots<> {
+ public:
+  explicit Outcome(klrpc::APIClient& client) { client.SignalPublishState.connect(this, &Outcome::OnState); }
+  ~Outcome() override { disconnect_all(); }
+
+  bool Ok() { return known_.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit)) && ok_; }
+
+ private:
+  void OnState(bool ok, const std::string&) {
+    ok_ = ok;
+    known_.Notify();
+  }
+
+  bool ok_ = false;
+  absl::Notification known_;
+};
+
+TEST_F(RpcServerTest, CarriesPublishSubscribeToo) {
+  RpcServer server;
+  server.StartRpcServer();
+  Outcome outcome(*client_);
+  klrpc::v1::PubsubMessage message;
+  message.set_topic("any");
+  EXPECT_TRUE(client_->PublishMessage(message));
+  EXPECT_TRUE(outcome.Ok());
+}
+
 TEST_F(RpcServerTest, WithoutServicesItStartsAndAnswersNothing) {
   const ScriptedRegistry registry({});
   RpcServer server;
@@ -203,10 +234,10 @@ TEST_F(RpcServerTest, TypeUrlIsMatchedExactly) {
         "type.googleapis.com//example.v1.ExampleRPCRequest", "Type.googleapis.com/example.v1.ExampleRPCRequest", ""}) {
     google::protobuf::Any request = Packed(ExampleRPCRequest());
     request.set_type_url(url);
-    google::protobuf::Any reply;
+    google::protobuf::Any reply = Packed(KeyValue());
     const LogCapture log(20);
     EXPECT_FALSE(server.ProcessProtoRequest(request, reply));
-    EXPECT_EQ(reply.ByteSizeLong(), 0u);
+    EXPECT_EQ(reply.type_url(), kKeyValueUrl);  // as it was
     EXPECT_THAT(log.Records(), ElementsAre(RequestRecord(50, "not found any service for url(" + url + ")")));
   }
 }

@@ -14,6 +14,27 @@
 #include "klrpc/api_client.h"
 #include "tests/support/log_capture.h"
 
+// Linked so that each client's options come here first: what was made, and in which order, shows nowhere else.
+namespace {
+std::vector<std::string> made_options;  // address, and whether it is another machine's
+}
+
+extern "C" {
+
+void __real__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
+    klrpc::APIClientOptions* made, const std::string& address, const int& max_backoff_ms, const int& min_backoff_ms,
+    const int& initial_backoff_ms, bool remote);
+
+void __wrap__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
+    klrpc::APIClientOptions* made, const std::string& address, const int& max_backoff_ms, const int& min_backoff_ms,
+    const int& initial_backoff_ms, bool remote) {
+  made_options.push_back(address + (remote ? " remote" : " local"));
+  __real__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
+      made, address, max_backoff_ms, min_backoff_ms, initial_backoff_ms, remote);
+}
+
+}  // extern "C"
+
 namespace apis {
 namespace {
 
@@ -53,11 +74,18 @@ TEST(ApiSdkTest, StartsEmpty) {
   EXPECT_THAT(log.Records(), ElementsAre(Record(50, "Encoder", kDisabled), Record(50, "Player", kDisabled)));
 }
 
+TEST(ApiSdkTest, ModulesAreOneAndTwo) {
+  EXPECT_EQ(ApiSdk::kPlayd, 1);
+  EXPECT_EQ(ApiSdk::kEncd, 2);
+}
+
 TEST(ApiSdkTest, LoadsTheEncoderAlone) {
   ApiSdk& sdk = NewSdk();
   LogCapture log;
+  made_options.clear();
   sdk.LoadApi({ApiSdk::kEncd});
   EXPECT_THAT(log.Records(), IsEmpty());
+  EXPECT_THAT(made_options, ElementsAre("unix-abstract:encd@default local"));
   EXPECT_TRUE(sdk.HasApiModule(ApiSdk::kEncd));
   EXPECT_FALSE(sdk.HasApiModule(ApiSdk::kPlayd));
   EXPECT_NE(sdk.Encoder(), nullptr);
@@ -70,8 +98,10 @@ TEST(ApiSdkTest, RefusesASecondLoadAndChangesNothing) {
   sdk.LoadApi({ApiSdk::kEncd});
   const ApiEncoder* encoder = sdk.Encoder();
   LogCapture log;
+  made_options.clear();
   sdk.LoadApi({ApiSdk::kPlayd});
   EXPECT_THAT(log.Records(), ElementsAre(Record(40, "LoadApi", kNoReload)));
+  EXPECT_THAT(made_options, IsEmpty());
   EXPECT_FALSE(sdk.HasApiModule(ApiSdk::kPlayd));
   EXPECT_EQ(sdk.Player(), nullptr);
   EXPECT_EQ(sdk.Encoder(), encoder);
@@ -86,6 +116,12 @@ TEST(ApiSdkTest, LoadsBothApisWithTheirClients) {
   EXPECT_NE(ApiPubSubSdk::instance_.PubSubPlayd(), nullptr);
   EXPECT_EQ(ApiPubSubSdk::instance_.PubSubSyncd(), nullptr);
   EXPECT_EQ(ApiPubSubSdk::instance_.PubSubOsd(), nullptr);
+}
+
+TEST(ApiSdkTest, MakesTheEncodersClientFirst) {
+  made_options.clear();
+  NewSdk().LoadApi({ApiSdk::kPlayd, ApiSdk::kEncd});
+  EXPECT_THAT(made_options, ElementsAre("unix-abstract:encd@default local", "unix-abstract:playd@default local"));
 }
 
 TEST(ApiSdkTest, DaemonClientsUseTheLocalAddressesAndTheDefaultBackOff) {
@@ -113,8 +149,10 @@ TEST(ApiSdkTest, RefusesAnEmptySetAndLoadsLater) {
 TEST(ApiSdkTest, KeepsAnUnknownModuleThatBlocksEveryLaterLoad) {
   ApiSdk sdk;
   const auto unknown = static_cast<ApiSdk::ApiModule>(3);
+  made_options.clear();
   sdk.LoadApi({unknown});
   EXPECT_TRUE(sdk.HasApiModule(unknown));
+  EXPECT_THAT(made_options, IsEmpty());
   LogCapture log;
   sdk.LoadApi({ApiSdk::kEncd});
   EXPECT_EQ(sdk.Encoder(), nullptr);
@@ -123,9 +161,11 @@ TEST(ApiSdkTest, KeepsAnUnknownModuleThatBlocksEveryLaterLoad) {
 
 TEST(ApiSdkTest, MakesOneNodeClientForEachHost) {
   ApiSdk sdk;
+  made_options.clear();
   klrpc::APIClient& client = sdk.ApiNodeClientSyncd(ContextOf("device"));
   EXPECT_EQ(&sdk.ApiNodeClientSyncd(ContextOf("device")), &client);
   EXPECT_NE(&sdk.ApiNodeClientSyncd(ContextOf("Device")), &client);
+  EXPECT_THAT(made_options, ElementsAre("device:7020 remote", "Device:7020 remote"));
 }
 
 TEST(ApiSdkTest, NodeClientsUseTheNodePortAndAreRemote) {

@@ -410,6 +410,15 @@ TEST_F(PlaydCliTest, SeekThatFailsSaysSoInTheBlock) {
   EXPECT_THAT(log.RecordsOf("modules/apisdk/player"), IsEmpty());
 }
 
+TEST_F(PlaydCliTest, MediaInfoThatFailsShowsTheIdAndDefaults) {
+  daemon_.Stop();
+  EXPECT_EQ(Type("GetMediaInfoOfUplayer 7"),
+            "**************GetMediaInfoOfUplayer**********\n"
+            "id               :7\nresult           :0\nerror_code       :0\nerror_infor      :\n"
+            "info_id          :\ninfo_url         :\ninfo_width       :0\ninfo_heigh       :0\n"
+            "info_duration_ms :0\n");
+}
+
 TEST_F(PlaydCliTest, DaemonThatCameBackAnswersTheNextCommand) {
   daemon_.Stop();
   EXPECT_EQ(Type("SetVolumeOfUplayer 7 1"), Block("SetVolumeOfUplayer", "7", "0"));

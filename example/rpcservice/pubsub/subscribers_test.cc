@@ -4,12 +4,15 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "apisdk/apisdk.h"
+#include "apisdk/pubsub_sdk.h"
 #include "core/module.h"
 #include "core/rpc_url.h"
 #include "example/rpcservice/captured_output.h"
 #include "klrpc/v1/pubsub.pb.h"
+#include "modules/apisdk/test_clients.h"
 #include "player/v1/player.pb.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/log_capture.h"
@@ -99,6 +102,41 @@ TEST_F(SubscribersTest, LoadingWritesOneRecordEachWhenDebugging) {
                           LogRecord{20, "example/rpcservice/pubsub/result_report", "SubscriberStatus", "RPC"}));
 }
 
+// For the time of a test the player's events come through a client that only keeps what is asked of it.
+class RecordedSubscriptions {
+ public:
+  RecordedSubscriptions() {
+    apis::ApiPubSubSdk::instance_.InitPubSubPlayd([this]() -> klrpc::APIClient& { return client_; });
+  }
+  RecordedSubscriptions(const RecordedSubscriptions&) = delete;
+  RecordedSubscriptions& operator=(const RecordedSubscriptions&) = delete;
+  ~RecordedSubscriptions() {
+    apis::ApiPubSubSdk::instance_.InitPubSubPlayd(
+        []() -> klrpc::APIClient& { return apis::ApiSdk::instance_.ApiClientPlayd(); });
+  }
+
+  const std::vector<apis::RecordingClient::Subscription>& All() const { return client_.subscribed; }
+
+ private:
+  apis::RecordingClient client_;
+};
+
+TEST_F(SubscribersTest, EachSubscribesOneTopicUnderTheToolsAddress) {
+  const RecordedSubscriptions subscriptions;
+  seek_->Load();
+  report_->Load();
+  EXPECT_THAT(subscriptions.All(),
+              ElementsAre(testing::Pair("unix-abstract:example@default", ElementsAre(kSeekTopic)),
+                          testing::Pair("unix-abstract:example@default", ElementsAre(kReportTopic))));
+}
+
+// In a process of its own, where nothing was loaded.
+TEST(SubscribersDeathTest, LoadingWithoutThePlayerApiEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(core::ModuleFactory::Create("PubSubGetSeek")->Load(), "");
+  EXPECT_DEATH(core::ModuleFactory::Create("ResultReport")->Load(), "");
+}
+
 TEST_F(SubscribersTest, SeekEventIsPrinted) {
   seek_->Load();
   CapturedOutput output;
@@ -126,13 +164,16 @@ TEST_F(SubscribersTest, ResultReportIsPrinted) {
   EXPECT_EQ(output.Text(), Block(kReportTopic, "7"));
 }
 
-TEST_F(SubscribersTest, UnloadLeavesTheSubscription) {
+TEST_F(SubscribersTest, UnloadLeavesTheSubscriptions) {
   report_->Load();
+  seek_->Load();
   EXPECT_TRUE(report_->Unload());
   EXPECT_TRUE(seek_->Unload());
   report_.reset();
+  seek_.reset();
   CapturedOutput output;
-  Establish(daemon_, kReportTopic, output);
+  ASSERT_NO_FATAL_FAILURE(Establish(daemon_, kReportTopic, output));
+  Establish(daemon_, kSeekTopic, output);
 }
 
 TEST_F(SubscribersTest, UnparsablePayloadIsLoggedAndNotPrinted) {

@@ -50,6 +50,12 @@ class RpcEncoderTest : public testing::Test {
   ApiStatus status_{-1, "before"};
 };
 
+TEST(ApiEncoderTest, QualitiesAreZeroOneTwo) {
+  EXPECT_EQ(ApiEncoder::kLow, 0);
+  EXPECT_EQ(ApiEncoder::kMiddle, 1);
+  EXPECT_EQ(ApiEncoder::kHigh, 2);
+}
+
 TEST_F(RpcEncoderTest, QualitiesTravelAsOneTwoThree) {
   for (const auto quality : {ApiEncoder::kLow, ApiEncoder::kMiddle, ApiEncoder::kHigh}) {
     encoder_.SetVideoQuality(quality, status_);
@@ -131,6 +137,13 @@ TEST_F(RpcEncoderTest, AReplyOfAnotherTypeGivesTheDefaultsWithoutARecord) {
   EXPECT_EQ(status_.code, 0);
   EXPECT_EQ(status_.message, "");
   EXPECT_THAT(log.RecordsOf("modules/"), IsEmpty());
+}
+
+TEST_F(RpcEncoderTest, SetPushDelayTakesNoStatusThatIsNotInsideItsReply) {
+  daemon_.Answer<encoder::v1::GetEncoderBitrateReply>(StatusWith(7, "seven"));
+  encoder_.SetPushDelay(5, status_);
+  EXPECT_EQ(status_.code, 0);
+  EXPECT_EQ(status_.message, "");
 }
 
 struct Operation {

@@ -163,13 +163,19 @@ TEST_F(RpcPlayerTest, AReplyOfAnotherTypeIsAFailureWithoutAnId) {
   EXPECT_THAT(log.RecordsOf("modules/"), IsEmpty());
 }
 
-TEST_F(RpcPlayerTest, DefaultTimingsTravelAsPresentGroups) {
+TEST_F(RpcPlayerTest, DefaultGroupsTravelAsPresentOnes) {
   AnswerEverythingWith(Reply());
   ApiPlayer::UniversalResp resp;
   player_.SetIntputTiming({}, resp);
-  const auto request = daemon_.RequestsOf<lp::v1::SetIntputTimingReq>().at(0);
-  EXPECT_TRUE(request.has_h_timing());
-  EXPECT_TRUE(request.has_v_timing());
+  player_.SetOutputTiming({}, resp);
+  player_.OpenMediaOfUplayer({}, resp);
+  player_.SwitchSourceOfUplayer({}, resp);
+  std::vector<std::string> sent;
+  for (const auto& request : daemon_.Requests()) sent.push_back(Describe(request));
+  EXPECT_THAT(
+      sent, ElementsAre("SetIntputTimingReq h_timing { } v_timing { }", "SetOutputTimingReq h_timing { } v_timing { }",
+                        "OpenMediaOfUplayerReq media_info { } dis_pos { }",
+                        "SwitchSourceOfUplayerReq media_info { } next_dis_pos { }"));
 }
 
 TEST_F(RpcPlayerTest, GetSeekCopiesPositionAndTheReplysResult) {
@@ -202,6 +208,7 @@ TEST_F(RpcPlayerTest, GetMediaInfoCopiesTheInfoAndTheReplysResult) {
   *reply.mutable_result() = Reply();
   daemon_.Answer<lp::v1::GetMediaInfoOfUplayerReq>(reply);
   ApiPlayer::GetMediaInfoOfUplayerResp resp;
+  resp.result.error_code = -3;
   player_.GetMediaInfoOfUplayer({"1"}, resp);
   EXPECT_EQ(resp.unique_id, "1");
   EXPECT_EQ(resp.url, "/a.mp4");
@@ -210,6 +217,8 @@ TEST_F(RpcPlayerTest, GetMediaInfoCopiesTheInfoAndTheReplysResult) {
   EXPECT_EQ(resp.duration_ms, 9u);
   EXPECT_EQ(resp.result.unique_id, "reply");
   EXPECT_TRUE(resp.result.result);
+  EXPECT_EQ(resp.result.error_code, -3);
+  EXPECT_EQ(resp.result.error_infor, "");
   EXPECT_EQ(Describe(daemon_.Requests().at(0)), "GetMediaInfoOfUplayerReq unique_id: \"1\"");
 }
 
@@ -220,6 +229,30 @@ TEST_F(RpcPlayerTest, RepliesWithoutAResultGiveTheDefaultOne) {
   player_.GetSeekOfUplayer({"1"}, resp);
   EXPECT_EQ(resp.result.unique_id, "");
   EXPECT_FALSE(resp.result.result);
+  daemon_.Answer<lp::v1::GetMediaInfoOfUplayerReq>(lp::v1::GetMediaInfoOfUplayerResp());
+  ApiPlayer::GetMediaInfoOfUplayerResp info;
+  info.result = {"before", true, 0, ""};
+  player_.GetMediaInfoOfUplayer({"1"}, info);
+  EXPECT_EQ(info.result.unique_id, "");
+  EXPECT_FALSE(info.result.result);
+}
+
+TEST_F(RpcPlayerTest, AReadWhoseReplyIsOfAnotherTypeFailsWithTheDefaults) {
+  AnswerEverythingWith(Reply());
+  LogCapture log;
+  ApiPlayer::GetSeekOfUplayerResp seek{"before", 1, 2, {"before", true, -3, "before"}};
+  player_.GetSeekOfUplayer({"1"}, seek);
+  EXPECT_EQ(seek.unique_id, "");
+  EXPECT_EQ(seek.seek_ms, 0u);
+  EXPECT_EQ(seek.duration_ms, 0u);
+  EXPECT_FALSE(seek.result.result);
+  EXPECT_EQ(seek.result.error_infor, "before");
+  ApiPlayer::GetMediaInfoOfUplayerResp info{"before", "before", 1, 2, 3, {"before", true, -3, "before"}};
+  player_.GetMediaInfoOfUplayer({"1"}, info);
+  EXPECT_EQ(info.url, "");
+  EXPECT_EQ(info.width, 0u);
+  EXPECT_FALSE(info.result.result);
+  EXPECT_THAT(log.RecordsOf("modules/"), IsEmpty());
 }
 
 class RpcPlayerFailureTest : public testing::Test {
@@ -246,6 +279,8 @@ TEST_F(RpcPlayerFailureTest, GetSeekTellsItsFailureInTheResponseInsteadOfTheLog)
   ApiPlayer::GetSeekOfUplayerResp resp{"before", 1, 2, {"before", true, -3, "before"}};
   player_.GetSeekOfUplayer({"1"}, resp);
   EXPECT_EQ(resp.unique_id, "before");
+  EXPECT_EQ(resp.seek_ms, 1u);
+  EXPECT_EQ(resp.duration_ms, 2u);
   EXPECT_EQ(resp.result.unique_id, "1");
   EXPECT_FALSE(resp.result.result);
   EXPECT_EQ(resp.result.error_code, -3);
@@ -255,11 +290,16 @@ TEST_F(RpcPlayerFailureTest, GetSeekTellsItsFailureInTheResponseInsteadOfTheLog)
 
 TEST_F(RpcPlayerFailureTest, GetMediaInfoLogsItsFailureAndLeavesTheText) {
   LogCapture log;
-  ApiPlayer::GetMediaInfoOfUplayerResp resp;
-  resp.result = {"before", true, -3, "before"};
+  ApiPlayer::GetMediaInfoOfUplayerResp resp{"before", "before", 1, 2, 3, {"before", true, -3, "before"}};
   player_.GetMediaInfoOfUplayer({"1"}, resp);
+  EXPECT_EQ(resp.unique_id, "before");
+  EXPECT_EQ(resp.url, "before");
+  EXPECT_EQ(resp.width, 1u);
+  EXPECT_EQ(resp.heigh, 2u);
+  EXPECT_EQ(resp.duration_ms, 3u);
   EXPECT_EQ(resp.result.unique_id, "1");
   EXPECT_FALSE(resp.result.result);
+  EXPECT_EQ(resp.result.error_code, -3);
   EXPECT_EQ(resp.result.error_infor, "before");
   EXPECT_THAT(log.RecordsOf("modules/"),
               ElementsAre(LogRecord{50, kFile, "GetMediaInfoOfUplayer", "get media info of uplayer fail"}));
@@ -271,6 +311,10 @@ TEST_F(RpcPlayerFailureTest, AnEmptyGetterThrows) {
     ApiPlayer::UniversalResp resp;
     EXPECT_THROW(operation.call(player, resp), std::bad_function_call) << operation.name;
   }
+  ApiPlayer::GetSeekOfUplayerResp seek;
+  EXPECT_THROW(player.GetSeekOfUplayer({"1"}, seek), std::bad_function_call);
+  ApiPlayer::GetMediaInfoOfUplayerResp info;
+  EXPECT_THROW(player.GetMediaInfoOfUplayer({"1"}, info), std::bad_function_call);
 }
 
 // What the plain-function callbacks got.

@@ -13,6 +13,7 @@
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/virtual_slot.h"
 
 namespace core {
 
@@ -87,6 +88,12 @@ TEST(RpcServiceTest, RequestTypeIsTheWholeTypeUrl) {
   EchoService service;
   EXPECT_EQ(service.ServiceRequestType(), "type.googleapis.com/common.v1.KeyValue");
   EXPECT_EQ(&service.ServiceRequestType(), &service.ServiceRequestType());
+}
+
+TEST(RpcServiceTest, OrderOfTheVirtualOperations) {
+  EXPECT_EQ(vextest::VirtualSlot(&RpcService::Service), 2u);  // the destructor has two places
+  EXPECT_EQ(vextest::VirtualSlot(&RpcService::ServiceRequestType), 3u);
+  EXPECT_EQ(vextest::VirtualSlot(&RpcServiceImpl<common::v1::KeyValue, common::v1::Status>::HandleRequest), 4u);
 }
 
 TEST(RpcServiceTest, UnpacksTheRequestAndPacksTheReply) {

@@ -92,6 +92,49 @@ TEST_F(RpcPubSubTest, DropsAMessageOfATopicWithoutACallback) {
                                  "receive publish message but not found any topic func. will missing some message")));
 }
 
+// Delivers a message of the topic before the request for it returns.
+class QuickClient : public RecordingClient {
+ public:
+  bool SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics) override {
+    RecordingClient::SubscribeTopics(client_id, topics);
+    SignalSubscribeMessage.emit(MessageOn(topics.at(0), "early"));
+    return true;
+  }
+};
+
+TEST(RpcPubSubTableTest, AMessageBetweenTheRequestAndItsCallbackIsDropped) {
+  QuickClient client;
+  RpcPubSub pubsub([&client]() -> klrpc::APIClient& { return client; });
+  int deliveries = 0;
+  LogCapture log;
+  EXPECT_TRUE(pubsub.Subscriber("me", "a", [&deliveries](const std::string&, const std::string&) { ++deliveries; }));
+  EXPECT_EQ(deliveries, 0);
+  EXPECT_THAT(log.Records(),
+              ElementsAre(Record(40, "OnSignalSubscribeMessage",
+                                 "receive publish message but not found any topic func. will missing some message")));
+  client.SignalSubscribeMessage.emit(MessageOn("a", "late"));
+  EXPECT_EQ(deliveries, 1);
+}
+
+// Has a topic in its table with nothing to call.
+class EmptyCallbackPubSub : public RpcPubSub {
+ public:
+  EmptyCallbackPubSub(ClientGetter getter, const std::string& topic) : RpcPubSub(std::move(getter)) {
+    absl::MutexLock lock(&topic_funcs_mutex_);
+    topic_funcs_.try_emplace(topic, nullptr);
+  }
+};
+
+TEST(RpcPubSubTableTest, DropsAMessageWhoseCallbackIsEmpty) {
+  RecordingClient client;
+  const EmptyCallbackPubSub pubsub([&client]() -> klrpc::APIClient& { return client; }, "a");
+  LogCapture log;
+  client.SignalSubscribeMessage.emit(MessageOn("a", "x"));
+  EXPECT_THAT(log.Records(),
+              ElementsAre(Record(40, "OnSignalSubscribeMessage",
+                                 "receive publish message but user func is nil. will missing some message")));
+}
+
 TEST_F(RpcPubSubTest, ACallbackMaySubscribe) {
   pubsub_.Subscriber("me", "a",
                      [this](const std::string&, const std::string&) { pubsub_.Subscriber("me", "b", Keep("B")); });
@@ -159,6 +202,15 @@ TEST(RpcPubSubLifeTest, IsNotCalledAfterItsDestruction) {
   client.SignalSubscribeState.emit(StateOf(2));
   EXPECT_EQ(deliveries, 1);
   EXPECT_EQ(client.subscribed.size(), 1u);
+}
+
+TEST(RpcPubSubLifeTest, AsksForItsClientForEachSignalOnceWhenMadeAndOnceWhenDestroyed) {
+  RecordingClient client;
+  int asked = 0;
+  auto pubsub = std::make_unique<RpcPubSub>([&client, &asked]() -> klrpc::APIClient& { return ++asked, client; });
+  EXPECT_EQ(asked, 3);
+  pubsub.reset();
+  EXPECT_EQ(asked, 6);
 }
 
 TEST(RpcPubSubLifeTest, AnEmptyGetterThrows) { EXPECT_THROW(RpcPubSub(nullptr), std::bad_function_call); }
