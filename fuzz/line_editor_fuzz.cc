@@ -25,6 +25,7 @@ constexpr char kRepaint = '\x1a';
 constexpr char kResize = '\x1c';
 constexpr char kNotice = '\x1d';
 constexpr char kHide = '\x1e';
+constexpr int kWide = 240;
 constexpr std::string_view kAround("\x1a\x1c\x1d\x1e", 4);
 
 // The line as the documented keys make it, as long as only such keys are pressed that need neither history nor
@@ -224,13 +225,13 @@ class Session {
       : columns_(input.Number(10, 60)),
         rows_(input.Number(4, 30)),
         operator_(columns_, rows_, LineEditor::Display::kFull),
-        other_(47, 20, LineEditor::Display::kFull) {}
+        wide_(kWide, 4, LineEditor::Display::kFull) {}
 
   void Type(std::string_view bytes) {
     for (const char byte : bytes) {
       model_.Type({&byte, 1});
-      other_.Type({&byte, 1});
-      if (other_.Events().size() > model_.Events().size()) model_.InputEnded();
+      wide_.Type({&byte, 1});
+      if (wide_.Events().size() > model_.Events().size()) model_.InputEnded();
     }
     if (hidden_) {
       CheckHidden(bytes);
@@ -278,7 +279,7 @@ class Session {
   }
 
   void CheckEvents() const {
-    FUZZ_CHECK_EQUAL(operator_.Events(), other_.Events());
+    FUZZ_CHECK_EQUAL(operator_.Events(), wide_.Events());
     const auto& known = model_.Events();
     const auto& events = operator_.Events();
     FUZZ_CHECK_EQUAL(events.size(), known.size());
@@ -287,18 +288,55 @@ class Session {
     }
   }
 
-  void CheckScreen() const {
+  void CheckScreen() {
     FUZZ_CHECK(!operator_.Terminal().HasPendingWrap(), "the cursor is between two rows");
     FUZZ_CHECK(operator_.Terminal().BracketedPaste(), "pastes are not marked");
-    if (hidden_ || !model_.Known()) return;
+    if (hidden_) return;
+    CheckSameAsWide();
+    if (!model_.Known()) return;
     const std::string hint = model_.Cursor() == model_.Text().size() ? fuzz::HintOf(model_.Text()) : "";
-    const fuzz::Rendering wanted(fuzz::kPrompt, model_.Text(), model_.Cursor(), hint, columns_);
-    // Not all rows of a line that is higher than the window can be seen; which ones, depends on what was before.
-    if (wanted.Rows() > rows_) {
-      was_higher_ = model_.Events().size();
+    CheckShown({fuzz::kPrompt, model_.Text(), model_.Cursor(), hint, columns_});
+  }
+
+  // The wide window's row, wrapped, is what is to be seen in this one, whatever it is: a line, a search, a completion.
+  void CheckSameAsWide() {
+    std::string row = RowOfCursor(wide_.Terminal());
+    std::string hint;
+    for (const char* line : {"open", "stop"}) {
+      const std::string plain = std::string(fuzz::kPrompt) + line;
+      if (row == plain + "{" + fuzz::HintOf(line) + "}") {
+        hint = fuzz::HintOf(line);
+        row = plain;
+      }
+    }
+    // Blanks at the end of a row can't be seen, but the cursor may stand behind some.
+    const int cursor = wide_.Terminal().Column();
+    for (int width = cli::internal::DisplayWidth(row); width < cursor; ++width) row += ' ';
+    const bool whole = row.starts_with(fuzz::kPrompt) || row.starts_with("(search") || row.starts_with("(no match");
+    if (!whole || cli::internal::DisplayWidth(row) >= kWide - 1) {
+      was_higher_ = operator_.Events().size();  // perhaps
       return;
     }
-    if (was_higher_ == model_.Events().size()) return;
+    std::size_t offset = 0;
+    for (int column = 0; column < cursor; offset = cli::internal::NextUnit(row, offset)) {
+      column += cli::internal::UnitAt(row, offset).width;
+    }
+    CheckShown({"", row, offset, hint, columns_});
+  }
+
+  static std::string RowOfCursor(const cli::internal::TestScreen& screen) {
+    const std::string text = screen.Text();
+    std::size_t start = 0;
+    for (int row = 0; row < screen.Row() && start < text.size(); ++row) {
+      start = std::min(text.find('\n', start), text.size() - 1) + 1;
+    }
+    return text.substr(start, text.find('\n', start) - start);
+  }
+
+  void CheckShown(const fuzz::Rendering& wanted) {
+    // Not all rows of a line that is higher than the window can be seen; which ones, depends on what was before.
+    if (wanted.Rows() > rows_) was_higher_ = operator_.Events().size();
+    if (was_higher_ == operator_.Events().size()) return;
     const std::string difference = wanted.DifferenceTo(operator_.Terminal());
     FUZZ_CHECK(difference.empty(), difference);
   }
@@ -306,10 +344,10 @@ class Session {
   int columns_;
   int rows_;
   fuzz::Operator operator_;
-  fuzz::Operator other_;  // another window, and each byte alone
+  fuzz::Operator wide_;  // in a window that takes most lines in one row, with each byte on its own
   Model model_;
   bool hidden_ = false;
-  mutable std::optional<std::size_t> was_higher_;  // in the line behind so many events
+  std::optional<std::size_t> was_higher_;  // in the line behind so many events
 };
 
 }  // namespace
