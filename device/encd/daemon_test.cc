@@ -33,6 +33,11 @@ using ::testing::StartsWith;
 
 class DaemonTest : public ::testing::Test {
  protected:
+  // Whatever a test had its daemon do, it stops in order afterwards.
+  void TearDown() override {
+    if (daemon_ && !daemon_->Wait(milliseconds(0))) ExpectStops(SIGTERM);
+  }
+
   std::unique_ptr<ChildProcess> Launch(std::vector<std::string> flags, std::vector<std::string> environment = {}) {
     flags.insert(flags.begin(),
                  {ENCD_PROGRAM, "--address=" + address_, "--record_dir=" + dir_.path(), "--width=320", "--height=180"});

@@ -274,7 +274,7 @@ Result Encoder::StopRecord() {
     recorder.swap(recorder_);
   }
   fanout_.Remove(recorder->queue().get());
-  const Result result = Complete(*recorder);
+  Result result = Complete(*recorder);
   MutexLock lock(mu_);
   recording_ = false;
   return result;
@@ -319,7 +319,7 @@ Result Encoder::ForwardRecord() {
     format = forward_format_;
     tracks = forward_tracks_;
   }
-  const Result result = WriteForward(*buffer, format, tracks);
+  Result result = WriteForward(*buffer, format, tracks);
   MutexLock lock(mu_);
   forward_writing_ = false;
   return result;

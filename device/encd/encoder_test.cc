@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <cstdint>
 #include <thread>
 
 #include "testing/media_probe.h"
@@ -28,7 +29,7 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 
-constexpr int kFps = 25;
+constexpr std::uint64_t kFps = 25;
 constexpr Encoder::RecordSpec kBoth{true, true, static_cast<int>(RecordFormat::kMp4)};
 constexpr Encoder::RecordSpec kSoundOnly{true, false, static_cast<int>(RecordFormat::kMp4)};
 constexpr Encoder::RecordSpec kPictureOnly{false, true, static_cast<int>(RecordFormat::kMp4)};

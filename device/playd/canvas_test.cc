@@ -205,8 +205,9 @@ TEST(MixerTest, IsSilentWithoutTracksAndSoundsWhatIsPushed) {
   EXPECT_EQ(mixer.Peak(std::chrono::milliseconds(100)), 0);
   const auto track = mixer.AddTrack();
   const device::ElementPtr clock(GST_ELEMENT_CAST(gst_system_clock_obtain()));
-  const device::BufferPtr second(gst_buffer_new_allocate(nullptr, 48000 * 4, nullptr));
-  gst_buffer_memset(second.get(), 0, 0x11, 48000 * 4);
+  constexpr gsize kSecondBytes = 48000 * 4;
+  const device::BufferPtr second(gst_buffer_new_allocate(nullptr, kSecondBytes, nullptr));
+  gst_buffer_memset(second.get(), 0, 0x11, kSecondBytes);
   GST_BUFFER_DURATION(second.get()) = GST_SECOND;
   track->Push(second.get(), gst_clock_get_time(GST_CLOCK_CAST(clock.get())));
   int peak = 0;

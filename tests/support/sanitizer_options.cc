@@ -2,6 +2,8 @@
 // program of a sanitizer build, as an object, because the linker takes nothing from an archive for these names. The
 // environment's options still win.
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the sanitizers' own names
+
 // What a library does in a call that the sanitizer intercepts can't be judged without seeing the library's locks.
 // Signals: the tool's interrupt handler allocates and locks, which is sound on a thread that only waits for signals.
 extern "C" const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1 report_signal_unsafe=0"; }
@@ -33,3 +35,4 @@ extern "C" const char* __lsan_default_suppressions() {
       // mp4mux 1.22 forgets 4 KiB per track when it turns a fragmented file into a plain one.
       "leak:libgstisomp4.so\n";
 }
+// NOLINTEND(bugprone-reserved-identifier)

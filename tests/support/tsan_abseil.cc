@@ -15,8 +15,10 @@
 #include "absl/synchronization/mutex.h"
 #include "absl/time/time.h"
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the sanitizer's own names
 extern "C" void __tsan_acquire(void* address);
 extern "C" void __tsan_release(void* address);
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -18,6 +18,7 @@ constexpr int kTurns = 200;
 template <typename Work>
 void InThreads(const Work& work) {
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int number = 0; number < kThreads; ++number) threads.emplace_back([&work, number] { work(number); });
   for (auto& thread : threads) thread.join();
 }
