@@ -22,6 +22,7 @@
 
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 using vextest::ChildProcess;
@@ -99,6 +100,27 @@ TEST_F(VextoolTest, AnInterruptUnloadsInLoadOrderAndExitsWithOne) {
                               "UnLoad Module ***scripted***."}));
 }
 
+TEST_F(VextoolTest, AnInterruptEndsLoggingBeforeTheConsoleEnds) {
+  ChildProcess& tool = StartAndWaitUntilItServes("");
+  vextest::TelnetClient client(Port());
+  ASSERT_TRUE(client.Expect("main> "));
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+  EXPECT_THAT(Log(), HasSubstr("console session 1 opens"));
+  EXPECT_THAT(Log(), Not(HasSubstr("console session 1 closes")));
+}
+
+TEST_F(VextoolTest, TheModulesAreDestroyedHoweverTheProcessEnds) {
+  ChildProcess& ended = Start("tell of its end", {"--local_console"});
+  ended.CloseInput();
+  EXPECT_EQ(ended.WaitExit(), kConsoleEnded);
+  EXPECT_THAT(ended.Errors(), HasSubstr("scripted module destroyed\n"));
+  ChildProcess& interrupted = StartAndWaitUntilItServes("tell of its end");
+  interrupted.Signal(SIGINT);
+  EXPECT_EQ(interrupted.WaitExit(), kInterrupted);
+  EXPECT_THAT(interrupted.Errors(), HasSubstr("scripted module destroyed\n"));
+}
+
 TEST_F(VextoolTest, AFailedModuleIsLoggedUnloadedAndStopsNothing) {
   ChildProcess& tool = StartAndWaitUntilItServes("fail");
   tool.Signal(SIGINT);
@@ -130,6 +152,12 @@ TEST_F(VextoolTest, ACrashIsReportedInTheLogByTheFailureWriter) {
   ChildProcess& tool = Start("crash");
   EXPECT_EQ(tool.WaitExit(), (ExitState{0, SIGABRT}));
   EXPECT_THAT(Log(), InOrder({" 50 ", "example/vextool:", "operator(): Program Exit:", "SIGABRT"}));
+}
+
+TEST_F(VextoolTest, ACrashOfAStackThatIsUsedUpIsReportedToo) {
+  ChildProcess& tool = Start("exhaust the stack");
+  EXPECT_EQ(tool.WaitExit(), (ExitState{0, SIGSEGV}));
+  EXPECT_THAT(Log(), InOrder({"operator(): Program Exit:", "SIGSEGV"}));
 }
 
 TEST_F(VextoolTest, AnInterruptWhileAModuleLoadsWaitsForItAndUnloads) {
@@ -229,7 +257,28 @@ TEST_F(VextoolTest, TheStartRecordNeedsTheDebugOption) {
   EXPECT_THAT(Log(), Not(HasSubstr("debug_flag")));
   Start("", {"--local_console"}, {"KLBASE_DEBUG=1"}).CloseInput();
   EXPECT_EQ(tool_->WaitExit(), kConsoleEnded);
-  EXPECT_THAT(Log(), InOrder({"example/vextool:", " main: debug_flag:1, telent port: 0\n"}));
+  EXPECT_THAT(Log(), ContainsRegex(" 20 [0-9]+ example/vextool:[0-9]+ main: debug_flag:1, telent port: 0\n"));
+}
+
+TEST_F(VextoolTest, TheStartRecordNeedsLevel20) {
+  Start("", {"--local_console"}, {"KLBASE_DEBUG=1", "KLBASE_LOG_LEVEL=30"}).CloseInput();
+  EXPECT_EQ(tool_->WaitExit(), kConsoleEnded);
+  EXPECT_THAT(Log(), Not(HasSubstr("debug_flag")));
+}
+
+TEST_F(VextoolTest, WordsBesideTheFlagsAreNotUsed) {
+  Start("", {"exit", "--local_console", "shutdown"}).CloseInput();
+  EXPECT_EQ(tool_->WaitExit(), kConsoleEnded) << tool_->Errors();
+}
+
+TEST_F(VextoolTest, TheLocalConsoleIsServedBesideThePort) {
+  ChildProcess& tool = Start("", {"--local_console"});
+  ASSERT_TRUE(tool.WaitForError("console listens on 127.0.0.1:"));
+  tool.Write("core show version\n");
+  EXPECT_TRUE(tool.WaitFor("git-version: "));
+  vextest::TelnetClient client(Port());
+  client.Send("core show version\n");
+  EXPECT_TRUE(client.Expect("git-version: "));
 }
 
 TEST_F(VextoolTest, HelpNamesTheProgramAndItsFlags) {

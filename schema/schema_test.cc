@@ -3,7 +3,11 @@
 #include <google/protobuf/arena.h>
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/message.h>
+#include <google/protobuf/stubs/logging.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -211,6 +215,7 @@ TEST(SchemaTest, HasPackagesImportsAndOptionsOfTheContract) {
     EXPECT_EQ(file.syntax(), FileDescriptor::SYNTAX_PROTO3) << file.name();
     EXPECT_EQ(file.service_count(), 0) << file.name();
     EXPECT_EQ(file.options().has_cc_enable_arenas(), expected.says_arenas) << file.name();
+    EXPECT_EQ(file.options().has_go_package(), expected.package == "example.v1") << file.name();
   }
 }
 
@@ -228,6 +233,46 @@ TEST(SchemaTest, ReservesFieldNumbersFiveToNineteenOfTheExampleMessagesButNotFou
     ASSERT_EQ(type->reserved_range_count(), 1) << type->full_name();
     EXPECT_EQ(type->reserved_range(0)->start, 5);
     EXPECT_EQ(type->reserved_range(0)->end, 20);  // one past the last
+  }
+}
+
+std::vector<const FieldDescriptor*> StringFields() {
+  std::vector<const FieldDescriptor*> fields;
+  for (const auto& expected : SchemaFiles()) {
+    for (int i = 0; i < expected.file->message_type_count(); ++i) {
+      const Descriptor& type = *expected.file->message_type(i);
+      for (int j = 0; j < type.field_count(); ++j) {
+        if (type.field(j)->type() == FieldDescriptor::TYPE_STRING) fields.push_back(type.field(j));
+      }
+    }
+  }
+  return fields;
+}
+
+std::string reported;
+
+// What protobuf logs while `work` runs.
+std::string ReportOf(const std::function<void()>& work) {
+  reported.clear();
+  auto* const before = google::protobuf::SetLogHandler(
+      [](google::protobuf::LogLevel, const char*, int, const std::string& text) { reported += text + "\n"; });
+  work();
+  google::protobuf::SetLogHandler(before);
+  return reported;
+}
+
+TEST(SchemaTest, TextThatIsNotUtf8IsReportedUnderTheFieldsFullName) {
+  const auto fields = StringFields();
+  EXPECT_THAT(fields, testing::SizeIs(testing::Gt(50u)));
+  for (const FieldDescriptor* field : fields) {
+    const auto* prototype =
+        google::protobuf::MessageFactory::generated_factory()->GetPrototype(field->containing_type());
+    const std::unique_ptr<google::protobuf::Message> message(prototype->New());
+    message->GetReflection()->SetString(message.get(), field, "\xFF");
+    std::string bytes;
+    const auto names_it = testing::HasSubstr("'" + field->full_name() + "'");
+    EXPECT_THAT(ReportOf([&] { bytes = message->SerializeAsString(); }), names_it);
+    EXPECT_THAT(ReportOf([&] { EXPECT_FALSE(message->ParseFromString(bytes)); }), names_it);
   }
 }
 

@@ -36,7 +36,7 @@ def test_help_shows_both_flags():
     assert "cli start local console" in shown
 
 
-@pytest.mark.parametrize("flag", ["--cli_port=abc", "--local_console=maybe", "--no_such_flag=1"])
+@pytest.mark.parametrize("flag", ["--cli_port=abc", "--cli_port=2147483648", "--local_console=maybe", "--no_such_flag=1"])
 def test_a_bad_flag_is_reported_before_logging_starts(flag, tmp_path):
     log = tmp_path / "log"
     done = run_tool(flag, environment={"KLBASE_LOG_FILE": str(log)})
@@ -62,6 +62,27 @@ def test_a_port_in_use_ends_the_program_with_255_and_says_what_to_do():
     assert done.returncode == 255
     assert done.stderr.startswith("Exception caugth in main: ")
     assert str(port) in done.stderr and "choose another" in done.stderr
+
+
+def test_by_default_it_logs_from_level_20_to_5_files_of_51200_kib():
+    """On a /var/log of its own, which holds files of earlier runs; the live one is full but for a byte."""
+    in_private_folder = ["unshare", "--map-root-user", "--mount", "sh", "-ec", "mount -t tmpfs tmpfs /var/log; " + """
+        truncate -s $((51200 * 1024 - 1)) /var/log/vextool.log
+        for i in 1 2 3 4; do echo "old $i" > /var/log/vextool.$i.log; done
+        "$0" --local_console --cli_port=0 < /dev/null
+        stat -c "%n %s" /var/log/* >&2
+        cat /var/log/vextool.4.log /var/log/vextool.log"""]
+    if subprocess.run([*in_private_folder[:3], "true"], check=False, capture_output=True).returncode != 0:
+        pytest.skip("this machine gives no mount namespace")
+    plain = {name: value for name, value in os.environ.items() if not name.startswith("KLBASE_")}
+    done = subprocess.run([*in_private_folder, BIN / "vextool"], capture_output=True, text=True, timeout=LIMIT_S,
+                          env=dict(plain, KLBASE_DEBUG="1"), check=True)
+    files = [line.split() for line in done.stderr.splitlines() if line.startswith("/var/log/")]
+    assert [name for name, _ in files] == [f"/var/log/vextool{number}.log" for number in (".1", ".2", ".3", ".4", "")]
+    assert files[0][1] == str(51200 * 1024)  # the byte that was left ended the unfinished line
+    assert done.stdout.startswith("old 3\n")
+    records = [line for line in done.stdout.splitlines()[1:] if not line.startswith(" ")]
+    assert {record.split()[2] for record in records} == {"20", "30", "40"}
 
 
 def test_an_unwritable_log_is_one_line_and_the_tool_goes_on(start_tool):

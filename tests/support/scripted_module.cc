@@ -1,8 +1,10 @@
 // A module that loads and unloads as VEXTEST_MODULE says. Linked into a build of the tool to test its start and its
 // ends.
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -22,14 +24,34 @@ void Say(std::string_view text) {
   [[maybe_unused]] const auto written = write(STDERR_FILENO, text.data(), text.size());
 }
 
+int FillStack(int frames) {
+  volatile char frame[4096];
+  frame[0] = 1;
+  return frames == 0 ? 0 : FillStack(frames - 1) + frame[0];
+}
+
+// Until it is used up; where the stack has no limit it gets one first.
+bool ExhaustStack() {
+  rlimit limit = {};
+  getrlimit(RLIMIT_STACK, &limit);
+  limit.rlim_cur = 1 << 20;
+  setrlimit(RLIMIT_STACK, &limit);
+  return FillStack(std::numeric_limits<int>::max()) == 0;
+}
+
 class ScriptedModule : public core::Module {
  public:
+  ~ScriptedModule() override {
+    if (Script() == "tell of its end") Say("scripted module destroyed\n");
+  }
+
   const std::string& Name() override { return ModuleID; }
 
   bool Load() override {
     if (Script() == "throw") throw std::runtime_error("scripted failure");
     if (Script() == "throw another type") throw 42;
     if (Script() == "crash") std::abort();
+    if (Script() == "exhaust the stack") return ExhaustStack();
     if (Script() == "wait for a byte") {
       Say("scripted module loads\n");
       char byte = 0;

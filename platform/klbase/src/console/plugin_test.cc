@@ -20,9 +20,15 @@ class ZebraCli : public RegisteredPlugin<ZebraCli, &kZebraCli> {
   CmdHandler handle_;
 };
 
+int ants = 0;
+
 class AntCli : public RegisteredPlugin<AntCli, &kAntCli> {
  public:
-  explicit AntCli(Menu* parent) : RegisteredPlugin(kAntCli) { parent->Insert(std::make_unique<Menu>(kAntCli)); }
+  explicit AntCli(Menu* parent) : RegisteredPlugin(kAntCli) {
+    parent->Insert(std::make_unique<Menu>(kAntCli));
+    ++ants;
+  }
+  ~AntCli() override { --ants; }
 };
 
 TEST(PluginTest, RegisteredPluginsAreListedInAscendingOrder) {
@@ -51,6 +57,13 @@ TEST(PluginTest, TheFirstRegistrationOfANameWins) {
   Menu root("main");
   EXPECT_EQ(Registration::CreateAll(&root).size(), 2U);
   EXPECT_FALSE(second_was_created);
+}
+
+TEST(PluginTest, TheConsoleKeepsThePluginsAsLongAsItLives) {
+  auto console = MakeConsole(std::make_unique<Menu>("main"), ConsoleOptions());
+  EXPECT_EQ(ants, 1);
+  console.reset();
+  EXPECT_EQ(ants, 0);
 }
 
 TEST(PluginTest, CreateGivesAnOwnedPlugin) {
