@@ -158,7 +158,7 @@ Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::v
   };
   while (walk.used + 1 < words.size()) {
     auto submenu = submenu_named(words[walk.used]);
-    const bool back = walk.used == 0 && !place.AtRoot() && words[0] == place.Root().Name();
+    const bool back = walk.used == 0 && words[0] == place.Root().Name();
     if (!submenu && back) submenu = place.path.front();
     if (!submenu) break;
     walk.menu = std::move(submenu);

@@ -31,8 +31,8 @@ struct Walk {
   CommandVector commands;      // what can be named there: the menu's commands, and the built-in ones where they work
 };
 
-// Follows `words` from `place` while they name enabled submenus and more words follow. In a submenu the root's name
-// leads back to the root.
+// Follows `words` from `place` while they name enabled submenus and more words follow. The root's name, as the first
+// word, leads back to the root.
 Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words);
 
 // Whether help is asked for behind a menu's name ("encd help", "encd ? SetQulity"), where the menu has no command of

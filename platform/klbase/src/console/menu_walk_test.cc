@@ -57,6 +57,14 @@ TEST_F(MenuWalkTest, TabOffersNothingBehindACommand) {
   EXPECT_EQ(Tab("nothing Op"), Strings{});
 }
 
+TEST_F(MenuWalkTest, TheRootsNameLeadsFromTheRootToo) {
+  EXPECT_EQ(Tab("main en"), Strings{"encd"});
+  EXPECT_EQ(HintFor("main encd SetQulity"), " <qulity<low middle high>>");
+  EXPECT_TRUE(IsHelpInMenu(FollowMenus(place_, *builtins_, {"main", "encd", "help"}), {"main", "encd", "help"}));
+  EXPECT_EQ(Explain({"main", "bogus", "x"}),
+            "Unknown command \"bogus\" in \"main\". Type \"help\" for the commands.\n");
+}
+
 TEST_F(MenuWalkTest, TabCompletesTheArgumentOfHelp) {
   EXPECT_EQ(Tab("help pl"), Strings{"playd"});
   EXPECT_EQ(Tab("help playd OpenM"), Strings{"OpenMedia"});
