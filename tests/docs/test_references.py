@@ -175,7 +175,11 @@ FIGURES = [
     (r"It holds (\d+) lines", "platform/klbase/src/console/history.h", r"kMaxLines = ([^;]+);", 1),
     (r"TCP port (50\d+)", "example/vextool.cc", r"cli_port, (\d+),", 1),
     (r"TCP port (7\d+)", "modules/apisdk/apisdk.cc", r"kNodePort = ([^;]+);", 1),
-    (r"at most (\d+) players", "device/playd/player_table.h", r"(?:kMaxPlayers = |max_players = |players = )([^;]+);", 1),
+    (r"It ends within (\d+) s", "example/exit_handling.h", r"kEndLimit\{([^}]+)\}", 1),
+    (r"at most (\d+) players", "device/playd/player_table.h", r"kMaxPlayers = ([^;]+);", 1),
+    (r"name, 1 to (\d+) characters", "device/playd/player_table.h", r"kMaxIdLength = ([^;]+);", 1),
+    (r"1 to (\d+) a side", "device/playd/geometry.cc", r"kMaxSide = ([^;]+);", 1),
+    (r"open after (1\.5) s", "device/playd/player.h", r"milliseconds media\{([^}]+)\}", 0.001),
 ]
 
 
@@ -187,7 +191,7 @@ def test_figures_are_the_codes(claim, file, definition, unit):
     stated = [next(group for group in found.groups() if group) for found in re.finditer(claim, ALL_TEXT)]
     assert stated, "no page says it any more: take it out of FIGURES, or say it"
     for figure in stated:
-        assert int(figure) * unit == value or int(figure) == value * unit, f"{file} says {defined.group(0)}"
+        assert float(figure) * unit == value or float(figure) == value * unit, f"{file} says {defined.group(0)}"
 
 
 def test_counted_things_are_as_many():
