@@ -22,10 +22,15 @@ def run_tool(*flags, environment=None, lines=""):
                           env=full, check=False)
 
 
-def test_without_flags_it_serves_port_50000_and_no_local_console(tmp_path, started):
+def test_without_flags_it_serves_port_50000_and_no_local_console(tmp_path, started, connect):
     tool = Child(tmp_path, "plain", [BIN / "vextool"], dict(os.environ, KLBASE_LOG_FILE="/dev/null"))
     started.append(tool)
     wait_until(lambda: "console listens on 127.0.0.1:50000" in tool.errors(), "the console listens")
+    operator = connect(50000)
+    operator.send("who\n")
+    sessions = operator.finish()
+    assert "program" in sessions
+    assert "stdin" not in sessions
     assert tool.process.poll() is None  # its standard input is at its end: a local console would have ended it
 
 

@@ -135,7 +135,7 @@ template <typename T>
 }  // namespace internal
 
 // Converts a word: standard formatted extraction that must use up the whole word (blanks around it are allowed). An
-// unsigned integer is decimal digits only: the extraction would take "-1" for the largest value. Throws bad_conversion.
+// unsigned integer has no minus: the extraction would take "-1" for the largest value. Throws bad_conversion.
 template <typename T>
 T from_string(const std::string& word) {
   std::istringstream stream(word);

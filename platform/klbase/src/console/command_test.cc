@@ -166,6 +166,7 @@ TEST(FromStringTest, TakesUnsignedDecimals) {
   EXPECT_EQ(from_string<unsigned int>("12"), 12U);
   EXPECT_EQ(from_string<unsigned int>("0"), 0U);
   EXPECT_EQ(from_string<unsigned int>("007"), 7U);
+  EXPECT_EQ(from_string<unsigned int>("+7"), 7U);
   EXPECT_EQ(from_string<unsigned int>("4294967295"), std::numeric_limits<unsigned int>::max());
   EXPECT_EQ(from_string<unsigned int>(" 12 "), 12U);
 }
