@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 #include <ostream>
 #include <utility>
 #include <vector>
 
+#include "console/line_editor_text.h"
 #include "console/session_impl.h"
 
 namespace cli::internal {
@@ -48,12 +50,13 @@ void Help(SessionImpl& session, const Arguments& words) {
   }
 }
 
+// As the line editor shows them: what no terminal should get is written out.
 void ShowHistory(SessionImpl& session, const Arguments&) {
   std::size_t number = 0;
   for (const auto& line : session.Lines().Lines()) {
     char prefix[32];
     std::snprintf(prefix, sizeof prefix, "%5zu  ", ++number);
-    session.OutStream() << prefix << line << '\n';
+    session.OutStream() << prefix << DisplayPrefix(line, std::numeric_limits<int>::max()) << '\n';
   }
 }
 
