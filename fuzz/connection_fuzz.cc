@@ -1,5 +1,6 @@
 // A client on a connection, whatever it sends: the socket, the telnet protocol, the session with its thread, and
-// commands in a menu. The same bytes in any pieces run the same commands, and print the same for a program.
+// commands in a menu. The same bytes in any pieces run the same commands, and print the same for a program;
+// no bytes have the console send an operator what drives the terminal.
 //
 // The input: how the client begins (0 a program, 1 a telnet client that agrees to everything, 2 one that says nothing
 // at first, 3 one that begins with any telnet bytes), the sizes of the pieces (a line), then the bytes.
@@ -181,6 +182,45 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
   std::size_t closings_ = 0;
 };
 
+// `bytes` without the telnet commands among them.
+std::string WithoutTelnet(std::string_view bytes) {
+  constexpr unsigned char kIac = 255;
+  constexpr unsigned char kBegin = 250;
+  constexpr unsigned char kFirstOption = 251;
+  std::string text;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (static_cast<unsigned char>(bytes[i]) != kIac) {
+      text += bytes[i];
+      continue;
+    }
+    const auto command = static_cast<unsigned char>(i + 1 < bytes.size() ? bytes[i + 1] : '\0');
+    FUZZ_CHECK(command >= kBegin, "not escaped: " + fuzz::Detail(bytes.substr(i, 10)));
+    if (command == kIac) text += bytes[i];
+    if (command == kBegin) i = std::min(bytes.find("\xff\xf0", i), bytes.size());
+    ++i;
+    if (command >= kFirstOption && command != kIac) ++i;
+  }
+  return text;
+}
+
+// Where something stands that would drive a terminal otherwise than the line editor does; "" when nothing does.
+std::string UnsafeIn(std::string_view text) {
+  constexpr std::string_view kControls = "\r\n\b\a\t";
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+    if (byte == 0x1b && next == '[') {
+      i = text.find_first_not_of("0123456789;?", i + 2);
+      const bool known = i < text.size() && std::string_view("ABCDHJKmhl").find(text[i]) != std::string_view::npos;
+      if (!known) return "a sequence";
+    } else if ((byte < 0x20 && kControls.find(text[i]) == std::string_view::npos) || byte == 0x7f ||
+               (byte == 0xc2 && next >= 0x80 && next < 0xa0)) {
+      return fuzz::Detail(text.substr(i < 20 ? 0 : i - 20, 40));
+    }
+  }
+  return "";
+}
+
 struct Outcome {
   std::vector<std::string> calls;
   std::string received;
@@ -204,6 +244,10 @@ Outcome RunClient(int kind, std::string_view bytes, std::string_view sizes) {
   }
   server.EndSending();
   FUZZ_CHECK_EQUAL(server.Closings(), std::size_t{1});
+  if (kind != 0) {
+    const std::string unsafe = UnsafeIn(WithoutTelnet(server.Received()));
+    FUZZ_CHECK(unsafe.empty(), unsafe);
+  }
   return {calls, server.Received()};
 }
 
