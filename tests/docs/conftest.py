@@ -18,4 +18,4 @@ from reader import Reader  # noqa: E402
 def reader(tmp_path):
     following = Reader(tmp_path)
     yield following
-    following.stop_demo()
+    following.leave()

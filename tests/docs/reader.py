@@ -13,13 +13,16 @@ BIN = pathlib.Path(os.environ.get("VEX_BIN", markdown.ROOT / "build" / "bin")).r
 SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
 INSTRUMENTED = SANITIZED or os.environ.get("VEX_COVERAGE") in ("ON", "1")  # what is linked with it must be so, too
 SAMPLES = BIN.parent / "tests" / "docs" / "bin"  # the tool with the documents' menus and modules
-LIMIT_S = 60 if SANITIZED else float(os.environ.get("VEX_DOCS_LIMIT_S", 20))
+LIMIT_S = 60 if SANITIZED else 30
 # Belongs to whoever runs the tests, not to the reader.
 NOT_THE_READERS = ("KLBASE_", "KLRPC_", "SYSCONFIG_", "DISPLAY", "WAYLAND_DISPLAY", "PULSE_SERVER", "XDG_", "LS_COLORS")
 
 
 class Reader:
+    clip = None  # of the first demo; it takes time to make
+
     def __init__(self, folder):
+        self.folder = folder
         self.checkout = folder / "vextool"
         self.home = folder / "home"
         self.home.mkdir()
@@ -43,6 +46,9 @@ class Reader:
         (self.checkout / "build" / "bin").symlink_to(BIN)
         (self.checkout / "build" / "cmake_install.cmake").symlink_to(BIN.parent / "cmake_install.cmake")
         (self.checkout / "build" / "build.ninja").write_text("build all: phony\n", encoding="ascii")
+        if Reader.clip:
+            (self.checkout / "build" / "demo").mkdir()
+            (self.checkout / "build" / "demo" / "clip.mp4").write_bytes(Reader.clip)
 
     @staticmethod
     def file_name(block):
@@ -78,15 +84,23 @@ class Reader:
     def start_demo(self):
         self.open_demo()
         assert self.demo.wait(lambda: self.demo.row(self.demo.screen.cursor.y) == "main>"), self.demo.rows(0)
+        Reader.clip = Reader.clip or (self.checkout / "build" / "demo" / "clip.mp4").read_bytes()
         self.demo.top = self.demo.screen.cursor.y
 
     def stop_demo(self):
         if self.demo and not self.demo.ended:
             self.demo.send("\x15exit\r")
             self.demo.wait_for_end()
-        self.close()
+        self.close_terminals()
 
-    def close(self):
+    def leave(self):
+        """Ends what runs and removes the checkout."""
+        try:
+            self.stop_demo()
+        finally:
+            shutil.rmtree(self.folder, ignore_errors=True)
+
+    def close_terminals(self):
         for terminal in (self.demo, self.meanwhile and self.meanwhile[2]):
             if terminal:
                 terminal.close()

@@ -196,9 +196,8 @@ def test_samples_say_which_file_they_are(block):
 
 
 @pytest.mark.parametrize("block", of_kind("log"))
-def test_records_look_like_real_ones(block, tmp_path):
+def test_records_look_like_real_ones(block, reader):
     """The log of the demo has the records that a document shows."""
-    reader = Reader(tmp_path)
     reader.start_demo()
     reader.stop_demo()
     log = [transcript.normal(line) for line in (reader.checkout / "build/demo/vextool.log").read_text().splitlines()]

@@ -16,7 +16,7 @@ def demo(tmp_path_factory):
     following = Reader(tmp_path_factory.mktemp("console"))
     following.start_demo()
     yield following.demo
-    following.stop_demo()
+    following.leave()
 
 
 def run(demo, line):

@@ -82,7 +82,7 @@ def with_history(tmp_path_factory):
         run(telnet, typed)
     yield telnet
     telnet.close()
-    following.stop_demo()
+    following.leave()
 
 
 @pytest.mark.parametrize("key", KEYS)
