@@ -8,7 +8,7 @@ import signal
 import subprocess
 import time
 
-LIMIT_S = 30  # for anything that must happen; a healthy run needs a fraction
+LIMIT_S = 60  # for anything that must happen; a healthy run needs a fraction
 
 # What a boot on this machine would start besides; the tests boot to the services that every boot has.
 TARGET = "basic.target"
@@ -164,9 +164,14 @@ class PrivateRoot:
 
     def stop(self):
         if self.manager is not None:
-            if self.manager.poll() is None:
-                self.manager.send_signal(signal.SIGKILL)
-            self.manager.wait()
+            # All processes inside end with the first one, and that's what nspawn waits for.
+            if self.first is not None and self.manager.poll() is None:
+                os.kill(self.first, signal.SIGKILL)
+            try:
+                self.manager.wait(LIMIT_S)
+            except subprocess.TimeoutExpired:
+                self.manager.kill()
+                self.manager.wait()
             self.output.close()
             self.group.remove()
             run("umount", "/run")

@@ -11,6 +11,8 @@ TOOLS = {"unshare": "util-linux", "systemd-nspawn": "systemd-container", "nsente
          "dpkg-shlibdeps": "dpkg-dev", "systemd-analyze": "systemd"}
 # A process id space ends with its first process, which this one's end ends; and a mount space with its last process.
 ALONE = ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child", "--mount-proc", "--net"]
+# The shell, as first process, takes leave of those that lost their parents.
+FIRST = ["sh", "-c", '"$@"; exit $?', "sh"]
 
 
 def skip(why):
@@ -30,7 +32,7 @@ def main(build, *files):
     if tried.returncode != 0:
         skip(f"this machine allows no private root: {tried.stderr.strip()}")
     os.environ["VEX_BUILD"] = build
-    os.execvp(ALONE[0], [*ALONE, sys.executable, "-B", "-m", "pytest", "-q", "-p", "no:cacheprovider", "--tb=short", *files])
+    os.execvp(ALONE[0], [*ALONE, *FIRST, sys.executable, "-B", "-m", "pytest", "-q", "-p", "no:cacheprovider", "--tb=short", *files])
 
 
 if __name__ == "__main__":
