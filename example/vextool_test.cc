@@ -154,6 +154,14 @@ TEST_F(VextoolTest, ACrashIsReportedInTheLogByTheFailureWriter) {
   EXPECT_THAT(Log(), InOrder({" 50 ", "example/vextool:", "operator(): Program Exit:", "SIGABRT"}));
 }
 
+TEST_F(VextoolTest, ACrashReportNamesTheFunction) {
+  ChildProcess& tool = Start("trap");
+  const auto end = tool.WaitExit();
+  ASSERT_TRUE(end);
+  EXPECT_NE(end->signal, 0);
+  EXPECT_THAT(Log(), InOrder({"operator(): Program Exit:\n    PC: ", "Trap()\n"}));
+}
+
 TEST_F(VextoolTest, ACrashOfAStackThatIsUsedUpIsReportedToo) {
   ChildProcess& tool = Start("exhaust the stack");
   EXPECT_EQ(tool.WaitExit(), (ExitState{0, SIGSEGV}));

@@ -39,6 +39,9 @@ bool ExhaustStack() {
   return FillStack(std::numeric_limits<int>::max()) == 0;
 }
 
+// Faults in this very function, so that a crash report can name it.
+[[gnu::noinline]] bool Trap() { __builtin_trap(); }
+
 class ScriptedModule : public core::Module {
  public:
   ~ScriptedModule() override {
@@ -51,6 +54,7 @@ class ScriptedModule : public core::Module {
     if (Script() == "throw") throw std::runtime_error("scripted failure");
     if (Script() == "throw another type") throw 42;
     if (Script() == "crash") std::abort();
+    if (Script() == "trap") return Trap();
     if (Script() == "exhaust the stack") return ExhaustStack();
     if (Script() == "wait for a byte") {
       Say("scripted module loads\n");
