@@ -21,5 +21,5 @@ set(ENV{PKG_CONFIG_LIBDIR}
     "${VEX_ARM64_GSTREAMER}/pkgconfig:/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VEX_ARM64_GSTREAMER)
 
-# The emulator that runs the tests. Children that a test starts need it too: see packaging/arm64/emulated.sh.
+# The emulator that runs the tests. Children that a test starts need it too: see packaging/arm64/emulated.py.
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-aarch64-static CACHE FILEPATH "")
