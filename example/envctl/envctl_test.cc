@@ -1,7 +1,9 @@
 // Linked so that calls of popen come here: what they would run is looked at, and what the tool would answer comes from
 // a real child process.
 #include <gmock/gmock.h>
+#include <sys/wait.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <deque>
 #include <memory>
@@ -266,6 +268,26 @@ TEST_F(SysconfTest, BootLoaderCommandIsCutAt127Characters) {
 TEST_F(SysconfTest, SetRunsTheToolWithNameAndValue) {
   EXPECT_EQ(sysconf_setenv("test", "17"), 0);
   EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig set test 17"));
+}
+
+TEST_F(SysconfTest, SetDoesNotLookAtTheToolsStatus) {
+  Answers({"no room'; exit 3; '"});
+  EXPECT_EQ(sysconf_setenv("test", "17"), 0);
+  EXPECT_THAT(Commands(), testing::SizeIs(1));
+}
+
+TEST_F(SysconfTest, NoChildIsLeftWhateverTheToolAnswers) {
+  for (const char* answer : {"", "nothing\\n", "a=b\\n", "a=b\\nmore\\n", "x'; exit 3; '"}) {
+    Answers({answer});
+    sysconf_getenv_safe("a", buffer_);
+    fw_getenv("a", buffer_);
+    sysconf_setenv("a", "b");
+    testing::internal::CaptureStderr();
+    sysconf_printenv();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << answer;
+    EXPECT_EQ(errno, ECHILD);
+  }
 }
 
 TEST_F(SysconfTest, SetWithoutValuePassesTheNameAlone) {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -362,6 +363,30 @@ TEST_F(RpcServerTest, HandlerThatThrowsFailsItsCallAlone) {
   server.StartRpcServer();
   EXPECT_EQ(AskName(), "(no reply)");
   EXPECT_EQ(AskName(), "well again");
+}
+
+TEST_F(RpcServerTest, TwoRequestsAreServedAtOnceAndNoThird) {
+  std::atomic<int> inside = 0;
+  absl::Notification both_entered;
+  absl::Notification leave;
+  const ScriptedRegistry registry({{"waiting", Scripted([&](const KeyValue& request, Status&) {
+                                      if (request.key().empty()) return true;
+                                      if (++inside == 2) both_entered.Notify();
+                                      return leave.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit));
+                                    })}});
+  RpcServer server;
+  server.StartRpcServer();
+  KeyValue waiting;
+  waiting.set_key("wait");
+  std::thread first([this, &waiting] { Ask<Status>(waiting); });
+  std::thread second([this, &waiting] { Ask<Status>(waiting); });
+  EXPECT_TRUE(both_entered.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit)));
+  google::protobuf::Any reply;
+  EXPECT_FALSE(client_->CallWithin(KeyValue(), reply, std::chrono::milliseconds(100)));
+  leave.Notify();
+  first.join();
+  second.join();
+  EXPECT_TRUE(client_->Call(KeyValue(), reply));
 }
 
 TEST_F(RpcServerTest, ServicesOutliveTheRequestsInThem) {

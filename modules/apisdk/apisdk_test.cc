@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -17,7 +18,8 @@
 // Linked so that each client's options come here first: what was made, and in which order, shows nowhere else.
 namespace {
 std::vector<std::string> made_options;  // address, and whether it is another machine's
-}
+std::function<void()> when_made;        // called before each, if set
+}  // namespace
 
 extern "C" {
 
@@ -28,6 +30,7 @@ void __real__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_
 void __wrap__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
     klrpc::APIClientOptions* made, const std::string& address, const int& max_backoff_ms, const int& min_backoff_ms,
     const int& initial_backoff_ms, bool remote) {
+  if (when_made) when_made();
   made_options.push_back(address + (remote ? " remote" : " local"));
   __real__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
       made, address, max_backoff_ms, min_backoff_ms, initial_backoff_ms, remote);
@@ -118,10 +121,20 @@ TEST(ApiSdkTest, LoadsBothApisWithTheirClients) {
   EXPECT_EQ(ApiPubSubSdk::instance_.PubSubOsd(), nullptr);
 }
 
-TEST(ApiSdkTest, MakesTheEncodersClientFirst) {
+TEST(ApiSdkTest, MakesBothApisThenTheEncodersSideThenThePlayers) {
+  ApiSdk& sdk = NewSdk();
+  std::vector<bool> apis_there;
+  std::vector<ApiPubSub*> encoder_events;
   made_options.clear();
-  NewSdk().LoadApi({ApiSdk::kPlayd, ApiSdk::kEncd});
+  when_made = [&sdk, &apis_there, &encoder_events] {
+    apis_there.push_back(sdk.Encoder() != nullptr && sdk.Player() != nullptr);
+    encoder_events.push_back(ApiPubSubSdk::instance_.PubSubEncd());
+  };
+  sdk.LoadApi({ApiSdk::kPlayd, ApiSdk::kEncd});
+  when_made = nullptr;
   EXPECT_THAT(made_options, ElementsAre("unix-abstract:encd@default local", "unix-abstract:playd@default local"));
+  EXPECT_THAT(apis_there, ElementsAre(true, true));
+  EXPECT_NE(encoder_events.at(0), encoder_events.at(1));  // replaced by the new client's in between
 }
 
 TEST(ApiSdkTest, DaemonClientsUseTheLocalAddressesAndTheDefaultBackOff) {

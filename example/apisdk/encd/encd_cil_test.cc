@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <ostream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "apisdk/apisdk.h"
 #include "common/v1/status.pb.h"
@@ -11,6 +13,7 @@
 #include "encoder/v1/encoder.pb.h"
 #include "tests/support/fake_daemon.h"
 #include "tests/support/fake_session.h"
+#include "tests/support/flushed_text.h"
 #include "tests/support/log_capture.h"
 
 namespace {
@@ -56,6 +59,24 @@ TEST_F(EncdCliTest, PrintsTheDaemonsStatus) {
   daemon.Answer<encoder::v1::SetVideoQualityRequest>(status);
   session_.Run({"encd", "SetQulity", "high"});
   EXPECT_EQ(session_.TakeText(), "code= -7 result=no signal\n");
+}
+
+// A session whose output shows its flushes.
+class FlushingSession : public vextest::FakeSession {
+ public:
+  using FakeSession::FakeSession;
+  std::ostream& OutStream() override { return out_; }
+  const std::vector<std::string>& Flushes() const { return text_.Flushes(); }
+
+ private:
+  vextest::FlushedText text_;
+  std::ostream out_{&text_};
+};
+
+TEST_F(EncdCliTest, TheLineIsFlushed) {
+  FlushingSession session(root_);
+  EXPECT_TRUE(session.Run({"encd", "SetQulity", "high"}));
+  EXPECT_THAT(session.Flushes(), ElementsAre("code= 500 result=\n"));
 }
 
 TEST_F(EncdCliTest, WithoutADaemonPrintsThisSidesCode) {

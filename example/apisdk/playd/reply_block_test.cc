@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <ostream>
 #include <sstream>
 #include <string>
+
+#include "tests/support/flushed_text.h"
 
 namespace {
 
@@ -50,6 +53,23 @@ TEST(ReplyBlockTest, SeekHasLabelsOfEighteenCharacters) {
             "info_id          :7\n"
             "info_seek_ms     :4294967295\n"
             "info_duration_ms :60000\n");
+}
+
+// How many lines are written, each with a flush of its own.
+template <typename Reply>
+std::size_t FlushedLines(const Reply& reply) {
+  vextest::FlushedText text;
+  std::ostream out(&text);
+  PrintReply(out, "Any", reply);
+  EXPECT_EQ(text.str(), "");
+  EXPECT_THAT(text.Flushes(), testing::Each(testing::ContainsRegex("^[^\n]+\n$")));
+  return text.Flushes().size();
+}
+
+TEST(ReplyBlockTest, EachLineIsFlushed) {
+  EXPECT_EQ(FlushedLines(ApiPlayer::UniversalResp{}), 5u);
+  EXPECT_EQ(FlushedLines(ApiPlayer::GetSeekOfUplayerResp{}), 8u);
+  EXPECT_EQ(FlushedLines(ApiPlayer::GetMediaInfoOfUplayerResp{}), 10u);
 }
 
 TEST(ReplyBlockTest, MediaInfoShowsUrlSizeAndDuration) {

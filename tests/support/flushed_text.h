@@ -1,0 +1,30 @@
+// What is written to a stream, as it is flushed.
+#ifndef TESTS_SUPPORT_FLUSHED_TEXT_H_
+#define TESTS_SUPPORT_FLUSHED_TEXT_H_
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace vextest {
+
+//   FlushedText text;
+//   std::ostream out(&text);
+class FlushedText : public std::stringbuf {
+ public:
+  // What came with each flush; what was written since the last one is not among it.
+  const std::vector<std::string>& Flushes() const { return flushes_; }
+
+ private:
+  int sync() override {
+    flushes_.push_back(str());
+    str({});
+    return 0;
+  }
+
+  std::vector<std::string> flushes_;
+};
+
+}  // namespace vextest
+
+#endif  // TESTS_SUPPORT_FLUSHED_TEXT_H_
