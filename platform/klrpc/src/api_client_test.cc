@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <thread>
 #include <vector>
 
@@ -26,6 +30,28 @@ Any Packed(const google::protobuf::Message& message) {
   any.PackFrom(message);
   return any;
 }
+
+// While it lives this process can't open a file.
+class NoFileDescriptors {
+ public:
+  NoFileDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit low = before_;
+    low.rlim_cur = 256;
+    setrlimit(RLIMIT_NOFILE, &low);
+    for (int fd = dup(0); fd >= 0; fd = dup(0)) fillers_.push_back(fd);
+  }
+  NoFileDescriptors(const NoFileDescriptors&) = delete;
+  NoFileDescriptors& operator=(const NoFileDescriptors&) = delete;
+  ~NoFileDescriptors() {
+    for (const int fd : fillers_) close(fd);
+    setrlimit(RLIMIT_NOFILE, &before_);
+  }
+
+ private:
+  rlimit before_{};
+  std::vector<int> fillers_;
+};
 
 class ApiClientTest : public ::testing::Test {
  protected:
@@ -267,6 +293,62 @@ TEST_F(ApiClientTest, ManyThreadsCallAtOnce) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
+}
+
+// It used to return while gRPC still wrote to what it had left, and blamed the time limit.
+TEST_F(ApiClientTest, WithoutAFileDescriptorToWaitWithACallFailsAtOnce) {
+  enum State { kStart, kInside, kGoOn };
+  Watched<State> first;
+  const auto server = Serve(address_, [&first](const Any& request, Any& reply) {
+    common::v1::Status status;
+    if (request.UnpackTo(&status) && status.code() == 1) {
+      first.Update([](State& state) { state = kInside; });
+      first.WaitFor([](const State& state) { return state == kGoOn; });
+    }
+    return Echo(request, reply);
+  });
+  Any other_reply;
+  std::thread has_the_only_queue([&] { client_->CallWithin(StatusOf(1), other_reply, kPatience); });
+  EXPECT_TRUE(first.WaitFor([](const State& state) { return state == kInside; }));
+  {
+    const NoFileDescriptors none;
+    EXPECT_FALSE(client_->CallWithin(StatusOf(2), reply_, kPatience));
+  }
+  EXPECT_TRUE(
+      log_.WaitFor(FailedCall(address_, "RESOURCE_EXHAUSTED: no file descriptor is left to wait for the reply with")));
+  first.Update([](State& state) { state = kGoOn; });
+  has_the_only_queue.join();
+  EXPECT_TRUE(Call(StatusOf(3)));
+}
+
+int OpenFiles() {
+  const std::filesystem::directory_iterator files("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(files), end(files)));
+}
+
+// One for each of the most calls at once that there ever were used to stay open.
+TEST_F(ApiClientTest, ManyCallsAtOnceLeaveFewFilesOpen) {
+  constexpr int kCalls = 60;
+  Watched<int> inside;
+  const auto all_inside = [](const int& count) { return count >= kCalls; };
+  const auto server = Serve(
+      address_,
+      [&](const Any& request, Any& reply) {
+        inside.Update([](int& count) { ++count; });
+        inside.WaitFor(all_inside);
+        return Echo(request, reply);
+      },
+      kCalls);
+  const int before = OpenFiles();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kCalls; ++i) {
+    threads.emplace_back([this] {
+      Any reply;
+      EXPECT_TRUE(client_->CallWithin(StatusOf(1), reply, kPatience));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_LE(OpenFiles(), before + 20);
 }
 
 TEST_F(ApiClientTest, NothingGoesToStandardError) {
