@@ -47,7 +47,7 @@ int main() {
 
   const auto names = cli::Registration::Names();
   const bool has_core = std::find(names.begin(), names.end(), "core") != names.end();
-  std::cout << "code=" << status.code() << " core=" << has_core << " encd="
-            << apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::ApiModule::kEncd) << std::endl;
+  std::cout << "code=" << status.code() << " core=" << has_core
+            << " encd=" << apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::ApiModule::kEncd) << std::endl;
   return 0;
 }
