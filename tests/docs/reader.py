@@ -10,10 +10,9 @@ import transcript
 from terminal import Terminal
 
 BIN = pathlib.Path(os.environ.get("VEX_BIN", markdown.ROOT / "build" / "bin")).resolve()
-SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
-INSTRUMENTED = SANITIZED or os.environ.get("VEX_COVERAGE") in ("ON", "1")  # what is linked with it must be so, too
+INSTRUMENTED = os.environ.get("VEX_COVERAGE") in ("ON", "1")  # what is linked with it must be so, too
 SAMPLES = BIN.parent / "tests" / "docs" / "bin"  # the tool with the documents' menus and modules
-LIMIT_S = 60 if SANITIZED else 30
+LIMIT_S = 30
 AGAIN = 5
 # Belongs to whoever runs the tests, not to the reader.
 NOT_THE_READERS = ("KLBASE_", "KLRPC_", "SYSCONFIG_", "DISPLAY", "WAYLAND_DISPLAY", "PULSE_SERVER", "XDG_", "LS_COLORS")
