@@ -1,7 +1,10 @@
 // Starts and ends of the whole program, with a module that misbehaves as the test says.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -166,6 +169,18 @@ TEST_F(VextoolTest, ACrashOfAStackThatIsUsedUpIsReportedToo) {
   ChildProcess& tool = Start("exhaust the stack");
   EXPECT_EQ(tool.WaitExit(), (ExitState{0, SIGSEGV}));
   EXPECT_THAT(Log(), InOrder({"operator(): Program Exit:", "SIGSEGV"}));
+}
+
+// As a disk that hangs.
+TEST_F(VextoolTest, ACrashWhoseReportCannotBeWrittenEndsAllTheSame) {
+  ASSERT_EQ(mkfifo(LogFile().c_str(), 0600), 0);
+  const int full = open(LogFile().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  const std::string page(4096, ' ');
+  while (write(full, page.data(), page.size()) > 0) {
+  }
+  ChildProcess& tool = Start("trap", {}, {"KLBASE_LOG_LEVEL=50"});
+  EXPECT_EQ(tool.WaitExit(), (ExitState{0, SIGABRT}));
+  close(full);
 }
 
 TEST_F(VextoolTest, AnInterruptWhileAModuleLoadsWaitsForItAndUnloads) {

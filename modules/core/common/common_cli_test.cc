@@ -30,6 +30,14 @@ TEST_F(CommonCliTest, SetStoresTheDebugLevelAndEnablesDetail) {
   EXPECT_EQ(kOptionDebug, 3);
 }
 
+TEST_F(CommonCliTest, SetPutsTheLogLevelTo20WhateverItWas) {
+  for (const int level : {10, 20, 50}) {
+    KlLogSetLogLevel(level);
+    session_.Run({"core", "set", "debug", "0"});
+    EXPECT_EQ(kOptionLogLevel, 20);
+  }
+}
+
 TEST_F(CommonCliTest, SetTakesAnyFirstWord) {
   EXPECT_TRUE(session_.Run({"core", "set", "x", "3"}));
   EXPECT_EQ(session_.TakeText(), "\t debug level:\t3\n");
