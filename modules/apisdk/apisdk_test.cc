@@ -21,6 +21,7 @@ std::vector<std::string> made_options;  // address, and whether it is another ma
 std::function<void()> when_made;        // called before each, if set
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names
 extern "C" {
 
 void __real__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
@@ -37,6 +38,7 @@ void __wrap__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace apis {
 namespace {
