@@ -25,6 +25,7 @@ constexpr char kRepaint = '\x1a';
 constexpr char kResize = '\x1c';
 constexpr char kNotice = '\x1d';
 constexpr char kHide = '\x1e';
+constexpr char kYank = '\x19';
 constexpr int kWide = 240;
 constexpr std::string_view kAround("\x1a\x1c\x1d\x1e", 4);
 
@@ -228,6 +229,8 @@ class Session {
         wide_(kWide, 4, LineEditor::Display::kFull) {}
 
   void Type(std::string_view bytes) {
+    typed_ += bytes.size();
+    yanked_ = yanked_ || bytes.find(kYank) != std::string_view::npos;
     for (const char byte : bytes) {
       model_.Type({&byte, 1});
       wide_.Type({&byte, 1});
@@ -313,8 +316,8 @@ class Session {
     const int cursor = wide_.Terminal().Column();
     for (int width = cli::internal::DisplayWidth(row); width < cursor; ++width) row += ' ';
     const bool whole = row.starts_with(fuzz::kPrompt) || row.starts_with("(search") || row.starts_with("(no match");
-    if (!whole || cli::internal::DisplayWidth(row) >= kWide - 1) {
-      was_higher_ = operator_.Events().size();  // perhaps
+    if (!whole || cli::internal::DisplayWidth(row) >= kWide - 1 || MayBeHigher()) {
+      if (!model_.Known()) was_higher_ = operator_.Events().size();
       return;
     }
     std::size_t offset = 0;
@@ -322,6 +325,12 @@ class Session {
       column += cli::internal::UnitAt(row, offset).width;
     }
     CheckShown({"", row, offset, hint, columns_});
+  }
+
+  // With the blanks at its end, which can't be seen in the wide window.
+  bool MayBeHigher() const {
+    constexpr std::size_t kFewBytes = 150;  // and what is recalled and completed, which is shorter still
+    return yanked_ || typed_ > kFewBytes || kWide / columns_ + 2 > rows_;
   }
 
   static std::string RowOfCursor(const cli::internal::TestScreen& screen) {
@@ -347,6 +356,8 @@ class Session {
   fuzz::Operator wide_;  // in a window that takes most lines in one row, with each byte on its own
   Model model_;
   bool hidden_ = false;
+  std::size_t typed_ = 0;
+  bool yanked_ = false;
   std::optional<std::size_t> was_higher_;  // in the line behind so many events
 };
 
