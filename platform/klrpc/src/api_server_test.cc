@@ -2,13 +2,17 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -42,6 +46,31 @@ class TempFolder {
 
  private:
   std::string path_;
+};
+
+// Leaves this process no file descriptor to open, while it lives or until Free().
+class AllDescriptorsUsed {
+ public:
+  AllDescriptorsUsed() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit low = before_;
+    low.rlim_cur = 256;
+    setrlimit(RLIMIT_NOFILE, &low);
+    for (int fd = dup(0); fd >= 0; fd = dup(0)) fillers_.push_back(fd);
+  }
+  AllDescriptorsUsed(const AllDescriptorsUsed&) = delete;
+  AllDescriptorsUsed& operator=(const AllDescriptorsUsed&) = delete;
+  ~AllDescriptorsUsed() { Free(); }
+
+  void Free() {
+    for (const int fd : fillers_) close(fd);
+    fillers_.clear();
+    setrlimit(RLIMIT_NOFILE, &before_);
+  }
+
+ private:
+  rlimit before_{};
+  std::vector<int> fillers_;
 };
 
 class ApiServerTest : public ::testing::Test {
@@ -242,6 +271,30 @@ TEST_F(ApiServerTest, AnotherUserThatIsAllowedIsServed) {
   const auto server = Serve(address_);
   ChildServer guest("--call-as-nobody", address_);
   EXPECT_EQ(guest.Wait(), 1);
+}
+
+TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenThereAreSome) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a sanitizer needs files for itself";
+#endif
+  const auto server = Serve(address_);
+  sockaddr_un name{AF_UNIX, {}};
+  const std::string abstract = address_.substr(std::strlen("unix-abstract:"));
+  abstract.copy(name.sun_path + 1, sizeof name.sun_path - 1);
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + abstract.size());
+  // Made while there is room, and several, because other threads may close a file now.
+  std::array<int, 16> clients{};
+  for (int& client : clients) client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  AllDescriptorsUsed used;
+  for (const int client : clients) ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&name), size), 0);
+  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/unix_listener AcceptOne: " + address_ +
+                           ": can't accept a connection: Too many open files"));
+  used.Free();
+  for (const int client : clients) {
+    pollfd greeted{client, POLLIN, 0};  // the server's settings
+    EXPECT_EQ(poll(&greeted, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())), 1);
+    close(client);
+  }
 }
 
 TEST_F(ApiServerTest, UserIdsThatAreNoneAreReported) {

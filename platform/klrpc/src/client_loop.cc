@@ -39,7 +39,7 @@ void ClientLoop::Join() { thread_.join(); }
 void ClientLoop::Run() {
   while (true) {
     TickIfDue();
-    const grpc_event event = grpc_completion_queue_next(queue_, NextWakeUp(), nullptr);
+    const grpc_event event = NextEvent(queue_, NextWakeUp());
     if (event.type == GRPC_QUEUE_SHUTDOWN) return;
     if (event.type == GRPC_OP_COMPLETE) Event::FromTag(event.tag)->Run(event.success != 0);
     RunDueTimers();

@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <random>
+#include <thread>
 
 #include "klbase/log.h"
 
@@ -77,6 +79,14 @@ gpr_timespec DeadlineIn(std::chrono::milliseconds time) {
 gpr_timespec Past() { return gpr_inf_past(GPR_CLOCK_MONOTONIC); }
 
 gpr_timespec Never() { return gpr_inf_future(GPR_CLOCK_MONOTONIC); }
+
+grpc_event NextEvent(grpc_completion_queue* queue, gpr_timespec deadline) {
+  constexpr auto kPause = std::chrono::milliseconds(10);  // until another look for a file descriptor
+  const grpc_event event = grpc_completion_queue_next(queue, deadline, nullptr);
+  const bool early = event.type == GRPC_QUEUE_TIMEOUT && gpr_time_cmp(gpr_now(deadline.clock_type), deadline) < 0;
+  if (early) std::this_thread::sleep_for(kPause);
+  return event;
+}
 
 ChannelArgs& ChannelArgs::Set(const char* name, int value) {
   grpc_arg arg{};

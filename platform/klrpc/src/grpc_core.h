@@ -47,6 +47,10 @@ gpr_timespec DeadlineIn(std::chrono::milliseconds time);
 gpr_timespec Past();
 gpr_timespec Never();
 
+// The queue's next event; of the type GRPC_QUEUE_TIMEOUT, and without a tag, at the deadline and also before it, after
+// a short pause, when gRPC can't wait: it needs a file descriptor for that, and there may be none.
+grpc_event NextEvent(grpc_completion_queue* queue, gpr_timespec deadline);
+
 // Arguments of a channel or a server.
 class ChannelArgs {
  public:

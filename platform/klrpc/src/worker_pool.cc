@@ -36,13 +36,14 @@ void WorkerPool::Work() {
 
 bool WorkerPool::Lead(std::uint64_t lead) {
   while (true) {
-    const grpc_event event = grpc_completion_queue_next(queue_, Never(), nullptr);
+    const grpc_event event = NextEvent(queue_, Never());
     if (event.type == GRPC_QUEUE_SHUTDOWN) {
       const MutexLock lock(mutex_);
       ended_ = true;
       changed_.NotifyAll();
       return false;
     }
+    if (event.type == GRPC_QUEUE_TIMEOUT) continue;
     step_.store(++lead);
     if (can_hand_over_ && !watch_wanted_.load()) StartWatch();
     Event::FromTag(event.tag)->Run(event.success != 0);
