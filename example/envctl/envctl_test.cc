@@ -41,6 +41,7 @@ std::string NextAnswer(const char* command) {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names
 extern "C" {
 
 FILE* __real_popen(const char* command, const char* mode);
@@ -53,6 +54,7 @@ FILE* __wrap_popen(const char* command, const char* mode) {
 }
 
 }  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 // The same functions by the names that the linker sees: as C has them.
 char* GetByName(const char* name, char* buffer) asm("sysconf_getenv_safe");
@@ -226,8 +228,10 @@ TEST_F(SysconfTest, SharedBufferIsClearedToItsEnd) {
 
 TEST_F(SysconfTest, CallsOnSeveralThreadsDoNotDisturbEachOther) {
   Answers({"a=value\\n"});
+  constexpr int kThreads = 4;
   std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
+  threads.reserve(kThreads);
+  for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([] {
       char own[128];
       EXPECT_STREQ(sysconf_getenv_safe("a", own), "value");

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -241,7 +242,7 @@ TEST_F(SubscribersTest, PrintsAStreamOfEventsWholeAndInOrder) {
     daemon_.Publish(kReportTopic, Event(std::to_string(i)));
     expected += Block(kReportTopic, std::to_string(i));
   }
-  ASSERT_TRUE(output.WaitForWrites(4 * kEvents));
+  ASSERT_TRUE(output.WaitForWrites(std::size_t{4} * kEvents));
   EXPECT_EQ(output.Text(), expected);
 }
 
