@@ -90,8 +90,9 @@ void LocalConsole::Open() {
   // A terminal that can't be driven keeps its own echo and line editing.
   if (!dumb_) raw_ = std::make_unique<LocalTerminal>(options_.input_fd, output_fd);
   const auto size = LocalTerminal::WindowSize(options_.output_fd);
-  session_->Start(dumb_ ? LineEditor::Display::kPrompt : LineEditor::Display::kFull, size.columns, size.rows);
+  // Before the prompt shows: what others print from then on must not spoil it.
   stdout_guard_ = std::make_unique<StdoutGuard>(session_);
+  session_->Start(dumb_ ? LineEditor::Display::kPrompt : LineEditor::Display::kFull, size.columns, size.rows);
 }
 
 void LocalConsole::Serve() {

@@ -226,7 +226,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   bool has_thread_ ABSL_GUARDED_BY(mutex_) = false;
   bool thread_done_ ABSL_GUARDED_BY(mutex_) = false;
   std::optional<std::string> job_ ABSL_GUARDED_BY(mutex_);
-  bool claimed_ ABSL_GUARDED_BY(mutex_) = false;
+  bool claimed_ ABSL_GUARDED_BY(mutex_) = true;     // by Start(), until that has shown the first prompt
   bool executing_ ABSL_GUARDED_BY(mutex_) = false;  // a command runs: nothing is being typed
   bool ended_ ABSL_GUARDED_BY(mutex_) = false;      // no further line runs
   bool closed_ ABSL_GUARDED_BY(mutex_) = false;     // the transport is done with it
