@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -159,6 +160,8 @@ class TestClient {
  public:
   explicit TestClient(int port, int receive_buffer = 0) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     if (receive_buffer > 0) ::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    const timeval limit{std::chrono::duration_cast<std::chrono::seconds>(kTestLimit).count(), 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -175,7 +178,7 @@ class TestClient {
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
   }
 
-  // False once the peer has closed.
+  // False once the peer has closed, or has taken nothing for the limit.
   bool Send(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -186,6 +189,12 @@ class TestClient {
   }
   void SendUrgent(char byte) { ::send(fd_, &byte, 1, MSG_NOSIGNAL | MSG_OOB); }
   void EndSending() { ::shutdown(fd_, SHUT_WR); }
+
+  // Waits until something has come, and leaves it unread.
+  void WaitForUnread() const {
+    pollfd readable{fd_, POLLIN, 0};
+    EXPECT_EQ(::poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(kTestLimit).count())), 1);
+  }
 
   // Reads once; false at the end or after the limit.
   bool ReceiveSome(std::chrono::milliseconds limit = kTestLimit) {

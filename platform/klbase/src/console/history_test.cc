@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +27,27 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+
+// While it lives, no file can grow past so many bytes: what a write meets that a disk has no room for.
+class FullDisk {
+ public:
+  explicit FullDisk(rlim_t bytes) : old_handler_(signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit low = before_;
+    low.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &low);
+  }
+  FullDisk(const FullDisk&) = delete;
+  FullDisk& operator=(const FullDisk&) = delete;
+  ~FullDisk() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    signal(SIGXFSZ, old_handler_);
+  }
+
+ private:
+  const sighandler_t old_handler_;
+  rlimit before_{};
+};
 
 class HistoryTest : public testing::Test {
  protected:
@@ -226,6 +249,35 @@ TEST_F(HistoryTest, AFolderWithoutRightsMakesItAHistoryInMemory) {
   EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
                                     "' is not used, opening it failed: Permission denied; lines are kept in memory "
                                     "only\n"));
+}
+
+TEST_F(HistoryTest, AFullDiskLeavesNoHalfOfALine) {
+  History history(file_);
+  history.Add("one");
+  {
+    const FullDisk full(10);
+    history.Add("a longer line");
+  }
+  EXPECT_EQ(Content(), "one\n");
+  EXPECT_THAT(history.Lines(), ElementsAre("one", "a longer line"));
+  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
+                                    "' is not used, writing it failed: File too large; lines are kept in memory "
+                                    "only\n"));
+}
+
+TEST_F(HistoryTest, AFileThatCannotBeCutStaysWhole) {
+  std::string lines;
+  for (std::size_t i = 0; i <= 4 * History::kMaxLines; ++i) lines += "line " + std::to_string(i) + "\n";
+  Write(lines);
+  {
+    const FullDisk full(100);
+    EXPECT_THAT(History(file_).Lines(), SizeIs(History::kMaxLines));
+  }
+  EXPECT_EQ(Content(), lines);
+  EXPECT_FALSE(std::filesystem::exists(file_ + ".new"));
+  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
+                                    "' is not used, writing its shorter form failed: File too large; lines are kept "
+                                    "in memory only\n"));
 }
 
 TEST_F(HistoryTest, ASymbolicLinkIsNotFollowed) {

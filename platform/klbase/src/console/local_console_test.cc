@@ -309,7 +309,11 @@ class Pty {
 // The console in a child process of its own session, whose terminal is the pty: as a shell starts it.
 class TerminalTest : public ::testing::Test {
  protected:
+  TerminalTest() {
+    if (::pipe2(told_, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+  }
   ~TerminalTest() override {
+    for (const int fd : told_) ::close(fd);
     if (child_ > 0) {
       ::kill(child_, SIGKILL);
       ::waitpid(child_, nullptr, 0);
@@ -322,6 +326,17 @@ class TerminalTest : public ::testing::Test {
     ASSERT_GE(child_, 0);
     if (child_ == 0) RunChild(before_run);
   }
+
+  // Starts the console with a thread beside it that does `deed` when the test calls Tell().
+  void StartWithDeed(const std::function<void()>& deed) {
+    Start([this, deed] {
+      std::thread([this, deed] {
+        char word = 0;
+        if (::read(told_[0], &word, 1) == 1) deed();
+      }).detach();
+    });
+  }
+  void Tell() { ASSERT_EQ(::write(told_[1], "x", 1), 1); }
 
   // The exit status, or 1000 + the signal.
   int Wait() {
@@ -381,6 +396,7 @@ class TerminalTest : public ::testing::Test {
   }
 
   Gate gate_;  // the child's; never opened
+  int told_[2] = {-1, -1};
 };
 
 TEST_F(TerminalTest, AnOperatorWalksTheMenus) {
@@ -422,14 +438,12 @@ TEST_F(TerminalTest, ThePromptStartsOnAFreshLine) {
 }
 
 TEST_F(TerminalTest, LinesPrintedByOthersStandAboveThePrompt) {
-  Start([] {
-    std::thread([] {
-      std::this_thread::sleep_for(100ms);
-      std::cout << "ev" << std::flush;
-      std::cout << "ent" << std::endl;
-    }).detach();
+  StartWithDeed([] {
+    std::cout << "ev" << std::flush;
+    std::cout << "ent" << std::endl;
   });
   pty_.Until("main> ");
+  Tell();
   EXPECT_NE(pty_.Until("ent\r\n").find("ev"), std::string::npos);
   EXPECT_NE(pty_.Until("main> ").find("main> "), std::string::npos);
 }
@@ -589,27 +603,19 @@ TEST_F(TerminalTest, AFatalSignalRestoresTheTerminalAndKills) {
 }
 
 TEST_F(TerminalTest, ExitOnAnotherThreadRestoresTheTerminal) {
-  Start([] {
-    std::thread([] {
-      std::this_thread::sleep_for(200ms);
-      ::exit(3);
-    }).detach();
-  });
+  StartWithDeed([] { ::exit(3); });
   pty_.Until("main> ");
+  Tell();
   EXPECT_EQ(Wait(), 3);
   EXPECT_FALSE(pty_.IsRaw());
 }
 
 TEST_F(TerminalTest, ExitWhileACommandRunsKeepsTheStatus) {
-  Start([] {
-    std::thread([] {
-      std::this_thread::sleep_for(500ms);
-      ::exit(3);
-    }).detach();
-  });
+  StartWithDeed([] { ::exit(3); });
   pty_.Until("main> ");
   pty_.Type("core wait\r");
   pty_.Until("waiting");
+  Tell();
   EXPECT_EQ(Wait(), 3);
   EXPECT_FALSE(pty_.IsRaw());
 }

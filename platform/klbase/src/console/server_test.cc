@@ -21,7 +21,7 @@ constexpr char kServerOffer[] = "\xff\xfb\x01\xff\xfb\x03\xff\xfd\x1f\xff\xfd\x1
 class ServerTest : public ::testing::Test {
  protected:
   ServerTest() {
-    options_.sniff = 50ms;
+    options_.sniff = 300ms;  // on a loaded machine some time passes before a program that has connected sends
     options_.login_delay = 1ms;
     options_.linger = 500ms;
   }
@@ -159,7 +159,7 @@ TEST_F(ServerTest, AReplyIsWholeAlsoWhenTheClientReadsLate) {
   TestClient client = Connect();
   client.Send("core big 3000\nexit\n");
   client.EndSending();
-  std::this_thread::sleep_for(100ms);
+  client.WaitForUnread();
   EXPECT_EQ(client.ReceiveAll().size(), 3000U * 1024);
 }
 
@@ -550,7 +550,7 @@ TEST_F(ServerTest, AReaderThatTakesItsTimeIsServed) {
   TestClient slow(console_->Port(), 4096);
   slow.Send("core big 4000\n");
   slow.EndSending();
-  std::this_thread::sleep_for(100ms);
+  slow.WaitForUnread();
   EXPECT_EQ(slow.ReceiveAll().size(), 4000U * 1024);
   EXPECT_EQ(cut_off_, 0);
 }
@@ -561,10 +561,12 @@ TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
   const LogCapture log;
   TestClient client(console_->Port(), 4096);
   client.ReceiveUntil("main> ");
-  const std::string enter(1 << 16, '\n');
+  std::string lines;
+  for (int i = 0; i < 10'000; ++i) lines += "?\n";
   int sent = 0;
-  while (client.Send(enter)) ++sent;  // until the console closes it
+  while (client.Send(lines)) ++sent;  // until the console closes it
   EXPECT_LT(sent, 1000);
+  EXPECT_TRUE(log.WaitForRecord("40 console connection from 127.0.0.1:"));
   EXPECT_EQ(Program("core set 1\n"), "1\n");
 }
 
