@@ -28,7 +28,7 @@ constexpr char kUsage[] =
 
 std::string SettingsFile(std::vector<std::string>& words) {
   if (!words.empty() && words.front().starts_with(kFileFlag)) {
-    const std::string file = words.front().substr(std::string_view(kFileFlag).size());
+    std::string file = words.front().substr(std::string_view(kFileFlag).size());
     words.erase(words.begin());
     if (file.empty()) throw sysconfig::Error("--file= needs the name of a file", true);
     return file;

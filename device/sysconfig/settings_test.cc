@@ -139,6 +139,7 @@ TEST_F(SettingsTest, KeepsModeAndSymbolicLink) {
 
 TEST_F(SettingsTest, ManyWritersLoseNothing) {
   std::vector<std::thread> writers;
+  writers.reserve(8);
   for (int i = 0; i < 8; ++i) {
     writers.emplace_back([this, i] {
       Settings own(file_);
