@@ -16,6 +16,7 @@ RUN_S = 240
 WARM_UP = 1 / 3  # of the run: histories and the allocator's arenas fill up to their limits
 SAMPLE_S = 0.5
 BOUND_KIB = 64  # for each 10,000 commands
+JUDGED = 30_000  # commands; the first ones' growth is the allocator's
 STEADY = 4
 EVENT_INTERVAL_US = 2000
 
@@ -88,7 +89,7 @@ def judge(soak, samples):
     commands = samples[-1][0] - samples[0][0]
     soak.number("heap after the warm-up and at the end", f"{samples[0][1]} KiB / {samples[-1][1]} KiB")
     soak.number("growth for each 10,000 commands", f"{growth:.1f} KiB (bound {BOUND_KIB} KiB), over {commands} commands")
-    if commands < 10_000:
+    if commands < JUDGED:
         soak.skip("the bound on growth: the run was too short for a slope that means something")
         return
     soak.require(growth <= BOUND_KIB, f"the heap grows by {growth:.1f} KiB for each 10,000 commands; samples: {samples[::20]}")

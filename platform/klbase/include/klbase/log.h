@@ -16,8 +16,8 @@
 // each line that begins with a digit begins a record. Other control characters but the tab are written as \x1b.
 //
 // A write that fails (disk full, folder gone) is said once on standard error; records of level 40 and above go there
-// until the file can be written again, which is tried each second. A file that was removed, or moved away by somebody who
-// rotates logs, is begun again at the next record, with a record of level 40 that says so.
+// until the file can be written again, which is tried each second. A file that was removed, or moved away by somebody
+// who rotates logs, is begun again at the next record, with a record of level 40 that says so.
 //
 // In a signal handler: not safe in general. For a crash report it does what can be done: a crash inside the log itself
 // sends the record to standard error instead of waiting for its own lock, and texts under 1 KiB are put together
