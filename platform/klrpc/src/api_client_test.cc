@@ -280,6 +280,7 @@ TEST_F(ApiClientTest, ManyThreadsCallAtOnce) {
   const auto server = Serve(address_);
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
+  threads.reserve(8);
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&, i] {
       for (int k = 0; k < 200; ++k) {
@@ -341,6 +342,7 @@ TEST_F(ApiClientTest, ManyCallsAtOnceLeaveFewFilesOpen) {
       kCalls);
   const int before = OpenFiles();
   std::vector<std::thread> threads;
+  threads.reserve(kCalls);
   for (int i = 0; i < kCalls; ++i) {
     threads.emplace_back([this] {
       Any reply;

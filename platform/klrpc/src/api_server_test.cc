@@ -179,6 +179,7 @@ TEST_F(ApiServerTest, AsManyHooksRunAtOnceAsThereAreThreads) {
   const auto client = Connect(address_);
   std::vector<std::thread> callers;
   std::atomic<int> answered{0};
+  callers.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     callers.emplace_back([&] {
       Any reply;
