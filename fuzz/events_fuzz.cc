@@ -58,7 +58,7 @@ Client& Subscribed() {
   return client;
 }
 
-// --- what is to be printed of a payload, without the printers: the wire format, field by field
+// --- what is to be printed of a payload, without the printers
 
 constexpr char kRule[] = "***************************************\n";
 
