@@ -2,8 +2,8 @@
 //
 // A stream's topics never change. When a topic is added, another stream over all of them is opened, and the server lets
 // it take the first one's place at once: each message travels on one of the two. The first one then ends by itself
-// after its last message, and only then is the second one read, so nothing is lost, doubled or out of order. At most one
-// stream at a time waits for the server's confirmation: topics that are added meanwhile follow when it has come.
+// after its last message, and only then is the second one read, so nothing is lost, doubled or out of order. At most
+// one stream at a time waits for the server's confirmation: topics that are added meanwhile follow when it has come.
 #ifndef KLRPC_SRC_SUBSCRIPTIONS_H_
 #define KLRPC_SRC_SUBSCRIPTIONS_H_
 

@@ -11,7 +11,8 @@
 
 namespace klrpc {
 
-// What both kinds of callers, the one that waits and the one that is told, do alike. Lives as long as gRPC has its batch.
+// What both kinds of callers, the one that waits and the one that is told, do alike. Lives as long as gRPC has its
+// batch.
 class UnaryExchange {
  public:
   using Batch = std::array<grpc_op, 6>;

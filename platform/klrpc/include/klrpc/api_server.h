@@ -17,8 +17,8 @@ namespace klrpc {
 // Plain values; immutable after construction.
 class KLRPC_EXPORT APIServerOptions {
  public:
-  // `threads` worker threads (at least 1) run the hooks; `address` is a gRPC address to listen on; `pubsub` says whether
-  // the server also carries publish/subscribe.
+  // `threads` worker threads (at least 1) run the hooks; `address` is a gRPC address to listen on; `pubsub` says
+  // whether the server also carries publish/subscribe.
   APIServerOptions(unsigned int threads, const std::string& address, bool pubsub);
 
   unsigned int Threads() const { return threads_; }
@@ -36,10 +36,10 @@ class KLRPC_EXPORT APIServer {
   using UnaryHook = std::function<bool(const google::protobuf::Any& request, google::protobuf::Any& reply)>;
   using PublishHook = std::function<bool(const klrpc::v1::PubsubMessage& message)>;
 
-  // Both hooks run on the worker threads, several at once. `unary` is called once for each request. Returning false with
-  // a filled reply still sends the reply; false with an empty reply fails the call with UNIMPLEMENTED and the request's
-  // type URL; an exception becomes INTERNAL. `publish` sees each message that a client publishes, before it is handed
-  // on; false refuses the message. Either may be null or empty.
+  // Both hooks run on the worker threads, several at once. `unary` is called once for each request. Returning false
+  // with a filled reply still sends the reply; false with an empty reply fails the call with UNIMPLEMENTED and the
+  // request's type URL; an exception becomes INTERNAL. `publish` sees each message that a client publishes, before it
+  // is handed on; false refuses the message. Either may be null or empty.
   struct UnaryHookSets {
     std::unique_ptr<UnaryHook> unary;
     std::unique_ptr<PublishHook> publish;
