@@ -39,12 +39,16 @@ void SetOptions(int fd) {
   constexpr int kIntervalSeconds = 10;  // so often,
   constexpr int kProbes = 3;            // so many times, before its place is given to others
   constexpr int kUnackedMs = 60'000;    // the same for a peer that vanished while bytes are under way
+  // The kernel doubles it. Without a bound it takes megabytes of what a client that doesn't read will never see, and
+  // the commands that print them keep the processor from the others.
+  constexpr int kSendBufferBytes = 128 << 10;
   SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
   SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, kIdleSeconds);
   SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, kIntervalSeconds);
   SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, kProbes);
   SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, kUnackedMs);
+  SetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
   // telnet sends the mark behind an interrupt as urgent data: taken out of the stream it would leave half a command.
   SetOption(fd, SOL_SOCKET, SO_OOBINLINE, 1);
 }

@@ -47,16 +47,15 @@ void OutputBuffer::Append(std::string_view text) {
 }
 
 bool OutputBuffer::Print(std::string_view text) {
-  bool flush = false;
   {
     MutexLock lock(mutex_);
     if (fd_ < 0) return false;
     if (text.empty()) return true;
     AppendConvertedLocked(text);
     line_start_ = text.back() == '\n';
-    flush = !blocked_ && PendingLocked() >= kFlushSize;
+    if (PendingLocked() < kFlushSize || (blocked_ && PendingLocked() <= kMaxPending)) return true;
   }
-  if (flush) Flush();
+  FlushUnlessBlocked();
   return WaitForRoom();
 }
 
