@@ -8,6 +8,7 @@
 
 #include <absl/base/thread_annotations.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -57,8 +58,8 @@ class Condition {
   bool WaitUntil(Mutex& held, Clock::time_point deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(held) {
     std::unique_lock<std::mutex> lock(held.mutex_, std::adopt_lock);
 #ifdef __SANITIZE_THREAD__
-    // g++'s thread sanitizer does not see waits on the steady clock.
-    const auto left = deadline - Clock::now();
+    // g++'s thread sanitizer does not see waits on the steady clock. The limit keeps "for ever" from running over.
+    const auto left = std::min<Clock::duration>(deadline - Clock::now(), std::chrono::hours(1));
     changed_.wait_until(
         lock, std::chrono::system_clock::now() + std::chrono::duration_cast<std::chrono::system_clock::duration>(left));
 #else
