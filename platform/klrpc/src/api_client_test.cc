@@ -199,6 +199,20 @@ TEST_F(ApiClientTest, AFrozenServerCostsTheTimeLimit) {
   EXPECT_TRUE(Call(StatusOf(2)));
 }
 
+TEST_F(ApiClientTest, ACallDoesNotFailWithAnAttemptToConnectThatBeganLongBeforeIt) {
+  ChildServer server(address_);
+  ASSERT_TRUE(Connect(address_)->Call(StatusOf(1), reply_));  // it serves
+  server.Signal(SIGSTOP);
+  // An attempt to connect gets 3 s. The first would end in the middle of the second call.
+  EXPECT_FALSE(client_->CallWithin(StatusOf(1), reply_, 2000ms));
+  std::thread thaw([&server] {
+    std::this_thread::sleep_for(2000ms);
+    server.Signal(SIGCONT);
+  });
+  EXPECT_TRUE(client_->CallWithin(StatusOf(2), reply_, kPatience));
+  thaw.join();
+}
+
 TEST_F(ApiClientTest, ATimeLimitOfNothingFailsAtOnce) {
   const auto server = Serve(address_);
   EXPECT_FALSE(client_->CallWithin(StatusOf(1), reply_, 0ms));

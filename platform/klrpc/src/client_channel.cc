@@ -69,8 +69,16 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
   args.Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 0);
   ChannelPtr created = Create(options_, args);
   const MutexLock lock(mutex_);
-  if (channel_ == channel) std::swap(channel_, created);  // the old one is destroyed after the lock is released
+  if (channel_ == channel || channel_ == nullptr)
+    std::swap(channel_, created);  // the old one is destroyed after the lock is released
   return channel_;
+}
+
+void ClientChannel::GiveUpAttempt(const ChannelPtr& channel) {
+  if (grpc_channel_check_connectivity_state(channel.get(), 0) == GRPC_CHANNEL_READY) return;
+  ChannelPtr dropped;  // destroyed after the lock is released
+  const MutexLock lock(mutex_);
+  if (channel_ == channel) dropped.swap(channel_);
 }
 
 ChannelPtr CreateStreamChannel(const APIClientOptions& options) {

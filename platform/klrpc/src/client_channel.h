@@ -23,6 +23,10 @@ class ClientChannel {
   // through it. Null when another thread reads them all the time.
   ChannelPtr Fresh(grpc_completion_queue* polled);
 
+  // After a call that got no reply in its time: when `channel` was still being connected, the next call tries anew. It
+  // must not fail with an attempt that began long before it.
+  void GiveUpAttempt(const ChannelPtr& channel);
+
  private:
   const APIClientOptions& options_;
   Mutex mutex_;

@@ -97,6 +97,7 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
     const ChannelPtr channel = channel_.Fresh(queue);
     UnaryExchange exchange(channel.get(), queue, kCallMethod, Never());
     outcome = Run(exchange, queue, bytes, timeout);
+    if (outcome.code == GRPC_STATUS_DEADLINE_EXCEEDED) channel_.GiveUpAttempt(channel);
     google::protobuf::Any received;
     if (outcome.code == GRPC_STATUS_OK) {
       if (exchange.Reply().ParseInto(received)) {
