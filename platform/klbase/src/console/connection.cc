@@ -215,6 +215,7 @@ void Connection::Deliver(std::string_view bytes) {
 // Input waits while the session has enough of it, or while the client doesn't read what it causes.
 void Connection::ReadOn() {
   if (phase_ == Phase::kClosed || end_of_input_) return;
+  if (phase_ == Phase::kLingering && finishing_ && NothingUnread()) return Close();  // the console's end waits for it
   if (phase_ == Phase::kServing && (!session_wants_input_ || output_->Pending() > OutputBuffer::kBusyPending)) return;
   AwaitReadable();
 }

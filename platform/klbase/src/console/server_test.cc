@@ -1024,6 +1024,32 @@ TEST_F(ServerTest, StopDoesNotWaitForReaders) {
   EXPECT_EQ(cut_off_, 1);
 }
 
+// It used to wait for a client that had sent more than was read, and that kept its connection, as long as for one that
+// may still be reading.
+TEST_F(ServerTest, StopDoesNotWaitForAClientWhoseLinesItDropped) {
+  options_.stop = options_.drain = options_.linger = 20s;
+  Open();
+  TestClient client = Connect();
+  client.Send("core wait\n");
+  client.ReceiveUntil("waiting");
+  std::string lines;
+  while (lines.size() < 500'000) lines += "core count\n";
+  client.Send(lines);
+  for (int i = 0; i < 5; ++i) Program("core set 1\n");  // meanwhile the session has got all that it takes
+  const auto began = std::chrono::steady_clock::now();
+  std::thread stopper([this] { console_->Stop(); });
+  for (bool listens = true; listens;) {
+    try {
+      Connect();
+    } catch (const std::runtime_error&) {
+      listens = false;
+    }
+  }
+  gate_.Open();
+  stopper.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 10s);
+}
+
 TEST_F(ServerTest, StopGoesOnWithoutACommandThatDoesNotEnd) {
   options_.stop = 100ms;
   Open();
