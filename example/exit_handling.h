@@ -2,7 +2,8 @@
 //
 // SIGINT is blocked in every thread but one, which does nothing than wait for it, so that the handler may do what a
 // handler otherwise must not: no thread that it interrupts holds a lock. What ends the process first wins; the other
-// way stands aside, because exit() must not run twice.
+// way stands aside, because exit() must not run twice. An interrupt that comes during an end with status 0 still makes
+// the status 1.
 //
 // A program that this process starts inherits the blocked signal: unblock SIGINT in the child (for popen and system,
 // `trap - INT` doesn't do it; use posix_spawn with POSIX_SPAWN_SETSIGMASK) where Ctrl-C should end it.
@@ -33,9 +34,19 @@ void EndStart();
 void BeginNormalEnd(int status);
 
 // For the handler: begins the end of the process by exit(1), once the start is over. Returns false if main() came
-// first: the handler then does nothing. Leaves the process at once when the start isn't over in time, because nothing
-// that is still being made can be taken down.
+// first: the handler then does nothing, and LateInterrupt the rest. Leaves the process at once when the start isn't
+// over in time, because nothing that is still being made can be taken down.
 bool BeginInterruptedEnd();
+
+// A static object of this type gives the process its status when it is destroyed; so it is defined before what is to be
+// destroyed in any case.
+class LateInterrupt {
+ public:
+  LateInterrupt() = default;
+  LateInterrupt(const LateInterrupt&) = delete;
+  LateInterrupt& operator=(const LateInterrupt&) = delete;
+  ~LateInterrupt();
+};
 
 }  // namespace vextool
 

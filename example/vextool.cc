@@ -27,6 +27,7 @@ namespace {
 constexpr int kConsoleEnded = 0;
 constexpr int kExceptionEscaped = -1;
 
+const vextool::LateInterrupt kLateInterrupt;  // first: destroyed after the modules
 const std::unique_ptr<core::ModuleLoader> kModLoader = std::make_unique<core::ModuleLoader>();
 
 void InstallFailureHandler() {

@@ -229,6 +229,24 @@ TEST_F(VextoolTest, AnInterruptAtTheMomentOfTheNormalEndGivesOneOfBothStatuses) 
   }
 }
 
+TEST_F(VextoolTest, AnInterruptDuringTheNormalEndGivesStatusOne) {
+  ChildProcess& tool = StartAndWaitUntilItServes("wait in its end");
+  vextest::TelnetClient(Port()).Send("shutdown\n");
+  ASSERT_TRUE(tool.WaitForError("scripted module ends\n"));
+  tool.Signal(SIGINT);
+  tool.Write("x");
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+}
+
+TEST_F(VextoolTest, AnInterruptDuringAnEndThatTakesTooLongGivesStatusOne) {
+  ChildProcess& tool = StartAndWaitUntilItServes("wait in its end");
+  vextest::TelnetClient(Port()).Send("shutdown\n");
+  ASSERT_TRUE(tool.WaitForError("scripted module ends\n"));
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.WaitExit(), kInterrupted);
+  EXPECT_THAT(tool.Errors(), HasSubstr("vextool: the end takes too long, leaving at once\n"));
+}
+
 TEST_F(VextoolTest, ManyInterruptsAreOne) {
   ChildProcess& tool = StartAndWaitUntilItServes("");
   for (int i = 0; i < 50; ++i) tool.Signal(SIGINT);

@@ -24,6 +24,12 @@ void Say(std::string_view text) {
   [[maybe_unused]] const auto written = write(STDERR_FILENO, text.data(), text.size());
 }
 
+bool WaitForByte(std::string_view announcement) {
+  Say(announcement);
+  char byte = 0;
+  return read(STDIN_FILENO, &byte, 1) == 1;
+}
+
 int FillStack(int frames) {
   volatile char frame[4096];
   frame[0] = 1;
@@ -46,6 +52,7 @@ class ScriptedModule : public core::Module {
  public:
   ~ScriptedModule() override {
     if (Script() == "tell of its end") Say("scripted module destroyed\n");
+    if (Script() == "wait in its end") WaitForByte("scripted module ends\n");
   }
 
   const std::string& Name() override { return ModuleID; }
@@ -56,11 +63,7 @@ class ScriptedModule : public core::Module {
     if (Script() == "crash") std::abort();
     if (Script() == "trap") return Trap();
     if (Script() == "exhaust the stack") return ExhaustStack();
-    if (Script() == "wait for a byte") {
-      Say("scripted module loads\n");
-      char byte = 0;
-      return read(STDIN_FILENO, &byte, 1) == 1;
-    }
+    if (Script() == "wait for a byte") return WaitForByte("scripted module loads\n");
     return Script() != "fail";
   }
 
