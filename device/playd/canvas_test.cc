@@ -205,7 +205,7 @@ TEST(MixerTest, IsSilentWithoutTracksAndSoundsWhatIsPushed) {
   EXPECT_EQ(mixer.Peak(std::chrono::milliseconds(100)), 0);
   const auto track = mixer.AddTrack();
   const device::ElementPtr clock(GST_ELEMENT_CAST(gst_system_clock_obtain()));
-  constexpr gsize kSecondBytes = 48000 * 4;
+  constexpr gsize kSecondBytes = gsize{48000} * 4;
   const device::BufferPtr second(gst_buffer_new_allocate(nullptr, kSecondBytes, nullptr));
   gst_buffer_memset(second.get(), 0, 0x11, kSecondBytes);
   GST_BUFFER_DURATION(second.get()) = GST_SECOND;
