@@ -15,7 +15,7 @@ PROPERTY = ("Every reply that a daemon wrote down as sent is either shown, once 
             "the first command succeeds and the events come again.")
 MINUTES = 8
 
-ENCODER_KILLS, PLAYER_KILLS, REAL_KILLS = 700, 250, 50
+ENCODER_KILLS, PLAYER_KILLS, REAL_KILLS = 760, 270, 50  # a tenth of the second ones are ended in order
 MAX_DELAY_US = 4000
 EVENT_INTERVAL_US = 4000
 PROGRAMS, TELNETS = 6, 2
