@@ -11,7 +11,8 @@ from kills import until_printed
 TITLE = "clock steps"
 PROPERTY = ("The wall clock jumps a day ahead and a year back, also while calls and waits are under way: commands work, a "
             "daemon that doesn't answer is given up after its 3 s, idle sessions stay, records reach the log within "
-            "a second, events come, and a step ahead costs no time of the processor.")
+            "a second, events come, also from a daemon that was down during the jump, and a step ahead costs no time of the "
+            "processor.")
 MINUTES = 1
 
 LIBRARIES = [f"/usr/lib/{machine}-linux-gnu/faketime/libfaketimeMT.so.1" for machine in ("x86_64", "aarch64")]
@@ -62,13 +63,26 @@ async def records_come(soak, tool, operator, number):
         soak.violation(str(late))
 
 
+async def restart(soak, clock, player, operator, replies, events, step):
+    """The player is down while the clock jumps, so that the tool waits for the time to look for it again."""
+    player.kill()
+    await asyncio.sleep(0.7)
+    clock.step(step)
+    await asyncio.sleep(0.7)
+    player = NumberedDaemon(soak, "playd", 0, 20000)
+    await player.listening()
+    soak.require(await replies.player(operator), f"the first command to a new daemon failed after the step to {step}")
+    await until_printed(events, player.instance, 6)
+    return player
+
+
 async def run(soak):
     library = next((path for path in LIBRARIES if pathlib.Path(path).exists()), None)
     if library is None:
         return soak.skip("all of it: the package faketime is not installed")
     clock = Clock(soak.folder, library)
-    daemons = [NumberedDaemon(soak, "encd"), NumberedDaemon(soak, "playd", 0, 20000)]
-    for daemon in daemons:
+    encoder, player = NumberedDaemon(soak, "encd"), NumberedDaemon(soak, "playd", 0, 20000)
+    for daemon in (encoder, player):
         await daemon.listening()
     tool = Tool(soak, environment=clock.environment)
     events, replies = Events(soak, tool), Replies(soak)
@@ -77,18 +91,21 @@ async def run(soak):
     took, shares = [], []
     steps = STEPS[:soak.count(len(STEPS))]
     for number, step in enumerate(steps, 1):
-        took.append(await frozen_call(soak, clock, daemons[0], operator, step))
+        took.append(await frozen_call(soak, clock, encoder, operator, step))
         soak.require(await replies.encoder(operator), f"a command failed after the step to {step}")
         soak.require(await replies.player(operator), f"a command failed after the step to {step}")
-        await until_printed(events, daemons[1].instance, 5)
-        seen = len(events.read()[daemons[1].instance])
+        await until_printed(events, player.instance, 5)
+        seen = len(events.read()[player.instance])
         cpu, started = tool.cpu_s(), time.monotonic()
         await asyncio.sleep(WATCH_S)
         # Waits on the kernel's own clock, which stands where it was, end at once after a pretended step back.
         if not step.startswith("-"):
             shares.append((tool.cpu_s() - cpu) / (time.monotonic() - started))
-        soak.require(len(events.read()[daemons[1].instance]) > seen, f"no event after the step to {step}")
+        soak.require(len(events.read()[player.instance]) > seen, f"no event after the step to {step}")
         await records_come(soak, tool, operator, number)
+        if number < len(steps):
+            player = await restart(soak, clock, player, operator, replies, events, steps[number])
+            clock.step(step)
     soak.require((await idle.ask("core show version"))[-1] == "git-version: v0.0.1", "the idle session does not work")
     most = max(shares, default=0)
     soak.require(most <= MOST_CPU, f"it used {most:.0%} of a core after a step")

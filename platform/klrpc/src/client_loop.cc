@@ -41,7 +41,10 @@ void ClientLoop::Run() {
     TickIfDue();
     const grpc_event event = NextEvent(queue_, NextWakeUp());
     if (event.type == GRPC_QUEUE_SHUTDOWN) return;
-    if (event.type == GRPC_OP_COMPLETE) Event::FromTag(event.tag)->Run(event.success != 0);
+    if (event.type == GRPC_OP_COMPLETE) {
+      Event::FromTag(event.tag)->Run(event.success != 0);
+      idle_ = false;
+    }
     RunDueTimers();
   }
 }
@@ -49,12 +52,12 @@ void ClientLoop::Run() {
 void ClientLoop::TickIfDue() {
   const auto now = Clock::now();
   if (now < next_tick_) return;
-  ticking_ = tick_();
+  idle_ = !tick_();
   next_tick_ = now + kTick;
 }
 
 gpr_timespec ClientLoop::NextWakeUp() const {
-  auto next = ticking_ ? next_tick_ : Clock::time_point::max();
+  auto next = idle_ ? Clock::time_point::max() : next_tick_;
   if (!timers_.empty()) next = std::min(next, timers_.begin()->first);
   if (next == Clock::time_point::max()) return Never();
   // Rounded up: waking too early would only mean to wait again.
@@ -65,6 +68,7 @@ void ClientLoop::RunDueTimers() {
   while (!timers_.empty() && timers_.begin()->first <= Clock::now()) {
     auto due = timers_.extract(timers_.begin());
     due.mapped()();
+    idle_ = false;
   }
 }
 

@@ -19,8 +19,8 @@ class ClientLoop {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `tick` runs on the thread at its start and from then on every second as long as it returns true; after
-  // that with the next event.
+  // `tick` runs on the thread at its start and from then on every second, until it returns false and nothing has
+  // happened on the thread since.
   explicit ClientLoop(std::function<bool()> tick);
   ClientLoop(const ClientLoop&) = delete;
   ClientLoop& operator=(const ClientLoop&) = delete;
@@ -52,7 +52,7 @@ class ClientLoop {
   // Used by the loop's thread only.
   std::multimap<Clock::time_point, std::function<void()>> timers_;
   Clock::time_point next_tick_;
-  bool ticking_ = true;
+  bool idle_ = false;  // the last tick said so
 
   // Held while operations are started, so that none starts on a queue that was shut down. gRPC runs none of our code
   // from there.
