@@ -40,9 +40,7 @@ std::unique_ptr<cli::Command> Recording(const std::string& name) {
   return cli::MakeCommand(
       name,
       [name](std::ostream& out, const Params&... values) {
-        std::string call = name;
-        ((call += "," + std::string(values)), ...);
-        calls.push_back(call);
+        calls.push_back((name + ... + ("," + std::string(values))));
         out << name << " was run\n";
       },
       "help");
@@ -229,7 +227,7 @@ struct Outcome {
 // DO ECHO, DO SGA, WILL NAWS and a size, WILL TTYPE and a type.
 constexpr std::string_view kAgreement(
     "\xff\xfd\x01\xff\xfd\x03\xff\xfb\x1f\xff\xfa\x1f\x00\x28\x00\x18\xff\xf0\xff\xfb\x18\xff\xfa\x18\x00xterm\xff\xf0",
-    33);
+    32);
 
 Outcome RunClient(int kind, std::string_view bytes, std::string_view sizes) {
   calls.clear();

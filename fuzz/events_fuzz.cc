@@ -113,7 +113,7 @@ std::string TakeTopic(Input& input) {
 // A message of valid fields, or any bytes.
 std::string TakePayload(Input& input) {
   const int kind = input.Number(0, 2);
-  const std::string text(input.Line());
+  std::string text(input.Line());
   if (kind == 0) return text;
   lp::v1::GetSeekOfUplayerResp seek;
   lp::v1::ResultRepor report;

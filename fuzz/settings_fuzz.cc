@@ -38,6 +38,8 @@ ssize_t ReadAnswer(void* cookie, char* buffer, std::size_t size) {
 
 extern "C" {
 
+// The names are the linker's.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 FILE* __wrap_popen(const char* command, const char* mode) {
   FUZZ_CHECK_EQUAL(std::string(mode), std::string("r"));
   commands.emplace_back(command);
@@ -52,6 +54,7 @@ int __wrap_pclose(FILE* pipe) {
   --open_pipes;
   return std::fclose(pipe);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 }  // extern "C"
 

@@ -230,9 +230,7 @@ std::string Written(const T& value) {
 template <typename... Params>
 std::unique_ptr<cli::Command> Recording(const std::string& name, std::vector<std::string> parameters = {}) {
   const auto handler = [name](std::ostream&, const Params&... values) {
-    std::string call = name;
-    ((call += "," + Written(values)), ...);
-    calls.push_back(call);
+    calls.push_back((name + ... + ("," + Written(values))));
   };
   using Handler = decltype(handler);
   return std::make_unique<cli::VariadicFunctionCommand<Handler, Params...>>(name, handler, "help", parameters);

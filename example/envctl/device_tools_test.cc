@@ -91,7 +91,8 @@ void SetUpDevice() try {
   }
   fs::copy_file("/proc/self/fd/" + std::to_string(sysconfig), "/usr/kelo/bin/sysconfig");
   WriteProgram("/usr/kelo/bin/fw_printenv", kBootLoaderReader);
-  setenv("PATH", ("/usr/kelo/bin:" + std::string(getenv("PATH"))).c_str(), 1);
+  const char* path = getenv("PATH");
+  setenv("PATH", path == nullptr ? "/usr/kelo/bin" : ("/usr/kelo/bin:" + std::string(path)).c_str(), 1);
   umount2(stage, MNT_DETACH);
   fs::remove(stage);
 } catch (const std::string& reason) {

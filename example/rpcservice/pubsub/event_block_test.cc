@@ -24,18 +24,18 @@ TEST(EventBlockTest, EachLineIsOneWrite) {
 }
 
 TEST(EventBlockTest, BlocksOfSeveralThreadsStayWhole) {
-  constexpr int kBlocks = 200;
+  constexpr std::size_t kBlocks = 200;
   CapturedOutput output;
   std::vector<std::thread> threads;
   for (const std::string name : {"one", "two", "three", "four"}) {
     threads.emplace_back([name] {
-      for (int i = 0; i < kBlocks; ++i) PrintEventBlock({{" x:", name}, {" y:", name}});
+      for (std::size_t i = 0; i < kBlocks; ++i) PrintEventBlock({{" x:", name}, {" y:", name}});
     });
   }
   EXPECT_TRUE(output.WaitForWrites(4 * kBlocks * 3));
   for (auto& thread : threads) thread.join();
   const auto writes = output.Writes();
-  ASSERT_EQ(writes.size(), 4u * kBlocks * 3);
+  ASSERT_EQ(writes.size(), 4 * kBlocks * 3);
   for (std::size_t line = 0; line < writes.size(); line += 3) {
     ASSERT_EQ(writes[line], kAsterisks);
     ASSERT_EQ(writes[line + 1].substr(3), writes[line + 2].substr(3));

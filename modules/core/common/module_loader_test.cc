@@ -25,7 +25,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 using vextest::LogCapture;
 using vextest::LogRecord;
 

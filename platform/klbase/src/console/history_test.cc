@@ -187,6 +187,7 @@ TEST_F(HistoryTest, ManyConsolesAtOnceLoseNoLine) {
   constexpr int kConsoles = 4;
   constexpr int kLinesEach = 200;
   std::vector<std::thread> consoles;
+  consoles.reserve(kConsoles);
   for (int console = 0; console < kConsoles; ++console) {
     consoles.emplace_back([this, console] {
       History history(file_);
@@ -203,6 +204,7 @@ TEST_F(HistoryTest, ManyConsolesAtOnceCutTheFileSafely) {
   for (std::size_t i = 0; i < 4 * History::kMaxLines; ++i) old += "old " + std::to_string(i) + '\n';
   Write(old);
   std::vector<std::thread> consoles;
+  consoles.reserve(4);
   for (int console = 0; console < 4; ++console) {
     consoles.emplace_back([this, console] {
       History history(file_);
