@@ -176,14 +176,7 @@ void DiagnosticCall::OnWritten(bool ok) {
 }
 
 void DiagnosticCall::Finish(grpc_status_code code, const std::string& text) {
-  const Slice details(text);
-  grpc_slice raw = details.Get();
-  std::array<grpc_op, 2> ops{};
-  ops[0].op = GRPC_OP_SEND_STATUS_FROM_SERVER;
-  ops[0].data.send_status_from_server.status = code;
-  ops[0].data.send_status_from_server.status_details = &raw;
-  ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
-  grpc_call_start_batch(call_, ops.data(), started_ ? 1 : 2, finished_.Begin(), nullptr);
+  EndStream(call_, {code, text, {}}, started_, finished_.Begin());
 }
 
 }  // namespace klrpc

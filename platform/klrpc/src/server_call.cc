@@ -4,6 +4,17 @@
 
 namespace klrpc {
 
+void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag) {
+  const Slice text(result.text);
+  grpc_slice raw_text = text.Get();
+  std::array<grpc_op, 2> ops{};
+  ops[0].op = GRPC_OP_SEND_STATUS_FROM_SERVER;
+  ops[0].data.send_status_from_server.status = result.code;
+  ops[0].data.send_status_from_server.status_details = &raw_text;
+  ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
+  grpc_call_start_batch(call, ops.data(), metadata_sent ? 1 : 2, tag, nullptr);
+}
+
 UnaryMethodCall::UnaryMethodCall(ServerContext& context, const Method& method)
     : alive_(context), context_(context), method_(method) {
   grpc_metadata_array_init(&metadata_);

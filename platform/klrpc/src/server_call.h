@@ -19,6 +19,9 @@ struct CallResult {
   Slice reply;  // sent when the code is OK
 };
 
+// Ends a stream of replies. `metadata_sent`: its first answer, which carries the metadata, is under way.
+void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag);
+
 // Counts the events that are alive on a server, so that its end can wait for them.
 class LiveEvents {
  public:

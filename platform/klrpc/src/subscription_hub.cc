@@ -235,14 +235,7 @@ SubscriberStream::Step SubscriberStream::NextStepLocked() {
 }
 
 void SubscriberStream::Finish(grpc_status_code code, const std::string& text) {
-  const Slice details(text);
-  grpc_slice raw = details.Get();
-  std::array<grpc_op, 2> ops{};
-  ops[0].op = GRPC_OP_SEND_STATUS_FROM_SERVER;
-  ops[0].data.send_status_from_server.status = code;
-  ops[0].data.send_status_from_server.status_details = &raw;
-  ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
-  grpc_call_start_batch(call_, ops.data(), confirmed_ ? 1 : 2, ended_.Begin(), nullptr);
+  EndStream(call_, {code, text, {}}, confirmed_, ended_.Begin());
 }
 
 void SubscriberStream::OnClosed(bool) {
