@@ -339,6 +339,7 @@ TEST_F(LogTest, RecordsOfManyThreadsAreWhole) {
   constexpr int kThreads = 8;
   constexpr int kRecords = 500;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([thread] {
       for (int i = 0; i < kRecords; ++i) KL_LOG(i % 2 == 0 ? 20 : 30, "thread %d record %d.", thread, i);
@@ -354,6 +355,7 @@ TEST_F(LogTest, RecordsOfManyThreadsAreWhole) {
 TEST_F(LogTest, EndingAndStartingWhileThreadsLogIsSafe) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&stop] {
       while (!stop) KL_LOG(20, "busy %s", "x");

@@ -313,8 +313,10 @@ TEST_F(ApiServerTest, AConnectionThatSpeaksSomethingElseHarmsNobody) {
   to.sun_family = AF_UNIX;
   std::memcpy(to.sun_path + 1, name.data(), name.size());
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  constexpr int kStrangers = 20;
   std::vector<int> strangers;
-  for (int i = 0; i < 20; ++i) {
+  strangers.reserve(kStrangers);
+  for (int i = 0; i < kStrangers; ++i) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), size), 0);
     if (i % 2 == 0) {

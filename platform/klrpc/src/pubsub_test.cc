@@ -126,8 +126,10 @@ TEST_F(PubsubTest, MessagesWithoutANameGetOneEach) {
 TEST_F(PubsubTest, PublicationsKeepTheirOrder) {
   Subscribe("me", {"a"});
   ExpectState("1 me: a");
+  constexpr int kMessages = 500;
   Texts wanted;
-  for (int i = 0; i < 500; ++i) {
+  wanted.reserve(kMessages);
+  for (int i = 0; i < kMessages; ++i) {
     EXPECT_TRUE(client_->PublishMessage(Message("a", std::to_string(i))));
     wanted.push_back("a=" + std::to_string(i));
   }
@@ -172,6 +174,7 @@ TEST_F(PubsubTest, AddedTopicsLoseDoubleAndReorderNothing) {
   done = true;
   publishing.join();
   Texts wanted;
+  wanted.reserve(static_cast<std::size_t>(sent));
   for (int i = 0; i < sent; ++i) wanted.push_back("a=" + std::to_string(i));
   ExpectMessages(wanted);
 }

@@ -356,6 +356,7 @@ TEST(SigslotTest, HoldersMayBeDestroyedWhileOthersEmit) {
   std::atomic<bool> done{false};
   sigslot::signal<> signal;
   std::vector<std::thread> emitters;
+  emitters.reserve(3);
   for (int i = 0; i < 3; ++i) {
     emitters.emplace_back([&] {
       while (!done) signal.emit();
@@ -375,8 +376,10 @@ TEST(SigslotTest, HoldersMayBeDestroyedWhileOthersEmit) {
 TEST(SigslotTest, ConnectingAndDisconnectingFromManyThreadsEndsInAnEmptySignal) {
   sigslot::signal<> signal;
   std::vector<std::unique_ptr<Actor>> actors;
+  actors.reserve(4);
   for (int i = 0; i < 4; ++i) actors.push_back(std::make_unique<Actor>());
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&, i] {
       for (int round = 0; round < 300; ++round) {

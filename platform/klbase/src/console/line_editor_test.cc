@@ -91,20 +91,14 @@ TEST_F(LineEditorTest, HomeAndEndInAllUsualEncodings) {
 }
 
 TEST_F(LineEditorTest, WordMotionInAllUsualEncodings) {
-  for (const std::string_view left : {"\x1b[1;5D", "\x1b[1;3D", "\x1b[1;9D", "\x1b[5D", "\x1bOd",
-                                      "\x1b"
-                                      "b",
-                                      "\x1bO5D"}) {
+  for (const std::string_view left : {"\x1b[1;5D", "\x1b[1;3D", "\x1b[1;9D", "\x1b[5D", "\x1bOd", "\033b", "\x1bO5D"}) {
     if (left == "\x1b[5D") continue;  // that is a plain Left with a count
     TypeBytes("ab cd");
     TypeBytes(left);
     TypeBytes("x\r");
     EXPECT_EQ(events_.back(), "ab xcd") << testing::PrintToString(left);
   }
-  for (const std::string_view right : {"\x1b[1;5C", "\x1b[1;3C", "\x1bOc",
-                                       "\x1b"
-                                       "f",
-                                       "\x1bO5C"}) {
+  for (const std::string_view right : {"\x1b[1;5C", "\x1b[1;3C", "\x1bOc", "\033f", "\x1bO5C"}) {
     TypeBytes("ab cd\x01");
     TypeBytes(right);
     TypeBytes("x\r");

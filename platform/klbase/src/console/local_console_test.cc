@@ -134,6 +134,7 @@ TEST_F(PlainTest, ACommandWaitsForAPipesReaderToHaveTakenTheAnswerBefore) {
   options.local_console = true;
   options.input_fd = ::open(in.c_str(), O_RDONLY | O_CLOEXEC);
   options.output_fd = fds[1];
+  constexpr std::size_t kBytes = 200 << 10;  // of the big answer
   std::string received;
   std::thread reader([&] {
     char buffer[1000];
@@ -144,8 +145,8 @@ TEST_F(PlainTest, ACommandWaitsForAPipesReaderToHaveTakenTheAnswerBefore) {
   MakeConsole(TestRoot(), options)->Run();
   ::close(fds[1]);
   reader.join();
-  EXPECT_EQ(received.find("end\n"), 200U * 1024);
-  EXPECT_EQ(received.substr(200U * 1024), "end\none\ntwo\nend\n");
+  EXPECT_EQ(received.find("end\n"), kBytes);
+  EXPECT_EQ(received.substr(kBytes), "end\none\ntwo\nend\n");
   ::close(fds[0]);
   ::close(options.input_fd);
 }

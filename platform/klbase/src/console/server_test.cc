@@ -1065,6 +1065,7 @@ TEST_F(ServerTest, ManySessionsRunManyCommands) {
   constexpr int kClients = 40;
   constexpr int kLines = 50;
   std::vector<std::thread> threads;
+  threads.reserve(kClients);
   std::atomic<int> right{0};
   for (int i = 0; i < kClients; ++i) {
     threads.emplace_back([this, &right] {
