@@ -376,7 +376,8 @@ TEST_F(LogTest, AChildOfForkLogsAlthoughOtherThreadsWereLogging) {
   std::thread busy([&stop] {
     while (!stop) KL_LOG(20, "busy");
   });
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(RunInChild([] { KL_LOG(20, "child"); }), 0);
+  const auto log = [] { KL_LOG(20, "child"); };
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(RunInChild(log), 0);
   stop = true;
   busy.join();
 }
@@ -384,7 +385,8 @@ TEST_F(LogTest, AChildOfForkLogsAlthoughOtherThreadsWereLogging) {
 TEST_F(LogTest, AChildsRecordsReachTheFileAndTheParentsAreNotDoubled) {
   ASSERT_TRUE(Open());
   KL_LOG(20, "parent");
-  EXPECT_EQ(RunInChild([] { KL_LOG(20, "child"); }), 0);
+  const auto log = [] { KL_LOG(20, "child"); };
+  EXPECT_EQ(RunInChild(log), 0);
   KlLogDestory();
   EXPECT_THAT(Lines(), ElementsAre(EndsWith(": parent"), EndsWith(": child")));
 }
