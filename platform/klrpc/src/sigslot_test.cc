@@ -13,7 +13,6 @@
 
 namespace {
 
-using klrpc::testing::kPatience;
 using klrpc::testing::Watched;
 
 template <typename Policy = sigslot::multi_threaded_global>

@@ -115,7 +115,8 @@ int ServeUntilKilled(const std::string& address) {
   hooks->unary = std::make_unique<Hook>(ObeyOrEcho);
   const auto server = APIServer::Create(std::make_unique<APIServerOptions>(2, address, true), std::move(hooks));
   SayReady();
-  while (true) pause();
+  while (server != nullptr) pause();
+  return 1;
 }
 
 // Another user's process: exit status 0 when its call was refused, 1 when it was answered.
