@@ -35,6 +35,8 @@ const std::vector<std::string> kExampleRpcTest = {
     "message ExampleRPCReply: 1 common.v1.Status status",
 };
 
+// Long lines stand in pieces.
+// NOLINTBEGIN(bugprone-suspicious-missing-comma)
 const std::vector<std::string> kEncoderEncoder = {
     "enum Qulity: QULITY_TYPE_UNSPECIFIED = 0; LOW = 1; MIDDLE = 2; HIGH = 3",
     "enum RecordFormat: RECORD_TYPE_UNSPECIFIED = 0; RECORD_MP4 = 1; RECORD_WAV = 2",
@@ -135,6 +137,7 @@ const std::vector<std::string> kPlayerPlayer = {
     "message SetPauseOfRecordReq: 1 string unique_id; 2 uint32 url_index; 3 bool state",
     "message SetFileTimeOfLiveReq: 1 string unique_id; 2 uint32 file_duration",
 };
+// NOLINTEND(bugprone-suspicious-missing-comma)
 
 std::string TypeOf(const FieldDescriptor& field) {
   switch (field.type()) {
@@ -169,6 +172,7 @@ std::string Describe(const Descriptor& type) {
 
 std::vector<std::string> Describe(const FileDescriptor& file) {
   std::vector<std::string> lines;
+  lines.reserve(static_cast<std::size_t>(file.enum_type_count() + file.message_type_count()));
   for (int i = 0; i < file.enum_type_count(); ++i) lines.push_back(Describe(*file.enum_type(i)));
   for (int i = 0; i < file.message_type_count(); ++i) lines.push_back(Describe(*file.message_type(i)));
   return lines;
@@ -209,6 +213,7 @@ TEST(SchemaTest, HasPackagesImportsAndOptionsOfTheContract) {
   for (const auto& expected : SchemaFiles()) {
     const auto& file = *expected.file;
     std::vector<std::string> imports;
+    imports.reserve(static_cast<std::size_t>(file.dependency_count()));
     for (int i = 0; i < file.dependency_count(); ++i) imports.push_back(file.dependency(i)->name());
     EXPECT_EQ(file.package(), expected.package);
     EXPECT_EQ(imports, expected.imports) << file.name();

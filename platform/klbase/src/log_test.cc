@@ -226,7 +226,7 @@ TEST_F(LogTest, ASecondStartReplacesTheFile) {
 }
 
 TEST_F(LogTest, AFileThatCannotBeOpenedIsSaidAndErrorsGoToStandardError) {
-  std::ofstream(folder_ + "/file");
+  std::ofstream(folder_ + "/file").close();
   file_ = folder_ + "/file/tool.log";
   testing::internal::CaptureStderr();
   EXPECT_FALSE(Open());
@@ -263,10 +263,11 @@ TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {
   std::ofstream(folder_ + "/sub") << "in the way";
   for (int i = 0; i < 50; ++i) KL_LOG(30, "lost %d", i);
   std::filesystem::remove(folder_ + "/sub");
-  EXPECT_TRUE(WaitFor([this] {
+  const auto is_back = [this] {
     KL_LOG(30, "back");
     return Content().find(": back\n") != std::string::npos;
-  }));
+  };
+  EXPECT_TRUE(WaitFor(is_back));
   EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("klbase: writing the log failed: "));
 }
 

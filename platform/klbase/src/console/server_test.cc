@@ -270,7 +270,7 @@ TEST_F(ServerTest, EachKindOfLineEndEndsAnOperatorsLineOnce) {
   Open();
   TestClient client = Connect();
   client.ReceiveUntil("main> ");
-  client.Send(std::string("core set 1\r\ncore set 2\r\0core set 3\rcore set 4\n", 47));
+  client.Send(std::string("core set 1\r\ncore set 2\r\0core set 3\rcore set 4\n", 46));
   EXPECT_EQ(client.ReceiveUntil("4\r\nmain> "), "1\r\nmain> 2\r\nmain> 3\r\nmain> 4\r\nmain> ");
 }
 
