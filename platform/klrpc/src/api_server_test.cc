@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -46,31 +45,6 @@ class TempFolder {
 
  private:
   std::string path_;
-};
-
-// Leaves this process no file descriptor to open, while it lives or until Free().
-class AllDescriptorsUsed {
- public:
-  AllDescriptorsUsed() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    rlimit low = before_;
-    low.rlim_cur = 256;
-    setrlimit(RLIMIT_NOFILE, &low);
-    for (int fd = dup(0); fd >= 0; fd = dup(0)) fillers_.push_back(fd);
-  }
-  AllDescriptorsUsed(const AllDescriptorsUsed&) = delete;
-  AllDescriptorsUsed& operator=(const AllDescriptorsUsed&) = delete;
-  ~AllDescriptorsUsed() { Free(); }
-
-  void Free() {
-    for (const int fd : fillers_) close(fd);
-    fillers_.clear();
-    setrlimit(RLIMIT_NOFILE, &before_);
-  }
-
- private:
-  rlimit before_{};
-  std::vector<int> fillers_;
 };
 
 class ApiServerTest : public ::testing::Test {

@@ -2,6 +2,7 @@
 #ifndef KLRPC_SRC_TEST_SUPPORT_H_
 #define KLRPC_SRC_TEST_SUPPORT_H_
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -100,6 +101,21 @@ std::unique_ptr<APIServer> ServeEvents(const std::string& address, APIServer::Pu
 std::unique_ptr<APIClient> Connect(const std::string& address);
 
 common::v1::Status StatusOf(int code, const std::string& message = "");
+
+// Leaves this process no file descriptor to open, while it lives or until Free().
+class AllDescriptorsUsed {
+ public:
+  AllDescriptorsUsed();
+  AllDescriptorsUsed(const AllDescriptorsUsed&) = delete;
+  AllDescriptorsUsed& operator=(const AllDescriptorsUsed&) = delete;
+  ~AllDescriptorsUsed() { Free(); }
+
+  void Free();
+
+ private:
+  rlimit before_{};
+  std::vector<int> fillers_;
+};
 
 // A child process that serves `address`: echoes, never answers a Status with message "hang", and kills itself when
 // asked by "die". Killed and waited for at the end.

@@ -152,6 +152,20 @@ int RunChild(int argc, char** argv) {
   return -1;
 }
 
+AllDescriptorsUsed::AllDescriptorsUsed() {
+  getrlimit(RLIMIT_NOFILE, &before_);
+  rlimit low = before_;
+  low.rlim_cur = 256;
+  setrlimit(RLIMIT_NOFILE, &low);
+  for (int fd = dup(0); fd >= 0; fd = dup(0)) fillers_.push_back(fd);
+}
+
+void AllDescriptorsUsed::Free() {
+  for (const int fd : fillers_) close(fd);
+  fillers_.clear();
+  setrlimit(RLIMIT_NOFILE, &before_);
+}
+
 ChildServer::ChildServer(const std::string& mode, const std::string& address) {
   int out[2];
   EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
