@@ -17,6 +17,7 @@
 #include <asio/steady_timer.hpp>
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <list>
 #include <set>
 #include <sstream>
@@ -128,7 +129,12 @@ class ServerImpl : public Server, public ConnectionOwner {
   }
 
   void Finish() override {
-    asio::post(io_, [this] { FinishAll(); });
+    const auto finished = std::make_shared<std::promise<void>>();
+    asio::post(io_, [this, finished] {
+      FinishAll();
+      finished->set_value();
+    });
+    finished->get_future().wait_for(options_.drain);
   }
 
   void Stop() override {

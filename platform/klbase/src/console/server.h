@@ -31,7 +31,7 @@ class Server {
   // Joins the session's thread and forgets it, once it is closed and done. Any thread.
   virtual void PostReap(int session_id) = 0;
   // Accepts no more; each connection finishes its command, is sent what is left and is closed; a reader gets
-  // `options.drain` for that. Any thread.
+  // `options.drain` for that. Any thread but the I/O thread. When it returns no session opens any more.
   virtual void Finish() = 0;
   // Ends the I/O thread and closes what is still open. Not on the I/O thread.
   virtual void Stop() = 0;
