@@ -172,7 +172,7 @@ std::string Describe(const Descriptor& type) {
 
 std::vector<std::string> Describe(const FileDescriptor& file) {
   std::vector<std::string> lines;
-  lines.reserve(static_cast<std::size_t>(file.enum_type_count() + file.message_type_count()));
+  lines.reserve(static_cast<std::size_t>(file.enum_type_count()) + static_cast<std::size_t>(file.message_type_count()));
   for (int i = 0; i < file.enum_type_count(); ++i) lines.push_back(Describe(*file.enum_type(i)));
   for (int i = 0; i < file.message_type_count(); ++i) lines.push_back(Describe(*file.message_type(i)));
   return lines;
