@@ -430,6 +430,18 @@ TEST_F(TerminalTest, CtrlCIsTheInterruptSignalAndTheTerminalIsRestored) {
   EXPECT_FALSE(pty_.IsRaw());
 }
 
+TEST_F(TerminalTest, WhatACommandsProgramWritesComesAfterTheTypedLine) {
+  Start();
+  pty_.Until("main> ");
+  constexpr int kLines = 50;
+  std::string lines;
+  for (int i = 0; i < kLines; ++i) lines += "core direct 1 program\r";
+  pty_.Type(lines);
+  for (int i = 0; i < kLines && !HasFailure(); ++i) {
+    EXPECT_NE(pty_.Until("\x1b[?2004lprogram").find("core direct 1 program"), std::string::npos);
+  }
+}
+
 TEST_F(TerminalTest, ThePromptStartsOnAFreshLine) {
   Start();
   pty_.Until("main> ");

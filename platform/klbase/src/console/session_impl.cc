@@ -522,6 +522,8 @@ void SessionImpl::RunLine(const std::string& line) {
     config_.output->Append(notices_);
     notices_.clear();
   }
+  // The programs that a command starts write to this terminal by themselves: what was typed stands before that.
+  if (config_.kind == SessionKind::kTerminal) config_.output->Flush();
   if (LoggedIn()) {
     history_.Add(line);
     const Words split = SplitWords(line);
