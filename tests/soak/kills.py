@@ -12,7 +12,8 @@ from harness import Daemon, Events, NumberedDaemon, Operator, Replies, Tool, end
 TITLE = "daemons killed at random"
 PROPERTY = ("Every reply that a daemon wrote down as sent is either shown, once and at the command that asked, or that "
             "command says that it failed. Every event is printed at most once, in order, without a hole. After each kill "
-            "the first command succeeds and the events come again.")
+            "the first command succeeds and the events come again. (An event whose daemon was killed before it could note "
+            "that it was accepted counts as printed only.)")
 MINUTES = 8
 
 ENCODER_KILLS, PLAYER_KILLS, REAL_KILLS = 760, 270, 50  # a tenth of the second ones are ended in order
