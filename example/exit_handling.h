@@ -19,8 +19,8 @@ namespace vextool {
 constexpr std::chrono::seconds kStartLimit{3};
 constexpr std::chrono::seconds kEndLimit{5};
 
-// Blocks SIGINT in this thread and those it starts. The first thing in main(), before there are other threads. An
-// interrupt from now on waits for InstallInterruptHandler().
+// Blocks SIGINT in this thread and those it starts, and SIGRTMIN, with which the thread that waits for it is ended. The
+// first thing in main(), before there are other threads. An interrupt from now on waits for InstallInterruptHandler().
 void BlockInterrupt();
 
 // Installs `handler` for SIGINT, with an empty mask and no flags, and starts the thread on which it runs.

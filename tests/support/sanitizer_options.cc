@@ -32,8 +32,8 @@ extern "C" const char* __lsan_default_suppressions() {
       "leak:libfontconfig.so\n"
       // The HTTP session that souphttpsrc shares is freed with its pipeline's contexts and leaves 32 bytes.
       "leak:gst_structure_free\n"
-      // A wait at a socket that is given up in the very moment in which it ends: GIO 2.74 then loses its source, 120
-      // bytes. Seen with HTTP and RTMP servers that never answer.
+      // A wait at a socket that is given up: at times GIO 2.74 then loses its source, 120 bytes. Seen with an HTTP
+      // server that never answers.
       "leak:g_cancellable_source_new\n"
       // mp4mux 1.22 forgets 4 KiB per track when it turns a fragmented file into a plain one.
       "leak:libgstisomp4.so\n";

@@ -69,8 +69,8 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
   args.Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 0);
   ChannelPtr created = Create(options_, args);
   const MutexLock lock(mutex_);
-  if (channel_ == channel || channel_ == nullptr)
-    std::swap(channel_, created);  // the old one is destroyed after the lock is released
+  // The old one is destroyed after the lock is released.
+  if (channel_ == channel || channel_ == nullptr) std::swap(channel_, created);
   return channel_;
 }
 

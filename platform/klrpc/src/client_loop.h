@@ -52,7 +52,7 @@ class ClientLoop {
   // Used by the loop's thread only.
   std::multimap<Clock::time_point, std::function<void()>> timers_;
   Clock::time_point next_tick_;
-  bool idle_ = false;  // the last tick said so
+  bool idle_ = false;  // the last tick said so, and nothing has happened since
 
   // Held while operations are started, so that none starts on a queue that was shut down. gRPC runs none of our code
   // from there.
