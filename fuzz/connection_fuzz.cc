@@ -6,7 +6,7 @@
 // at first, 3 one that begins with any telnet bytes), the sizes of the pieces (a line), then the bytes.
 
 // clang-format off: must come first
-#include "console/asio_setup.h"
+#include "console/tcp/asio_setup.h"
 // clang-format on
 
 #include <sys/ioctl.h>
@@ -22,7 +22,7 @@
 
 #include "cli/menu.h"
 #include "console/builtins.h"
-#include "console/connection.h"
+#include "console/tcp/connection.h"
 #include "fuzz/fuzz.h"
 #include "klbase/options.h"
 

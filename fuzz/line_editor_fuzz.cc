@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "console/line_editor_keys.h"
+#include "line_editor/keys.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/operator.h"
 #include "fuzz/rendering.h"

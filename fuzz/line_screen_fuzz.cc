@@ -4,7 +4,7 @@
 // text, the hint; i, k a position and a piece to insert, or a length to cut; c the cursor; r columns and rows; f, e, o.
 #include <vector>
 
-#include "console/line_editor_screen.h"
+#include "line_editor/screen.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/rendering.h"
 

@@ -6,9 +6,10 @@
 #include <string_view>
 #include <vector>
 
-#include "console/history.h"
-#include "console/line_editor.h"
-#include "console/line_editor_test_screen.h"
+#include "line_editor/history.h"
+#include "line_editor/editor.h"
+#include "line_editor/limits.h"
+#include "line_editor/test_screen.h"
 #include "fuzz/fuzz.h"
 
 namespace fuzz {

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "console/line_editor_test_screen.h"
-#include "console/line_editor_text.h"
+#include "line_editor/test_screen.h"
+#include "line_editor/text.h"
 #include "fuzz/fuzz.h"
 
 namespace fuzz {

@@ -5,8 +5,8 @@
 #include <optional>
 #include <vector>
 
-#include "console/line_splitter.h"
-#include "console/telnet_filter.h"
+#include "console/session/line_splitter.h"
+#include "console/tcp/telnet_filter.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/operator.h"
 

@@ -12,10 +12,10 @@
 
 #include "cli/about_word.h"
 #include "cli/menu.h"
-#include "console/failure_text.h"
-#include "console/line_editor_text.h"
-#include "console/menu_walk.h"
-#include "console/words.h"
+#include "cli/failure_text.h"
+#include "line_editor/text.h"
+#include "cli/menu_walk.h"
+#include "cli/words.h"
 #include "fuzz/fuzz.h"
 
 namespace {

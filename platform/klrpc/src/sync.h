@@ -1,6 +1,6 @@
 // Locks of this library.
-#ifndef KLRPC_SRC_SYNC_H_
-#define KLRPC_SRC_SYNC_H_
+#ifndef KLRPC_SYNC_H_
+#define KLRPC_SYNC_H_
 
 #include "absl/base/thread_annotations.h"
 #include "klbase/mutex.h"
@@ -13,4 +13,4 @@ using CondVar = klbase::Condition;
 
 }  // namespace klrpc
 
-#endif  // KLRPC_SRC_SYNC_H_
+#endif  // KLRPC_SYNC_H_

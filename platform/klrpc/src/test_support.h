@@ -1,6 +1,6 @@
 // What the tests of this library share: addresses, captured records, servers in this process and in child processes.
-#ifndef KLRPC_SRC_TEST_SUPPORT_H_
-#define KLRPC_SRC_TEST_SUPPORT_H_
+#ifndef KLRPC_TEST_SUPPORT_H_
+#define KLRPC_TEST_SUPPORT_H_
 
 #include <sys/resource.h>
 #include <sys/types.h>
@@ -141,4 +141,4 @@ int RunChild(int argc, char** argv);
 
 }  // namespace klrpc::testing
 
-#endif  // KLRPC_SRC_TEST_SUPPORT_H_
+#endif  // KLRPC_TEST_SUPPORT_H_

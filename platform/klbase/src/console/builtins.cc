@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "console/line_editor_text.h"
-#include "console/session_impl.h"
+#include "line_editor/text.h"
+#include "console/session/session.h"
 
 namespace cli::internal {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "console/menu_walk.h"
+#include "cli/menu_walk.h"
 
 namespace cli::internal {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "console/console_test_support.h"
-#include "console/session_impl.h"
+#include "console/session/session.h"
 
 namespace cli::internal {
 namespace {

@@ -30,8 +30,8 @@
 
 #include "cli/console.h"
 #include "cli/menu.h"
-#include "console/console_impl.h"
-#include "console/console_options.h"
+#include "console/console.h"
+#include "console/options.h"
 #include "gtest/gtest.h"
 #include "klbase/log.h"
 #include "klbase/log_sink.h"

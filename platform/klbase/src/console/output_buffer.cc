@@ -9,7 +9,6 @@
 #include <limits>
 #include <utility>
 
-#include "console/telnet_filter.h"
 
 namespace cli::internal {
 namespace {

@@ -12,6 +12,9 @@
 
 namespace cli::internal {
 
+// Telnet's escape byte, doubled where it stands for itself.
+inline constexpr unsigned char kTelnetIac = 255;
+
 // Any thread may append and flush; the bytes go out in the order in which they were appended. Owned (shared) by a
 // session and its transport. The descriptor stays the transport's: it must be open until Close().
 class OutputBuffer {

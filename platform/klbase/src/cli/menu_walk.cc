@@ -1,0 +1,245 @@
+#include "cli/menu_walk.h"
+
+#include <algorithm>
+#include <cctype>
+#include <iterator>
+#include <numeric>
+#include <utility>
+
+#include "line_editor/text.h"
+#include "cli/words.h"
+
+namespace cli::internal {
+namespace {
+
+std::string LowerCase(std::string_view text) {
+  std::string lower;
+  std::transform(text.begin(), text.end(), std::back_inserter(lower),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return lower;
+}
+
+// Typing errors between two words: inserted, left out, changed and exchanged letters.
+std::size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> before(b.size() + 1), last(b.size() + 1), row(b.size() + 1);
+  std::iota(last.begin(), last.end(), 0);
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    row[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      const bool exchanged = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+      if (exchanged) row[j] = std::min(row[j], before[j - 2] + 1);
+    }
+    std::swap(before, last);
+    std::swap(last, row);
+  }
+  return last[b.size()];
+}
+
+// How far `typed` is from `name`: 0 for a difference in case only; kFar when nobody means that.
+constexpr std::size_t kFar = 1000;
+std::size_t Distance(std::string_view typed, std::string_view name) {
+  constexpr std::size_t kLongestCompared = 64;  // names are short; a 4096 byte word is no typing error
+  constexpr std::size_t kLeastPrefix = 2;
+  if (typed.size() > kLongestCompared || name.size() > kLongestCompared) return kFar;
+  const std::string a = LowerCase(typed);
+  const std::string b = LowerCase(name);
+  if (a == b) return 0;
+  if (a.size() >= kLeastPrefix && b.starts_with(a)) return 1;
+  const std::size_t distance = EditDistance(a, b);
+  const std::size_t allowed = std::max<std::size_t>(1, std::min(a.size(), b.size()) / 3);
+  return distance <= allowed && distance < a.size() ? distance : kFar;
+}
+
+struct Suggestion {
+  std::size_t distance;
+  std::string text;
+};
+
+void Collect(const CommandVector& commands, const std::string& prefix, std::string_view typed, std::size_t extra,
+             std::vector<Suggestion>& found) {
+  for (const auto& command : commands) {
+    if (!command->IsEnabled()) continue;
+    const std::size_t distance = Distance(typed, command->Name());
+    if (distance < kFar) found.push_back({distance + extra, prefix + command->Name()});
+  }
+}
+
+// The names nearest to `typed`: first those in reach here, then those in the submenus, then those of the root.
+std::string Suggestions(const Place& place, const Walk& walk, const std::string& prefix, std::string_view typed) {
+  constexpr std::size_t kMostShown = 3;
+  constexpr std::size_t kElsewhere = 1;  // a name here is the likelier one
+  std::vector<Suggestion> found;
+  Collect(walk.commands, prefix, typed, 0, found);
+  const auto collect_submenus = [&](const CommandVector& commands, const std::string& before) {
+    for (const auto& command : commands) {
+      const auto* submenu = dynamic_cast<const Menu*>(command.get());
+      if (submenu == nullptr || !submenu->IsEnabled() || submenu == walk.menu.get()) continue;
+      Collect(submenu->Commands(), before + submenu->Name() + " ", typed, kElsewhere, found);
+    }
+  };
+  collect_submenus(walk.commands, prefix);
+  if (walk.menu.get() != &place.Root()) {
+    const std::string root = place.AtRoot() ? "" : place.Root().Name() + " ";
+    Collect(place.Root().Commands(), root, typed, kElsewhere, found);
+    collect_submenus(place.Root().Commands(), root);
+  }
+  std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.distance < b.distance; });
+  std::vector<std::string> shown;
+  for (const auto& suggestion : found) {
+    if (shown.size() == kMostShown) break;
+    if (std::find(shown.begin(), shown.end(), suggestion.text) == shown.end()) shown.push_back(suggestion.text);
+  }
+  std::string text;
+  for (const auto& name : shown) text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
+// A word as it can be shown on any terminal: control characters as question marks, what else a terminal might act on
+// or get wrong written out, and nothing behind the 60th column.
+std::string Shown(std::string_view word, const char* quote = "\"") {
+  constexpr int kMost = 60;
+  std::string shown = quote;
+  int columns = 0;
+  for (std::size_t offset = 0; offset < word.size();) {
+    const Unit unit = UnitAt(word, offset);
+    const auto first = static_cast<unsigned char>(word[offset]);
+    const bool control = first < 0x20 || first == 0x7f;
+    columns += control ? 1 : unit.width;
+    if (columns > kMost) return shown + "..." + quote;
+    if (control) {
+      shown += '?';
+    } else {
+      AppendDisplay(shown, word, offset, unit);
+    }
+    offset += unit.length;
+  }
+  return shown + quote;
+}
+
+CommandVector EnabledNamed(const CommandVector& commands, std::string_view name) {
+  CommandVector named;
+  std::copy_if(commands.begin(), commands.end(), std::back_inserter(named),
+               [name](const auto& command) { return command->IsEnabled() && command->Name() == name; });
+  return named;
+}
+
+std::string Join(const std::vector<std::string>& words, std::size_t count) {
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) text += words[i] + " ";
+  return text;
+}
+
+// "SetQulity takes 1 word, not 2."
+std::string CountText(const Command& command, std::size_t given) {
+  const std::size_t wanted = command.ParameterNames().size();
+  const std::string takes = wanted == 0 ? "no words" : std::to_string(wanted) + (wanted == 1 ? " word" : " words");
+  return command.Name() + " takes " + takes + ", not " + std::to_string(given) + ".";
+}
+
+void AppendUnique(std::vector<std::string>& names, const std::string& name) {
+  if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
+}
+
+// `help` is followed by the name of a command.
+bool IsHelp(const std::string& word) { return word == "help" || word == "?"; }
+
+}  // namespace
+
+Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
+  Walk walk{place.path.back(), 0, place.Current().Commands()};
+  walk.commands.insert(walk.commands.end(), builtins.begin(), builtins.end());
+  const auto submenu_named = [&walk](const std::string& name) -> std::shared_ptr<Menu> {
+    for (const auto& command : walk.commands) {
+      if (!command->IsEnabled() || command->Name() != name) continue;
+      if (auto submenu = std::dynamic_pointer_cast<Menu>(command)) return submenu;
+    }
+    return nullptr;
+  };
+  while (walk.used + 1 < words.size()) {
+    auto submenu = submenu_named(words[walk.used]);
+    const bool back = walk.used == 0 && words[0] == place.Root().Name();
+    if (!submenu && back) submenu = place.path.front();
+    if (!submenu) break;
+    walk.menu = std::move(submenu);
+    walk.commands = walk.menu->Commands();
+    ++walk.used;
+  }
+  return walk;
+}
+
+bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words) {
+  return walk.used > 0 && IsHelp(words[walk.used]) && EnabledNamed(walk.commands, words[walk.used]).empty();
+}
+
+Completion Complete(const Place& place, const CommandVector& builtins, std::string_view text) {
+  Words split = SplitWords(text);
+  if (!split.last_open) {
+    split.last_start = text.size();
+    split.words.emplace_back();
+  }
+  const std::string last = split.words.empty() ? "" : split.words.back();
+  Walk walk = FollowMenus(place, builtins, split.words);
+  if (walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used])) {
+    split.words.erase(split.words.begin() + static_cast<std::ptrdiff_t>(walk.used));
+    walk = FollowMenus(place, builtins, split.words);
+  }
+  Completion completion{split.last_start, {}};
+  if (walk.used + 1 != split.words.size()) return completion;
+  std::vector<std::string> names;
+  for (const auto& command : walk.commands) {
+    for (const auto& name : command->GetCompletionRecursive(last)) AppendUnique(names, name);
+  }
+  for (const auto& name : names) completion.candidates.push_back(QuoteWord(name));
+  return completion;
+}
+
+std::string Hint(const Place& place, const CommandVector& builtins, std::string_view line) {
+  const Words split = SplitWords(line);
+  if (!split.error.empty() || split.words.empty()) return "";
+  const Walk walk = FollowMenus(place, builtins, split.words);
+  const CommandVector named = EnabledNamed(walk.commands, split.words[walk.used]);
+  if (named.empty()) return "";
+  const std::vector<std::string> names = named.front()->ParameterNames();
+  const std::size_t typed = split.words.size() - walk.used - 1;
+  std::string hint;
+  for (std::size_t i = typed; i < names.size(); ++i) hint += " <" + names[i] + ">";
+  if (!split.last_open && !hint.empty()) hint.erase(0, 1);  // the blank is typed already
+  return hint;
+}
+
+std::string UsageLine(const Command& command) {
+  std::string usage = command.Name();
+  for (const auto& name : command.ParameterNames()) usage += " <" + name + ">";
+  return usage;
+}
+
+std::string CommandPath(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(place, builtins, words);
+  return Join(words, walk.used) + Shown(words[walk.used], "");
+}
+
+std::string UsageOf(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(place, builtins, words);
+  const CommandVector named = EnabledNamed(walk.commands, words[walk.used]);
+  return named.empty() ? "" : " Usage: " + Join(words, walk.used) + UsageLine(*named.front());
+}
+
+std::string ExplainRefusal(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(place, builtins, words);
+  const std::string prefix = Join(words, walk.used);
+  const std::string& word = words[walk.used];
+  const CommandVector named = EnabledNamed(walk.commands, word);
+  if (!named.empty()) {
+    std::string text = CountText(*named.front(), words.size() - walk.used - 1);
+    for (const auto& command : named) text += " Usage: " + prefix + UsageLine(*command);
+    return text + "\n";
+  }
+  std::string text = "Unknown command " + Shown(word);
+  if (walk.used > 0) text += " in \"" + walk.menu->Name() + "\"";
+  const std::string nearest = Suggestions(place, walk, prefix, word);
+  text += nearest.empty() ? "." : "; did you mean: " + nearest + "?";
+  return text + " Type \"help\" for the commands.\n";
+}
+
+}  // namespace cli::internal

@@ -1,0 +1,156 @@
+#include "cli/menu_walk.h"
+
+#include "console/builtins.h"
+#include "console/console_test_support.h"
+
+namespace cli::internal {
+namespace {
+
+using Strings = std::vector<std::string>;
+
+class MenuWalkTest : public ::testing::Test {
+ protected:
+  MenuWalkTest() {
+    auto encd = std::make_unique<Menu>("encd");
+    encd->Insert(MakeCommand("SetQulity", [](std::ostream&, const std::string&) {}, "", {"qulity<low middle high>"}));
+    root_->Insert(std::move(encd));
+    auto playd = std::make_unique<Menu>("playd");
+    playd->Insert(MakeCommand(
+        "OpenMedia", [](std::ostream&, const std::string&, const unsigned int&) {}, ""));
+    playd->Insert(MakeCommand(
+        "OpenLayer", [](std::ostream&) {}, ""));
+    hidden_ = playd->Insert(MakeCommand(
+        "OpenHidden", [](std::ostream&) {}, ""));
+    hidden_.Disable();
+    root_->Insert(std::move(playd));
+  }
+
+  void EnterPlayd() { place_.path.push_back(std::dynamic_pointer_cast<Menu>(root_->Commands()[1])); }
+  Strings Tab(std::string_view text) const { return Complete(place_, *builtins_, text).candidates; }
+  std::string HintFor(std::string_view line) const { return Hint(place_, *builtins_, line); }
+  std::string Explain(const Strings& words) const { return ExplainRefusal(place_, *builtins_, words); }
+
+  std::shared_ptr<Menu> root_ = std::make_shared<Menu>("main");
+  std::shared_ptr<const CommandVector> builtins_ = MakeBuiltins("main");
+  CmdHandler hidden_;
+  Place place_{{root_}};
+};
+
+TEST_F(MenuWalkTest, AnEmptyLineOffersEverything) {
+  EXPECT_EQ(Tab(""), (Strings{"encd", "playd", "help", "?", "history", "who", "main", "..", "exit", "shutdown"}));
+}
+
+TEST_F(MenuWalkTest, TabCompletesTheMenusCommandsBeforeTheBuiltInOnes) {
+  EXPECT_EQ(Tab("e"), (Strings{"encd", "exit"}));
+  EXPECT_EQ(Tab("zzz"), Strings{});
+}
+
+TEST_F(MenuWalkTest, TabReachesAcrossLevels) {
+  EXPECT_EQ(Tab("playd Op"), (Strings{"OpenMedia", "OpenLayer"}));
+  EXPECT_EQ(Complete(place_, *builtins_, "playd Op").start, 6U);
+  EXPECT_EQ(Tab("playd "), (Strings{"OpenMedia", "OpenLayer"}));
+  EXPECT_EQ(Complete(place_, *builtins_, "playd ").start, 6U);
+}
+
+TEST_F(MenuWalkTest, TabOffersNothingBehindACommand) {
+  EXPECT_EQ(Tab("playd OpenLayer "), Strings{});
+  EXPECT_EQ(Tab("nothing Op"), Strings{});
+}
+
+TEST_F(MenuWalkTest, TheRootsNameLeadsFromTheRootToo) {
+  EXPECT_EQ(Tab("main en"), Strings{"encd"});
+  EXPECT_EQ(HintFor("main encd SetQulity"), " <qulity<low middle high>>");
+  EXPECT_TRUE(IsHelpInMenu(FollowMenus(place_, *builtins_, {"main", "encd", "help"}), {"main", "encd", "help"}));
+  EXPECT_EQ(Explain({"main", "bogus", "x"}),
+            "Unknown command \"bogus\" in \"main\". Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, TabCompletesTheArgumentOfHelp) {
+  EXPECT_EQ(Tab("help pl"), Strings{"playd"});
+  EXPECT_EQ(Tab("help playd OpenM"), Strings{"OpenMedia"});
+  EXPECT_EQ(Tab("help"), Strings{"help"});
+  EXPECT_EQ(Tab("playd help OpenM"), Strings{"OpenMedia"});
+}
+
+TEST_F(MenuWalkTest, TheRootIsReachedFromASubmenu) {
+  EnterPlayd();
+  EXPECT_EQ(Tab("Open"), (Strings{"OpenMedia", "OpenLayer"}));
+  EXPECT_EQ(Tab("main en"), Strings{"encd"});
+  EXPECT_EQ(Tab("main encd S"), Strings{"SetQulity"});
+}
+
+TEST_F(MenuWalkTest, ADisabledMenuLeadsNowhere) {
+  root_->Commands()[1]->Disable();
+  EXPECT_EQ(Tab("playd Op"), Strings{});
+  EXPECT_EQ(Tab("pl"), Strings{});
+}
+
+TEST_F(MenuWalkTest, HintsShowTheParametersThatAreStillToBeTyped) {
+  EXPECT_EQ(HintFor("playd OpenMedia"), " <string> <unsigned int>");
+  EXPECT_EQ(HintFor("playd OpenMedia "), "<string> <unsigned int>");
+  EXPECT_EQ(HintFor("playd OpenMedia 1"), " <unsigned int>");
+  EXPECT_EQ(HintFor("playd OpenMedia 1 "), "<unsigned int>");
+  EXPECT_EQ(HintFor("playd OpenMedia 1 2"), "");
+  EXPECT_EQ(HintFor("encd SetQulity"), " <qulity<low middle high>>");
+}
+
+TEST_F(MenuWalkTest, ThereIsNoHintForAnUnfinishedCommand) {
+  EXPECT_EQ(HintFor(""), "");
+  EXPECT_EQ(HintFor("playd"), "");
+  EXPECT_EQ(HintFor("playd OpenMedi"), "");
+  EXPECT_EQ(HintFor("playd OpenHidden"), "");
+  EXPECT_EQ(HintFor("playd OpenMedia \"x"), "");
+}
+
+TEST_F(MenuWalkTest, AnUnknownWordIsNamed) {
+  EXPECT_EQ(Explain({"xyzzy"}), "Unknown command \"xyzzy\". Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, NearNamesAreSuggested) {
+  EXPECT_EQ(Explain({"plyad"}), "Unknown command \"plyad\"; did you mean: playd? Type \"help\" for the commands.\n");
+  EXPECT_EQ(Explain({"ENCD"}), "Unknown command \"ENCD\"; did you mean: encd? Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, NamesInSubmenusAreSuggestedWithTheirMenu) {
+  EXPECT_EQ(Explain({"SetQuality", "high"}),
+            "Unknown command \"SetQuality\"; did you mean: encd SetQulity? Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, NamesOfOtherMenusAreSuggestedWithTheWayThere) {
+  EnterPlayd();
+  EXPECT_EQ(Explain({"setqulity", "high"}),
+            "Unknown command \"setqulity\"; did you mean: main encd SetQulity? Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, AnUnknownWordInsideAMenuIsLookedForThere) {
+  EXPECT_EQ(
+      Explain({"playd", "OpenMedai"}),
+      "Unknown command \"OpenMedai\" in \"playd\"; did you mean: playd OpenMedia? Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, AWrongWordCountGivesTheUsage) {
+  EXPECT_EQ(Explain({"playd", "OpenMedia", "1"}),
+            "OpenMedia takes 2 words, not 1. Usage: playd OpenMedia <string> <unsigned int>\n");
+  EXPECT_EQ(Explain({"encd", "SetQulity"}),
+            "SetQulity takes 1 word, not 0. Usage: encd SetQulity "
+            "<qulity<low middle high>>\n");
+  EXPECT_EQ(Explain({"exit", "now"}), "exit takes no words, not 1. Usage: exit\n");
+}
+
+TEST_F(MenuWalkTest, ADisabledCommandIsUnknown) {
+  EXPECT_EQ(Explain({"playd", "OpenHidden"}).find("Unknown command \"OpenHidden\" in \"playd\""), 0U);
+}
+
+TEST_F(MenuWalkTest, AWordOfBinaryNoiseIsShownHarmlessAndShort) {
+  const std::string shown = Explain({"\x1b[2J" + std::string(5000, 'x')});
+  EXPECT_EQ(shown, "Unknown command \"?[2J" + std::string(56, 'x') + "...\". Type \"help\" for the commands.\n");
+}
+
+TEST_F(MenuWalkTest, AWordsControlCharactersOfTheSecondSetAreWrittenOut) {
+  EXPECT_EQ(Explain({"\xc2\x9b"
+                     "2J\x9b"}),
+            "Unknown command \"\\u009b2J\\x9b\". Type \"help\" for the commands.\n");
+}
+
+}  // namespace
+}  // namespace cli::internal

@@ -1,0 +1,31 @@
+// Splitting a typed line into words.
+#ifndef KLBASE_CLI_WORDS_H_
+#define KLBASE_CLI_WORDS_H_
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace cli::internal {
+
+struct Words {
+  std::vector<std::string> words;
+  // What is wrong with the line, for the operator; empty when nothing is.
+  std::string error;
+  // Where the last word begins in the line (the line's end when there is none), and whether it is still open (no blank
+  // behind it): for completion.
+  std::size_t last_start = 0;
+  bool last_open = false;
+};
+
+// Words are separated by blanks (space, tab). Double quotes keep blanks inside a word ("" is an empty word); a
+// backslash takes the next character as it is, inside quotes too. An open quote or a backslash at the end is an error.
+Words SplitWords(std::string_view line);
+
+// `word` written so that SplitWords gives it back.
+std::string QuoteWord(std::string_view word);
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CLI_WORDS_H_

@@ -1,0 +1,217 @@
+#include "console/console.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "cli/plugin.h"
+#include "console/builtins.h"
+#include "console/exit_guard.h"
+#include "console/terminal/local_console.h"
+#include "console/terminal/local_terminal.h"
+#include "console/mutex.h"
+#include "console/tcp/server.h"
+#include "console/session/session_table.h"
+#include "klbase/log.h"
+
+namespace cli::internal {
+namespace {
+
+// What the console's threads use. Kept by the console, by who is in Run() or Stop(), and for good when a command could
+// not be ended.
+class Core : public SessionHost, public StopsAtExit, public std::enable_shared_from_this<Core> {
+ public:
+  Core(std::unique_ptr<Menu> root, const ConsoleOptions& options)
+      : options_(options), root_(std::move(root)), table_(options.max_sessions) {
+    if (!root_) throw std::invalid_argument("the console needs a root menu");
+    builtins_ = MakeBuiltins(root_->Name());
+    server_ = MakeServer(options_, {&table_, [this] { return NewConfig(); }});
+    plugins_ = Registration::CreateAll(root_.get());
+    if (options_.local_console) {
+      local_ = std::make_unique<LocalConsole>(
+          options_, [this](SessionConfig config) { return OpenLocalSession(std::move(config)); });
+    }
+  }
+
+  void Start() {
+    server_->Start();
+    const std::string text = "console listens on " + server_->Address();
+    KL_LOG(30, "%s\n", text.c_str());
+    if (::isatty(options_.output_fd) != 1) std::fprintf(stderr, "%s\n", text.c_str());
+  }
+
+  int Port() const { return server_->Port(); }
+
+  void Run() {
+    {
+      MutexLock lock(mutex_);
+      running_ = true;
+      run_thread_ = pthread_self();
+    }
+    if (local_ && !stop_requested_) {
+      local_->Run();
+      for (const auto& session : table_.All()) server_->PostReap(session->Id());  // the local one, if it had no thread
+    } else {
+      MutexLock lock(mutex_);
+      while (!stop_requested_) changed_.Wait(mutex_);
+    }
+    {
+      MutexLock lock(mutex_);
+      running_ = false;
+      changed_.NotifyAll();
+    }
+    Stop();
+  }
+
+  // The first caller stops, others wait until it has. False when a command is still running.
+  bool Stop() {
+    RequestShutdown();
+    {
+      MutexLock lock(mutex_);
+      if (std::exchange(stopping_, true)) {
+        while (!stopped_) changed_.Wait(mutex_);
+        return !stuck_;
+      }
+    }
+    server_->Finish();
+    const bool ended = WaitForRun() && table_.WaitUntilEmpty(options_.stop);
+    server_->Stop();
+    if (!ended) {
+      KL_LOG(40, "console: a command did not end in time and is left alone\n");
+      for (const auto& session : table_.All()) session->Detach();
+      KeepForGood(shared_from_this());
+    }
+    MutexLock lock(mutex_);
+    stopped_ = true;
+    stuck_ = !ended;
+    changed_.NotifyAll();
+    return ended;
+  }
+
+  // --- SessionHost
+
+  std::vector<SessionInfo> Sessions() override {
+    std::vector<SessionInfo> infos;
+    for (const auto& session : table_.All()) {
+      if (session->LoggedIn() && !session->Ended()) infos.push_back(session->Info());
+    }
+    return infos;
+  }
+
+  void RequestShutdown() override {
+    {
+      MutexLock lock(mutex_);
+      stop_requested_ = true;
+      changed_.NotifyAll();
+    }
+    if (local_) local_->Stop();
+  }
+
+  void ThreadEnded(SessionImpl& session) override { server_->PostReap(session.Id()); }
+
+  // --- StopsAtExit
+
+  bool StopForExit() override {
+    const bool ended = Stop();
+    LocalTerminal::Restore();
+    return ended;
+  }
+
+ private:
+  SessionConfig NewConfig() {
+    SessionConfig config;
+    config.id = table_.NextId();
+    config.root = root_;
+    config.builtins = builtins_;
+    config.host = this;
+    return config;
+  }
+
+  std::shared_ptr<SessionImpl> OpenLocalSession(SessionConfig config) {
+    const SessionConfig base = NewConfig();
+    config.id = base.id;
+    config.root = base.root;
+    config.builtins = base.builtins;
+    config.host = base.host;
+    auto session = std::make_shared<SessionImpl>(std::move(config));
+    table_.Add(session, nullptr);
+    KL_LOG(30, "console session %d opens: %s\n", session->Id(), KindName(session->Kind()));
+    return session;
+  }
+
+  // The thread in Run() closes the local side. A signal handler that exits may have interrupted that very thread.
+  bool WaitForRun() {
+    const auto deadline = Condition::Clock::now() + options_.stop + options_.drain;
+    MutexLock lock(mutex_);
+    while (running_ && !pthread_equal(run_thread_, pthread_self())) {
+      if (Condition::Clock::now() >= deadline) return false;
+      changed_.WaitUntil(mutex_, deadline);
+    }
+    return true;
+  }
+
+  const ConsoleOptions options_;
+  const std::shared_ptr<Menu> root_;
+  SessionTable table_;
+  std::shared_ptr<const CommandVector> builtins_;
+  std::vector<std::unique_ptr<Plugin>> plugins_;
+  std::unique_ptr<LocalConsole> local_;
+  std::unique_ptr<Server> server_;
+
+  Mutex mutex_;
+  Condition changed_;
+  std::atomic<bool> stop_requested_{false};
+  bool running_ ABSL_GUARDED_BY(mutex_) = false;
+  pthread_t run_thread_ ABSL_GUARDED_BY(mutex_){};
+  bool stopping_ ABSL_GUARDED_BY(mutex_) = false;
+  bool stopped_ ABSL_GUARDED_BY(mutex_) = false;
+  bool stuck_ ABSL_GUARDED_BY(mutex_) = false;
+};
+
+class ConsoleImpl : public Console {
+ public:
+  explicit ConsoleImpl(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
+  ~ConsoleImpl() override { core_->Stop(); }
+
+  void Run() override {
+    const std::shared_ptr<Core> core = core_;
+    core->Run();
+    // The exiting thread destroys static objects: the caller must not run on into them.
+    while (ExitingElsewhere()) ::pause();
+  }
+
+  void Stop() override { core_->Stop(); }
+
+  int Port() const override { return core_->Port(); }
+
+ private:
+  const std::shared_ptr<Core> core_;
+};
+
+}  // namespace
+
+std::unique_ptr<Console> MakeConsole(std::unique_ptr<Menu> root, const ConsoleOptions& options) {
+  // A reader that goes away is an error of the write, not the end of the process.
+  ::signal(SIGPIPE, SIG_IGN);
+  auto core = std::make_shared<Core>(std::move(root), options);
+  core->Start();
+  StopAtExit(core);
+  return std::make_unique<ConsoleImpl>(std::move(core));
+}
+
+}  // namespace cli::internal
+
+namespace cli {
+
+std::unique_ptr<Console> ConsoleFactory::Create(std::unique_ptr<Menu> root, bool local_console, int port) {
+  return internal::MakeConsole(std::move(root), internal::OptionsFromEnvironment(local_console, port));
+}
+
+}  // namespace cli

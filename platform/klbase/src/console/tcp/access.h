@@ -1,0 +1,18 @@
+// Who may reach the console: the address it listens on, and the password.
+#ifndef KLBASE_CONSOLE_TCP_ACCESS_H_
+#define KLBASE_CONSOLE_TCP_ACCESS_H_
+
+#include <string>
+
+namespace cli::internal {
+
+// The password's crypt(3) hash: the first line of `file`. Throws std::runtime_error, with a text for the operator, when
+// the file can't be read, may be read by its group or others, or holds no usable hash.
+std::string ReadPasswordHash(const std::string& file);
+
+// Takes as long as the hash's method wants: tens of milliseconds and more. Any thread.
+bool PasswordMatches(const std::string& password, const std::string& hash);
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_TCP_ACCESS_H_

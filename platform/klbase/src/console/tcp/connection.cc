@@ -1,0 +1,323 @@
+#include "console/tcp/connection.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+#include "klbase/log.h"
+
+namespace cli::internal {
+namespace {
+
+std::string PeerName(const asio::ip::tcp::socket& socket) {
+  std::error_code error;
+  const auto endpoint = socket.remote_endpoint(error);
+  if (error) return "unknown";
+  std::ostringstream text;
+  text << endpoint;
+  return text.str();
+}
+
+void SetOption(int fd, int level, int name, int value) {
+  // A failure costs comfort only: the connection works without it.
+  if (::setsockopt(fd, level, name, &value, sizeof value) != 0) {
+    KL_LOG(40, "console: socket option %d/%d: %s\n", level, name, std::strerror(errno));
+  }
+}
+
+void SetOptions(int fd) {
+  constexpr int kIdleSeconds = 30;      // then the peer is probed,
+  constexpr int kIntervalSeconds = 10;  // so often,
+  constexpr int kProbes = 3;            // so many times, before its place is given to others
+  constexpr int kUnackedMs = 60'000;    // the same for a peer that vanished while bytes are under way
+  // The kernel doubles it. Without a bound it takes megabytes of what a client that doesn't read will never see, and
+  // the commands that print them keep the processor from the others.
+  constexpr int kSendBufferBytes = 128 << 10;
+  SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+  SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, kIdleSeconds);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, kIntervalSeconds);
+  SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, kProbes);
+  SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, kUnackedMs);
+  SetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
+  // telnet sends the mark behind an interrupt as urgent data: taken out of the stream it would leave half a command.
+  SetOption(fd, SOL_SOCKET, SO_OOBINLINE, 1);
+}
+
+bool IsDumb(std::string name) {
+  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return name.empty() || name == "dumb" || name == "unknown" || name == "network";
+}
+
+}  // namespace
+
+Connection::Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner,
+                       std::shared_ptr<void> place)
+    : io_(io), socket_(std::move(socket)), owner_(owner), place_(std::move(place)), peer_(PeerName(socket_)) {}
+
+Connection::~Connection() {
+  if (output_) output_->Close();
+}
+
+void Connection::Start() {
+  SetOptions(socket_.native_handle());
+  output_ =
+      std::make_shared<OutputBuffer>(socket_.native_handle(), OutputBuffer::Target::kSocket, [self = weak_from_this()] {
+        const auto connection = self.lock();
+        if (!connection) return;
+        asio::post(connection->io_, [connection] { connection->OnAttention(); });
+      });
+  AwaitReadable();
+  After(owner_.Options().sniff, &Connection::OnSniffEnd);
+}
+
+void Connection::Refuse(std::string_view text) {
+  Start();
+  output_->SetText(OutputBuffer::Text::kCrLf);
+  output_->Append(text);
+  Drain();
+}
+
+void Connection::Finish(std::string_view notice) {
+  finishing_ = true;
+  if (phase_ == Phase::kLingering && NothingUnread()) return Close();
+  if (session_) {
+    session_->Finish(session_->Kind() == SessionKind::kTelnet ? notice : "");
+  } else {
+    Drain();
+  }
+}
+
+void Connection::Abort(const char* why) {
+  if (phase_ == Phase::kClosed) return;
+  KL_LOG(40, "console connection from %s closed: %s\n", peer_.c_str(), why);
+  Close();
+}
+
+void Connection::PostResume() {
+  asio::post(io_, [self = shared_from_this()] {
+    self->session_wants_input_ = true;
+    self->ReadOn();
+  });
+}
+
+void Connection::PostEnded() {
+  asio::post(io_, [self = shared_from_this()] { self->Drain(); });
+}
+
+// One-shot and not cancelled: what it calls looks whether it still matters.
+void Connection::After(std::chrono::milliseconds time, void (Connection::*then)()) {
+  auto timer = std::make_unique<asio::steady_timer>(io_, time);
+  auto& waiting = *timer;
+  waiting.async_wait([self = weak_from_this(), then, kept = std::move(timer)](const std::error_code& error) {
+    const auto connection = self.lock();
+    if (!error && connection) ((*connection).*then)();
+  });
+}
+
+void Connection::AwaitReadable() {
+  if (read_pending_ || phase_ == Phase::kClosed) return;
+  read_pending_ = true;
+  socket_.async_wait(asio::ip::tcp::socket::wait_read, [self = shared_from_this()](const std::error_code& error) {
+    self->read_pending_ = false;
+    if (!error) self->OnReadable();
+  });
+}
+
+void Connection::AwaitWritable() {
+  if (write_pending_ || phase_ == Phase::kClosed) return;
+  write_pending_ = true;
+  socket_.async_wait(asio::ip::tcp::socket::wait_write, [self = shared_from_this()](const std::error_code& error) {
+    self->write_pending_ = false;
+    if (!error) self->OnAttention();
+  });
+}
+
+void Connection::OnReadable() {
+  if (phase_ == Phase::kSniffing) {
+    OnSniffed();
+  } else if (phase_ != Phase::kClosed) {
+    Read();
+  }
+}
+
+// The client speaks first: a program, unless it begins with a telnet command.
+void Connection::OnSniffed() {
+  unsigned char first = 0;
+  const ssize_t count = ::recv(socket_.native_handle(), &first, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (count < 0 && (errno == EAGAIN || errno == EINTR)) return AwaitReadable();
+  if (count <= 0) return Close();  // came and went without a byte
+  const bool telnet = first == kTelnetIac;
+  Serve(telnet ? SessionKind::kTelnet : SessionKind::kProgram, telnet);
+  Read();
+}
+
+void Connection::OnSniffEnd() {
+  if (phase_ == Phase::kSniffing) Serve(SessionKind::kTelnet, true);
+}
+
+void Connection::Serve(SessionKind kind, bool offer) {
+  phase_ = Phase::kServing;
+  session_ = owner_.OpenSession(*this, kind);
+  if (offer) {
+    filter_.emplace();
+    filter_->Offer();
+    output_->SetText(OutputBuffer::Text::kTelnet);
+    SendReplies();
+  }
+  const bool operates = kind == SessionKind::kTelnet;
+  // Echo begins when the client agrees that it is ours.
+  session_->Start(operates ? LineEditor::Display::kPrompt : LineEditor::Display::kNone);
+  if (!session_->LoggedIn()) After(owner_.Options().login, &Connection::OnLoginEnd);
+}
+
+void Connection::OnLoginEnd() {
+  if (phase_ == Phase::kServing && !session_->LoggedIn()) Abort("it did not log in in time");
+}
+
+void Connection::Read() {
+  std::string& buffer = owner_.ReadBuffer();
+  const ssize_t count = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+  if (count > 0) {
+    Deliver({buffer.data(), static_cast<std::size_t>(count)});
+  } else if (count == 0) {
+    end_of_input_ = true;
+    if (phase_ == Phase::kLingering) return Close();
+    if (session_) session_->OnEndOfInput();
+    return;
+  } else if (errno != EAGAIN && errno != EINTR) {
+    if (phase_ == Phase::kLingering) return Close();
+    return Abort(std::strerror(errno));
+  }
+  ReadOn();
+}
+
+void Connection::Deliver(std::string_view bytes) {
+  if (phase_ != Phase::kServing) return;  // nobody wants it any more; read so that the close is a clean one
+  if (filter_) {
+    filter_->Receive(bytes, *this);
+    SendReplies();
+  } else {
+    OnData(bytes);
+  }
+  if (session_ && session_->CommandRunning()) owner_.CommandStarted();
+}
+
+// Input waits while the session has enough of it, or while the client doesn't read what it causes.
+void Connection::ReadOn() {
+  if (phase_ == Phase::kClosed || end_of_input_) return;
+  if (phase_ == Phase::kLingering && finishing_ && NothingUnread()) return Close();  // the console's end waits for it
+  if (phase_ == Phase::kServing && (!session_wants_input_ || output_->Pending() > OutputBuffer::kBusyPending)) return;
+  AwaitReadable();
+}
+
+void Connection::SendReplies() {
+  const std::string replies = filter_->TakeReplies();
+  if (replies.empty()) return;
+  output_->AppendRaw(replies);
+  output_->Flush();
+}
+
+// The output could not be written whole, or failed, or the socket is writable again.
+void Connection::OnAttention() {
+  if (phase_ == Phase::kClosed) return;
+  const bool done = output_->Flush();
+  if (output_->Closed()) return Close();
+  if (!done) {
+    AwaitWritable();
+    if (!std::exchange(stall_check_pending_, true)) After(owner_.Options().reader, &Connection::OnStallCheck);
+    if (output_->Pending() > OutputBuffer::kBusyPending) return;
+  }
+  if (phase_ == Phase::kDraining && done) return Linger();
+  ReadOn();
+}
+
+void Connection::OnStallCheck() {
+  stall_check_pending_ = false;
+  if (phase_ == Phase::kClosed) return;
+  const auto stalled = std::chrono::duration_cast<std::chrono::milliseconds>(output_->StalledFor());
+  const auto limit = owner_.Options().reader;
+  if (stalled >= limit) return Abort("it does not read what it is sent");
+  if (stalled.count() == 0 && output_->Pending() == 0) return;
+  stall_check_pending_ = true;
+  After(limit - stalled + std::chrono::milliseconds(1), &Connection::OnStallCheck);
+}
+
+// The session runs nothing more: sends what is left.
+void Connection::Drain() {
+  if (phase_ == Phase::kDraining || phase_ == Phase::kLingering || phase_ == Phase::kClosed) return;
+  phase_ = Phase::kDraining;
+  if (output_->Flush()) {
+    output_->Closed() ? Close() : Linger();
+  } else {
+    OnAttention();
+  }
+}
+
+// A close with unread input would make the kernel reset the connection, and the client lose the last output: says that
+// nothing more comes, and reads until the client closes too.
+void Connection::Linger() {
+  if (end_of_input_ || (finishing_ && NothingUnread())) return Close();
+  phase_ = Phase::kLingering;
+  ::shutdown(socket_.native_handle(), SHUT_WR);
+  After(owner_.Options().linger, &Connection::OnLingerEnd);
+  AwaitReadable();
+}
+
+bool Connection::NothingUnread() {
+  int unread = 0;
+  return ::ioctl(socket_.native_handle(), FIONREAD, &unread) == 0 && unread == 0;
+}
+
+void Connection::OnLingerEnd() { Close(); }
+
+void Connection::Close() {
+  if (std::exchange(phase_, Phase::kClosed) == Phase::kClosed) return;
+  const auto self = shared_from_this();  // the owner's reference goes now
+  output_->Close();
+  std::error_code ignored;
+  socket_.close(ignored);
+  if (session_) session_->Close();
+  owner_.Closed(*this);
+}
+
+// --- what the telnet filter found
+
+void Connection::OnData(std::string_view bytes) {
+  if (!session_->OnInput(bytes)) session_wants_input_ = false;
+}
+
+void Connection::OnInterrupt() { session_->OnInterrupt(); }
+
+void Connection::OnAreYouThere() { session_->Notice("[yes]\n"); }
+
+void Connection::OnWindowSize(int columns, int rows) { session_->Resize(columns, rows); }
+
+void Connection::OnTerminalType(const std::string& name) {
+  if (dumb_terminal_ || !IsDumb(name)) return;
+  // Escape sequences would show as text: the client echoes and edits for itself, as it does without any negotiation.
+  dumb_terminal_ = true;
+  filter_->StopEcho();
+  session_->SetDisplay(LineEditor::Display::kPrompt);
+}
+
+void Connection::OnEcho(bool ours) {
+  const bool full = ours && !dumb_terminal_;
+  session_->SetDisplay(full ? LineEditor::Display::kFull : LineEditor::Display::kPrompt);
+}
+
+void Connection::OnProtocolError(std::string_view text) {
+  // The filter is in use: closes after it returned.
+  asio::post(io_, [self = shared_from_this(), why = std::string(text)] { self->Abort(why.c_str()); });
+}
+
+}  // namespace cli::internal

@@ -1,0 +1,118 @@
+// One TCP connection: finds out who speaks, carries bytes between the socket and a session, and closes in good order.
+#ifndef KLBASE_CONSOLE_TCP_CONNECTION_H_
+#define KLBASE_CONSOLE_TCP_CONNECTION_H_
+
+// clang-format off: must come first
+#include "console/tcp/asio_setup.h"
+// clang-format on
+
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "console/options.h"
+#include "console/output_buffer.h"
+#include "console/session/session.h"
+#include "console/tcp/telnet_filter.h"
+
+namespace cli::internal {
+
+class Connection;
+
+// The server as its connections see it. The I/O thread only.
+class ConnectionOwner {
+ public:
+  virtual ~ConnectionOwner() = default;
+  virtual const ConsoleOptions& Options() const = 0;
+  // Input is read into one buffer for all connections: an idle one keeps none.
+  virtual std::string& ReadBuffer() = 0;
+  virtual std::shared_ptr<SessionImpl> OpenSession(Connection& connection, SessionKind kind) = 0;
+  // A command runs: what it prints must be written while it does.
+  virtual void CommandStarted() = 0;
+  // The socket is closed. `connection` is forgotten.
+  virtual void Closed(Connection& connection) = 0;
+};
+
+// Used on the I/O thread, except for what says otherwise. Kept alive by its pending operations and its owner.
+class Connection : public std::enable_shared_from_this<Connection>, private TelnetFilter::Receiver {
+ public:
+  // `place` is what lets it be served; null while it has yet to log in.
+  Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner, std::shared_ptr<void> place);
+  ~Connection() override;
+
+  // Waits for the client's first byte, then serves.
+  void Start();
+  // Says `text` and closes.
+  void Refuse(std::string_view text);
+  // Runs no further line, sends what is to be sent, and closes.
+  void Finish(std::string_view notice);
+  // Closes now.
+  void Abort(const char* why);
+
+  const std::string& Peer() const { return peer_; }
+  const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
+  const std::shared_ptr<SessionImpl>& Session() const { return session_; }
+  std::shared_ptr<void> TakePlaceAlong() { return std::move(place_); }
+  bool LoggedIn() const { return session_ != nullptr && session_->LoggedIn(); }
+
+  // Any thread: for the session.
+  void PostResume();
+  void PostEnded();
+
+ private:
+  enum class Phase { kSniffing, kServing, kDraining, kLingering, kClosed };
+
+  void After(std::chrono::milliseconds time, void (Connection::*then)());
+  void AwaitReadable();
+  void AwaitWritable();
+  void OnReadable();
+  void OnSniffed();
+  void OnSniffEnd();
+  void OnLoginEnd();
+  void OnStallCheck();
+  void OnLingerEnd();
+  void Serve(SessionKind kind, bool offer);
+  void Read();
+  void Deliver(std::string_view bytes);
+  void ReadOn();
+  void SendReplies();
+  void OnAttention();
+  void Drain();
+  void Linger();
+  bool NothingUnread();
+  void Close();
+
+  void OnData(std::string_view bytes) override;
+  void OnInterrupt() override;
+  void OnAreYouThere() override;
+  void OnWindowSize(int columns, int rows) override;
+  void OnTerminalType(const std::string& name) override;
+  void OnEcho(bool ours) override;
+  void OnProtocolError(std::string_view text) override;
+
+  asio::io_context& io_;
+  asio::ip::tcp::socket socket_;
+  ConnectionOwner& owner_;
+  std::shared_ptr<void> place_;
+  const std::string peer_;
+  std::shared_ptr<OutputBuffer> output_;
+  std::shared_ptr<SessionImpl> session_;
+  std::optional<TelnetFilter> filter_;
+  Phase phase_ = Phase::kSniffing;
+  bool read_pending_ = false;
+  bool write_pending_ = false;
+  bool stall_check_pending_ = false;
+  bool session_wants_input_ = true;
+  bool end_of_input_ = false;
+  bool dumb_terminal_ = false;
+  bool finishing_ = false;  // the console ends: nobody is waited for who sent nothing
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_TCP_CONNECTION_H_

@@ -1,0 +1,188 @@
+#include "console/terminal/local_console.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "klbase/log.h"
+
+namespace cli::internal {
+namespace {
+
+bool DumbTerminal() {
+  const char* term = std::getenv("TERM");
+  return term == nullptr || *term == '\0' || std::string_view(term) == "dumb";
+}
+
+int MakeWakeFd() {
+  const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (fd < 0) throw std::runtime_error(std::string("the local console can't start: ") + std::strerror(errno));
+  return fd;
+}
+
+}  // namespace
+
+LocalConsole::LocalConsole(const ConsoleOptions& options, MakeSession make_session)
+    : options_(options),
+      make_session_(std::move(make_session)),
+      terminal_(::isatty(options.input_fd) == 1 && ::isatty(options.output_fd) == 1),
+      dumb_(DumbTerminal()),
+      wake_fd_(MakeWakeFd()) {}
+
+LocalConsole::~LocalConsole() {
+  CloseSession();
+  ::close(wake_fd_);
+}
+
+void LocalConsole::Stop() {
+  stop_ = true;
+  Wake();
+}
+
+void LocalConsole::Wake() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = ::write(wake_fd_, &one, sizeof one);
+}
+
+void LocalConsole::Run() {
+  Open();
+  Serve();
+  DrainOutput();
+  CloseSession();
+}
+
+void LocalConsole::Open() {
+  if (terminal_) own_output_fd_ = OpenTerminalForWriting(options_.output_fd);
+  const int output_fd = own_output_fd_ >= 0 ? own_output_fd_ : options_.output_fd;
+  std::cout.flush();  // what was printed before stands above the first prompt
+  output_ = std::make_shared<OutputBuffer>(output_fd, OutputBuffer::Target::kFile, [this] { Wake(); });
+  SessionConfig config;
+  config.kind = terminal_ ? SessionKind::kTerminal : SessionKind::kPlain;
+  config.peer = "local";
+  config.output = output_;
+  if (terminal_) config.history_file = options_.history_file;
+  config.want_input = [this] {
+    want_input_ = true;
+    Wake();
+  };
+  config.ended = [this] {
+    ended_ = true;
+    Wake();
+  };
+  session_ = make_session_(std::move(config));
+  // What other threads print takes its turn in the session's output: above the line that is being typed, and without a
+  // terminal behind the answer of the command that has ended before.
+  if (!terminal_) {
+    stdout_guard_ = std::make_unique<StdoutGuard>(session_);
+    return session_->Start(LineEditor::Display::kNone);
+  }
+  // A terminal that can't be driven keeps its own echo and line editing.
+  if (!dumb_) raw_ = std::make_unique<LocalTerminal>(options_.input_fd, output_fd);
+  const auto size = LocalTerminal::WindowSize(options_.output_fd);
+  // Before the prompt shows: what others print from then on must not spoil it.
+  stdout_guard_ = std::make_unique<StdoutGuard>(session_);
+  session_->Start(dumb_ ? LineEditor::Display::kPrompt : LineEditor::Display::kFull, size.columns, size.rows);
+}
+
+void LocalConsole::Serve() {
+  while (!ended_ && !stop_ && !output_->Closed() && PollOnce()) {
+  }
+  if (!stop_) return;
+  const auto deadline = std::chrono::steady_clock::now() + options_.stop;
+  session_->Finish();
+  output_->ReleaseWriters();
+  while (session_->CommandRunning() && std::chrono::steady_clock::now() < deadline && PollOnce()) {
+  }
+}
+
+// False when polling itself fails.
+bool LocalConsole::PollOnce() {
+  constexpr int kLatencyMs = 20;  // what a running command prints is written so soon
+  const bool reading = want_input_ && !end_of_input_ && !stop_ && output_->Pending() <= OutputBuffer::kBusyPending;
+  const bool writing = output_->Pending() > 0;
+  // Entries with a negative descriptor are skipped.
+  std::array<pollfd, 4> fds = {{{wake_fd_, POLLIN, 0},
+                                {raw_ ? raw_->EventFd() : -1, POLLIN, 0},
+                                {reading ? options_.input_fd : -1, POLLIN, 0},
+                                {writing ? options_.output_fd : -1, POLLOUT, 0}}};
+  const int ready = ::poll(fds.data(), fds.size(), session_->CommandRunning() ? kLatencyMs : -1);
+  if (ready < 0) return errno == EINTR || errno == EAGAIN;
+  if (fds[0].revents != 0) HandleWake();
+  if (fds[1].revents != 0) HandleTerminalEvents();
+  if (fds[2].revents != 0) ReadInput();
+  output_->Flush();
+  return true;
+}
+
+void LocalConsole::HandleWake() {
+  std::uint64_t count = 0;
+  [[maybe_unused]] const ssize_t got = ::read(wake_fd_, &count, sizeof count);
+}
+
+void LocalConsole::HandleTerminalEvents() {
+  for (auto event = raw_->TakeEvent(); event != LocalTerminal::Event::kNone; event = raw_->TakeEvent()) {
+    if (event == LocalTerminal::Event::kStop) {
+      session_->SetHidden(true);
+      output_->Flush();
+      raw_->StopProcess();
+    }
+    if (event == LocalTerminal::Event::kContinued) raw_->EnterRawMode();
+    const auto size = LocalTerminal::WindowSize(options_.output_fd);
+    session_->Resize(size.columns, size.rows);
+    if (event == LocalTerminal::Event::kStop) {
+      raw_->EnterRawMode();
+      session_->SetHidden(false);
+    }
+    if (event == LocalTerminal::Event::kContinued) session_->Redraw();
+  }
+}
+
+void LocalConsole::ReadInput() {
+  char buffer[4096];
+  const ssize_t count = ::read(options_.input_fd, buffer, sizeof buffer);
+  if (count > 0) {
+    if (!session_->OnInput({buffer, static_cast<std::size_t>(count)})) want_input_ = false;
+    return;
+  }
+  if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+  end_of_input_ = true;
+  session_->OnEndOfInput();
+}
+
+// A reader of our standard output may take its time (a pager); the end of the console may not.
+void LocalConsole::DrainOutput() {
+  constexpr int kSliceMs = 100;
+  auto deadline = std::chrono::steady_clock::time_point::max();
+  while (!output_->Flush()) {
+    const auto now = std::chrono::steady_clock::now();
+    if (stop_ && deadline == std::chrono::steady_clock::time_point::max()) deadline = now + options_.drain;
+    if (now > deadline) break;
+    pollfd writable{options_.output_fd, POLLOUT, 0};
+    ::poll(&writable, 1, kSliceMs);
+  }
+}
+
+void LocalConsole::CloseSession() {
+  stdout_guard_.reset();
+  if (raw_ && output_) {
+    output_->FreshLine();
+    output_->Flush();
+  }
+  raw_.reset();
+  if (session_) session_->Close();
+  if (output_) output_->Close();
+  if (own_output_fd_ >= 0) ::close(std::exchange(own_output_fd_, -1));
+}
+
+}  // namespace cli::internal

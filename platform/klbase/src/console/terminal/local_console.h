@@ -1,0 +1,64 @@
+// The console's local side: the process's terminal, or standard input line by line when that is no terminal.
+#ifndef KLBASE_CONSOLE_TERMINAL_LOCAL_CONSOLE_H_
+#define KLBASE_CONSOLE_TERMINAL_LOCAL_CONSOLE_H_
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "console/options.h"
+#include "console/terminal/local_terminal.h"
+#include "console/output_buffer.h"
+#include "console/session/session.h"
+#include "console/terminal/stdout_guard.h"
+
+namespace cli::internal {
+
+class LocalConsole {
+ public:
+  // `make_session` completes the configuration that it is given (kind, output, callbacks) and registers the session.
+  using MakeSession = std::function<std::shared_ptr<SessionImpl>(SessionConfig config)>;
+
+  LocalConsole(const ConsoleOptions& options, MakeSession make_session);
+  ~LocalConsole();
+  LocalConsole(const LocalConsole&) = delete;
+  LocalConsole& operator=(const LocalConsole&) = delete;
+
+  // Serves on the calling thread until the session has ended and its output is written, or until Stop().
+  void Run();
+  // Ends Run(): no further line is run, a command under way finishes. Any thread, also before Run().
+  void Stop();
+  // Whether both ends are a terminal.
+  bool IsTerminal() const { return terminal_; }
+
+ private:
+  void Open();
+  void Serve();
+  bool PollOnce();
+  void HandleWake();
+  void HandleTerminalEvents();
+  void ReadInput();
+  void DrainOutput();
+  void CloseSession();
+  void Wake();
+
+  const ConsoleOptions options_;
+  const MakeSession make_session_;
+  const bool terminal_;
+  const bool dumb_;
+  const int wake_fd_;
+  int own_output_fd_ = -1;
+  std::shared_ptr<OutputBuffer> output_;
+  std::shared_ptr<SessionImpl> session_;
+  std::unique_ptr<LocalTerminal> raw_;
+  std::unique_ptr<StdoutGuard> stdout_guard_;
+  bool end_of_input_ = false;
+  std::atomic<bool> want_input_{true};
+  std::atomic<bool> ended_{false};
+  std::atomic<bool> stop_{false};
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_TERMINAL_LOCAL_CONSOLE_H_

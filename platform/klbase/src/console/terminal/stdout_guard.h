@@ -1,0 +1,24 @@
+// Gives what other threads print on std::cout its turn in the local session's output: it garbles no line that is being
+// typed at a terminal, and overtakes no command's answer on its way to a file or pipe.
+#ifndef KLBASE_CONSOLE_TERMINAL_STDOUT_GUARD_H_
+#define KLBASE_CONSOLE_TERMINAL_STDOUT_GUARD_H_
+
+#include <memory>
+
+namespace cli::internal {
+
+class SessionImpl;
+
+// While one exists, whole lines written to std::cout go out through `session`, above its prompt if it has one; the
+// beginning of a line waits for its end or for a flush. Text written with C's stdio or to std::cerr goes its own way.
+class StdoutGuard {
+ public:
+  explicit StdoutGuard(std::shared_ptr<SessionImpl> session);
+  ~StdoutGuard();
+  StdoutGuard(const StdoutGuard&) = delete;
+  StdoutGuard& operator=(const StdoutGuard&) = delete;
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_TERMINAL_STDOUT_GUARD_H_

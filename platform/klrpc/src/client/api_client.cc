@@ -1,0 +1,164 @@
+#include "klrpc/api_client.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+#include "client/channel.h"
+#include "client/loop.h"
+#include "transport/grpc_core.h"
+#include "klbase/log.h"
+#include "client/publisher.h"
+#include "client/subscriptions.h"
+#include "sync.h"
+#include "client/unary_call.h"
+
+namespace klrpc {
+namespace {
+
+constexpr std::chrono::milliseconds kDefaultTimeout{3000};
+
+std::chrono::milliseconds CallTimeout() {
+  const char* text = std::getenv("KLRPC_CALL_TIMEOUT_MS");
+  if (text == nullptr) return kDefaultTimeout;
+  char* end = nullptr;
+  const long value = std::strtol(text, &end, 10);
+  if (end != text && *end == '\0' && value > 0 && value <= 3'600'000) return std::chrono::milliseconds(value);
+  KL_LOG(40, "KLRPC_CALL_TIMEOUT_MS is \"%s\"; write milliseconds from 1 to 3600000. Calls wait %d ms", text,
+         static_cast<int>(kDefaultTimeout.count()));
+  return kDefaultTimeout;
+}
+
+}  // namespace
+
+APIClientOptions::APIClientOptions(const std::string& address, const int& max_backoff_ms, const int& min_backoff_ms,
+                                   const int& initial_backoff_ms, bool remote)
+    : address_(address),
+      max_backoff_ms_(max_backoff_ms),
+      min_backoff_ms_(min_backoff_ms),
+      initial_backoff_ms_(initial_backoff_ms),
+      remote_(remote) {}
+
+namespace {
+
+// Publications and subscriptions, with their thread. Made at the first use: most clients only call.
+class PubSub {
+ public:
+  PubSub(const APIClientOptions& options, ClientChannel& channel, std::chrono::milliseconds timeout,
+         Subscriptions::Events events, Publisher::Outcome outcome)
+      : loop_([this] { return subscriptions_.Tick(); }),
+        publisher_(options.Address(), channel, loop_, timeout, std::move(outcome)),
+        subscriptions_(options, loop_, std::move(events)) {
+    loop_.Start();
+  }
+  PubSub(const PubSub&) = delete;
+  PubSub& operator=(const PubSub&) = delete;
+  ~PubSub() {
+    loop_.Stop();
+    subscriptions_.Cancel();
+    publisher_.Cancel();
+    loop_.Join();
+  }
+
+  Publisher& Publications() { return publisher_; }
+  Subscriptions& Streams() { return subscriptions_; }
+
+ private:
+  ClientLoop loop_;
+  Publisher publisher_;
+  Subscriptions subscriptions_;
+};
+
+// Emits a signal on a thread of this library, which an exception must not end.
+template <typename Signal, typename... Args>
+void EmitSafely(const Signal& signal, const char* name, const Args&... args) {
+  try {
+    signal.emit(args...);
+  } catch (const std::exception& error) {
+    KL_LOG(50, "a slot of %s: %s", name, error.what());
+  } catch (...) {
+    KL_LOG(50, "a slot of %s: an exception of unknown type", name);
+  }
+}
+
+}  // namespace
+
+class APIClient::Impl {
+ public:
+  Impl(APIClient& client, std::unique_ptr<APIClientOptions> options) : client_(client), options_(std::move(options)) {}
+
+  const APIClientOptions& Options() const { return *options_; }
+  std::chrono::milliseconds Timeout() const { return timeout_; }
+  UnaryCaller& Caller() { return caller_; }
+
+  PubSub& Events() {
+    const MutexLock lock(mutex_);
+    if (pubsub_ == nullptr) pubsub_ = CreatePubSub();
+    return *pubsub_;
+  }
+
+ private:
+  std::unique_ptr<PubSub> CreatePubSub() {
+    StartGrpc();
+    APIClient& client = client_;
+    Subscriptions::Events events;
+    events.message = [&client](const klrpc::v1::PubsubMessage& message) {
+      EmitSafely(client.SignalSubscribeMessage, "SignalSubscribeMessage", message);
+    };
+    events.state = [&client](const klrpc::v1::SubscribeState& state) {
+      EmitSafely(client.SignalSubscribeState, "SignalSubscribeState", state);
+    };
+    return std::make_unique<PubSub>(*options_, channel_, timeout_, std::move(events),
+                                    [&client](bool ok, const std::string& msg_id) {
+                                      EmitSafely(client.SignalPublishState, "SignalPublishState", ok, msg_id);
+                                    });
+  }
+
+  APIClient& client_;
+  const std::unique_ptr<APIClientOptions> options_;
+  const std::chrono::milliseconds timeout_ = CallTimeout();
+  ClientChannel channel_{*options_};
+  UnaryCaller caller_{channel_};
+  Mutex mutex_;
+  std::unique_ptr<PubSub> pubsub_ ABSL_GUARDED_BY(mutex_);
+};
+
+APIClient::APIClient(std::unique_ptr<APIClientOptions> options)
+    : impl_(std::make_unique<Impl>(*this, std::move(options))) {}
+
+APIClient::~APIClient() = default;
+
+bool APIClient::Call(const google::protobuf::Message& request, google::protobuf::Any& reply) {
+  return CallWithin(request, reply, impl_->Timeout());
+}
+
+bool APIClient::CallWithin(const google::protobuf::Message& request, google::protobuf::Any& reply,
+                           std::chrono::milliseconds timeout) {
+  const CallOutcome outcome = impl_->Caller().Call(request, reply, timeout);
+  if (outcome.code == GRPC_STATUS_OK) return true;
+  KL_LOG(40, "call of %s to %s failed: %s: %s", request.GetDescriptor()->full_name().c_str(),
+         Options().Address().c_str(), StatusName(outcome.code), outcome.text.c_str());
+  return false;
+}
+
+bool APIClient::PublishMessage(const klrpc::v1::PubsubMessage& message) {
+  return impl_->Events().Publications().Publish(message);
+}
+
+bool APIClient::SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics) {
+  const bool complete =
+      !client_id.empty() && !topics.empty() &&
+      std::none_of(topics.begin(), topics.end(), [](const std::string& topic) { return topic.empty(); });
+  if (complete) {
+    impl_->Events().Streams().Subscribe(client_id, topics);
+  } else {
+    KL_LOG(40, "subscription at %s: a client id and topics are needed, none of them empty",
+           Options().Address().c_str());
+  }
+  return complete;
+}
+
+const APIClientOptions& APIClient::Options() const { return impl_->Options(); }
+
+}  // namespace klrpc

@@ -1,0 +1,66 @@
+// The thread on which a client's publications and subscriptions come to their ends.
+#ifndef KLRPC_CLIENT_LOOP_H_
+#define KLRPC_CLIENT_LOOP_H_
+
+#include <grpc/grpc.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "transport/grpc_core.h"
+#include "sync.h"
+
+namespace klrpc {
+
+class ClientLoop {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // `tick` runs on the thread at its start and from then on every second, until it returns false and nothing has
+  // happened on the thread since.
+  explicit ClientLoop(std::function<bool()> tick);
+  ClientLoop(const ClientLoop&) = delete;
+  ClientLoop& operator=(const ClientLoop&) = delete;
+  // Stop() and Join() come first.
+  ~ClientLoop();
+
+  void Start();
+
+  grpc_completion_queue* Queue() { return queue_; }
+
+  // Starts operations whose end is `tag`. Any thread. False after Stop(): the tag then never comes back.
+  bool StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag);
+
+  // Runs `function` later on the loop's thread, unless the loop is stopped before. Only on the loop's thread.
+  void RunAfter(std::chrono::milliseconds time, std::function<void()> function);
+
+  // Lets no operation start any more. The thread ends when those under way have ended: cancel them.
+  void Stop();
+  void Join();
+
+ private:
+  void Run();
+  void TickIfDue();
+  gpr_timespec NextWakeUp() const;
+  void RunDueTimers();
+
+  grpc_completion_queue* const queue_;
+  const std::function<bool()> tick_;
+  // Used by the loop's thread only.
+  std::multimap<Clock::time_point, std::function<void()>> timers_;
+  Clock::time_point next_tick_;
+  bool idle_ = false;  // the last tick said so, and nothing has happened since
+
+  // Held while operations are started, so that none starts on a queue that was shut down. gRPC runs none of our code
+  // from there.
+  Mutex mutex_;
+  bool stopped_ ABSL_GUARDED_BY(mutex_) = false;
+  std::thread thread_;
+};
+
+}  // namespace klrpc
+
+#endif  // KLRPC_CLIENT_LOOP_H_

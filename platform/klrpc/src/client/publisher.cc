@@ -1,0 +1,113 @@
+#include "client/publisher.h"
+
+#include <utility>
+
+#include "klbase/log.h"
+#include "transport/unary_exchange.h"
+
+namespace klrpc {
+
+// One publication on its way.
+class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> {
+ public:
+  PublishCall(Publisher& publisher, Pending pending)
+      : publisher_(publisher),
+        pending_(std::move(pending)),
+        channel_(publisher.channel_.Fresh(nullptr)),
+        exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(publisher.timeout_)) {}
+
+  void Start() {
+    const Buffer message(pending_.bytes);
+    const UnaryExchange::Batch batch = exchange_.Operations(message);
+    if (!publisher_.loop_.StartBatch(exchange_.Call(), batch.data(), batch.size(), done_.Begin())) done_.Abandon();
+  }
+
+  void Cancel() { grpc_call_cancel(exchange_.Call(), nullptr); }
+
+ private:
+  void OnDone(bool) { publisher_.OnDone(pending_, exchange_.Code(), exchange_.Text(), exchange_.Reply()); }
+
+  Publisher& publisher_;
+  const Pending pending_;
+  const ChannelPtr channel_;
+  UnaryExchange exchange_;
+  Completion<PublishCall> done_{this, &PublishCall::OnDone};
+};
+
+Publisher::Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop,
+                     std::chrono::milliseconds timeout, Outcome outcome)
+    : address_(address), channel_(channel), loop_(loop), timeout_(timeout), outcome_(std::move(outcome)) {}
+
+bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
+  if (message.topic().empty()) {
+    KL_LOG(40, "publication to %s: the message has no topic", address_.c_str());
+    return false;
+  }
+  if (const std::size_t size = message.ByteSizeLong(); size > kMaxMessageBytes) {
+    KL_LOG(40, "publication on %s to %s: %s", message.topic().c_str(), address_.c_str(),
+           TooLarge("the message", size).c_str());
+    return false;
+  }
+  klrpc::v1::PubsubMessage named = message;
+  bool first = false;
+  bool full = false;
+  bool tell = false;
+  {
+    const MutexLock lock(mutex_);
+    full = pending_.size() >= kMaxPending;
+    tell = full && !std::exchange(overflow_, true);
+    if (!full) {
+      overflow_ = false;
+      if (named.msg_id().empty()) named.set_msg_id(name_ + "-" + std::to_string(++count_));
+      pending_.push_back({named.msg_id(), named.topic(), Serialize(named)});
+      first = !std::exchange(sending_, true);
+    }
+  }
+  if (tell) KL_LOG(40, "publications to %s: %zu are waiting, more are refused", address_.c_str(), kMaxPending);
+  if (first) SendNext();
+  return !full;
+}
+
+void Publisher::SendNext() {
+  Pending next;
+  {
+    const MutexLock lock(mutex_);
+    if (pending_.empty()) {
+      sending_ = false;
+      return;
+    }
+    next = std::move(pending_.front());
+    pending_.pop_front();
+  }
+  const auto call = std::make_shared<PublishCall>(*this, std::move(next));
+  {
+    const MutexLock lock(mutex_);
+    current_ = call;
+  }
+  call->Start();
+}
+
+void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply) {
+  klrpc::v1::PublishReply answer;
+  const bool answered = code == GRPC_STATUS_OK && reply.ParseInto(answer);
+  if (!answered || !answer.ok()) {
+    KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(code),
+           answered ? "the server refused the message" : text.c_str());
+  }
+  SendNext();
+  outcome_(answer.ok(), pending.msg_id);
+}
+
+void Publisher::Cancel() {
+  std::shared_ptr<PublishCall> current;
+  std::deque<Pending> unsent;
+  {
+    const MutexLock lock(mutex_);
+    current.swap(current_);
+    unsent.swap(pending_);
+  }
+  if (current != nullptr) current->Cancel();
+  for (const Pending& pending : unsent) outcome_(false, pending.msg_id);
+}
+
+}  // namespace klrpc

@@ -1,0 +1,71 @@
+// Publications of one client, sent one after the other in the order in which they were made.
+#ifndef KLRPC_CLIENT_PUBLISHER_H_
+#define KLRPC_CLIENT_PUBLISHER_H_
+
+#include <grpc/grpc.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "client/channel.h"
+#include "client/loop.h"
+#include "transport/grpc_core.h"
+#include "klrpc/v1/pubsub.pb.h"
+#include "sync.h"
+
+namespace klrpc {
+
+class Publisher {
+ public:
+  // Called on the loop's thread.
+  using Outcome = std::function<void(bool ok, const std::string& msg_id)>;
+
+  // Publications that wait at most.
+  static constexpr std::size_t kMaxPending = 4096;
+
+  Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, std::chrono::milliseconds timeout,
+            Outcome outcome);
+  Publisher(const Publisher&) = delete;
+  Publisher& operator=(const Publisher&) = delete;
+
+  // Any thread. False, with a record, when the message can't be sent at all.
+  bool Publish(const klrpc::v1::PubsubMessage& message);
+
+  // After the loop's Stop(): cuts off what is under way.
+  void Cancel();
+
+ private:
+  class PublishCall;
+  struct Pending {
+    std::string msg_id;
+    std::string topic;
+    Slice bytes;
+  };
+
+  // Called by whoever set sending_.
+  void SendNext();
+  void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);
+
+  const std::string address_;
+  ClientChannel& channel_;
+  ClientLoop& loop_;
+  const std::chrono::milliseconds timeout_;
+  const Outcome outcome_;
+  const std::string name_ = UniqueName();
+
+  Mutex mutex_;
+  std::uint64_t count_ ABSL_GUARDED_BY(mutex_) = 0;
+  std::deque<Pending> pending_ ABSL_GUARDED_BY(mutex_);
+  bool sending_ ABSL_GUARDED_BY(mutex_) = false;
+  bool overflow_ ABSL_GUARDED_BY(mutex_) = false;  // told already
+  std::shared_ptr<PublishCall> current_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace klrpc
+
+#endif  // KLRPC_CLIENT_PUBLISHER_H_

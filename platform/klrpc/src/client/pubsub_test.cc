@@ -1,0 +1,439 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "server/subscription_hub.h"
+#include "test_support.h"
+
+namespace klrpc::testing {
+namespace {
+
+using Texts = std::vector<std::string>;
+using std::chrono::steady_clock;
+
+// Subscribes and notes what arrives: "topic=payload", "STATE client: topics", "ok" or "failed".
+class Listener : public sigslot::has_slots<sigslot::multi_threaded_global> {
+ public:
+  explicit Listener(APIClient& client) : client_(client) {
+    client.SignalSubscribeMessage.connect(this, &Listener::OnMessage);
+    client.SignalSubscribeState.connect(this, &Listener::OnState);
+    client.SignalPublishState.connect(this, &Listener::OnPublished);
+  }
+  ~Listener() override { disconnect_all(); }
+
+  void OnMessage(const v1::PubsubMessage& message) {
+    if (on_message) on_message(message);
+    messages.Update([&](Texts& list) { list.push_back(message.topic() + "=" + message.payload()); });
+  }
+  void OnState(const v1::SubscribeState& state) {
+    std::string text = std::to_string(state.state()) + " " + state.client_id() + ":";
+    for (const std::string& topic : state.topics()) text += " " + topic;
+    states.Update([&](Texts& list) { list.push_back(text); });
+    if (state.state() == 2 && ask_again) {
+      client_.SubscribeTopics(state.client_id(), {state.topics().begin(), state.topics().end()});
+    }
+  }
+  void OnPublished(bool ok, const std::string& msg_id) {
+    published.Update([&](Texts& list) { list.push_back((ok ? "ok " : "failed ") + msg_id); });
+  }
+
+  Watched<Texts> messages;
+  Watched<Texts> states;
+  Watched<Texts> published;
+  std::function<void(const v1::PubsubMessage&)> on_message;
+  std::atomic<bool> ask_again{false};
+
+ private:
+  APIClient& client_;
+};
+
+std::ptrdiff_t Count(const Texts& list, const std::string& text) { return std::count(list.begin(), list.end(), text); }
+bool Has(const Texts& list, const std::string& text) { return std::find(list.begin(), list.end(), text) != list.end(); }
+
+v1::PubsubMessage Message(const std::string& topic, const std::string& payload, const std::string& msg_id = "") {
+  v1::PubsubMessage message;
+  message.set_topic(topic);
+  message.set_payload(payload);
+  message.set_msg_id(msg_id);
+  return message;
+}
+
+class PubsubTest : public ::testing::Test {
+ protected:
+  void Subscribe(const std::string& client_id, const Texts& topics) {
+    EXPECT_TRUE(client_->SubscribeTopics(client_id, topics));
+  }
+  void ExpectState(const std::string& text) {
+    EXPECT_TRUE(listener_->states.WaitFor([&](const Texts& list) { return Has(list, text); })) << text;
+  }
+  void ExpectMessages(const Texts& texts) {
+    listener_->messages.WaitFor([&](const Texts& list) { return list.size() >= texts.size(); });
+    EXPECT_EQ(listener_->messages.Get(), texts);
+  }
+  // All that was sent before has arrived when this has.
+  void Flush(const std::string& topic) {
+    EXPECT_GE(server_->Publish(Message(topic, "last")), 1u);
+    EXPECT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return Has(list, topic + "=last"); }));
+  }
+
+  const std::string address_ = UniqueAddress();
+  LogCapture log_;
+  std::unique_ptr<APIServer> server_ = ServeEvents(address_);
+  std::unique_ptr<APIClient> client_ = Connect(address_);
+  std::unique_ptr<Listener> listener_ = std::make_unique<Listener>(*client_);
+};
+
+TEST_F(PubsubTest, AMessageReachesTheSubscribersOfItsTopicOnly) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  EXPECT_EQ(server_->Publish(Message("b", "x")), 0u);
+  EXPECT_EQ(server_->Publish(Message("a", std::string("y\0z", 3))), 1u);
+  ExpectMessages({std::string("a=y\0z", 5)});
+}
+
+TEST_F(PubsubTest, AClientPublishesToAnother) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  const auto publisher = Connect(address_);
+  Listener outcome(*publisher);
+  EXPECT_TRUE(publisher->PublishMessage(Message("a", "x", "id-1")));
+  EXPECT_TRUE(outcome.published.WaitFor([](const Texts& list) { return list == Texts{"ok id-1"}; }));
+  ExpectMessages({"a=x"});
+}
+
+TEST_F(PubsubTest, MessagesWithoutANameGetOneEach) {
+  std::vector<std::string> ids;
+  listener_->on_message = [&](const v1::PubsubMessage& message) { ids.push_back(message.msg_id()); };
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  server_->Publish(Message("a", "1"));
+  server_->Publish(Message("a", "2", "mine"));
+  client_->PublishMessage(Message("a", "3"));
+  ExpectMessages({"a=1", "a=2", "a=3"});
+  EXPECT_FALSE(ids[0].empty());
+  EXPECT_EQ(ids[1], "mine");
+  EXPECT_TRUE(listener_->published.WaitFor([&](const Texts& list) { return list == Texts{"ok " + ids[2]}; }));
+  EXPECT_NE(ids[0], ids[2]);
+}
+
+TEST_F(PubsubTest, PublicationsKeepTheirOrder) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  constexpr int kMessages = 500;
+  Texts wanted;
+  wanted.reserve(kMessages);
+  for (int i = 0; i < kMessages; ++i) {
+    EXPECT_TRUE(client_->PublishMessage(Message("a", std::to_string(i))));
+    wanted.push_back("a=" + std::to_string(i));
+  }
+  ExpectMessages(wanted);
+}
+
+TEST_F(PubsubTest, AskingAgainForATopicSendsAndDeliversNothingTwice) {
+  Subscribe("me", {"a", "a"});
+  ExpectState("1 me: a");
+  Subscribe("me", {"a"});
+  Subscribe("me", {"a"});
+  EXPECT_EQ(server_->Publish(Message("a", "x")), 1u);
+  Flush("a");
+  EXPECT_EQ(listener_->messages.Get(), (Texts{"a=x", "a=last"}));
+  EXPECT_EQ(listener_->states.Get(), Texts{"1 me: a"});
+}
+
+TEST_F(PubsubTest, EachClientIdHasItsOwnStream) {
+  Subscribe("one", {"a"});
+  Subscribe("two", {"a"});
+  ExpectState("1 one: a");
+  ExpectState("1 two: a");
+  EXPECT_EQ(server_->Publish(Message("a", "x")), 2u);
+  ExpectMessages({"a=x", "a=x"});
+}
+
+TEST_F(PubsubTest, AddedTopicsLoseDoubleAndReorderNothing) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  std::atomic<bool> done{false};
+  int sent = 0;
+  std::thread publishing([&] {
+    for (; !done; ++sent) {
+      EXPECT_EQ(server_->Publish(Message("a", std::to_string(sent))), 1u);
+      std::this_thread::sleep_for(50us);  // the pace of the events, so that no queue overflows
+    }
+  });
+  for (int i = 0; i < 20; ++i) Subscribe("me", {"more" + std::to_string(i)});
+  std::string all = "1 me: a";
+  for (int i = 0; i < 20; ++i) all += " more" + std::to_string(i);
+  ExpectState(all);
+  done = true;
+  publishing.join();
+  Texts wanted;
+  wanted.reserve(static_cast<std::size_t>(sent));
+  for (int i = 0; i < sent; ++i) wanted.push_back("a=" + std::to_string(i));
+  ExpectMessages(wanted);
+}
+
+TEST_F(PubsubTest, ATopicAddedBeforeTheConfirmationCameLosesNothing) {
+  const auto both = [](const std::string& one, const std::string& other) {
+    return "1 " + one + ": " + one + " " + other;
+  };
+  for (int round = 0; round < 20; ++round) {
+    const std::string first = "first" + std::to_string(round);
+    const std::string added = "added" + std::to_string(round);
+    Subscribe(first, {first});
+    // The server knows the subscription; whether the client knows that already is open.
+    const auto give_up = steady_clock::now() + kPatience;
+    while (server_->Publish(Message(first, "x")) == 0 && steady_clock::now() < give_up) std::this_thread::yield();
+    Subscribe(first, {added});
+    ExpectState(both(first, added));
+    Flush(added);
+    EXPECT_EQ(Count(listener_->messages.Get(), first + "=x"), 1) << round;
+  }
+}
+
+TEST_F(PubsubTest, AStreamWaitsForItsServer) {
+  server_.reset();
+  Subscribe("me", {"a"});
+  for (const char* topic : {"b", "c"}) Subscribe("me", {topic});
+  EXPECT_FALSE(listener_->states.WaitFor([](const Texts& list) { return !list.empty(); }, 300ms));
+  server_ = ServeEvents(address_);
+  ExpectState("1 me: a b c");
+  for (const char* topic : {"a", "b", "c"}) EXPECT_EQ(server_->Publish(Message(topic, "x")), 1u);
+  ExpectMessages({"a=x", "b=x", "c=x"});
+  EXPECT_EQ(listener_->states.Get(), (Texts{"1 me: a", "1 me: a b c"}));
+}
+
+TEST_F(PubsubTest, WhenAnEstablishedStreamEndsTheSubscriberIsToldAndAsksAgain) {
+  listener_->ask_again = true;
+  Subscribe("me", {"a", "b"});
+  ExpectState("1 me: a b");
+  const auto start = steady_clock::now();
+  server_.reset();
+  server_ = ServeEvents(address_);
+  ExpectState("2 me: a b");
+  EXPECT_GE(steady_clock::now() - start, 450ms);
+  EXPECT_TRUE(listener_->states.WaitFor([](const Texts& list) { return list.size() == 3; }));
+  EXPECT_EQ(listener_->states.Get(), (Texts{"1 me: a b", "2 me: a b", "1 me: a b"}));
+  Flush("a");
+}
+
+TEST_F(PubsubTest, WithoutTheSubscriberNothingIsAskedAgain) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  server_.reset();
+  server_ = ServeEvents(address_);
+  ExpectState("2 me: a");
+  EXPECT_FALSE(listener_->states.WaitFor([](const Texts& list) { return list.size() > 2; }, 300ms));
+  EXPECT_EQ(server_->Publish(Message("a", "x")), 0u);
+}
+
+TEST_F(PubsubTest, AKilledServerEndsTheStreamToo) {
+  const std::string address = UniqueAddress();
+  const auto client = Connect(address);
+  Listener listener(*client);
+  ChildServer server(address);
+  client->SubscribeTopics("me", {"a"});
+  ASSERT_TRUE(listener.states.WaitFor([](const Texts& list) { return Has(list, "1 me: a"); }));
+  server.Signal(SIGKILL);
+  EXPECT_TRUE(listener.states.WaitFor([](const Texts& list) { return Has(list, "2 me: a"); }));
+}
+
+TEST_F(PubsubTest, AFrozenServerIsNoticed) {
+  const std::string address = UniqueAddress();
+  const auto client = Connect(address);
+  Listener listener(*client);
+  ChildServer server(address);
+  client->SubscribeTopics("me", {"a"});
+  ASSERT_TRUE(listener.states.WaitFor([](const Texts& list) { return Has(list, "1 me: a"); }));
+  server.Signal(SIGSTOP);
+  EXPECT_TRUE(listener.states.WaitFor([](const Texts& list) { return Has(list, "2 me: a"); }, 40s));
+}
+
+TEST_F(PubsubTest, ASubscriptionWithAnEmptyArgumentIsRefused) {
+  EXPECT_FALSE(client_->SubscribeTopics("", {"a"}));
+  EXPECT_FALSE(client_->SubscribeTopics("me", {}));
+  EXPECT_FALSE(client_->SubscribeTopics("me", {"a", ""}));
+  const std::string record = "40 platform/klrpc/src/api_client SubscribeTopics: subscription at " + address_ +
+                             ": a client id and topics are needed, none of them empty";
+  EXPECT_EQ(log_.Records(), (Texts{record, record, record}));
+}
+
+TEST_F(PubsubTest, AServerWithoutPublishSubscribeSaysSo) {
+  server_.reset();
+  server_ = Serve(address_);
+  EXPECT_EQ(server_->Publish(Message("a", "x")), 0u);
+  Subscribe("me", {"a"});
+  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/subscriptions OnLastEnded: subscription of me at " + address_ +
+                           " failed, trying again: UNIMPLEMENTED: no method /klrpc.v1.Transport/Subscribe here"));
+  EXPECT_TRUE(listener_->states.Get().empty());
+}
+
+TEST_F(PubsubTest, APublicationThatDoesNotReachTheServerFails) {
+  server_.reset();
+  EXPECT_TRUE(client_->PublishMessage(Message("a", "x", "id-1")));
+  EXPECT_TRUE(listener_->published.WaitFor([](const Texts& list) { return list == Texts{"failed id-1"}; }));
+  server_ = ServeEvents(address_);
+  EXPECT_TRUE(client_->PublishMessage(Message("a", "x", "id-2")));
+  EXPECT_TRUE(listener_->published.WaitFor([](const Texts& list) { return Has(list, "ok id-2"); }));
+}
+
+TEST_F(PubsubTest, APublicationToAFrozenServerFailsAfterTheTimeLimit) {
+  const ScopedEnv limit("KLRPC_CALL_TIMEOUT_MS", "2000");
+  const std::string address = UniqueAddress();
+  const auto client = Connect(address);
+  Listener listener(*client);
+  ChildServer server(address);
+  EXPECT_TRUE(client->PublishMessage(Message("a", "x", "id-1")));
+  EXPECT_TRUE(listener.published.WaitFor([](const Texts& list) { return list == Texts{"ok id-1"}; }));
+  server.Signal(SIGSTOP);
+  EXPECT_TRUE(client->PublishMessage(Message("a", "x", "id-2")));
+  EXPECT_TRUE(listener.published.WaitFor([](const Texts& list) { return Has(list, "failed id-2"); }));
+}
+
+TEST_F(PubsubTest, AMessageThatCannotBeSentIsRefusedWithTheReason) {
+  EXPECT_FALSE(client_->PublishMessage(Message("", "x")));
+  EXPECT_FALSE(client_->PublishMessage(Message("a", std::string(4u << 20, 'x'))));
+  EXPECT_EQ(server_->Publish(Message("a", std::string(4u << 20, 'x'))), 0u);
+  EXPECT_EQ(log_.Records(),
+            (Texts{"40 platform/klrpc/src/publisher Publish: publication to " + address_ + ": the message has no topic",
+                   "40 platform/klrpc/src/publisher Publish: publication on a to " + address_ +
+                       ": the message has 4194312 bytes, more than the 4194304 that can be sent",
+                   "40 platform/klrpc/src/api_server Publish: publication on a: the message has 4194312 bytes, more "
+                   "than the 4194304 that can be sent"}));
+}
+
+TEST_F(PubsubTest, TheServersHookSeesEachMessageAndMayRefuseIt) {
+  server_.reset();
+  Watched<Texts> seen;
+  server_ = ServeEvents(address_, [&](const v1::PubsubMessage& message) {
+    seen.Update([&](Texts& list) { list.push_back(message.topic() + "=" + message.payload()); });
+    if (message.payload() == "throw") throw std::runtime_error("no");
+    return message.payload() != "bad";
+  });
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  client_->PublishMessage(Message("a", "bad", "1"));
+  client_->PublishMessage(Message("a", "throw", "2"));
+  client_->PublishMessage(Message("a", "good", "3"));
+  ExpectMessages({"a=good"});
+  EXPECT_TRUE(listener_->published.WaitFor([](const Texts& list) { return list.size() == 3; }));
+  EXPECT_EQ(listener_->published.Get(), (Texts{"failed 1", "failed 2", "ok 3"}));
+  EXPECT_EQ(seen.Get(), (Texts{"a=bad", "a=throw", "a=good"}));
+}
+
+TEST_F(PubsubTest, ASlowSubscriberLosesTheNewestAndOthersLoseNothing) {
+  Watched<bool> release;
+  std::atomic<bool> block{true};
+  listener_->on_message = [&](const v1::PubsubMessage&) {
+    if (block) release.WaitFor([](bool released) { return released; });
+  };
+  Subscribe("slow", {"a"});
+  ExpectState("1 slow: a");
+  const auto other = Connect(address_);
+  Listener quick(*other);
+  other->SubscribeTopics("quick", {"a"});
+  ASSERT_TRUE(quick.states.WaitFor([](const Texts& list) { return !list.empty(); }));
+
+  // Each message fills the connection's buffers a little more; then the queue fills, then messages are dropped.
+  const std::string padding(1000, '.');
+  std::size_t kept = 0;
+  constexpr int kMessages = 3 * SubscriberStream::kMaxQueued;
+  for (int i = 0; i < kMessages; ++i) {
+    const std::size_t reached = server_->Publish(Message("a", std::to_string(i) + padding));
+    ASSERT_GE(reached, 1u);
+    kept += reached - 1;
+    // The quick one is kept up with, so only the slow one's queue overflows.
+    if (i % 100 == 99) {
+      ASSERT_TRUE(quick.messages.WaitFor([&](const Texts& list) { return list.size() == std::size_t(i) + 1; }));
+    }
+  }
+  EXPECT_GE(kept, SubscriberStream::kMaxQueued);
+  EXPECT_LT(kept, std::size_t(kMessages));
+  block = false;
+  release.Update([](bool& released) { released = true; });
+  ASSERT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return list.size() == kept; }));
+  const Texts got = listener_->messages.Get();
+  for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(got[i], "a=" + std::to_string(i) + padding);
+  EXPECT_TRUE(
+      log_.WaitFor("40 platform/klrpc/src/subscription_hub SendNext: subscriber slow reads too slowly: dropped " +
+                   std::to_string(kMessages - kept) + " messages"));
+  EXPECT_EQ(log_.Records().size(), 1u);
+}
+
+TEST_F(PubsubTest, ASlotMaySubscribePublishAndDisconnect) {
+  listener_->on_message = [&](const v1::PubsubMessage& message) {
+    if (message.topic() != "a") return;
+    client_->SubscribeTopics("me", {"b"});
+    client_->PublishMessage(Message("answer", "x", "answer"));
+    client_->SignalSubscribeMessage.disconnect(listener_.get());
+  };
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  server_->Publish(Message("a", "x"));
+  ExpectState("1 me: a b");
+  EXPECT_TRUE(listener_->published.WaitFor([](const Texts& list) { return list == Texts{"ok answer"}; }));
+  EXPECT_EQ(server_->Publish(Message("b", "x")), 1u);
+  EXPECT_TRUE(client_->PublishMessage(Message("c", "x", "later")));
+  EXPECT_TRUE(listener_->published.WaitFor([](const Texts& list) { return Has(list, "ok later"); }));
+  EXPECT_EQ(listener_->messages.Get(), Texts{"a=x"});
+}
+
+TEST_F(PubsubTest, ASlotThatThrowsLeavesARecordAndTheClientGoesOn) {
+  listener_->on_message = [](const v1::PubsubMessage& message) {
+    if (message.payload() == "bad") throw std::runtime_error("can't print that");
+  };
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  server_->Publish(Message("a", "bad"));
+  server_->Publish(Message("a", "good"));
+  ExpectMessages({"a=good"});
+  EXPECT_EQ(log_.Records(),
+            Texts{"50 platform/klrpc/src/api_client EmitSafely: a slot of SignalSubscribeMessage: can't print that"});
+}
+
+TEST_F(PubsubTest, ADestroyedListenerHearsNothingMoreWhileEventsCome) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  std::atomic<bool> done{false};
+  std::thread publishing([&] {
+    while (!done) server_->Publish(Message("a", "x"));
+  });
+  for (int i = 0; i < 50; ++i) {
+    Listener listener(*client_);
+    listener.messages.WaitFor([](const Texts& list) { return list.size() > 2; });
+  }
+  done = true;
+  publishing.join();
+}
+
+TEST_F(PubsubTest, DestructionWhileEventsAndPublicationsAreUnderWay) {
+  std::atomic<bool> done{false};
+  std::thread publishing([&] {
+    while (!done) server_->Publish(Message("a", "x"));
+  });
+  for (int round = 0; round < 20; ++round) {
+    const auto client = Connect(address_);
+    client->SubscribeTopics("me", {"a"});
+    client->SubscribeTopics("me", {"b"});
+    for (int i = 0; i < round; ++i) client->PublishMessage(Message("c", "x"));
+  }
+  done = true;
+  publishing.join();
+}
+
+TEST_F(PubsubTest, StoppingTheServerDeliversWhatWasPublishedBefore) {
+  Subscribe("me", {"a"});
+  ExpectState("1 me: a");
+  for (int i = 0; i < 100; ++i) server_->Publish(Message("a", std::to_string(i)));
+  server_.reset();
+  EXPECT_TRUE(listener_->messages.WaitFor([](const Texts& list) { return list.size() == 100; }));
+}
+
+}  // namespace
+}  // namespace klrpc::testing

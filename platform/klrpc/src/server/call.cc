@@ -1,0 +1,68 @@
+#include "server/call.h"
+
+#include <array>
+
+namespace klrpc {
+
+void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag) {
+  const Slice text(result.text);
+  grpc_slice raw_text = text.Get();
+  std::array<grpc_op, 2> ops{};
+  ops[0].op = GRPC_OP_SEND_STATUS_FROM_SERVER;
+  ops[0].data.send_status_from_server.status = result.code;
+  ops[0].data.send_status_from_server.status_details = &raw_text;
+  ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
+  grpc_call_start_batch(call, ops.data(), metadata_sent ? 1 : 2, tag, nullptr);
+}
+
+UnaryMethodCall::UnaryMethodCall(ServerContext& context, const Method& method)
+    : alive_(context), context_(context), method_(method) {
+  grpc_metadata_array_init(&metadata_);
+}
+
+UnaryMethodCall::~UnaryMethodCall() {
+  grpc_metadata_array_destroy(&metadata_);
+  if (call_ != nullptr) grpc_call_unref(call_);
+}
+
+void UnaryMethodCall::Start(ServerContext& context, const Method& method) {
+  auto* call = new UnaryMethodCall(context, method);
+  grpc_byte_buffer** const request = call->request_.Reset();  // before Arm(), which publishes it
+  const grpc_call_error error =
+      grpc_server_request_registered_call(context.server, method.registration, &call->call_, &call->deadline_,
+                                          &call->metadata_, request, context.queue, context.queue, call->Arm());
+  if (error != GRPC_CALL_OK) delete call;
+}
+
+void UnaryMethodCall::Run(bool ok) {
+  if (answered_ || !ok) {
+    // The caller has its answer or is gone, or the server is stopping.
+    delete this;
+    return;
+  }
+  answered_ = true;
+  ServerContext& context = context_;
+  const Method& method = method_;
+  Reply(method.answer(request_));
+  // Another thread may have deleted this object by now.
+  Start(context, method);
+}
+
+void UnaryMethodCall::Reply(const CallResult& result) {
+  const bool with_message = result.code == GRPC_STATUS_OK;
+  const Buffer message = with_message ? Buffer(result.reply) : Buffer();
+  const Slice text(result.text);
+  grpc_slice raw_text = text.Get();
+  std::array<grpc_op, 4> ops{};
+  ops[0].op = GRPC_OP_SEND_INITIAL_METADATA;
+  ops[1].op = GRPC_OP_SEND_STATUS_FROM_SERVER;
+  ops[1].data.send_status_from_server.status = result.code;
+  ops[1].data.send_status_from_server.status_details = with_message ? nullptr : &raw_text;
+  ops[2].op = GRPC_OP_RECV_CLOSE_ON_SERVER;
+  ops[2].data.recv_close_on_server.cancelled = &cancelled_;
+  ops[3].op = GRPC_OP_SEND_MESSAGE;
+  ops[3].data.send_message.send_message = message.Get();
+  grpc_call_start_batch(call_, ops.data(), with_message ? 4 : 3, Arm(), nullptr);
+}
+
+}  // namespace klrpc

@@ -1,0 +1,144 @@
+// Who gets which published message.
+#ifndef KLRPC_SERVER_SUBSCRIPTION_HUB_H_
+#define KLRPC_SERVER_SUBSCRIPTION_HUB_H_
+
+#include <grpc/grpc.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "transport/grpc_core.h"
+#include "klrpc/v1/pubsub.pb.h"
+#include "server/call.h"
+#include "sync.h"
+
+namespace klrpc {
+
+class SubscriberStream;
+
+// The subscribers of one server. Any thread.
+class SubscriptionHub {
+ public:
+  // Queues the serialised message for each subscriber of `topic`; returns their number, without those whose queue is
+  // full.
+  std::size_t Publish(const std::string& topic, const Slice& message);
+
+  // From now on `stream` gets the messages on its topics, and the stream of the same owner and client id that came
+  // before it gets no more: it ends when it has sent what it has. Each message goes to one of the two. False when the
+  // server is stopping or a later stream is there already.
+  bool Join(const std::shared_ptr<SubscriberStream>& stream);
+  void Leave(const std::shared_ptr<SubscriberStream>& stream);
+
+  // Ends all streams, each after what it has to send, and lets nobody join any more.
+  void Close();
+
+ private:
+  using StreamSet = std::set<std::shared_ptr<SubscriberStream>>;
+
+  void RemoveLocked(const std::shared_ptr<SubscriberStream>& stream) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+  Mutex mutex_;
+  bool closed_ ABSL_GUARDED_BY(mutex_) = false;
+  std::unordered_map<std::string, StreamSet> by_topic_ ABSL_GUARDED_BY(mutex_);
+  // By owner and client id.
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<SubscriberStream>> by_owner_ ABSL_GUARDED_BY(mutex_);
+  StreamSet all_ ABSL_GUARDED_BY(mutex_);
+};
+
+// One subscriber: a call that stays open. Kept alive by its operations and, while it has joined, by the hub.
+class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
+ public:
+  struct Method {
+    ServerContext& context;
+    SubscriptionHub& hub;
+    void* registration = nullptr;
+  };
+
+  // Messages that wait for a slow subscriber; those after that are dropped, for this subscriber alone.
+  static constexpr std::size_t kMaxQueued = 4096;
+
+  // A queue of large messages ends earlier.
+  static constexpr std::size_t kMaxQueuedBytes = 64u << 20;
+
+  // Waits for a subscription, serves it, and starts to wait for the next. `method` outlives the context.
+  static void Start(const Method& method);
+
+  explicit SubscriberStream(const Method& method);
+  SubscriberStream(const SubscriberStream&) = delete;
+  SubscriberStream& operator=(const SubscriberStream&) = delete;
+  ~SubscriberStream();
+
+  const klrpc::v1::SubscribeRequest& Request() const { return request_; }
+  const std::string& Owner() const { return owner_; }
+  std::uint64_t Number() const { return number_; }
+
+  // For the hub, under its lock: both only take note and return whether Kick() is to be called without the lock.
+  bool Enqueue(const Slice& message, bool& kick);
+  bool EndAfterQueue(grpc_status_code code, const std::string& text);
+  void Kick();
+
+ private:
+  // What to do next with the stream.
+  struct Step {
+    enum Kind { kNothing, kMessage, kEnd };
+    Kind kind = kNothing;
+    Slice message;
+    bool gather = false;  // more follows, so it need not be sent at once
+    grpc_status_code code = GRPC_STATUS_OK;
+    std::string text;
+  };
+
+  void OnCall(bool ok);
+  void OnSent(bool ok);
+  void OnClosed(bool ok);
+  void OnEnded(bool) {}
+
+  bool ReadRequest();
+  void ReadOwner();
+  void Confirm();
+  void WaitForClose();
+  void SendNext();
+  Step NextStepLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void Finish(grpc_status_code code, const std::string& text);
+  // The record of the messages dropped since the queue was last full, empty when there are none.
+  std::string TakeDropReportLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+  const LiveEvent alive_;
+  const Method& method_;
+  grpc_call* call_ = nullptr;
+  gpr_timespec deadline_{};
+  grpc_metadata_array metadata_{};
+  Buffer bytes_;
+  int cancelled_ = 0;
+  klrpc::v1::SubscribeRequest request_;
+  std::string owner_;
+  std::uint64_t number_ = 0;
+  bool confirmed_ = false;
+  Completion<SubscriberStream> called_{this, &SubscriberStream::OnCall};
+  Completion<SubscriberStream> sent_{this, &SubscriberStream::OnSent};
+  Completion<SubscriberStream> closed_{this, &SubscriberStream::OnClosed};
+  Completion<SubscriberStream> ended_{this, &SubscriberStream::OnEnded};
+
+  Mutex mutex_;
+  std::deque<Slice> queue_ ABSL_GUARDED_BY(mutex_);
+  std::size_t queued_bytes_ ABSL_GUARDED_BY(mutex_) = 0;
+  // Somebody sends, or has promised to: only one operation may send at a time. True until the confirmation is out.
+  bool sending_ ABSL_GUARDED_BY(mutex_) = true;
+  bool gone_ ABSL_GUARDED_BY(mutex_) = false;
+  bool ending_ ABSL_GUARDED_BY(mutex_) = false;
+  grpc_status_code end_code_ ABSL_GUARDED_BY(mutex_) = GRPC_STATUS_OK;
+  std::string end_text_ ABSL_GUARDED_BY(mutex_);
+  std::uint64_t dropped_ ABSL_GUARDED_BY(mutex_) = 0;
+  unsigned int unflushed_ ABSL_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace klrpc
+
+#endif  // KLRPC_SERVER_SUBSCRIPTION_HUB_H_

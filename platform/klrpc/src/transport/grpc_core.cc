@@ -1,0 +1,175 @@
+#include "transport/grpc_core.h"
+
+#include <google/protobuf/any.pb.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/stubs/logging.h>
+#include <google/protobuf/wire_format_lite.h>
+#include <grpc/byte_buffer_reader.h>
+#include <grpc/support/log.h>
+#include <grpc/support/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "klbase/log.h"
+
+namespace klrpc {
+namespace {
+
+void WriteGrpcLog(gpr_log_func_args* args) {
+  constexpr char kFunction[] = "gpr_log";
+  const int level = args->severity == GPR_LOG_SEVERITY_ERROR ? 40 : args->severity == GPR_LOG_SEVERITY_INFO ? 20 : 10;
+  if (kOptionLogLevel.load(std::memory_order_relaxed) > level) return;
+  const std::string_view file = klbase_internal::SourceName(args->file);
+  KlLog(level, file.data(), file.size(), args->line, kFunction, sizeof(kFunction) - 1, "%s", args->message);
+}
+
+// Protobuf reports broken text in messages from outside on standard error, the operator's terminal.
+void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int line, const std::string& text) {
+  constexpr char kFunction[] = "protobuf";
+  const int level = severity >= google::protobuf::LOGLEVEL_ERROR ? 40 : 20;
+  if (kOptionLogLevel.load(std::memory_order_relaxed) > level) return;
+  const std::string_view path = klbase_internal::SourceName(file);
+  KlLog(level, path.data(), path.size(), line, kFunction, sizeof(kFunction) - 1, "%s", text.c_str());
+}
+
+// Which of gRPC's pollers is used. Its default one lets a single thread watch the connections of the whole process and
+// hand what arrives to the others, so a call's reply would wake two threads of the tool, and pass through a third when
+// the service host or a subscription happens to be the watcher. With "poll" the thread that waits for a reply reads it
+// itself. A value that the environment brings is kept. Set while the library is loaded, when no other thread can be
+// reading the environment: gRPC takes it from nowhere else.
+[[maybe_unused]] const int g_poller_chosen = setenv("GRPC_POLL_STRATEGY", "poll", 0);
+
+}  // namespace
+
+std::string TooLarge(const char* what, std::size_t size) {
+  return std::string(what) + " has " + std::to_string(size) + " bytes, more than the " +
+         std::to_string(kMaxMessageBytes) + " that can be sent";
+}
+
+void StartGrpc() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    gpr_set_log_function(WriteGrpcLog);
+    google::protobuf::SetLogHandler(WriteProtobufLog);
+    grpc_init();
+  });
+}
+
+const char* StatusName(grpc_status_code code) {
+  static constexpr std::array kNames = {
+      "OK",        "CANCELLED",      "UNKNOWN",           "INVALID_ARGUMENT",   "DEADLINE_EXCEEDED",
+      "NOT_FOUND", "ALREADY_EXISTS", "PERMISSION_DENIED", "RESOURCE_EXHAUSTED", "FAILED_PRECONDITION",
+      "ABORTED",   "OUT_OF_RANGE",   "UNIMPLEMENTED",     "INTERNAL",           "UNAVAILABLE",
+      "DATA_LOSS", "UNAUTHENTICATED"};
+  const auto index = static_cast<std::size_t>(code);
+  return index < kNames.size() ? kNames[index] : "UNKNOWN";
+}
+
+gpr_timespec DeadlineIn(std::chrono::milliseconds time) {
+  return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_millis(time.count(), GPR_TIMESPAN));
+}
+
+gpr_timespec Past() { return gpr_inf_past(GPR_CLOCK_MONOTONIC); }
+
+gpr_timespec Never() { return gpr_inf_future(GPR_CLOCK_MONOTONIC); }
+
+grpc_event NextEvent(grpc_completion_queue* queue, gpr_timespec deadline) {
+  constexpr auto kPause = std::chrono::milliseconds(10);  // until another look for a file descriptor
+  const grpc_event event = grpc_completion_queue_next(queue, deadline, nullptr);
+  const bool early = event.type == GRPC_QUEUE_TIMEOUT && gpr_time_cmp(gpr_now(deadline.clock_type), deadline) < 0;
+  if (early) std::this_thread::sleep_for(kPause);
+  return event;
+}
+
+ChannelArgs& ChannelArgs::Set(const char* name, int value) {
+  grpc_arg arg{};
+  arg.type = GRPC_ARG_INTEGER;
+  arg.key = const_cast<char*>(name);  // the core copies the names
+  arg.value.integer = value;
+  args_.push_back(arg);
+  return *this;
+}
+
+const grpc_channel_args* ChannelArgs::Get() {
+  view_.num_args = args_.size();
+  view_.args = args_.data();
+  return &view_;
+}
+
+Buffer::Buffer(const Slice& slice) {
+  grpc_slice raw = slice.Get();
+  buffer_ = grpc_raw_byte_buffer_create(&raw, 1);
+}
+
+grpc_byte_buffer** Buffer::Reset() {
+  if (buffer_ != nullptr) grpc_byte_buffer_destroy(buffer_);
+  buffer_ = nullptr;
+  return &buffer_;
+}
+
+Slice Buffer::Flat() const {
+  grpc_byte_buffer_reader reader;
+  if (buffer_ == nullptr || grpc_byte_buffer_reader_init(&reader, buffer_) == 0) return Slice();
+  Slice all(grpc_byte_buffer_reader_readall(&reader));
+  grpc_byte_buffer_reader_destroy(&reader);
+  return all;
+}
+
+bool Buffer::ParseInto(google::protobuf::MessageLite& message) const {
+  if (buffer_ == nullptr) return false;
+  const Slice all = Flat();
+  return message.ParseFromArray(all.View().data(), static_cast<int>(all.View().size()));
+}
+
+std::string UniqueName() {
+  static std::atomic<unsigned> count{0};
+  std::random_device random;
+  std::array<char, 64> name{};
+  std::snprintf(name.data(), name.size(), "%d-%08x%08x-%u", static_cast<int>(getpid()), random(), random(), ++count);
+  return name.data();
+}
+
+Slice Serialize(const google::protobuf::MessageLite& message) {
+  const std::size_t size = message.ByteSizeLong();
+  grpc_slice slice = grpc_slice_malloc(size);
+  message.SerializeWithCachedSizesToArray(GRPC_SLICE_START_PTR(slice));
+  return Slice(slice);
+}
+
+Slice SerializeAsAny(const google::protobuf::Message& message) {
+  using google::protobuf::Any;
+  using google::protobuf::internal::WireFormatLite;
+  using google::protobuf::io::CodedOutputStream;
+  if (message.GetDescriptor() == Any::descriptor()) return Serialize(message);
+
+  constexpr std::string_view kPrefix = "type.googleapis.com/";
+  const std::string& name = message.GetDescriptor()->full_name();
+  const std::size_t value_size = message.ByteSizeLong();
+  const std::size_t url_size = kPrefix.size() + name.size();
+  std::size_t size = 1 + CodedOutputStream::VarintSize64(url_size) + url_size;
+  if (value_size > 0) size += 1 + CodedOutputStream::VarintSize64(value_size) + value_size;
+
+  grpc_slice slice = grpc_slice_malloc(size);
+  std::uint8_t* out = GRPC_SLICE_START_PTR(slice);
+  const auto header = [&out](int field, std::size_t length) {
+    out = WireFormatLite::WriteTagToArray(field, WireFormatLite::WIRETYPE_LENGTH_DELIMITED, out);
+    out = CodedOutputStream::WriteVarint64ToArray(length, out);
+  };
+  header(Any::kTypeUrlFieldNumber, url_size);
+  out = CodedOutputStream::WriteRawToArray(kPrefix.data(), static_cast<int>(kPrefix.size()), out);
+  out = CodedOutputStream::WriteRawToArray(name.data(), static_cast<int>(name.size()), out);
+  if (value_size > 0) {
+    header(Any::kValueFieldNumber, value_size);
+    message.SerializeWithCachedSizesToArray(out);
+  }
+  return Slice(slice);
+}
+
+}  // namespace klrpc
