@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
-#include "line_editor/keys.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/operator.h"
 #include "fuzz/rendering.h"
+#include "line_editor/keys.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 // text, the hint; i, k a position and a piece to insert, or a length to cut; c the cursor; r columns and rows; f, e, o.
 #include <vector>
 
-#include "line_editor/screen.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/rendering.h"
+#include "line_editor/screen.h"
 
 namespace {
 

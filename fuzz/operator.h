@@ -6,11 +6,11 @@
 #include <string_view>
 #include <vector>
 
-#include "line_editor/history.h"
+#include "fuzz/fuzz.h"
 #include "line_editor/editor.h"
+#include "line_editor/history.h"
 #include "line_editor/limits.h"
 #include "line_editor/test_screen.h"
-#include "fuzz/fuzz.h"
 
 namespace fuzz {
 

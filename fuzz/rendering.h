@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/fuzz.h"
 #include "line_editor/test_screen.h"
 #include "line_editor/text.h"
-#include "fuzz/fuzz.h"
 
 namespace fuzz {
 

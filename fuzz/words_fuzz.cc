@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "cli/about_word.h"
-#include "cli/menu.h"
 #include "cli/failure_text.h"
-#include "line_editor/text.h"
+#include "cli/menu.h"
 #include "cli/menu_walk.h"
 #include "cli/words.h"
 #include "fuzz/fuzz.h"
+#include "line_editor/text.h"
 
 namespace {
 

@@ -10,8 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "base/gst.h"
-#include "base/mutex.h"
 #include "encd/encode_pipeline.h"
 #include "encd/fanout.h"
 #include "encd/forward_buffer.h"
@@ -112,7 +113,7 @@ class Encoder {
 
   const Options options_;
   Fanout fanout_;
-  mutable device::Mutex mu_;
+  mutable absl::Mutex mu_;
   Quality quality_ ABSL_GUARDED_BY(mu_) = Quality::kMiddle;
   int bitrate_kbps_ ABSL_GUARDED_BY(mu_);
   int push_delay_s_ ABSL_GUARDED_BY(mu_) = 0;

@@ -6,14 +6,14 @@
 namespace encd {
 
 void Fanout::Add(std::shared_ptr<PacketSink> sink) {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   auto changed = std::make_shared<Sinks>(*sinks_);
   changed->push_back(std::move(sink));
   sinks_ = std::move(changed);
 }
 
 void Fanout::Remove(const PacketSink* sink) {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   auto changed = std::make_shared<Sinks>(*sinks_);
   std::erase_if(*changed, [sink](const auto& held) { return held.get() == sink; });
   sinks_ = std::move(changed);
@@ -22,7 +22,7 @@ void Fanout::Remove(const PacketSink* sink) {
 void Fanout::Put(const PacketPtr& packet) {
   std::shared_ptr<const Sinks> sinks;
   {
-    device::MutexLock lock(mu_);
+    absl::MutexLock lock(&mu_);
     sinks = sinks_;
   }
   for (const auto& sink : *sinks) sink->Put(packet);

@@ -5,7 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "encd/packet.h"
 
 namespace encd {
@@ -21,7 +22,7 @@ class Fanout : public PacketSink {
  private:
   using Sinks = std::vector<std::shared_ptr<PacketSink>>;
 
-  device::Mutex mu_;
+  absl::Mutex mu_;
   // Replaced as a whole, so that Put() takes one reference instead of copying the list for each packet.
   std::shared_ptr<const Sinks> sinks_ ABSL_GUARDED_BY(mu_) = std::make_shared<const Sinks>();
 };

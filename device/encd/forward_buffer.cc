@@ -4,7 +4,7 @@ namespace encd {
 
 void ForwardBuffer::Put(const PacketPtr& packet) {
   if (!tracks_.Has(packet->track)) return;
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   if (packets_.empty() && !StartsHere(*packet)) return;
   packets_.push_back(packet);
   bytes_ += packet->bytes;
@@ -13,7 +13,7 @@ void ForwardBuffer::Put(const PacketPtr& packet) {
 }
 
 std::vector<PacketPtr> ForwardBuffer::Snapshot() const {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   return {packets_.begin(), packets_.end()};
 }
 

@@ -7,7 +7,8 @@
 #include <deque>
 #include <vector>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "encd/packet.h"
 
 namespace encd {
@@ -34,7 +35,7 @@ class ForwardBuffer : public PacketSink {
   const Tracks tracks_;
   const std::chrono::seconds span_;
   const std::size_t max_bytes_;
-  mutable device::Mutex mu_;
+  mutable absl::Mutex mu_;
   std::deque<PacketPtr> packets_ ABSL_GUARDED_BY(mu_);
   // Arrivals of the packets that a file could start with, oldest first.
   std::deque<std::chrono::steady_clock::time_point> starts_ ABSL_GUARDED_BY(mu_);

@@ -6,7 +6,7 @@ namespace encd {
 
 void PacketQueue::Put(const PacketPtr& packet) {
   if (!tracks_.Has(packet->track)) return;
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   if (closed_) return;
   if (needs_keyframe_) {
     if (packet->track != Track::kVideo || !packet->keyframe) return;
@@ -16,12 +16,12 @@ void PacketQueue::Put(const PacketPtr& packet) {
   bytes_ += packet->bytes;
   const auto now = Clock::now();
   if (bytes_ > limits_.bytes || now - packets_.front()->arrival > delay_ + limits_.lag) SkipLocked(now);
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 PacketQueue::Taken PacketQueue::Take(std::chrono::milliseconds wait) {
   const auto deadline = Clock::now() + wait;
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   for (;;) {
     auto until = deadline;
     if (!packets_.empty()) {
@@ -32,7 +32,7 @@ PacketQueue::Taken PacketQueue::Take(std::chrono::milliseconds wait) {
       return {};
     }
     if (Clock::now() >= deadline) return {};
-    changed_.WaitUntil(mu_, until);
+    changed_.WaitUntil(&mu_, until);
   }
   Taken taken{packets_.front(), gap_};
   gap_ = false;
@@ -42,26 +42,26 @@ PacketQueue::Taken PacketQueue::Take(std::chrono::milliseconds wait) {
 }
 
 void PacketQueue::SetDelay(std::chrono::milliseconds delay) {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   const bool shorter = delay < delay_;
   delay_ = delay;
   if (shorter && !packets_.empty()) SkipLocked(Clock::now());
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 void PacketQueue::Close() {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   closed_ = true;
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 bool PacketQueue::ClosedAndEmpty() const {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   return closed_ && packets_.empty();
 }
 
 std::uint64_t PacketQueue::Dropped() const {
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   return dropped_;
 }
 

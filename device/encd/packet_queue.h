@@ -7,8 +7,10 @@
 #include <cstdint>
 #include <deque>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "encd/packet.h"
+#include "klbase/steady_cond_var.h"
 
 namespace encd {
 
@@ -53,8 +55,8 @@ class PacketQueue : public PacketSink {
 
   const Tracks tracks_;
   const Limits limits_;
-  mutable device::Mutex mu_;
-  device::Condition changed_;
+  mutable absl::Mutex mu_;
+  klbase::SteadyCondVar changed_;
   std::deque<PacketPtr> packets_ ABSL_GUARDED_BY(mu_);
   std::chrono::milliseconds delay_ ABSL_GUARDED_BY(mu_){0};
   std::size_t bytes_ ABSL_GUARDED_BY(mu_) = 0;

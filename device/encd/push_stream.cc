@@ -64,9 +64,9 @@ PushStream::~PushStream() {
 
 void PushStream::RequestStop() {
   {
-    device::MutexLock lock(mu_);
+    absl::MutexLock lock(&mu_);
     stop_ = true;
-    stop_changed_.NotifyAll();
+    stop_changed_.SignalAll();
   }
   queue_->Close();
 }
@@ -161,8 +161,8 @@ void PushStream::Reconnect() {
 // True when the stream is to stop; waits for that up to `limit`.
 bool PushStream::WaitForStop(milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
-  device::MutexLock lock(mu_);
-  while (!stop_ && steady_clock::now() < deadline) stop_changed_.WaitUntil(mu_, deadline);
+  absl::MutexLock lock(&mu_);
+  while (!stop_ && steady_clock::now() < deadline) stop_changed_.WaitUntil(&mu_, deadline);
   return stop_;
 }
 

@@ -10,9 +10,11 @@
 #include <string>
 #include <thread>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "encd/mux_pipeline.h"
 #include "encd/packet_queue.h"
+#include "klbase/steady_cond_var.h"
 
 namespace encd {
 
@@ -63,8 +65,8 @@ class PushStream {
   std::atomic<bool> connected_{false};
   std::atomic<std::uint64_t> frames_{0};
   std::atomic<std::uint64_t> connections_{0};
-  device::Mutex mu_;
-  device::Condition stop_changed_;
+  absl::Mutex mu_;
+  klbase::SteadyCondVar stop_changed_;
   bool stop_ ABSL_GUARDED_BY(mu_) = false;
   std::thread thread_;
 };

@@ -50,8 +50,8 @@ Recorder::~Recorder() {
 
 std::optional<Recorder::Outcome> Recorder::WaitDone(milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  device::MutexLock lock(mu_);
-  while (!outcome_ && std::chrono::steady_clock::now() < deadline) done_.WaitUntil(mu_, deadline);
+  absl::MutexLock lock(&mu_);
+  while (!outcome_ && std::chrono::steady_clock::now() < deadline) done_.WaitUntil(&mu_, deadline);
   return outcome_;
 }
 
@@ -66,9 +66,9 @@ void Recorder::Run() {
   } else {
     KL_LOG(50, "recording %s failed: %s", path_.c_str(), outcome.error.c_str());
   }
-  device::MutexLock lock(mu_);
+  absl::MutexLock lock(&mu_);
   outcome_ = std::move(outcome);
-  done_.NotifyAll();
+  done_.SignalAll();
 }
 
 // False when there is nothing more to write.

@@ -9,9 +9,11 @@
 #include <string>
 #include <thread>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "encd/mux_pipeline.h"
 #include "encd/packet_queue.h"
+#include "klbase/steady_cond_var.h"
 
 namespace encd {
 
@@ -60,8 +62,8 @@ class Recorder {
   const std::string path_;
   const std::shared_ptr<PacketQueue> queue_;
   std::unique_ptr<MuxPipeline> mux_;  // the thread's own once it runs
-  device::Mutex mu_;
-  device::Condition done_;
+  absl::Mutex mu_;
+  klbase::SteadyCondVar done_;
   std::optional<Outcome> outcome_ ABSL_GUARDED_BY(mu_);
   std::thread thread_;
 };

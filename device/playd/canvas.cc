@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "base/hand_over.h"
+#include "klbase/steady_cond_var.h"
 #include "playd/copy_at.h"
 #include "playd/window.h"
 
@@ -44,8 +45,8 @@ std::string CanvasPipeline() {
 
 // One composed picture, taken as it comes by.
 struct Catcher {
-  device::Mutex mutex;
-  device::Condition caught;
+  absl::Mutex mutex;
+  klbase::SteadyCondVar caught;
   device::SamplePtr sample ABSL_GUARDED_BY(mutex);
 };
 
@@ -53,10 +54,10 @@ GstPadProbeReturn CatchPicture(GstPad* pad, GstPadProbeInfo* info, gpointer data
   const device::HandedOver catcher_of_other_thread(data);
   Catcher& catcher = **static_cast<std::shared_ptr<Catcher>*>(data);
   const device::CapsPtr caps(gst_pad_get_current_caps(pad));
-  const device::MutexLock lock(catcher.mutex);
+  const absl::MutexLock lock(&catcher.mutex);
   if (catcher.sample == nullptr) {
     catcher.sample.reset(gst_sample_new(GST_PAD_PROBE_INFO_BUFFER(info), caps.get(), nullptr, nullptr));
-    catcher.caught.NotifyAll();
+    catcher.caught.SignalAll();
   }
   return GST_PAD_PROBE_OK;
 }
@@ -154,14 +155,14 @@ Canvas::~Canvas() = default;
 void Canvas::SetMode(const CanvasMode& mode) {
   const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode).c_str()));
   {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     mode_ = mode;
   }
   g_object_set(filter_.get(), "caps", caps.get(), nullptr);
 }
 
 CanvasMode Canvas::Mode() const {
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   return mode_;
 }
 
@@ -177,9 +178,9 @@ device::SamplePtr Canvas::NextSample(std::chrono::milliseconds timeout) {
   const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, CatchPicture, shared, DropCatcher);
   device::SamplePtr sample;
   {
-    const device::MutexLock lock(catcher->mutex);
+    const absl::MutexLock lock(&catcher->mutex);
     while (catcher->sample == nullptr && std::chrono::steady_clock::now() < deadline) {
-      catcher->caught.WaitUntil(catcher->mutex, deadline);
+      catcher->caught.WaitUntil(&catcher->mutex, deadline);
     }
     sample = std::move(catcher->sample);
   }

@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "base/gst.h"
-#include "base/mutex.h"
 #include "playd/geometry.h"
 #include "playd/outcome.h"
 
@@ -93,7 +94,7 @@ class Canvas {
   const device::PadPtr output_;  // where composed pictures come by
   std::unique_ptr<Window> window_;
 
-  mutable device::Mutex mutex_;
+  mutable absl::Mutex mutex_;
   CanvasMode mode_ ABSL_GUARDED_BY(mutex_);
 };
 

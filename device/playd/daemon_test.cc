@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "absl/synchronization/mutex.h"
 #include "encoder/v1/encoder.pb.h"
 #include "playd/testing.h"
 #include "player/v1/player.pb.h"
@@ -49,17 +50,17 @@ class Subscriber : public sigslot::has_slots<sigslot::multi_threaded_global> {
 
   bool WaitReady() {
     return device::testing::WaitUntil([this] {
-      const device::MutexLock lock(mutex_);
+      const absl::MutexLock lock(&mutex_);
       return ready_;
     });
   }
 
   std::vector<std::string> WaitFor(std::size_t count) {
     device::testing::WaitUntil([&] {
-      const device::MutexLock lock(mutex_);
+      const absl::MutexLock lock(&mutex_);
       return events_.size() >= count;
     });
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     return events_;
   }
 
@@ -73,15 +74,15 @@ class Subscriber : public sigslot::has_slots<sigslot::multi_threaded_global> {
       lp::v1::GetSeekOfUplayerResp event;
       line = event.ParseFromString(message.payload()) ? event.ShortDebugString() : "unparsable";
     }
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     events_.push_back(message.topic() + " " + line);
   }
   void OnState(const klrpc::v1::SubscribeState& state) {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     ready_ = state.state() == 1;
   }
 
-  device::Mutex mutex_;
+  absl::Mutex mutex_;
   bool ready_ ABSL_GUARDED_BY(mutex_) = false;
   std::vector<std::string> events_ ABSL_GUARDED_BY(mutex_);
 };

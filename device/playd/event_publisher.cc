@@ -8,7 +8,7 @@ namespace playd {
 
 void EventPublisher::Attach(Sink sink) {
   auto next = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   sink_.swap(next);
 }
 
@@ -35,7 +35,7 @@ void EventPublisher::OnSeekDone(const std::string& id, const Position& position,
 void EventPublisher::Publish(const char* topic, const google::protobuf::Message& event) {
   std::shared_ptr<const Sink> sink;
   {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     sink = sink_;
   }
   if (sink == nullptr) return;

@@ -6,7 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "playd/player.h"
 
@@ -31,7 +32,7 @@ class EventPublisher : public PlayerListener {
  private:
   void Publish(const char* topic, const google::protobuf::Message& event);
 
-  device::Mutex mutex_;
+  absl::Mutex mutex_;
   std::shared_ptr<const Sink> sink_ ABSL_GUARDED_BY(mutex_);
 };
 

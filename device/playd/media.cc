@@ -16,8 +16,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "base/hand_over.h"
-#include "base/mutex.h"
+#include "klbase/steady_cond_var.h"
 
 namespace playd {
 namespace {
@@ -153,39 +155,39 @@ class Media::Mailbox {
 
   void Put(GstMessage* message) {
     {
-      const device::MutexLock lock(mutex_);
+      const absl::MutexLock lock(&mutex_);
       if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS) ended_ = true;
       if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR && !failure_) {
         failure_ = Outcome::Error(CodeOf(message), device::ErrorText(message));
       }
       ++changes_;
-      changed_.NotifyAll();
+      changed_.SignalAll();
     }
     wake_();
   }
 
   // Waits for anything to be put after `seen` changes; returns their number now.
   std::uint64_t WaitBeyond(std::uint64_t seen, Deadline deadline) {
-    const device::MutexLock lock(mutex_);
-    while (changes_ == seen && steady_clock::now() < deadline) changed_.WaitUntil(mutex_, deadline);
+    const absl::MutexLock lock(&mutex_);
+    while (changes_ == seen && steady_clock::now() < deadline) changed_.WaitUntil(&mutex_, deadline);
     return changes_;
   }
 
   std::optional<Outcome> Failure() {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     return failure_;
   }
 
   // Whether the end was reached since the last call.
   bool TakeEnded() {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     return std::exchange(ended_, false);
   }
 
  private:
   const std::function<void()> wake_;
-  device::Mutex mutex_;
-  device::Condition changed_;
+  absl::Mutex mutex_;
+  klbase::SteadyCondVar changed_;
   std::uint64_t changes_ ABSL_GUARDED_BY(mutex_) = 0;
   std::optional<Outcome> failure_ ABSL_GUARDED_BY(mutex_);
   bool ended_ ABSL_GUARDED_BY(mutex_) = false;
@@ -203,7 +205,7 @@ struct Media::Links {
   void Attach(GstElement* pipeline, GstElement* branch, GstPad* pad);
 
   Mixer& mixer;
-  device::Mutex mutex;
+  absl::Mutex mutex;
   std::unique_ptr<Layer> layer;
   std::unique_ptr<Track> track;  // made once, by the thread that found the sound
   device::PadPtr video_pad ABSL_GUARDED_BY(mutex);
@@ -227,7 +229,7 @@ gboolean Media::Links::OnType(GstElement*, GstPad*, GstCaps* caps, gpointer data
   const device::HandedOver links_of_other_thread(data);
   auto& links = *static_cast<Links*>(data);
   const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
-  const device::MutexLock lock(links.mutex);
+  const absl::MutexLock lock(&links.mutex);
   if (!links.typed) links.picture = name.starts_with("image/");
   links.typed = true;
   return TRUE;
@@ -242,7 +244,7 @@ void Media::Links::Attach(GstElement* pipeline, GstElement* branch, GstPad* pad)
 
 void Media::Links::LinkVideo(GstElement* pipeline, GstPad* pad) {
   {
-    const device::MutexLock lock(mutex);
+    const absl::MutexLock lock(&mutex);
     if (video_pad != nullptr) return;
     video_pad.reset(GST_PAD(gst_object_ref(pad)));
   }
@@ -260,7 +262,7 @@ void Media::Links::LinkVideo(GstElement* pipeline, GstPad* pad) {
 
 void Media::Links::LinkAudio(GstElement* pipeline, GstPad* pad) {
   {
-    const device::MutexLock lock(mutex);
+    const absl::MutexLock lock(&mutex);
     if (std::exchange(audio_linked, true)) return;
   }
   track = mixer.AddTrack();
@@ -350,7 +352,7 @@ Outcome Media::ChangeState(GstState state, Deadline deadline, const char* what) 
 Outcome Media::Preroll(Deadline deadline) {
   if (auto outcome = ChangeState(GST_STATE_PAUSED, deadline, "opening"); !outcome.ok()) return outcome;
   ReadInfo();
-  const device::MutexLock lock(links_->mutex);
+  const absl::MutexLock lock(&links_->mutex);
   if (links_->video_pad == nullptr && !links_->audio_linked) {
     return Outcome::Error(ErrorCode::kNotMedia, info_.url + " has neither pictures nor sound");
   }
@@ -364,7 +366,7 @@ void Media::ReadInfo() {
   }
   device::PadPtr pad;
   {
-    const device::MutexLock lock(links_->mutex);
+    const absl::MutexLock lock(&links_->mutex);
     if (links_->video_pad != nullptr) pad.reset(GST_PAD(gst_object_ref(links_->video_pad.get())));
   }
   const device::CapsPtr caps(pad != nullptr ? gst_pad_get_current_caps(pad.get()) : nullptr);
@@ -417,7 +419,7 @@ Position Media::GetPosition() const {
 }
 
 bool Media::IsPicture() const {
-  const device::MutexLock lock(links_->mutex);
+  const absl::MutexLock lock(&links_->mutex);
   return links_->picture;
 }
 

@@ -21,7 +21,7 @@ Outcome PlayerTable::Create(const std::string& id) {
                           "the unique_id must have 1 to " + std::to_string(kMaxIdLength) + " characters");
   }
   ClearAwayStopped();
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (closing_) return Outcome::Error(ErrorCode::kBusy, "the player daemon is stopping");
   if (players_.contains(id)) return Outcome::Error(ErrorCode::kPlayerExists, "player " + id + " exists already");
   if (players_.size() + leaving_.size() >= kMaxPlayers) {
@@ -35,7 +35,7 @@ Outcome PlayerTable::Create(const std::string& id) {
 Outcome PlayerTable::Delete(const std::string& id) {
   std::shared_ptr<Player> player;
   {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     const auto found = players_.find(id);
     if (found == players_.end()) return Outcome::Error(ErrorCode::kUnknownPlayer, "there is no player " + id);
     player = found->second;
@@ -50,7 +50,7 @@ Outcome PlayerTable::Delete(const std::string& id) {
 }
 
 std::shared_ptr<Player> PlayerTable::Find(const std::string& id) const {
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   const auto found = players_.find(id);
   return found == players_.end() ? nullptr : found->second;
 }
@@ -58,7 +58,7 @@ std::shared_ptr<Player> PlayerTable::Find(const std::string& id) const {
 void PlayerTable::ClearAwayStopped() {
   // Destroyed after the lock is gone.
   std::vector<std::shared_ptr<Player>> stopped;
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   const auto first = std::partition(leaving_.begin(), leaving_.end(),
                                     [](const auto& player) { return !player->WaitStopped(milliseconds(0)); });
   stopped.assign(std::make_move_iterator(first), std::make_move_iterator(leaving_.end()));
@@ -69,7 +69,7 @@ bool PlayerTable::StopAll(milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
   std::vector<std::shared_ptr<Player>> all;
   {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     closing_ = true;
     all = leaving_;
     for (auto& [id, player] : players_) all.push_back(player);

@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "playd/player.h"
 
 namespace playd {
@@ -48,7 +49,7 @@ class PlayerTable {
   Mixer& mixer_;
   PlayerListener& listener_;
   const PlayerLimits limits_;
-  mutable device::Mutex mutex_;
+  mutable absl::Mutex mutex_;
   std::map<std::string, std::shared_ptr<Player>> players_ ABSL_GUARDED_BY(mutex_);
   std::vector<std::shared_ptr<Player>> leaving_ ABSL_GUARDED_BY(mutex_);
   bool closing_ ABSL_GUARDED_BY(mutex_) = false;

@@ -184,7 +184,7 @@ Outcome Service::With(const std::string& id, Operation operation) {
 // A live system carries live channels, which are not served here; it is kept account of, so that its users find
 // mistakes in their order of calls.
 Outcome Service::Do(const lp::v1::LiveSystemInitReq& request) {
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (live_systems_.contains(request.unique_id())) {
     return Outcome::Error(ErrorCode::kLiveSystemState,
                           "live system " + request.unique_id() + " is initialised already");
@@ -197,7 +197,7 @@ Outcome Service::Do(const lp::v1::LiveSystemInitReq& request) {
 }
 
 Outcome Service::Do(const lp::v1::LiveSystemUnInitReq& request) {
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (live_systems_.erase(request.unique_id()) > 0) return Outcome::Ok();
   return Outcome::Error(ErrorCode::kLiveSystemState, "live system " + request.unique_id() + " is not initialised");
 }
@@ -206,7 +206,7 @@ Outcome Service::Do(const lp::v1::LiveSystemUnInitReq& request) {
 Outcome Service::Do(const lp::v1::SetIntputTimingReq& request) {
   const Timing timing = ToTiming(request);
   if (auto outcome = CheckTiming(timing); !outcome.ok()) return outcome;
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   input_timing_ = timing;
   return Outcome::Ok();
 }

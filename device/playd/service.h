@@ -7,7 +7,8 @@
 #include <set>
 #include <string>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "playd/canvas.h"
 #include "playd/outcome.h"
 #include "playd/player_table.h"
@@ -57,7 +58,7 @@ class Service {
 
   PlayerTable& players_;
   Canvas& canvas_;
-  device::Mutex mutex_;
+  absl::Mutex mutex_;
   std::set<std::string> live_systems_ ABSL_GUARDED_BY(mutex_);
   Timing input_timing_ ABSL_GUARDED_BY(mutex_);
 };

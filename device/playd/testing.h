@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "klbase/steady_cond_var.h"
 #include "playd/canvas.h"
 #include "playd/player.h"
 #include "playd/sample_clip.h"
@@ -68,20 +70,20 @@ class Recorder : public PlayerListener {
   // The events so far, as soon as there are `count` or the limit has passed.
   std::vector<std::string> WaitFor(std::size_t count) {
     const auto deadline = std::chrono::steady_clock::now() + kTestLimit;
-    const device::MutexLock lock(mutex_);
-    while (events_.size() < count && std::chrono::steady_clock::now() < deadline) changed_.WaitUntil(mutex_, deadline);
+    const absl::MutexLock lock(&mutex_);
+    while (events_.size() < count && std::chrono::steady_clock::now() < deadline) changed_.WaitUntil(&mutex_, deadline);
     return events_;
   }
 
  private:
   void Add(const std::string& event) {
-    const device::MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     events_.push_back(event);
-    changed_.NotifyAll();
+    changed_.SignalAll();
   }
 
-  device::Mutex mutex_;
-  device::Condition changed_;
+  absl::Mutex mutex_;
+  klbase::SteadyCondVar changed_;
   std::vector<std::string> events_ ABSL_GUARDED_BY(mutex_);
 };
 

@@ -34,12 +34,12 @@ Worker::~Worker() {
 Outcome Worker::Run(Task task, std::chrono::milliseconds limit) {
   const auto job = std::make_shared<Job>(std::move(task));
   const auto deadline = steady_clock::now() + limit;
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (stopping_) return Outcome::Error(ErrorCode::kBusy, "the player is being deleted");
   jobs_.push_back(job);
-  changed_.NotifyAll();
+  changed_.SignalAll();
   while (!job->done && !(stopping_ && !job->started) && steady_clock::now() < deadline) {
-    changed_.WaitUntil(mutex_, deadline);
+    changed_.WaitUntil(&mutex_, deadline);
   }
   if (job->done) return std::move(job->outcome);
   if (job->started) return Outcome::Error(ErrorCode::kTimeout, "the request takes too long; it goes on unheard");
@@ -48,31 +48,31 @@ Outcome Worker::Run(Task task, std::chrono::milliseconds limit) {
 }
 
 void Worker::Wake() {
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   woken_ = true;
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 void Worker::Stop() {
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   stopping_ = true;
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 bool Worker::WaitStopped(std::chrono::milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
-  const device::MutexLock lock(mutex_);
-  while (!stopped_ && steady_clock::now() < deadline) changed_.WaitUntil(mutex_, deadline);
+  const absl::MutexLock lock(&mutex_);
+  while (!stopped_ && steady_clock::now() < deadline) changed_.WaitUntil(&mutex_, deadline);
   return stopped_;
 }
 
 void Worker::RunJob(Job& job) {
   Outcome outcome = job.task();
   job.task = nullptr;
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   job.outcome = std::move(outcome);
   job.done = true;
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 void Worker::Loop() {
@@ -80,8 +80,8 @@ void Worker::Loop() {
     std::shared_ptr<Job> job;
     bool woken = false;
     {
-      const device::MutexLock lock(mutex_);
-      while (!stopping_ && !woken_ && jobs_.empty()) changed_.WaitUntil(mutex_, steady_clock::now() + kIdle);
+      const absl::MutexLock lock(&mutex_);
+      while (!stopping_ && !woken_ && jobs_.empty()) changed_.WaitUntil(&mutex_, steady_clock::now() + kIdle);
       if (stopping_) break;
       woken = std::exchange(woken_, false);
       if (!jobs_.empty()) {
@@ -95,9 +95,9 @@ void Worker::Loop() {
     if (job != nullptr) RunJob(*job);
   }
   on_stop_();
-  const device::MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   stopped_ = true;
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 }  // namespace playd

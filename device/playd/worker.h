@@ -8,7 +8,9 @@
 #include <memory>
 #include <thread>
 
-#include "base/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "klbase/steady_cond_var.h"
 #include "playd/outcome.h"
 
 namespace playd {
@@ -48,8 +50,8 @@ class Worker {
 
   const std::function<void()> on_wake_;
   const std::function<void()> on_stop_;
-  device::Mutex mutex_;
-  device::Condition changed_;
+  absl::Mutex mutex_;
+  klbase::SteadyCondVar changed_;
   std::deque<std::shared_ptr<Job>> jobs_ ABSL_GUARDED_BY(mutex_);
   bool woken_ ABSL_GUARDED_BY(mutex_) = false;
   bool stopping_ ABSL_GUARDED_BY(mutex_) = false;

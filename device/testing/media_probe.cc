@@ -5,9 +5,10 @@
 #include <atomic>
 #include <chrono>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "base/gst.h"
 #include "base/hand_over.h"
-#include "base/mutex.h"
 
 namespace device::testing {
 namespace {
@@ -15,14 +16,14 @@ namespace {
 // Filled by the decoder's threads, one per track.
 struct Counting {
   GstElement* pipeline;
-  Mutex mu;
+  absl::Mutex mu;
   MediaFacts facts ABSL_GUARDED_BY(mu);
 };
 
 void CountSample(GstSample* sample, Counting* counting) {
   const GstStructure* caps = gst_caps_get_structure(gst_sample_get_caps(sample), 0);
   const std::string type = gst_structure_get_name(caps);
-  MutexLock lock(counting->mu);
+  absl::MutexLock lock(&counting->mu);
   MediaFacts& facts = counting->facts;
   if (type == "video/x-raw") {
     ++facts.video_frames;
@@ -81,7 +82,7 @@ MediaFacts ProbeMedia(const std::string& path) {
   gst_element_query_duration(pipeline.get(), GST_FORMAT_TIME, &length);
   pipeline.SetState(GST_STATE_NULL);
   TakeOver(&counting);
-  MutexLock lock(counting.mu);
+  absl::MutexLock lock(&counting.mu);
   MediaFacts facts = counting.facts;
   facts.seconds = static_cast<double>(length) / static_cast<double>(GST_SECOND);
   if (!message) facts.error = "not decoded in time";

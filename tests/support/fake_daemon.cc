@@ -34,25 +34,25 @@ void FakeDaemon::Start() {
 }
 
 std::vector<google::protobuf::Any> FakeDaemon::Requests() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return requests_;
 }
 
 bool FakeDaemon::WaitForRequests(std::size_t count, std::chrono::milliseconds limit) const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   const auto arrived = [this, count]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) { return requests_.size() >= count; };
-  return changes_.Wait(mutex_, limit, arrived);
+  return changes_.Wait(&mutex_, limit, arrived);
 }
 
 std::vector<klrpc::v1::PubsubMessage> FakeDaemon::Published() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return published_;
 }
 
 bool FakeDaemon::WaitForPublished(std::size_t count, std::chrono::milliseconds limit) const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   const auto arrived = [this, count]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) { return published_.size() >= count; };
-  return changes_.Wait(mutex_, limit, arrived);
+  return changes_.Wait(&mutex_, limit, arrived);
 }
 
 std::size_t FakeDaemon::Publish(const std::string& topic, const std::string& payload) {
@@ -65,9 +65,9 @@ std::size_t FakeDaemon::Publish(const std::string& topic, const std::string& pay
 bool FakeDaemon::OnRequest(const google::protobuf::Any& request, google::protobuf::Any& reply) {
   Handler handler;
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     requests_.push_back(request);
-    changes_.NotifyAll();
+    changes_.SignalAll();
     const auto& url = request.type_url();
     const auto found = handlers_.find(url.substr(url.rfind('/') + 1));
     if (found != handlers_.end()) handler = found->second;
@@ -76,14 +76,14 @@ bool FakeDaemon::OnRequest(const google::protobuf::Any& request, google::protobu
 }
 
 bool FakeDaemon::OnPublish(const klrpc::v1::PubsubMessage& message) {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   published_.push_back(message);
-  changes_.NotifyAll();
+  changes_.SignalAll();
   return true;
 }
 
 void FakeDaemon::SetHandler(const std::string& request_type, Handler handler) {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   handlers_[request_type] = std::move(handler);
 }
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "klrpc/api_server.h"
 #include "tests/support/limits.h"
 #include "tests/support/sync.h"
@@ -91,7 +92,7 @@ class FakeDaemon {
   void SetHandler(const std::string& request_type, Handler handler);
 
   const std::string address_;
-  mutable Mutex mutex_;
+  mutable absl::Mutex mutex_;
   mutable Changes changes_;
   std::map<std::string, Handler> handlers_ ABSL_GUARDED_BY(mutex_);
   std::vector<google::protobuf::Any> requests_ ABSL_GUARDED_BY(mutex_);

@@ -26,7 +26,7 @@ LogCapture::~LogCapture() {
 std::vector<LogRecord> LogCapture::Records() const { return RecordsOf(""); }
 
 std::vector<LogRecord> LogCapture::RecordsOf(std::string_view file_prefix) const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   std::vector<LogRecord> found;
   std::copy_if(records_.begin(), records_.end(), std::back_inserter(found),
                [file_prefix](const LogRecord& record) { return record.file.starts_with(file_prefix); });
@@ -34,23 +34,23 @@ std::vector<LogRecord> LogCapture::RecordsOf(std::string_view file_prefix) const
 }
 
 void LogCapture::Clear() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   records_.clear();
 }
 
 bool LogCapture::WaitFor(const LogRecord& record, std::chrono::milliseconds limit) const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   const auto written = [this, &record]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) {
     return std::find(records_.begin(), records_.end(), record) != records_.end();
   };
-  return changes_.Wait(mutex_, limit, written);
+  return changes_.Wait(&mutex_, limit, written);
 }
 
 void LogCapture::Add(const KlLogRecord& record) {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   records_.push_back(
       {record.level, std::string(record.source_file), std::string(record.function), std::string(record.text)});
-  changes_.NotifyAll();
+  changes_.SignalAll();
 }
 
 }  // namespace vextest

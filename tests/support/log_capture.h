@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "klbase/log_sink.h"
 #include "tests/support/limits.h"
 #include "tests/support/sync.h"
@@ -54,7 +55,7 @@ class LogCapture {
 
   const int32_t level_before_;
   const int32_t debug_before_;
-  mutable Mutex mutex_;
+  mutable absl::Mutex mutex_;
   mutable Changes changes_;
   std::vector<LogRecord> records_ ABSL_GUARDED_BY(mutex_);
 };

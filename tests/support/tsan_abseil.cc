@@ -80,7 +80,7 @@ void* NotifiedFlag(const void* notification) {
   }                                                                            \
   extern "C" RESULT FUNCTION(__VA_ARGS__)
 
-// absl::Mutex. What its scoped locks call; TryLock() and the LockWhen() family are not used in this tree.
+// absl::Mutex. What its scoped locks call, and TryLock(); the LockWhen() family is not used in this tree.
 
 STAND_BEFORE(void, vex_lock, "_ZN4absl7debian35Mutex4LockEv", void* self) {
   vex_lock_next()(self);
@@ -91,6 +91,12 @@ STAND_BEFORE(void, vex_unlock, "_ZN4absl7debian35Mutex6UnlockEv", void* self) {
   const InLibrary unlocking(self);
   __tsan_release(self);
   vex_unlock_next()(self);
+}
+
+STAND_BEFORE(bool, vex_try_lock, "_ZN4absl7debian35Mutex7TryLockEv", void* self) {
+  const bool locked = vex_try_lock_next()(self);
+  if (locked) __tsan_acquire(self);
+  return locked;
 }
 
 STAND_BEFORE(void, vex_reader_lock, "_ZN4absl7debian35Mutex10ReaderLockEv", void* self) {

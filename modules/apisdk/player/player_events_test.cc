@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "apisdk/pubsub_sdk.h"
 #include "player/rpc_player.h"
 #include "player/v1/player.pb.h"
@@ -21,20 +22,20 @@ using vextest::LogCapture;
 using vextest::LogRecord;
 
 // Where the plain-function callback puts what it gets, on klrpc's threads.
-vextest::Mutex arrived_mutex;
+absl::Mutex arrived_mutex;
 vextest::Changes arrivals;
 std::vector<lp::v1::ResultRepor> arrived ABSL_GUARDED_BY(arrived_mutex);
 
 void Arrive(const lp::v1::ResultRepor& report) {
-  vextest::MutexLock lock(arrived_mutex);
+  absl::MutexLock lock(&arrived_mutex);
   arrived.push_back(report);
-  arrivals.NotifyAll();
+  arrivals.SignalAll();
 }
 
 std::vector<lp::v1::ResultRepor> WaitForArrivals(std::size_t count) {
-  vextest::MutexLock lock(arrived_mutex);
+  absl::MutexLock lock(&arrived_mutex);
   const auto enough = [count]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(arrived_mutex) { return arrived.size() >= count; };
-  arrivals.Wait(arrived_mutex, vextest::kLimit, enough);
+  arrivals.Wait(&arrived_mutex, vextest::kLimit, enough);
   return arrived;
 }
 
@@ -45,7 +46,7 @@ const LogRecord kSubscribed = {30, "modules/apisdk/pubsub/rpc/rpc_pubsub", "OnSi
 class PlayerEventsTest : public testing::Test {
  protected:
   PlayerEventsTest() {
-    vextest::MutexLock lock(arrived_mutex);
+    absl::MutexLock lock(&arrived_mutex);
     arrived.clear();
     ApiPubSubSdk::instance_.InitPubSubPlayd([this]() -> klrpc::APIClient& { return *client_; });
   }

@@ -5,8 +5,9 @@
 #include <memory>
 #include <vector>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "cli/command.h"
-#include "console/mutex.h"
 
 namespace cli {
 
@@ -22,7 +23,7 @@ class CommandList {
   std::shared_ptr<const Commands> Snapshot() const;
 
  private:
-  mutable internal::Mutex mutex_;
+  mutable absl::Mutex mutex_;
   std::shared_ptr<const Commands> commands_ ABSL_GUARDED_BY(mutex_) = std::make_shared<const Commands>();
 };
 

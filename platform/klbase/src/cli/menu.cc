@@ -9,7 +9,7 @@
 namespace cli {
 
 void CommandList::Add(std::shared_ptr<Command> command) {
-  internal::MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   auto changed = std::make_shared<Commands>(*commands_);
   changed->push_back(std::move(command));
   commands_ = std::move(changed);
@@ -18,14 +18,14 @@ void CommandList::Add(std::shared_ptr<Command> command) {
 void CommandList::Remove(const Command* command) {
   std::shared_ptr<const Commands>
       old;  // destroyed after the lock is released: it may hold the command's last reference
-  internal::MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   auto changed = std::make_shared<Commands>(*commands_);
   std::erase_if(*changed, [command](const auto& entry) { return entry.get() == command; });
   old = std::exchange(commands_, std::move(changed));
 }
 
 std::shared_ptr<const CommandList::Commands> CommandList::Snapshot() const {
-  internal::MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return commands_;
 }
 

@@ -6,8 +6,8 @@
 #include <numeric>
 #include <utility>
 
-#include "line_editor/text.h"
 #include "cli/words.h"
+#include "line_editor/text.h"
 
 namespace cli::internal {
 namespace {

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "line_editor/text.h"
 #include "console/session/session.h"
+#include "line_editor/text.h"
 
 namespace cli::internal {
 namespace {

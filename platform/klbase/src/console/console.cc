@@ -10,15 +10,17 @@
 #include <utility>
 #include <vector>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "cli/plugin.h"
 #include "console/builtins.h"
 #include "console/exit_guard.h"
+#include "console/session/session_table.h"
+#include "console/tcp/server.h"
 #include "console/terminal/local_console.h"
 #include "console/terminal/local_terminal.h"
-#include "console/mutex.h"
-#include "console/tcp/server.h"
-#include "console/session/session_table.h"
 #include "klbase/log.h"
+#include "klbase/steady_cond_var.h"
 
 namespace cli::internal {
 namespace {
@@ -50,7 +52,7 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
 
   void Run() {
     {
-      MutexLock lock(mutex_);
+      absl::MutexLock lock(&mutex_);
       running_ = true;
       run_thread_ = pthread_self();
     }
@@ -58,13 +60,13 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
       local_->Run();
       for (const auto& session : table_.All()) server_->PostReap(session->Id());  // the local one, if it had no thread
     } else {
-      MutexLock lock(mutex_);
-      while (!stop_requested_) changed_.Wait(mutex_);
+      absl::MutexLock lock(&mutex_);
+      while (!stop_requested_) changed_.Wait(&mutex_);
     }
     {
-      MutexLock lock(mutex_);
+      absl::MutexLock lock(&mutex_);
       running_ = false;
-      changed_.NotifyAll();
+      changed_.SignalAll();
     }
     Stop();
   }
@@ -73,9 +75,9 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
   bool Stop() {
     RequestShutdown();
     {
-      MutexLock lock(mutex_);
+      absl::MutexLock lock(&mutex_);
       if (std::exchange(stopping_, true)) {
-        while (!stopped_) changed_.Wait(mutex_);
+        while (!stopped_) changed_.Wait(&mutex_);
         return !stuck_;
       }
     }
@@ -87,10 +89,10 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
       for (const auto& session : table_.All()) session->Detach();
       KeepForGood(shared_from_this());
     }
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     stopped_ = true;
     stuck_ = !ended;
-    changed_.NotifyAll();
+    changed_.SignalAll();
     return ended;
   }
 
@@ -106,9 +108,9 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
 
   void RequestShutdown() override {
     {
-      MutexLock lock(mutex_);
+      absl::MutexLock lock(&mutex_);
       stop_requested_ = true;
-      changed_.NotifyAll();
+      changed_.SignalAll();
     }
     if (local_) local_->Stop();
   }
@@ -147,11 +149,11 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
 
   // The thread in Run() closes the local side. A signal handler that exits may have interrupted that very thread.
   bool WaitForRun() {
-    const auto deadline = Condition::Clock::now() + options_.stop + options_.drain;
-    MutexLock lock(mutex_);
+    const auto deadline = std::chrono::steady_clock::now() + options_.stop + options_.drain;
+    absl::MutexLock lock(&mutex_);
     while (running_ && !pthread_equal(run_thread_, pthread_self())) {
-      if (Condition::Clock::now() >= deadline) return false;
-      changed_.WaitUntil(mutex_, deadline);
+      if (std::chrono::steady_clock::now() >= deadline) return false;
+      changed_.WaitUntil(&mutex_, deadline);
     }
     return true;
   }
@@ -164,8 +166,8 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
   std::unique_ptr<LocalConsole> local_;
   std::unique_ptr<Server> server_;
 
-  Mutex mutex_;
-  Condition changed_;
+  absl::Mutex mutex_;
+  klbase::SteadyCondVar changed_;
   std::atomic<bool> stop_requested_{false};
   bool running_ ABSL_GUARDED_BY(mutex_) = false;
   pthread_t run_thread_ ABSL_GUARDED_BY(mutex_){};

@@ -8,13 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "console/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 
 namespace cli::internal {
 namespace {
 
 struct Consoles {
-  Mutex mutex;
+  absl::Mutex mutex;
   std::vector<std::weak_ptr<StopsAtExit>> list ABSL_GUARDED_BY(mutex);
   std::vector<std::shared_ptr<void>> kept ABSL_GUARDED_BY(mutex);
 };
@@ -34,7 +35,7 @@ void StopAll(int status, void*) {
   std::vector<std::weak_ptr<StopsAtExit>> list;
   {
     Consoles& consoles = AllConsoles();
-    MutexLock lock(consoles.mutex);
+    absl::MutexLock lock(&consoles.mutex);
     list.swap(consoles.list);
   }
   bool ended = true;
@@ -49,7 +50,7 @@ void StopAll(int status, void*) {
 void StopAtExit(const std::shared_ptr<StopsAtExit>& console) {
   Consoles& consoles = AllConsoles();
   {
-    MutexLock lock(consoles.mutex);
+    absl::MutexLock lock(&consoles.mutex);
     std::erase_if(consoles.list, [](const auto& weak) { return weak.expired(); });
     consoles.list.push_back(console);
   }
@@ -59,7 +60,7 @@ void StopAtExit(const std::shared_ptr<StopsAtExit>& console) {
 
 void KeepForGood(std::shared_ptr<void> object) {
   Consoles& consoles = AllConsoles();
-  MutexLock lock(consoles.mutex);
+  absl::MutexLock lock(&consoles.mutex);
   consoles.kept.push_back(std::move(object));
 }
 

@@ -9,7 +9,6 @@
 #include <limits>
 #include <utility>
 
-
 namespace cli::internal {
 namespace {
 
@@ -33,13 +32,13 @@ OutputBuffer::OutputBuffer(int fd, Target target, std::function<void()> attentio
     : target_(target), attention_(std::move(attention)), fd_(fd) {}
 
 void OutputBuffer::SetText(Text text) {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   text_ = text;
 }
 
 void OutputBuffer::Append(std::string_view text) {
   if (text.empty()) return;
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   if (fd_ < 0) return;
   AppendConvertedLocked(text);
   line_start_ = text.back() == '\n';
@@ -47,7 +46,7 @@ void OutputBuffer::Append(std::string_view text) {
 
 bool OutputBuffer::Print(std::string_view text) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (fd_ < 0) return false;
     if (text.empty()) return true;
     AppendConvertedLocked(text);
@@ -73,18 +72,18 @@ void OutputBuffer::AppendConvertedLocked(std::string_view text) {
 }
 
 void OutputBuffer::AppendRaw(std::string_view bytes) {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   if (fd_ >= 0) pending_.append(bytes);
 }
 
 void OutputBuffer::FreshLine() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   if (fd_ >= 0 && !line_start_) AppendConvertedLocked("\n");
   line_start_ = true;
 }
 
 void OutputBuffer::MarkLineStart() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   line_start_ = true;
 }
 
@@ -92,7 +91,7 @@ bool OutputBuffer::Flush() {
   bool call = false;
   bool done = false;
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     const bool was_open = fd_ >= 0;
     const bool was_blocked = blocked_;
     WriteLocked();
@@ -105,7 +104,7 @@ bool OutputBuffer::Flush() {
 
 void OutputBuffer::FlushUnlessBlocked() {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (blocked_) return;
   }
   Flush();
@@ -141,49 +140,49 @@ void OutputBuffer::WriteLocked() {
   if (blocked && (progress || !blocked_)) blocked_since_ = Clock::now();
   blocked_ = blocked;
   const bool emptied = progress && PendingLocked() == 0;
-  if (fd_ < 0 || emptied || (was_full && PendingLocked() <= kMaxPending)) room_.NotifyAll();
+  if (fd_ < 0 || emptied || (was_full && PendingLocked() <= kMaxPending)) room_.SignalAll();
 }
 
 bool OutputBuffer::WaitForRoom() {
-  MutexLock lock(mutex_);
-  while (fd_ >= 0 && PendingLocked() > kMaxPending) room_.Wait(mutex_);
+  absl::MutexLock lock(&mutex_);
+  while (fd_ >= 0 && PendingLocked() > kMaxPending) room_.Wait(&mutex_);
   return fd_ >= 0;
 }
 
 bool OutputBuffer::WaitUntilWritten() {
   if (Flush()) return !Closed();
-  MutexLock lock(mutex_);
-  while (fd_ >= 0 && !released_ && PendingLocked() > 0) room_.Wait(mutex_);
+  absl::MutexLock lock(&mutex_);
+  while (fd_ >= 0 && !released_ && PendingLocked() > 0) room_.Wait(&mutex_);
   return fd_ >= 0 && PendingLocked() == 0;
 }
 
 void OutputBuffer::ReleaseWriters() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   released_ = true;
-  room_.NotifyAll();
+  room_.SignalAll();
 }
 
 void OutputBuffer::Close() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   fd_ = -1;
   std::string().swap(pending_);
   written_ = 0;
   blocked_ = false;
-  room_.NotifyAll();
+  room_.SignalAll();
 }
 
 bool OutputBuffer::Closed() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return fd_ < 0;
 }
 
 std::size_t OutputBuffer::Pending() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return PendingLocked();
 }
 
 OutputBuffer::Clock::duration OutputBuffer::StalledFor() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return blocked_ ? Clock::now() - blocked_since_ : Clock::duration::zero();
 }
 

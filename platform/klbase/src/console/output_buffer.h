@@ -8,7 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "console/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 
 namespace cli::internal {
 
@@ -81,8 +82,8 @@ class OutputBuffer {
 
   const Target target_;
   const std::function<void()> attention_;
-  mutable Mutex mutex_;
-  Condition room_;
+  mutable absl::Mutex mutex_;
+  absl::CondVar room_;
   int fd_ ABSL_GUARDED_BY(mutex_);
   Text text_ ABSL_GUARDED_BY(mutex_) = Text::kPlain;
   bool line_start_ ABSL_GUARDED_BY(mutex_) = true;

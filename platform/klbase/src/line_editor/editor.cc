@@ -4,8 +4,8 @@
 #include <optional>
 #include <utility>
 
-#include "line_editor/history.h"
 #include "line_editor/buffer.h"
+#include "line_editor/history.h"
 #include "line_editor/keys.h"
 #include "line_editor/screen.h"
 #include "line_editor/search.h"

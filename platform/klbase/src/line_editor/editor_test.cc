@@ -1,6 +1,6 @@
 #include "line_editor/editor.h"
-#include "line_editor/limits.h"
 
+#include "line_editor/limits.h"
 #include "line_editor/test_fixture.h"
 
 namespace cli::internal {

@@ -14,8 +14,8 @@
 #include <thread>
 #include <utility>
 
-#include "line_editor/limits.h"
 #include "klbase/log.h"
+#include "line_editor/limits.h"
 
 namespace cli::internal {
 namespace {

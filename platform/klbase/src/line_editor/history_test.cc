@@ -18,8 +18,8 @@
 #include <sstream>
 #include <thread>
 
-#include "line_editor/limits.h"
 #include "klbase/log_sink.h"
+#include "line_editor/limits.h"
 
 namespace cli::internal {
 namespace {

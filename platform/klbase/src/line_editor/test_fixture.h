@@ -9,8 +9,8 @@
 #include <string_view>
 #include <vector>
 
-#include "line_editor/history.h"
 #include "line_editor/editor.h"
+#include "line_editor/history.h"
 #include "line_editor/test_screen.h"
 
 namespace cli::internal {

@@ -114,7 +114,7 @@ LogFile::Sink LogFile::OpenSink(std::string* error) {
 }
 
 bool LogFile::Open(Settings settings) {
-  klbase::MutexLock control(control_);
+  MutexLock control(control_);
   CloseLocked();
   settings_ = std::move(settings);
   std::string error;
@@ -125,13 +125,13 @@ bool LogFile::Open(Settings settings) {
   }
   const bool opened = sink != nullptr;
   {
-    klbase::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     sink_ = std::move(sink);
     unflushed_ = failing_ = stop_flusher_ = false;
   }
   if (opened) flusher_ = StartWithSignalsBlocked([](LogFile* file) { file->RunFlusher(); }, this);
   {
-    klbase::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     flusher_runs_ = flusher_ != nullptr;
   }
   open_.store(true, std::memory_order_release);
@@ -139,14 +139,14 @@ bool LogFile::Open(Settings settings) {
 }
 
 void LogFile::Close() {
-  klbase::MutexLock control(control_);
+  MutexLock control(control_);
   CloseLocked();
 }
 
 void LogFile::CloseLocked() {
   std::string notice;
   {
-    klbase::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     open_.store(false, std::memory_order_release);
     FlushLocked(&notice);
     sink_.reset();
@@ -171,7 +171,7 @@ void LogFile::Write(int level, std::string_view line) {
   bool written = false;
   inside = true;
   {
-    klbase::MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
     // Tested again under the lock: the file may have been closed meanwhile.
     written = !open_.load(std::memory_order_relaxed) || WriteToSinkLocked(level, line, &notice);
   }
@@ -254,10 +254,10 @@ void LogFile::RunFlusher() {
     std::string notice;
     bool lost = false;
     {
-      klbase::MutexLock lock(mutex_);
+      MutexLock lock(mutex_);
       while (!stop_flusher_ && !unflushed_ && sink_ != nullptr) wake_flusher_.Wait(mutex_);
       // A wall clock that is set back must not hold the records back.
-      const auto due = klbase::Condition::Clock::now() + kFlushInterval;
+      const auto due = Condition::Clock::now() + kFlushInterval;
       while (!stop_flusher_ && wake_flusher_.WaitUntil(mutex_, due)) {
       }
       if (stop_flusher_) return;
@@ -273,7 +273,7 @@ void LogFile::RunFlusher() {
 void LogFile::Reopen() {
   std::string error;
   Sink sink = OpenSink(&error);
-  klbase::MutexLock lock(mutex_);
+  MutexLock lock(mutex_);
   if (!stop_flusher_) sink_ = std::move(sink);
 }
 
@@ -299,7 +299,7 @@ void LogFile::AfterForkInParent() ABSL_NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void LogFile::AfterForkInChild() ABSL_NO_THREAD_SAFETY_ANALYSIS {
-  new (&wake_flusher_) klbase::Condition;
+  new (&wake_flusher_) Condition;
   (void)flusher_.release();
   flusher_runs_ = false;
   mutex_.unlock();

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <thread>
 
-#include "klbase/mutex.h"
+#include "log/mutex.h"
 
 namespace spdlog::sinks {
 class sink;
@@ -61,13 +61,13 @@ class LogFile {
   void AfterForkInChild();
 
   // Held while the file is opened and closed, so that only one thread starts and ends the flusher.
-  klbase::Mutex control_;
+  Mutex control_;
   Settings settings_;  // written while no flusher runs and there is no sink
   std::unique_ptr<std::thread> flusher_ ABSL_GUARDED_BY(control_);
 
   std::atomic<bool> open_{false};
-  klbase::Mutex mutex_;
-  klbase::Condition wake_flusher_;
+  Mutex mutex_;
+  Condition wake_flusher_;
   Sink sink_ ABSL_GUARDED_BY(mutex_);
   // Which file the sink writes to. Written by the sink when it opens one: under mutex_, or before the sink is in place.
   struct {

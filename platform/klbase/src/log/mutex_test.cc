@@ -1,11 +1,11 @@
-#include "klbase/mutex.h"
+#include "log/mutex.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <thread>
 
-namespace klbase {
+namespace klbase_internal {
 namespace {
 
 TEST(ConditionTest, AWaitForEverSleepsUntilItIsNotified) {
@@ -42,4 +42,4 @@ TEST(ConditionTest, AWaitEndsAtItsDeadline) {
 }
 
 }  // namespace
-}  // namespace klbase
+}  // namespace klbase_internal

@@ -4,7 +4,8 @@
 #include <memory>
 #include <utility>
 
-#include "klbase/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 
 namespace klbase_internal {
 namespace {
@@ -15,8 +16,8 @@ struct Observer {
 };
 
 struct Registry {
-  klbase::Mutex mutex;
-  klbase::Condition idle;
+  absl::Mutex mutex;
+  absl::CondVar idle;
   std::shared_ptr<Observer> current ABSL_GUARDED_BY(mutex);
 };
 
@@ -32,14 +33,14 @@ constinit std::atomic<bool> has_observer{false};
 constinit thread_local const Observer* current_call = nullptr;
 
 std::shared_ptr<Observer> BeginCall(Registry& registry) {
-  klbase::MutexLock lock(registry.mutex);
+  absl::MutexLock lock(&registry.mutex);
   if (registry.current != nullptr) ++registry.current->running;
   return registry.current;
 }
 
 void EndCall(Registry& registry, Observer& observer) {
-  klbase::MutexLock lock(registry.mutex);
-  if (--observer.running == 0) registry.idle.NotifyAll();
+  absl::MutexLock lock(&registry.mutex);
+  if (--observer.running == 0) registry.idle.SignalAll();
 }
 
 }  // namespace
@@ -64,16 +65,15 @@ void NotifyLogObserver(const KlLogRecord& record) {
 }  // namespace klbase_internal
 
 void KlLogSetObserver(std::function<void(const KlLogRecord&)> observer) {
-  using klbase::MutexLock;
   auto& registry = klbase_internal::TheRegistry();
   std::shared_ptr<klbase_internal::Observer> next;
   if (observer) next = std::make_shared<klbase_internal::Observer>(klbase_internal::Observer{std::move(observer), 0});
   // Declared before the lock so that the old function's captures are destroyed outside of it.
   std::shared_ptr<klbase_internal::Observer> old;
-  klbase::MutexLock lock(registry.mutex);
+  absl::MutexLock lock(&registry.mutex);
   old = std::exchange(registry.current, std::move(next));
   klbase_internal::has_observer.store(registry.current != nullptr, std::memory_order_release);
   if (old == nullptr) return;
   const int own = klbase_internal::current_call == old.get() ? 1 : 0;
-  while (old->running > own) registry.idle.Wait(registry.mutex);
+  while (old->running > own) registry.idle.Wait(&registry.mutex);
 }

@@ -24,6 +24,7 @@
 #define SIGSLOT_SIGSLOT_H_
 
 #include <absl/base/thread_annotations.h>
+#include <absl/synchronization/mutex.h>
 
 #include <functional>
 #include <memory>
@@ -31,13 +32,9 @@
 #include <utility>
 #include <vector>
 
-#include "klbase/mutex.h"
 #include "klrpc/export.h"
 
 namespace sigslot {
-
-using mutex = klbase::Mutex;
-using mutex_lock = klbase::MutexLock;
 
 // Policies: which mutex guards a holder's list of the signals it is connected to. It is held for moments only, never
 // while a slot runs.
@@ -47,7 +44,7 @@ struct single_threaded {};
 
 // All holders of this policy share one mutex of the process.
 struct KLRPC_EXPORT multi_threaded_global {
-  static mutex& get_mutex();
+  static absl::Mutex& get_mutex();
 };
 
 // Each holder has its own mutex.
@@ -104,7 +101,7 @@ class KLRPC_EXPORT SignalCore {
   void Disconnect(const void* object);
 
  private:
-  mutable mutex mutex_;
+  mutable absl::Mutex mutex_;
   // Replaced, never changed, so that an emission can walk it without the lock.
   std::shared_ptr<const LinkList> links_ ABSL_GUARDED_BY(mutex_) = std::make_shared<LinkList>();
 };
@@ -113,15 +110,15 @@ class KLRPC_EXPORT SignalCore {
 class KLRPC_EXPORT HolderCore {
  public:
   // `shared` is the mutex to use, null for one of its own.
-  explicit HolderCore(mutex* shared) : mutex_(shared != nullptr ? *shared : own_) {}
+  explicit HolderCore(absl::Mutex* shared) : mutex_(shared != nullptr ? *shared : own_) {}
 
   void Add(std::shared_ptr<Link> link);
   void Remove(const Link* link);
   void DisconnectAll();
 
  private:
-  mutex own_;
-  mutex& mutex_;
+  absl::Mutex own_;
+  absl::Mutex& mutex_;
   LinkList links_ ABSL_GUARDED_BY(mutex_);
 };
 
@@ -170,7 +167,7 @@ class KLRPC_EXPORT HolderBase {
   const std::shared_ptr<HolderCore>& slot_core() const { return core_; }
 
  protected:
-  explicit HolderBase(mutex* shared) : core_(std::make_shared<HolderCore>(shared)) {}
+  explicit HolderBase(absl::Mutex* shared) : core_(std::make_shared<HolderCore>(shared)) {}
 
  private:
   const std::shared_ptr<HolderCore> core_;
@@ -185,7 +182,7 @@ class has_slots : public internal::HolderBase {
   has_slots() : HolderBase(SharedMutex()) {}
 
  private:
-  static mutex* SharedMutex() {
+  static absl::Mutex* SharedMutex() {
     if constexpr (std::is_same_v<Policy, multi_threaded_global>) {
       return &multi_threaded_global::get_mutex();
     } else {

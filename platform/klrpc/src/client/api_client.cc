@@ -5,14 +5,15 @@
 #include <exception>
 #include <utility>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "client/channel.h"
 #include "client/loop.h"
-#include "transport/grpc_core.h"
-#include "klbase/log.h"
 #include "client/publisher.h"
 #include "client/subscriptions.h"
-#include "sync.h"
 #include "client/unary_call.h"
+#include "klbase/log.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
 namespace {
@@ -93,7 +94,7 @@ class APIClient::Impl {
   UnaryCaller& Caller() { return caller_; }
 
   PubSub& Events() {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     if (pubsub_ == nullptr) pubsub_ = CreatePubSub();
     return *pubsub_;
   }
@@ -120,7 +121,7 @@ class APIClient::Impl {
   const std::chrono::milliseconds timeout_ = CallTimeout();
   ClientChannel channel_{*options_};
   UnaryCaller caller_{channel_};
-  Mutex mutex_;
+  absl::Mutex mutex_;
   std::unique_ptr<PubSub> pubsub_ ABSL_GUARDED_BY(mutex_);
 };
 

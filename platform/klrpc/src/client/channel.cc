@@ -55,7 +55,7 @@ ChannelPtr Create(const APIClientOptions& options, ChannelArgs& args) {
 ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
   ChannelPtr channel;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     channel = channel_;
   }
   if (channel != nullptr) {
@@ -68,7 +68,7 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
   ChannelArgs args;
   args.Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 0);
   ChannelPtr created = Create(options_, args);
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   // The old one is destroyed after the lock is released.
   if (channel_ == channel || channel_ == nullptr) std::swap(channel_, created);
   return channel_;
@@ -77,7 +77,7 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
 void ClientChannel::GiveUpAttempt(const ChannelPtr& channel) {
   if (grpc_channel_check_connectivity_state(channel.get(), 0) == GRPC_CHANNEL_READY) return;
   ChannelPtr dropped;  // destroyed after the lock is released
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (channel_ == channel) dropped.swap(channel_);
 }
 

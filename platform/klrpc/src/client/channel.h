@@ -6,8 +6,9 @@
 
 #include <memory>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "klrpc/api_client.h"
-#include "sync.h"
 
 namespace klrpc {
 
@@ -29,7 +30,7 @@ class ClientChannel {
 
  private:
   const APIClientOptions& options_;
-  Mutex mutex_;
+  absl::Mutex mutex_;
   ChannelPtr channel_ ABSL_GUARDED_BY(mutex_);
 };
 

@@ -20,7 +20,7 @@ ClientLoop::~ClientLoop() { grpc_completion_queue_destroy(queue_); }
 void ClientLoop::Start() { thread_ = std::thread(&ClientLoop::Run, this); }
 
 bool ClientLoop::StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag) {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   return !stopped_ && grpc_call_start_batch(call, ops, count, tag, nullptr) == GRPC_CALL_OK;
 }
 
@@ -29,7 +29,7 @@ void ClientLoop::RunAfter(std::chrono::milliseconds time, std::function<void()> 
 }
 
 void ClientLoop::Stop() {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   stopped_ = true;
   grpc_completion_queue_shutdown(queue_);
 }

@@ -10,8 +10,9 @@
 #include <map>
 #include <thread>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "transport/grpc_core.h"
-#include "sync.h"
 
 namespace klrpc {
 
@@ -56,7 +57,7 @@ class ClientLoop {
 
   // Held while operations are started, so that none starts on a queue that was shut down. gRPC runs none of our code
   // from there.
-  Mutex mutex_;
+  absl::Mutex mutex_;
   bool stopped_ ABSL_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };

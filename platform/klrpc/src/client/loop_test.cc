@@ -6,8 +6,8 @@
 #include <functional>
 #include <utility>
 
-#include "transport/grpc_core.h"
 #include "test_support.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc::testing {
 namespace {

@@ -53,7 +53,7 @@ bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
   bool full = false;
   bool tell = false;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     full = pending_.size() >= kMaxPending;
     tell = full && !std::exchange(overflow_, true);
     if (!full) {
@@ -71,7 +71,7 @@ bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
 void Publisher::SendNext() {
   Pending next;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     if (pending_.empty()) {
       sending_ = false;
       return;
@@ -81,7 +81,7 @@ void Publisher::SendNext() {
   }
   const auto call = std::make_shared<PublishCall>(*this, std::move(next));
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     current_ = call;
   }
   call->Start();
@@ -102,7 +102,7 @@ void Publisher::Cancel() {
   std::shared_ptr<PublishCall> current;
   std::deque<Pending> unsent;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     current.swap(current_);
     unsent.swap(pending_);
   }

@@ -12,11 +12,12 @@
 #include <memory>
 #include <string>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "client/channel.h"
 #include "client/loop.h"
-#include "transport/grpc_core.h"
 #include "klrpc/v1/pubsub.pb.h"
-#include "sync.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
 
@@ -58,7 +59,7 @@ class Publisher {
   const Outcome outcome_;
   const std::string name_ = UniqueName();
 
-  Mutex mutex_;
+  absl::Mutex mutex_;
   std::uint64_t count_ ABSL_GUARDED_BY(mutex_) = 0;
   std::deque<Pending> pending_ ABSL_GUARDED_BY(mutex_);
   bool sending_ ABSL_GUARDED_BY(mutex_) = false;

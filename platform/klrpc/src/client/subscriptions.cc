@@ -133,7 +133,7 @@ Subscriptions::Subscriptions(const APIClientOptions& options, ClientLoop& loop, 
 
 void Subscriptions::Subscribe(const std::string& client_id, const std::vector<std::string>& topics) {
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     std::vector<std::string>& known = by_client_[client_id].topics;
     const std::size_t before = known.size();
     for (const std::string& topic : topics) {
@@ -149,7 +149,7 @@ void Subscriptions::Subscribe(const std::string& client_id, const std::vector<st
 void Subscriptions::Open(const std::string& client_id) {
   StreamPtr stream;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     Subscription& subscription = by_client_[client_id];
     auto& streams = subscription.streams;
     if (cancelled_ || subscription.topics.empty()) return;
@@ -165,7 +165,7 @@ void Subscriptions::Open(const std::string& client_id) {
 void Subscriptions::OnConfirmed(Stream& stream) {
   bool read = false;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     const auto& streams = by_client_[stream.ClientId()].streams;
     const auto found = std::find_if(streams.begin(), streams.end(),
                                     [&stream](const StreamPtr& each) { return each.get() == &stream; });
@@ -193,7 +193,7 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
   bool was_last = false;
   int failures = 0;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     all_.erase(stream);
     Subscription& subscription = by_client_[stream->ClientId()];
     auto& streams = subscription.streams;
@@ -249,7 +249,7 @@ std::chrono::milliseconds Subscriptions::BackOff(int failures) const {
 bool Subscriptions::Tick() {
   ChannelPtr channel;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     const auto waits = [](const StreamPtr& stream) { return !stream->confirmed; };
     const bool none_waits = std::all_of(by_client_.begin(), by_client_.end(), [&](const auto& entry) {
       const auto& streams = entry.second.streams;
@@ -269,7 +269,7 @@ bool Subscriptions::Tick() {
 void Subscriptions::Cancel() {
   std::set<StreamPtr> all;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     cancelled_ = true;
     all = all_;
   }

@@ -19,11 +19,12 @@
 #include <string>
 #include <vector>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "client/channel.h"
 #include "client/loop.h"
-#include "transport/grpc_core.h"
 #include "klrpc/api_client.h"
-#include "sync.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
 
@@ -70,7 +71,7 @@ class Subscriptions {
   const Events events_;
   const std::string owner_ = UniqueName();
 
-  Mutex mutex_;
+  absl::Mutex mutex_;
   ChannelPtr channel_ ABSL_GUARDED_BY(mutex_);
   std::uint64_t opened_ ABSL_GUARDED_BY(mutex_) = 0;
   bool cancelled_ ABSL_GUARDED_BY(mutex_) = false;

@@ -56,13 +56,13 @@ void Destroy(grpc_completion_queue* queue) {
 }  // namespace
 
 UnaryCaller::~UnaryCaller() {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   for (grpc_completion_queue* queue : idle_queues_) Destroy(queue);
 }
 
 grpc_completion_queue* UnaryCaller::TakeQueue() {
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     if (!idle_queues_.empty()) {
       grpc_completion_queue* queue = idle_queues_.back();
       idle_queues_.pop_back();
@@ -75,7 +75,7 @@ grpc_completion_queue* UnaryCaller::TakeQueue() {
 
 void UnaryCaller::GiveBack(grpc_completion_queue* queue) {
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     if (idle_queues_.size() < kMaxIdleQueues) {
       idle_queues_.push_back(queue);
       return;

@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "client/channel.h"
-#include "sync.h"
 
 namespace klrpc {
 
@@ -37,7 +38,7 @@ class UnaryCaller {
   void GiveBack(grpc_completion_queue* queue);
 
   ClientChannel& channel_;
-  Mutex mutex_;
+  absl::Mutex mutex_;
   std::vector<grpc_completion_queue*> idle_queues_ ABSL_GUARDED_BY(mutex_);
 };
 

@@ -17,13 +17,13 @@
 #include <system_error>
 #include <utility>
 
-#include "server/diagnostics.h"
-#include "transport/grpc_core.h"
 #include "klbase/log.h"
 #include "server/call.h"
+#include "server/diagnostics.h"
 #include "server/subscription_hub.h"
 #include "server/unix_listener.h"
 #include "server/worker_pool.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
 namespace {

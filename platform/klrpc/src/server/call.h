@@ -7,8 +7,10 @@
 #include <functional>
 #include <string>
 
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "klbase/steady_cond_var.h"
 #include "transport/grpc_core.h"
-#include "sync.h"
 
 namespace klrpc {
 
@@ -26,25 +28,25 @@ void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, vo
 class LiveEvents {
  public:
   void Add() {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     ++count_;
   }
   void Remove() {
-    const MutexLock lock(mutex_);
-    if (--count_ == 0) none_.NotifyAll();
+    const absl::MutexLock lock(&mutex_);
+    if (--count_ == 0) none_.SignalAll();
   }
   // False when some are left at `deadline`.
   bool WaitForNone(std::chrono::steady_clock::time_point deadline) {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     while (count_ > 0) {
-      if (!none_.WaitUntil(mutex_, deadline)) return count_ == 0;
+      if (!none_.WaitUntil(&mutex_, deadline)) return count_ == 0;
     }
     return true;
   }
 
  private:
-  Mutex mutex_;
-  CondVar none_;
+  absl::Mutex mutex_;
+  klbase::SteadyCondVar none_;
   int count_ ABSL_GUARDED_BY(mutex_) = 0;
 };
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "transport/grpc_core.h"
 #include "server/call.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
 

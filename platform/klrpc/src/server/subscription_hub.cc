@@ -18,7 +18,7 @@ std::size_t SubscriptionHub::Publish(const std::string& topic, const Slice& mess
   std::size_t reached = 0;
   std::vector<std::shared_ptr<SubscriberStream>> kicked;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     const auto found = by_topic_.find(topic);
     if (found == by_topic_.end()) return 0;
     for (const auto& stream : found->second) {
@@ -35,7 +35,7 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
   std::shared_ptr<SubscriberStream> predecessor;
   bool kick = false;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     if (closed_) return false;
     if (!stream->Owner().empty()) {
       auto& place = by_owner_[{stream->Owner(), stream->Request().client_id()}];
@@ -54,7 +54,7 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
 }
 
 void SubscriptionHub::Leave(const std::shared_ptr<SubscriberStream>& stream) {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   const auto place = by_owner_.find({stream->Owner(), stream->Request().client_id()});
   if (place != by_owner_.end() && place->second == stream) by_owner_.erase(place);
   RemoveLocked(stream);
@@ -74,7 +74,7 @@ void SubscriptionHub::Close() {
   StreamSet all;
   std::vector<std::shared_ptr<SubscriberStream>> kicked;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     closed_ = true;
     all.swap(all_);
     by_topic_.clear();
@@ -160,7 +160,7 @@ void SubscriberStream::Confirm() {
 }
 
 bool SubscriberStream::Enqueue(const Slice& message, bool& kick) {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (gone_ || ending_) return false;
   const std::size_t size = message.View().size();
   if (queue_.size() >= kMaxQueued || queued_bytes_ + size > kMaxQueuedBytes) {
@@ -174,7 +174,7 @@ bool SubscriberStream::Enqueue(const Slice& message, bool& kick) {
 }
 
 bool SubscriberStream::EndAfterQueue(grpc_status_code code, const std::string& text) {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   ending_ = true;
   end_code_ = code;
   end_text_ = text;
@@ -188,7 +188,7 @@ void SubscriberStream::OnSent(bool ok) {
     SendNext();
     return;
   }
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   gone_ = true;
   queue_.clear();
 }
@@ -198,7 +198,7 @@ void SubscriberStream::SendNext() {
   std::string report;
   Step step;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     // A burst is over when there is room for half a queue again: a reader that is only just too slow is one burst.
     if (queue_.size() <= kMaxQueued / 2) report = TakeDropReportLocked();
     step = NextStepLocked();
@@ -241,7 +241,7 @@ void SubscriberStream::Finish(grpc_status_code code, const std::string& text) {
 void SubscriberStream::OnClosed(bool) {
   std::string report;
   {
-    const MutexLock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     gone_ = true;
     queue_.clear();
     report = TakeDropReportLocked();

@@ -14,10 +14,11 @@
 #include <unordered_map>
 #include <utility>
 
-#include "transport/grpc_core.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "server/call.h"
-#include "sync.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
 
@@ -44,7 +45,7 @@ class SubscriptionHub {
 
   void RemoveLocked(const std::shared_ptr<SubscriberStream>& stream) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
-  Mutex mutex_;
+  absl::Mutex mutex_;
   bool closed_ ABSL_GUARDED_BY(mutex_) = false;
   std::unordered_map<std::string, StreamSet> by_topic_ ABSL_GUARDED_BY(mutex_);
   // By owner and client id.
@@ -126,7 +127,7 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   Completion<SubscriberStream> closed_{this, &SubscriberStream::OnClosed};
   Completion<SubscriberStream> ended_{this, &SubscriberStream::OnEnded};
 
-  Mutex mutex_;
+  absl::Mutex mutex_;
   std::deque<Slice> queue_ ABSL_GUARDED_BY(mutex_);
   std::size_t queued_bytes_ ABSL_GUARDED_BY(mutex_) = 0;
   // Somebody sends, or has promised to: only one operation may send at a time. True until the confirmation is out.

@@ -38,9 +38,9 @@ bool WorkerPool::Lead(std::uint64_t lead) {
   while (true) {
     const grpc_event event = NextEvent(queue_, Never());
     if (event.type == GRPC_QUEUE_SHUTDOWN) {
-      const MutexLock lock(mutex_);
+      const absl::MutexLock lock(&mutex_);
       ended_ = true;
-      changed_.NotifyAll();
+      changed_.SignalAll();
       return false;
     }
     if (event.type == GRPC_QUEUE_TIMEOUT) continue;
@@ -53,27 +53,27 @@ bool WorkerPool::Lead(std::uint64_t lead) {
 }
 
 void WorkerPool::StartWatch() {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   watch_wanted_.store(true);
-  changed_.NotifyAll();
+  changed_.SignalAll();
 }
 
 bool WorkerPool::WaitForLead(std::uint64_t& lead) {
-  const MutexLock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   if (!has_leader_) {
     has_leader_ = true;
     return !ended_;
   }
   while (!ended_) {
     if (watched_ || !watch_wanted_.load()) {
-      changed_.Wait(mutex_);
+      changed_.Wait(&mutex_);
       continue;
     }
     watched_ = true;
     const bool leads = Watch(lead);
     watched_ = false;
     // The new leader is watched by the next one.
-    if (leads) changed_.NotifyAll();
+    if (leads) changed_.SignalAll();
     if (leads) return true;
   }
   return false;
@@ -82,7 +82,7 @@ bool WorkerPool::WaitForLead(std::uint64_t& lead) {
 bool WorkerPool::Watch(std::uint64_t& lead) {
   std::uint64_t seen = step_.load();
   for (int idle = 0; !ended_;) {
-    changed_.WaitUntil(mutex_, steady_clock::now() + kGlance);
+    changed_.WaitUntil(&mutex_, steady_clock::now() + kGlance);
     std::uint64_t now = step_.load();
     if (now != seen) {
       seen = now;

@@ -14,7 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "sync.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "klbase/steady_cond_var.h"
 
 namespace klrpc {
 
@@ -43,8 +45,8 @@ class WorkerPool {
   std::atomic<std::uint64_t> step_{0};
   std::atomic<bool> watch_wanted_{false};
 
-  Mutex mutex_;
-  CondVar changed_;
+  absl::Mutex mutex_;
+  klbase::SteadyCondVar changed_;
   bool has_leader_ ABSL_GUARDED_BY(mutex_) = false;
   bool watched_ ABSL_GUARDED_BY(mutex_) = false;
   bool ended_ ABSL_GUARDED_BY(mutex_) = false;

@@ -1,13 +1,12 @@
 #include "sigslot/sigslot.h"
 
 #include <algorithm>
-#include <condition_variable>
 
 namespace sigslot {
 
-mutex& multi_threaded_global::get_mutex() {
+absl::Mutex& multi_threaded_global::get_mutex() {
   // Never destroyed: holders may be destroyed at any time of the process's end.
-  static mutex* const global = new mutex;
+  static absl::Mutex* const global = new absl::Mutex;
   return *global;
 }
 
@@ -24,13 +23,13 @@ thread_local ThreadState this_thread;
 
 // Guards who runs and who waits, for all connections: finding circles needs the whole picture. Held for a few
 // instructions at a time. Never destroyed, like the mutex above.
-std::mutex& RunMutex() {
-  static std::mutex* const run_mutex = new std::mutex;
+absl::Mutex& RunMutex() {
+  static absl::Mutex* const run_mutex = new absl::Mutex;
   return *run_mutex;
 }
 
-std::condition_variable& SomebodyLeft() {
-  static std::condition_variable* const left = new std::condition_variable;
+absl::CondVar& SomebodyLeft() {
+  static absl::CondVar* const left = new absl::CondVar;
   return *left;
 }
 
@@ -40,7 +39,7 @@ int waiting_threads = 0;
 }  // namespace
 
 bool Link::Enter() {
-  const std::lock_guard<std::mutex> lock(RunMutex());
+  const absl::MutexLock lock(&RunMutex());
   if (closed_) return false;
   running_.push_back(&this_thread);
   return true;
@@ -48,22 +47,22 @@ bool Link::Enter() {
 
 void Link::Leave() {
   {
-    const std::lock_guard<std::mutex> lock(RunMutex());
+    const absl::MutexLock lock(&RunMutex());
     running_.erase(std::find(running_.begin(), running_.end(), &this_thread));
-    if (waiting_threads > 0) SomebodyLeft().notify_all();
+    if (waiting_threads > 0) SomebodyLeft().SignalAll();
     if (!closed_) return;
   }
   UnlistIfDone();
 }
 
 void Link::Close() {
-  const std::lock_guard<std::mutex> lock(RunMutex());
+  const absl::MutexLock lock(&RunMutex());
   closed_ = true;
 }
 
 void Link::UnlistIfDone() {
   {
-    const std::lock_guard<std::mutex> lock(RunMutex());
+    const absl::MutexLock lock(&RunMutex());
     if (!closed_ || !running_.empty()) return;
   }
   if (const auto signal = signal_.lock()) signal->Remove(this);
@@ -83,14 +82,14 @@ void Link::WaitIdle() {
   // The calling thread's own mark is left out of its wait: the call that disconnects itself goes on.
   const auto is_other = [](const ThreadState* thread) { return thread != &this_thread; };
 
-  std::unique_lock<std::mutex> lock(RunMutex());
+  const absl::MutexLock lock(&RunMutex());
   const bool circle = std::any_of(running_.begin(), running_.end(), [&](const ThreadState* thread) {
     return is_other(thread) && needs_us(needs_us, thread);
   });
   if (circle) return;
   ++waiting_threads;
   this_thread.waiting_for = this;
-  while (std::any_of(running_.begin(), running_.end(), is_other)) SomebodyLeft().wait(lock);
+  while (std::any_of(running_.begin(), running_.end(), is_other)) SomebodyLeft().Wait(&RunMutex());
   this_thread.waiting_for = nullptr;
   --waiting_threads;
 }
@@ -107,19 +106,19 @@ void CutAll(const LinkList& links) {
 }  // namespace
 
 std::shared_ptr<const LinkList> SignalCore::Links() const {
-  const mutex_lock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   return links_;
 }
 
 void SignalCore::Add(std::shared_ptr<Link> link) {
-  const mutex_lock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   auto links = std::make_shared<LinkList>(*links_);
   links->push_back(std::move(link));
   links_ = std::move(links);
 }
 
 void SignalCore::Remove(const Link* link) {
-  const mutex_lock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   auto links = std::make_shared<LinkList>(*links_);
   std::erase_if(*links, [link](const std::shared_ptr<Link>& each) { return each.get() == link; });
   links_ = std::move(links);
@@ -134,13 +133,13 @@ void SignalCore::Disconnect(const void* object) {
 }
 
 void HolderCore::Add(std::shared_ptr<Link> link) {
-  const mutex_lock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   links_.push_back(std::move(link));
 }
 
 void HolderCore::Remove(const Link* link) {
   std::shared_ptr<Link> removed;  // destroyed without the lock
-  const mutex_lock lock(mutex_);
+  const absl::MutexLock lock(&mutex_);
   const auto found = std::find_if(links_.begin(), links_.end(),
                                   [link](const std::shared_ptr<Link>& each) { return each.get() == link; });
   if (found == links_.end()) return;
@@ -151,7 +150,7 @@ void HolderCore::Remove(const Link* link) {
 void HolderCore::DisconnectAll() {
   LinkList links;
   {
-    const mutex_lock lock(mutex_);
+    const absl::MutexLock lock(&mutex_);
     links = links_;
   }
   CutAll(links);

@@ -212,10 +212,10 @@ TEST(SigslotTest, NoLockIsHeldWhileASlotRuns) {
   sigslot::signal<> signal;
   bool free = false;
   Actor actor([&] {
-    sigslot::mutex& global = sigslot::multi_threaded_global::get_mutex();
-    if (!global.try_lock()) return;
+    absl::Mutex& global = sigslot::multi_threaded_global::get_mutex();
+    if (!global.TryLock()) return;
     free = true;
-    global.unlock();
+    global.Unlock();
   });
   signal.connect(&actor, &Actor::Act);
   signal.emit();
@@ -228,7 +228,7 @@ TEST(SigslotTest, TheGlobalMutexGuardsConnecting) {
   std::atomic<bool> connected{false};
   std::thread connecting;
   {
-    const sigslot::mutex_lock lock(sigslot::multi_threaded_global::get_mutex());
+    const absl::MutexLock lock(&sigslot::multi_threaded_global::get_mutex());
     connecting = std::thread([&] {
       signal.connect(&actor, &Actor::Act);
       connected = true;

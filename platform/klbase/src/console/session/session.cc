@@ -11,10 +11,10 @@
 #include <typeinfo>
 #include <utility>
 
-#include "console/builtins.h"
 #include "cli/failure_text.h"
-#include "console/tcp/http_sniff.h"
 #include "cli/words.h"
+#include "console/builtins.h"
+#include "console/tcp/http_sniff.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -99,7 +99,7 @@ SessionImpl::~SessionImpl() = default;
 
 void SessionImpl::Start(LineEditor::Display display, int columns, int rows) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     claimed_ = true;
     display_ = display;
     columns_ = columns;
@@ -119,7 +119,7 @@ bool SessionImpl::OnInput(std::string_view bytes) {
   constexpr char kCtrlC = '\x03';
   last_input_ = Now();
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (ended_) return true;
     if (claimed_) {
       const std::size_t interrupt = Interactive() ? bytes.rfind(kCtrlC) : std::string_view::npos;
@@ -143,7 +143,7 @@ void SessionImpl::OnInterrupt() { OnInput("\x03"); }
 
 void SessionImpl::OnEndOfInput() {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     end_of_input_ = true;
     if (claimed_) return;
     claimed_ = true;
@@ -153,7 +153,7 @@ void SessionImpl::OnEndOfInput() {
 
 void SessionImpl::SetDisplay(LineEditor::Display display) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     display_ = display;
     settings_changed_ = true;
     if (claimed_) return;
@@ -164,7 +164,7 @@ void SessionImpl::SetDisplay(LineEditor::Display display) {
 
 void SessionImpl::Resize(int columns, int rows) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     columns_ = columns;
     rows_ = rows;
     settings_changed_ = true;
@@ -177,7 +177,7 @@ void SessionImpl::Resize(int columns, int rows) {
 void SessionImpl::Notice(std::string_view text) {
   bool editing = false;
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (closed_) return;
     if (executing_ || ended_) {
       // Nothing is being typed: the text stands between what the command printed before and prints after.
@@ -201,7 +201,7 @@ void SessionImpl::Redraw() { Notice({}); }
 
 void SessionImpl::Finish(std::string_view farewell) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (!ended_) farewell_ = farewell;
     ended_ = true;
     drop_feed_ = true;
@@ -214,7 +214,7 @@ void SessionImpl::Finish(std::string_view farewell) {
 
 void SessionImpl::SetHidden(bool hidden) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     hidden_ = hidden;
     settings_changed_ = true;
     if (claimed_) return;
@@ -224,50 +224,50 @@ void SessionImpl::SetHidden(bool hidden) {
 }
 
 void SessionImpl::Close() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   ended_ = closed_ = true;
   queue_.clear();
   job_posted_.store(true, std::memory_order_release);
-  job_ready_.NotifyAll();
+  job_ready_.SignalAll();
 }
 
 bool SessionImpl::CommandRunning() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return claimed_ && has_thread_ && !thread_done_;
 }
 
 bool SessionImpl::Ended() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return ended_;
 }
 
 bool SessionImpl::ThreadDone() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return closed_ && (!has_thread_ || thread_done_);
 }
 
 bool SessionImpl::OnOwnThread() const {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return has_thread_ && thread_id_ == std::this_thread::get_id();
 }
 
 void SessionImpl::Join() {
   std::thread thread;
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     thread = std::move(thread_);
   }
   if (thread.joinable()) thread.join();
 }
 
 void SessionImpl::Detach() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   if (thread_.joinable()) thread_.detach();
 }
 
 SessionInfo SessionImpl::Info() const {
   const auto idle = std::chrono::steady_clock::duration(Now() - last_input_.load());
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return {config_.id, config_.kind, config_.peer,
           menu_name_, since_,       std::chrono::duration_cast<std::chrono::seconds>(idle)};
 }
@@ -300,7 +300,7 @@ bool SessionImpl::TakeWork() {
   bool hidden = false;
   std::string notices;
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (std::exchange(drop_feed_, false)) feed_used_ = feed_.size();
     const bool typed = feed_used_ < feed_.size() || !queue_.empty();
     const bool asked = settings_changed_ || redraw_;
@@ -452,12 +452,12 @@ void SessionImpl::Pump() {
 
 bool SessionImpl::HandToThread(std::string line) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (!has_thread_ && !StartThreadLocked()) return false;
     job_ = std::move(line);
     job_posted_.store(true, std::memory_order_release);
   }
-  job_ready_.NotifyAll();  // without the lock, which the woken thread would run into
+  job_ready_.SignalAll();  // without the lock, which the woken thread would run into
   return true;
 }
 
@@ -487,7 +487,7 @@ void SessionImpl::ThreadMain() {
     config_.output->Flush();
   }
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     thread_done_ = true;
   }
   config_.host->ThreadEnded(*this);
@@ -495,8 +495,8 @@ void SessionImpl::ThreadMain() {
 
 std::optional<std::string> SessionImpl::WaitForJob() {
   if (config_.kind == SessionKind::kProgram) WatchForJob();
-  MutexLock lock(mutex_);
-  while (!job_ && !closed_) job_ready_.Wait(mutex_);
+  absl::MutexLock lock(&mutex_);
+  while (!job_ && !closed_) job_ready_.Wait(&mutex_);
   job_posted_.store(false, std::memory_order_relaxed);
   if (closed_) return std::nullopt;
   return std::exchange(job_, std::nullopt);
@@ -516,7 +516,7 @@ void SessionImpl::WatchForJob() {
 
 void SessionImpl::RunLine(const std::string& line) {
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     if (ended_) return;
     executing_ = true;
     config_.output->Append(notices_);
@@ -536,7 +536,7 @@ void SessionImpl::RunLine(const std::string& line) {
     TryLogin(line);
   }
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     executing_ = false;
     if (ended_) return;
   }
@@ -604,7 +604,7 @@ void SessionImpl::PublishPlace() {
   for (const auto& menu : place_.path) {
     if (place_.AtRoot() || menu != place_.path.front()) name += (name.empty() ? "" : " ") + menu->Name();
   }
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   menu_name_ = name;
 }
 
@@ -631,13 +631,13 @@ void SessionImpl::TryLogin(const std::string& password) {
 
 void SessionImpl::WaitUnlessClosed(std::chrono::milliseconds time) {
   const auto deadline = std::chrono::steady_clock::now() + time;
-  MutexLock lock(mutex_);
-  while (!closed_ && std::chrono::steady_clock::now() < deadline) job_ready_.WaitUntil(mutex_, deadline);
+  absl::MutexLock lock(&mutex_);
+  while (!closed_ && std::chrono::steady_clock::now() < deadline) job_ready_.WaitUntil(&mutex_, deadline);
 }
 
 void SessionImpl::End() {
   feed_used_ = feed_.size();
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   ended_ = true;
   queue_.clear();
 }

@@ -14,14 +14,16 @@
 #include <thread>
 #include <vector>
 
-#include "cli/session.h"
-#include "line_editor/history.h"
-#include "line_editor/editor.h"
-#include "line_editor/limits.h"
-#include "console/session/line_splitter.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "cli/menu_walk.h"
-#include "console/mutex.h"
+#include "cli/session.h"
 #include "console/output_buffer.h"
+#include "console/session/line_splitter.h"
+#include "klbase/steady_cond_var.h"
+#include "line_editor/editor.h"
+#include "line_editor/history.h"
+#include "line_editor/limits.h"
 
 namespace cli::internal {
 
@@ -219,8 +221,8 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   StreamBuf stream_buf_;
   std::ostream stream_;
 
-  mutable Mutex mutex_;
-  Condition job_ready_;
+  mutable absl::Mutex mutex_;
+  klbase::SteadyCondVar job_ready_;
   std::atomic<bool> job_posted_{false};  // there is a job, or the session is closed: to be looked at without the lock
   std::thread thread_ ABSL_GUARDED_BY(mutex_);
   std::thread::id thread_id_ ABSL_GUARDED_BY(mutex_);

@@ -14,18 +14,18 @@ std::shared_ptr<void> SessionTable::TakePlace() {
 }
 
 int SessionTable::NextId() {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   return ++last_id_;
 }
 
 void SessionTable::Add(std::shared_ptr<SessionImpl> session, std::shared_ptr<void> place) {
   const int id = session->Id();
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   entries_[id] = {std::move(session), std::move(place)};
 }
 
 void SessionTable::SetPlace(int id, std::shared_ptr<void> place) {
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   const auto found = entries_.find(id);
   if (found != entries_.end()) found->second.place = std::move(place);
 }
@@ -33,7 +33,7 @@ void SessionTable::SetPlace(int id, std::shared_ptr<void> place) {
 void SessionTable::Reap(int id) {
   Entry entry;  // destroyed without the lock
   {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     const auto found = entries_.find(id);
     if (found == entries_.end() || !found->second.session->ThreadDone()) return;
     entry = std::move(found->second);
@@ -41,26 +41,26 @@ void SessionTable::Reap(int id) {
   }
   entry.session->Join();
   entry.place.reset();
-  MutexLock lock(mutex_);
-  changed_.NotifyAll();
+  absl::MutexLock lock(&mutex_);
+  changed_.SignalAll();
 }
 
 std::vector<std::shared_ptr<SessionImpl>> SessionTable::All() const {
   std::vector<std::shared_ptr<SessionImpl>> sessions;
-  MutexLock lock(mutex_);
+  absl::MutexLock lock(&mutex_);
   for (const auto& [id, entry] : entries_) sessions.push_back(entry.session);
   return sessions;
 }
 
 bool SessionTable::WaitUntilEmpty(std::chrono::milliseconds limit) {
-  const auto deadline = Condition::Clock::now() + limit;
-  MutexLock lock(mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  absl::MutexLock lock(&mutex_);
   for (;;) {
     const bool others = std::any_of(entries_.begin(), entries_.end(),
                                     [](const auto& entry) { return !entry.second.session->OnOwnThread(); });
     if (!others) return true;
-    if (Condition::Clock::now() >= deadline) return false;
-    changed_.WaitUntil(mutex_, deadline);
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    changed_.WaitUntil(&mutex_, deadline);
   }
 }
 

@@ -9,8 +9,10 @@
 #include <memory>
 #include <vector>
 
-#include "console/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "console/session/session.h"
+#include "klbase/steady_cond_var.h"
 
 namespace cli::internal {
 
@@ -42,8 +44,8 @@ class SessionTable {
   };
 
   const int max_places_;
-  mutable Mutex mutex_;
-  Condition changed_;
+  mutable absl::Mutex mutex_;
+  klbase::SteadyCondVar changed_;
   int last_id_ ABSL_GUARDED_BY(mutex_) = 0;
   std::map<int, Entry> entries_ ABSL_GUARDED_BY(mutex_);
   const std::shared_ptr<std::atomic<int>> taken_ = std::make_shared<std::atomic<int>>(0);

@@ -26,6 +26,7 @@
 #include <thread>
 #include <utility>
 
+#include "absl/synchronization/mutex.h"
 #include "console/tcp/access.h"
 #include "console/tcp/connection.h"
 #include "klbase/log.h"
@@ -267,7 +268,7 @@ class ServerImpl : public Server, public ConnectionOwner {
   bool CheckPassword(const std::string& password) {
     try {
       const std::string hash = ReadPasswordHash(options_.password_file);
-      MutexLock lock(password_mutex_);
+      absl::MutexLock lock(&password_mutex_);
       return PasswordMatches(password, hash);
     } catch (const std::exception& e) {
       KL_LOG(50, "console: %s\n", e.what());
@@ -345,7 +346,7 @@ class ServerImpl : public Server, public ConnectionOwner {
   std::list<std::weak_ptr<Connection>> logging_in_;  // the oldest first
   bool ticking_ = false;
   bool accept_failed_ = false;
-  Mutex password_mutex_;
+  absl::Mutex password_mutex_;
   std::thread thread_;
 };
 

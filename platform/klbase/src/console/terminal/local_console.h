@@ -8,9 +8,9 @@
 #include <string>
 
 #include "console/options.h"
-#include "console/terminal/local_terminal.h"
 #include "console/output_buffer.h"
 #include "console/session/session.h"
+#include "console/terminal/local_terminal.h"
 #include "console/terminal/stdout_guard.h"
 
 namespace cli::internal {

@@ -5,7 +5,8 @@
 #include <string>
 #include <utility>
 
-#include "console/mutex.h"
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
 #include "console/session/session.h"
 
 namespace cli::internal {
@@ -14,7 +15,7 @@ namespace {
 class GuardBuffer : public std::streambuf {
  public:
   void Begin(std::shared_ptr<SessionImpl> session) {
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     session_ = std::move(session);
     if (std::cout.rdbuf() != this) before_ = std::cout.rdbuf(this);
   }
@@ -22,7 +23,7 @@ class GuardBuffer : public std::streambuf {
   // From now on everything goes the old way, also what a thread writes that has this buffer still in its hands.
   void End() {
     Pass(true);
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     session_.reset();
     std::cout.rdbuf(before_);
   }
@@ -30,7 +31,7 @@ class GuardBuffer : public std::streambuf {
  protected:
   std::streamsize xsputn(const char* text, std::streamsize count) override {
     {
-      MutexLock lock(mutex_);
+      absl::MutexLock lock(&mutex_);
       if (!session_) return before_->sputn(text, count);
       line_.append(text, static_cast<std::size_t>(count));
     }
@@ -46,7 +47,7 @@ class GuardBuffer : public std::streambuf {
 
   int sync() override {
     Pass(true);
-    MutexLock lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     return session_ ? 0 : before_->pubsync();
   }
 
@@ -56,7 +57,7 @@ class GuardBuffer : public std::streambuf {
     std::string text;
     std::shared_ptr<SessionImpl> session;
     {
-      MutexLock lock(mutex_);
+      absl::MutexLock lock(&mutex_);
       const std::size_t end = all ? line_.size() : line_.rfind('\n') + 1;  // npos + 1 is 0
       if (end == 0 || !session_) return;
       text = line_.substr(0, end);
@@ -67,7 +68,7 @@ class GuardBuffer : public std::streambuf {
     session->Output()->WaitForRoom();
   }
 
-  Mutex mutex_;
+  absl::Mutex mutex_;
   std::shared_ptr<SessionImpl> session_ ABSL_GUARDED_BY(mutex_);
   std::string line_ ABSL_GUARDED_BY(mutex_);
   std::streambuf* before_ ABSL_GUARDED_BY(mutex_) = nullptr;

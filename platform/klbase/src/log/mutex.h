@@ -1,10 +1,9 @@
-// A std::mutex that clang's thread-safety check knows, and a condition for it. For the platform libraries and the
-// programs beside them.
+// The log file's lock: a std::mutex that clang's thread-safety check knows, and a condition variable for it.
 //
-// Why not absl::Mutex: the thread sanitizer sees the lock operations of these also when Abseil comes from a
-// distribution, uninstrumented, and they may be held across a fork().
-#ifndef KLBASE_MUTEX_H_
-#define KLBASE_MUTEX_H_
+// All other code locks absl::Mutex. The log file is held across fork(), so that a child may log too, and Abseil's mutex
+// belongs to the thread that took it, which does not exist in the child.
+#ifndef KLBASE_LOG_MUTEX_H_
+#define KLBASE_LOG_MUTEX_H_
 
 #include <absl/base/thread_annotations.h>
 
@@ -13,7 +12,7 @@
 #include <condition_variable>
 #include <mutex>
 
-namespace klbase {
+namespace klbase_internal {
 
 // Not recursive. Its functions are named as the standard lock classes need them.
 class ABSL_LOCKABLE Mutex {
@@ -43,7 +42,7 @@ class ABSL_SCOPED_LOCKABLE MutexLock {
   Mutex& mutex_;
 };
 
-// What threads wait for, beside the mutex that guards it. A wait may end early: test what is waited for in a loop.
+// A wait may end early: test what is waited for in a loop.
 class Condition {
  public:
   using Clock = std::chrono::steady_clock;
@@ -75,6 +74,6 @@ class Condition {
   std::condition_variable changed_;
 };
 
-}  // namespace klbase
+}  // namespace klbase_internal
 
-#endif  // KLBASE_MUTEX_H_
+#endif  // KLBASE_LOG_MUTEX_H_
