@@ -31,7 +31,7 @@ class LineBuffer {
   // Cuts the text from `start` to `end`, one of which is the cursor. Cuts in a row (`again`) are put back as one.
   bool Kill(std::size_t start, std::size_t end, bool again);
   bool Yank();
-  bool YankOlder();  // directly after one of the two: the cut before that one in its place
+  bool YankOlder();  // directly after one of the two: the cut before that one instead of it
 
  private:
   enum class Edit { kOther, kInsert, kErase };

@@ -474,7 +474,7 @@ void LineEditor::Impl::StepWithPrefix(Direction direction) {
   ShowHistoryLine(walk_.Step(direction, prefix_, buffer_.Text()));
 }
 
-// Pressed again, it takes the line before in place of what it put there.
+// Pressed again, it takes the last word of the line before instead.
 void LineEditor::Impl::LastWord() {
   if (last_key_ != Key::kLastWord) {
     last_words_ = 0;

@@ -195,7 +195,7 @@ bool History::AppendUnsaved(LockedFile& file) {
   return true;
 }
 
-// Into a new file that takes the old one's place: a crash leaves one or the other. The lock on the old file keeps other
+// Into a new file that replaces the old one: a crash leaves one or the other. The lock on the old file keeps other
 // consoles out meanwhile; they notice that it was replaced.
 bool History::Compact() {
   const std::string path = file_ + ".new";

@@ -45,8 +45,8 @@ void LineScreen::Paint(std::string& out, const LineView& view) {
   const int old_end = std::max(end_, hint_end_);
   const std::size_t same = FirstChange(view);
   const bool changed = same != kNowhere;
-  const std::size_t first = changed ? LayOut(view, same) : places_.size();
-  const int from = first == 0 ? 0 : places_[first - 1].End();
+  const std::size_t first = changed ? LayOut(view, same) : runs_.size();
+  const int from = first == 0 ? 0 : runs_[first - 1].End();
   const int cursor = CursorPosition(view);
   const std::string hint = DisplayPrefix(view.hint, columns_ - 1 - Column(end_));
 
@@ -79,7 +79,7 @@ void LineScreen::Erase(std::string& out) {
 void LineScreen::Forget() {
   content_.clear();
   prompt_size_ = 0;
-  places_.clear();
+  runs_.clear();
   hint_.clear();
   end_ = hint_end_ = top_ = position_ = 0;
   clipped_ = false;
@@ -95,7 +95,7 @@ std::size_t LineScreen::FirstChange(const LineView& view) const {
 }
 
 std::size_t LineScreen::UnitEnd(std::size_t index) const {
-  return index + 1 < places_.size() ? places_[index + 1].offset : content_.size();
+  return index + 1 < runs_.size() ? runs_[index + 1].offset : content_.size();
 }
 
 // Lays out again from a little before the change: a mark may have joined the unit before it, and bytes that were no
@@ -105,43 +105,43 @@ std::size_t LineScreen::LayOut(const LineView& view, std::size_t same) {
   constexpr std::size_t kReach = 3;
   const std::size_t near = same > kReach ? same - kReach : 0;
   const auto behind =
-      std::partition_point(places_.begin(), places_.end(), [near](const Place& place) { return place.offset < near; });
-  auto keep = static_cast<std::size_t>(behind - places_.begin());
+      std::partition_point(runs_.begin(), runs_.end(), [near](const CellRun& run) { return run.offset < near; });
+  auto keep = static_cast<std::size_t>(behind - runs_.begin());
   if (keep > 0) --keep;
   std::vector<std::size_t> old_ends;
-  for (std::size_t i = keep; i < places_.size() && places_[i].offset < same; ++i) old_ends.push_back(UnitEnd(i));
-  const std::size_t from = keep < places_.size() ? places_[keep].offset : content_.size();
-  places_.resize(keep);
-  end_ = keep == 0 ? 0 : places_.back().End();
+  for (std::size_t i = keep; i < runs_.size() && runs_[i].offset < same; ++i) old_ends.push_back(UnitEnd(i));
+  const std::size_t from = keep < runs_.size() ? runs_[keep].offset : content_.size();
+  runs_.resize(keep);
+  end_ = keep == 0 ? 0 : runs_.back().End();
 
   content_.assign(view.prompt);
   content_ += view.text;
   prompt_size_ = view.prompt.size();
-  if (from < prompt_size_) PlaceUnits(from, prompt_size_);
-  PlaceUnits(std::max(from, prompt_size_), content_.size());
+  if (from < prompt_size_) AppendRuns(from, prompt_size_);
+  AppendRuns(std::max(from, prompt_size_), content_.size());
   for (const std::size_t old_end : old_ends) {
-    if (keep >= places_.size() || old_end > same || UnitEnd(keep) != old_end) break;
+    if (keep >= runs_.size() || old_end > same || UnitEnd(keep) != old_end) break;
     ++keep;
   }
   return keep;
 }
 
-void LineScreen::PlaceUnits(std::size_t from, std::size_t to) {
+void LineScreen::AppendRuns(std::size_t from, std::size_t to) {
   const std::string_view text = std::string_view(content_).substr(0, to);
   while (from < to) {
     const Unit unit = UnitAt(text, from);
     const bool wraps_whole = unit.literal && unit.width == 2 && Column(end_) == columns_ - 1;
-    places_.push_back({from, wraps_whole ? end_ + 1 : end_, unit.width});
-    end_ = places_.back().End();
+    runs_.push_back({from, wraps_whole ? end_ + 1 : end_, unit.width});
+    end_ = runs_.back().End();
     from += unit.length;
   }
 }
 
 int LineScreen::CursorPosition(const LineView& view) const {
   const std::size_t offset = prompt_size_ + view.cursor;
-  const auto at = std::partition_point(places_.begin(), places_.end(),
-                                       [offset](const Place& place) { return place.offset < offset; });
-  return at == places_.end() ? end_ : at->position;
+  const auto at =
+      std::partition_point(runs_.begin(), runs_.end(), [offset](const CellRun& run) { return run.offset < offset; });
+  return at == runs_.end() ? end_ : at->position;
 }
 
 int LineScreen::WindowTop(int cursor) const {
@@ -151,7 +151,7 @@ int LineScreen::WindowTop(int cursor) const {
 }
 
 void LineScreen::PaintChange(std::string& out, std::size_t first, int old_end, std::string_view hint) {
-  const int from = first == 0 ? 0 : places_[first - 1].End();
+  const int from = first == 0 ? 0 : runs_[first - 1].End();
   MoveTo(out, from);
   WriteUnits(out, first, from, LastRow() + 1);
   WriteHint(out, hint);
@@ -165,9 +165,9 @@ void LineScreen::PaintWindow(std::string& out, int top, std::string_view hint) {
   out += kEraseBelow;
   top_ = top;
   const int start = top * columns_;
-  const auto first = std::partition_point(places_.begin(), places_.end(),
-                                          [start](const Place& place) { return place.position < start; });
-  WriteUnits(out, static_cast<std::size_t>(first - places_.begin()), start, top + rows_);
+  const auto first =
+      std::partition_point(runs_.begin(), runs_.end(), [start](const CellRun& run) { return run.position < start; });
+  WriteUnits(out, static_cast<std::size_t>(first - runs_.begin()), start, top + rows_);
   WriteHint(out, clipped_ ? std::string_view() : hint);
 }
 
@@ -176,14 +176,14 @@ void LineScreen::WriteUnits(std::string& out, std::size_t first, int from, int e
   const int limit = end_row * columns_;
   int at = from;
   std::size_t index = first;
-  for (; index < places_.size() && places_[index].End() <= limit; ++index) {
-    const Place& place = places_[index];
-    out.append(static_cast<std::size_t>(place.position - at), ' ');
+  for (; index < runs_.size() && runs_[index].End() <= limit; ++index) {
+    const CellRun& run = runs_[index];
+    out.append(static_cast<std::size_t>(run.position - at), ' ');
     const std::string_view unit_text = std::string_view(content_).substr(0, UnitEnd(index));
-    AppendDisplay(out, unit_text, place.offset, UnitAt(unit_text, place.offset));
-    at = place.End();
+    AppendDisplay(out, unit_text, run.offset, UnitAt(unit_text, run.offset));
+    at = run.End();
   }
-  clipped_ = index < places_.size() || LastRow() >= end_row;
+  clipped_ = index < runs_.size() || LastRow() >= end_row;
   if (clipped_) {
     out += '\r';  // out of the last column, where the terminal's cursor would be between two rows
     position_ = Row(at - 1) * columns_;

@@ -39,10 +39,12 @@ class LineScreen {
   int Columns() const { return columns_; }
 
  private:
-  struct Place {
-    std::size_t offset;  // in content_
-    int position;
-    int width;
+  // The cells that one unit of the content covers, one after another. The runs stand in the content's order; a gap of
+  // one cell between two of them is a blank at a row's end.
+  struct CellRun {
+    std::size_t offset;  // of the unit, in content_
+    int position;        // of the first cell
+    int width;           // in cells
     int End() const { return position + width; }
   };
   static constexpr std::size_t kNowhere = static_cast<std::size_t>(-1);
@@ -53,7 +55,7 @@ class LineScreen {
 
   std::size_t FirstChange(const LineView& view) const;
   std::size_t LayOut(const LineView& view, std::size_t same);
-  void PlaceUnits(std::size_t from, std::size_t to);
+  void AppendRuns(std::size_t from, std::size_t to);
   std::size_t UnitEnd(std::size_t index) const;
   int CursorPosition(const LineView& view) const;
   int WindowTop(int cursor) const;
@@ -69,7 +71,7 @@ class LineScreen {
 
   std::string content_;  // prompt and text as laid out
   std::size_t prompt_size_ = 0;
-  std::vector<Place> places_;
+  std::vector<CellRun> runs_;
   std::string hint_;      // as shown
   int end_ = 0;           // behind the content
   int hint_end_ = 0;      // behind the hint; 0 when there is none

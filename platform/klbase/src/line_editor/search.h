@@ -13,8 +13,8 @@ namespace cli::internal {
 
 enum class Direction { kOlder, kNewer };
 
-// A place in the history, or behind it: at the line being typed, which it keeps. Lines of the history that the editor
-// can't hold are passed over.
+// A position in the history, or behind it: at the line being typed, which it keeps. Lines of the history that the
+// editor can't hold are passed over.
 class HistoryWalk {
  public:
   explicit HistoryWalk(const History* history) : history_(history) {}
