@@ -92,8 +92,7 @@ TEST_F(LineEditorTest, HomeAndEndInAllUsualEncodings) {
 }
 
 TEST_F(LineEditorTest, WordMotionInAllUsualEncodings) {
-  for (const std::string_view left : {"\x1b[1;5D", "\x1b[1;3D", "\x1b[1;9D", "\x1b[5D", "\x1bOd", "\033b", "\x1bO5D"}) {
-    if (left == "\x1b[5D") continue;  // that is a plain Left with a count
+  for (const std::string_view left : {"\x1b[1;5D", "\x1b[1;3D", "\x1b[1;9D", "\x1bOd", "\033b", "\x1bO5D"}) {
     TypeBytes("ab cd");
     TypeBytes(left);
     TypeBytes("x\r");
@@ -105,6 +104,14 @@ TEST_F(LineEditorTest, WordMotionInAllUsualEncodings) {
     TypeBytes("x\r");
     EXPECT_EQ(events_.back(), "abx cd") << testing::PrintToString(right);
   }
+}
+
+// A number alone is the count of a cursor movement, which no key sends; it is not a modifier.
+TEST_F(LineEditorTest, ACursorSequenceWithACountMovesOneCharacter) {
+  TypeBytes("ab cd\x1b[5Dx\r");
+  EXPECT_EQ(events_.back(), "ab cxd");
+  TypeBytes("ab cd\x01\x1b[5Cx\r");
+  EXPECT_EQ(events_.back(), "axb cd");
 }
 
 TEST_F(LineEditorTest, DeleteErasesAtTheCursorAndInsertDoesNothing) {
@@ -651,7 +658,7 @@ TEST_F(LineEditorTest, AProgramsLinesNeedNoStart) {
   EXPECT_EQ(editor.TakeLine(), "two");
 }
 
-TEST_F(LineEditorTest, ATerminalThatTurnsOutToBeOneGetsThePromptAgainInPlace) {
+TEST_F(LineEditorTest, ATerminalThatTurnsOutToBeOneGetsThePromptAgainInTheSameRow) {
   UseDisplay(LineEditor::Display::kPrompt);
   editor_->Feed("ab");
   screen_.Write(editor_->TakeOutput() + "ab");  // the terminal echoed for itself
