@@ -21,7 +21,7 @@
 namespace {
 
 using cli::internal::Complete;
-using cli::internal::Place;
+using cli::internal::MenuPath;
 using cli::internal::SplitWords;
 using cli::internal::Words;
 using fuzz::Input;
@@ -265,71 +265,71 @@ std::shared_ptr<cli::Menu> MakeMenu() {
 
 class Session : public cli::Session {
  public:
-  explicit Session(Place place) : place_(std::move(place)) {}
+  explicit Session(MenuPath menu_path) : menu_path_(std::move(menu_path)) {}
   std::ostream& OutStream() override { return out_; }
-  cli::Menu& CurrentMenu() override { return place_.Current(); }
+  cli::Menu& CurrentMenu() override { return menu_path_.Current(); }
   void Enter(cli::Menu& menu) override { entered = &menu; }
 
   const cli::Menu* entered = nullptr;
 
  private:
-  const Place place_;
+  const MenuPath menu_path_;
   std::ostringstream out_;
 };
 
-// The place that the input chooses: the root or one of the submenus.
-Place ChoosePlace(Input& input, const std::shared_ptr<cli::Menu>& root) {
-  Place place{{root}};
+// The menu path that the input chooses: the root or one of the submenus.
+MenuPath ChooseMenuPath(Input& input, const std::shared_ptr<cli::Menu>& root) {
+  MenuPath menu_path{{root}};
   for (int depth = input.Number(0, 2); depth > 0; --depth) {
-    for (const auto& command : place.Current().Commands()) {
+    for (const auto& command : menu_path.Current().Commands()) {
       if (auto submenu = std::dynamic_pointer_cast<cli::Menu>(command)) {
-        place.path.push_back(std::move(submenu));
+        menu_path.menus.push_back(std::move(submenu));
         break;
       }
     }
   }
-  return place;
+  return menu_path;
 }
 
-void CheckCompletion(const Place& place, std::string_view line) {
+void CheckCompletion(const MenuPath& menu_path, std::string_view line) {
   static const cli::internal::CommandVector builtins = {Recording<>("help"), Recording<>("exit")};
-  const cli::internal::Completion completion = Complete(place, builtins, line);
+  const cli::internal::Completion completion = Complete(menu_path, builtins, line);
   FUZZ_CHECK(completion.start <= line.size(), fuzz::Detail(completion.start));
   const std::string before(line.substr(0, completion.start));
   for (const std::string& candidate : completion.candidates) {
     const Words typed = SplitWords(before + candidate);
     FUZZ_CHECK(typed.error.empty(), fuzz::Detail(before + candidate));
-    const auto again = Complete(place, builtins, before + candidate).candidates;
+    const auto again = Complete(menu_path, builtins, before + candidate).candidates;
     FUZZ_CHECK(std::find(again.begin(), again.end(), candidate) != again.end(), fuzz::Detail(before + candidate));
   }
-  const std::string hint = cli::internal::Hint(place, builtins, line);
+  const std::string hint = cli::internal::Hint(menu_path, builtins, line);
   FUZZ_CHECK(IsShowable(hint), fuzz::Detail(hint));
   const Words split = SplitWords(line);
   if (split.words.empty()) return;
-  const std::string refusal = cli::internal::ExplainRefusal(place, builtins, split.words);
+  const std::string refusal = cli::internal::ExplainRefusal(menu_path, builtins, split.words);
   FUZZ_CHECK(refusal.find('\n') == refusal.size() - 1, fuzz::Detail(refusal));
   FUZZ_CHECK(IsShowable(refusal.substr(0, refusal.size() - 1)), fuzz::Detail(refusal));
-  const std::string path = cli::internal::CommandPath(place, builtins, split.words);
+  const std::string path = cli::internal::CommandPath(menu_path, builtins, split.words);
   FUZZ_CHECK(IsShowable(path), fuzz::Detail(path));
-  const std::string usage = cli::internal::UsageOf(place, builtins, split.words);
+  const std::string usage = cli::internal::UsageOf(menu_path, builtins, split.words);
   FUZZ_CHECK(IsShowable(usage), fuzz::Detail(usage));
 }
 
 // The lines of the input, one after the other, in one menu: each runs one handler or none, and one that fails none.
 void CheckDispatch(Input input) {
   static const std::shared_ptr<cli::Menu> root = MakeMenu();
-  const Place place = ChoosePlace(input, root);
+  const MenuPath menu_path = ChooseMenuPath(input, root);
   while (!input.Empty()) {
     const std::string_view line = input.Line();
-    CheckCompletion(place, line);
+    CheckCompletion(menu_path, line);
     const Words split = SplitWords(line);
     if (!split.error.empty() || split.words.empty()) continue;
     calls.clear();
-    Session session(place);
+    Session session(menu_path);
     bool taken = false;
     bool thrown = false;
     try {
-      taken = place.Current().Dispatch(split.words, session);
+      taken = menu_path.Current().Dispatch(split.words, session);
     } catch (...) {
       thrown = true;
       CheckFailureText(std::current_exception());

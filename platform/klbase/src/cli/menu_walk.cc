@@ -66,7 +66,7 @@ void Collect(const CommandVector& commands, const std::string& prefix, std::stri
 }
 
 // The names nearest to `typed`: first those in reach here, then those in the submenus, then those of the root.
-std::string Suggestions(const Place& place, const Walk& walk, const std::string& prefix, std::string_view typed) {
+std::string Suggestions(const MenuPath& path, const Walk& walk, const std::string& prefix, std::string_view typed) {
   constexpr std::size_t kMostShown = 3;
   constexpr std::size_t kElsewhere = 1;  // a name here is the likelier one
   std::vector<Suggestion> found;
@@ -79,10 +79,10 @@ std::string Suggestions(const Place& place, const Walk& walk, const std::string&
     }
   };
   collect_submenus(walk.commands, prefix);
-  if (walk.menu.get() != &place.Root()) {
-    const std::string root = place.AtRoot() ? "" : place.Root().Name() + " ";
-    Collect(place.Root().Commands(), root, typed, kElsewhere, found);
-    collect_submenus(place.Root().Commands(), root);
+  if (walk.menu.get() != &path.Root()) {
+    const std::string root = path.AtRoot() ? "" : path.Root().Name() + " ";
+    Collect(path.Root().Commands(), root, typed, kElsewhere, found);
+    collect_submenus(path.Root().Commands(), root);
   }
   std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.distance < b.distance; });
   std::vector<std::string> shown;
@@ -146,8 +146,8 @@ bool IsHelp(const std::string& word) { return word == "help" || word == "?"; }
 
 }  // namespace
 
-Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
-  Walk walk{place.path.back(), 0, place.Current().Commands()};
+Walk FollowMenus(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words) {
+  Walk walk{path.menus.back(), 0, path.Current().Commands()};
   walk.commands.insert(walk.commands.end(), builtins.begin(), builtins.end());
   const auto submenu_named = [&walk](const std::string& name) -> std::shared_ptr<Menu> {
     for (const auto& command : walk.commands) {
@@ -158,8 +158,8 @@ Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::v
   };
   while (walk.used + 1 < words.size()) {
     auto submenu = submenu_named(words[walk.used]);
-    const bool back = walk.used == 0 && words[0] == place.Root().Name();
-    if (!submenu && back) submenu = place.path.front();
+    const bool back = walk.used == 0 && words[0] == path.Root().Name();
+    if (!submenu && back) submenu = path.menus.front();
     if (!submenu) break;
     walk.menu = std::move(submenu);
     walk.commands = walk.menu->Commands();
@@ -172,17 +172,17 @@ bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words) {
   return walk.used > 0 && IsHelp(words[walk.used]) && EnabledNamed(walk.commands, words[walk.used]).empty();
 }
 
-Completion Complete(const Place& place, const CommandVector& builtins, std::string_view text) {
+Completion Complete(const MenuPath& path, const CommandVector& builtins, std::string_view text) {
   Words split = SplitWords(text);
   if (!split.last_open) {
     split.last_start = text.size();
     split.words.emplace_back();
   }
   const std::string last = split.words.empty() ? "" : split.words.back();
-  Walk walk = FollowMenus(place, builtins, split.words);
+  Walk walk = FollowMenus(path, builtins, split.words);
   if (walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used])) {
     split.words.erase(split.words.begin() + static_cast<std::ptrdiff_t>(walk.used));
-    walk = FollowMenus(place, builtins, split.words);
+    walk = FollowMenus(path, builtins, split.words);
   }
   Completion completion{split.last_start, {}};
   if (walk.used + 1 != split.words.size()) return completion;
@@ -194,10 +194,10 @@ Completion Complete(const Place& place, const CommandVector& builtins, std::stri
   return completion;
 }
 
-std::string Hint(const Place& place, const CommandVector& builtins, std::string_view line) {
+std::string Hint(const MenuPath& path, const CommandVector& builtins, std::string_view line) {
   const Words split = SplitWords(line);
   if (!split.error.empty() || split.words.empty()) return "";
-  const Walk walk = FollowMenus(place, builtins, split.words);
+  const Walk walk = FollowMenus(path, builtins, split.words);
   const CommandVector named = EnabledNamed(walk.commands, split.words[walk.used]);
   if (named.empty()) return "";
   const std::vector<std::string> names = named.front()->ParameterNames();
@@ -214,19 +214,19 @@ std::string UsageLine(const Command& command) {
   return usage;
 }
 
-std::string CommandPath(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
-  const Walk walk = FollowMenus(place, builtins, words);
+std::string CommandPath(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(path, builtins, words);
   return Join(words, walk.used) + Shown(words[walk.used], "");
 }
 
-std::string UsageOf(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
-  const Walk walk = FollowMenus(place, builtins, words);
+std::string UsageOf(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(path, builtins, words);
   const CommandVector named = EnabledNamed(walk.commands, words[walk.used]);
   return named.empty() ? "" : " Usage: " + Join(words, walk.used) + UsageLine(*named.front());
 }
 
-std::string ExplainRefusal(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words) {
-  const Walk walk = FollowMenus(place, builtins, words);
+std::string ExplainRefusal(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words) {
+  const Walk walk = FollowMenus(path, builtins, words);
   const std::string prefix = Join(words, walk.used);
   const std::string& word = words[walk.used];
   const CommandVector named = EnabledNamed(walk.commands, word);
@@ -237,7 +237,7 @@ std::string ExplainRefusal(const Place& place, const CommandVector& builtins, co
   }
   std::string text = "Unknown command " + Shown(word);
   if (walk.used > 0) text += " in \"" + walk.menu->Name() + "\"";
-  const std::string nearest = Suggestions(place, walk, prefix, word);
+  const std::string nearest = Suggestions(path, walk, prefix, word);
   text += nearest.empty() ? "." : "; did you mean: " + nearest + "?";
   return text + " Type \"help\" for the commands.\n";
 }

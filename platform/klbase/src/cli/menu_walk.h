@@ -16,12 +16,12 @@ namespace cli::internal {
 using CommandVector = std::vector<std::shared_ptr<Command>>;
 
 // Where an operator stands. The menus are held: a menu taken out of the tree lives until its last operator has left it.
-struct Place {
-  std::vector<std::shared_ptr<Menu>> path;  // the root first, the current menu last; never empty
+struct MenuPath {
+  std::vector<std::shared_ptr<Menu>> menus;  // the root first, the current menu last; never empty
 
-  Menu& Current() const { return *path.back(); }
-  Menu& Root() const { return *path.front(); }
-  bool AtRoot() const { return path.size() == 1; }
+  Menu& Current() const { return *menus.back(); }
+  Menu& Root() const { return *menus.front(); }
+  bool AtRoot() const { return menus.size() == 1; }
 };
 
 // The words that lead through submenus, followed.
@@ -31,31 +31,31 @@ struct Walk {
   CommandVector commands;      // what can be named there: the menu's commands, and the built-in ones where they work
 };
 
-// Follows `words` from `place` while they name enabled submenus and more words follow. The root's name, as the first
+// Follows `words` from `path` while they name enabled submenus and more words follow. The root's name, as the first
 // word, leads back to the root.
-Walk FollowMenus(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words);
+Walk FollowMenus(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words);
 
 // Whether help is asked for behind a menu's name ("encd help", "encd ? SetQulity"), where the menu has no command of
 // that name itself; `walk` is where `words` led.
 bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words);
 
 // What the Tab key makes of `text`, the line up to the cursor.
-Completion Complete(const Place& place, const CommandVector& builtins, std::string_view text);
+Completion Complete(const MenuPath& path, const CommandVector& builtins, std::string_view text);
 
 // The parameters still to be typed behind `line`, as they follow it.
-std::string Hint(const Place& place, const CommandVector& builtins, std::string_view line);
+std::string Hint(const MenuPath& path, const CommandVector& builtins, std::string_view line);
 
 // "SetSeekOfUplayer <id> <seek_time>".
 std::string UsageLine(const Command& command);
 
 // Why no command took `words` (not empty), in one or more whole lines.
-std::string ExplainRefusal(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words);
+std::string ExplainRefusal(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words);
 
 // The words that lead to the command and its name: "playd CreateUplayer".
-std::string CommandPath(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words);
+std::string CommandPath(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words);
 
 // The usage of the command that `words` name, as " Usage: ..."; "" when they name none.
-std::string UsageOf(const Place& place, const CommandVector& builtins, const std::vector<std::string>& words);
+std::string UsageOf(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words);
 
 }  // namespace cli::internal
 

@@ -116,8 +116,8 @@ void GoToRoot(SessionImpl& session, const Arguments& words) {
 }
 
 void GoUp(SessionImpl& session, const Arguments&) {
-  const Place& place = session.Where();
-  if (!place.AtRoot()) session.Enter(*place.path[place.path.size() - 2]);
+  const MenuPath& path = session.Where();
+  if (!path.AtRoot()) session.Enter(*path.menus[path.menus.size() - 2]);
 }
 
 struct Row {

@@ -27,9 +27,9 @@ namespace {
 
 // What the console's threads use. Kept by the console, by who is in Run() or Stop(), and for good when a command could
 // not be ended.
-class Core : public SessionHost, public StopsAtExit, public std::enable_shared_from_this<Core> {
+class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enable_shared_from_this<ConsoleRuntime> {
  public:
-  Core(std::unique_ptr<Menu> root, const ConsoleOptions& options)
+  ConsoleRuntime(std::unique_ptr<Menu> root, const ConsoleOptions& options)
       : options_(options), root_(std::move(root)), table_(options.max_sessions) {
     if (!root_) throw std::invalid_argument("the console needs a root menu");
     builtins_ = MakeBuiltins(root_->Name());
@@ -142,7 +142,7 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
     config.builtins = base.builtins;
     config.host = base.host;
     auto session = std::make_shared<SessionImpl>(std::move(config));
-    table_.Add(session, nullptr);
+    table_.Add(session, SessionSlot());
     KL_LOG(30, "console session %d opens: %s\n", session->Id(), KindName(session->Kind()));
     return session;
   }
@@ -176,25 +176,25 @@ class Core : public SessionHost, public StopsAtExit, public std::enable_shared_f
   bool stuck_ ABSL_GUARDED_BY(mutex_) = false;
 };
 
-class ConsoleImpl : public Console {
+class ConsoleHandle : public Console {
  public:
-  explicit ConsoleImpl(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+  explicit ConsoleHandle(std::shared_ptr<ConsoleRuntime> runtime) : runtime_(std::move(runtime)) {}
 
-  ~ConsoleImpl() override { core_->Stop(); }
+  ~ConsoleHandle() override { runtime_->Stop(); }
 
   void Run() override {
-    const std::shared_ptr<Core> core = core_;
-    core->Run();
+    const std::shared_ptr<ConsoleRuntime> runtime = runtime_;
+    runtime->Run();
     // The exiting thread destroys static objects: the caller must not run on into them.
     while (ExitingElsewhere()) ::pause();
   }
 
-  void Stop() override { core_->Stop(); }
+  void Stop() override { runtime_->Stop(); }
 
-  int Port() const override { return core_->Port(); }
+  int Port() const override { return runtime_->Port(); }
 
  private:
-  const std::shared_ptr<Core> core_;
+  const std::shared_ptr<ConsoleRuntime> runtime_;
 };
 
 }  // namespace
@@ -202,10 +202,10 @@ class ConsoleImpl : public Console {
 std::unique_ptr<Console> MakeConsole(std::unique_ptr<Menu> root, const ConsoleOptions& options) {
   // A reader that goes away is an error of the write, not the end of the process.
   ::signal(SIGPIPE, SIG_IGN);
-  auto core = std::make_shared<Core>(std::move(root), options);
-  core->Start();
-  StopAtExit(core);
-  return std::make_unique<ConsoleImpl>(std::move(core));
+  auto runtime = std::make_shared<ConsoleRuntime>(std::move(root), options);
+  runtime->Start();
+  StopAtExit(runtime);
+  return std::make_unique<ConsoleHandle>(std::move(runtime));
 }
 
 }  // namespace cli::internal

@@ -88,7 +88,7 @@ SessionImpl::SessionImpl(SessionConfig config)
       last_input_(Now()),
       logged_in_(!config_.login),
       history_(config_.history_file.empty() ? History() : History(config_.history_file)),
-      place_{{config_.root}},
+      menu_path_{{config_.root}},
       stream_buf_(config_.output.get()),
       stream_(&stream_buf_),
       menu_name_(config_.root->Name()) {}
@@ -100,7 +100,7 @@ SessionImpl::~SessionImpl() = default;
 void SessionImpl::Start(LineEditor::Display display, int columns, int rows) {
   {
     absl::MutexLock lock(&mutex_);
-    claimed_ = true;
+    leased_ = true;
     display_ = display;
     columns_ = columns;
     rows_ = rows;
@@ -108,8 +108,8 @@ void SessionImpl::Start(LineEditor::Display display, int columns, int rows) {
   }
   if (Interactive()) {
     editor_ = std::make_unique<LineEditor>(
-        &history_, [this](std::string_view text) { return Complete(place_, *config_.builtins, text); },
-        [this](std::string_view line) { return Hint(place_, *config_.builtins, line); });
+        &history_, [this](std::string_view text) { return Complete(menu_path_, *config_.builtins, text); },
+        [this](std::string_view line) { return Hint(menu_path_, *config_.builtins, line); });
     if (LoggedIn()) config_.output->Append(Banner());
   }
   Pump();
@@ -121,7 +121,7 @@ bool SessionImpl::OnInput(std::string_view bytes) {
   {
     absl::MutexLock lock(&mutex_);
     if (ended_) return true;
-    if (claimed_) {
+    if (leased_) {
       const std::size_t interrupt = Interactive() ? bytes.rfind(kCtrlC) : std::string_view::npos;
       if (interrupt != std::string_view::npos) {
         queue_.clear();
@@ -133,7 +133,7 @@ bool SessionImpl::OnInput(std::string_view bytes) {
       return !paused_;
     }
     queue_.append(bytes);
-    claimed_ = true;
+    leased_ = true;
   }
   Pump();
   return true;
@@ -145,8 +145,8 @@ void SessionImpl::OnEndOfInput() {
   {
     absl::MutexLock lock(&mutex_);
     end_of_input_ = true;
-    if (claimed_) return;
-    claimed_ = true;
+    if (leased_) return;
+    leased_ = true;
   }
   Pump();
 }
@@ -156,8 +156,8 @@ void SessionImpl::SetDisplay(LineEditor::Display display) {
     absl::MutexLock lock(&mutex_);
     display_ = display;
     settings_changed_ = true;
-    if (claimed_) return;
-    claimed_ = true;
+    if (leased_) return;
+    leased_ = true;
   }
   Pump();
 }
@@ -168,8 +168,8 @@ void SessionImpl::Resize(int columns, int rows) {
     columns_ = columns;
     rows_ = rows;
     settings_changed_ = true;
-    if (claimed_) return;
-    claimed_ = true;
+    if (leased_) return;
+    leased_ = true;
   }
   Pump();
 }
@@ -186,8 +186,8 @@ void SessionImpl::Notice(std::string_view text) {
     } else {
       notices_.append(text);
       redraw_ = true;
-      if (claimed_) return;  // the holder shows it
-      claimed_ = editing = true;
+      if (leased_) return;  // the holder shows it
+      leased_ = editing = true;
     }
   }
   if (editing) {
@@ -206,8 +206,8 @@ void SessionImpl::Finish(std::string_view farewell) {
     ended_ = true;
     drop_feed_ = true;
     queue_.clear();
-    if (claimed_) return;
-    claimed_ = true;
+    if (leased_) return;
+    leased_ = true;
   }
   Pump();
 }
@@ -217,8 +217,8 @@ void SessionImpl::SetHidden(bool hidden) {
     absl::MutexLock lock(&mutex_);
     hidden_ = hidden;
     settings_changed_ = true;
-    if (claimed_) return;
-    claimed_ = true;
+    if (leased_) return;
+    leased_ = true;
   }
   Pump();
 }
@@ -233,7 +233,7 @@ void SessionImpl::Close() {
 
 bool SessionImpl::CommandRunning() const {
   absl::MutexLock lock(&mutex_);
-  return claimed_ && has_thread_ && !thread_done_;
+  return leased_ && has_thread_ && !thread_done_;
 }
 
 bool SessionImpl::Ended() const {
@@ -272,7 +272,7 @@ SessionInfo SessionImpl::Info() const {
           menu_name_, since_,       std::chrono::duration_cast<std::chrono::seconds>(idle)};
 }
 
-// --- the holder of the claim
+// --- the holder of the lease
 
 std::optional<std::string> SessionImpl::NextLine() {
   while (TakeWork()) {
@@ -286,7 +286,7 @@ std::optional<std::string> SessionImpl::NextLine() {
   return std::nullopt;
 }
 
-// Applies what others asked for and takes over the input that came. False, with the claim given back, when there is
+// Applies what others asked for and takes over the input that came. False, with the lease given back, when there is
 // nothing to do.
 bool SessionImpl::TakeWork() {
   bool resume = false;
@@ -310,7 +310,7 @@ bool SessionImpl::TakeWork() {
     if (!typed && !asked && !tail && end_of_input_) ended_ = true;
     if (ended_ || (!typed && !asked && !tail)) {
       tell_end = ended_ && !std::exchange(end_told_, true);
-      working = claimed_ = false;
+      working = leased_ = false;
       if (ended_) {
         queue_.clear();
         notices = std::exchange(notices_, {}) + farewell_;
@@ -439,7 +439,7 @@ void SessionImpl::PassEditorOutput() {
   if (editor_) config_.output->Append(editor_->TakeOutput());
 }
 
-std::string SessionImpl::Prompt() const { return place_.Current().Name() + "> "; }
+std::string SessionImpl::Prompt() const { return menu_path_.Current().Name() + "> "; }
 
 void SessionImpl::Pump() {
   while (auto line = NextLine()) {
@@ -554,10 +554,11 @@ void SessionImpl::RunWords(const std::vector<std::string>& words) {
   LeaveRemovedMenus();
   std::string answer;
   try {
-    if (!Dispatch(words)) answer = ExplainRefusal(place_, Builtins(), words);
+    if (!Dispatch(words)) answer = ExplainRefusal(menu_path_, Builtins(), words);
   } catch (...) {
     const std::string text = FailureText(std::current_exception());
-    answer = CommandPath(place_, Builtins(), words) + ": " + text + "." + UsageOf(place_, Builtins(), words) + "\n";
+    answer =
+        CommandPath(menu_path_, Builtins(), words) + ": " + text + "." + UsageOf(menu_path_, Builtins(), words) + "\n";
     KL_LOG(40, "console session %d: command %s failed: %s\n", config_.id, words.front().c_str(), text.c_str());
   }
   if (answer.empty()) return;
@@ -568,7 +569,8 @@ void SessionImpl::RunWords(const std::vector<std::string>& words) {
 bool SessionImpl::Dispatch(const std::vector<std::string>& words) {
   std::exception_ptr refusal;
   try {
-    const std::shared_ptr<Menu> menu = place_.path.back();  // stays, also when the command takes it out of the tree
+    const std::shared_ptr<Menu> menu =
+        menu_path_.menus.back();  // stays, also when the command takes it out of the tree
     if (menu->Dispatch(words, *this)) return true;
   } catch (const std::bad_cast&) {
     refusal = std::current_exception();
@@ -582,27 +584,27 @@ bool SessionImpl::Dispatch(const std::vector<std::string>& words) {
 }
 
 void SessionImpl::Enter(Menu& menu) {
-  std::vector<std::shared_ptr<Menu>> path = {place_.path.front()};
+  std::vector<std::shared_ptr<Menu>> path = {menu_path_.menus.front()};
   if (!FindMenu(menu, path)) return;  // taken out of the tree meanwhile
-  place_.path = std::move(path);
-  PublishPlace();
+  menu_path_.menus = std::move(path);
+  PublishMenuName();
 }
 
 void SessionImpl::LeaveRemovedMenus() {
-  for (std::size_t i = 1; i < place_.path.size(); ++i) {
-    const auto commands = place_.path[i - 1]->Commands();
-    if (std::find(commands.begin(), commands.end(), place_.path[i]) != commands.end()) continue;
-    config_.output->Append("The menu \"" + place_.path[i]->Name() + "\" is gone; this is \"" +
-                           place_.path[i - 1]->Name() + "\".\n");
-    place_.path.resize(i);
-    PublishPlace();
+  for (std::size_t i = 1; i < menu_path_.menus.size(); ++i) {
+    const auto commands = menu_path_.menus[i - 1]->Commands();
+    if (std::find(commands.begin(), commands.end(), menu_path_.menus[i]) != commands.end()) continue;
+    config_.output->Append("The menu \"" + menu_path_.menus[i]->Name() + "\" is gone; this is \"" +
+                           menu_path_.menus[i - 1]->Name() + "\".\n");
+    menu_path_.menus.resize(i);
+    PublishMenuName();
   }
 }
 
-void SessionImpl::PublishPlace() {
+void SessionImpl::PublishMenuName() {
   std::string name;
-  for (const auto& menu : place_.path) {
-    if (place_.AtRoot() || menu != place_.path.front()) name += (name.empty() ? "" : " ") + menu->Name();
+  for (const auto& menu : menu_path_.menus) {
+    if (menu_path_.AtRoot() || menu != menu_path_.menus.front()) name += (name.empty() ? "" : " ") + menu->Name();
   }
   absl::MutexLock lock(&mutex_);
   menu_name_ = name;

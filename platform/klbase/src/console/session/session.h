@@ -1,4 +1,4 @@
-// One operator's session: a place in the menu tree, a history, an output stream, and the thread that runs its commands.
+// One operator's session: a menu path, a history, an output stream, and the thread that runs its commands.
 #ifndef KLBASE_CONSOLE_SESSION_SESSION_H_
 #define KLBASE_CONSOLE_SESSION_SESSION_H_
 
@@ -59,7 +59,7 @@ class SessionHost {
 };
 
 // Asked for before a session may run commands: `check` says whether the password is right (it may take its time), and
-// `admit` whether there is a place left. Both are called on the session's command thread.
+// `admit` whether there is a session slot left. Both are called on the session's command thread.
 struct LoginRules {
   std::function<bool(const std::string& password)> check;
   std::function<bool()> admit;
@@ -85,8 +85,8 @@ struct SessionConfig {
 };
 
 // The transport's thread delivers input and events; a command thread, started with the first line, runs the lines. The
-// editor, the history and the place belong to whoever holds the claim (`claimed_`): the transport while a line is
-// typed, the command thread from a whole line until all input is used up. The claim passes under `mutex_`.
+// editor, the history and the menu path belong to whoever holds the lease (`leased_`): the transport while a line is
+// typed, the command thread from a whole line until all input is used up. The lease passes under `mutex_`.
 class SessionImpl : public Session, public std::enable_shared_from_this<SessionImpl> {
  public:
   // Input is no longer wanted while more than this waits behind a running command.
@@ -140,15 +140,15 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
 
   // --- cli::Session; the command thread.
   std::ostream& OutStream() override { return stream_; }
-  Menu& CurrentMenu() override { return place_.Current(); }
+  Menu& CurrentMenu() override { return menu_path_.Current(); }
   void Enter(Menu& menu) override;
 
   // --- For the built-in commands; the command thread.
-  const Place& Where() const { return place_; }
+  const MenuPath& Where() const { return menu_path_; }
   const CommandVector& Builtins() const { return *config_.builtins; }
   const History& Lines() const { return history_; }
   SessionHost& Host() { return *config_.host; }
-  // Ends this session after the line. The holder of the claim.
+  // Ends this session after the line. The holder of the lease.
   void End();
 
  private:
@@ -168,8 +168,8 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
 
   bool Interactive() const { return config_.kind == SessionKind::kTelnet || config_.kind == SessionKind::kTerminal; }
 
-  // The holder of the claim:
-  // Uses up input until a line is to be run; without one, gives the claim back and returns nothing.
+  // The holder of the lease:
+  // Uses up input until a line is to be run; without one, gives the lease back and returns nothing.
   std::optional<std::string> NextLine();
   bool TakeWork();
   LineEditor::Result FeedReader(std::string_view bytes);
@@ -182,7 +182,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   void ShowNotices(std::string_view text);
   std::string Prompt() const;
 
-  // Uses the claim that the caller took: feeds the editor and hands a line to the command thread.
+  // Uses the lease that the caller took: feeds the editor and hands a line to the command thread.
   void Pump();
   bool HandToThread(std::string line);
   bool StartThreadLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
@@ -196,7 +196,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   bool Dispatch(const std::vector<std::string>& words);
   void TryLogin(const std::string& password);
   void LeaveRemovedMenus();
-  void PublishPlace();
+  void PublishMenuName();
   // Sleeps, but not beyond the end of the session.
   void WaitUnlessClosed(std::chrono::milliseconds time);
 
@@ -205,11 +205,11 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   std::atomic<std::chrono::steady_clock::rep> last_input_;
   std::atomic<bool> logged_in_;
 
-  // The claim holder's.
+  // The lease holder's.
   History history_;
   std::unique_ptr<LineEditor> editor_;  // for operators
   LineSplitter splitter_;               // for programs, and for passwords
-  Place place_;
+  MenuPath menu_path_;
   std::string feed_;
   std::size_t feed_used_ = 0;
   bool started_ = false;
@@ -229,7 +229,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   bool has_thread_ ABSL_GUARDED_BY(mutex_) = false;
   bool thread_done_ ABSL_GUARDED_BY(mutex_) = false;
   std::optional<std::string> job_ ABSL_GUARDED_BY(mutex_);
-  bool claimed_ ABSL_GUARDED_BY(mutex_) = true;     // by Start(), until that has shown the first prompt
+  bool leased_ ABSL_GUARDED_BY(mutex_) = true;      // by Start(), until that has shown the first prompt
   bool executing_ ABSL_GUARDED_BY(mutex_) = false;  // a command runs: nothing is being typed
   bool ended_ ABSL_GUARDED_BY(mutex_) = false;      // no further line runs
   bool closed_ ABSL_GUARDED_BY(mutex_) = false;     // the transport is done with it
@@ -238,7 +238,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   bool tail_fed_ ABSL_GUARDED_BY(mutex_) = false;
   bool end_of_input_ ABSL_GUARDED_BY(mutex_) = false;
   bool drop_feed_ ABSL_GUARDED_BY(mutex_) = false;
-  // What the claim holder has to apply.
+  // What the lease holder has to apply.
   bool redraw_ ABSL_GUARDED_BY(mutex_) = false;
   std::string notices_ ABSL_GUARDED_BY(mutex_);
   bool settings_changed_ ABSL_GUARDED_BY(mutex_) = false;

@@ -5,12 +5,12 @@
 
 namespace cli::internal {
 
-std::shared_ptr<void> SessionTable::TakePlace() {
+SessionSlot SessionTable::TakeSlot() {
   int taken = taken_->load();
   do {
-    if (taken >= max_places_) return nullptr;
+    if (taken >= max_slots_) return {};
   } while (!taken_->compare_exchange_weak(taken, taken + 1));
-  return {taken_.get(), [counter = taken_](void*) { --*counter; }};
+  return SessionSlot(taken_);
 }
 
 int SessionTable::NextId() {
@@ -18,16 +18,16 @@ int SessionTable::NextId() {
   return ++last_id_;
 }
 
-void SessionTable::Add(std::shared_ptr<SessionImpl> session, std::shared_ptr<void> place) {
+void SessionTable::Add(std::shared_ptr<SessionImpl> session, SessionSlot slot) {
   const int id = session->Id();
   absl::MutexLock lock(&mutex_);
-  entries_[id] = {std::move(session), std::move(place)};
+  entries_[id] = {std::move(session), std::move(slot)};
 }
 
-void SessionTable::SetPlace(int id, std::shared_ptr<void> place) {
+void SessionTable::SetSlot(int id, SessionSlot slot) {
   absl::MutexLock lock(&mutex_);
   const auto found = entries_.find(id);
-  if (found != entries_.end()) found->second.place = std::move(place);
+  if (found != entries_.end()) found->second.slot = std::move(slot);
 }
 
 void SessionTable::Reap(int id) {
@@ -40,7 +40,7 @@ void SessionTable::Reap(int id) {
     entries_.erase(found);
   }
   entry.session->Join();
-  entry.place.reset();
+  entry.slot = {};
   absl::MutexLock lock(&mutex_);
   changed_.SignalAll();
 }

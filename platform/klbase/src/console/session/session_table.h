@@ -1,4 +1,4 @@
-// All sessions of a console, and the places that connections compete for.
+// All sessions of a console, and the slots that connections compete for.
 #ifndef KLBASE_CONSOLE_SESSION_SESSION_TABLE_H_
 #define KLBASE_CONSOLE_SESSION_SESSION_TABLE_H_
 
@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
@@ -16,20 +17,41 @@
 
 namespace cli::internal {
 
+// The right to one of the sessions that a console serves at a time; free again when it is destroyed, on any thread. It
+// may outlive its table.
+class SessionSlot {
+ public:
+  SessionSlot() = default;  // no slot
+  // Counts itself out of `taken`, where it is counted already.
+  explicit SessionSlot(std::shared_ptr<std::atomic<int>> taken) : taken_(std::move(taken)) {}
+  ~SessionSlot() {
+    if (taken_) --*taken_;
+  }
+  SessionSlot(SessionSlot&&) noexcept = default;
+  SessionSlot& operator=(SessionSlot other) noexcept {
+    taken_.swap(other.taken_);
+    return *this;
+  }
+
+  explicit operator bool() const { return taken_ != nullptr; }
+
+ private:
+  std::shared_ptr<std::atomic<int>> taken_;
+};
+
 // Any thread.
 class SessionTable {
  public:
-  explicit SessionTable(int max_places) : max_places_(max_places) {}
+  explicit SessionTable(int max_slots) : max_slots_(max_slots) {}
 
-  // A place, free again when the last copy is gone. Null when all are taken.
-  std::shared_ptr<void> TakePlace();
-  int MaxPlaces() const { return max_places_; }
+  // No slot when all are taken.
+  SessionSlot TakeSlot();
 
   int NextId();
-  // `place` is kept until the session is gone: a command whose operator hung up still takes one.
-  void Add(std::shared_ptr<SessionImpl> session, std::shared_ptr<void> place);
+  // `slot` is kept until the session is gone: a command whose operator hung up still takes one.
+  void Add(std::shared_ptr<SessionImpl> session, SessionSlot slot);
   // For a session that logs in after it was added.
-  void SetPlace(int id, std::shared_ptr<void> place);
+  void SetSlot(int id, SessionSlot slot);
   // Joins and forgets the session once it is closed and its thread is done; else does nothing.
   void Reap(int id);
 
@@ -40,10 +62,10 @@ class SessionTable {
  private:
   struct Entry {
     std::shared_ptr<SessionImpl> session;
-    std::shared_ptr<void> place;
+    SessionSlot slot;
   };
 
-  const int max_places_;
+  const int max_slots_;
   mutable absl::Mutex mutex_;
   klbase::SteadyCondVar changed_;
   int last_id_ ABSL_GUARDED_BY(mutex_) = 0;

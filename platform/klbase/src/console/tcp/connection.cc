@@ -37,7 +37,7 @@ void SetOption(int fd, int level, int name, int value) {
 void SetOptions(int fd) {
   constexpr int kIdleSeconds = 30;      // then the peer is probed,
   constexpr int kIntervalSeconds = 10;  // so often,
-  constexpr int kProbes = 3;            // so many times, before its place is given to others
+  constexpr int kProbes = 3;            // so many times, before its slot is given to others
   constexpr int kUnackedMs = 60'000;    // the same for a peer that vanished while bytes are under way
   // The kernel doubles it. Without a bound it takes megabytes of what a client that doesn't read will never see, and
   // the commands that print them keep the processor from the others.
@@ -60,9 +60,8 @@ bool IsDumb(std::string name) {
 
 }  // namespace
 
-Connection::Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner,
-                       std::shared_ptr<void> place)
-    : io_(io), socket_(std::move(socket)), owner_(owner), place_(std::move(place)), peer_(PeerName(socket_)) {}
+Connection::Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner, SessionSlot slot)
+    : io_(io), socket_(std::move(socket)), owner_(owner), slot_(std::move(slot)), peer_(PeerName(socket_)) {}
 
 Connection::~Connection() {
   if (output_) output_->Close();

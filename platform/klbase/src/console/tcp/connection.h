@@ -18,6 +18,7 @@
 #include "console/options.h"
 #include "console/output_buffer.h"
 #include "console/session/session.h"
+#include "console/session/session_table.h"
 #include "console/tcp/telnet_filter.h"
 
 namespace cli::internal {
@@ -41,8 +42,8 @@ class ConnectionOwner {
 // Used on the I/O thread, except for what says otherwise. Kept alive by its pending operations and its owner.
 class Connection : public std::enable_shared_from_this<Connection>, private TelnetFilter::Receiver {
  public:
-  // `place` is what lets it be served; null while it has yet to log in.
-  Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner, std::shared_ptr<void> place);
+  // `slot` lets it be served; none while it has yet to log in.
+  Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner, SessionSlot slot);
   ~Connection() override;
 
   // Waits for the client's first byte, then serves.
@@ -57,7 +58,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Teln
   const std::string& Peer() const { return peer_; }
   const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
   const std::shared_ptr<SessionImpl>& Session() const { return session_; }
-  std::shared_ptr<void> TakePlaceAlong() { return std::move(place_); }
+  SessionSlot TakeSlotAlong() { return std::move(slot_); }
   bool LoggedIn() const { return session_ != nullptr && session_->LoggedIn(); }
 
   // Any thread: for the session.
@@ -98,7 +99,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Teln
   asio::io_context& io_;
   asio::ip::tcp::socket socket_;
   ConnectionOwner& owner_;
-  std::shared_ptr<void> place_;
+  SessionSlot slot_;
   const std::string peer_;
   std::shared_ptr<OutputBuffer> output_;
   std::shared_ptr<SessionImpl> session_;

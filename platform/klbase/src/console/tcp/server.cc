@@ -36,7 +36,7 @@ namespace {
 
 using Tcp = asio::ip::tcp;
 
-// Connections that have yet to log in take places of their own, so that they can't keep operators out.
+// Connections that have yet to log in have slots of their own, so that they can't keep operators out.
 constexpr std::size_t kMaxLoggingIn = 32;
 
 asio::ip::address ParseAddress(const std::string& text) {
@@ -191,9 +191,9 @@ class ServerImpl : public Server, public ConnectionOwner {
 
   void Admit(Tcp::socket socket) {
     const bool trusted = options_.password_file.empty();
-    auto place = trusted ? parts_.table->TakePlace() : nullptr;
-    const bool refuse = trusted && !place;
-    auto connection = std::make_shared<Connection>(io_, std::move(socket), *this, std::move(place));
+    SessionSlot slot = trusted ? parts_.table->TakeSlot() : SessionSlot();
+    const bool refuse = trusted && !slot;
+    auto connection = std::make_shared<Connection>(io_, std::move(socket), *this, std::move(slot));
     if (!trusted) MakeRoomForLogin();
     connections_.insert(connection);
     if (refuse) {
@@ -242,7 +242,7 @@ class ServerImpl : public Server, public ConnectionOwner {
     };
     if (!options_.password_file.empty()) config.login = Login(id, connection.Output());
     auto session = std::make_shared<SessionImpl>(std::move(config));
-    parts_.table->Add(session, connection.TakePlaceAlong());
+    parts_.table->Add(session, connection.TakeSlotAlong());
     KL_LOG(30, "console session %d opens: %s from %s\n", id, KindName(kind), connection.Peer().c_str());
     return session;
   }
@@ -252,12 +252,12 @@ class ServerImpl : public Server, public ConnectionOwner {
     rules.delay_after_failure = options_.login_delay;
     rules.check = [this](const std::string& password) { return CheckPassword(password); };
     rules.admit = [this, id, output] {
-      auto place = parts_.table->TakePlace();
-      if (!place) {
+      SessionSlot slot = parts_.table->TakeSlot();
+      if (!slot) {
         output->Append(FullText());
         return false;
       }
-      parts_.table->SetPlace(id, std::move(place));
+      parts_.table->SetSlot(id, std::move(slot));
       return true;
     };
     return rules;
