@@ -21,7 +21,8 @@ using std::chrono::steady_clock;
 
 // The record that a failed call leaves.
 std::string FailedCall(const std::string& address, const std::string& reason) {
-  return "40 platform/klrpc/src/api_client CallWithin: call of common.v1.Status to " + address + " failed: " + reason;
+  return "40 platform/klrpc/src/client/api_client CallWithin: call of common.v1.Status to " + address +
+         " failed: " + reason;
 }
 
 Any Packed(const google::protobuf::Message& message) {
@@ -207,10 +208,10 @@ TEST_F(ApiClientTest, TheEnvironmentSetsTheTimeLimit) {
 TEST_F(ApiClientTest, ATimeLimitThatIsNoNumberIsReportedAndIgnored) {
   const ScopedEnv limit("KLRPC_CALL_TIMEOUT_MS", "3s");
   client_ = Connect(address_);
-  EXPECT_EQ(
-      Record(),
-      "40 platform/klrpc/src/api_client CallTimeout: KLRPC_CALL_TIMEOUT_MS is \"3s\"; write milliseconds from 1 to "
-      "3600000. Calls wait 3000 ms");
+  EXPECT_EQ(Record(),
+            "40 platform/klrpc/src/client/api_client CallTimeout: KLRPC_CALL_TIMEOUT_MS is \"3s\"; write milliseconds "
+            "from 1 to "
+            "3600000. Calls wait 3000 ms");
   const auto server = Serve(address_);
   EXPECT_TRUE(Call(StatusOf(1)));
 }
@@ -246,7 +247,7 @@ TEST_F(ApiClientTest, ALargerReplyIsAnErrorOfTheServerAndOfTheCall) {
   const std::string text = "the reply has 4194310 bytes, more than the 4194304 that can be sent";
   EXPECT_EQ(log_.Records(),
             (std::vector<std::string>{
-                "40 platform/klrpc/src/api_server Hooked: request type.googleapis.com/common.v1.Status: " + text,
+                "40 platform/klrpc/src/server/api_server Hooked: request type.googleapis.com/common.v1.Status: " + text,
                 FailedCall(address_, "RESOURCE_EXHAUSTED: " + text)}));
   ExpectUntouchedReply();
 }

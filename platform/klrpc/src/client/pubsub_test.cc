@@ -259,7 +259,7 @@ TEST_F(PubsubTest, ASubscriptionWithAnEmptyArgumentIsRefused) {
   EXPECT_FALSE(client_->SubscribeTopics("", {"a"}));
   EXPECT_FALSE(client_->SubscribeTopics("me", {}));
   EXPECT_FALSE(client_->SubscribeTopics("me", {"a", ""}));
-  const std::string record = "40 platform/klrpc/src/api_client SubscribeTopics: subscription at " + address_ +
+  const std::string record = "40 platform/klrpc/src/client/api_client SubscribeTopics: subscription at " + address_ +
                              ": a client id and topics are needed, none of them empty";
   EXPECT_EQ(log_.Records(), (Texts{record, record, record}));
 }
@@ -269,7 +269,7 @@ TEST_F(PubsubTest, AServerWithoutPublishSubscribeSaysSo) {
   server_ = Serve(address_);
   EXPECT_EQ(server_->Publish(Message("a", "x")), 0u);
   Subscribe("me", {"a"});
-  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/subscriptions OnLastEnded: subscription of me at " + address_ +
+  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/client/subscriptions OnLastEnded: subscription of me at " + address_ +
                            " failed, trying again: UNIMPLEMENTED: no method /klrpc.v1.Transport/Subscribe here"));
   EXPECT_TRUE(listener_->states.Get().empty());
 }
@@ -300,12 +300,14 @@ TEST_F(PubsubTest, AMessageThatCannotBeSentIsRefusedWithTheReason) {
   EXPECT_FALSE(client_->PublishMessage(Message("", "x")));
   EXPECT_FALSE(client_->PublishMessage(Message("a", std::string(4u << 20, 'x'))));
   EXPECT_EQ(server_->Publish(Message("a", std::string(4u << 20, 'x'))), 0u);
-  EXPECT_EQ(log_.Records(),
-            (Texts{"40 platform/klrpc/src/publisher Publish: publication to " + address_ + ": the message has no topic",
-                   "40 platform/klrpc/src/publisher Publish: publication on a to " + address_ +
-                       ": the message has 4194312 bytes, more than the 4194304 that can be sent",
-                   "40 platform/klrpc/src/api_server Publish: publication on a: the message has 4194312 bytes, more "
-                   "than the 4194304 that can be sent"}));
+  EXPECT_EQ(
+      log_.Records(),
+      (Texts{
+          "40 platform/klrpc/src/client/publisher Publish: publication to " + address_ + ": the message has no topic",
+          "40 platform/klrpc/src/client/publisher Publish: publication on a to " + address_ +
+              ": the message has 4194312 bytes, more than the 4194304 that can be sent",
+          "40 platform/klrpc/src/server/api_server Publish: publication on a: the message has 4194312 bytes, more "
+          "than the 4194304 that can be sent"}));
 }
 
 TEST_F(PubsubTest, TheServersHookSeesEachMessageAndMayRefuseIt) {
@@ -360,9 +362,9 @@ TEST_F(PubsubTest, ASlowSubscriberLosesTheNewestAndOthersLoseNothing) {
   ASSERT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return list.size() == kept; }));
   const Texts got = listener_->messages.Get();
   for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(got[i], "a=" + std::to_string(i) + padding);
-  EXPECT_TRUE(
-      log_.WaitFor("40 platform/klrpc/src/subscription_hub SendNext: subscriber slow reads too slowly: dropped " +
-                   std::to_string(kMessages - kept) + " messages"));
+  EXPECT_TRUE(log_.WaitFor(
+      "40 platform/klrpc/src/server/subscription_hub SendNext: subscriber slow reads too slowly: dropped " +
+      std::to_string(kMessages - kept) + " messages"));
   EXPECT_EQ(log_.Records().size(), 1u);
 }
 
@@ -393,8 +395,9 @@ TEST_F(PubsubTest, ASlotThatThrowsLeavesARecordAndTheClientGoesOn) {
   server_->Publish(Message("a", "bad"));
   server_->Publish(Message("a", "good"));
   ExpectMessages({"a=good"});
-  EXPECT_EQ(log_.Records(),
-            Texts{"50 platform/klrpc/src/api_client EmitSafely: a slot of SignalSubscribeMessage: can't print that"});
+  EXPECT_EQ(
+      log_.Records(),
+      Texts{"50 platform/klrpc/src/client/api_client EmitSafely: a slot of SignalSubscribeMessage: can't print that"});
 }
 
 TEST_F(PubsubTest, ADestroyedListenerHearsNothingMoreWhileEventsCome) {

@@ -78,9 +78,10 @@ TEST_F(ApiServerTest, FalseWithAReplyStillSendsTheReply) {
 TEST_F(ApiServerTest, FalseWithoutAReplyIsUnimplemented) {
   const auto server = Serve(address_, [](const Any&, Any&) { return false; });
   EXPECT_FALSE(Call());
-  EXPECT_EQ(log_.Records(), std::vector<std::string>{
-                                "40 platform/klrpc/src/api_client CallWithin: call of common.v1.Status to " + address_ +
-                                " failed: UNIMPLEMENTED: not served here: type.googleapis.com/common.v1.Status"});
+  EXPECT_EQ(log_.Records(),
+            std::vector<std::string>{
+                "40 platform/klrpc/src/client/api_client CallWithin: call of common.v1.Status to " + address_ +
+                " failed: UNIMPLEMENTED: not served here: type.googleapis.com/common.v1.Status"});
 }
 
 TEST_F(ApiServerTest, WithoutAHookEveryRequestIsUnimplemented) {
@@ -102,11 +103,12 @@ TEST_F(ApiServerTest, AnExceptionBecomesInternalAndTheServerGoesOn) {
     return Echo(request, reply);
   });
   EXPECT_FALSE(Call());
-  EXPECT_EQ(log_.Records(),
-            (std::vector<std::string>{
-                "50 platform/klrpc/src/api_server Guarded: request type.googleapis.com/common.v1.Status: disk on fire",
-                "40 platform/klrpc/src/api_client CallWithin: call of common.v1.Status to " + address_ +
-                    " failed: INTERNAL: disk on fire"}));
+  EXPECT_EQ(
+      log_.Records(),
+      (std::vector<std::string>{
+          "50 platform/klrpc/src/server/api_server Guarded: request type.googleapis.com/common.v1.Status: disk on fire",
+          "40 platform/klrpc/src/client/api_client CallWithin: call of common.v1.Status to " + address_ +
+              " failed: INTERNAL: disk on fire"}));
   EXPECT_TRUE(Call());
 }
 
@@ -233,7 +235,7 @@ TEST_F(ApiServerTest, AnotherUserIsRefused) {
   EXPECT_EQ(stranger.Wait(), 0);
   const auto records = log_.Records();
   ASSERT_FALSE(records.empty());
-  EXPECT_EQ(records[0].rfind("40 platform/klrpc/src/unix_listener Allowed: " + address_ +
+  EXPECT_EQ(records[0].rfind("40 platform/klrpc/src/server/unix_listener Allowed: " + address_ +
                                  ": refused a connection of user id 65534 (process ",
                              0),
             0u)
@@ -262,7 +264,7 @@ TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenTher
   for (int& client : clients) client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   AllDescriptorsUsed used;
   for (const int client : clients) ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&name), size), 0);
-  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/unix_listener AcceptOne: " + address_ +
+  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/server/unix_listener AcceptOne: " + address_ +
                            ": can't accept a connection: Too many open files"));
   used.Free();
   for (const int client : clients) {
@@ -275,7 +277,7 @@ TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenTher
 TEST_F(ApiServerTest, UserIdsThatAreNoneAreReported) {
   const ScopedEnv allowed("KLRPC_ALLOW_UID", "12,video,-1");
   const auto server = Serve(address_);
-  const std::string start = "40 platform/klrpc/src/unix_listener AllowedUids: KLRPC_ALLOW_UID: ";
+  const std::string start = "40 platform/klrpc/src/server/unix_listener AllowedUids: KLRPC_ALLOW_UID: ";
   const std::string end = " is no user id; write numbers separated by commas";
   EXPECT_EQ(log_.Records(), (std::vector<std::string>{start + "\"video\"" + end, start + "\"-1\"" + end}));
 }
