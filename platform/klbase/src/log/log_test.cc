@@ -101,7 +101,7 @@ TEST_F(LogTest, ARecordIsOneLineWithAllItsFields) {
   const int line = __LINE__ - 1;
   EXPECT_THAT(Content(),
               MatchesRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3} 30 " +
-                           std::to_string(gettid()) + " platform/klbase/src/log_test:" + std::to_string(line) +
+                           std::to_string(gettid()) + " platform/klbase/src/log/log_test:" + std::to_string(line) +
                            " TestBody: loaded module 3\n"));
 }
 
@@ -425,7 +425,7 @@ TEST_F(LogObserverTest, SeesTheFieldsAndTheTextAsItIs) {
   Observe();
   KL_LOG(40, "install %s cli\n", "rpc");
   const std::string line = std::to_string(__LINE__ - 1);
-  EXPECT_THAT(seen_, ElementsAre("40|platform/klbase/src/log_test:" + line + "|TestBody|install rpc cli\n"));
+  EXPECT_THAT(seen_, ElementsAre("40|platform/klbase/src/log/log_test:" + line + "|TestBody|install rpc cli\n"));
 }
 
 TEST_F(LogObserverTest, SeesNothingThatItsLevelSuppressed) {
@@ -478,7 +478,7 @@ TEST(LogSourceNameTest, IsThePathBelowTheRepositoryWithoutExtension) {
                 "modules/core/common/module_loader");
   static_assert(klbase_internal::SourceName("../../example/vextool.cc") == "example/vextool");
   static_assert(klbase_internal::SourceName("v1.2/file") == "v1.2/file");
-  EXPECT_EQ(klbase_internal::SourceName(__FILE__), "platform/klbase/src/log_test");
+  EXPECT_EQ(klbase_internal::SourceName(__FILE__), "platform/klbase/src/log/log_test");
 }
 
 }  // namespace
