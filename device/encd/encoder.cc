@@ -86,7 +86,7 @@ Encoder::~Encoder() {
   std::shared_ptr<Recorder> recorder;
   std::map<std::string, std::shared_ptr<PushStream>> streams;
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     recorder.swap(recorder_);
     streams.swap(streams_);
   }
@@ -100,7 +100,7 @@ Result Encoder::SetQuality(int quality) {
   for (const QualityRow& row : kQualities) {
     if (static_cast<int>(row.quality) != quality) continue;
     {
-      absl::MutexLock lock(&mu_);
+      const absl::MutexLock lock(&mutex_);
       quality_ = row.quality;
       bitrate_kbps_ = row.kbps;
     }
@@ -111,7 +111,7 @@ Result Encoder::SetQuality(int quality) {
 }
 
 Quality Encoder::GetQuality() const {
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   return quality_;
 }
 
@@ -121,7 +121,7 @@ Result Encoder::SetBitrate(int kbps) {
         absl::StrFormat("bitrate %d kbit/s is out of range; use %d to %d", kbps, kMinBitrateKbps, kMaxBitrateKbps));
   }
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     bitrate_kbps_ = kbps;
   }
   ApplyBitrate();
@@ -133,7 +133,7 @@ Result Encoder::SetBitrate(int kbps) {
 void Encoder::ApplyBitrate() {
   for (int applied = -1;;) {
     {
-      absl::MutexLock lock(&mu_);
+      const absl::MutexLock lock(&mutex_);
       if (applied == bitrate_kbps_) return;
       applied = bitrate_kbps_;
     }
@@ -149,7 +149,7 @@ Result Encoder::ReserveStream(const std::string& id, const std::string& url) {
   if (url.rfind("rtmp://", 0) != 0 && url.rfind("rtmps://", 0) != 0) {
     return BadValue("url " + url + " is no RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
   }
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   if (streams_.size() >= kMaxStreams) {
     return {Code::kWrongState, absl::StrFormat("%d streams are pushed already; delete one first", kMaxStreams)};
   }
@@ -165,14 +165,14 @@ Result Encoder::AddStream(const std::string& id, const std::string& url, const s
   const std::string error = stream->Connect(kConnectLimit);
   if (!error.empty()) {
     KL_LOG(40, "stream %s to %s is refused: %s", id.c_str(), url.c_str(), error.c_str());
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     streams_.erase(id);
     return {Code::kUnreachable, "can't push to " + url + ": " + error};
   }
   fanout_.Add(stream->queue());
   stream->Start();
   KL_LOG(30, "stream %s is pushed to %s", id.c_str(), url.c_str());
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   stream->queue()->SetDelay(std::chrono::seconds(push_delay_s_));
   streams_[id] = std::move(stream);
   return Ok("stream " + id + " is pushed to " + url);
@@ -182,7 +182,7 @@ Result Encoder::DeleteStream(const std::string& id) {
   if (id.empty()) return BadValue("which stream? unique_id is empty");
   std::shared_ptr<PushStream> stream;
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     const auto found = streams_.find(id);
     if (found == streams_.end()) return {Code::kUnknown, "there is no stream " + id};
     if (!found->second) return {Code::kWrongState, "stream " + id + " is just being added; try again in 2 s"};
@@ -199,7 +199,7 @@ Result Encoder::SetPushDelay(int seconds) {
   if (seconds < 0 || seconds > kMaxPushDelaySeconds) {
     return BadValue(absl::StrFormat("push delay %d s is out of range; use 0 to %d", seconds, kMaxPushDelaySeconds));
   }
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   push_delay_s_ = seconds;
   for (const auto& [id, stream] : streams_) {
     if (stream) stream->queue()->SetDelay(std::chrono::seconds(seconds));
@@ -209,7 +209,7 @@ Result Encoder::SetPushDelay(int seconds) {
 
 std::vector<Encoder::StreamState> Encoder::Streams() const {
   std::vector<StreamState> states;
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   for (const auto& [id, stream] : streams_) {
     if (stream) states.push_back({id, stream->Connected(), stream->Frames(), stream->Connections()});
   }
@@ -235,7 +235,7 @@ Result Encoder::StartRecord(const RecordSpec& spec) {
   if (Result checked = CheckSpec(spec); !checked.ok()) return checked;
   std::shared_ptr<Recorder> failed;  // an earlier one that has ended by itself; let go without the lock
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     if (recorder_ && recorder_->WaitDone(milliseconds(0))) {
       failed.swap(recorder_);
       recording_ = false;
@@ -254,10 +254,10 @@ Result Encoder::StartRecord(const RecordSpec& spec) {
         std::make_shared<Recorder>(path, format, RecordTracks(format, spec.audio, spec.video), kLiveRecording);
     fanout_.Add(recorder->queue());
     pipeline_->RequestKeyframe();
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     recorder_ = std::move(recorder);
   } catch (const std::runtime_error& error) {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     recording_ = false;
     return {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
   }
@@ -268,13 +268,13 @@ Result Encoder::StartRecord(const RecordSpec& spec) {
 Result Encoder::StopRecord() {
   std::shared_ptr<Recorder> recorder;
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     if (!recorder_) return {Code::kWrongState, "no recording is under way; start one first"};
     recorder.swap(recorder_);
   }
   fanout_.Remove(recorder->queue().get());
   Result result = Complete(*recorder);
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   recording_ = false;
   return result;
 }
@@ -295,7 +295,7 @@ Result Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
   }
   std::shared_ptr<ForwardBuffer> before;
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     before = std::exchange(forward_, std::move(fresh));
     forward_tracks_ = tracks;
     forward_format_ = static_cast<RecordFormat>(spec.format);
@@ -310,7 +310,7 @@ Result Encoder::ForwardRecord() {
   RecordFormat format;
   Tracks tracks;
   {
-    absl::MutexLock lock(&mu_);
+    const absl::MutexLock lock(&mutex_);
     if (!forward_) return {Code::kWrongState, "forward recording is off; set it first (SetForwardRecordRequest)"};
     if (forward_writing_) return {Code::kWrongState, "a forward recording is being written; try again"};
     forward_writing_ = true;
@@ -319,7 +319,7 @@ Result Encoder::ForwardRecord() {
     tracks = forward_tracks_;
   }
   Result result = WriteForward(*buffer, format, tracks);
-  absl::MutexLock lock(&mu_);
+  const absl::MutexLock lock(&mutex_);
   forward_writing_ = false;
   return result;
 }

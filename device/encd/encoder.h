@@ -13,11 +13,11 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "base/gst.h"
-#include "encd/encode_pipeline.h"
-#include "encd/fanout.h"
-#include "encd/forward_buffer.h"
-#include "encd/push_stream.h"
-#include "encd/recorder.h"
+#include "encd/output/push_stream.h"
+#include "encd/output/recorder.h"
+#include "encd/packet/fanout.h"
+#include "encd/packet/forward_buffer.h"
+#include "encd/pipeline/encode_pipeline.h"
 
 namespace encd {
 
@@ -113,17 +113,17 @@ class Encoder {
 
   const Options options_;
   Fanout fanout_;
-  mutable absl::Mutex mu_;
-  Quality quality_ ABSL_GUARDED_BY(mu_) = Quality::kMiddle;
-  int bitrate_kbps_ ABSL_GUARDED_BY(mu_);
-  int push_delay_s_ ABSL_GUARDED_BY(mu_) = 0;
-  std::map<std::string, std::shared_ptr<PushStream>> streams_ ABSL_GUARDED_BY(mu_);  // null while it connects
-  bool recording_ ABSL_GUARDED_BY(mu_) = false;  // also while a recording starts or ends
-  std::shared_ptr<Recorder> recorder_ ABSL_GUARDED_BY(mu_);
-  RecordFormat forward_format_ ABSL_GUARDED_BY(mu_) = RecordFormat::kMp4;
-  Tracks forward_tracks_ ABSL_GUARDED_BY(mu_);
-  std::shared_ptr<ForwardBuffer> forward_ ABSL_GUARDED_BY(mu_);
-  bool forward_writing_ ABSL_GUARDED_BY(mu_) = false;
+  mutable absl::Mutex mutex_;
+  Quality quality_ ABSL_GUARDED_BY(mutex_) = Quality::kMiddle;
+  int bitrate_kbps_ ABSL_GUARDED_BY(mutex_);
+  int push_delay_s_ ABSL_GUARDED_BY(mutex_) = 0;
+  std::map<std::string, std::shared_ptr<PushStream>> streams_ ABSL_GUARDED_BY(mutex_);  // null while it connects
+  bool recording_ ABSL_GUARDED_BY(mutex_) = false;  // also while a recording starts or ends
+  std::shared_ptr<Recorder> recorder_ ABSL_GUARDED_BY(mutex_);
+  RecordFormat forward_format_ ABSL_GUARDED_BY(mutex_) = RecordFormat::kMp4;
+  Tracks forward_tracks_ ABSL_GUARDED_BY(mutex_);
+  std::shared_ptr<ForwardBuffer> forward_ ABSL_GUARDED_BY(mutex_);
+  bool forward_writing_ ABSL_GUARDED_BY(mutex_) = false;
   std::unique_ptr<EncodePipeline> pipeline_;  // the last one: it puts into everything above
 };
 

@@ -9,11 +9,11 @@
 
 #include "base/gst.h"
 #include "klrpc/api_server.h"
-#include "playd/canvas.h"
-#include "playd/event_publisher.h"
-#include "playd/mixer.h"
-#include "playd/player_table.h"
+#include "playd/canvas/canvas.h"
+#include "playd/player/event_publisher.h"
+#include "playd/player/player_table.h"
 #include "playd/service.h"
+#include "playd/sound/mixer.h"
 
 namespace playd {
 

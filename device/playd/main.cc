@@ -19,8 +19,8 @@
 #include "absl/strings/str_format.h"
 #include "absl/strings/string_view.h"
 #include "klbase/log.h"
+#include "playd/canvas/window.h"
 #include "playd/daemon.h"
-#include "playd/window.h"
 
 ABSL_FLAG(std::string, address, "unix-abstract:playd@default", "where to listen, a gRPC address");
 ABSL_FLAG(std::string, snapshot_dir, "", "folder for the composed pictures that SIGUSR1 saves as canvas-NNNN.png");

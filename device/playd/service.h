@@ -9,9 +9,9 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "playd/canvas.h"
+#include "playd/canvas/canvas.h"
 #include "playd/outcome.h"
-#include "playd/player_table.h"
+#include "playd/player/player_table.h"
 #include "player/v1/player.pb.h"
 
 namespace playd {

@@ -12,9 +12,9 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "klbase/steady_cond_var.h"
-#include "playd/canvas.h"
-#include "playd/player.h"
-#include "playd/sample_clip.h"
+#include "playd/canvas/canvas.h"
+#include "playd/player/player.h"
+#include "playd/tools/sample_clip.h"
 #include "testing/temp_dir.h"
 
 namespace playd {

@@ -177,10 +177,10 @@ FIGURES = [
     (r"TCP port (50\d+)", "example/vextool.cc", r"cli_port, (\d+),", 1),
     (r"TCP port (7\d+)", "modules/apisdk/apisdk.cc", r"kNodePort = ([^;]+);", 1),
     (r"It ends within (\d+) s", "example/exit_handling.h", r"kEndLimit\{([^}]+)\}", 1),
-    (r"at most (\d+) players", "device/playd/player_table.h", r"kMaxPlayers = ([^;]+);", 1),
-    (r"name, 1 to (\d+) characters", "device/playd/player_table.h", r"kMaxIdLength = ([^;]+);", 1),
-    (r"1 to (\d+) a side", "device/playd/geometry.cc", r"kMaxSide = ([^;]+);", 1),
-    (r"open after (1\.5) s", "device/playd/player.h", r"milliseconds media\{([^}]+)\}", 0.001),
+    (r"at most (\d+) players", "device/playd/player/player_table.h", r"kMaxPlayers = ([^;]+);", 1),
+    (r"name, 1 to (\d+) characters", "device/playd/player/player_table.h", r"kMaxIdLength = ([^;]+);", 1),
+    (r"1 to (\d+) a side", "device/playd/canvas/geometry.cc", r"kMaxSide = ([^;]+);", 1),
+    (r"open after (1\.5) s", "device/playd/player/player.h", r"milliseconds media\{([^}]+)\}", 0.001),
 ]
 
 
@@ -253,6 +253,6 @@ def test_error_codes_are_the_players():
 
 
 def test_play_states_are_the_players():
-    defined = re.findall(r"^  k(\w+) = (\d+),", read("device/playd/play_state.h"), re.MULTILINE)
+    defined = re.findall(r"^  k(\w+) = (\d+),", read("device/playd/player/play_state.h"), re.MULTILINE)
     page = re.search(r"`play_state`:([^.]*)\.", read(PLAYER_PAGE)).group(1)
     assert re.findall(r"(\d) (\w+)", page) == [(number, name.lower()) for name, number in defined]

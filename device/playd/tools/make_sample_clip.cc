@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "playd/sample_clip.h"
+#include "playd/tools/sample_clip.h"
 
 int main(int argc, char** argv) {
   if (argc != 2 || argv[1][0] == '-') {

@@ -1,0 +1,107 @@
+#include "encd/output/recorder.h"
+
+#include <unistd.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "klbase/log.h"
+
+namespace encd {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t kMaxPending = 8 << 20;  // bytes handed to the muxer, not yet written
+constexpr milliseconds kCompletion{2000};     // to write the index of a finished file
+constexpr milliseconds kTick{100};
+constexpr milliseconds kBusyPause{5};
+
+// MP4 is written in fragments of a second, so that it is playable at any time, and turned into a plain file at the end.
+MuxPipeline::Layout LayoutFor(RecordFormat format) {
+  if (format == RecordFormat::kWav) return {"wavenc name=mux ! filesink name=file", "", ""};
+  return {"mp4mux name=mux fragment-duration=1000 fragment-mode=first-moov-then-finalise ! filesink name=file",
+          "video_0", "audio_0"};
+}
+
+}  // namespace
+
+Tracks RecordTracks(RecordFormat format, bool audio, bool video) {
+  if (format == RecordFormat::kWav) return {.pcm = audio};
+  return {.video = video, .audio = audio};
+}
+
+Recorder::Recorder(const std::string& path, RecordFormat format, Tracks tracks, PacketQueue::Limits limits)
+    : path_(path),
+      queue_(std::make_shared<PacketQueue>(tracks, limits)),
+      mux_(std::make_unique<MuxPipeline>(LayoutFor(format), tracks, kMaxPending)) {
+  g_object_set(mux_->pipeline().Find("file").get(), "location", path.c_str(), nullptr);
+  if (!mux_->pipeline().SetState(GST_STATE_PLAYING)) {
+    const std::string& error = mux_->Error();
+    throw std::runtime_error(error.empty() ? "can't open " + path : error);
+  }
+  thread_ = std::thread([this] { Run(); });
+}
+
+Recorder::~Recorder() {
+  End();
+  thread_.join();
+}
+
+std::optional<Recorder::Outcome> Recorder::WaitDone(milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const absl::MutexLock lock(&mutex_);
+  while (!outcome_ && std::chrono::steady_clock::now() < deadline) done_.WaitUntil(&mutex_, deadline);
+  return outcome_;
+}
+
+void Recorder::Run() {
+  while (WriteNext()) {
+  }
+  Outcome outcome = Complete();
+  mux_.reset();
+  if (outcome.error.empty()) {
+    KL_LOG(30, "recorded %s: %llu frames, %.1f s", path_.c_str(), static_cast<unsigned long long>(outcome.frames),
+           outcome.seconds);
+  } else {
+    KL_LOG(50, "recording %s failed: %s", path_.c_str(), outcome.error.c_str());
+  }
+  const absl::MutexLock lock(&mutex_);
+  outcome_ = std::move(outcome);
+  done_.SignalAll();
+}
+
+// False when there is nothing more to write.
+bool Recorder::WriteNext() {
+  const auto taken = queue_->Take(kTick);
+  if (!taken.packet) return !queue_->ClosedAndEmpty() && mux_->Error().empty();
+  auto result = mux_->Push(*taken.packet);
+  if (result == MuxPipeline::PushResult::kBusy) WaitWhileBusy(*taken.packet, &result);
+  return result == MuxPipeline::PushResult::kOk;
+}
+
+// The queue takes what arrives meanwhile and drops what it can't hold; at its limit of time the disk counts as failed.
+void Recorder::WaitWhileBusy(const Packet& packet, MuxPipeline::PushResult* result) {
+  const auto deadline = std::chrono::steady_clock::now() + kLiveRecording.lag;
+  while (*result == MuxPipeline::PushResult::kBusy && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(kBusyPause);
+    *result = mux_->Push(packet);
+  }
+}
+
+Recorder::Outcome Recorder::Complete() {
+  Outcome outcome;
+  const bool finished = mux_->Finish(kCompletion);
+  outcome.frames = mux_->Frames();
+  outcome.seconds = mux_->Seconds();
+  outcome.dropped = queue_->Dropped();
+  if (!finished) {
+    outcome.error = mux_->Error();
+  } else if (outcome.seconds == 0) {
+    outcome.error = "no picture or sound arrived; the empty file is removed";
+    unlink(path_.c_str());
+  }
+  return outcome;
+}
+
+}  // namespace encd

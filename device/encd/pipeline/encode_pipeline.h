@@ -1,0 +1,86 @@
+// The pipeline that runs as long as the daemon: source, encoders, and packets out.
+#ifndef DEVICE_ENCD_PIPELINE_ENCODE_PIPELINE_H_
+#define DEVICE_ENCD_PIPELINE_ENCODE_PIPELINE_H_
+
+#include <gst/app/gstappsink.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "base/gst.h"
+#include "encd/packet/packet.h"
+#include "encd/pipeline/input_source.h"
+
+namespace encd {
+
+class EncodePipeline {
+ public:
+  struct Options {
+    std::string input;  // a file's path or a URI; "" for the test picture
+    int width;          // of the encoded picture, even
+    int height;         // even
+    int fps;
+    int bitrate_kbps;  // to start with
+  };
+
+  // Since the start; what the encoders gave out.
+  struct Counters {
+    std::uint64_t video_frames;
+    std::uint64_t video_bytes;
+    std::uint64_t audio_frames;
+  };
+
+  // Starts encoding and puts every packet into `out`. `on_failure` is called once, on a thread of the pipeline, when
+  // encoding ends by an error that can't be repaired. Both must outlive it. Throws std::runtime_error with a text for
+  // the operator when encoding can't be started.
+  EncodePipeline(const Options& options, PacketSink& out, std::function<void(const std::string&)> on_failure);
+  EncodePipeline(const EncodePipeline&) = delete;
+  EncodePipeline& operator=(const EncodePipeline&) = delete;
+  ~EncodePipeline();
+
+  // Any thread. The encoder follows from its next picture on.
+  void SetBitrate(int kbps);
+  int Bitrate() const;
+
+  // Makes the next picture a keyframe. Any thread.
+  void RequestKeyframe();
+
+  Counters Count() const;
+
+ private:
+  // What a sink's callback needs; lives as long as the pipeline.
+  struct Tap {
+    EncodePipeline* owner;
+    Track track;
+    std::atomic<std::uint64_t> packets{0};
+    std::atomic<std::uint64_t> bytes{0};
+  };
+
+  static GstFlowReturn OnSample(GstAppSink* sink, gpointer tap);
+  static PacketPtr ToPacket(GstSample* sample, Track track);
+  void OpenInput(const Options& options);
+  void Build(const Options& options);
+  static void Feed(GstElement* source, GstSample* sample);
+  void WaitForFirstPacket();
+  void Watch();
+
+  PacketSink& out_;
+  const std::function<void(const std::string&)> on_failure_;
+  std::array<Tap, 3> taps_;
+  std::unique_ptr<device::Pipeline> pipeline_;
+  device::ElementPtr video_encoder_;
+  device::ElementPtr picture_source_;  // where the input's pictures go in; null for the test picture
+  device::ElementPtr sound_source_;
+  std::unique_ptr<InputSource> input_;
+  std::atomic<bool> stop_{false};
+  std::thread watch_;
+};
+
+}  // namespace encd
+
+#endif  // DEVICE_ENCD_PIPELINE_ENCODE_PIPELINE_H_

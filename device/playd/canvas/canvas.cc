@@ -1,0 +1,216 @@
+#include "playd/canvas/canvas.h"
+
+#include <absl/strings/str_cat.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/video/video.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <utility>
+
+#include "base/hand_over.h"
+#include "klbase/steady_cond_var.h"
+#include "playd/canvas/window.h"
+#include "playd/copy_at.h"
+
+namespace playd {
+namespace {
+
+constexpr int kMaxFrequency = 2500;  // 25 pictures per second
+constexpr std::size_t kBytesPerPixel = 3;
+
+// The compositor compares by signed subtraction.
+constexpr std::uint32_t kTopPriority = INT_MAX;
+
+// One colour space for layers and canvas, so that composing converts nothing.
+constexpr char kFormat[] =
+    "video/x-raw,format=I420,pixel-aspect-ratio=1/1,interlace-mode=progressive,colorimetry=bt709";
+
+std::string ModeCaps(const CanvasMode& mode) {
+  return absl::StrCat(kFormat, ",width=", mode.width, ",height=", mode.height,
+                      ",framerate=", std::min(mode.frequency, kMaxFrequency), "/100");
+}
+
+// force-live: pictures come out on time without any layer, and without waiting for one that has nothing new.
+std::string CanvasPipeline() {
+  return "compositor name=compositor background=black force-live=true ignore-inactive-pads=true "
+         "zero-size-is-unscaled=false ! capsfilter name=filter caps=" +
+         ModeCaps(CanvasMode()) + " ! fakesink sync=true enable-last-sample=false qos=false";
+}
+
+// One composed picture, taken as it comes by.
+struct Catcher {
+  absl::Mutex mutex;
+  klbase::SteadyCondVar caught;
+  device::SamplePtr sample ABSL_GUARDED_BY(mutex);
+};
+
+GstPadProbeReturn CatchPicture(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
+  const device::HandedOver catcher_of_other_thread(data);
+  Catcher& catcher = **static_cast<std::shared_ptr<Catcher>*>(data);
+  const device::CapsPtr caps(gst_pad_get_current_caps(pad));
+  const absl::MutexLock lock(&catcher.mutex);
+  if (catcher.sample == nullptr) {
+    catcher.sample.reset(gst_sample_new(GST_PAD_PROBE_INFO_BUFFER(info), caps.get(), nullptr, nullptr));
+    catcher.caught.SignalAll();
+  }
+  return GST_PAD_PROBE_OK;
+}
+
+void DropCatcher(gpointer data) {
+  device::TakeOver(data);
+  delete static_cast<std::shared_ptr<Catcher>*>(data);
+}
+
+device::SamplePtr Convert(GstSample* sample, const char* caps_text, std::chrono::milliseconds timeout) {
+  const device::CapsPtr caps(gst_caps_from_string(caps_text));
+  const auto limit = std::chrono::duration_cast<std::chrono::nanoseconds>(timeout).count();
+  return device::SamplePtr(gst_video_convert_sample(sample, caps.get(), static_cast<GstClockTime>(limit), nullptr));
+}
+
+bool WriteWhole(const std::string& path, const GstMapInfo& map) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(reinterpret_cast<const char*>(map.data), static_cast<std::streamsize>(map.size));
+  file.close();
+  return !file.fail();
+}
+
+bool CopyRows(GstSample* sample, Picture& picture) {
+  GstVideoInfo info;
+  if (!gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) return false;
+  GstVideoFrame frame;
+  if (!gst_video_frame_map(&frame, &info, gst_sample_get_buffer(sample), GST_MAP_READ)) return false;
+  picture.width = GST_VIDEO_FRAME_WIDTH(&frame);
+  picture.height = GST_VIDEO_FRAME_HEIGHT(&frame);
+  const std::size_t row_bytes = static_cast<std::size_t>(picture.width) * kBytesPerPixel;
+  picture.rgb.resize(row_bytes * static_cast<std::size_t>(picture.height));
+  const auto* from = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+  for (int y = 0; y < picture.height; ++y) {
+    std::memcpy(picture.rgb.data() + row_bytes * static_cast<std::size_t>(y),
+                from + static_cast<std::ptrdiff_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0)) * y, row_bytes);
+  }
+  gst_video_frame_unmap(&frame);
+  return true;
+}
+
+}  // namespace
+
+Picture::Pixel Picture::At(int x, int y) const {
+  const std::size_t at =
+      (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)) * kBytesPerPixel;
+  return {rgb.at(at), rgb.at(at + 1), rgb.at(at + 2)};
+}
+
+Layer::Layer(GstElement* pipeline, GstElement* compositor, const Rectangle& rectangle, std::uint32_t priority)
+    : pipeline_(pipeline),
+      compositor_(compositor),
+      frame_caps_(absl::StrCat(kFormat, ",width=", rectangle.width, ",height=", rectangle.height)),
+      source_(gst_element_factory_make("appsrc", nullptr)) {
+  gst_object_ref_sink(source_.get());
+  // No frame rate: each frame is shown until the next one comes.
+  const device::CapsPtr caps(gst_caps_from_string((frame_caps_ + ",framerate=0/1").c_str()));
+  g_object_set(source_.get(), "caps", caps.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE,
+               "max-buffers", guint64{2}, "max-bytes", guint64{0}, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM,
+               nullptr);
+  pad_.reset(gst_element_request_pad_simple(compositor_, "sink_%u"));
+  g_object_set(pad_.get(), "xpos", rectangle.x, "ypos", rectangle.y, "width", static_cast<int>(rectangle.width),
+               "height", static_cast<int>(rectangle.height), "zorder", std::min(priority, kTopPriority), "alpha", 0.0,
+               nullptr);
+  gst_bin_add(GST_BIN(pipeline_), source_.get());
+  const device::PadPtr from(gst_element_get_static_pad(source_.get(), "src"));
+  gst_pad_link(from.get(), pad_.get());
+  gst_element_sync_state_with_parent(source_.get());
+}
+
+Layer::~Layer() {
+  // The pad goes first: that frees the source's thread, should it be waiting for the compositor to take a frame.
+  gst_element_release_request_pad(compositor_, pad_.get());
+  gst_element_set_locked_state(source_.get(), TRUE);
+  gst_element_set_state(source_.get(), GST_STATE_NULL);
+  gst_bin_remove(GST_BIN(pipeline_), source_.get());
+}
+
+void Layer::Push(GstBuffer* frame) {
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), CopyAt(frame, GST_CLOCK_TIME_NONE));
+}
+
+void Layer::Show() { g_object_set(pad_.get(), "alpha", 1.0, nullptr); }
+
+Canvas::Canvas(bool window)
+    : pipeline_(CanvasPipeline()),
+      compositor_(pipeline_.Find("compositor")),
+      filter_(pipeline_.Find("filter")),
+      output_(gst_element_get_static_pad(filter_.get(), "src")) {
+  if (!pipeline_.SetState(GST_STATE_PLAYING)) throw std::runtime_error("the canvas can't be started");
+  if (window) window_ = std::make_unique<Window>(output_.get());
+}
+
+Canvas::~Canvas() = default;
+
+void Canvas::SetMode(const CanvasMode& mode) {
+  const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode).c_str()));
+  {
+    const absl::MutexLock lock(&mutex_);
+    mode_ = mode;
+  }
+  g_object_set(filter_.get(), "caps", caps.get(), nullptr);
+}
+
+CanvasMode Canvas::Mode() const {
+  const absl::MutexLock lock(&mutex_);
+  return mode_;
+}
+
+std::unique_ptr<Layer> Canvas::AddLayer(const Rectangle& rectangle, std::uint32_t priority) {
+  return std::make_unique<Layer>(pipeline_.get(), compositor_.get(), rectangle, priority);
+}
+
+device::SamplePtr Canvas::NextSample(std::chrono::milliseconds timeout) {
+  const auto catcher = std::make_shared<Catcher>();
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  auto* const shared = new std::shared_ptr<Catcher>(catcher);
+  device::HandOver(shared);
+  const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, CatchPicture, shared, DropCatcher);
+  device::SamplePtr sample;
+  {
+    const absl::MutexLock lock(&catcher->mutex);
+    while (catcher->sample == nullptr && std::chrono::steady_clock::now() < deadline) {
+      catcher->caught.WaitUntil(&catcher->mutex, deadline);
+    }
+    sample = std::move(catcher->sample);
+  }
+  gst_pad_remove_probe(output_.get(), probe);
+  return sample;
+}
+
+bool Canvas::Snapshot(std::chrono::milliseconds timeout, Picture& picture) {
+  const device::SamplePtr sample = NextSample(timeout);
+  if (sample == nullptr) return false;
+  const device::SamplePtr rgb = Convert(sample.get(), "video/x-raw,format=RGB", timeout);
+  return rgb != nullptr && CopyRows(rgb.get(), picture);
+}
+
+Outcome Canvas::SavePng(const std::string& path, std::chrono::milliseconds timeout) {
+  const device::SamplePtr sample = NextSample(timeout);
+  if (sample == nullptr) return Outcome::Error(ErrorCode::kTimeout, "no picture was composed in time");
+  const device::SamplePtr png = Convert(sample.get(), "image/png", timeout);
+  if (png == nullptr) return Outcome::Error(ErrorCode::kTimeout, "the picture could not be made a PNG in time");
+  GstMapInfo map;
+  if (!gst_buffer_map(gst_sample_get_buffer(png.get()), &map, GST_MAP_READ)) {
+    return Outcome::Error(ErrorCode::kMediaFailed, "the picture can't be read");
+  }
+  const std::string partial = path + ".part";
+  const bool written = WriteWhole(partial, map) && std::rename(partial.c_str(), path.c_str()) == 0;
+  const int reason = errno;
+  gst_buffer_unmap(gst_sample_get_buffer(png.get()), &map);
+  if (written) return Outcome::Ok();
+  unlink(partial.c_str());
+  return Outcome::Error(ErrorCode::kInvalidArgument, "can't write " + path + ": " + std::strerror(reason));
+}
+
+}  // namespace playd

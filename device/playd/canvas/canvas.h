@@ -1,0 +1,103 @@
+// The one picture that all layers are composed on.
+#ifndef DEVICE_PLAYD_CANVAS_CANVAS_H_
+#define DEVICE_PLAYD_CANVAS_CANVAS_H_
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "base/gst.h"
+#include "playd/canvas/geometry.h"
+#include "playd/outcome.h"
+
+namespace playd {
+
+class Window;
+
+// A composed picture, for those who want to look at its pixels. Rows from top to bottom, 3 bytes a pixel.
+struct Picture {
+  using Pixel = std::array<std::uint8_t, 3>;  // red, green, blue
+
+  int width = 0;
+  int height = 0;
+  std::vector<std::uint8_t> rgb;
+
+  Pixel At(int x, int y) const;
+};
+
+// A rectangle of the canvas that shows the newest frame pushed to it. Invisible until Show(). Leaves the canvas on
+// destruction, without a pause for other layers. The canvas must outlive it. Any thread.
+class Layer {
+ public:
+  Layer(GstElement* pipeline, GstElement* compositor, const Rectangle& rectangle, std::uint32_t priority);
+  Layer(const Layer&) = delete;
+  Layer& operator=(const Layer&) = delete;
+  ~Layer();
+
+  // Caps of the frames that Push() takes: I420 in the rectangle's size.
+  const std::string& FrameCaps() const { return frame_caps_; }
+
+  // Shows a copy of `frame` (sharing its memory) from now on. Never waits: when frames come faster than they are
+  // composed, older ones are dropped.
+  void Push(GstBuffer* frame);
+
+  void Show();
+
+ private:
+  GstElement* const pipeline_;
+  GstElement* const compositor_;
+  const std::string frame_caps_;
+  device::ElementPtr source_;
+  device::PadPtr pad_;
+};
+
+// A live pipeline that composes at a steady rate whether or not there are layers, and whether or not their players
+// run. Layers of greater priority cover those of smaller; among equals the one added later is on top. Where there is
+// no layer the canvas is black. Any thread.
+//
+// Composed at the mode's frequency, at most 25 pictures per second: nobody looks at the rest, and composing costs
+// processor time.
+class Canvas {
+ public:
+  // Starts composing at CanvasMode's defaults. With `window` it is also shown on the display, if that can be opened;
+  // without one the canvas works all the same. Throws std::runtime_error when GStreamer lacks what it needs.
+  explicit Canvas(bool window);
+  Canvas(const Canvas&) = delete;
+  Canvas& operator=(const Canvas&) = delete;
+  // Every layer must be gone.
+  ~Canvas();
+
+  // Takes effect within a few pictures; layers stay where they are.
+  void SetMode(const CanvasMode& mode);
+  CanvasMode Mode() const;
+
+  // A checked rectangle (CheckRectangle).
+  std::unique_ptr<Layer> AddLayer(const Rectangle& rectangle, std::uint32_t priority);
+
+  // The next picture composed. False, with nothing changed, when none comes within `timeout`.
+  bool Snapshot(std::chrono::milliseconds timeout, Picture& picture);
+
+  // The same as a PNG file, which appears whole or not at all.
+  Outcome SavePng(const std::string& path, std::chrono::milliseconds timeout);
+
+ private:
+  device::SamplePtr NextSample(std::chrono::milliseconds timeout);
+
+  device::Pipeline pipeline_;
+  const device::ElementPtr compositor_;
+  const device::ElementPtr filter_;
+  const device::PadPtr output_;  // where composed pictures come by
+  std::unique_ptr<Window> window_;
+
+  mutable absl::Mutex mutex_;
+  CanvasMode mode_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_CANVAS_CANVAS_H_

@@ -1,0 +1,100 @@
+// One opened medium: decoded by a pipeline of its own, its pictures on a layer, its sound on a track.
+#ifndef DEVICE_PLAYD_MEDIA_MEDIA_H_
+#define DEVICE_PLAYD_MEDIA_MEDIA_H_
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "base/gst.h"
+#include "playd/canvas/canvas.h"
+#include "playd/outcome.h"
+#include "playd/sound/mixer.h"
+
+namespace playd {
+
+// What a file or an address says of itself; 0 where it says nothing.
+struct MediaInfo {
+  std::string url;  // as it was opened
+  std::uint32_t width = 0;
+  std::uint32_t height = 0;
+  std::uint32_t duration_ms = 0;
+};
+
+// Where play stands.
+struct Position {
+  std::uint32_t position_ms = 0;
+  std::uint32_t duration_ms = 0;
+};
+
+// Resolves what an operator typed, an absolute or relative path or a file:, http: or https: URI, to a URI. Refuses
+// what is no such thing (kInvalidArgument) and local files that are missing, unreadable or no regular files
+// (kFileMissing): opening a pipe, for one, could wait for ever.
+Outcome ResolveUrl(const std::string& url, std::string& uri);
+
+// Used by one thread at a time. Every operation takes a limit; one that runs into it leaves the medium usable only for
+// Close by destruction. Destruction stops decoding and waits for its threads. Canvas and mixer must outlive it.
+class Media {
+ public:
+  using Deadline = std::chrono::steady_clock::time_point;
+
+  enum class Event { kNone, kEnded, kFailed };
+
+  // Prepares to decode `uri` into `rectangle`; `wake` is called on GStreamer's threads, any number of times, when
+  // TakeEvent() may have something new. Once `stop` is set, waits end within moments as if their time were up. Nothing
+  // is shown before Show().
+  Media(const std::string& url, const std::string& uri, const Rectangle& rectangle, std::uint32_t priority,
+        Canvas& canvas, Mixer& mixer, std::function<void()> wake, const std::atomic<bool>& stop);
+  Media(const Media&) = delete;
+  Media& operator=(const Media&) = delete;
+  ~Media();
+
+  // Opens the medium and decodes its first picture. Afterwards it stands paused at its beginning.
+  Outcome Preroll(Deadline deadline);
+
+  Outcome Play(Deadline deadline);
+  Outcome Pause(Deadline deadline);
+
+  // Goes to a position (accurate to the picture) at a rate, and returns when the picture there was decoded. Refuses
+  // positions behind the end and media without positions. Play goes on or stays paused, as before.
+  Outcome Seek(std::uint64_t position_ms, double rate, Deadline deadline);
+
+  // 0 is silence, 1 the medium's own loudness. After Preroll(); without sound it does nothing.
+  void SetVolume(double factor);
+
+  void Show();
+
+  // What happened since the last call; kFailed comes with a text.
+  Event TakeEvent(std::string& text);
+
+  Position GetPosition() const;
+  const MediaInfo& Info() const { return info_; }
+  bool IsPicture() const;
+  bool IsSeekable() const;
+
+  // Lets go of the file and leaves its last picture on the layer that is handed over. The medium can only be destroyed
+  // afterwards.
+  std::unique_ptr<Layer> ReleaseLayer();
+
+ private:
+  struct Links;
+  class Mailbox;
+
+  Outcome WaitSettled(Deadline deadline, const char* what);
+  Outcome ChangeState(GstState state, Deadline deadline, const char* what);
+  void ReadInfo();
+
+  MediaInfo info_;
+  const std::atomic<bool>& stop_;
+  const std::shared_ptr<Mailbox> mailbox_;
+  std::unique_ptr<Links> links_;
+  // Last, so that it is stopped before what its threads use goes away.
+  std::unique_ptr<device::Pipeline> pipeline_;
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_MEDIA_MEDIA_H_

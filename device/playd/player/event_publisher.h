@@ -1,0 +1,41 @@
+// What happens to players, as messages for the daemon's subscribers.
+#ifndef DEVICE_PLAYD_PLAYER_EVENT_PUBLISHER_H_
+#define DEVICE_PLAYD_PLAYER_EVENT_PUBLISHER_H_
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "klrpc/v1/pubsub.pb.h"
+#include "playd/player/player.h"
+
+namespace playd {
+
+// Publishes lp.v1.ResultRepor on "layer/result_repor" and lp.v1.GetSeekOfUplayerResp on "layer/get_seek_of_uplayer".
+// Events that come while nothing is attached are dropped. Any thread.
+class EventPublisher : public PlayerListener {
+ public:
+  using Sink = std::function<void(const klrpc::v1::PubsubMessage&)>;
+
+  static constexpr char kSeekTopic[] = "layer/get_seek_of_uplayer";
+  static constexpr char kReportTopic[] = "layer/result_repor";
+
+  // Where messages go from now on; null: nowhere. A sink that was replaced may still be in use for moments: what it
+  // refers to is its own.
+  void Attach(Sink sink);
+
+  void OnPlayState(const std::string& id, const std::string& url, PlayState state) override;
+  void OnSeekDone(const std::string& id, const Position& position, const Outcome& outcome) override;
+
+ private:
+  void Publish(const char* topic, const google::protobuf::Message& event);
+
+  absl::Mutex mutex_;
+  std::shared_ptr<const Sink> sink_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_PLAYER_EVENT_PUBLISHER_H_

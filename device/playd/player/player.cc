@@ -1,0 +1,258 @@
+#include "playd/player/player.h"
+
+#include <absl/strings/str_format.h>
+
+#include <exception>
+#include <utility>
+
+namespace playd {
+namespace {
+
+constexpr std::int32_t kLastType = 3;  // of MediaType and of FileType
+
+Outcome CheckRequest(const MediaRequest& request) {
+  if (request.media_type < 0 || request.media_type > kLastType || request.file_type < 0 ||
+      request.file_type > kLastType) {
+    return Outcome::Error(ErrorCode::kInvalidArgument,
+                          absl::StrFormat("media_type is %d and file_type %d; both must be 0 to %d", request.media_type,
+                                          request.file_type, kLastType));
+  }
+  if (request.effect != 0) {
+    return Outcome::Error(ErrorCode::kInvalidArgument,
+                          absl::StrFormat("unsupported se_type %u; 0 shows the picture at once", request.effect));
+  }
+  return CheckRectangle(request.rectangle);
+}
+
+}  // namespace
+
+Player::Player(const std::string& id, Canvas& canvas, Mixer& mixer, PlayerListener& listener,
+               const PlayerLimits& limits)
+    : id_(id),
+      canvas_(canvas),
+      mixer_(mixer),
+      listener_(listener),
+      limits_(limits),
+      worker_([this] { OnWake(); }, [this] { OnStop(); }) {}
+
+Outcome Player::Run(std::function<Outcome(Media::Deadline)> operation) {
+  return worker_.Run(
+      [operation = std::move(operation), limit = limits_.media] {
+        try {
+          return operation(std::chrono::steady_clock::now() + limit);
+        } catch (const std::exception& error) {
+          return Outcome::Error(ErrorCode::kMediaFailed, error.what());
+        }
+      },
+      limits_.reply);
+}
+
+Outcome Player::Open(const MediaRequest& request) {
+  if (auto outcome = CheckRequest(request); !outcome.ok()) return outcome;
+  return Run([this, request](Media::Deadline) {
+    if (media_ == nullptr) return DoOpen(request);
+    return Outcome::Error(ErrorCode::kMediaOpen,
+                          media_->Info().url + " is open already; close it or switch the source");
+  });
+}
+
+Outcome Player::Switch(const MediaRequest& request) {
+  if (auto outcome = CheckRequest(request); !outcome.ok()) return outcome;
+  return Run([this, request](Media::Deadline) {
+    auto outcome = NeedMedia();
+    return outcome.ok() ? DoOpen(request) : outcome;
+  });
+}
+
+Outcome Player::Close(bool keep_picture) {
+  return Run([this, keep_picture](Media::Deadline) {
+    if (media_ == nullptr && !keep_picture && kept_layer_ != nullptr) {
+      kept_layer_.reset();
+      return Outcome::Ok();
+    }
+    if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
+    if (keep_picture) kept_layer_ = media_->ReleaseLayer();
+    media_.reset();
+    state_ = State::kClosed;
+    return Outcome::Ok();
+  });
+}
+
+Outcome Player::SetPause(bool pause) {
+  return Run([this, pause](Media::Deadline deadline) { return pause ? DoPause(deadline) : DoResume(deadline); });
+}
+
+Outcome Player::Seek(std::uint32_t position_ms) {
+  return Run([this, position_ms](Media::Deadline deadline) { return DoSeek(position_ms, deadline); });
+}
+
+Outcome Player::SetSpeed(float speed) {
+  // Compared as it is written, so that the float nearest to 0.1 passes. Not-a-number fails both comparisons.
+  if (!(speed >= static_cast<float>(kMinSpeed) && speed <= static_cast<float>(kMaxSpeed))) {
+    return Outcome::Error(
+        ErrorCode::kBadSpeed,
+        absl::StrFormat("speed is %g; it must be %g to %g, backward play is unsupported", speed, kMinSpeed, kMaxSpeed));
+  }
+  return Run([this, speed](Media::Deadline deadline) { return DoSetSpeed(speed, deadline); });
+}
+
+Outcome Player::SetVolume(std::uint32_t volume) {
+  if (volume > kMaxVolume) {
+    return Outcome::Error(ErrorCode::kBadVolume,
+                          absl::StrFormat("volume is %u; it must be 0 to %u", volume, kMaxVolume));
+  }
+  return Run([this, volume](Media::Deadline) {
+    volume_ = static_cast<double>(volume) / kMaxVolume;
+    if (media_ != nullptr) media_->SetVolume(volume_);
+    return Outcome::Ok();
+  });
+}
+
+Outcome Player::SetUsbLink(std::uint32_t state) {
+  if (state > 1) {
+    return Outcome::Error(ErrorCode::kInvalidArgument,
+                          absl::StrFormat("usb_state is %u; it must be 0 (unplugged) or 1 (plugged in)", state));
+  }
+  return Run([this, state](Media::Deadline) {
+    usb_state_ = state;
+    return Outcome::Ok();
+  });
+}
+
+Outcome Player::GetPosition(Position& position) {
+  // The task may outlive this call, so it writes to a place of its own.
+  const auto found = std::make_shared<Position>();
+  auto outcome = Run([this, found](Media::Deadline) {
+    if (media_ != nullptr) *found = media_->GetPosition();
+    return NeedMedia();
+  });
+  if (outcome.ok()) position = *found;
+  return outcome;
+}
+
+Outcome Player::GetMediaInfo(MediaInfo& info) {
+  const auto found = std::make_shared<MediaInfo>();
+  auto outcome = Run([this, found](Media::Deadline) {
+    if (media_ != nullptr) *found = media_->Info();
+    return NeedMedia();
+  });
+  if (outcome.ok()) info = *found;
+  return outcome;
+}
+
+Outcome Player::NeedMedia() const {
+  if (media_ != nullptr) return Outcome::Ok();
+  return Outcome::Error(ErrorCode::kNoMedia, "player " + id_ + " has no open media; open one first");
+}
+
+void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Info().url, state); }
+
+// A medium that can't be played is reported besides being refused: the operator who follows the reports sees it too.
+Outcome Player::DoOpen(const MediaRequest& request) {
+  const auto deadline = std::chrono::steady_clock::now() + limits_.media;
+  std::unique_ptr<Media> media;
+  auto outcome = Prepare(request, deadline, media);
+  if (outcome.ok()) outcome = Adopt(std::move(media), request.play_immediately, deadline);
+  if (!outcome.ok() && outcome.code != ErrorCode::kSeekBehindEnd && outcome.code != ErrorCode::kNotSeekable) {
+    listener_.OnPlayState(id_, request.url, PlayState::kFailed);
+  }
+  return outcome;
+}
+
+Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, std::unique_ptr<Media>& media) {
+  std::string uri;
+  if (auto outcome = ResolveUrl(request.url, uri); !outcome.ok()) return outcome;
+  media = std::make_unique<Media>(
+      request.url, uri, request.rectangle, request.priority, canvas_, mixer_, [this] { worker_.Wake(); }, stop_);
+  if (auto outcome = media->Preroll(deadline); !outcome.ok()) return outcome;
+  media->SetVolume(volume_);
+  const bool moved = request.start_ms != 0 || speed_ != 1.0;
+  if (media->IsPicture() || !moved) return Outcome::Ok();
+  // A medium without positions plays from where it is at its own speed, if nothing else was asked for.
+  if (!media->IsSeekable() && request.start_ms == 0) return Outcome::Ok();
+  return media->Seek(request.start_ms, speed_, deadline);
+}
+
+Outcome Player::Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline deadline) {
+  if (play) {
+    if (auto outcome = media->Play(deadline); !outcome.ok()) return outcome;
+  }
+  media->Show();
+  kept_layer_.reset();
+  media_ = std::move(media);
+  state_ = play ? State::kPlaying : State::kOpened;
+  if (play) Report(PlayState::kStarted);
+  return Outcome::Ok();
+}
+
+Outcome Player::DoPause(Media::Deadline deadline) {
+  if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
+  if (state_ == State::kEnded) {
+    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; seek to play it again");
+  }
+  if (state_ != State::kPlaying) return Outcome::Ok();
+  if (auto outcome = media_->Pause(deadline); !outcome.ok()) return outcome;
+  state_ = State::kPaused;
+  Report(PlayState::kPaused);
+  return Outcome::Ok();
+}
+
+Outcome Player::DoResume(Media::Deadline deadline) {
+  if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
+  if (state_ == State::kEnded) {
+    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; seek to play it again");
+  }
+  if (state_ == State::kPlaying) return Outcome::Ok();
+  if (auto outcome = media_->Play(deadline); !outcome.ok()) return outcome;
+  const PlayState report = state_ == State::kOpened ? PlayState::kStarted : PlayState::kResumed;
+  state_ = State::kPlaying;
+  Report(report);
+  return Outcome::Ok();
+}
+
+Outcome Player::DoSeek(std::uint32_t position_ms, Media::Deadline deadline) {
+  if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
+  auto outcome = media_->Seek(position_ms, speed_, deadline);
+  if (outcome.code == ErrorCode::kNotSeekable || outcome.code == ErrorCode::kSeekBehindEnd) return outcome;
+  if (outcome.ok() && state_ == State::kEnded) {
+    state_ = State::kPlaying;
+    Report(PlayState::kResumed);
+  }
+  listener_.OnSeekDone(id_, media_->GetPosition(), outcome);
+  return outcome;
+}
+
+Outcome Player::DoSetSpeed(double speed, Media::Deadline deadline) {
+  if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
+  if (speed != speed_ && state_ != State::kEnded) {
+    const Position now = media_->GetPosition();
+    if (auto outcome = media_->Seek(now.position_ms, speed, deadline); !outcome.ok()) return outcome;
+  }
+  speed_ = speed;
+  return Outcome::Ok();
+}
+
+void Player::OnWake() {
+  if (media_ == nullptr) return;
+  std::string text;
+  switch (media_->TakeEvent(text)) {
+    case Media::Event::kNone:
+      return;
+    case Media::Event::kEnded:
+      state_ = State::kEnded;
+      Report(PlayState::kEnded);
+      return;
+    case Media::Event::kFailed:
+      Report(PlayState::kFailed);
+      media_.reset();
+      state_ = State::kClosed;
+      return;
+  }
+}
+
+void Player::OnStop() {
+  media_.reset();
+  kept_layer_.reset();
+}
+
+}  // namespace playd
