@@ -23,13 +23,14 @@
 #include "cli/menu.h"
 #include "console/builtins.h"
 #include "console/tcp/connection.h"
+#include "console/tcp/http_sniff.h"
 #include "fuzz/fuzz.h"
 #include "klbase/options.h"
 
 namespace {
 
 using cli::internal::Connection;
-using cli::internal::SessionImpl;
+using cli::internal::ConsoleSession;
 using cli::internal::SessionKind;
 using fuzz::Input;
 
@@ -138,7 +139,7 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
 
   const cli::internal::ConsoleOptions& Options() const override { return options_; }
   std::string& ReadBuffer() override { return read_buffer_; }
-  std::shared_ptr<SessionImpl> OpenSession(Connection& connection, SessionKind kind) override {
+  std::shared_ptr<ConsoleSession> OpenSession(Connection& connection, SessionKind kind) override {
     static const std::shared_ptr<cli::Menu> root = MakeMenu();
     static const auto builtins = cli::internal::MakeBuiltins("main");
     cli::internal::SessionConfig config;
@@ -149,14 +150,16 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     config.builtins = builtins;
     config.host = this;
     config.output = connection.Output();
-    config.refuse_http = true;
+    config.accept_first_line = [](std::string_view line, bool whole) {
+      return !cli::internal::SpeaksHttp(line, whole);
+    };
     config.want_input = [weak = connection.weak_from_this()] {
       if (const auto self = weak.lock()) self->PostResume();
     };
     config.ended = [weak = connection.weak_from_this()] {
       if (const auto self = weak.lock()) self->PostEnded();
     };
-    session_ = std::make_shared<SessionImpl>(std::move(config));
+    session_ = std::make_shared<ConsoleSession>(std::move(config));
     return session_;
   }
   void CommandStarted() override {}
@@ -167,14 +170,14 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
 
   std::vector<cli::internal::SessionInfo> Sessions() override { return {}; }
   void RequestShutdown() override {}
-  void ThreadEnded(SessionImpl&) override {}
+  void ThreadEnded(int) override {}
 
   asio::io_context io_;
   cli::internal::ConsoleOptions options_;
   std::string read_buffer_ = std::string(16384, '\0');
   int client_ = -1;
   std::shared_ptr<Connection> connection_;
-  std::shared_ptr<SessionImpl> session_;
+  std::shared_ptr<ConsoleSession> session_;
   std::string received_;
   bool closed_ = false;
   std::size_t closings_ = 0;

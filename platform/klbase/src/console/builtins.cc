@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
@@ -23,7 +23,7 @@ void ListMenu(const Menu& menu, std::ostream& out) {
 }
 
 // Finds the entries of `words` (a command, or menus and a command) and shows them; of a menu, what it holds too.
-void HelpOn(SessionImpl& session, const Arguments& words) {
+void HelpOn(ConsoleSession& session, const Arguments& words) {
   const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
   std::ostream& out = session.OutStream();
   bool found = false;
@@ -38,7 +38,7 @@ void HelpOn(SessionImpl& session, const Arguments& words) {
   if (!found) out << ExplainRefusal(session.Where(), session.Builtins(), words);
 }
 
-void Help(SessionImpl& session, const Arguments& words) {
+void Help(ConsoleSession& session, const Arguments& words) {
   if (!words.empty()) return HelpOn(session, words);
   std::ostream& out = session.OutStream();
   for (const auto& command : session.CurrentMenu().Commands()) command->Help(out);
@@ -51,7 +51,7 @@ void Help(SessionImpl& session, const Arguments& words) {
 }
 
 // As the line editor shows them: what no terminal should get is written out.
-void ShowHistory(SessionImpl& session, const Arguments&) {
+void ShowHistory(ConsoleSession& session, const Arguments&) {
   std::size_t number = 0;
   for (const auto& line : session.Lines().Lines()) {
     char prefix[32];
@@ -60,9 +60,9 @@ void ShowHistory(SessionImpl& session, const Arguments&) {
   }
 }
 
-void Exit(SessionImpl& session, const Arguments&) { session.End(); }
+void Exit(ConsoleSession& session, const Arguments&) { session.End(); }
 
-void Shutdown(SessionImpl& session, const Arguments&) {
+void Shutdown(ConsoleSession& session, const Arguments&) {
   session.OutStream() << "The console ends for all.\n";
   session.End();
   session.Host().RequestShutdown();
@@ -85,7 +85,7 @@ std::string Duration(std::chrono::seconds time) {
 }
 
 // Columns as wide as their widest cell. The asking session's line is marked.
-void Who(SessionImpl& session, const Arguments&) {
+void Who(ConsoleSession& session, const Arguments&) {
   std::vector<std::vector<std::string>> rows = {{"  id", "kind", "from", "menu", "since", "idle"}};
   for (const SessionInfo& info : session.Host().Sessions()) {
     rows.push_back({(info.id == session.Id() ? "* " : "  ") + std::to_string(info.id), KindName(info.kind), info.peer,
@@ -105,7 +105,7 @@ void Who(SessionImpl& session, const Arguments&) {
   }
 }
 
-void GoToRoot(SessionImpl& session, const Arguments& words) {
+void GoToRoot(ConsoleSession& session, const Arguments& words) {
   if (words.empty()) {
     session.Enter(session.Where().Root());
   } else if (!session.Where().Root().Dispatch(words, session)) {
@@ -115,7 +115,7 @@ void GoToRoot(SessionImpl& session, const Arguments& words) {
   }
 }
 
-void GoUp(SessionImpl& session, const Arguments&) {
+void GoUp(ConsoleSession& session, const Arguments&) {
   const MenuPath& path = session.Where();
   if (!path.AtRoot()) session.Enter(*path.menus[path.menus.size() - 2]);
 }
@@ -125,7 +125,7 @@ struct Row {
   const char* parameter;  // shown by help; null for none
   const char* help;
   bool takes_words;
-  void (*run)(SessionImpl& session, const Arguments& words);
+  void (*run)(ConsoleSession& session, const Arguments& words);
 };
 
 class Builtin : public Command {
@@ -135,7 +135,7 @@ class Builtin : public Command {
   bool Exec(const std::vector<std::string>& words, Session& session) override {
     if (words.empty() || words.front() != Name()) return false;
     if (words.size() > 1 && !row_.takes_words) return false;
-    row_.run(static_cast<SessionImpl&>(session), {words.begin() + 1, words.end()});
+    row_.run(static_cast<ConsoleSession&>(session), {words.begin() + 1, words.end()});
     return true;
   }
 
@@ -151,7 +151,7 @@ class Builtin : public Command {
 
 }  // namespace
 
-bool HelpInMenu(SessionImpl& session, const std::vector<std::string>& words) {
+bool HelpInMenu(ConsoleSession& session, const std::vector<std::string>& words) {
   const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
   if (!IsHelpInMenu(walk, words)) return false;
   if (walk.used + 1 == words.size()) {

@@ -10,15 +10,15 @@
 
 namespace cli::internal {
 
-class SessionImpl;
+class ConsoleSession;
 
 // `root_name` is the word that leads back to the root menu. The commands run in sessions of this console only
-// (SessionImpl); they hold no state and may be shared by all of them.
+// (ConsoleSession); they hold no state and may be shared by all of them.
 std::shared_ptr<const CommandVector> MakeBuiltins(const std::string& root_name);
 
 // Answers `words` that ask for help behind a menu's name as "help" before it would; false, having done nothing, when
 // they don't. The command thread of `session`.
-bool HelpInMenu(SessionImpl& session, const std::vector<std::string>& words);
+bool HelpInMenu(ConsoleSession& session, const std::vector<std::string>& words);
 
 }  // namespace cli::internal
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "console/console_test_support.h"
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 
 namespace cli::internal {
 namespace {
@@ -28,7 +28,7 @@ class BuiltinsTest : public testing::Test, private SessionHost {
     config.output = std::make_shared<OutputBuffer>(ends[1], OutputBuffer::Target::kFile, nullptr);
     config.want_input = [] {};
     config.ended = [&ended] { ended = true; };
-    const auto session = std::make_shared<SessionImpl>(std::move(config));
+    const auto session = std::make_shared<ConsoleSession>(std::move(config));
     session->Start(LineEditor::Display::kNone);
     session->OnInput(lines);
     session->OnEndOfInput();
@@ -47,7 +47,7 @@ class BuiltinsTest : public testing::Test, private SessionHost {
  private:
   std::vector<SessionInfo> Sessions() override { return {}; }
   void RequestShutdown() override {}
-  void ThreadEnded(SessionImpl&) override {}
+  void ThreadEnded(int) override {}
 };
 
 TEST_F(BuiltinsTest, HistoryWritesOutWhatNoTerminalShouldGet) {

@@ -115,7 +115,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
     if (local_) local_->Stop();
   }
 
-  void ThreadEnded(SessionImpl& session) override { server_->PostReap(session.Id()); }
+  void ThreadEnded(int session_id) override { server_->PostReap(session_id); }
 
   // --- StopsAtExit
 
@@ -135,13 +135,13 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
     return config;
   }
 
-  std::shared_ptr<SessionImpl> OpenLocalSession(SessionConfig config) {
+  std::shared_ptr<ConsoleSession> OpenLocalSession(SessionConfig config) {
     const SessionConfig base = NewConfig();
     config.id = base.id;
     config.root = base.root;
     config.builtins = base.builtins;
     config.host = base.host;
-    auto session = std::make_shared<SessionImpl>(std::move(config));
+    auto session = std::make_shared<ConsoleSession>(std::move(config));
     table_.Add(session, SessionSlot());
     KL_LOG(30, "console session %d opens: %s\n", session->Id(), KindName(session->Kind()));
     return session;

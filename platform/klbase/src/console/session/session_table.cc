@@ -18,7 +18,7 @@ int SessionTable::NextId() {
   return ++last_id_;
 }
 
-void SessionTable::Add(std::shared_ptr<SessionImpl> session, SessionSlot slot) {
+void SessionTable::Add(std::shared_ptr<ConsoleSession> session, SessionSlot slot) {
   const int id = session->Id();
   absl::MutexLock lock(&mutex_);
   entries_[id] = {std::move(session), std::move(slot)};
@@ -45,8 +45,8 @@ void SessionTable::Reap(int id) {
   changed_.SignalAll();
 }
 
-std::vector<std::shared_ptr<SessionImpl>> SessionTable::All() const {
-  std::vector<std::shared_ptr<SessionImpl>> sessions;
+std::vector<std::shared_ptr<ConsoleSession>> SessionTable::All() const {
+  std::vector<std::shared_ptr<ConsoleSession>> sessions;
   absl::MutexLock lock(&mutex_);
   for (const auto& [id, entry] : entries_) sessions.push_back(entry.session);
   return sessions;

@@ -12,7 +12,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 #include "klbase/steady_cond_var.h"
 
 namespace cli::internal {
@@ -49,19 +49,19 @@ class SessionTable {
 
   int NextId();
   // `slot` is kept until the session is gone: a command whose operator hung up still takes one.
-  void Add(std::shared_ptr<SessionImpl> session, SessionSlot slot);
+  void Add(std::shared_ptr<ConsoleSession> session, SessionSlot slot);
   // For a session that logs in after it was added.
   void SetSlot(int id, SessionSlot slot);
   // Joins and forgets the session once it is closed and its thread is done; else does nothing.
   void Reap(int id);
 
-  std::vector<std::shared_ptr<SessionImpl>> All() const;
+  std::vector<std::shared_ptr<ConsoleSession>> All() const;
   // Waits until no sessions are left, but for one whose command thread is the calling one. False after `limit`.
   bool WaitUntilEmpty(std::chrono::milliseconds limit);
 
  private:
   struct Entry {
-    std::shared_ptr<SessionImpl> session;
+    std::shared_ptr<ConsoleSession> session;
     SessionSlot slot;
   };
 

@@ -299,19 +299,19 @@ void Connection::OnInterrupt() { session_->OnInterrupt(); }
 
 void Connection::OnAreYouThere() { session_->Notice("[yes]\n"); }
 
-void Connection::OnWindowSize(int columns, int rows) { session_->Resize(columns, rows); }
+void Connection::OnWindowSize(int columns, int rows) { session_->ChangeTerminal({.columns = columns, .rows = rows}); }
 
 void Connection::OnTerminalType(const std::string& name) {
   if (dumb_terminal_ || !IsDumb(name)) return;
   // Escape sequences would show as text: the client echoes and edits for itself, as it does without any negotiation.
   dumb_terminal_ = true;
   filter_->StopEcho();
-  session_->SetDisplay(LineEditor::Display::kPrompt);
+  session_->ChangeTerminal({.display = LineEditor::Display::kPrompt});
 }
 
 void Connection::OnEcho(bool ours) {
   const bool full = ours && !dumb_terminal_;
-  session_->SetDisplay(full ? LineEditor::Display::kFull : LineEditor::Display::kPrompt);
+  session_->ChangeTerminal({.display = full ? LineEditor::Display::kFull : LineEditor::Display::kPrompt});
 }
 
 void Connection::OnProtocolError(std::string_view text) {

@@ -17,7 +17,7 @@
 
 #include "console/options.h"
 #include "console/output_buffer.h"
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 #include "console/session/session_table.h"
 #include "console/tcp/telnet_filter.h"
 
@@ -32,7 +32,7 @@ class ConnectionOwner {
   virtual const ConsoleOptions& Options() const = 0;
   // Input is read into one buffer for all connections: an idle one keeps none.
   virtual std::string& ReadBuffer() = 0;
-  virtual std::shared_ptr<SessionImpl> OpenSession(Connection& connection, SessionKind kind) = 0;
+  virtual std::shared_ptr<ConsoleSession> OpenSession(Connection& connection, SessionKind kind) = 0;
   // A command runs: what it prints must be written while it does.
   virtual void CommandStarted() = 0;
   // The socket is closed. `connection` is forgotten.
@@ -57,7 +57,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Teln
 
   const std::string& Peer() const { return peer_; }
   const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
-  const std::shared_ptr<SessionImpl>& Session() const { return session_; }
+  const std::shared_ptr<ConsoleSession>& Session() const { return session_; }
   SessionSlot TakeSlotAlong() { return std::move(slot_); }
   bool LoggedIn() const { return session_ != nullptr && session_->LoggedIn(); }
 
@@ -102,7 +102,7 @@ class Connection : public std::enable_shared_from_this<Connection>, private Teln
   SessionSlot slot_;
   const std::string peer_;
   std::shared_ptr<OutputBuffer> output_;
-  std::shared_ptr<SessionImpl> session_;
+  std::shared_ptr<ConsoleSession> session_;
   std::optional<TelnetFilter> filter_;
   Phase phase_ = Phase::kSniffing;
   bool read_pending_ = false;

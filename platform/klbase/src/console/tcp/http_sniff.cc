@@ -16,4 +16,6 @@ bool IsHttpRequestLine(std::string_view line) {
   return BeginsLikeHttp(line) && line.find(" HTTP/") != std::string_view::npos;
 }
 
+bool SpeaksHttp(std::string_view line, bool whole) { return whole ? IsHttpRequestLine(line) : BeginsLikeHttp(line); }
+
 }  // namespace cli::internal

@@ -6,13 +6,12 @@
 
 namespace cli::internal {
 
-// Enough of a first line to see its method.
-inline constexpr std::size_t kHttpMethodBytes = 16;
-
 // A whole request line: "GET /path HTTP/1.1".
 bool IsHttpRequestLine(std::string_view line);
 // The beginning of a line, of which the rest is not known: a method and a blank.
 bool BeginsLikeHttp(std::string_view bytes);
+// Whether a client's first line is a browser's: `line` is the whole line, or else the beginning of a longer one.
+bool SpeaksHttp(std::string_view line, bool whole);
 
 }  // namespace cli::internal
 

@@ -29,6 +29,7 @@
 #include "absl/synchronization/mutex.h"
 #include "console/tcp/access.h"
 #include "console/tcp/connection.h"
+#include "console/tcp/http_sniff.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -92,6 +93,13 @@ Tcp::acceptor Listen(asio::io_context& io, const Tcp::endpoint& endpoint) {
   if (::bind(fd, endpoint.data(), static_cast<socklen_t>(endpoint.size())) != 0) ThrowCannotListen(endpoint, errno);
   if (::listen(fd, SOMAXCONN) != 0) ThrowCannotListen(endpoint, errno);
   return acceptor;
+}
+
+// A browser that was lured to the port must not drive the console. On the I/O thread.
+bool AcceptFirstLine(int session_id, const std::string& peer, std::string_view line, bool whole) {
+  if (!SpeaksHttp(line, whole)) return true;
+  KL_LOG(40, "console session %d from %s closed: it speaks HTTP\n", session_id, peer.c_str());
+  return false;
 }
 
 class ServerImpl : public Server, public ConnectionOwner {
@@ -227,13 +235,15 @@ class ServerImpl : public Server, public ConnectionOwner {
   const ConsoleOptions& Options() const override { return options_; }
   std::string& ReadBuffer() override { return read_buffer_; }
 
-  std::shared_ptr<SessionImpl> OpenSession(Connection& connection, SessionKind kind) override {
+  std::shared_ptr<ConsoleSession> OpenSession(Connection& connection, SessionKind kind) override {
     SessionConfig config = parts_.session_config();
     const int id = config.id;
     config.kind = kind;
     config.peer = connection.Peer();
     config.output = connection.Output();
-    config.refuse_http = true;
+    config.accept_first_line = [id, peer = config.peer](std::string_view line, bool whole) {
+      return AcceptFirstLine(id, peer, line, whole);
+    };
     config.want_input = [weak = connection.weak_from_this()] {
       if (const auto self = weak.lock()) self->PostResume();
     };
@@ -241,7 +251,7 @@ class ServerImpl : public Server, public ConnectionOwner {
       if (const auto self = weak.lock()) self->PostEnded();
     };
     if (!options_.password_file.empty()) config.login = Login(id, connection.Output());
-    auto session = std::make_shared<SessionImpl>(std::move(config));
+    auto session = std::make_shared<ConsoleSession>(std::move(config));
     parts_.table->Add(session, connection.TakeSlotAlong());
     KL_LOG(30, "console session %d opens: %s from %s\n", id, KindName(kind), connection.Peer().c_str());
     return session;

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "console/options.h"
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 #include "console/session/session_table.h"
 
 namespace cli::internal {

@@ -133,16 +133,16 @@ void LocalConsole::HandleWake() {
 void LocalConsole::HandleTerminalEvents() {
   for (auto event = raw_->TakeEvent(); event != LocalTerminal::Event::kNone; event = raw_->TakeEvent()) {
     if (event == LocalTerminal::Event::kStop) {
-      session_->SetHidden(true);
+      session_->ChangeTerminal({.hidden = true});
       output_->Flush();
       raw_->StopProcess();
     }
     if (event == LocalTerminal::Event::kContinued) raw_->EnterRawMode();
     const auto size = LocalTerminal::WindowSize(options_.output_fd);
-    session_->Resize(size.columns, size.rows);
+    session_->ChangeTerminal({.columns = size.columns, .rows = size.rows});
     if (event == LocalTerminal::Event::kStop) {
       raw_->EnterRawMode();
-      session_->SetHidden(false);
+      session_->ChangeTerminal({.hidden = false});
     }
     if (event == LocalTerminal::Event::kContinued) session_->Redraw();
   }

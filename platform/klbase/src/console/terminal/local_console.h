@@ -9,7 +9,7 @@
 
 #include "console/options.h"
 #include "console/output_buffer.h"
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 #include "console/terminal/local_terminal.h"
 #include "console/terminal/stdout_guard.h"
 
@@ -18,7 +18,7 @@ namespace cli::internal {
 class LocalConsole {
  public:
   // `make_session` completes the configuration that it is given (kind, output, callbacks) and registers the session.
-  using MakeSession = std::function<std::shared_ptr<SessionImpl>(SessionConfig config)>;
+  using MakeSession = std::function<std::shared_ptr<ConsoleSession>(SessionConfig config)>;
 
   LocalConsole(const ConsoleOptions& options, MakeSession make_session);
   ~LocalConsole();
@@ -50,7 +50,7 @@ class LocalConsole {
   const int wake_fd_;
   int own_output_fd_ = -1;
   std::shared_ptr<OutputBuffer> output_;
-  std::shared_ptr<SessionImpl> session_;
+  std::shared_ptr<ConsoleSession> session_;
   std::unique_ptr<LocalTerminal> raw_;
   std::unique_ptr<StdoutGuard> stdout_guard_;
   bool end_of_input_ = false;

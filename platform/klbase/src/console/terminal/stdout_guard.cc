@@ -7,14 +7,14 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 
 namespace cli::internal {
 namespace {
 
 class GuardBuffer : public std::streambuf {
  public:
-  void Begin(std::shared_ptr<SessionImpl> session) {
+  void Begin(std::shared_ptr<ConsoleSession> session) {
     absl::MutexLock lock(&mutex_);
     session_ = std::move(session);
     if (std::cout.rdbuf() != this) before_ = std::cout.rdbuf(this);
@@ -55,7 +55,7 @@ class GuardBuffer : public std::streambuf {
   // Shows the lines that are whole, or all there is.
   void Pass(bool all) {
     std::string text;
-    std::shared_ptr<SessionImpl> session;
+    std::shared_ptr<ConsoleSession> session;
     {
       absl::MutexLock lock(&mutex_);
       const std::size_t end = all ? line_.size() : line_.rfind('\n') + 1;  // npos + 1 is 0
@@ -69,7 +69,7 @@ class GuardBuffer : public std::streambuf {
   }
 
   absl::Mutex mutex_;
-  std::shared_ptr<SessionImpl> session_ ABSL_GUARDED_BY(mutex_);
+  std::shared_ptr<ConsoleSession> session_ ABSL_GUARDED_BY(mutex_);
   std::string line_ ABSL_GUARDED_BY(mutex_);
   std::streambuf* before_ ABSL_GUARDED_BY(mutex_) = nullptr;
 };
@@ -85,7 +85,7 @@ GuardBuffer& Buffer() {
 
 }  // namespace
 
-StdoutGuard::StdoutGuard(std::shared_ptr<SessionImpl> session) { Buffer().Begin(std::move(session)); }
+StdoutGuard::StdoutGuard(std::shared_ptr<ConsoleSession> session) { Buffer().Begin(std::move(session)); }
 
 StdoutGuard::~StdoutGuard() { Buffer().End(); }
 

@@ -7,13 +7,13 @@
 
 namespace cli::internal {
 
-class SessionImpl;
+class ConsoleSession;
 
 // While one exists, whole lines written to std::cout go out through `session`, above its prompt if it has one; the
 // beginning of a line waits for its end or for a flush. Text written with C's stdio or to std::cerr goes its own way.
 class StdoutGuard {
  public:
-  explicit StdoutGuard(std::shared_ptr<SessionImpl> session);
+  explicit StdoutGuard(std::shared_ptr<ConsoleSession> session);
   ~StdoutGuard();
   StdoutGuard(const StdoutGuard&) = delete;
   StdoutGuard& operator=(const StdoutGuard&) = delete;

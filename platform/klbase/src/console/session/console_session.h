@@ -1,6 +1,6 @@
 // One operator's session: a menu path, a history, an output stream, and the thread that runs its commands.
-#ifndef KLBASE_CONSOLE_SESSION_SESSION_H_
-#define KLBASE_CONSOLE_SESSION_SESSION_H_
+#ifndef KLBASE_CONSOLE_SESSION_CONSOLE_SESSION_H_
+#define KLBASE_CONSOLE_SESSION_CONSOLE_SESSION_H_
 
 #include <atomic>
 #include <chrono>
@@ -26,8 +26,6 @@
 #include "line_editor/limits.h"
 
 namespace cli::internal {
-
-class SessionImpl;
 
 enum class SessionKind {
   kTerminal,  // the process's own terminal
@@ -55,7 +53,7 @@ class SessionHost {
   // Ends the console for all; returns at once.
   virtual void RequestShutdown() = 0;
   // The session's command thread does nothing more and can be joined.
-  virtual void ThreadEnded(SessionImpl& session) = 0;
+  virtual void ThreadEnded(int session_id) = 0;
 };
 
 // Asked for before a session may run commands: `check` says whether the password is right (it may take its time), and
@@ -65,6 +63,14 @@ struct LoginRules {
   std::function<bool()> admit;
   std::chrono::milliseconds delay_after_failure{1000};
   int tries = 3;
+};
+
+// What changed at the operator's terminal; the rest stays as it was.
+struct TerminalChange {
+  std::optional<LineEditor::Display> display = std::nullopt;
+  int columns = 0;  // 0: as before, or not known
+  int rows = 0;
+  std::optional<bool> hidden = std::nullopt;  // the typed line is off the screen, while the process is stopped
 };
 
 struct SessionConfig {
@@ -77,7 +83,9 @@ struct SessionConfig {
   std::shared_ptr<OutputBuffer> output;
   std::string history_file;         // "" keeps the history in memory
   std::optional<LoginRules> login;  // none: the operator is trusted
-  bool refuse_http = false;         // the first line may be a browser's
+  // Judges the first line, or the first kFirstBytes of one that is too long (`whole` is false then), before anything is
+  // made of it: false ends the session. Called by the holder of the lease, on any thread. None: all lines are welcome.
+  std::function<bool(std::string_view line, bool whole)> accept_first_line;
   // Both may be called on any thread, without a lock. `want_input`: there is room for input again after OnInput()
   // returned false. `ended`: the session runs nothing more; close it when its output is out.
   std::function<void()> want_input;
@@ -87,13 +95,14 @@ struct SessionConfig {
 // The transport's thread delivers input and events; a command thread, started with the first line, runs the lines. The
 // editor, the history and the menu path belong to whoever holds the lease (`leased_`): the transport while a line is
 // typed, the command thread from a whole line until all input is used up. The lease passes under `mutex_`.
-class SessionImpl : public Session, public std::enable_shared_from_this<SessionImpl> {
+class ConsoleSession : public Session, public std::enable_shared_from_this<ConsoleSession> {
  public:
   // Input is no longer wanted while more than this waits behind a running command.
   static constexpr std::size_t kMaxQueued = 64 << 10;
+  static constexpr std::size_t kFirstBytes = 16;
 
-  explicit SessionImpl(SessionConfig config);
-  ~SessionImpl() override;
+  explicit ConsoleSession(SessionConfig config);
+  ~ConsoleSession() override;
 
   // --- The transport's side; its thread.
   // Shows the banner and the prompt, as far as the display allows. Comes first; 0 columns are not known.
@@ -104,23 +113,18 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   void OnInterrupt();
   // No more input comes: runs what came, then ends.
   void OnEndOfInput();
-  void SetDisplay(LineEditor::Display display);
-  void Resize(int columns, int rows);
+  void ChangeTerminal(const TerminalChange& change);
 
   // --- Any thread.
   // Shows whole lines that are no command's output, above the line that is being typed.
   void Notice(std::string_view text);
   // Takes the line that is being typed off the screen and shows it again, after something else drew over it.
   void Redraw();
-  // Takes the line that is being typed off the screen while the process is stopped.
-  void SetHidden(bool hidden);
   // Runs no further line; a command under way finishes and is heard. Then says `farewell`, if anything was left to be
   // ended, and calls `ended`.
   void Finish(std::string_view farewell = {});
   // Runs nothing more. The operator is gone, or the console ends: a command under way finishes without being heard.
   void Close();
-  // Writes what a running command printed until now.
-  void FlushOutput() { config_.output->Flush(); }
   bool CommandRunning() const;
   bool Ended() const;
   bool LoggedIn() const { return logged_in_; }
@@ -178,7 +182,7 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
   void PassEditorOutput();
   void LeaveEditor(std::string_view farewell);
   void ApplySettings(LineEditor::Display display, int columns, int rows, bool hidden);
-  bool RefusesHttp(std::string_view line, bool too_long);
+  bool AcceptsFirstLine(std::string_view line, bool too_long);
   void ShowNotices(std::string_view text);
   std::string Prompt() const;
 
@@ -253,4 +257,4 @@ class SessionImpl : public Session, public std::enable_shared_from_this<SessionI
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_SESSION_SESSION_H_
+#endif  // KLBASE_CONSOLE_SESSION_CONSOLE_SESSION_H_

@@ -1,4 +1,4 @@
-#include "console/session/session.h"
+#include "console/session/console_session.h"
 
 #include <errno.h>
 #include <sched.h>
@@ -14,7 +14,6 @@
 #include "cli/failure_text.h"
 #include "cli/words.h"
 #include "console/builtins.h"
-#include "console/tcp/http_sniff.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -73,17 +72,17 @@ const char* KindName(SessionKind kind) {
   return "";
 }
 
-std::streamsize SessionImpl::StreamBuf::xsputn(const char* text, std::streamsize count) {
+std::streamsize ConsoleSession::StreamBuf::xsputn(const char* text, std::streamsize count) {
   return output_->Print({text, static_cast<std::size_t>(count)}) ? count : 0;
 }
 
-SessionImpl::StreamBuf::int_type SessionImpl::StreamBuf::overflow(int_type c) {
+ConsoleSession::StreamBuf::int_type ConsoleSession::StreamBuf::overflow(int_type c) {
   if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
   const char character = traits_type::to_char_type(c);
   return xsputn(&character, 1) == 1 ? c : traits_type::eof();
 }
 
-SessionImpl::SessionImpl(SessionConfig config)
+ConsoleSession::ConsoleSession(SessionConfig config)
     : config_(std::move(config)),
       last_input_(Now()),
       logged_in_(!config_.login),
@@ -93,11 +92,11 @@ SessionImpl::SessionImpl(SessionConfig config)
       stream_(&stream_buf_),
       menu_name_(config_.root->Name()) {}
 
-SessionImpl::~SessionImpl() = default;
+ConsoleSession::~ConsoleSession() = default;
 
 // --- the transport's side
 
-void SessionImpl::Start(LineEditor::Display display, int columns, int rows) {
+void ConsoleSession::Start(LineEditor::Display display, int columns, int rows) {
   {
     absl::MutexLock lock(&mutex_);
     leased_ = true;
@@ -115,7 +114,7 @@ void SessionImpl::Start(LineEditor::Display display, int columns, int rows) {
   Pump();
 }
 
-bool SessionImpl::OnInput(std::string_view bytes) {
+bool ConsoleSession::OnInput(std::string_view bytes) {
   constexpr char kCtrlC = '\x03';
   last_input_ = Now();
   {
@@ -139,9 +138,9 @@ bool SessionImpl::OnInput(std::string_view bytes) {
   return true;
 }
 
-void SessionImpl::OnInterrupt() { OnInput("\x03"); }
+void ConsoleSession::OnInterrupt() { OnInput("\x03"); }
 
-void SessionImpl::OnEndOfInput() {
+void ConsoleSession::OnEndOfInput() {
   {
     absl::MutexLock lock(&mutex_);
     end_of_input_ = true;
@@ -151,10 +150,15 @@ void SessionImpl::OnEndOfInput() {
   Pump();
 }
 
-void SessionImpl::SetDisplay(LineEditor::Display display) {
+void ConsoleSession::ChangeTerminal(const TerminalChange& change) {
   {
     absl::MutexLock lock(&mutex_);
-    display_ = display;
+    if (change.display) display_ = *change.display;
+    if (change.columns > 0) {
+      columns_ = change.columns;
+      rows_ = change.rows;
+    }
+    if (change.hidden) hidden_ = *change.hidden;
     settings_changed_ = true;
     if (leased_) return;
     leased_ = true;
@@ -162,19 +166,7 @@ void SessionImpl::SetDisplay(LineEditor::Display display) {
   Pump();
 }
 
-void SessionImpl::Resize(int columns, int rows) {
-  {
-    absl::MutexLock lock(&mutex_);
-    columns_ = columns;
-    rows_ = rows;
-    settings_changed_ = true;
-    if (leased_) return;
-    leased_ = true;
-  }
-  Pump();
-}
-
-void SessionImpl::Notice(std::string_view text) {
+void ConsoleSession::Notice(std::string_view text) {
   bool editing = false;
   {
     absl::MutexLock lock(&mutex_);
@@ -197,9 +189,9 @@ void SessionImpl::Notice(std::string_view text) {
   }
 }
 
-void SessionImpl::Redraw() { Notice({}); }
+void ConsoleSession::Redraw() { Notice({}); }
 
-void SessionImpl::Finish(std::string_view farewell) {
+void ConsoleSession::Finish(std::string_view farewell) {
   {
     absl::MutexLock lock(&mutex_);
     if (!ended_) farewell_ = farewell;
@@ -212,18 +204,7 @@ void SessionImpl::Finish(std::string_view farewell) {
   Pump();
 }
 
-void SessionImpl::SetHidden(bool hidden) {
-  {
-    absl::MutexLock lock(&mutex_);
-    hidden_ = hidden;
-    settings_changed_ = true;
-    if (leased_) return;
-    leased_ = true;
-  }
-  Pump();
-}
-
-void SessionImpl::Close() {
+void ConsoleSession::Close() {
   absl::MutexLock lock(&mutex_);
   ended_ = closed_ = true;
   queue_.clear();
@@ -231,27 +212,27 @@ void SessionImpl::Close() {
   job_ready_.SignalAll();
 }
 
-bool SessionImpl::CommandRunning() const {
+bool ConsoleSession::CommandRunning() const {
   absl::MutexLock lock(&mutex_);
   return leased_ && has_thread_ && !thread_done_;
 }
 
-bool SessionImpl::Ended() const {
+bool ConsoleSession::Ended() const {
   absl::MutexLock lock(&mutex_);
   return ended_;
 }
 
-bool SessionImpl::ThreadDone() const {
+bool ConsoleSession::ThreadDone() const {
   absl::MutexLock lock(&mutex_);
   return closed_ && (!has_thread_ || thread_done_);
 }
 
-bool SessionImpl::OnOwnThread() const {
+bool ConsoleSession::OnOwnThread() const {
   absl::MutexLock lock(&mutex_);
   return has_thread_ && thread_id_ == std::this_thread::get_id();
 }
 
-void SessionImpl::Join() {
+void ConsoleSession::Join() {
   std::thread thread;
   {
     absl::MutexLock lock(&mutex_);
@@ -260,12 +241,12 @@ void SessionImpl::Join() {
   if (thread.joinable()) thread.join();
 }
 
-void SessionImpl::Detach() {
+void ConsoleSession::Detach() {
   absl::MutexLock lock(&mutex_);
   if (thread_.joinable()) thread_.detach();
 }
 
-SessionInfo SessionImpl::Info() const {
+SessionInfo ConsoleSession::Info() const {
   const auto idle = std::chrono::steady_clock::duration(Now() - last_input_.load());
   absl::MutexLock lock(&mutex_);
   return {config_.id, config_.kind, config_.peer,
@@ -274,7 +255,7 @@ SessionInfo SessionImpl::Info() const {
 
 // --- the holder of the lease
 
-std::optional<std::string> SessionImpl::NextLine() {
+std::optional<std::string> ConsoleSession::NextLine() {
   while (TakeWork()) {
     while (feed_used_ < feed_.size()) {
       const LineEditor::Result result = FeedReader(std::string_view(feed_).substr(feed_used_));
@@ -288,7 +269,7 @@ std::optional<std::string> SessionImpl::NextLine() {
 
 // Applies what others asked for and takes over the input that came. False, with the lease given back, when there is
 // nothing to do.
-bool SessionImpl::TakeWork() {
+bool ConsoleSession::TakeWork() {
   bool resume = false;
   bool tell_end = false;
   bool working = true;
@@ -343,7 +324,7 @@ bool SessionImpl::TakeWork() {
 }
 
 // The session ends: leaves no unfinished line and no terminal mode behind.
-void SessionImpl::LeaveEditor(std::string_view farewell) {
+void ConsoleSession::LeaveEditor(std::string_view farewell) {
   if (editor_ && LoggedIn()) {
     editor_->SetDisplay(LineEditor::Display::kNone);
     PassEditorOutput();
@@ -354,7 +335,7 @@ void SessionImpl::LeaveEditor(std::string_view farewell) {
   config_.output->Append(farewell);
 }
 
-void SessionImpl::ApplySettings(LineEditor::Display display, int columns, int rows, bool hidden) {
+void ConsoleSession::ApplySettings(LineEditor::Display display, int columns, int rows, bool hidden) {
   shown_display_ = display;
   if (editor_) {
     editor_->SetDisplay(display);
@@ -365,7 +346,7 @@ void SessionImpl::ApplySettings(LineEditor::Display display, int columns, int ro
   PassEditorOutput();
 }
 
-void SessionImpl::ShowNotices(std::string_view text) {
+void ConsoleSession::ShowNotices(std::string_view text) {
   const bool editing = editor_ && LoggedIn();
   if (editing) {
     editor_->Hide();
@@ -380,9 +361,9 @@ void SessionImpl::ShowNotices(std::string_view text) {
   PassEditorOutput();
 }
 
-LineEditor::Result SessionImpl::FeedReader(std::string_view bytes) {
-  if (first_line_ && first_bytes_.size() < kHttpMethodBytes) {
-    first_bytes_.append(bytes.substr(0, kHttpMethodBytes - first_bytes_.size()));
+LineEditor::Result ConsoleSession::FeedReader(std::string_view bytes) {
+  if (first_line_ && first_bytes_.size() < kFirstBytes) {
+    first_bytes_.append(bytes.substr(0, kFirstBytes - first_bytes_.size()));
   }
   if (!editor_ || !LoggedIn()) return splitter_.Feed(bytes);
   const std::size_t skipped = splitter_.SkipRestOfLineEnd(bytes);  // of the password's line
@@ -393,7 +374,7 @@ LineEditor::Result SessionImpl::FeedReader(std::string_view bytes) {
 }
 
 // Returns the line to run, if the event brings one.
-std::optional<std::string> SessionImpl::HandleEvent(LineEditor::Event event) {
+std::optional<std::string> ConsoleSession::HandleEvent(LineEditor::Event event) {
   if (event == LineEditor::Event::kNone) return std::nullopt;
   config_.output->MarkLineStart();
   if (event == LineEditor::Event::kEndOfInput) {
@@ -404,7 +385,7 @@ std::optional<std::string> SessionImpl::HandleEvent(LineEditor::Event event) {
     const bool too_long = event == LineEditor::Event::kTooLong;
     std::string line = too_long ? "" : editor_ && LoggedIn() ? editor_->TakeLine() : splitter_.TakeLine();
     const bool first = std::exchange(first_line_, false);
-    if (first && RefusesHttp(line, too_long)) return std::nullopt;
+    if (first && !AcceptsFirstLine(line, too_long)) return std::nullopt;
     const bool blank = line.find_first_not_of(" \t") == std::string::npos;
     if (!blank || (!LoggedIn() && !too_long)) return line;
     if (too_long) {
@@ -416,14 +397,13 @@ std::optional<std::string> SessionImpl::HandleEvent(LineEditor::Event event) {
   return std::nullopt;
 }
 
-bool SessionImpl::RefusesHttp(std::string_view line, bool too_long) {
-  if (!config_.refuse_http || !(too_long ? BeginsLikeHttp(first_bytes_) : IsHttpRequestLine(line))) return false;
-  KL_LOG(40, "console session %d from %s closed: it speaks HTTP\n", config_.id, config_.peer.c_str());
+bool ConsoleSession::AcceptsFirstLine(std::string_view line, bool too_long) {
+  if (!config_.accept_first_line || config_.accept_first_line(too_long ? first_bytes_ : line, !too_long)) return true;
   End();
-  return true;
+  return false;
 }
 
-void SessionImpl::BeginLine() {
+void ConsoleSession::BeginLine() {
   if (!Interactive()) return;
   config_.output->FreshLine();
   if (!LoggedIn()) {
@@ -435,13 +415,13 @@ void SessionImpl::BeginLine() {
   PassEditorOutput();
 }
 
-void SessionImpl::PassEditorOutput() {
+void ConsoleSession::PassEditorOutput() {
   if (editor_) config_.output->Append(editor_->TakeOutput());
 }
 
-std::string SessionImpl::Prompt() const { return menu_path_.Current().Name() + "> "; }
+std::string ConsoleSession::Prompt() const { return menu_path_.Current().Name() + "> "; }
 
-void SessionImpl::Pump() {
+void ConsoleSession::Pump() {
   while (auto line = NextLine()) {
     if (HandToThread(std::move(*line))) break;
     config_.output->Append("The line was not run: no thread can be started for it. Try again later.\n");
@@ -450,7 +430,7 @@ void SessionImpl::Pump() {
   config_.output->Flush();
 }
 
-bool SessionImpl::HandToThread(std::string line) {
+bool ConsoleSession::HandToThread(std::string line) {
   {
     absl::MutexLock lock(&mutex_);
     if (!has_thread_ && !StartThreadLocked()) return false;
@@ -461,7 +441,7 @@ bool SessionImpl::HandToThread(std::string line) {
   return true;
 }
 
-bool SessionImpl::StartThreadLocked() {
+bool ConsoleSession::StartThreadLocked() {
   const SigintBlocked blocked;  // the new thread inherits it
   try {
     thread_ = std::thread([self = shared_from_this()] { self->ThreadMain(); });
@@ -476,7 +456,7 @@ bool SessionImpl::StartThreadLocked() {
 
 // --- the command thread
 
-void SessionImpl::ThreadMain() {
+void ConsoleSession::ThreadMain() {
   while (auto line = WaitForJob()) {
     do {
       RunLine(*line);
@@ -490,10 +470,10 @@ void SessionImpl::ThreadMain() {
     absl::MutexLock lock(&mutex_);
     thread_done_ = true;
   }
-  config_.host->ThreadEnded(*this);
+  config_.host->ThreadEnded(config_.id);
 }
 
-std::optional<std::string> SessionImpl::WaitForJob() {
+std::optional<std::string> ConsoleSession::WaitForJob() {
   if (config_.kind == SessionKind::kProgram) WatchForJob();
   absl::MutexLock lock(&mutex_);
   while (!job_ && !closed_) job_ready_.Wait(&mutex_);
@@ -504,7 +484,7 @@ std::optional<std::string> SessionImpl::WaitForJob() {
 
 // A program mostly sends its next line when it has the last one's answer, and to wake a thread takes longer than to run
 // most commands: stays awake for that moment, and gives way to every thread that has work.
-void SessionImpl::WatchForJob() {
+void ConsoleSession::WatchForJob() {
   constexpr auto kWatch =
       std::chrono::microseconds(100);       // a program on this machine answers sooner, or takes its time
   static std::atomic<bool> watched{false};  // one thread is enough to keep awake
@@ -514,7 +494,7 @@ void SessionImpl::WatchForJob() {
   watched.store(false, std::memory_order_release);
 }
 
-void SessionImpl::RunLine(const std::string& line) {
+void ConsoleSession::RunLine(const std::string& line) {
   {
     absl::MutexLock lock(&mutex_);
     if (ended_) return;
@@ -543,7 +523,7 @@ void SessionImpl::RunLine(const std::string& line) {
   BeginLine();
 }
 
-void SessionImpl::RunWords(const std::vector<std::string>& words) {
+void ConsoleSession::RunWords(const std::vector<std::string>& words) {
   // A handler may leave the stream in any state; the next command starts afresh.
   stream_.exceptions(std::ios_base::goodbit);
   stream_.clear();
@@ -566,7 +546,7 @@ void SessionImpl::RunWords(const std::vector<std::string>& words) {
   config_.output->Append(answer);
 }
 
-bool SessionImpl::Dispatch(const std::vector<std::string>& words) {
+bool ConsoleSession::Dispatch(const std::vector<std::string>& words) {
   std::exception_ptr refusal;
   try {
     const std::shared_ptr<Menu> menu =
@@ -583,14 +563,14 @@ bool SessionImpl::Dispatch(const std::vector<std::string>& words) {
   return false;
 }
 
-void SessionImpl::Enter(Menu& menu) {
+void ConsoleSession::Enter(Menu& menu) {
   std::vector<std::shared_ptr<Menu>> path = {menu_path_.menus.front()};
   if (!FindMenu(menu, path)) return;  // taken out of the tree meanwhile
   menu_path_.menus = std::move(path);
   PublishMenuName();
 }
 
-void SessionImpl::LeaveRemovedMenus() {
+void ConsoleSession::LeaveRemovedMenus() {
   for (std::size_t i = 1; i < menu_path_.menus.size(); ++i) {
     const auto commands = menu_path_.menus[i - 1]->Commands();
     if (std::find(commands.begin(), commands.end(), menu_path_.menus[i]) != commands.end()) continue;
@@ -601,7 +581,7 @@ void SessionImpl::LeaveRemovedMenus() {
   }
 }
 
-void SessionImpl::PublishMenuName() {
+void ConsoleSession::PublishMenuName() {
   std::string name;
   for (const auto& menu : menu_path_.menus) {
     if (menu_path_.AtRoot() || menu != menu_path_.menus.front()) name += (name.empty() ? "" : " ") + menu->Name();
@@ -610,7 +590,7 @@ void SessionImpl::PublishMenuName() {
   menu_name_ = name;
 }
 
-void SessionImpl::TryLogin(const std::string& password) {
+void ConsoleSession::TryLogin(const std::string& password) {
   const LoginRules& rules = *config_.login;
   if (shown_display_ == LineEditor::Display::kFull) config_.output->Append("\n");
   if (!rules.check(password)) {
@@ -631,13 +611,13 @@ void SessionImpl::TryLogin(const std::string& password) {
   if (Interactive()) config_.output->Append(Banner());
 }
 
-void SessionImpl::WaitUnlessClosed(std::chrono::milliseconds time) {
+void ConsoleSession::WaitUnlessClosed(std::chrono::milliseconds time) {
   const auto deadline = std::chrono::steady_clock::now() + time;
   absl::MutexLock lock(&mutex_);
   while (!closed_ && std::chrono::steady_clock::now() < deadline) job_ready_.WaitUntil(&mutex_, deadline);
 }
 
-void SessionImpl::End() {
+void ConsoleSession::End() {
   feed_used_ = feed_.size();
   absl::MutexLock lock(&mutex_);
   ended_ = true;
