@@ -73,8 +73,8 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     asio::ip::tcp::socket socket(io_);
     socket.assign(asio::ip::tcp::v4(), ends[1]);
     cli::internal::ConnectionOwner& owner = *this;
-    connection_ = std::make_shared<Connection>(io_, std::move(socket), owner, cli::internal::SessionSlot());
-    connection_->Start();
+    connection_ = std::make_shared<Connection>(io_, std::move(socket), owner);
+    connection_->Start(cli::internal::SessionSlot());
     if (!client_speaks_first) Run();
   }
   Server(const Server&) = delete;

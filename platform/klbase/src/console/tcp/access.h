@@ -1,4 +1,4 @@
-// Who may reach the console: the address it listens on, and the password.
+// The password file: whose hash it holds, and whether a password matches it.
 #ifndef KLBASE_CONSOLE_TCP_ACCESS_H_
 #define KLBASE_CONSOLE_TCP_ACCESS_H_
 

@@ -60,14 +60,15 @@ bool IsDumb(std::string name) {
 
 }  // namespace
 
-Connection::Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner, SessionSlot slot)
-    : io_(io), socket_(std::move(socket)), owner_(owner), slot_(std::move(slot)), peer_(PeerName(socket_)) {}
+Connection::Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner)
+    : io_(io), socket_(std::move(socket)), owner_(owner), peer_(PeerName(socket_)) {}
 
 Connection::~Connection() {
   if (output_) output_->Close();
 }
 
-void Connection::Start() {
+void Connection::Start(SessionSlot slot) {
+  slot_ = std::move(slot);
   SetOptions(socket_.native_handle());
   output_ =
       std::make_shared<OutputBuffer>(socket_.native_handle(), OutputBuffer::Target::kSocket, [self = weak_from_this()] {
@@ -80,7 +81,7 @@ void Connection::Start() {
 }
 
 void Connection::Refuse(std::string_view text) {
-  Start();
+  Start(SessionSlot());
   output_->SetText(OutputBuffer::Text::kCrLf);
   output_->Append(text);
   Drain();
@@ -100,6 +101,11 @@ void Connection::Abort(const char* why) {
   if (phase_ == Phase::kClosed) return;
   KL_LOG(40, "console connection from %s closed: %s\n", peer_.c_str(), why);
   Close();
+}
+
+void Connection::Abandon() {
+  if (output_) output_->Close();
+  if (session_) session_->Close();
 }
 
 void Connection::PostResume() {
@@ -208,7 +214,7 @@ void Connection::Deliver(std::string_view bytes) {
   } else {
     OnData(bytes);
   }
-  if (session_ && session_->CommandRunning()) owner_.CommandStarted();
+  if (CommandRunning()) owner_.CommandStarted();
 }
 
 // Input waits while the session has enough of it, or while the client doesn't read what it causes.

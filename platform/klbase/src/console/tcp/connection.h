@@ -19,6 +19,7 @@
 #include "console/output_buffer.h"
 #include "console/session/console_session.h"
 #include "console/session/session_table.h"
+#include "console/tcp/served_connection.h"
 #include "console/tcp/telnet_filter.h"
 
 namespace cli::internal {
@@ -40,26 +41,32 @@ class ConnectionOwner {
 };
 
 // Used on the I/O thread, except for what says otherwise. Kept alive by its pending operations and its owner.
-class Connection : public std::enable_shared_from_this<Connection>, private TelnetFilter::Receiver {
+class Connection : public std::enable_shared_from_this<Connection>,
+                   public ServedConnection,
+                   private TelnetFilter::Receiver {
  public:
-  // `slot` lets it be served; none while it has yet to log in.
-  Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner, SessionSlot slot);
+  Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner);
   ~Connection() override;
 
-  // Waits for the client's first byte, then serves.
-  void Start();
+  // Comes first, or Refuse() does: waits for the client's first byte, then serves. `slot` is kept for the session; none
+  // when the session has yet to log in.
+  void Start(SessionSlot slot);
   // Says `text` and closes.
   void Refuse(std::string_view text);
-  // Runs no further line, sends what is to be sent, and closes.
-  void Finish(std::string_view notice);
-  // Closes now.
-  void Abort(const char* why);
 
-  const std::string& Peer() const { return peer_; }
   const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
   const std::shared_ptr<ConsoleSession>& Session() const { return session_; }
   SessionSlot TakeSlotAlong() { return std::move(slot_); }
-  bool LoggedIn() const { return session_ != nullptr && session_->LoggedIn(); }
+
+  // --- ServedConnection
+  const std::string& Peer() const override { return peer_; }
+  bool LoggedIn() const override { return session_ != nullptr && session_->LoggedIn(); }
+  bool CommandRunning() const override { return session_ != nullptr && session_->CommandRunning(); }
+  OutputBuffer::Clock::duration StalledFor() const override { return output_->StalledFor(); }
+  void FlushOutput() override { output_->FlushUnlessBlocked(); }
+  void Finish(std::string_view notice) override;
+  void Abort(const char* why) override;
+  void Abandon() override;
 
   // Any thread: for the session.
   void PostResume();

@@ -735,7 +735,7 @@ TEST_F(PasswordTest, ConnectionsThatDoNotLogInKeepNobodyOut) {
   EXPECT_EQ(Program("secret\ncore set 1\n"), "1\n");
 }
 
-TEST_F(PasswordTest, PlacesAreCountedWhenSomebodyLogsIn) {
+TEST_F(PasswordTest, SlotsAreCountedWhenSomebodyLogsIn) {
   options_.max_sessions = 1;
   Open();
   TestClient first = Connect();

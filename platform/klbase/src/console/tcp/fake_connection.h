@@ -1,0 +1,60 @@
+// A connection without a socket, for the tests of the server's parts.
+#ifndef KLBASE_CONSOLE_TCP_FAKE_CONNECTION_H_
+#define KLBASE_CONSOLE_TCP_FAKE_CONNECTION_H_
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "console/tcp/served_connection.h"
+
+namespace cli::internal {
+
+// The test sets how it stands and reads what was asked of it.
+class FakeConnection : public ServedConnection, public std::enable_shared_from_this<FakeConnection> {
+ public:
+  // One of `open`, which it leaves when it closes.
+  static std::shared_ptr<FakeConnection> In(ServedConnections& open) {
+    auto connection = std::make_shared<FakeConnection>();
+    connection->open_ = &open;
+    open.insert(connection);
+    return connection;
+  }
+
+  const std::string& Peer() const override { return peer; }
+  bool LoggedIn() const override { return logged_in; }
+  bool CommandRunning() const override { return command_running; }
+  OutputBuffer::Clock::duration StalledFor() const override { return stalled_for; }
+  void FlushOutput() override { ++flushes; }
+  void Finish(std::string_view notice) override {
+    farewell = notice;
+    if (closes_when_finished) Leave();
+  }
+  void Abort(const char* why) override {
+    aborted_for = why;
+    Leave();
+  }
+  void Abandon() override {}
+
+  std::string peer = "192.0.2.1:4321";
+  bool logged_in = false;
+  bool command_running = false;
+  bool closes_when_finished = false;
+  std::chrono::milliseconds stalled_for{0};
+
+  int flushes = 0;
+  std::string farewell;
+  std::string aborted_for;
+
+ private:
+  void Leave() {
+    if (open_ != nullptr) open_->erase(shared_from_this());
+  }
+
+  ServedConnections* open_ = nullptr;
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_TCP_FAKE_CONNECTION_H_

@@ -1,0 +1,35 @@
+// The check of the password that operators give before their session runs commands.
+#ifndef KLBASE_CONSOLE_TCP_PASSWORD_CHECKER_H_
+#define KLBASE_CONSOLE_TCP_PASSWORD_CHECKER_H_
+
+#include <functional>
+#include <string>
+
+#include "absl/synchronization/mutex.h"
+#include "console/tcp/access.h"
+
+namespace cli::internal {
+
+// Owned by the server, which must outlive the sessions that ask. Any thread.
+class PasswordChecker {
+ public:
+  using Matcher = std::function<bool(const std::string& password, const std::string& hash)>;
+
+  // Reads the file at `path` once, so that a useless one is noticed when the console starts and not when the first
+  // operator comes: throws std::runtime_error, with a text for the operator. Tests give a `matches` of their own.
+  explicit PasswordChecker(std::string path, Matcher matches = &PasswordMatches);
+
+  // Whether `password` is the one whose hash is in the file now: a new password needs no restart. Blocks for tens of
+  // milliseconds and more, and while other calls are at it. A file that can't be used any more lets nobody in and
+  // leaves a record of level 50.
+  bool Check(const std::string& password);
+
+ private:
+  const std::string path_;
+  const Matcher matches_;
+  absl::Mutex one_at_a_time_;  // a hash costs a lot of work on purpose: all at once would take every processor
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_TCP_PASSWORD_CHECKER_H_

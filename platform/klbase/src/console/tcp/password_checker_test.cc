@@ -1,0 +1,73 @@
+#include "console/tcp/password_checker.h"
+
+#include <crypt.h>
+
+#include "console/console_test_support.h"
+
+namespace cli::internal {
+namespace {
+
+// A quick method, so that tests under a sanitizer are quick too.
+std::string Hash(const std::string& password) {
+  crypt_data data{};
+  return crypt_r(password.c_str(), "$5$rounds=1000$saltsalt$", &data);
+}
+
+TEST(PasswordCheckerTest, OnlyThePasswordOfTheFileIsRight) {
+  const TempFolder folder;
+  PasswordChecker checker(folder.Write("pw", Hash("secret")));
+  EXPECT_TRUE(checker.Check("secret"));
+  EXPECT_FALSE(checker.Check("wrong"));
+  EXPECT_FALSE(checker.Check(""));
+}
+
+TEST(PasswordCheckerTest, ANewPasswordCountsAtOnce) {
+  const TempFolder folder;
+  PasswordChecker checker(folder.Write("pw", Hash("secret")));
+  folder.Write("pw", Hash("newer"));
+  EXPECT_FALSE(checker.Check("secret"));
+  EXPECT_TRUE(checker.Check("newer"));
+}
+
+TEST(PasswordCheckerTest, AUselessFileIsRefusedAtTheStart) {
+  try {
+    const PasswordChecker checker("/nowhere/pw");
+    FAIL() << "not refused";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(
+        e.what(),
+        "password file /nowhere/pw (KLBASE_CONSOLE_PASSWORD_FILE): can't be opened: No such file or directory");
+  }
+}
+
+TEST(PasswordCheckerTest, AFileThatBecameUselessLetsNobodyInAndLeavesARecord) {
+  const TempFolder folder;
+  const std::string file = folder.Write("pw", Hash("secret"));
+  PasswordChecker checker(file);
+  folder.Write("pw", Hash("secret"), 0644);
+  const LogCapture log;
+  EXPECT_FALSE(checker.Check("secret"));
+  EXPECT_EQ(log.Count("50 console: password file " + file +
+                      " (KLBASE_CONSOLE_PASSWORD_FILE): may be read by others; set its mode to 0600"),
+            1U);
+}
+
+TEST(PasswordCheckerTest, OnePasswordIsCheckedAtATime) {
+  const TempFolder folder;
+  std::atomic<int> under_way{0};
+  std::atomic<int> most{0};
+  PasswordChecker checker(folder.Write("pw", Hash("secret")), [&](const std::string&, const std::string&) {
+    const int now = ++under_way;
+    if (now > most) most = now;
+    std::this_thread::sleep_for(20ms);  // for others to come in, which they must not
+    --under_way;
+    return true;
+  });
+  std::vector<std::thread> operators;
+  for (int i = 0; i < 4; ++i) operators.emplace_back([&checker] { EXPECT_TRUE(checker.Check("secret")); });
+  for (auto& thread : operators) thread.join();
+  EXPECT_EQ(most, 1);
+}
+
+}  // namespace
+}  // namespace cli::internal
