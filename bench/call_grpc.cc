@@ -43,9 +43,10 @@ bool RoundTrip(bench::v1::Echo::Stub& stub, const google::protobuf::Message& mes
 
 int main(int argc, char** argv) {
   const std::string address = "unix-abstract:" + bench::UniqueName("grpc");
-  const bench::Child server([&address](const auto& ready) { Serve(address, ready); });
+  bench::Child server([&address](const auto& ready) { Serve(address, ready); });
   const auto stub = bench::v1::Echo::NewStub(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()));
   google::protobuf::StringValue message;
   message.set_value(std::string(bench::kPayloadBytes, 'x'));
-  return bench::MeasureAndPrint(bench::CountArgument(argc, argv, 20'000), [&] { return RoundTrip(*stub, message); });
+  return bench::MeasureAndPrint(
+      bench::CountArgument(argc, argv, 20'000), [&] { return RoundTrip(*stub, message); }, &server);
 }

@@ -29,15 +29,16 @@ void Serve(const std::string& address, const std::function<void()>& ready) {
 
 int main(int argc, char** argv) {
   const std::string address = "unix-abstract:" + bench::UniqueName("klrpc");
-  const bench::Child server([&address](const auto& ready) { Serve(address, ready); });
+  bench::Child server([&address](const auto& ready) { Serve(address, ready); });
   using Options = klrpc::APIClientOptions;
   klrpc::APIClient client(std::make_unique<Options>(address, Options::reconnect_default_max_backoff_ms_,
                                                     Options::reconnect_default_min_backoff_ms_,
                                                     Options::reconnect_default_initial_backoff_ms_, false));
   google::protobuf::StringValue message;
   message.set_value(std::string(bench::kPayloadBytes, 'x'));
-  return bench::MeasureAndPrint(bench::CountArgument(argc, argv, 20'000), [&] {
+  const auto round_trip = [&] {
     google::protobuf::Any reply;
     return client.Call(message, reply) && reply.Is<google::protobuf::StringValue>();
-  });
+  };
+  return bench::MeasureAndPrint(bench::CountArgument(argc, argv, 20'000), round_trip, &server);
 }

@@ -35,11 +35,12 @@ bool RoundTrip(int fd) {
 int main(int argc, char** argv) {
   int fds[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return 1;
-  const bench::Child server([&fds](const auto& ready) {
+  bench::Child server([&fds](const auto& ready) {
     close(fds[0]);
     ready();
     EchoUntilClosed(fds[1]);
   });
   close(fds[1]);
-  return bench::MeasureAndPrint(bench::CountArgument(argc, argv, 20'000), [&fds] { return RoundTrip(fds[0]); });
+  return bench::MeasureAndPrint(
+      bench::CountArgument(argc, argv, 20'000), [&fds] { return RoundTrip(fds[0]); }, &server);
 }

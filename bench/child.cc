@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace bench {
 
@@ -44,8 +45,14 @@ Child::Child(const std::function<void(const std::function<void()>& ready)>& serv
 }
 
 Child::~Child() {
+  if (pid_ > 0) Stop();
+}
+
+rusage Child::Stop() {
+  rusage used{};
   kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
+  wait4(std::exchange(pid_, -1), nullptr, 0, &used);
+  return used;
 }
 
 std::string UniqueName(const std::string& name) { return "bench-" + name + "-" + std::to_string(getpid()); }

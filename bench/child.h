@@ -2,6 +2,7 @@
 #ifndef BENCH_CHILD_H_
 #define BENCH_CHILD_H_
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -18,6 +19,9 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   ~Child();
+
+  // Kills the child, once, and returns all that it has used since it was forked.
+  rusage Stop();
 
  private:
   pid_t pid_ = -1;

@@ -148,12 +148,12 @@ def zebra(folder):
 
 
 def alternate(measures):
-    """Runs each measure ROUNDS times in turn; returns the medians of p50 and p99 by name."""
+    """Runs each measure ROUNDS times in turn; returns the medians of what it prints, by name."""
     results = {name: [] for name in measures}
     for _ in range(ROUNDS):
         for name, measure in measures.items():
             results[name].append(measure())
-    return {name: {key: statistics.median(run[key] for run in runs) for key in ("p50_us", "p99_us")}
+    return {name: {key: statistics.median(run[key] for run in runs) for key in runs[0]}
             for name, runs in results.items()}
 
 
@@ -161,6 +161,19 @@ def add_latencies(table, figures, main, aims):
     for name, figure in figures.items():
         ratio = "" if name == main else f"{figures[main]['p50_us'] / figure['p50_us']:.2f} x it"
         table.add(name, f"{figure['p50_us']:.1f} / {figure['p99_us']:.1f}", "us p50/p99", ratio, aims.get(name, ""))
+
+
+def add_costs(table, figures, rows, key, unit):
+    """A row for each of `rows`, a label and the figure's name: what a round trip costs at both ends, the first beside the
+    others."""
+    def sides(name):
+        return figures[name]["client_" + key], figures[name]["server_" + key]
+
+    main = sum(sides(next(iter(rows.values()))))
+    for i, (label, name) in enumerate(rows.items()):
+        client, server = sides(name)
+        ratio = f"{main / (client + server):.2f} x it" if i else ""
+        table.add(label, f"{client:.1f} / {server:.1f}", unit, ratio)
 
 
 def bench_call(table, bin_folder, folder):
@@ -176,6 +189,10 @@ def bench_call(table, bin_folder, folder):
             measures["D-Bus call"] = lambda: run_json([bin_folder / "bench_call_dbus", count, address])
         figures = alternate(measures)
     add_latencies(table, figures, "APIClient::Call", {"bare gRPC stub": "<= 1.05", "D-Bus call": "< 1"})
+    add_costs(table, figures, {"processor time of a Call": "APIClient::Call", "processor time of a stub": "bare gRPC stub",
+                               "processor time of a socket": "raw unix socket"}, "cpu_us", "us client/server")
+    add_costs(table, figures, {"context switches of a Call": "APIClient::Call", "context switches of a stub": "bare gRPC stub",
+                               "context switches of a socket": "raw unix socket"}, "switches", "client/server")
 
 
 def bench_console(table, bin_folder, folder):

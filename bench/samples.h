@@ -7,13 +7,18 @@
 
 namespace bench {
 
+class Child;
+
 // Bytes carried by each request of the call benchmarks.
 inline constexpr std::size_t kPayloadBytes = 100;
 
 // Runs `round_trip` for a tenth of `count` times to warm up, then `count` times, and prints
 // {"count": N, "p50_us": …, "p99_us": …} on standard output. `round_trip` returns false when it failed: the program
 // then ends with status 1.
-int MeasureAndPrint(std::size_t count, const std::function<bool()>& round_trip);
+//
+// With a `server`, which is ended, each side's cost of a round trip is printed too: "client_cpu_us", "server_cpu_us"
+// (user and system, all threads) and "client_switches", "server_switches" (voluntary and forced).
+int MeasureAndPrint(std::size_t count, const std::function<bool()>& round_trip, Child* server = nullptr);
 
 // The count given as the first argument of the program, else `otherwise`.
 std::size_t CountArgument(int argc, char** argv, std::size_t otherwise);
