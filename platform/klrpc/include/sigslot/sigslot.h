@@ -58,13 +58,13 @@ struct ThreadState;
 
 // One connection. Shared by the signal, the holder and the emissions under way. Both sides list it until it is cut and
 // no thread runs it any more, so that a second disconnection waits too.
-class KLRPC_EXPORT Link {
+class KLRPC_EXPORT Connection {
  public:
-  Link(std::weak_ptr<SignalCore> signal, std::weak_ptr<HolderCore> holder, const void* object)
+  Connection(std::weak_ptr<SignalCore> signal, std::weak_ptr<HolderCore> holder, const void* object)
       : signal_(std::move(signal)), holder_(std::move(holder)), object_(object) {}
-  Link(const Link&) = delete;
-  Link& operator=(const Link&) = delete;
-  virtual ~Link() = default;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  virtual ~Connection() = default;
 
   // False when the connection was cut; otherwise the slot counts as running on this thread until Leave().
   bool Enter();
@@ -88,22 +88,22 @@ class KLRPC_EXPORT Link {
   std::vector<const ThreadState*> running_;
 };
 
-using LinkList = std::vector<std::shared_ptr<Link>>;
+using ConnectionList = std::vector<std::shared_ptr<Connection>>;
 
 // A signal's connections.
 class KLRPC_EXPORT SignalCore {
  public:
   // The connections as of now, in their order.
-  std::shared_ptr<const LinkList> Links() const;
-  void Add(std::shared_ptr<Link> link);
-  void Remove(const Link* link);
+  std::shared_ptr<const ConnectionList> Connections() const;
+  void Add(std::shared_ptr<Connection> connection);
+  void Remove(const Connection* connection);
   // Cuts the connections of the holder `object`, or all when null.
   void Disconnect(const void* object);
 
  private:
   mutable absl::Mutex mutex_;
   // Replaced, never changed, so that an emission can walk it without the lock.
-  std::shared_ptr<const LinkList> links_ ABSL_GUARDED_BY(mutex_) = std::make_shared<LinkList>();
+  std::shared_ptr<const ConnectionList> connections_ ABSL_GUARDED_BY(mutex_) = std::make_shared<ConnectionList>();
 };
 
 // A holder's list of the signals it is connected to.
@@ -112,49 +112,49 @@ class KLRPC_EXPORT HolderCore {
   // `shared` is the mutex to use, null for one of its own.
   explicit HolderCore(absl::Mutex* shared) : mutex_(shared != nullptr ? *shared : own_) {}
 
-  void Add(std::shared_ptr<Link> link);
-  void Remove(const Link* link);
+  void Add(std::shared_ptr<Connection> connection);
+  void Remove(const Connection* connection);
   void DisconnectAll();
 
  private:
   absl::Mutex own_;
   absl::Mutex& mutex_;
-  LinkList links_ ABSL_GUARDED_BY(mutex_);
+  ConnectionList connections_ ABSL_GUARDED_BY(mutex_);
 };
 
 // Makes the connection known to both sides.
 KLRPC_EXPORT void Connect(const std::shared_ptr<SignalCore>& signal, const std::shared_ptr<HolderCore>& holder,
-                          const std::shared_ptr<Link>& link);
+                          const std::shared_ptr<Connection>& connection);
 
 // Marks a connection as running for a scope.
 class RunScope {
  public:
-  explicit RunScope(Link& link) : link_(link), entered_(link.Enter()) {}
+  explicit RunScope(Connection& connection) : connection_(connection), entered_(connection.Enter()) {}
   RunScope(const RunScope&) = delete;
   RunScope& operator=(const RunScope&) = delete;
   ~RunScope() {
-    if (entered_) link_.Leave();
+    if (entered_) connection_.Leave();
   }
   bool Entered() const { return entered_; }
 
  private:
-  Link& link_;
+  Connection& connection_;
   const bool entered_;
 };
 
 template <typename... Args>
-class Slot : public Link {
+class Slot : public Connection {
  public:
   Slot(std::weak_ptr<SignalCore> signal, std::weak_ptr<HolderCore> holder, const void* object,
        std::function<void(Args...)> function)
-      : Link(std::move(signal), std::move(holder), object), function_(std::move(function)) {}
+      : Connection(std::move(signal), std::move(holder), object), function_(std::move(function)) {}
   const std::function<void(Args...)>& Function() const { return function_; }
 
  private:
   const std::function<void(Args...)> function_;
 };
 
-// What all holders have in common, whatever their policy.
+// Common to the holders of every policy.
 class KLRPC_EXPORT HolderBase {
  public:
   HolderBase(const HolderBase&) = delete;
@@ -193,7 +193,8 @@ class has_slots : public internal::HolderBase {
   }
 };
 
-// Something that happens, with the arguments that describe it.
+// An event of its owner, with the arguments that describe it. Not copied or moved. Any thread, except for destruction:
+// no other thread may be about to use it then.
 template <typename... Args>
 class signal {
  public:
@@ -214,7 +215,7 @@ class signal {
                       std::make_shared<internal::Slot<Args...>>(core_, holder->slot_core(), holder, std::move(call)));
   }
 
-  // Cuts all connections of `object` to this signal; none is no error.
+  // Cuts all connections of `object` to this signal, if there are any.
   void disconnect(const internal::HolderBase* object) {
     if (object != nullptr) core_->Disconnect(object);
   }
@@ -226,10 +227,10 @@ class signal {
   // out of a slot goes to the caller; the slots after it are not called.
   void emit(Args... args) const {
     // The list is kept alive here, because a slot may destroy this signal.
-    const std::shared_ptr<const internal::LinkList> links = core_->Links();
-    for (const auto& link : *links) {
-      const internal::RunScope scope(*link);
-      if (scope.Entered()) static_cast<const internal::Slot<Args...>&>(*link).Function()(args...);
+    const std::shared_ptr<const internal::ConnectionList> connections = core_->Connections();
+    for (const auto& connection : *connections) {
+      const internal::RunScope scope(*connection);
+      if (scope.Entered()) static_cast<const internal::Slot<Args...>&>(*connection).Function()(args...);
     }
   }
   void operator()(Args... args) const { emit(args...); }

@@ -12,9 +12,9 @@ absl::Mutex& multi_threaded_global::get_mutex() {
 
 namespace internal {
 
-// What one thread waits for. Trivial, because threads use it until their very end.
+// The connection that a thread waits for, if any. Trivial, because threads use it until their very end.
 struct ThreadState {
-  const Link* waiting_for = nullptr;
+  const Connection* waiting_for = nullptr;
 };
 
 namespace {
@@ -33,19 +33,20 @@ absl::CondVar& SomebodyLeft() {
   return *left;
 }
 
-// Number of threads in Link::WaitIdle, so that leaving costs no notification when nobody waits. Guarded by RunMutex().
+// Number of threads in Connection::WaitIdle, so that leaving costs no notification when nobody waits. Guarded by
+// RunMutex().
 int waiting_threads = 0;
 
 }  // namespace
 
-bool Link::Enter() {
+bool Connection::Enter() {
   const absl::MutexLock lock(&RunMutex());
   if (closed_) return false;
   running_.push_back(&this_thread);
   return true;
 }
 
-void Link::Leave() {
+void Connection::Leave() {
   {
     const absl::MutexLock lock(&RunMutex());
     running_.erase(std::find(running_.begin(), running_.end(), &this_thread));
@@ -55,12 +56,12 @@ void Link::Leave() {
   UnlistIfDone();
 }
 
-void Link::Close() {
+void Connection::Close() {
   const absl::MutexLock lock(&RunMutex());
   closed_ = true;
 }
 
-void Link::UnlistIfDone() {
+void Connection::UnlistIfDone() {
   {
     const absl::MutexLock lock(&RunMutex());
     if (!closed_ || !running_.empty()) return;
@@ -69,7 +70,7 @@ void Link::UnlistIfDone() {
   if (const auto holder = holder_.lock()) holder->Remove(this);
 }
 
-void Link::WaitIdle() {
+void Connection::WaitIdle() {
   // True when `thread` can't go on before the calling thread does: it waits, directly or through others, for a slot
   // that the calling thread is running. Waiting threads never form a circle, because nobody closes one, so this ends.
   const auto needs_us = [](const auto& self, const ThreadState* thread) -> bool {
@@ -97,71 +98,74 @@ void Link::WaitIdle() {
 namespace {
 
 // All are closed before the first is waited for, so that none of them starts meanwhile.
-void CutAll(const LinkList& links) {
-  for (const auto& link : links) link->Close();
-  for (const auto& link : links) link->WaitIdle();
-  for (const auto& link : links) link->UnlistIfDone();
+void CutAll(const ConnectionList& connections) {
+  for (const auto& connection : connections) connection->Close();
+  for (const auto& connection : connections) connection->WaitIdle();
+  for (const auto& connection : connections) connection->UnlistIfDone();
 }
 
 }  // namespace
 
-std::shared_ptr<const LinkList> SignalCore::Links() const {
+std::shared_ptr<const ConnectionList> SignalCore::Connections() const {
   const absl::MutexLock lock(&mutex_);
-  return links_;
+  return connections_;
 }
 
-void SignalCore::Add(std::shared_ptr<Link> link) {
+void SignalCore::Add(std::shared_ptr<Connection> connection) {
   const absl::MutexLock lock(&mutex_);
-  auto links = std::make_shared<LinkList>(*links_);
-  links->push_back(std::move(link));
-  links_ = std::move(links);
+  auto connections = std::make_shared<ConnectionList>(*connections_);
+  connections->push_back(std::move(connection));
+  connections_ = std::move(connections);
 }
 
-void SignalCore::Remove(const Link* link) {
+void SignalCore::Remove(const Connection* connection) {
   const absl::MutexLock lock(&mutex_);
-  auto links = std::make_shared<LinkList>(*links_);
-  std::erase_if(*links, [link](const std::shared_ptr<Link>& each) { return each.get() == link; });
-  links_ = std::move(links);
+  auto connections = std::make_shared<ConnectionList>(*connections_);
+  std::erase_if(*connections,
+                [connection](const std::shared_ptr<Connection>& each) { return each.get() == connection; });
+  connections_ = std::move(connections);
 }
 
 void SignalCore::Disconnect(const void* object) {
-  LinkList links = *Links();
+  ConnectionList connections = *Connections();
   if (object != nullptr) {
-    std::erase_if(links, [object](const std::shared_ptr<Link>& link) { return link->Object() != object; });
+    std::erase_if(connections,
+                  [object](const std::shared_ptr<Connection>& connection) { return connection->Object() != object; });
   }
-  CutAll(links);
+  CutAll(connections);
 }
 
-void HolderCore::Add(std::shared_ptr<Link> link) {
+void HolderCore::Add(std::shared_ptr<Connection> connection) {
   const absl::MutexLock lock(&mutex_);
-  links_.push_back(std::move(link));
+  connections_.push_back(std::move(connection));
 }
 
-void HolderCore::Remove(const Link* link) {
-  std::shared_ptr<Link> removed;  // destroyed without the lock
+void HolderCore::Remove(const Connection* connection) {
+  std::shared_ptr<Connection> removed;  // destroyed without the lock
   const absl::MutexLock lock(&mutex_);
-  const auto found = std::find_if(links_.begin(), links_.end(),
-                                  [link](const std::shared_ptr<Link>& each) { return each.get() == link; });
-  if (found == links_.end()) return;
+  const auto found =
+      std::find_if(connections_.begin(), connections_.end(),
+                   [connection](const std::shared_ptr<Connection>& each) { return each.get() == connection; });
+  if (found == connections_.end()) return;
   removed = std::move(*found);
-  links_.erase(found);
+  connections_.erase(found);
 }
 
 void HolderCore::DisconnectAll() {
-  LinkList links;
+  ConnectionList connections;
   {
     const absl::MutexLock lock(&mutex_);
-    links = links_;
+    connections = connections_;
   }
-  CutAll(links);
+  CutAll(connections);
 }
 
 void Connect(const std::shared_ptr<SignalCore>& signal, const std::shared_ptr<HolderCore>& holder,
-             const std::shared_ptr<Link>& link) {
-  holder->Add(link);
-  signal->Add(link);
+             const std::shared_ptr<Connection>& connection) {
+  holder->Add(connection);
+  signal->Add(connection);
   // A disconnection in between found the connection on one of the lists only.
-  link->UnlistIfDone();
+  connection->UnlistIfDone();
 }
 
 }  // namespace internal
