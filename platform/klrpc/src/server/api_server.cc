@@ -30,7 +30,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// How long calls that are being answered may take to end by themselves when the server stops.
+// Time for calls under way to end by themselves when the server stops.
 constexpr std::chrono::milliseconds kGrace{200};
 
 // A caller that is frozen or whose machine is gone is noticed after the sum of both.
@@ -41,18 +41,20 @@ constexpr int kMinPingIntervalMs = 1000;
 
 ChannelArgs ServerArgs() {
   ChannelArgs args;
+  // With a shared port two servers would each get some of the connections, and neither would know.
   args.Set(GRPC_ARG_ALLOW_REUSEPORT, 0)
       .Set(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveTimeMs)
       .Set(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMs)
       .Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1)
       .Set(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0)
       .Set(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, kMinPingIntervalMs)
+      // Also for messages that a foreign client sends.
       .Set(GRPC_ARG_MAX_RECEIVE_MESSAGE_LENGTH, static_cast<int>(kMaxFrameBytes))
       .Set(GRPC_ARG_MINIMAL_STACK, 1);
   return args;
 }
 
-// Why a TCP address can't be listened on, which gRPC tells its log only.
+// The reason why a TCP address can't be listened on; gRPC tells it to its log only.
 std::string WhyNotTcp(const std::string& address) {
   const auto colon = address.rfind(':');
   if (colon == std::string::npos) return "write it as HOST:PORT, unix:PATH or unix-abstract:NAME";
@@ -72,8 +74,6 @@ std::string WhyNotTcp(const std::string& address) {
   freeaddrinfo(found);
   return why == EADDRINUSE ? "the address is in use" : std::system_category().message(why);
 }
-
-CallResult Failure(grpc_status_code code, std::string text) { return {code, std::move(text), Slice()}; }
 
 }  // namespace
 
@@ -154,7 +154,7 @@ void GrpcServer::Listen() {
     if (port_ == 0) throw std::runtime_error("can't serve on \"" + address + "\": " + WhyNotTcp(address));
   }
   grpc_server_start(context_.server);
-  // One more than can be answered at once is waiting at any time, so that an arriving call never waits for that.
+  // One more call than there are threads is asked for ahead, so that an arriving one never waits to be taken.
   for (unsigned int i = 0; i < options_->Threads() + 1; ++i) {
     UnaryMethodCall::Start(context_, call_);
     DiagnosticCall::Start(context_);
@@ -171,21 +171,21 @@ void GrpcServer::Listen() {
 }
 
 void GrpcServer::Stop() {
-  // Takes the tag of the shutdown itself.
+  // The shutdown's own event: it is waited for like a call's.
   class Stopped : public Event {
    public:
-    explicit Stopped(ServerContext& context) : alive_(context) {}
+    explicit Stopped(ServerContext& context) : member_(context.calls) {}
     void Run(bool) override { delete this; }
 
    private:
-    const LiveEvent alive_;
+    const WaitGroup::Member member_;
   };
-  listener_.reset();
-  hub_.Close();
+  listener_.reset();  // no connection comes any more
+  hub_.Close();       // each subscriber gets its queue and the reason
   grpc_server_shutdown_and_notify(context_.server, context_.queue, (new Stopped(context_))->Arm());
-  if (!context_.live.WaitForNone(steady_clock::now() + kGrace)) {
+  if (!context_.calls.WaitUntil(steady_clock::now() + kGrace)) {
     grpc_server_cancel_all_calls(context_.server);
-    context_.live.WaitForNone(steady_clock::time_point::max());
+    context_.calls.WaitUntil(steady_clock::time_point::max());
   }
   grpc_completion_queue_shutdown(context_.queue);
   workers_.reset();
@@ -193,7 +193,7 @@ void GrpcServer::Stop() {
   grpc_completion_queue_destroy(context_.queue);
 }
 
-// Runs a hook; what it throws becomes the call's failure.
+// Runs a hook; an exception out of it becomes the call's failure.
 template <typename Function>
 CallResult Guarded(const char* what, const std::string& name, const Function& function) {
   try {
@@ -221,7 +221,7 @@ CallResult GrpcServer::AnswerPublish(const Buffer& bytes) {
     const bool hooked = hooks_ != nullptr && hooks_->publish != nullptr && *hooks_->publish;
     klrpc::v1::PublishReply reply;
     reply.set_ok(!hooked || (*hooks_->publish)(message));
-    // As it arrived, unless it still needs a name.
+    // The bytes as they arrived, unless the message still needs an id.
     if (reply.ok()) hub_.Publish(message.topic(), message.msg_id().empty() ? Outgoing(message) : bytes.Flat());
     return {GRPC_STATUS_OK, "", Serialize(reply)};
   });

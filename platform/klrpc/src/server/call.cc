@@ -7,6 +7,7 @@ namespace klrpc {
 void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag) {
   const Slice text(result.text);
   grpc_slice raw_text = text.Get();
+  // The order of a batch's operations does not matter to gRPC, so the one that may be left out stands last.
   std::array<grpc_op, 2> ops{};
   ops[0].op = GRPC_OP_SEND_STATUS_FROM_SERVER;
   ops[0].data.send_status_from_server.status = result.code;
@@ -16,7 +17,7 @@ void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, vo
 }
 
 UnaryMethodCall::UnaryMethodCall(ServerContext& context, const Method& method)
-    : alive_(context), context_(context), method_(method) {
+    : member_(context.calls), context_(context), method_(method) {
   grpc_metadata_array_init(&metadata_);
 }
 
@@ -53,6 +54,7 @@ void UnaryMethodCall::Reply(const CallResult& result) {
   const Buffer message = with_message ? Buffer(result.reply) : Buffer();
   const Slice text(result.text);
   grpc_slice raw_text = text.Get();
+  // One batch for the whole answer: one event at its end, and one write to the socket.
   std::array<grpc_op, 4> ops{};
   ops[0].op = GRPC_OP_SEND_INITIAL_METADATA;
   ops[1].op = GRPC_OP_SEND_STATUS_FROM_SERVER;

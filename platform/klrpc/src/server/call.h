@@ -1,11 +1,13 @@
-// Requests as the server's worker threads see them.
+// Calls as the server's worker threads see them.
 #ifndef KLRPC_SERVER_CALL_H_
 #define KLRPC_SERVER_CALL_H_
 
 #include <grpc/grpc.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
@@ -14,29 +16,35 @@
 
 namespace klrpc {
 
-// What a call ends with.
+// The end of a call: its status, and a reply when the status is OK.
 struct CallResult {
   grpc_status_code code = GRPC_STATUS_OK;
   std::string text;
   Slice reply;  // sent when the code is OK
 };
 
+inline CallResult Failure(grpc_status_code code, std::string text) { return {code, std::move(text), Slice()}; }
+
 // Ends a stream of replies. `metadata_sent`: its first answer, which carries the metadata, is under way.
 void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag);
 
-// Counts the events that are alive on a server, so that its end can wait for them.
-class LiveEvents {
+// Counts the calls that a server waits for or answers, so that its end can wait until there are none.
+class WaitGroup {
  public:
-  void Add() {
-    const absl::MutexLock lock(&mutex_);
-    ++count_;
-  }
-  void Remove() {
-    const absl::MutexLock lock(&mutex_);
-    if (--count_ == 0) none_.SignalAll();
-  }
+  // A member as long as it lives. The first data member of its owner, so that it leaves after everything else is gone.
+  class Member {
+   public:
+    explicit Member(WaitGroup& group) : group_(group) { group_.Add(); }
+    Member(const Member&) = delete;
+    Member& operator=(const Member&) = delete;
+    ~Member() { group_.Remove(); }
+
+   private:
+    WaitGroup& group_;
+  };
+
   // False when some are left at `deadline`.
-  bool WaitForNone(std::chrono::steady_clock::time_point deadline) {
+  bool WaitUntil(std::chrono::steady_clock::time_point deadline) {
     const absl::MutexLock lock(&mutex_);
     while (count_ > 0) {
       if (!none_.WaitUntil(&mutex_, deadline)) return count_ == 0;
@@ -45,28 +53,25 @@ class LiveEvents {
   }
 
  private:
+  void Add() {
+    const absl::MutexLock lock(&mutex_);
+    ++count_;
+  }
+  void Remove() {
+    const absl::MutexLock lock(&mutex_);
+    if (--count_ == 0) none_.SignalAll();
+  }
+
   absl::Mutex mutex_;
   klbase::SteadyCondVar none_;
   int count_ ABSL_GUARDED_BY(mutex_) = 0;
 };
 
-// What calls need of their server. Outlives them.
+// The server as its calls see it. Outlives them.
 struct ServerContext {
   grpc_server* server = nullptr;
   grpc_completion_queue* queue = nullptr;
-  LiveEvents live;
-};
-
-// Is counted as long as it lives. The first member of what has it, so that it goes last.
-class LiveEvent {
- public:
-  explicit LiveEvent(ServerContext& context) : context_(context) { context_.live.Add(); }
-  LiveEvent(const LiveEvent&) = delete;
-  LiveEvent& operator=(const LiveEvent&) = delete;
-  ~LiveEvent() { context_.live.Remove(); }
-
- private:
-  ServerContext& context_;
+  WaitGroup calls;
 };
 
 // One call of a method with one request and one reply. Deletes itself after its last event.
@@ -89,7 +94,7 @@ class UnaryMethodCall : public Event {
 
   void Reply(const CallResult& result);
 
-  const LiveEvent alive_;
+  const WaitGroup::Member member_;
   ServerContext& context_;
   const Method& method_;
   bool answered_ = false;

@@ -22,8 +22,6 @@ using google::protobuf::FileDescriptor;
 constexpr std::array kServices = {"klrpc.v1.Transport", "grpc.health.v1.Health",
                                   "grpc.reflection.v1alpha.ServerReflection"};
 
-CallResult Failure(grpc_status_code code, std::string text) { return {code, std::move(text), Slice()}; }
-
 bool Serves(const std::string& service) {
   return service.empty() || std::find(kServices.begin(), kServices.end(), service) != kServices.end();
 }
@@ -98,6 +96,7 @@ CallResult Reflect(const Buffer& bytes) {
   return {GRPC_STATUS_OK, "", Serialize(response)};
 }
 
+// Not registered with gRPC: calls of any other method need an answer too, and come the same way.
 constexpr std::array kMethods = {
     DiagnosticMethod{"/grpc.health.v1.Health/Check", DiagnosticMethod::kOneReply, CheckHealth},
     DiagnosticMethod{"/grpc.health.v1.Health/Watch", DiagnosticMethod::kKeepOpen, WatchHealth},
@@ -121,7 +120,7 @@ void DiagnosticCall::Start(ServerContext& context) {
   if (error != GRPC_CALL_OK) call->called_.Abandon();
 }
 
-DiagnosticCall::DiagnosticCall(ServerContext& context) : alive_(context), context_(context) {
+DiagnosticCall::DiagnosticCall(ServerContext& context) : member_(context.calls), context_(context) {
   grpc_call_details_init(&details_);
   grpc_metadata_array_init(&metadata_);
 }

@@ -1,5 +1,5 @@
-// What every server answers besides its own service: the standard health and reflection services, and a clear refusal
-// for methods that it doesn't have.
+// The answers of every server besides its own service: the standard health and reflection services, and a clear refusal
+// of methods that it doesn't have.
 #ifndef KLRPC_SERVER_DIAGNOSTICS_H_
 #define KLRPC_SERVER_DIAGNOSTICS_H_
 
@@ -49,7 +49,7 @@ class DiagnosticCall : public std::enable_shared_from_this<DiagnosticCall> {
   void Read();
   void Finish(grpc_status_code code, const std::string& text);
 
-  const LiveEvent alive_;
+  const WaitGroup::Member member_;
   ServerContext& context_;
   grpc_call* call_ = nullptr;
   grpc_call_details details_;

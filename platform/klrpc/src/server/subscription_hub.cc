@@ -9,7 +9,8 @@
 namespace klrpc {
 namespace {
 
-// While more is waiting, messages are gathered and sent together, so many at most.
+// While more is waiting, messages are gathered into one write, so many at most: a subscriber sees the first of a burst
+// before its last is queued.
 constexpr unsigned int kMessagesPerFlush = 32;
 
 }  // namespace
@@ -42,6 +43,7 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
       if (place != nullptr && place->Number() > stream->Number()) return false;
       predecessor = std::exchange(place, stream);
     }
+    // Under the same lock as the successor's entry, so that each message is queued for exactly one of the two.
     if (predecessor != nullptr) {
       kick = predecessor->EndAfterQueue(GRPC_STATUS_OK, "");
       RemoveLocked(predecessor);
@@ -49,6 +51,7 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
     all_.insert(stream);
     for (const std::string& topic : stream->Request().topics()) by_topic_[topic].insert(stream);
   }
+  // Outside of the lock, like every operation that gRPC is asked for: it may run others' completions first.
   if (kick) predecessor->Kick();
   return true;
 }
@@ -86,7 +89,7 @@ void SubscriptionHub::Close() {
   for (const auto& stream : kicked) stream->Kick();
 }
 
-SubscriberStream::SubscriberStream(const Method& method) : alive_(method.context), method_(method) {
+SubscriberStream::SubscriberStream(const Method& method) : member_(method.context.calls), method_(method) {
   grpc_metadata_array_init(&metadata_);
 }
 
@@ -193,7 +196,7 @@ void SubscriberStream::OnSent(bool ok) {
   queue_.clear();
 }
 
-// Called by whoever set sending_.
+// For the thread that set sending_.
 void SubscriberStream::SendNext() {
   std::string report;
   Step step;

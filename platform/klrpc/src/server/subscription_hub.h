@@ -1,4 +1,4 @@
-// Who gets which published message.
+// Delivery of published messages to the subscribers of their topics.
 #ifndef KLRPC_SERVER_SUBSCRIPTION_HUB_H_
 #define KLRPC_SERVER_SUBSCRIPTION_HUB_H_
 
@@ -32,12 +32,12 @@ class SubscriptionHub {
   std::size_t Publish(const std::string& topic, const Slice& message);
 
   // From now on `stream` gets the messages on its topics, and the stream of the same owner and client id that came
-  // before it gets no more: it ends when it has sent what it has. Each message goes to one of the two. False when the
+  // before it gets no more: it ends after its queued messages. Each message goes to one of the two. False when the
   // server is stopping or a later stream is there already.
   bool Join(const std::shared_ptr<SubscriberStream>& stream);
   void Leave(const std::shared_ptr<SubscriberStream>& stream);
 
-  // Ends all streams, each after what it has to send, and lets nobody join any more.
+  // Ends all streams, each after its queued messages, and refuses later ones.
   void Close();
 
  private:
@@ -62,10 +62,10 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
     void* registration = nullptr;
   };
 
-  // Messages that wait for a slow subscriber; those after that are dropped, for this subscriber alone.
+  // The most messages that wait for a slow subscriber; later ones are dropped, for this subscriber alone.
   static constexpr std::size_t kMaxQueued = 4096;
 
-  // A queue of large messages ends earlier.
+  // The most bytes that wait: fewer messages when they are large.
   static constexpr std::size_t kMaxQueuedBytes = 64u << 20;
 
   // Waits for a subscription, serves it, and starts to wait for the next. `method` outlives the context.
@@ -80,13 +80,13 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   const std::string& Owner() const { return owner_; }
   std::uint64_t Number() const { return number_; }
 
-  // For the hub, under its lock: both only take note and return whether Kick() is to be called without the lock.
+  // For the hub, under its lock: neither starts anything. `kick`, or true: Kick() is to be called without the lock.
   bool Enqueue(const Slice& message, bool& kick);
   bool EndAfterQueue(grpc_status_code code, const std::string& text);
   void Kick();
 
  private:
-  // What to do next with the stream.
+  // The stream's next operation.
   struct Step {
     enum Kind { kNothing, kMessage, kEnd };
     Kind kind = kNothing;
@@ -111,7 +111,7 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   // The record of the messages dropped since the queue was last full, empty when there are none.
   std::string TakeDropReportLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
-  const LiveEvent alive_;
+  const WaitGroup::Member member_;
   const Method& method_;
   grpc_call* call_ = nullptr;
   gpr_timespec deadline_{};
@@ -130,7 +130,8 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   absl::Mutex mutex_;
   std::deque<Slice> queue_ ABSL_GUARDED_BY(mutex_);
   std::size_t queued_bytes_ ABSL_GUARDED_BY(mutex_) = 0;
-  // Somebody sends, or has promised to: only one operation may send at a time. True until the confirmation is out.
+  // An operation sends, or a thread is about to start one: gRPC takes one at a time. True until the confirmation is
+  // out.
   bool sending_ ABSL_GUARDED_BY(mutex_) = true;
   bool gone_ ABSL_GUARDED_BY(mutex_) = false;
   bool ending_ ABSL_GUARDED_BY(mutex_) = false;

@@ -34,7 +34,7 @@ std::string ErrorText(int error) { return std::system_category().message(error);
 
 bool StartsWith(std::string_view text, std::string_view start) { return text.substr(0, start.size()) == start; }
 
-// The user ids of KLRPC_ALLOW_UID. An entry that is no number allows nobody.
+// The user ids of KLRPC_ALLOW_UID. An entry that is not a number allows nobody.
 std::vector<uid_t> AllowedUids() {
   std::vector<uid_t> uids;
   const char* text = std::getenv("KLRPC_ALLOW_UID");
@@ -92,6 +92,7 @@ UnixListener::UnixListener(const std::string& address) : address_(address), allo
 UnixListener::~UnixListener() {
   const std::uint64_t one = 1;
   if (thread_.joinable() && write(stop_, &one, sizeof(one)) == sizeof(one)) thread_.join();
+  // Only our own file: a later server may have put its own in its place.
   struct stat now {};
   if (file_ != 0 && lstat(name_.sun_path, &now) == 0 && now.st_ino == file_) unlink(name_.sun_path);
   close(listening_);
@@ -112,14 +113,14 @@ void UnixListener::Bind() {
   if (is_file) {
     struct stat made {};
     if (lstat(name_.sun_path, &made) == 0) file_ = made.st_ino;
-    // Who may talk to us is decided by the peer's user id; the file only keeps strangers further away.
+    // Access is decided by the peer's user id; the file's mode only keeps strangers further away.
     chmod(name_.sun_path, allowed_uids_.empty() ? 0600 : 0666);
   }
   if (listen(listening_, SOMAXCONN) != 0) CannotServe(address_, ErrorText(errno));
 }
 
-// A server that was killed leaves its file behind, which nobody answers on. Anything else is left alone: bind() then
-// says that the address is in use.
+// A server that was killed leaves its file behind, and connecting to it is refused. Any other file is left alone:
+// bind() then says that the address is in use.
 void UnixListener::RemoveStaleFile() const {
   struct stat found {};
   if (lstat(name_.sun_path, &found) != 0 || !S_ISSOCK(found.st_mode)) return;

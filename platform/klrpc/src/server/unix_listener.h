@@ -1,4 +1,4 @@
-// Listens on a local address and lets in only those who may talk to this server.
+// Listens on a local address and lets in only peers that may talk to this server.
 #ifndef KLRPC_SERVER_UNIX_LISTENER_H_
 #define KLRPC_SERVER_UNIX_LISTENER_H_
 
@@ -20,13 +20,15 @@ class UnixListener {
   // Called on the listener's thread with each connection of an allowed peer; owns the descriptor.
   using Accepted = std::function<void(int fd)>;
 
-  // Listens. Throws std::runtime_error when that can't be. The socket file of a server that is gone is replaced.
+  // Listens. Throws std::runtime_error, with a text for the operator, when that can't be. The socket file of a server
+  // that is gone is replaced.
   explicit UnixListener(const std::string& address);
   UnixListener(const UnixListener&) = delete;
   UnixListener& operator=(const UnixListener&) = delete;
   // Ends the thread; closes and removes the socket.
   ~UnixListener();
 
+  // Starts the thread that accepts; connections wait in the socket's queue until then. Once.
   void Start(Accepted accepted);
 
  private:
