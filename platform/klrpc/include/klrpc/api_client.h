@@ -16,7 +16,8 @@
 
 namespace klrpc {
 
-// Where a client connects to and how it keeps trying. Plain values; immutable after construction.
+// A client's server address and the pace of its connection attempts. Plain values, times in milliseconds; immutable
+// after construction.
 class KLRPC_EXPORT APIClientOptions {
  public:
   // Defaults of the back-off between connection attempts, in milliseconds. The smallest is also the time that one
@@ -45,8 +46,9 @@ class KLRPC_EXPORT APIClientOptions {
 };
 
 // One connection to one server. Construction connects nothing and never fails; the first operation connects. All
-// operations may be called from any thread at the same time. Destruction ends every call, stream and thread of the
-// client within 1 s, also when the peer is dead or hung; the caller sees to it that no other thread still uses it.
+// operations may be called from any thread at the same time; errors are returned and logged. Destruction ends every
+// publication, stream and thread of the client within 1 s, also when the peer is dead or hung. No other thread may
+// still use the client then, and it is not for a slot of its own signals.
 class KLRPC_EXPORT APIClient {
  public:
   explicit APIClient(std::unique_ptr<APIClientOptions> options);
@@ -74,12 +76,16 @@ class KLRPC_EXPORT APIClient {
   // already. Returns at once; waits for the server as long as it takes. Returns false when an argument is empty.
   virtual bool SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics);
 
-  // Emitted on the client's own threads. A slot may subscribe, publish and disconnect. State numbers: 1 the server
-  // confirmed the subscription; 2 the stream ended and the subscription must be issued again.
+  // Emitted on the client's one background thread, which the first publication or subscription starts; publications
+  // that are still queued at the client's destruction are reported on the destroying thread. The arguments are valid
+  // during the call. A slot may subscribe, publish and disconnect; one that takes long holds up this client's other
+  // events, and an exception out of it is logged with level 50 and dropped. State numbers: 1 the server confirmed the
+  // subscription; 2 the stream ended and the subscription must be issued again.
   sigslot::signal<const klrpc::v1::PubsubMessage&> SignalSubscribeMessage;
   sigslot::signal<const klrpc::v1::SubscribeState&> SignalSubscribeState;
   sigslot::signal<bool, const std::string&> SignalPublishState;
 
+  // As long as the client.
   const APIClientOptions& Options() const;
 
  private:

@@ -17,8 +17,8 @@ namespace klrpc {
 // Plain values; immutable after construction.
 class KLRPC_EXPORT APIServerOptions {
  public:
-  // `threads` worker threads (at least 1) run the hooks; `address` is a gRPC address to listen on; `pubsub` says
-  // whether the server also carries publish/subscribe.
+  // `threads` worker threads (at least 1) run the hooks; `address` is a gRPC address to listen on:
+  // "unix-abstract:NAME", "unix:PATH" or "HOST:PORT"; `pubsub` says whether the server also carries publish/subscribe.
   APIServerOptions(unsigned int threads, const std::string& address, bool pubsub);
 
   unsigned int Threads() const { return threads_; }
@@ -31,6 +31,8 @@ class KLRPC_EXPORT APIServerOptions {
   const bool pubsub_;
 };
 
+// A server of one address, from its creation to its destruction. Messages up to 4 MiB. Any thread may publish;
+// destruction is for one thread, and not for a hook's.
 class KLRPC_EXPORT APIServer {
  public:
   using UnaryHook = std::function<bool(const google::protobuf::Any& request, google::protobuf::Any& reply)>;
@@ -39,7 +41,7 @@ class KLRPC_EXPORT APIServer {
   // Both hooks run on the worker threads, several at once. `unary` is called once for each request. Returning false
   // with a filled reply still sends the reply; false with an empty reply fails the call with UNIMPLEMENTED and the
   // request's type URL; an exception becomes INTERNAL. `publish` sees each message that a client publishes, before it
-  // is handed on; false refuses the message. Either may be null or empty.
+  // is handed on; false refuses the message. Either may be null or empty. The messages are valid during the call.
   struct UnaryHookSets {
     std::unique_ptr<UnaryHook> unary;
     std::unique_ptr<PublishHook> publish;
@@ -59,7 +61,9 @@ class KLRPC_EXPORT APIServer {
   virtual ~APIServer() = default;
 
   // Publishes `message` from within this process to the topic's subscribers; `msg_id` is filled in when empty. Returns
-  // the number of subscribers that it was queued for, 0 also when the server carries no publish/subscribe. Any thread.
+  // the number of subscribers that it was queued for, 0 also when the server carries no publish/subscribe, and with a
+  // level-40 record when the message is larger than 4 MiB. A subscriber with 4096 messages waiting gets no more until
+  // it has read: it loses them, and a level-40 record says how many. Never waits for a subscriber. Any thread.
   virtual std::size_t Publish(const klrpc::v1::PubsubMessage& message) = 0;
 
   // The port in use when the address is TCP (also when it asked for port 0), else 0.

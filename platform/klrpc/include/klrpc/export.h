@@ -1,4 +1,4 @@
-// KLRPC_EXPORT marks what libklrpc.so offers; everything else stays hidden inside the library.
+// KLRPC_EXPORT marks the interface of libklrpc.so; everything else stays hidden inside the library.
 #ifndef KLRPC_EXPORT_H_
 #define KLRPC_EXPORT_H_
 

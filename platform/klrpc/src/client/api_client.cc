@@ -55,6 +55,7 @@ class PubSub {
   }
   PubSub(const PubSub&) = delete;
   PubSub& operator=(const PubSub&) = delete;
+  // In this order: nothing starts any more, all that is under way is cut off, and the thread ends with its last event.
   ~PubSub() {
     loop_.Stop();
     subscriptions_.Cancel();

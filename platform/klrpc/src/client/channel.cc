@@ -18,8 +18,8 @@ struct Keepalive {
 constexpr Keepalive kLocal = {5000, 3000};
 constexpr Keepalive kRemote = {20000, 10000};
 
-// gRPC's smallest back-off is also the time that one attempt to connect gets. A server on this machine that is there
-// but busy deserves as long as a call; whether another machine is there is to be known soon.
+// gRPC's smallest back-off is also the time that one attempt to connect gets. A busy server on this machine is given as
+// long as a call; an absent machine should be noticed soon.
 constexpr int kLocalAttemptMs = 3000;
 
 int AttemptMs(const APIClientOptions& options) {
@@ -40,8 +40,8 @@ ChannelPtr Create(const APIClientOptions& options, ChannelArgs& args) {
       .Set(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1)
       .Set(GRPC_ARG_ENABLE_RETRIES, 0)
       .Set(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1)
-      // Without the filters for compression and limits: sizes are checked by who sends. Time limits, which go with
-      // them, are kept for calls that nobody waits for.
+      // Without the filters for compression and limits: sizes are checked by the sender. Time limits, which go with
+      // them, are kept for publications, which no thread waits for.
       .Set(GRPC_ARG_MINIMAL_STACK, 1)
       .Set(GRPC_ARG_ENABLE_DEADLINE_CHECKS, 1);
   grpc_channel_credentials* insecure = grpc_insecure_credentials_create();
@@ -59,7 +59,7 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
     channel = channel_;
   }
   if (channel != nullptr) {
-    // One look at the sockets: between calls nobody reads, so a connection that ended still seems to stand.
+    // One look at the sockets: between calls no thread reads, so a connection that ended still seems to stand.
     if (polled != nullptr) grpc_completion_queue_pluck(polled, polled, Past(), nullptr);
     if (grpc_channel_check_connectivity_state(channel.get(), 0) != GRPC_CHANNEL_TRANSIENT_FAILURE) return channel;
   }
@@ -70,6 +70,7 @@ ChannelPtr ClientChannel::Fresh(grpc_completion_queue* polled) {
   ChannelPtr created = Create(options_, args);
   const absl::MutexLock lock(&mutex_);
   // The old one is destroyed after the lock is released.
+  // Another thread may have replaced it meanwhile: then its channel is as fresh as ours.
   if (channel_ == channel || channel_ == nullptr) std::swap(channel_, created);
   return channel_;
 }
@@ -83,6 +84,8 @@ void ClientChannel::GiveUpAttempt(const ChannelPtr& channel) {
 
 ChannelPtr CreateStreamChannel(const APIClientOptions& options) {
   ChannelArgs args;
+  // Without the bandwidth probe a subscriber that does not read is buffered 63 KiB in gRPC, with it 4 MiB: its server
+  // is to see early that it is slow.
   args.Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 0).Set(GRPC_ARG_HTTP2_BDP_PROBE, 0);
   return Create(options, args);
 }

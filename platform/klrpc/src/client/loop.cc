@@ -8,6 +8,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Between two looks at streams that wait for their server: less than an operator's patience, and no load.
 constexpr auto kTick = 1000ms;
 
 }  // namespace
@@ -43,6 +44,7 @@ void ClientLoop::Run() {
     if (event.type == GRPC_QUEUE_SHUTDOWN) return;
     if (event.type == GRPC_OP_COMPLETE) {
       Event::FromTag(event.tag)->Run(event.success != 0);
+      // The event may have opened a stream that waits, or ended the one that let the loop sleep.
       idle_ = false;
     }
     RunDueTimers();
@@ -66,6 +68,7 @@ gpr_timespec ClientLoop::NextWakeUp() const {
 
 void ClientLoop::RunDueTimers() {
   while (!timers_.empty() && timers_.begin()->first <= Clock::now()) {
+    // Taken out first: the function may add timers.
     auto due = timers_.extract(timers_.begin());
     due.mapped()();
     idle_ = false;

@@ -1,4 +1,4 @@
-// The thread on which a client's publications and subscriptions come to their ends.
+// A client's one background thread: the outcomes of its publications, the messages and ends of its subscriptions.
 #ifndef KLRPC_CLIENT_LOOP_H_
 #define KLRPC_CLIENT_LOOP_H_
 
@@ -16,6 +16,7 @@
 
 namespace klrpc {
 
+// Owned by its client's PubSub; the thread runs from Start() to Join().
 class ClientLoop {
  public:
   using Clock = std::chrono::steady_clock;
@@ -32,13 +33,14 @@ class ClientLoop {
 
   grpc_completion_queue* Queue() { return queue_; }
 
-  // Starts operations whose end is `tag`. Any thread. False after Stop(): the tag then never comes back.
+  // Starts a batch whose completion comes back as the event `tag`. Any thread. False after Stop(): the tag then never
+  // comes back.
   bool StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag);
 
   // Runs `function` later on the loop's thread, unless the loop is stopped before. Only on the loop's thread.
   void RunAfter(std::chrono::milliseconds time, std::function<void()> function);
 
-  // Lets no operation start any more. The thread ends when those under way have ended: cancel them.
+  // Refuses further batches. The thread ends when those under way have ended: cancel them before Join().
   void Stop();
   void Join();
 

@@ -7,7 +7,7 @@
 
 namespace klrpc {
 
-// One publication on its way.
+// One publication on its way. Its batch keeps it alive.
 class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> {
  public:
   PublishCall(Publisher& publisher, Pending pending)
@@ -68,6 +68,7 @@ bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
   return !full;
 }
 
+// One at a time: calls on one channel may overtake each other, and the server publishes in the order of their arrival.
 void Publisher::SendNext() {
   Pending next;
   {
@@ -79,6 +80,7 @@ void Publisher::SendNext() {
     next = std::move(pending_.front());
     pending_.pop_front();
   }
+  // Made without the lock: this may connect.
   const auto call = std::make_shared<PublishCall>(*this, std::move(next));
   {
     const absl::MutexLock lock(&mutex_);
@@ -94,6 +96,7 @@ void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std:
     KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(code),
            answered ? "the server refused the message" : text.c_str());
   }
+  // First, so that the next one travels while the slots run.
   SendNext();
   outcome_(answer.ok(), pending.msg_id);
 }
@@ -106,6 +109,7 @@ void Publisher::Cancel() {
     current.swap(current_);
     unsent.swap(pending_);
   }
+  // Its end, and with it the outcome, still comes through the loop; those that were never sent have no other end.
   if (current != nullptr) current->Cancel();
   for (const Pending& pending : unsent) outcome_(false, pending.msg_id);
 }

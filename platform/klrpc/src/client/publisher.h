@@ -26,7 +26,7 @@ class Publisher {
   // Called on the loop's thread.
   using Outcome = std::function<void(bool ok, const std::string& msg_id)>;
 
-  // Publications that wait at most.
+  // The most publications that wait.
   static constexpr std::size_t kMaxPending = 4096;
 
   Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, std::chrono::milliseconds timeout,
@@ -37,7 +37,7 @@ class Publisher {
   // Any thread. False, with a record, when the message can't be sent at all.
   bool Publish(const klrpc::v1::PubsubMessage& message);
 
-  // After the loop's Stop(): cuts off what is under way.
+  // After the loop's Stop(): cuts off the publication under way and reports the queued ones as failed.
   void Cancel();
 
  private:
@@ -48,7 +48,7 @@ class Publisher {
     Slice bytes;
   };
 
-  // Called by whoever set sending_.
+  // For the thread that set sending_: one publication travels at a time.
   void SendNext();
   void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);
 
@@ -63,7 +63,7 @@ class Publisher {
   std::uint64_t count_ ABSL_GUARDED_BY(mutex_) = 0;
   std::deque<Pending> pending_ ABSL_GUARDED_BY(mutex_);
   bool sending_ ABSL_GUARDED_BY(mutex_) = false;
-  bool overflow_ ABSL_GUARDED_BY(mutex_) = false;  // told already
+  bool overflow_ ABSL_GUARDED_BY(mutex_) = false;  // since a message was refused, which is logged once
   std::shared_ptr<PublishCall> current_ ABSL_GUARDED_BY(mutex_);
 };
 

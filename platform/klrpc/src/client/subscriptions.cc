@@ -55,6 +55,7 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   const std::vector<std::string>& Topics() const { return topics_; }
   grpc_status_code Code() const { return status_; }
   std::string Text() const { return std::string(text_.View()); }
+  // Metadata comes with a refusal too, then without the entry.
   bool Accepted() const { return HasKey(initial_metadata_, kStreamKey); }
 
   void Start();
@@ -100,6 +101,7 @@ void Subscriptions::Stream::Start() {
   end.data.recv_status_on_client.status = &status_;
   end.data.recv_status_on_client.status_details = text_.Reset();
   if (!owner_.loop_.StartBatch(call_, &end, 1, ended_.Begin())) return ended_.Abandon();
+  // The end is asked for first, so that whatever happens to the rest is reported.
 
   klrpc::v1::SubscribeRequest request;
   request.set_client_id(client_id_);
@@ -170,6 +172,7 @@ void Subscriptions::OnConfirmed(Stream& stream) {
     const auto found = std::find_if(streams.begin(), streams.end(),
                                     [&stream](const StreamPtr& each) { return each.get() == &stream; });
     if (found == streams.end()) return;  // ended already
+    // Read only when the streams before it have ended: their last messages come first.
     stream.confirmed = true;
     stream.confirmed_at = std::chrono::steady_clock::now();
     read = found == streams.begin();
@@ -204,7 +207,7 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
     streams.erase(found);
     if (was_first && !streams.empty() && streams.front()->confirmed) next = streams.front();
     if (was_last && stream->confirmed) {
-      // Those that were added meanwhile stay: whoever added them is about to open a stream for them.
+      // Topics that were added meanwhile stay: their Subscribe() is about to open a stream for them.
       std::erase_if(subscription.topics,
                     [&stream](const std::string& topic) { return Contains(stream->Topics(), topic); });
       const auto lived = std::chrono::steady_clock::now() - stream->confirmed_at;
@@ -216,8 +219,8 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
   if (was_last) OnLastEnded(stream, failures);
 }
 
-// A stream that was not replaced by another has ended: an established one is the subscriber's to ask for again, one
-// that its server refused is tried again.
+// For a stream without a successor. An established one is announced with state 2, after the back-off, and comes back
+// when the subscriber asks for it again; one that its server refused is opened again here.
 void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
   const std::string& client_id = stream->ClientId();
   if (stream->confirmed) {

@@ -43,10 +43,10 @@ class Subscriptions {
   // Any thread. None of the arguments is empty.
   void Subscribe(const std::string& client_id, const std::vector<std::string>& topics);
 
-  // Looks after streams that wait for their server; false when that need not be done again soon. On the loop's thread.
+  // Hastens streams that wait for their server; false when none does. On the loop's thread.
   bool Tick();
 
-  // After the loop's Stop(): cuts off what is under way.
+  // After the loop's Stop(): cuts off all streams.
   void Cancel();
 
  private:

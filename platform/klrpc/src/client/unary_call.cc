@@ -11,7 +11,7 @@
 namespace klrpc {
 namespace {
 
-// Idle queues that are kept: as many as often call at once. Each has a file descriptor.
+// Idle queues that are kept, enough for the threads that usually call at once. Each holds a file descriptor.
 constexpr std::size_t kMaxIdleQueues = 16;
 
 // A queue's first wait needs a file descriptor. Without one it ends at once, as if the time were up.
@@ -90,6 +90,7 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
   if (const std::size_t size = request.ByteSizeLong(); size > kMaxMessageBytes) {
     return {GRPC_STATUS_RESOURCE_EXHAUSTED, TooLarge("the request", size)};
   }
+  // Before a queue is taken: the request may be as large as a message can be.
   const Slice bytes = SerializeAsAny(request);
   grpc_completion_queue* const queue = TakeQueue();
   CallOutcome outcome;
@@ -98,6 +99,7 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
     UnaryExchange exchange(channel.get(), queue, kCallMethod, Never());
     outcome = Run(exchange, queue, bytes, timeout);
     if (outcome.code == GRPC_STATUS_DEADLINE_EXCEEDED) channel_.GiveUpAttempt(channel);
+    // Parsed apart: a reply that does not parse leaves the caller's untouched.
     google::protobuf::Any received;
     if (outcome.code == GRPC_STATUS_OK) {
       if (exchange.Reply().ParseInto(received)) {

@@ -20,7 +20,7 @@ struct CallOutcome {
   std::string text;
 };
 
-// Any thread, several calls at once. Nobody may be inside when it is destroyed.
+// Any thread, several calls at once. No call may be under way when it is destroyed.
 class UnaryCaller {
  public:
   explicit UnaryCaller(ClientChannel& channel) : channel_(channel) {}

@@ -39,11 +39,11 @@ void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int
   KlLog(level, path.data(), path.size(), line, kFunction, sizeof(kFunction) - 1, "%s", text.c_str());
 }
 
-// Which of gRPC's pollers is used. Its default one lets a single thread watch the connections of the whole process and
-// hand what arrives to the others, so a call's reply would wake two threads of the tool, and pass through a third when
-// the service host or a subscription happens to be the watcher. With "poll" the thread that waits for a reply reads it
-// itself. A value that the environment brings is kept. Set while the library is loaded, when no other thread can be
-// reading the environment: gRPC takes it from nowhere else.
+// The choice of gRPC's poller. With its default one a single thread watches the connections of the whole process and
+// hands arriving data to the others, so a call's reply would wake two threads of the tool, and pass through a third
+// when the service host or a subscription happens to be the watcher. With "poll" the thread that waits for a reply
+// reads it itself. A value that the environment brings is kept. gRPC takes the choice from the environment only; it is
+// made while the library is loaded, when no other thread can be reading the environment.
 [[maybe_unused]] const int g_poller_chosen = setenv("GRPC_POLL_STRATEGY", "poll", 0);
 
 }  // namespace
@@ -149,6 +149,7 @@ Slice SerializeAsAny(const google::protobuf::Message& message) {
   using google::protobuf::io::CodedOutputStream;
   if (message.GetDescriptor() == Any::descriptor()) return Serialize(message);
 
+  // Written by hand: packing into an Any and serialising that would copy the message twice.
   constexpr std::string_view kPrefix = "type.googleapis.com/";
   const std::string& name = message.GetDescriptor()->full_name();
   const std::size_t value_size = message.ByteSizeLong();

@@ -1,4 +1,4 @@
-// The one place that knows how this library uses gRPC's core: start, logging, channel arguments, bytes and codes.
+// gRPC's core as this library uses it: start, logging, channel arguments, bytes, codes and events.
 //
 // The core is used directly, not through the generated C++ stubs: requests are routed by message type, so a stub would
 // only add copies and completion steps to every call.
@@ -21,7 +21,7 @@
 
 namespace klrpc {
 
-// Largest message that is sent, and what the other side accepts: the message with its envelope.
+// The largest message that is sent, and the largest frame that is accepted: the message with its envelope.
 constexpr std::size_t kMaxMessageBytes = 4u << 20;
 constexpr std::size_t kMaxFrameBytes = kMaxMessageBytes + (64u << 10);
 
@@ -42,7 +42,7 @@ void StartGrpc();
 // "UNAVAILABLE" for 14.
 const char* StatusName(grpc_status_code code);
 
-// A point in time as the core wants it; `none` of the past and of the far future.
+// Points in time for the core: `time` from now; one that has passed, for a look without a wait; one that never comes.
 gpr_timespec DeadlineIn(std::chrono::milliseconds time);
 gpr_timespec Past();
 gpr_timespec Never();
@@ -125,7 +125,7 @@ Slice Serialize(const google::protobuf::MessageLite& message);
 // `message` as the Any that carries it, in one piece and without a copy on the way. An Any is serialised as it stands.
 Slice SerializeAsAny(const google::protobuf::Message& message);
 
-// Something that waits on a completion queue; its address is the tag.
+// The handler of a completion; its address is the tag.
 class Event {
  public:
   Event() = default;
@@ -133,11 +133,11 @@ class Event {
   Event& operator=(const Event&) = delete;
   virtual ~Event() = default;
 
-  // Called by the thread that took the event from the queue. `ok` is gRPC's word for "it took place".
+  // Called by the thread that took the event from the queue. `ok` is false when the operation did not take place.
   virtual void Run(bool ok) = 0;
 
-  // The tag to hand to gRPC. What was written before is seen by the thread that gets the event; gRPC sees to that too,
-  // but in a way that only gRPC's own build shows to a thread checker.
+  // The tag to hand to gRPC. The thread that gets the event sees all that was written before. gRPC's own locks see to
+  // that too, but a thread sanitizer doesn't know those of a library that was built without it.
   void* Arm() {
     armed_.store(true, std::memory_order_release);
     return this;

@@ -11,13 +11,12 @@
 
 namespace klrpc {
 
-// What both kinds of callers, the one that waits and the one that is told, do alike. Lives as long as gRPC has its
-// batch.
+// For callers that wait for the reply and callers that are told of it. Must live until its batch has completed.
 class UnaryExchange {
  public:
   using Batch = std::array<grpc_op, 6>;
 
-  // `method` is a literal.
+  // `method` is not copied: a literal.
   UnaryExchange(grpc_channel* channel, grpc_completion_queue* queue, const char* method, gpr_timespec deadline);
   UnaryExchange(const UnaryExchange&) = delete;
   UnaryExchange& operator=(const UnaryExchange&) = delete;
