@@ -1,4 +1,4 @@
-// KLBASE_EXPORT marks what libklbase.so offers; everything else stays hidden inside the library.
+// KLBASE_EXPORT marks the interface of libklbase.so; everything else stays hidden inside the library.
 #ifndef KLBASE_EXPORT_H_
 #define KLBASE_EXPORT_H_
 

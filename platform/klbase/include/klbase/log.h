@@ -15,11 +15,11 @@
 // Line ends at the end of a text are dropped. A text of several lines goes on in lines that begin with four blanks, so
 // each line that begins with a digit begins a record. Other control characters but the tab are written as \x1b.
 //
-// A write that fails (disk full, folder gone) is said once on standard error; records of level 40 and above go there
-// until the file can be written again, which is tried each second. A file that was removed, or moved away by somebody
-// who rotates logs, is begun again at the next record, with a record of level 40 that says so.
+// A write that fails (disk full, folder gone) is reported once on standard error; records of level 40 and above go
+// there until the file can be written again, which is tried each second. A file that was removed, or moved away by a
+// log rotation, is begun again at the next record, with a record of level 40 that says so.
 //
-// In a signal handler: not safe in general. For a crash report it does what can be done: a crash inside the log itself
+// In a signal handler: not safe in general. Crash reports get through as far as possible: a crash inside the log itself
 // sends the record to standard error instead of waiting for its own lock, and texts under 1 KiB are put together
 // without the heap. A crash while the thread held a lock of the C library may hang; use an alarm.
 #ifndef KLBASE_LOG_H_
@@ -50,7 +50,7 @@ KLBASE_EXPORT void KlLog(int level, const char* source_file, std::size_t source_
 KLBASE_EXPORT void KlLogSetLogLevel(int level);
 KLBASE_EXPORT void KlLogSetDebugLevel(unsigned int level);
 
-// Writes what is pending and ends logging. Records of other threads that are under way finish first; later ones are
+// Writes pending records and ends logging. Records of other threads that are under way finish first; later ones are
 // dropped. Calling it again, or without KlLogDefaultInit, does nothing.
 KLBASE_EXPORT void KlLogDestory();
 

@@ -20,8 +20,8 @@ struct KlLogRecord {
 //
 // The observer is called on the thread that logs, after the record was written, with no lock of the log held. It sees
 // records also while no log file is open (before KlLogDefaultInit, after KlLogDestory), but never one that its level
-// suppressed. It may log: such records are written but not shown to it. Several threads may be in it at once. What it
-// throws is dropped.
+// suppressed. It may log: such records are written but not shown to it. Several threads may be in it at once. Its
+// exceptions are dropped.
 //
 // When this returns, the earlier observer is not running and won't run again, unless this was called from inside that
 // observer. So don't call it with a lock held that the observer takes.

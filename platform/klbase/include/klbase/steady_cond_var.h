@@ -13,7 +13,7 @@ namespace klbase {
 
 // absl::CondVar and absl::Mutex::AwaitWithTimeout() wait until a time of the wall clock: a device that sets its clock
 // back by an hour after start-up would wait that hour. Use this one for waits with a limit, absl::CondVar for all
-// others. Any thread. A wait may end early: test what is waited for in a loop.
+// others. Any thread. A wait may end early: test its condition in a loop.
 class SteadyCondVar {
  public:
   using Clock = std::chrono::steady_clock;

@@ -1,4 +1,4 @@
-// Start values from the environment, and the way to tell the user what is wrong when there is no log to tell it.
+// Start values from the environment, and reports to the user where there is no log to write them to.
 #ifndef KLBASE_LOG_ENVIRONMENT_H_
 #define KLBASE_LOG_ENVIRONMENT_H_
 
@@ -12,7 +12,7 @@ namespace klbase_internal {
 // (the latter is said on standard error).
 bool SetOptionFromEnvironment(const char* name, std::atomic<int32_t>& option);
 
-// Writes `text` to standard error. Never waits for long: what a stuck reader does not take is dropped.
+// Writes `text` to standard error. Never waits for long: text that a stuck reader does not take is dropped.
 void WriteToStandardError(std::string_view text);
 
 }  // namespace klbase_internal

@@ -59,8 +59,8 @@ void SetUp(std::FILE* file) {
   setvbuf(file, buffer, _IOFBF, sizeof buffer);
 }
 
-// The flusher must never run a handler of the program, which may log. Signals of a thread's own faults stay open:
-// blocked they would end the process without a crash report.
+// The flusher must never run a handler of the program, which may log. Signals of a thread's own faults are not blocked:
+// they would then end the process without a crash report.
 std::unique_ptr<std::thread> StartWithSignalsBlocked(void (*run)(LogFile*), LogFile* file) {
   sigset_t blocked;
   sigset_t before;
@@ -197,7 +197,7 @@ bool LogFile::WriteToSinkLocked(int level, std::string_view line, std::string* n
   return sink_ != nullptr;
 }
 
-// Somebody removed the file, or moved it away to rotate it: records would go where nobody looks for them.
+// After a removal, or a move by a log rotation, records would go where nobody looks for them.
 bool LogFile::FileIsGoneLocked() const {
   struct stat info {};
   if (stat(settings_.path.c_str(), &info) != 0) return errno == ENOENT || errno == ENOTDIR;
@@ -269,7 +269,7 @@ void LogFile::RunFlusher() {
   }
 }
 
-// Opens without the lock: a disk that hangs must not hang whoever logs.
+// Opens without the lock: a disk that hangs must not hang the threads that log.
 void LogFile::Reopen() {
   std::string error;
   Sink sink = OpenSink(&error);

@@ -1,4 +1,4 @@
-// The rotated log file with its flusher thread, and what happens when it can't be written.
+// The rotated log file, its flusher thread, and standard error in its place while it can't be written.
 #ifndef KLBASE_LOG_FILE_H_
 #define KLBASE_LOG_FILE_H_
 

@@ -1,4 +1,4 @@
-// How a record looks in the file; the format is stated in klbase/log.h.
+// The form of a record in the file, as klbase/log.h states it.
 #ifndef KLBASE_LOG_FORMAT_H_
 #define KLBASE_LOG_FORMAT_H_
 

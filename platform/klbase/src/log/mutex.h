@@ -42,7 +42,7 @@ class ABSL_SCOPED_LOCKABLE MutexLock {
   Mutex& mutex_;
 };
 
-// A wait may end early: test what is waited for in a loop.
+// A wait may end early: test its condition in a loop.
 class Condition {
  public:
   using Clock = std::chrono::steady_clock;
@@ -53,7 +53,7 @@ class Condition {
     lock.release();
   }
 
-  // False when `deadline` has passed. A wall clock that jumps shortens and lengthens nothing.
+  // False when `deadline` has passed. Jumps of the wall clock change nothing.
   bool WaitUntil(Mutex& held, Clock::time_point deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(held) {
     std::unique_lock<std::mutex> lock(held.mutex_, std::adopt_lock);
 #ifdef __SANITIZE_THREAD__

@@ -56,7 +56,7 @@ void NotifyLogObserver(const KlLogRecord& record) {
   try {
     observer->function(record);
   } catch (...) {
-    // A logging statement must not throw, whatever looks at it.
+    // A logging statement must not throw, whatever its observer does.
   }
   current_call = nullptr;
   EndCall(registry, *observer);

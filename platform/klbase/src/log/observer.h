@@ -6,7 +6,7 @@
 
 namespace klbase_internal {
 
-// True when NotifyLogObserver may have somebody to call: lets the log skip formatting when nobody listens.
+// True when there may be an observer to call. Without one and without a file the log skips the formatting.
 bool HasLogObserver();
 void NotifyLogObserver(const KlLogRecord& record);
 
