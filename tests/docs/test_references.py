@@ -158,11 +158,11 @@ def evaluate(text):
     return int(left.rstrip("u")) << int(right) if right else int(text)
 
 
-OPTIONS = "platform/klbase/src/console/console_options.h"
+OPTIONS = "platform/klbase/src/console/options.h"
 SESSIONS, LINE, PENDING = r"\b(\d+) sessions\b(?! x)", r"\b(\d+) bytes\b|lines of (\d+) bytes", r"\b(\d+) MiB of output"
 FIGURES = [
     (SESSIONS, OPTIONS, r"max_sessions = (\S+);", 1),
-    (r"\b(\d+) bytes a line|lines of (\d+) bytes", "platform/klbase/src/console/line_editor.h", r"kMaxLineBytes = (\S+);", 1),
+    (r"\b(\d+) bytes a line|lines of (\d+) bytes", "platform/klbase/src/line_editor/limits.h", r"kMaxLineBytes = (\S+);", 1),
     (PENDING, "platform/klbase/src/console/output_buffer.h", r"kMaxPending = ([^;]+);", 1 << 20),
     (r"cut off after (\d+) s", OPTIONS, r"reader\{([^}]+)\}", 0.001),
     (r"waits for a daemon gets (\d+) s", OPTIONS, r"stop\{([^}]+)\}", 0.001),
@@ -173,7 +173,7 @@ FIGURES = [
     (r"answer \((\d+)\)", "platform/klrpc/src/client/api_client.cc", r"kDefaultTimeout\{([^}]+)\}", 1),
     (r"at most (\d+) files", "modules/core/include/core/log_conf.h", r"log_default_max_log_file = ([^;]+);", 1),
     (r"files of (\d+) KiB", "modules/core/include/core/log_conf.h", r"log_default_max_file_size_kb = ([^;]+);", 1),
-    (r"It holds (\d+) lines", "platform/klbase/src/console/history.h", r"kMaxLines = ([^;]+);", 1),
+    (r"It holds (\d+) lines", "platform/klbase/src/line_editor/history.h", r"kMaxLines = ([^;]+);", 1),
     (r"TCP port (50\d+)", "example/vextool.cc", r"cli_port, (\d+),", 1),
     (r"TCP port (7\d+)", "modules/apisdk/apisdk.cc", r"kNodePort = ([^;]+);", 1),
     (r"It ends within (\d+) s", "example/exit_handling.h", r"kEndLimit\{([^}]+)\}", 1),
