@@ -32,11 +32,11 @@ __attribute__((no_sanitize("thread"))) BufferFacts FactsOf(const GstBuffer* buff
           !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT)};
 }
 
-__attribute__((no_sanitize("thread"))) BufferPtr WithTimes(const GstBuffer* buffer, GstClockTime pts,
-                                                           GstClockTime dts) {
+__attribute__((no_sanitize("thread"))) BufferPtr CopyAt(const GstBuffer* buffer, const BufferTimes& times) {
   GstBuffer* copy = gst_buffer_copy(buffer);
-  GST_BUFFER_PTS(copy) = pts;
-  GST_BUFFER_DTS(copy) = dts;
+  GST_BUFFER_PTS(copy) = times.pts;
+  GST_BUFFER_DTS(copy) = times.dts;
+  GST_BUFFER_DURATION(copy) = times.duration;
   return BufferPtr(copy);
 }
 

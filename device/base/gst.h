@@ -30,7 +30,7 @@ using SamplePtr = std::unique_ptr<GstSample, MiniObjectUnref>;
 using MessagePtr = std::unique_ptr<GstMessage, MiniObjectUnref>;
 
 // The parts of a buffer that GStreamer offers by macros only. Its buffers are recycled under locks that the thread
-// sanitizer doesn't see, so these two are not instrumented.
+// sanitizer doesn't see, so FactsOf() and CopyAt() are not instrumented.
 struct BufferFacts {
   GstClockTime pts;
   GstClockTime dts;
@@ -38,8 +38,14 @@ struct BufferFacts {
   bool keyframe;  // not a delta unit
 };
 BufferFacts FactsOf(const GstBuffer* buffer);
-// A copy that shares the bytes and has these times.
-BufferPtr WithTimes(const GstBuffer* buffer, GstClockTime pts, GstClockTime dts);
+
+struct BufferTimes {
+  GstClockTime pts = GST_CLOCK_TIME_NONE;       // none: when the buffer arrives
+  GstClockTime dts = GST_CLOCK_TIME_NONE;       // none: as pts
+  GstClockTime duration = GST_CLOCK_TIME_NONE;  // none: until the next one
+};
+// A copy, for another pipeline, that shares the bytes and has these times.
+BufferPtr CopyAt(const GstBuffer* buffer, const BufferTimes& times);
 
 // What an error or warning message says, with the element that it comes from: "venc: Could not encode stream. (…)".
 std::string ErrorText(GstMessage* message);

@@ -40,10 +40,11 @@ constexpr device::NeededElement kNeeded[] = {
     {"rtmp2sink", "gstreamer1.0-plugins-bad"},      {"voaacenc", "gstreamer1.0-plugins-bad"},
     {"x264enc", "gstreamer1.0-plugins-ugly"}};
 
-Result Ok(std::string text) { return {Code::kOk, std::move(text)}; }
-Result BadValue(std::string text) { return {Code::kBadValue, std::move(text)}; }
+Outcome BadValue(std::string text) { return Outcome::Error(ErrorCode::kBadValue, std::move(text)); }
+Outcome WrongState(std::string text) { return Outcome::Error(ErrorCode::kWrongState, std::move(text)); }
+Outcome Failed(std::string text) { return Outcome::Error(ErrorCode::kFailed, std::move(text)); }
 
-Result CheckSpec(const Encoder::RecordSpec& spec) {
+Outcome CheckSpec(const Encoder::RecordSpec& spec) {
   const bool mp4 = spec.format == static_cast<int>(RecordFormat::kMp4);
   const bool wav = spec.format == static_cast<int>(RecordFormat::kWav);
   if (!mp4 && !wav) {
@@ -51,22 +52,22 @@ Result CheckSpec(const Encoder::RecordSpec& spec) {
   }
   if (!spec.audio && !spec.video) return BadValue("nothing to record: enable audio, video or both");
   if (wav && spec.video) return BadValue("RECORD_WAV holds sound only; disable video or use RECORD_MP4");
-  return Ok("");
+  return Outcome::Ok("");
 }
 
-std::string Summary(const std::string& path, const Recorder::Outcome& outcome) {
-  std::string text = absl::StrFormat("%s: %.1f s", path, outcome.seconds);
-  if (outcome.frames > 0) absl::StrAppend(&text, ", ", outcome.frames, " frames");
-  if (outcome.dropped > 0) absl::StrAppend(&text, ", ", outcome.dropped, " packets lost (the disk is too slow)");
+std::string Summary(const std::string& path, const Recorder::Report& report) {
+  std::string text = absl::StrFormat("%s: %.1f s", path, report.seconds);
+  if (report.frames > 0) absl::StrAppend(&text, ", ", report.frames, " frames");
+  if (report.dropped > 0) absl::StrAppend(&text, ", ", report.dropped, " packets lost (the disk is too slow)");
   return text;
 }
 
-Result Complete(Recorder& recorder) {
+Outcome Complete(Recorder& recorder) {
   recorder.End();
-  const auto outcome = recorder.WaitDone(kRecordLimit);
-  if (!outcome) return {Code::kFailed, "recording " + recorder.path() + " could not be completed in time"};
-  if (!outcome->error.empty()) return {Code::kFailed, "recording " + recorder.path() + " failed: " + outcome->error};
-  return Ok("recorded " + Summary(recorder.path(), *outcome));
+  const auto report = recorder.WaitDone(kRecordLimit);
+  if (!report) return Failed("recording " + recorder.path() + " could not be completed in time");
+  if (!report->error.empty()) return Failed("recording " + recorder.path() + " failed: " + report->error);
+  return Outcome::Ok("recorded " + Summary(recorder.path(), *report));
 }
 
 }  // namespace
@@ -90,13 +91,14 @@ Encoder::~Encoder() {
     recorder.swap(recorder_);
     streams.swap(streams_);
   }
+  // All are told first and waited for afterwards, so that the end takes as long as the slowest, not as their sum.
   if (recorder) recorder->End();
   for (const auto& [id, stream] : streams) stream->RequestStop();
   recorder.reset();
   streams.clear();
 }
 
-Result Encoder::SetQuality(int quality) {
+Outcome Encoder::SetQuality(int quality) {
   for (const QualityRow& row : kQualities) {
     if (static_cast<int>(row.quality) != quality) continue;
     {
@@ -105,7 +107,7 @@ Result Encoder::SetQuality(int quality) {
       bitrate_kbps_ = row.kbps;
     }
     ApplyBitrate();
-    return Ok(absl::StrFormat("quality %s, %d kbit/s", row.name, row.kbps));
+    return Outcome::Ok(absl::StrFormat("quality %s, %d kbit/s", row.name, row.kbps));
   }
   return BadValue(absl::StrFormat("quality %d is unknown; use LOW (1), MIDDLE (2) or HIGH (3)", quality));
 }
@@ -115,7 +117,7 @@ Quality Encoder::GetQuality() const {
   return quality_;
 }
 
-Result Encoder::SetBitrate(int kbps) {
+Outcome Encoder::SetBitrate(int kbps) {
   if (kbps < kMinBitrateKbps || kbps > kMaxBitrateKbps) {
     return BadValue(
         absl::StrFormat("bitrate %d kbit/s is out of range; use %d to %d", kbps, kMinBitrateKbps, kMaxBitrateKbps));
@@ -125,11 +127,11 @@ Result Encoder::SetBitrate(int kbps) {
     bitrate_kbps_ = kbps;
   }
   ApplyBitrate();
-  return Ok(absl::StrFormat("bitrate %d kbit/s", kbps));
+  return Outcome::Ok(absl::StrFormat("bitrate %d kbit/s", kbps));
 }
 
-// Sets what was asked for last. The encoder is not ours and must not be called with the lock held, so two callers can
-// cross; whoever set an old value finds that out and sets the new one.
+// Sets what was asked for last. The encoder element is foreign code and is not called with the lock held, so two
+// callers can cross; the one that set an old value sees the new one afterwards and sets it.
 void Encoder::ApplyBitrate() {
   for (int applied = -1;;) {
     {
@@ -143,7 +145,8 @@ void Encoder::ApplyBitrate() {
 
 int Encoder::BitrateKbps() const { return pipeline_->Bitrate(); }
 
-Result Encoder::ReserveStream(const std::string& id, const std::string& url) {
+// Checks the words and takes the id, with a null entry for as long as the stream connects.
+Outcome Encoder::ReserveStream(const std::string& id, const std::string& url) {
   if (id.empty()) return BadValue("the stream has no unique_id; give it one");
   if (url.empty()) return BadValue("stream " + id + " has no url; use rtmp://HOST[:PORT]/APP");
   if (url.rfind("rtmp://", 0) != 0 && url.rfind("rtmps://", 0) != 0) {
@@ -151,23 +154,25 @@ Result Encoder::ReserveStream(const std::string& id, const std::string& url) {
   }
   const absl::MutexLock lock(&mutex_);
   if (streams_.size() >= kMaxStreams) {
-    return {Code::kWrongState, absl::StrFormat("%d streams are pushed already; delete one first", kMaxStreams)};
+    return WrongState(absl::StrFormat("%d streams are pushed already; delete one first", kMaxStreams));
   }
   if (!streams_.emplace(id, nullptr).second) {
-    return {Code::kWrongState, "stream " + id + " exists already; delete it first or use another unique_id"};
+    return WrongState("stream " + id + " exists already; delete it first or use another unique_id");
   }
-  return Ok("");
+  return Outcome::Ok("");
 }
 
-Result Encoder::AddStream(const std::string& id, const std::string& url, const std::string& key) {
-  if (Result reserved = ReserveStream(id, url); !reserved.ok()) return reserved;
+Outcome Encoder::AddStream(const std::string& id, const std::string& url, const std::string& key) {
+  if (Outcome reserved = ReserveStream(id, url); !reserved.ok()) return reserved;
   auto stream = std::make_shared<PushStream>(id, url, key, [this] { pipeline_->RequestKeyframe(); });
+  // Without the lock: a server that doesn't answer keeps this caller, and nobody else, for the whole limit. The id is
+  // taken meanwhile by the null entry that ReserveStream() made.
   const std::string error = stream->Connect(kConnectLimit);
   if (!error.empty()) {
     KL_LOG(40, "stream %s to %s is refused: %s", id.c_str(), url.c_str(), error.c_str());
     const absl::MutexLock lock(&mutex_);
     streams_.erase(id);
-    return {Code::kUnreachable, "can't push to " + url + ": " + error};
+    return Outcome::Error(ErrorCode::kUnreachable, "can't push to " + url + ": " + error);
   }
   fanout_.Add(stream->queue());
   stream->Start();
@@ -175,27 +180,27 @@ Result Encoder::AddStream(const std::string& id, const std::string& url, const s
   const absl::MutexLock lock(&mutex_);
   stream->queue()->SetDelay(std::chrono::seconds(push_delay_s_));
   streams_[id] = std::move(stream);
-  return Ok("stream " + id + " is pushed to " + url);
+  return Outcome::Ok("stream " + id + " is pushed to " + url);
 }
 
-Result Encoder::DeleteStream(const std::string& id) {
+Outcome Encoder::DeleteStream(const std::string& id) {
   if (id.empty()) return BadValue("which stream? unique_id is empty");
   std::shared_ptr<PushStream> stream;
   {
     const absl::MutexLock lock(&mutex_);
     const auto found = streams_.find(id);
-    if (found == streams_.end()) return {Code::kUnknown, "there is no stream " + id};
-    if (!found->second) return {Code::kWrongState, "stream " + id + " is just being added; try again in 2 s"};
+    if (found == streams_.end()) return Outcome::Error(ErrorCode::kUnknown, "there is no stream " + id);
+    if (!found->second) return WrongState("stream " + id + " is just being added; try again in 2 s");
     stream = std::move(found->second);
     streams_.erase(found);
   }
   fanout_.Remove(stream->queue().get());
-  stream.reset();
+  stream.reset();  // takes up to a second: the thread says goodbye to the server
   KL_LOG(30, "stream %s is deleted", id.c_str());
-  return Ok("stream " + id + " is deleted");
+  return Outcome::Ok("stream " + id + " is deleted");
 }
 
-Result Encoder::SetPushDelay(int seconds) {
+Outcome Encoder::SetPushDelay(int seconds) {
   if (seconds < 0 || seconds > kMaxPushDelaySeconds) {
     return BadValue(absl::StrFormat("push delay %d s is out of range; use 0 to %d", seconds, kMaxPushDelaySeconds));
   }
@@ -204,7 +209,7 @@ Result Encoder::SetPushDelay(int seconds) {
   for (const auto& [id, stream] : streams_) {
     if (stream) stream->queue()->SetDelay(std::chrono::seconds(seconds));
   }
-  return Ok(absl::StrFormat("push delay %d s", seconds));
+  return Outcome::Ok(absl::StrFormat("push delay %d s", seconds));
 }
 
 std::vector<Encoder::StreamState> Encoder::Streams() const {
@@ -231,55 +236,62 @@ std::string Encoder::NewFile(RecordFormat format, const char* kind) const {
   return path;
 }
 
-Result Encoder::StartRecord(const RecordSpec& spec) {
-  if (Result checked = CheckSpec(spec); !checked.ok()) return checked;
-  std::shared_ptr<Recorder> failed;  // an earlier one that has ended by itself; let go without the lock
+// Claims the one recording, so that the file is opened without the lock and yet by one caller only.
+Outcome Encoder::ReserveRecording() {
+  std::shared_ptr<Recorder> ended;  // destroyed without the lock: it waits for its thread
   {
     const absl::MutexLock lock(&mutex_);
+    // A recording ends by itself when the disk is full. The log has the reason; a new start need not wait for a stop.
     if (recorder_ && recorder_->WaitDone(milliseconds(0))) {
-      failed.swap(recorder_);
+      ended.swap(recorder_);
       recording_ = false;
     }
     if (recording_) {
-      return {Code::kWrongState, recorder_ ? "recording to " + recorder_->path() + " already; stop it first"
-                                           : "a recording is just being started or stopped; try again"};
+      return WrongState(recorder_ ? "recording to " + recorder_->path() + " already; stop it first"
+                                  : "a recording is just being started or stopped; try again");
     }
     recording_ = true;
   }
-  if (failed) fanout_.Remove(failed->queue().get());
+  if (ended) fanout_.Remove(ended->queue().get());
+  return Outcome::Ok();
+}
+
+Outcome Encoder::StartRecord(const RecordSpec& spec) {
+  if (Outcome checked = CheckSpec(spec); !checked.ok()) return checked;
+  if (Outcome reserved = ReserveRecording(); !reserved.ok()) return reserved;
   const auto format = static_cast<RecordFormat>(spec.format);
   const std::string path = NewFile(format, "record");
   try {
     auto recorder =
         std::make_shared<Recorder>(path, format, RecordTracks(format, spec.audio, spec.video), kLiveRecording);
     fanout_.Add(recorder->queue());
-    pipeline_->RequestKeyframe();
+    pipeline_->RequestKeyframe();  // a file begins with one; the next by itself may be 2 s away
     const absl::MutexLock lock(&mutex_);
     recorder_ = std::move(recorder);
   } catch (const std::runtime_error& error) {
     const absl::MutexLock lock(&mutex_);
     recording_ = false;
-    return {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
+    return Failed(absl::StrCat("can't record to ", path, ": ", error.what()));
   }
   KL_LOG(30, "recording to %s", path.c_str());
-  return Ok("recording to " + path);
+  return Outcome::Ok("recording to " + path);
 }
 
-Result Encoder::StopRecord() {
+Outcome Encoder::StopRecord() {
   std::shared_ptr<Recorder> recorder;
   {
     const absl::MutexLock lock(&mutex_);
-    if (!recorder_) return {Code::kWrongState, "no recording is under way; start one first"};
+    if (!recorder_) return WrongState("no recording is under way; start one first");
     recorder.swap(recorder_);
   }
   fanout_.Remove(recorder->queue().get());
-  Result result = Complete(*recorder);
+  Outcome outcome = Complete(*recorder);
   const absl::MutexLock lock(&mutex_);
   recording_ = false;
-  return result;
+  return outcome;
 }
 
-Result Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
+Outcome Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
   if (seconds < 0 || seconds > kMaxForwardSeconds) {
     return BadValue(absl::StrFormat("forward time %d s is out of range; use 1 to %d, or 0 to end forward recording",
                                     seconds, kMaxForwardSeconds));
@@ -287,11 +299,11 @@ Result Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
   std::shared_ptr<ForwardBuffer> fresh;
   Tracks tracks;
   if (seconds > 0) {
-    if (Result checked = CheckSpec(spec); !checked.ok()) return checked;
+    if (Outcome checked = CheckSpec(spec); !checked.ok()) return checked;
     tracks = RecordTracks(static_cast<RecordFormat>(spec.format), spec.audio, spec.video);
     fresh = std::make_shared<ForwardBuffer>(tracks, std::chrono::seconds(seconds), kMaxForwardBytes);
     fanout_.Add(fresh);
-    pipeline_->RequestKeyframe();
+    pipeline_->RequestKeyframe();  // the memory begins with one
   }
   std::shared_ptr<ForwardBuffer> before;
   {
@@ -301,39 +313,40 @@ Result Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
     forward_format_ = static_cast<RecordFormat>(spec.format);
   }
   if (before) fanout_.Remove(before.get());
-  if (seconds == 0) return Ok("forward recording is off");
-  return Ok(absl::StrFormat("forward recording keeps the last %d s", seconds));
+  if (seconds == 0) return Outcome::Ok("forward recording is off");
+  return Outcome::Ok(absl::StrFormat("forward recording keeps the last %d s", seconds));
 }
 
-Result Encoder::ForwardRecord() {
+Outcome Encoder::ForwardRecord() {
   std::shared_ptr<ForwardBuffer> buffer;
   RecordFormat format;
   Tracks tracks;
   {
     const absl::MutexLock lock(&mutex_);
-    if (!forward_) return {Code::kWrongState, "forward recording is off; set it first (SetForwardRecordRequest)"};
-    if (forward_writing_) return {Code::kWrongState, "a forward recording is being written; try again"};
+    if (!forward_) return WrongState("forward recording is off; set it first (SetForwardRecordRequest)");
+    if (forward_writing_) return WrongState("a forward recording is being written; try again");
     forward_writing_ = true;
     buffer = forward_;
     format = forward_format_;
     tracks = forward_tracks_;
   }
-  Result result = WriteForward(*buffer, format, tracks);
+  Outcome outcome = WriteForward(*buffer, format, tracks);
   const absl::MutexLock lock(&mutex_);
   forward_writing_ = false;
-  return result;
+  return outcome;
 }
 
-Result Encoder::WriteForward(const ForwardBuffer& buffer, RecordFormat format, Tracks tracks) const {
+// A recorder is made for live packets, but takes stored ones as well: with limits that they can't exceed it drops none.
+Outcome Encoder::WriteForward(const ForwardBuffer& buffer, RecordFormat format, Tracks tracks) const {
   const auto packets = buffer.Snapshot();
-  if (packets.empty()) return {Code::kWrongState, "nothing is in memory yet; try again in a second"};
+  if (packets.empty()) return WrongState("nothing is in memory yet; try again in a second");
   const std::string path = NewFile(format, "forward");
   try {
     Recorder recorder(path, format, tracks, kStoredRecording);
     for (const PacketPtr& packet : packets) recorder.queue()->Put(packet);
     return Complete(recorder);
   } catch (const std::runtime_error& error) {
-    return {Code::kFailed, absl::StrCat("can't record to ", path, ": ", error.what())};
+    return Failed(absl::StrCat("can't record to ", path, ": ", error.what()));
   }
 }
 

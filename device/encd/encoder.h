@@ -13,6 +13,7 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "base/gst.h"
+#include "encd/error_code.h"
 #include "encd/output/push_stream.h"
 #include "encd/output/recorder.h"
 #include "encd/packet/fanout.h"
@@ -20,23 +21,6 @@
 #include "encd/pipeline/encode_pipeline.h"
 
 namespace encd {
-
-// Outcome of an operation: the code goes out as it is. 400 and 500 are left out, they are codes of the console's own.
-enum class Code {
-  kOk = 0,
-  kBadValue = 1,     // the text says what is allowed
-  kWrongState = 2,   // not possible now, such as a second recording
-  kUnknown = 3,      // no such stream
-  kUnreachable = 4,  // the server can't be reached or refused
-  kFailed = 5,       // it was tried and did not work, such as a full disk
-  kUnsupported = 6,
-};
-
-struct Result {
-  Code code;
-  std::string text;  // for the operator, filled in either case
-  bool ok() const { return code == Code::kOk; }
-};
 
 enum class Quality { kLow = 1, kMiddle = 2, kHigh = 3 };
 
@@ -83,33 +67,34 @@ class Encoder {
   ~Encoder();
 
   // A quality sets the bitrate that goes with it; a bitrate leaves the quality as it is.
-  Result SetQuality(int quality);  // a Quality; other numbers are refused
+  Outcome SetQuality(int quality);  // a Quality; other numbers are refused
   Quality GetQuality() const;
-  Result SetBitrate(int kbps);
+  Outcome SetBitrate(int kbps);
   int BitrateKbps() const;  // of the running encoder
 
   // Pushes to `url` + "/" + `key` (an empty key adds nothing). Waits up to 2 s for the server to accept.
-  Result AddStream(const std::string& id, const std::string& url, const std::string& key);
-  Result DeleteStream(const std::string& id);
+  Outcome AddStream(const std::string& id, const std::string& url, const std::string& key);
+  Outcome DeleteStream(const std::string& id);
   // How much later than encoded everything is pushed, for present and future streams.
-  Result SetPushDelay(int seconds);
+  Outcome SetPushDelay(int seconds);
   std::vector<StreamState> Streams() const;
 
   // One recording at a time. The texts name the file.
-  Result StartRecord(const RecordSpec& spec);
-  Result StopRecord();
+  Outcome StartRecord(const RecordSpec& spec);
+  Outcome StopRecord();
 
   // Keeps the last `seconds` in memory from now on; 0 ends that. ForwardRecord() writes them to a file.
-  Result SetForwardRecord(const RecordSpec& spec, int seconds);
-  Result ForwardRecord();
+  Outcome SetForwardRecord(const RecordSpec& spec, int seconds);
+  Outcome ForwardRecord();
 
   EncodePipeline::Counters Count() const { return pipeline_->Count(); }
 
  private:
   void ApplyBitrate();
-  Result ReserveStream(const std::string& id, const std::string& url);
+  Outcome ReserveStream(const std::string& id, const std::string& url);
+  Outcome ReserveRecording();
   std::string NewFile(RecordFormat format, const char* kind) const;
-  Result WriteForward(const ForwardBuffer& buffer, RecordFormat format, Tracks tracks) const;
+  Outcome WriteForward(const ForwardBuffer& buffer, RecordFormat format, Tracks tracks) const;
 
   const Options options_;
   Fanout fanout_;

@@ -87,7 +87,7 @@ class EncoderTest : public ::testing::Test {
   Encoder encoder_{Options()};
 };
 
-void ExpectResult(const Result& result, Code code, const std::string& text) {
+void ExpectResult(const Outcome& result, ErrorCode code, const std::string& text) {
   EXPECT_EQ(result.code, code) << result.text;
   EXPECT_EQ(result.text, text);
 }
@@ -110,14 +110,14 @@ TEST_F(EncoderTest, TellsWhatWasSet) {
   encoder_.SetQuality(3);
   EXPECT_EQ(encoder_.GetQuality(), Quality::kHigh);
   EXPECT_EQ(encoder_.BitrateKbps(), 6000);
-  ExpectResult(encoder_.SetBitrate(1234), Code::kOk, "bitrate 1234 kbit/s");
+  ExpectResult(encoder_.SetBitrate(1234), ErrorCode::kOk, "bitrate 1234 kbit/s");
   EXPECT_EQ(encoder_.BitrateKbps(), 1234);
   EXPECT_EQ(encoder_.GetQuality(), Quality::kHigh);
 }
 
 TEST_F(EncoderTest, AnUnknownQualityIsRefusedAndChangesNothing) {
   for (int quality : {0, 4, -1}) {
-    ExpectResult(encoder_.SetQuality(quality), Code::kBadValue,
+    ExpectResult(encoder_.SetQuality(quality), ErrorCode::kBadValue,
                  "quality " + std::to_string(quality) + " is unknown; use LOW (1), MIDDLE (2) or HIGH (3)");
   }
   EXPECT_EQ(encoder_.BitrateKbps(), 2000);
@@ -125,7 +125,7 @@ TEST_F(EncoderTest, AnUnknownQualityIsRefusedAndChangesNothing) {
 
 TEST_F(EncoderTest, ABitrateOutOfRangeIsRefusedAndChangesNothing) {
   for (int kbps : {-1, 0, 99, 10'001, 2147483647}) {
-    ExpectResult(encoder_.SetBitrate(kbps), Code::kBadValue,
+    ExpectResult(encoder_.SetBitrate(kbps), ErrorCode::kBadValue,
                  "bitrate " + std::to_string(kbps) + " kbit/s is out of range; use 100 to 10000");
   }
   EXPECT_TRUE(encoder_.SetBitrate(100).ok());
@@ -150,7 +150,7 @@ TEST_F(EncoderTest, AnMp4RecordingHoldsEveryFrameAndTheSound) {
   const auto before = encoder_.Count().video_frames;
   WaitFrames(2 * kFps);
   const auto between = encoder_.Count().video_frames - before;
-  const Result stopped = encoder_.StopRecord();
+  const Outcome stopped = encoder_.StopRecord();
   ASSERT_TRUE(stopped.ok()) << stopped.text;
   const MediaFacts facts = ProbeOnly(".mp4");
   EXPECT_EQ(facts.error, "");
@@ -193,7 +193,7 @@ TEST_F(EncoderTest, ARecordingOfTheSoundAloneHasNoPicture) {
 TEST_F(EncoderTest, AWavRecordingPlaysForAsLongAsItWasRecorded) {
   ASSERT_TRUE(encoder_.StartRecord(kWave).ok());
   WaitFrames(kFps);
-  const Result stopped = encoder_.StopRecord();
+  const Outcome stopped = encoder_.StopRecord();
   EXPECT_THAT(stopped.text, EndsWith(" s"));
   const MediaFacts facts = ProbeOnly(".wav");
   EXPECT_EQ(facts.error, "");
@@ -214,13 +214,13 @@ TEST_F(EncoderTest, AChangeOfQualityInTheMiddleLeavesTheRecordingWhole) {
 }
 
 TEST_F(EncoderTest, BadRecordingRequestsAreRefusedWithTheReason) {
-  ExpectResult(encoder_.StartRecord({true, true, 0}), Code::kBadValue,
+  ExpectResult(encoder_.StartRecord({true, true, 0}), ErrorCode::kBadValue,
                "record format 0 is unknown; use RECORD_MP4 (1) or RECORD_WAV (2)");
-  ExpectResult(encoder_.StartRecord({true, true, 3}), Code::kBadValue,
+  ExpectResult(encoder_.StartRecord({true, true, 3}), ErrorCode::kBadValue,
                "record format 3 is unknown; use RECORD_MP4 (1) or RECORD_WAV (2)");
-  ExpectResult(encoder_.StartRecord({false, false, 1}), Code::kBadValue,
+  ExpectResult(encoder_.StartRecord({false, false, 1}), ErrorCode::kBadValue,
                "nothing to record: enable audio, video or both");
-  ExpectResult(encoder_.StartRecord({true, true, 2}), Code::kBadValue,
+  ExpectResult(encoder_.StartRecord({true, true, 2}), ErrorCode::kBadValue,
                "RECORD_WAV holds sound only; disable video or use RECORD_MP4");
   EXPECT_THAT(dir_.Files(), IsEmpty());
 }
@@ -228,10 +228,10 @@ TEST_F(EncoderTest, BadRecordingRequestsAreRefusedWithTheReason) {
 TEST_F(EncoderTest, ASecondStartAndASecondStopAreRefused) {
   ASSERT_TRUE(encoder_.StartRecord(kBoth).ok());
   const std::string path = dir_.Files(".mp4").at(0);
-  ExpectResult(encoder_.StartRecord(kWave), Code::kWrongState, "recording to " + path + " already; stop it first");
+  ExpectResult(encoder_.StartRecord(kWave), ErrorCode::kWrongState, "recording to " + path + " already; stop it first");
   WaitFrames(5);
   EXPECT_TRUE(encoder_.StopRecord().ok());
-  ExpectResult(encoder_.StopRecord(), Code::kWrongState, "no recording is under way; start one first");
+  ExpectResult(encoder_.StopRecord(), ErrorCode::kWrongState, "no recording is under way; start one first");
   EXPECT_THAT(dir_.Files(), SizeIs(1));
 }
 
@@ -245,9 +245,9 @@ TEST_F(EncoderTest, TwoRecordingsWithinASecondGetTwoFiles) {
 }
 
 TEST_F(EncoderTest, ForwardRecordingWritesWhatWasBefore) {
-  ExpectResult(encoder_.SetForwardRecord(kBoth, 1), Code::kOk, "forward recording keeps the last 1 s");
+  ExpectResult(encoder_.SetForwardRecord(kBoth, 1), ErrorCode::kOk, "forward recording keeps the last 1 s");
   WaitFrames(5 * kFps);
-  const Result written = encoder_.ForwardRecord();
+  const Outcome written = encoder_.ForwardRecord();
   ASSERT_TRUE(written.ok()) << written.text;
   const MediaFacts facts = ProbeOnly(".mp4");
   EXPECT_EQ(facts.error, "");
@@ -258,32 +258,33 @@ TEST_F(EncoderTest, ForwardRecordingWritesWhatWasBefore) {
 }
 
 TEST_F(EncoderTest, ForwardRecordingKnowsWavAndOff) {
-  ExpectResult(encoder_.ForwardRecord(), Code::kWrongState,
+  ExpectResult(encoder_.ForwardRecord(), ErrorCode::kWrongState,
                "forward recording is off; set it first (SetForwardRecordRequest)");
   ASSERT_TRUE(encoder_.SetForwardRecord(kWave, 60).ok());
   WaitFrames(kFps);
   ASSERT_TRUE(encoder_.ForwardRecord().ok());
   EXPECT_NEAR(ProbeOnly(".wav").audio_seconds, 1.0, 0.3);
-  ExpectResult(encoder_.SetForwardRecord({}, 0), Code::kOk, "forward recording is off");
-  EXPECT_EQ(encoder_.ForwardRecord().code, Code::kWrongState);
+  ExpectResult(encoder_.SetForwardRecord({}, 0), ErrorCode::kOk, "forward recording is off");
+  EXPECT_EQ(encoder_.ForwardRecord().code, ErrorCode::kWrongState);
 }
 
 TEST_F(EncoderTest, BadForwardRequestsAreRefusedWithTheReason) {
   for (int seconds : {-1, 61}) {
     ExpectResult(
-        encoder_.SetForwardRecord(kBoth, seconds), Code::kBadValue,
+        encoder_.SetForwardRecord(kBoth, seconds), ErrorCode::kBadValue,
         "forward time " + std::to_string(seconds) + " s is out of range; use 1 to 60, or 0 to end forward recording");
   }
-  EXPECT_EQ(encoder_.SetForwardRecord({true, true, 0}, 5).code, Code::kBadValue);
-  EXPECT_EQ(encoder_.ForwardRecord().code, Code::kWrongState);
+  EXPECT_EQ(encoder_.SetForwardRecord({true, true, 0}, 5).code, ErrorCode::kBadValue);
+  EXPECT_EQ(encoder_.ForwardRecord().code, ErrorCode::kWrongState);
 }
 
 TEST_F(EncoderTest, APushedStreamArrivesFrameByFrame) {
   RtmpServer server;
-  ExpectResult(encoder_.AddStream("one", server.Url(), "key"), Code::kOk, "stream one is pushed to " + server.Url());
+  ExpectResult(encoder_.AddStream("one", server.Url(), "key"), ErrorCode::kOk,
+               "stream one is pushed to " + server.Url());
   WaitPushed("one", 2 * kFps);
   const auto pushed = Stream("one").frames;
-  ExpectResult(encoder_.DeleteStream("one"), Code::kOk, "stream one is deleted");
+  ExpectResult(encoder_.DeleteStream("one"), ErrorCode::kOk, "stream one is deleted");
   EXPECT_THAT(encoder_.Streams(), IsEmpty());
   ASSERT_THAT(server.Recordings(), SizeIs(1));
   MediaFacts facts;
@@ -305,20 +306,21 @@ TEST_F(EncoderTest, StreamsGoToSeveralServersAndOneDeletedLeavesTheOthers) {
 }
 
 TEST_F(EncoderTest, StreamsThatMakeNoSenseAreRefusedWithTheReason) {
-  ExpectResult(encoder_.AddStream("", "rtmp://127.0.0.1/live", "k"), Code::kBadValue,
+  ExpectResult(encoder_.AddStream("", "rtmp://127.0.0.1/live", "k"), ErrorCode::kBadValue,
                "the stream has no unique_id; give it one");
-  ExpectResult(encoder_.AddStream("x", "", "k"), Code::kBadValue, "stream x has no url; use rtmp://HOST[:PORT]/APP");
-  ExpectResult(encoder_.AddStream("x", "http://127.0.0.1/live", "k"), Code::kBadValue,
+  ExpectResult(encoder_.AddStream("x", "", "k"), ErrorCode::kBadValue,
+               "stream x has no url; use rtmp://HOST[:PORT]/APP");
+  ExpectResult(encoder_.AddStream("x", "http://127.0.0.1/live", "k"), ErrorCode::kBadValue,
                "url http://127.0.0.1/live is no RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
-  EXPECT_EQ(encoder_.AddStream("x", "rtmp://", "").code, Code::kUnreachable);
-  ExpectResult(encoder_.DeleteStream("x"), Code::kUnknown, "there is no stream x");
-  ExpectResult(encoder_.DeleteStream(""), Code::kBadValue, "which stream? unique_id is empty");
+  EXPECT_EQ(encoder_.AddStream("x", "rtmp://", "").code, ErrorCode::kUnreachable);
+  ExpectResult(encoder_.DeleteStream("x"), ErrorCode::kUnknown, "there is no stream x");
+  ExpectResult(encoder_.DeleteStream(""), ErrorCode::kBadValue, "which stream? unique_id is empty");
 }
 
 TEST_F(EncoderTest, ASecondStreamOfTheSameIdIsRefused) {
   RtmpServer server;
   ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "a").ok());
-  ExpectResult(encoder_.AddStream("one", server.Url(), "b"), Code::kWrongState,
+  ExpectResult(encoder_.AddStream("one", server.Url(), "b"), ErrorCode::kWrongState,
                "stream one exists already; delete it first or use another unique_id");
 }
 
@@ -326,9 +328,9 @@ TEST_F(EncoderTest, AServerThatRefusesIsToldSoonWhileEncodingGoesOn) {
   const SilentPort nobody(SilentPort::Kind::kRefuses);
   const auto frames = encoder_.Count().video_frames;
   const auto start = steady_clock::now();
-  const Result result = encoder_.AddStream("x", nobody.Url(), "secret-key");
+  const Outcome result = encoder_.AddStream("x", nobody.Url(), "secret-key");
   EXPECT_LT(steady_clock::now() - start, milliseconds(3000));
-  EXPECT_EQ(result.code, Code::kUnreachable);
+  EXPECT_EQ(result.code, ErrorCode::kUnreachable);
   EXPECT_THAT(result.text, StartsWith("can't push to " + nobody.Url() + ": "));
   EXPECT_THAT(result.text, HasSubstr("refused"));
   EXPECT_THAT(result.text, ::testing::Not(HasSubstr("secret-key")));
@@ -341,7 +343,7 @@ TEST_F(EncoderTest, AServerThatNeverAnswersIsGivenUpWithinTheCallersDeadline) {
   const SilentPort silent(SilentPort::Kind::kNeverAnswers);
   const auto frames = encoder_.Count().video_frames;
   const auto start = steady_clock::now();
-  ExpectResult(encoder_.AddStream("x", silent.Url(), "k"), Code::kUnreachable,
+  ExpectResult(encoder_.AddStream("x", silent.Url(), "k"), ErrorCode::kUnreachable,
                "can't push to " + silent.Url() + ": the server did not answer within 2000 ms");
   EXPECT_LT(steady_clock::now() - start, milliseconds(2900));
   EXPECT_GT(encoder_.Count().video_frames, frames + kFps);  // nothing stood still meanwhile
@@ -380,11 +382,11 @@ TEST_F(EncoderTest, APushDelayHoldsTheStreamBackAndItsEndLetsItGoOn) {
   RtmpServer server;
   ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "k").ok());
   WaitPushed("one", 10);
-  ExpectResult(encoder_.SetPushDelay(60), Code::kOk, "push delay 60 s");
+  ExpectResult(encoder_.SetPushDelay(60), ErrorCode::kOk, "push delay 60 s");
   const auto held = Stream("one").frames;
   WaitFrames(kFps);
   EXPECT_LE(Stream("one").frames, held + 1);  // one may have been on its way
-  ExpectResult(encoder_.SetPushDelay(0), Code::kOk, "push delay 0 s");
+  ExpectResult(encoder_.SetPushDelay(0), ErrorCode::kOk, "push delay 0 s");
   WaitPushed("one", held + kFps);
   EXPECT_EQ(Stream("one").connections, 1u);
   ASSERT_TRUE(encoder_.DeleteStream("one").ok());
@@ -401,7 +403,7 @@ TEST_F(EncoderTest, ANewStreamHasThePushDelayToo) {
 
 TEST_F(EncoderTest, APushDelayOutOfRangeIsRefused) {
   for (int seconds : {-1, 61}) {
-    ExpectResult(encoder_.SetPushDelay(seconds), Code::kBadValue,
+    ExpectResult(encoder_.SetPushDelay(seconds), ErrorCode::kBadValue,
                  "push delay " + std::to_string(seconds) + " s is out of range; use 0 to 60");
   }
 }
@@ -411,15 +413,15 @@ TEST_F(EncoderTest, MoreStreamsThanTheLimitAreRefused) {
   for (std::size_t i = 0; i < kMaxStreams; ++i) {
     ASSERT_TRUE(encoder_.AddStream("s" + std::to_string(i), server.Url(), "s" + std::to_string(i)).ok());
   }
-  ExpectResult(encoder_.AddStream("more", server.Url(), "more"), Code::kWrongState,
+  ExpectResult(encoder_.AddStream("more", server.Url(), "more"), ErrorCode::kWrongState,
                "8 streams are pushed already; delete one first");
 }
 
 TEST(EncoderQualityTest, HighQualityGivesMoreBitsPerSecondThanLow) {
   Encoder encoder{Encoder::Options()};  // of the usual size: a small picture has no use for the bits of "high"
-  ExpectResult(encoder.SetQuality(1), Code::kOk, "quality low, 500 kbit/s");
+  ExpectResult(encoder.SetQuality(1), ErrorCode::kOk, "quality low, 500 kbit/s");
   const double low = MeasureKbps(encoder);
-  ExpectResult(encoder.SetQuality(3), Code::kOk, "quality high, 6000 kbit/s");
+  ExpectResult(encoder.SetQuality(3), ErrorCode::kOk, "quality high, 6000 kbit/s");
   const double high = MeasureKbps(encoder);
   RecordProperty("low_kbps", std::to_string(low));
   RecordProperty("high_kbps", std::to_string(high));
@@ -434,11 +436,11 @@ TEST(EncoderRecordDirTest, AFolderThatIsNotThereIsSaidAndTheNextTryWorks) {
   options.height = 180;
   options.record_dir = dir / "missing";
   Encoder encoder(options);
-  const Result result = encoder.StartRecord(kBoth);
-  EXPECT_EQ(result.code, Code::kFailed);
+  const Outcome result = encoder.StartRecord(kBoth);
+  EXPECT_EQ(result.code, ErrorCode::kFailed);
   EXPECT_THAT(result.text, StartsWith("can't record to " + dir.path() + "/missing/record-"));
   EXPECT_THAT(result.text, HasSubstr("No such file or directory"));
-  EXPECT_EQ(encoder.StopRecord().code, Code::kWrongState);
+  EXPECT_EQ(encoder.StopRecord().code, ErrorCode::kWrongState);
 }
 
 TEST(EncoderRecordDirTest, AFullDiskEndsTheRecordingWithTheReason) {
@@ -454,9 +456,9 @@ TEST(EncoderRecordDirTest, AFullDiskEndsTheRecordingWithTheReason) {
   setrlimit(RLIMIT_FSIZE, &small);
   EXPECT_TRUE(encoder.StartRecord(kBoth).ok());
   WaitFrames(encoder, 3 * kFps);
-  const Result stopped = encoder.StopRecord();
+  const Outcome stopped = encoder.StopRecord();
   setrlimit(RLIMIT_FSIZE, &before);
-  EXPECT_EQ(stopped.code, Code::kFailed);
+  EXPECT_EQ(stopped.code, ErrorCode::kFailed);
   EXPECT_THAT(stopped.text, HasSubstr(" failed: "));
   EXPECT_TRUE(encoder.StartRecord(kBoth).ok());
 }

@@ -1,23 +1,17 @@
 // encd, the encoder daemon: encodes one programme and serves the encoder's messages until SIGTERM or SIGINT.
-#include <gst/gst.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <atomic>
+#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
 #include "absl/flags/flag.h"
-#include "absl/flags/parse.h"
-#include "absl/flags/usage.h"
+#include "base/daemon_main.h"
+#include "base/requests.h"
 #include "encd/encoder.h"
-#include "encd/messages.h"
+#include "encd/service.h"
 #include "klbase/log.h"
-#include "klrpc/api_server.h"
 
 ABSL_FLAG(std::string, address, "unix-abstract:encd@default", "where to listen, a gRPC address");
 ABSL_FLAG(std::string, input, "",
@@ -35,36 +29,6 @@ constexpr char kUsage[] =
     "  encd [--input=FILE|URI] [--record_dir=DIR] [--width=N --height=N --fps=N] [--address=ADDRESS]\n\n"
     "Says on standard output where it listens and runs until SIGTERM or SIGINT. Logs to /var/log/encd.log, or to the\n"
     "file that KLBASE_LOG_FILE names.";
-constexpr char kLogFile[] = "/var/log/encd.log";
-constexpr int kLogFiles = 5;
-constexpr int kLogFileKb = 10 * 1024;
-// Adding a stream keeps a thread for up to 2 s; two such at a time leave two for everybody else.
-constexpr unsigned kHookThreads = 4;
-constexpr unsigned kStopSeconds = 5;
-
-// What ends the daemon: a signal, or the encoder's failure, which raises the signal itself.
-class StopEvent {
- public:
-  // Blocks the signals in this thread and those it starts later, so that only Wait() sees them.
-  StopEvent() {
-    sigemptyset(&signals_);
-    sigaddset(&signals_, SIGTERM);
-    sigaddset(&signals_, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-  }
-
-  // The signal that came, or 0 after `seconds`; 0 seconds wait without end.
-  int Wait(int seconds) const {
-    if (seconds <= 0) return sigwaitinfo(&signals_, nullptr);
-    const timespec limit{seconds, 0};
-    const int signal = sigtimedwait(&signals_, nullptr, &limit);
-    return signal > 0 ? signal : 0;
-  }
-
- private:
-  sigset_t signals_;
-};
 
 int CheckedFlag(const char* name, int value, int low, int high, int step) {
   if (value >= low && value <= high && value % step == 0) return value;
@@ -90,16 +54,7 @@ void MakeRecordDir(const std::string& path) {
   if (error) KL_LOG(40, "can't make the folder of the recordings, %s: %s", path.c_str(), error.message().c_str());
 }
 
-std::unique_ptr<klrpc::APIServer> Serve(encd::Encoder& encoder) {
-  auto hooks = std::make_unique<klrpc::APIServer::UnaryHookSets>();
-  hooks->unary = std::make_unique<klrpc::APIServer::UnaryHook>(
-      [&encoder](const google::protobuf::Any& request, google::protobuf::Any& reply) {
-        return encd::HandleMessage(encoder, request, reply);
-      });
-  return klrpc::APIServer::Create(
-      std::make_unique<klrpc::APIServerOptions>(kHookThreads, absl::GetFlag(FLAGS_address), false), std::move(hooks));
-}
-
+// One line: "encd: 25 frames, 2011 kbit/s; stream one connected, 25 frames".
 void PrintStats(const encd::Encoder& encoder, int seconds) {
   static encd::EncodePipeline::Counters before{};
   const auto now = encoder.Count();
@@ -115,66 +70,41 @@ void PrintStats(const encd::Encoder& encoder, int seconds) {
   before = now;
 }
 
-int WaitForStop(const StopEvent& stop, const encd::Encoder& encoder) {
+void WaitForStop(const device::DaemonLife& life, const encd::Encoder& encoder) {
   const int seconds = absl::GetFlag(FLAGS_stats_seconds);
-  for (;;) {
-    const int signal = stop.Wait(seconds);
-    if (signal > 0) return signal;
-    if (seconds > 0) PrintStats(encoder, seconds);
-  }
+  while (life.Wait(std::chrono::seconds(seconds)) != device::DaemonLife::Event::kStop) PrintStats(encoder, seconds);
 }
 
-// A device that hangs (a dead disk, a driver) must not keep the daemon from ending.
-void GiveUpStopping(int) {
-  static constexpr char kText[] = "encd: could not stop in order within 5 s, giving up\n";
-  [[maybe_unused]] const auto written = write(STDERR_FILENO, kText, sizeof(kText) - 1);
-  _exit(1);
-}
-
-int Run(const StopEvent& stop) {
-  if (const std::string missing = device::MissingElements(encd::NeededElements()); !missing.empty()) {
-    throw std::runtime_error(missing);
-  }
+int Serve(const device::DaemonLife& life) {
   encd::Encoder::Options options = EncoderOptions();
   std::atomic<bool> failed{false};
   options.on_failure = [&failed](const std::string& why) {
     std::fprintf(stderr, "encd: encoding has failed: %s\n", why.c_str());
     failed = true;
-    kill(getpid(), SIGTERM);
+    device::DaemonLife::Stop();
   };
   MakeRecordDir(options.record_dir);
   encd::Encoder encoder(options);
-  const auto server = Serve(encoder);
-  KL_LOG(30, "listens on %s", absl::GetFlag(FLAGS_address).c_str());
-  std::printf("encd: listens on %s\n", absl::GetFlag(FLAGS_address).c_str());
-  std::fflush(stdout);
-
-  const int signal = WaitForStop(stop, encoder);
-  KL_LOG(30, "stops: %s", strsignal(signal));
-  alarm(kStopSeconds);
+  const encd::Service service(encoder);
+  const auto server = device::ServeRequests(
+      absl::GetFlag(FLAGS_address),
+      [&service](const google::protobuf::Any& request, google::protobuf::Any& reply) {
+        return service.Handle(request, reply);
+      },
+      false);
+  life.AnnounceListening(absl::GetFlag(FLAGS_address));
+  WaitForStop(life, encoder);
   return failed ? 1 : 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  absl::SetProgramUsageMessage(kUsage);
-  const auto words = absl::ParseCommandLine(argc, argv);
-  if (words.size() > 1) {
-    std::fprintf(stderr, "encd: '%s' is no flag; see encd --help\n", words[1]);
-    return 1;
-  }
-  const StopEvent stop;
-  signal(SIGALRM, GiveUpStopping);
-  KlLogDefaultInit(20, kLogFile, kLogFiles, kLogFileKb);
-  gst_init(nullptr, nullptr);
-  int status = 1;
-  try {
-    status = Run(stop);
-  } catch (const std::exception& error) {
-    KL_LOG(50, "can't run: %s", error.what());
-    std::fprintf(stderr, "encd: %s\n", error.what());
-  }
-  KlLogDestory();
-  return status;
+  const device::DaemonProgram program{.name = "encd",
+                                      .usage = kUsage,
+                                      .source = "encd/main.cc",
+                                      .log_file = "/var/log/encd.log",
+                                      .listens = "encd: listens on ",
+                                      .needed = encd::NeededElements()};
+  return device::DaemonMain(argc, argv, program, Serve);
 }

@@ -1,14 +1,6 @@
 #include "playd/daemon.h"
 
-#include <utility>
-
 namespace playd {
-namespace {
-
-// Each request to a player may keep a thread for up to 2 s; a player that hangs leaves threads for the others.
-constexpr unsigned kHookThreads = 4;
-
-}  // namespace
 
 std::span<const device::NeededElement> NeededElements() {
   static constexpr device::NeededElement kNeeded[] = {
@@ -28,13 +20,12 @@ Daemon::Daemon(const Options& options)
       mixer_(options.audible),
       players_(canvas_, mixer_, publisher_, options.limits),
       service_(players_, canvas_) {
-  auto hooks = std::make_unique<klrpc::APIServer::UnaryHookSets>();
-  hooks->unary = std::make_unique<klrpc::APIServer::UnaryHook>(
+  server_ = device::ServeRequests(
+      options.address,
       [this](const google::protobuf::Any& request, google::protobuf::Any& reply) {
         return service_.Handle(request, reply);
-      });
-  server_ = klrpc::APIServer::Create(std::make_unique<klrpc::APIServerOptions>(kHookThreads, options.address, true),
-                                     std::move(hooks));
+      },
+      true);
   publisher_.Attach([server = server_.get()](const klrpc::v1::PubsubMessage& message) { server->Publish(message); });
 }
 

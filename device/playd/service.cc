@@ -3,9 +3,7 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
-#include <map>
 #include <memory>
-#include <utility>
 
 #include "klbase/log.h"
 
@@ -16,12 +14,6 @@ using google::protobuf::Any;
 
 constexpr std::size_t kMaxLiveSystems = 64;
 
-// The message's full name: what follows the last slash of the type URL.
-std::string TypeName(const Any& message) {
-  const std::string& url = message.type_url();
-  return url.substr(url.rfind('/') + 1);
-}
-
 void Fill(const std::string& id, const Outcome& outcome, lp::v1::UniversalResp& reply) {
   reply.set_unique_id(id);
   reply.set_result(outcome.ok());
@@ -29,11 +21,11 @@ void Fill(const std::string& id, const Outcome& outcome, lp::v1::UniversalResp& 
   reply.set_error_infor(outcome.text);
 }
 
-Outcome Unparsable(const std::string& type) {
-  return Outcome::Error(ErrorCode::kInvalidArgument, "the payload is no " + type);
+Outcome Unparsable(const google::protobuf::Descriptor& type) {
+  return Outcome::Error(ErrorCode::kInvalidArgument, "the payload is no " + type.full_name());
 }
 
-// Empty for the timing requests, which concern no player.
+// Empty for the timing requests, which do not concern a player.
 template <typename Request>
 std::string IdOf(const Request& request) {
   if constexpr (requires { request.unique_id(); }) {
@@ -43,9 +35,9 @@ std::string IdOf(const Request& request) {
   }
 }
 
-void LogRefusal(const std::string& type, const std::string& id, const Outcome& outcome) {
+void LogRefusal(const google::protobuf::Descriptor& type, const std::string& id, const Outcome& outcome) {
   if (outcome.ok()) return;
-  KL_LOG(40, "%s %s refused: %s (code %d)", type.c_str(), id.c_str(), outcome.text.c_str(),
+  KL_LOG(40, "%s %s refused: %s (code %d)", type.full_name().c_str(), id.c_str(), outcome.text.c_str(),
          static_cast<int>(outcome.code));
 }
 
@@ -75,101 +67,70 @@ MediaRequest ToMediaRequest(const Request& request, const lp::v1::DisplayPositio
   return media;
 }
 
-}  // namespace
-
-using Handler = bool (*)(Service&, const Any&, Any&);
-
-// Which message is served how.
-struct ServiceTable {
-  template <typename Request>
-  static bool Universal(Service& service, const Any& packed, Any& packed_reply) {
-    Request request;
-    const Outcome outcome = packed.UnpackTo(&request) ? service.Do(request) : Unparsable(TypeName(packed));
-    LogRefusal(TypeName(packed), IdOf(request), outcome);
-    lp::v1::UniversalResp reply;
-    Fill(IdOf(request), outcome, reply);
-    packed_reply.PackFrom(reply);
-    return outcome.ok();
-  }
-
-  template <typename Request, typename Reply>
-  static bool WithReply(Service& service, const Any& packed, Any& packed_reply) {
-    Request request;
-    Reply reply;
-    const Outcome outcome = packed.UnpackTo(&request) ? service.Get(request, reply) : Unparsable(TypeName(packed));
-    LogRefusal(TypeName(packed), IdOf(request), outcome);
-    reply.set_unique_id(request.unique_id());
-    Fill(request.unique_id(), outcome, *reply.mutable_result());
-    packed_reply.PackFrom(reply);
-    return outcome.ok();
-  }
-
-  template <typename Request>
-  static std::pair<const std::string, Handler> Row() {
-    return {Request::descriptor()->full_name(), &Universal<Request>};
-  }
-  template <typename Request, typename Reply>
-  static std::pair<const std::string, Handler> Row() {
-    return {Request::descriptor()->full_name(), &WithReply<Request, Reply>};
-  }
-
-  static const std::map<std::string, Handler>& Get();
-};
-
-const std::map<std::string, Handler>& ServiceTable::Get() {
-  using namespace lp::v1;  // NOLINT: the table is all about these names
-  static const auto* const table = new std::map<std::string, Handler>{
-      Row<LiveSystemInitReq>(),
-      Row<LiveSystemUnInitReq>(),
-      Row<SetIntputTimingReq>(),
-      Row<SetOutputTimingReq>(),
-      Row<CreateUplayerReq>(),
-      Row<DeleteUplayerReq>(),
-      Row<OpenMediaOfUplayerReq>(),
-      Row<CloseMediaOfUplayerReq>(),
-      Row<SwitchSourceOfUplayerReq>(),
-      Row<SetPauseOfUplayerReq>(),
-      Row<SetSeekOfUplayerReq>(),
-      Row<GetSeekOfUplayerReq, GetSeekOfUplayerResp>(),
-      Row<SetSpeedOfUplayerReq>(),
-      Row<SetVolumeOfUplayerReq>(),
-      Row<GetMediaInfoOfUplayerReq, GetMediaInfoOfUplayerResp>(),
-      Row<SetUsbLinkReq>(),
-  };
-  return *table;
-}
-
-namespace {
-
-// Refuses a message of the player schema that is not served. False when `packed` is of another schema.
-bool RefuseUnsupported(const Any& packed, Any& packed_reply) {
-  const std::string type = TypeName(packed);
-  const auto* file = lp::v1::UniversalResp::descriptor()->file();
-  const auto* descriptor = file->pool()->FindMessageTypeByName(type);
-  if (descriptor == nullptr || descriptor->file() != file) return false;
+// Refuses a message of the player's schema that is not served. Most of them name a player, and their senders look for
+// their own id in the reply.
+bool RefuseUnserved(const google::protobuf::Descriptor& type, const Any& packed, Any& packed_reply) {
   const std::unique_ptr<google::protobuf::Message> request(
-      google::protobuf::MessageFactory::generated_factory()->GetPrototype(descriptor)->New());
-  const auto* id_field = descriptor->FindFieldByName("unique_id");
+      google::protobuf::MessageFactory::generated_factory()->GetPrototype(&type)->New());
+  const auto* id_field = type.FindFieldByName("unique_id");
   std::string id;
   if (id_field != nullptr && request->ParseFromString(packed.value())) {
     id = request->GetReflection()->GetString(*request, id_field);
   }
-  const Outcome outcome = Outcome::Error(ErrorCode::kUnsupported, "unsupported request " + type);
+  const Outcome outcome = Outcome::Error(ErrorCode::kUnsupported, "unsupported request " + type.full_name());
   LogRefusal(type, id, outcome);
   lp::v1::UniversalResp reply;
   Fill(id, outcome, reply);
   packed_reply.PackFrom(reply);
-  return true;
+  return false;
 }
 
 }  // namespace
 
-bool Service::Handle(const Any& request, Any& reply) {
-  const auto& table = ServiceTable::Get();
-  const auto row = table.find(TypeName(request));
-  if (row != table.end()) return row->second(*this, request, reply);
-  RefuseUnsupported(request, reply);
-  return false;
+template <typename Request>
+void Service::Serve() {
+  table_.Add<Request>([this](const Request& request, bool parsed, Any& packed_reply) {
+    const Outcome outcome = parsed ? Do(request) : Unparsable(*Request::descriptor());
+    LogRefusal(*Request::descriptor(), IdOf(request), outcome);
+    lp::v1::UniversalResp reply;
+    Fill(IdOf(request), outcome, reply);
+    packed_reply.PackFrom(reply);
+    return outcome.ok();
+  });
+}
+
+template <typename Request, typename Reply>
+void Service::Serve() {
+  table_.Add<Request>([this](const Request& request, bool parsed, Any& packed_reply) {
+    Reply reply;
+    const Outcome outcome = parsed ? Get(request, reply) : Unparsable(*Request::descriptor());
+    LogRefusal(*Request::descriptor(), request.unique_id(), outcome);
+    reply.set_unique_id(request.unique_id());
+    Fill(request.unique_id(), outcome, *reply.mutable_result());
+    packed_reply.PackFrom(reply);
+    return outcome.ok();
+  });
+}
+
+Service::Service(PlayerTable& players, Canvas& canvas)
+    : players_(players), canvas_(canvas), table_("lp.v1", RefuseUnserved) {
+  using namespace lp::v1;  // NOLINT: the table is all about these names
+  Serve<LiveSystemInitReq>();
+  Serve<LiveSystemUnInitReq>();
+  Serve<SetIntputTimingReq>();
+  Serve<SetOutputTimingReq>();
+  Serve<CreateUplayerReq>();
+  Serve<DeleteUplayerReq>();
+  Serve<OpenMediaOfUplayerReq>();
+  Serve<CloseMediaOfUplayerReq>();
+  Serve<SwitchSourceOfUplayerReq>();
+  Serve<SetPauseOfUplayerReq>();
+  Serve<SetSeekOfUplayerReq>();
+  Serve<GetSeekOfUplayerReq, GetSeekOfUplayerResp>();
+  Serve<SetSpeedOfUplayerReq>();
+  Serve<SetVolumeOfUplayerReq>();
+  Serve<GetMediaInfoOfUplayerReq, GetMediaInfoOfUplayerResp>();
+  Serve<SetUsbLinkReq>();
 }
 
 template <typename Operation>

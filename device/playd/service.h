@@ -9,8 +9,9 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
+#include "base/requests.h"
 #include "playd/canvas/canvas.h"
-#include "playd/outcome.h"
+#include "playd/error_code.h"
 #include "playd/player/player_table.h"
 #include "player/v1/player.pb.h"
 
@@ -21,16 +22,22 @@ namespace playd {
 class Service {
  public:
   // Both must outlive the service.
-  Service(PlayerTable& players, Canvas& canvas) : players_(players), canvas_(canvas) {}
+  Service(PlayerTable& players, Canvas& canvas);
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
   // Serves one request. Messages of the player schema always get a reply, if only one that says "unsupported"; for
   // any other type `reply` stays empty. Returns whether the request was carried out.
-  bool Handle(const google::protobuf::Any& request, google::protobuf::Any& reply);
+  bool Handle(const google::protobuf::Any& request, google::protobuf::Any& reply) const {
+    return table_.Handle(request, reply);
+  }
 
  private:
-  friend struct ServiceTable;
+  // Puts a request into the table: with Do() and a UniversalResp, or with Get() and a reply of its own.
+  template <typename Request>
+  void Serve();
+  template <typename Request, typename Reply>
+  void Serve();
 
   // One for each message that is answered with lp.v1.UniversalResp.
   Outcome Do(const lp::v1::LiveSystemInitReq& request);
@@ -58,6 +65,7 @@ class Service {
 
   PlayerTable& players_;
   Canvas& canvas_;
+  device::RequestTable table_;
   absl::Mutex mutex_;
   std::set<std::string> live_systems_ ABSL_GUARDED_BY(mutex_);
   Timing input_timing_ ABSL_GUARDED_BY(mutex_);

@@ -247,7 +247,7 @@ def test_fields_of_requests_are_the_schemas():
 
 
 def test_error_codes_are_the_players():
-    defined = set(re.findall(r"^  k\w+ = (\d+),", read("device/playd/outcome.h"), re.MULTILINE)) - {"0"}
+    defined = set(re.findall(r"^  k\w+ = (\d+),", read("device/playd/error_code.h"), re.MULTILINE)) - {"0"}
     section = read(PLAYER_PAGE).split("## Error codes")[1].split("\n## ")[0]
     assert set(re.findall(r"\| (\d+) \|", section)) == defined
 

@@ -62,7 +62,8 @@ bool MuxPipeline::Feed(Input& input, const Packet& packet, GstClockTime pts) {
   if (duration != GST_CLOCK_TIME_NONE) input.duration = duration;
   input.last = pts;
   ++input.packets;
-  return gst_app_src_push_buffer(source, device::WithTimes(packet.buffer.get(), pts, dts).release()) == GST_FLOW_OK;
+  auto copy = device::CopyAt(packet.buffer.get(), {.pts = pts, .dts = dts, .duration = duration});
+  return gst_app_src_push_buffer(source, copy.release()) == GST_FLOW_OK;
 }
 
 bool MuxPipeline::Finish(std::chrono::milliseconds limit) {

@@ -48,26 +48,26 @@ Recorder::~Recorder() {
   thread_.join();
 }
 
-std::optional<Recorder::Outcome> Recorder::WaitDone(milliseconds limit) {
+std::optional<Recorder::Report> Recorder::WaitDone(milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   const absl::MutexLock lock(&mutex_);
-  while (!outcome_ && std::chrono::steady_clock::now() < deadline) done_.WaitUntil(&mutex_, deadline);
-  return outcome_;
+  while (!report_ && std::chrono::steady_clock::now() < deadline) done_.WaitUntil(&mutex_, deadline);
+  return report_;
 }
 
 void Recorder::Run() {
   while (WriteNext()) {
   }
-  Outcome outcome = Complete();
+  Report report = Complete();
   mux_.reset();
-  if (outcome.error.empty()) {
-    KL_LOG(30, "recorded %s: %llu frames, %.1f s", path_.c_str(), static_cast<unsigned long long>(outcome.frames),
-           outcome.seconds);
+  if (report.error.empty()) {
+    KL_LOG(30, "recorded %s: %llu frames, %.1f s", path_.c_str(), static_cast<unsigned long long>(report.frames),
+           report.seconds);
   } else {
-    KL_LOG(50, "recording %s failed: %s", path_.c_str(), outcome.error.c_str());
+    KL_LOG(50, "recording %s failed: %s", path_.c_str(), report.error.c_str());
   }
   const absl::MutexLock lock(&mutex_);
-  outcome_ = std::move(outcome);
+  report_ = std::move(report);
   done_.SignalAll();
 }
 
@@ -89,19 +89,19 @@ void Recorder::WaitWhileBusy(const Packet& packet, MuxPipeline::PushResult* resu
   }
 }
 
-Recorder::Outcome Recorder::Complete() {
-  Outcome outcome;
+Recorder::Report Recorder::Complete() {
+  Report report;
   const bool finished = mux_->Finish(kCompletion);
-  outcome.frames = mux_->Frames();
-  outcome.seconds = mux_->Seconds();
-  outcome.dropped = queue_->Dropped();
+  report.frames = mux_->Frames();
+  report.seconds = mux_->Seconds();
+  report.dropped = queue_->Dropped();
   if (!finished) {
-    outcome.error = mux_->Error();
-  } else if (outcome.seconds == 0) {
-    outcome.error = "no picture or sound arrived; the empty file is removed";
+    report.error = mux_->Error();
+  } else if (report.seconds == 0) {
+    report.error = "no picture or sound arrived; the empty file is removed";
     unlink(path_.c_str());
   }
-  return outcome;
+  return report;
 }
 
 }  // namespace encd

@@ -28,7 +28,7 @@ Tracks RecordTracks(RecordFormat format, bool audio, bool video);
 
 class Recorder {
  public:
-  struct Outcome {
+  struct Report {
     std::string error;  // "" when the file is complete
     std::uint64_t frames = 0;
     double seconds = 0;
@@ -50,21 +50,21 @@ class Recorder {
   // Writes what the queue still holds, then completes the file. Returns at once.
   void End() { queue_->Close(); }
 
-  // The outcome as soon as the file is complete or writing has failed, within `limit` at the latest.
-  std::optional<Outcome> WaitDone(std::chrono::milliseconds limit);
+  // The report as soon as the file is complete or writing has failed, within `limit` at the latest.
+  std::optional<Report> WaitDone(std::chrono::milliseconds limit);
 
  private:
   void Run();
   bool WriteNext();
   void WaitWhileBusy(const Packet& packet, MuxPipeline::PushResult* result);
-  Outcome Complete();
+  Report Complete();
 
   const std::string path_;
   const std::shared_ptr<PacketQueue> queue_;
   std::unique_ptr<MuxPipeline> mux_;  // the thread's own once it runs
   absl::Mutex mutex_;
   klbase::SteadyCondVar done_;
-  std::optional<Outcome> outcome_ ABSL_GUARDED_BY(mutex_);
+  std::optional<Report> report_ ABSL_GUARDED_BY(mutex_);
   std::thread thread_;
 };
 

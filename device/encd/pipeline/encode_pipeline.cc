@@ -123,8 +123,10 @@ void EncodePipeline::Feed(GstElement* source, GstSample* sample) {
   if (source == nullptr) return;  // the first sample may come while the pipeline is still being built
   device::CapsPtr caps(gst_caps_ref(gst_sample_get_caps(sample)));
   gst_app_src_set_caps(GST_APP_SRC(source), caps.get());
-  auto buffer = device::WithTimes(gst_sample_get_buffer(sample), GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE);
-  gst_app_src_push_buffer(GST_APP_SRC(source), buffer.release());
+  // The input's times start again with each of its rounds; without them do-timestamp stamps what arrives.
+  const GstBuffer* buffer = gst_sample_get_buffer(sample);
+  gst_app_src_push_buffer(GST_APP_SRC(source),
+                          device::CopyAt(buffer, {.duration = device::FactsOf(buffer).duration}).release());
 }
 
 GstFlowReturn EncodePipeline::OnSample(GstAppSink* sink, gpointer user_data) {

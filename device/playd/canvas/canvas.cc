@@ -16,7 +16,6 @@
 #include "base/hand_over.h"
 #include "klbase/steady_cond_var.h"
 #include "playd/canvas/window.h"
-#include "playd/copy_at.h"
 
 namespace playd {
 namespace {
@@ -136,7 +135,7 @@ Layer::~Layer() {
 }
 
 void Layer::Push(GstBuffer* frame) {
-  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), CopyAt(frame, GST_CLOCK_TIME_NONE));
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), device::CopyAt(frame, {}).release());
 }
 
 void Layer::Show() { g_object_set(pad_.get(), "alpha", 1.0, nullptr); }

@@ -13,7 +13,7 @@
 #include "absl/synchronization/mutex.h"
 #include "base/gst.h"
 #include "playd/canvas/geometry.h"
-#include "playd/outcome.h"
+#include "playd/error_code.h"
 
 namespace playd {
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "playd/outcome.h"
+#include "playd/error_code.h"
 
 namespace playd {
 

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "klbase/log.h"
-#include "playd/copy_at.h"
 
 namespace playd {
 namespace {
@@ -37,7 +36,7 @@ GstPadProbeReturn Forward(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   if (const device::CapsPtr caps{gst_pad_get_current_caps(pad)}; caps != nullptr)
     gst_app_src_set_caps(source, caps.get());
   // Refused once the window is closed; the picture is dropped then.
-  gst_app_src_push_buffer(source, CopyAt(GST_PAD_PROBE_INFO_BUFFER(info), GST_CLOCK_TIME_NONE));
+  gst_app_src_push_buffer(source, device::CopyAt(GST_PAD_PROBE_INFO_BUFFER(info), {}).release());
   return GST_PAD_PROBE_OK;
 }
 

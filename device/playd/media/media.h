@@ -11,7 +11,7 @@
 
 #include "base/gst.h"
 #include "playd/canvas/canvas.h"
-#include "playd/outcome.h"
+#include "playd/error_code.h"
 #include "playd/sound/mixer.h"
 
 namespace playd {

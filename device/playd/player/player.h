@@ -10,8 +10,8 @@
 #include <string>
 
 #include "playd/canvas/canvas.h"
+#include "playd/error_code.h"
 #include "playd/media/media.h"
-#include "playd/outcome.h"
 #include "playd/player/play_state.h"
 #include "playd/player/worker.h"
 #include "playd/sound/mixer.h"

@@ -11,7 +11,7 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "klbase/steady_cond_var.h"
-#include "playd/outcome.h"
+#include "playd/error_code.h"
 
 namespace playd {
 

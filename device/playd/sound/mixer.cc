@@ -13,7 +13,6 @@
 
 #include "base/hand_over.h"
 #include "klbase/log.h"
-#include "playd/copy_at.h"
 
 namespace playd {
 namespace {
@@ -95,7 +94,7 @@ Track::~Track() {
 void Track::Push(GstBuffer* samples, GstClockTime when) {
   const GstClockTime start = gst_element_get_base_time(pipeline_);
   if (!GST_CLOCK_TIME_IS_VALID(when) || when < start) return;
-  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), CopyAt(samples, when - start));
+  gst_app_src_push_buffer(GST_APP_SRC(source_.get()), device::CopyAt(samples, {.pts = when - start}).release());
 }
 
 bool Mixer::HasSoundDevice() { return HasSoundServer() || HasSoundCard(); }

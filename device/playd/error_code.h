@@ -1,10 +1,10 @@
 // How an operation of the player ended: what travels in lp.v1.UniversalResp as result, error_code and error_infor.
-#ifndef DEVICE_PLAYD_OUTCOME_H_
-#define DEVICE_PLAYD_OUTCOME_H_
+#ifndef DEVICE_PLAYD_ERROR_CODE_H_
+#define DEVICE_PLAYD_ERROR_CODE_H_
 
 #include <cstdint>
-#include <string>
-#include <utility>
+
+#include "base/outcome.h"
 
 namespace playd {
 
@@ -33,16 +33,9 @@ enum class ErrorCode : std::int32_t {
   kLiveSystemState = 20,  // initialised twice, or taken down without having been initialised
 };
 
-struct Outcome {
-  ErrorCode code = ErrorCode::kOk;
-  std::string text;  // empty when all is well, else what was wrong and what to do
-
-  bool ok() const { return code == ErrorCode::kOk; }
-
-  static Outcome Ok() { return {}; }
-  static Outcome Error(ErrorCode code, std::string text) { return {code, std::move(text)}; }
-};
+// The text is empty when all is well.
+using Outcome = device::Outcome<ErrorCode>;
 
 }  // namespace playd
 
-#endif  // DEVICE_PLAYD_OUTCOME_H_
+#endif  // DEVICE_PLAYD_ERROR_CODE_H_

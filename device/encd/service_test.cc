@@ -1,4 +1,4 @@
-#include "encd/messages.h"
+#include "encd/service.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@ namespace {
 
 using google::protobuf::Any;
 
-class MessagesTest : public ::testing::Test {
+class ServiceTest : public ::testing::Test {
  protected:
   static Encoder::Options Options() {
     Encoder::Options options;
@@ -19,26 +19,27 @@ class MessagesTest : public ::testing::Test {
   }
 
   Encoder encoder_{Options()};
+  const Service service_{encoder_};
   Any reply_;
 };
 
-TEST_F(MessagesTest, AMessageThatCannotBeParsedIsRefused) {
+TEST_F(ServiceTest, AMessageThatCannotBeParsedIsRefused) {
   Any request;
   request.set_type_url("type.googleapis.com/encoder.v1.SetVideoQualityRequest");
   request.set_value("\xff\xff\xff");
-  EXPECT_TRUE(HandleMessage(encoder_, request, reply_));
+  EXPECT_TRUE(service_.Handle(request, reply_));
   common::v1::Status status;
   ASSERT_TRUE(reply_.UnpackTo(&status));
   EXPECT_EQ(status.code(), 1);
   EXPECT_EQ(status.message(), "encoder.v1.SetVideoQualityRequest can't be parsed");
 }
 
-TEST_F(MessagesTest, TypesOfOtherPackagesAndUnknownOnesAreLeftAlone) {
+TEST_F(ServiceTest, TypesOfOtherPackagesAndUnknownOnesAreLeftAlone) {
   for (const char* type : {"", "/", "common.v1.Status", "type.googleapis.com/common.v1.Status",
                            "type.googleapis.com/encoder.v1.NoSuchRequest", "encoder.v1."}) {
     Any request;
     request.set_type_url(type);
-    EXPECT_FALSE(HandleMessage(encoder_, request, reply_)) << type;
+    EXPECT_FALSE(service_.Handle(request, reply_)) << type;
     EXPECT_EQ(reply_.ByteSizeLong(), 0u) << type;
   }
 }
