@@ -18,7 +18,7 @@ namespace {
 using Texts = std::vector<std::string>;
 using std::chrono::steady_clock;
 
-// Subscribes and notes what arrives: "topic=payload", "STATE client: topics", "ok" or "failed".
+// Subscribes and notes all arrivals: "topic=payload", "STATE client: topics", "ok" or "failed".
 class Listener : public sigslot::has_slots<sigslot::multi_threaded_global> {
  public:
   explicit Listener(APIClient& client) : client_(client) {

@@ -9,7 +9,7 @@
 
 namespace cli {
 
-// What an exception may be besides its std::exception. The console looks for it in whatever leaves a command.
+// A second base of exceptions that concern one typed word. The console looks for it in exceptions that leave a command.
 class KLBASE_EXPORT about_word {
  public:
   virtual ~about_word() = default;
@@ -17,7 +17,7 @@ class KLBASE_EXPORT about_word {
   virtual const std::string* Word() const noexcept = 0;
 };
 
-// The exception Base, made from its message, about one word: who catches Base sees no difference.
+// The exception Base, made from its message, about one word: handlers of Base see no difference.
 //
 //   throw cli::word_error<std::invalid_argument>(word, "stoi");  // the operator reads: "soon" is not a number (stoi)
 template <typename Base>

@@ -1,4 +1,4 @@
-// Commands: what can stand in a menu, and how an operator's words become a handler's typed arguments.
+// Commands: the entries of a menu, and the way from an operator's words to a handler's typed arguments.
 //
 // A handler command is made from its name, a callable, its help text and its parameter descriptions:
 //

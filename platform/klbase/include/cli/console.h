@@ -34,7 +34,7 @@ class KLBASE_EXPORT ConsoleFactory {
  public:
   // Takes the root menu, creates every registered plugin on it (which keeps them alive while the console lives), and
   // listens on `port` (0 picks a free one) of 127.0.0.1 or KLBASE_CONSOLE_ADDRESS; `local_console` also serves the
-  // process's terminal, or standard input line by line when that is no terminal.
+  // process's terminal, or standard input line by line when that is not a terminal.
   //
   // Throws std::runtime_error with a text for the operator when the port is out of range or in use, or the address may
   // not be served. Registers an exit handler that stops the console before static objects are destroyed.

@@ -1,4 +1,4 @@
-// What a command sees of the operator who typed its line.
+// The operator's session as a command sees it.
 #ifndef CLI_SESSION_H_
 #define CLI_SESSION_H_
 
@@ -20,7 +20,7 @@ class KLBASE_EXPORT Session {
   virtual ~Session() = default;
 
   // The stream of the operator who typed the line. Writing blocks while the operator's terminal can't take more (at
-  // most 30 s); once the operator is gone the stream's badbit is set and what is written is dropped.
+  // most 30 s); once the operator is gone the stream's badbit is set and text written to it is dropped.
   virtual std::ostream& OutStream() = 0;
 
   // The menu in which the next line is looked up. `menu` must be in the console's tree.

@@ -56,7 +56,7 @@ void AppendFormatted(LogBuffer& out, const char* format, std::va_list arguments)
   const std::size_t needed = start + static_cast<std::size_t>(length < 0 ? 0 : length);
   if (length >= 0 && needed + 1 > out.size()) {
     out.resize(needed + 1);
-    // The analyzer takes a copied list for one that nobody began.
+    // The analyzer takes a copied list for one that was never started.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     std::vsnprintf(out.data() + start, out.size() - start, format, again);
   }

@@ -271,7 +271,7 @@ TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("klbase: writing the log failed: "));
 }
 
-// Records used to go on into the file that nobody could see any more.
+// Records used to go on into the removed file, out of sight.
 TEST_F(LogTest, ARemovedFileIsBegunAgain) {
   ASSERT_TRUE(Open());
   KL_LOG(30, "before");
@@ -467,7 +467,7 @@ TEST_F(LogObserverTest, IsNotRunningAnyMoreWhenItWasEnded) {
     });
     EXPECT_TRUE(WaitFor([&alive] { return *alive > 0; }));
     KlLogSetObserver({});
-    alive.reset();  // the sanitizers watch that nobody counts any more
+    alive.reset();  // the sanitizers would see a late count
     stop = true;
     busy.join();
   }

@@ -70,11 +70,11 @@ class KLRPC_EXPORT Connection {
   bool Enter();
   void Leave();
 
-  // Close() lets nobody enter any more, WaitIdle() returns when no other thread is inside.
+  // Close() lets no thread enter any more, WaitIdle() returns when no other thread is inside.
   void Close();
   void WaitIdle();
 
-  // Takes the connection off both lists if it is cut and nobody is inside.
+  // Takes the connection off both lists if it is cut and no thread is inside.
   void UnlistIfDone();
 
   const void* Object() const { return object_; }
@@ -83,7 +83,7 @@ class KLRPC_EXPORT Connection {
   const std::weak_ptr<SignalCore> signal_;
   const std::weak_ptr<HolderCore> holder_;
   const void* const object_;
-  // Guarded by the process-wide mutex of the implementation, which also keeps record of who waits for whom.
+  // Guarded by the process-wide mutex of the implementation, which also guards the record of waits.
   bool closed_ = false;
   std::vector<const ThreadState*> running_;
 };

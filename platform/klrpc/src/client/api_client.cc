@@ -94,6 +94,7 @@ class APIClient::Impl {
   std::chrono::milliseconds Timeout() const { return timeout_; }
   UnaryCaller& Caller() { return caller_; }
 
+  // Never given back before the end: another thread may still be using it.
   PubSub& Events() {
     const absl::MutexLock lock(&mutex_);
     if (pubsub_ == nullptr) pubsub_ = CreatePubSub();

@@ -288,7 +288,7 @@ TEST_F(ApiClientTest, ManyThreadsCallAtOnce) {
   EXPECT_EQ(wrong, 0);
 }
 
-// It used to return while gRPC still wrote to what it had left, and blamed the time limit.
+// The call used to return while gRPC still wrote to its freed variables, and blamed the time limit.
 TEST_F(ApiClientTest, WithoutAFileDescriptorToWaitWithACallFailsAtOnce) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "the sanitizer's own check of object types needs a file for each look";

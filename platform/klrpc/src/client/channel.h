@@ -19,7 +19,7 @@ class ClientChannel {
  public:
   explicit ClientChannel(const APIClientOptions& options) : options_(options) {}
 
-  // A channel on which a call that is started now either finds the server or learns at once that nobody listens.
+  // A channel on which a call that is started now either finds the server or fails at once because there is none.
   // `polled` is the caller's own completion queue for plucking: the news that the connection broke meanwhile are read
   // through it. Null when another thread reads them all the time.
   ChannelPtr Fresh(grpc_completion_queue* polled);

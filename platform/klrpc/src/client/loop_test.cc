@@ -52,8 +52,8 @@ TEST_F(ClientLoopTest, TicksWhileTheTickWantsIt) {
   loop.Join();
 }
 
-// What happens between two ticks may be what the next one is for. Without it a subscription whose server went away then
-// waited for gRPC's own back-off.
+// An event between two ticks may be the reason for the next one. Without that one a subscription whose server went away
+// then waited for gRPC's own back-off.
 TEST_F(ClientLoopTest, TicksOnceMoreAfterAnEvent) {
   Watched<int> ticks;
   const auto ticked = [&ticks](int count) { return ticks.WaitFor([count](int seen) { return seen >= count; }); };

@@ -109,7 +109,7 @@ void Publisher::Cancel() {
     current.swap(current_);
     unsent.swap(pending_);
   }
-  // Its end, and with it the outcome, still comes through the loop; those that were never sent have no other end.
+  // The outcome of the one under way still comes through the loop; for the others this is the only place.
   if (current != nullptr) current->Cancel();
   for (const Pending& pending : unsent) outcome_(false, pending.msg_id);
 }

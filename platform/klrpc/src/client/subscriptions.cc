@@ -101,7 +101,7 @@ void Subscriptions::Stream::Start() {
   end.data.recv_status_on_client.status = &status_;
   end.data.recv_status_on_client.status_details = text_.Reset();
   if (!owner_.loop_.StartBatch(call_, &end, 1, ended_.Begin())) return ended_.Abandon();
-  // The end is asked for first, so that whatever happens to the rest is reported.
+  // The end is asked for first, so that a failure of the operations below is reported by it.
 
   klrpc::v1::SubscribeRequest request;
   request.set_client_id(client_id_);

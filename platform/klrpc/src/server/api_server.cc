@@ -67,7 +67,7 @@ std::string WhyNotTcp(const std::string& address) {
   const int error = getaddrinfo(host.empty() ? nullptr : host.c_str(), address.c_str() + colon + 1, &hints, &found);
   if (error != 0) return gai_strerror(error);
   const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int one = 1;
+  const int one = 1;  // as gRPC sets it: connections of an earlier server that still end are not in the way
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
   const int why = fd < 0 || bind(fd, found->ai_addr, found->ai_addrlen) != 0 ? errno : EADDRINUSE;
   close(fd);
@@ -122,6 +122,7 @@ GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_pt
   context_.server = grpc_server_create(ServerArgs().Get(), nullptr);
   grpc_server_register_completion_queue(context_.server, context_.queue, nullptr);
   Register();
+  // Before listening: Stop() needs threads that empty the queue.
   workers_ = std::make_unique<WorkerPool>(context_.queue, options_->Threads());
   try {
     Listen();
@@ -188,7 +189,7 @@ void GrpcServer::Stop() {
     context_.calls.WaitUntil(steady_clock::time_point::max());
   }
   grpc_completion_queue_shutdown(context_.queue);
-  workers_.reset();
+  workers_.reset();  // ends when the queue is empty
   grpc_server_destroy(context_.server);
   grpc_completion_queue_destroy(context_.queue);
 }
@@ -246,6 +247,7 @@ CallResult GrpcServer::Hooked(const google::protobuf::Any& request) {
   google::protobuf::Any reply;
   const bool served =
       hooks_ != nullptr && hooks_->unary != nullptr && *hooks_->unary && (*hooks_->unary)(request, reply);
+  // A hook that refuses may say why in a reply, which then travels.
   if (!served && reply.type_url().empty() && reply.value().empty()) {
     return Failure(GRPC_STATUS_UNIMPLEMENTED, "not served here: " + request.type_url());
   }

@@ -139,6 +139,7 @@ void DiagnosticCall::OnCall(bool ok) {
   op.data.recv_close_on_server.cancelled = &cancelled_;
   grpc_call_start_batch(call_, &op, 1, closed_.Begin(), nullptr);
 
+  // A reference of its own: the details keep theirs.
   const Slice path(grpc_slice_ref(details_.method));
   method_ = FindDiagnosticMethod(path.View());
   if (method_ != nullptr) {

@@ -136,7 +136,7 @@ TEST_F(DiagnosticsTest, ACallThatIsNotAPackedMessageIsRefused) {
   EXPECT_EQ(status.error_message(), "the request is not a packed message");
 }
 
-// Whoever does not keep to the limit on the sending side must not fill the server's memory.
+// A sender that does not keep to the limit must not fill the server's memory.
 TEST_F(DiagnosticsTest, AMessageOverTheLimitIsRefusedByTheReceiver) {
   grpc::ClientContext context;
   google::protobuf::Any request;

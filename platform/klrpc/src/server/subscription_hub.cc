@@ -110,6 +110,7 @@ void SubscriberStream::Start(const Method& method) {
 void SubscriberStream::OnCall(bool ok) {
   if (!ok) return;  // the server is stopping
   Start(method_);
+  // The call's end, however it comes, is told through this.
   WaitForClose();
   if (!ReadRequest()) {
     Finish(GRPC_STATUS_INVALID_ARGUMENT, "a subscription needs a client id and topics");
@@ -122,12 +123,13 @@ void SubscriberStream::OnCall(bool ok) {
 
 bool SubscriberStream::ReadRequest() {
   const bool parsed = bytes_.ParseInto(request_);
-  bytes_.Reset();
+  bytes_.Reset();  // the stream may live for days
   if (!parsed || request_.client_id().empty() || request_.topics().empty()) return false;
   ReadOwner();
   return true;
 }
 
+// A value that doesn't parse leaves the stream without an owner: a subscriber of its own, that replaces none.
 void SubscriberStream::ReadOwner() {
   for (std::size_t i = 0; i < metadata_.count; ++i) {
     if (grpc_slice_str_cmp(metadata_.metadata[i].key, kStreamKey) != 0) continue;

@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 // How often the leader is looked at. A call behind a slow one waits two of these at most; a busy server pays with a
 // thousand wake-ups a second.
 constexpr auto kGlance = 1ms;
-// After so many looks at a leader that only polls the watch ends, so that an idle server wakes nobody.
+// After so many looks at a leader that only polls the watch ends, so that an idle server causes no wake-ups.
 constexpr int kIdleGlances = 50;
 
 bool RunsAnEvent(std::uint64_t step) { return step % 2 == 1; }

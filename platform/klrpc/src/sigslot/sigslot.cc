@@ -21,8 +21,8 @@ namespace {
 
 thread_local ThreadState this_thread;
 
-// Guards who runs and who waits, for all connections: finding circles needs the whole picture. Held for a few
-// instructions at a time. Never destroyed, like the mutex above.
+// Guards the running and the waiting threads of all connections: finding circles needs the whole picture. Held for a
+// few instructions at a time. Never destroyed, like the mutex above.
 absl::Mutex& RunMutex() {
   static absl::Mutex* const run_mutex = new absl::Mutex;
   return *run_mutex;
@@ -33,7 +33,7 @@ absl::CondVar& SomebodyLeft() {
   return *left;
 }
 
-// Number of threads in Connection::WaitIdle, so that leaving costs no notification when nobody waits. Guarded by
+// Number of threads in Connection::WaitIdle, so that leaving costs no notification when none waits. Guarded by
 // RunMutex().
 int waiting_threads = 0;
 
@@ -72,7 +72,8 @@ void Connection::UnlistIfDone() {
 
 void Connection::WaitIdle() {
   // True when `thread` can't go on before the calling thread does: it waits, directly or through others, for a slot
-  // that the calling thread is running. Waiting threads never form a circle, because nobody closes one, so this ends.
+  // that the calling thread is running. Waiting threads never form a circle, because a wait that would close one is
+  // left out, so this ends.
   const auto needs_us = [](const auto& self, const ThreadState* thread) -> bool {
     if (thread == &this_thread) return true;
     if (thread->waiting_for == nullptr) return false;

@@ -26,7 +26,7 @@ class Listener : public sigslot::has_slots<Policy> {
   std::vector<std::string> texts;
 };
 
-// A slot that does what the test says.
+// A slot whose action the test sets.
 class Actor : public sigslot::has_slots<> {
  public:
   explicit Actor(std::function<void()> does = [] {}) : action(std::move(does)) {}
