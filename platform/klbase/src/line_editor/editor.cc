@@ -14,7 +14,9 @@
 namespace cli::internal {
 namespace {
 
-// The terminal marks pasted text while a line is being edited, and only then: a command may want plain input.
+// xterm's bracketed paste, which all current terminals have and others ignore: pasted text comes between ESC [ 200 ~
+// and ESC [ 201 ~, so that a tab in it completes nothing. The terminal is told to do so while a line is being edited,
+// and only then: a command may want plain input.
 constexpr std::string_view kBracketedPasteOn = "\x1b[?2004h";
 constexpr std::string_view kBracketedPasteOff = "\x1b[?2004l";
 
@@ -23,20 +25,23 @@ bool IsKill(Key key) {
          key == Key::kKillWordBack || key == Key::kKillWord;
 }
 
+// What Tab can add when several candidates are left.
 std::string CommonPrefix(const std::vector<std::string>& texts) {
   std::string_view common = texts.front();
   for (const std::string& text : texts) {
     const auto end = std::mismatch(common.begin(), common.end(), text.begin(), text.end()).first;
     common = common.substr(0, static_cast<std::size_t>(end - common.begin()));
   }
-  // Not in the middle of a character.
+  // Two characters may begin with the same bytes. In UTF-8 the bytes behind a character's first are 10xxxxxx: as long
+  // as the next one is of these, the prefix ends inside a character.
   const std::string_view whole = texts.front();
   std::size_t size = common.size();
   while (size > 0 && size < whole.size() && (static_cast<unsigned char>(whole[size]) & 0xc0) == 0x80) --size;
   return std::string(common.substr(0, size));
 }
 
-// `texts` in columns, top to bottom, then left to right.
+// `texts` in columns, top to bottom, then left to right, as "ls" shows them. The two blanks behind the last column are
+// only counted: without them a row could end at the margin, and terminals disagree about where the cursor is then.
 std::string InColumns(const std::vector<std::string>& texts, int columns) {
   int widest = 0;
   for (const std::string& text : texts) widest = std::max(widest, DisplayWidth(text));
@@ -49,13 +54,16 @@ std::string InColumns(const std::vector<std::string>& texts, int columns) {
       out += DisplayPrefix(texts[index], width);
       if (index + down < texts.size()) out.append(static_cast<std::size_t>(widest + 2 - width), ' ');
     }
-    out += "\r\n";
+    out += "\r\n";  // a terminal in raw mode goes down only with LF
   }
   return out;
 }
 
 }  // namespace
 
+// Keys change buffer_; Refresh() makes the terminal show it, once for all input of a Feed(). The terminal shows exactly
+// what screen_ knows: whatever else writes to it takes the line off first (Erase, Finish) or says that it is gone
+// (Forget). While the line is not Painted(), screen_ is empty.
 class LineEditor::Impl {
  public:
   Impl(const History* history, Completer completer, Hinter hinter)
@@ -98,6 +106,7 @@ class LineEditor::Impl {
   LineView View() const;
   void Refresh();
   std::string_view Hint();
+  // Rings with the next Refresh(): once, however many keys of a paste have failed.
   void Bell() { bell_ = true; }
   void BellUnless(bool done) { bell_ = bell_ || !done; }
 
@@ -150,27 +159,29 @@ class LineEditor::Impl {
   HistorySearch search_;
 
   std::string prompt_;
-  std::string search_prompt_;
-  bool started_ = false;  // between Start() and the event that ends the line
+  std::string search_prompt_;  // kept for the views that View() returns
+  bool started_ = false;       // between Start() and the event that ends the line
   bool hidden_ = false;
   bool too_long_ = false;  // the line is being dropped
   bool bell_ = false;
   bool pastes_marked_ = false;  // by the terminal
-  Key last_key_ = Key::kNone;
+  Key last_key_ = Key::kNone;   // cuts in a row are put back as one; Alt-. and the search by prefix go on
   std::string prefix_;          // of the search by prefix under way
   std::size_t last_words_ = 0;  // how far back the Alt-. under way is
   std::size_t last_word_start_ = 0;
-  std::string hint_;
+  std::string hint_;  // for hinted_line_
   std::string hinted_line_;
   bool hint_known_ = false;
   std::string out_;
   std::string line_;
 };
 
+// Keys that stand here leave the line open. Those that may end it come to Handle() first, and keys without a row do
+// nothing on a line.
 const LineEditor::Impl::KeyAction LineEditor::Impl::kActions[] = {
     {Key::kRefused, &Impl::Refuse},
     {Key::kTab, &Impl::Complete},
-    {Key::kDeleteOrEnd, &Impl::EraseAt},
+    {Key::kDeleteOrEnd, &Impl::EraseAt},  // Ctrl-D, unless the line is empty
     {Key::kBackspace, &Impl::EraseBefore},
     {Key::kDelete, &Impl::EraseAt},
     {Key::kLeft, &Impl::Left},
@@ -194,14 +205,15 @@ const LineEditor::Impl::KeyAction LineEditor::Impl::kActions[] = {
     {Key::kClearScreen, &Impl::ClearScreen},
     {Key::kSearchBack, &Impl::SearchBack},
     {Key::kSearchForward, &Impl::SearchForward},
-    {Key::kCancel, &Impl::Refuse},
+    {Key::kCancel, &Impl::Refuse},  // Ctrl-G has nothing to cancel but a search
     {Key::kPrefixBack, &Impl::PrefixOlder},
     {Key::kPrefixForward, &Impl::PrefixNewer},
     {Key::kFirstLine, &Impl::FirstLine},
     {Key::kLastLine, &Impl::LastLine},
 };
 
-// The other end may tell what it is only after the first prompt was shown.
+// A telnet client tells what it is only after the first prompt was shown, so a line may change its display while it is
+// being typed.
 void LineEditor::Impl::SetDisplay(Display display) {
   if (display == display_) return;
   if (search_.Active()) CancelSearch();
@@ -211,7 +223,8 @@ void LineEditor::Impl::SetDisplay(Display display) {
   if (!started_ || hidden_) return;
   if (display == Display::kPrompt) out_ += prompt_;
   if (display != Display::kFull) return;
-  // What was typed so far, the other end has echoed behind the prompt.
+  // The other end has echoed behind the prompt what was typed so far: erases from the first column to the screen's end,
+  // and shows the same as our own.
   if (before == Display::kPrompt) out_ += "\r\x1b[J";
   screen_.Forget();
   MarkPastes(true);
@@ -224,7 +237,7 @@ void LineEditor::Impl::MarkPastes(bool on) {
 }
 
 void LineEditor::Impl::Resize(int columns, int rows) {
-  screen_.Resize(out_, columns, rows);
+  screen_.Resize(out_, columns, rows);  // also while nothing is painted, for the next time
   if (Painted()) Refresh();
 }
 
@@ -252,6 +265,8 @@ LineEditor::Result LineEditor::Impl::Feed(std::string_view input) {
     // Only the last key of a byte can end the line: the one before it is text.
     for (std::size_t i = 0; i < keys.count; ++i) event = Handle(keys.press[i]);
     if (event == Event::kNone) continue;
+    // Telnet ends lines with CR LF or CR NUL. The second byte goes with the line when it is there; when it comes with
+    // the next input, the decoder still knows that it is no line of its own.
     if (used < input.size() && decoder_.BelongsToLineEnd(input[used])) decoder_.Put(input[used++]);
     return {used, event};
   }
@@ -265,7 +280,7 @@ LineEditor::Event LineEditor::Impl::Handle(const KeyPress& press) {
   if (search_.Active() && HandleInSearch(press)) return Event::kNone;
   switch (press.key) {
     case Key::kNone:
-    case Key::kEscape:
+    case Key::kEscape:  // Alt-. pressed twice is ESC . ESC . and must still be the same key in a row
       return Event::kNone;
     case Key::kEnter:
       return EndLine();
@@ -286,6 +301,7 @@ LineEditor::Event LineEditor::Impl::Handle(const KeyPress& press) {
   return Event::kNone;
 }
 
+// Drops keys up to and including the line's end, which ends the line as usual, but without its text.
 LineEditor::Event LineEditor::Impl::HandleWhileTooLong(Key key) {
   if (key == Key::kInterrupt) return Interrupt();
   if (key != Key::kEnter) return Event::kNone;
@@ -304,7 +320,8 @@ void LineEditor::Impl::Edit(const KeyPress& press) {
   }
 }
 
-// Nothing is shown, so only what an operator can do without seeing the line.
+// Nothing is shown: only the keys that an operator can use without seeing the line, and that the terminal's own line
+// editing has too. A tab is an ordinary character there.
 void LineEditor::Impl::EditBlind(const KeyPress& press) {
   switch (press.key) {
     case Key::kText:
@@ -349,10 +366,12 @@ bool LineEditor::Impl::HandleInSearch(const KeyPress& press) {
     case Key::kCancel:
       CancelSearch();
       return true;
-    case Key::kInterrupt:
+    case Key::kInterrupt:  // drops the line that was typed before the search, not the one that it found
       CancelSearch();
       return false;
     default:
+      // Enter runs the found line, and an arrow moves in it. An arrow's ESC comes first and takes the line over; the
+      // arrow itself then meets no search any more.
       AcceptSearch();
       return press.key == Key::kEscape;
   }
@@ -360,7 +379,7 @@ bool LineEditor::Impl::HandleInSearch(const KeyPress& press) {
 
 void LineEditor::Impl::AcceptSearch() {
   if (search_.Match()) {
-    walk_.GoTo(*search_.Match(), search_.OriginalLine());
+    walk_.GoTo(*search_.Match(), search_.OriginalLine());  // Up and Down go on from there
     buffer_.SetText(search_.Line(), search_.Cursor());
   }
   search_.End();
@@ -380,6 +399,7 @@ LineEditor::Event LineEditor::Impl::EndLine() {
 
 LineEditor::Event LineEditor::Impl::EndOfInput() {
   LeaveLine({});
+  // The cursor still stands behind the prompt: Ctrl-D and Ctrl-C, unlike Enter, are not echoed as a line's end.
   if (display_ == Display::kPrompt) out_ += "\r\n";
   return Event::kEndOfInput;
 }
@@ -399,6 +419,7 @@ void LineEditor::Impl::LeaveLine(std::string_view shown_behind) {
     screen_.Finish(out_, {prompt_, text, text.size(), {}});
     if (bell_) out_ += '\a';
   }
+  // Also when the line is not painted: the mode stays with the terminal until it is told otherwise.
   MarkPastes(false);
   bell_ = too_long_ = started_ = false;
 }
@@ -408,6 +429,7 @@ LineView LineEditor::Impl::View() const {
   return {prompt_, buffer_.Text(), buffer_.Cursor(), {}};
 }
 
+// Makes the screen show the buffer. The hint stands behind the text, so it shows only while the cursor is there too.
 void LineEditor::Impl::Refresh() {
   if (!Painted()) return;
   if (search_.Active()) search_prompt_ = search_.Prompt();
@@ -418,6 +440,7 @@ void LineEditor::Impl::Refresh() {
   bell_ = false;
 }
 
+// Asked for once per text: finding it takes a walk through the menus, and most refreshes only move the cursor.
 std::string_view LineEditor::Impl::Hint() {
   if (!hinter_) return {};
   if (!hint_known_ || hinted_line_ != buffer_.Text()) {
@@ -428,6 +451,8 @@ std::string_view LineEditor::Impl::Hint() {
   return hint_;
 }
 
+// Keys are taken while the line is hidden; a line may even begin and end meanwhile, and Show() paints what is there
+// then.
 void LineEditor::Impl::Hide() {
   if (Painted()) screen_.Erase(out_);
   hidden_ = true;
@@ -443,9 +468,10 @@ void LineEditor::Impl::Complete() {
   const std::size_t cursor = buffer_.Cursor();
   Completion completion;
   if (completer_) completion = completer_(std::string_view(buffer_.Text()).substr(0, cursor));
-  const std::size_t start = std::min(completion.start, cursor);
+  const std::size_t start = std::min(completion.start, cursor);  // candidates replace the text from there on
   if (completion.candidates.empty()) return Bell();
   if (completion.candidates.size() == 1) {
+    // The word is complete, so the next one can be typed at once; a blank that is there already does for that.
     const bool blank_follows = !buffer_.AtEnd() && buffer_.Text()[cursor] == ' ';
     const std::string& word = completion.candidates.front();
     BellUnless(buffer_.Replace(start, cursor, blank_follows ? word : word + " "));
@@ -454,10 +480,12 @@ void LineEditor::Impl::Complete() {
   }
   const std::string common = CommonPrefix(completion.candidates);
   const std::string_view typed = std::string_view(buffer_.Text()).substr(start, cursor - start);
+  // A candidate with quotes may not begin as the word was typed: putting it in would change what is there.
   const bool extends = common.size() > typed.size() && common.compare(0, typed.size(), typed) == 0;
   if (!extends || !buffer_.Replace(start, cursor, common)) ListCandidates(completion.candidates);
 }
 
+// Below the line as it stands, which then shows again below the list.
 void LineEditor::Impl::ListCandidates(const std::vector<std::string>& candidates) {
   if (!Painted()) return;
   screen_.Finish(out_, View());
@@ -469,6 +497,7 @@ void LineEditor::Impl::ShowHistoryLine(std::optional<std::string> line) {
 }
 
 void LineEditor::Impl::StepWithPrefix(Direction direction) {
+  // A step puts the cursor at the end of the line that it found: the prefix is what stood before it at the first one.
   const bool goes_on = last_key_ == Key::kPrefixBack || last_key_ == Key::kPrefixForward;
   if (!goes_on) prefix_ = buffer_.Text().substr(0, buffer_.Cursor());
   ShowHistoryLine(walk_.Step(direction, prefix_, buffer_.Text()));
@@ -488,7 +517,7 @@ void LineEditor::Impl::LastWord() {
 
 void LineEditor::Impl::ClearScreen() {
   if (!Painted()) return;
-  out_ += "\x1b[H\x1b[2J";
+  out_ += "\x1b[H\x1b[2J";  // home, then erase all: 2J alone leaves the cursor where it is
   screen_.Forget();
 }
 

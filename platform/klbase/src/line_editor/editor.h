@@ -48,7 +48,8 @@ class LineEditor {
 
   // Begins a new line: shows `prompt` (printable, no escape sequences) at the cursor, which must be in the first
   // column. While a line is edited on a kFull display, the terminal marks pasted text ("\x1b[?2004h"); that ends with
-  // the line and with SetDisplay(kNone), so who leaves in the middle of a line calls that and passes its output on.
+  // the line and with SetDisplay(kNone), so an owner that leaves in the middle of a line calls that and passes its
+  // output on.
   void Start(std::string prompt);
   // Uses input up to and including the first event. After an event the owner calls Start() before it feeds the rest
   // (with kNone it may leave that out). A Tab can show a whole list of candidates, so large input is better fed in

@@ -20,6 +20,7 @@
 namespace cli::internal {
 namespace {
 
+// Without a name, or with this one, the terminal promises no escape sequence at all.
 bool DumbTerminal() {
   const char* term = std::getenv("TERM");
   return term == nullptr || *term == '\0' || std::string_view(term) == "dumb";
@@ -50,6 +51,7 @@ void LocalConsole::Stop() {
   Wake();
 }
 
+// Any thread. The descriptor is non-blocking and adds up: a wake-up is neither waited for nor lost.
 void LocalConsole::Wake() {
   const std::uint64_t one = 1;
   [[maybe_unused]] const ssize_t written = ::write(wake_fd_, &one, sizeof one);
@@ -65,13 +67,13 @@ void LocalConsole::Run() {
 void LocalConsole::Open() {
   if (terminal_) own_output_fd_ = OpenTerminalForWriting(options_.output_fd);
   const int output_fd = own_output_fd_ >= 0 ? own_output_fd_ : options_.output_fd;
-  std::cout.flush();  // what was printed before stands above the first prompt
+  std::cout.flush();  // the process's own start-up text stands above the first prompt
   output_ = std::make_shared<OutputBuffer>(output_fd, OutputBuffer::Target::kFile, [this] { Wake(); });
   SessionConfig config;
   config.kind = terminal_ ? SessionKind::kTerminal : SessionKind::kPlain;
   config.peer = "local";
   config.output = output_;
-  if (terminal_) config.history_file = options_.history_file;
+  if (terminal_) config.history_file = options_.history_file;  // a script's lines are no operator's
   config.want_input = [this] {
     want_input_ = true;
     Wake();
@@ -81,8 +83,8 @@ void LocalConsole::Open() {
     Wake();
   };
   session_ = make_session_(std::move(config));
-  // What other threads print takes its turn in the session's output: above the line that is being typed, and without a
-  // terminal behind the answer of the command that has ended before.
+  // Output of other threads takes its turn in the session's: above the line that is being typed, and without a terminal
+  // behind the answer of the command that has ended before.
   if (!terminal_) {
     stdout_guard_ = std::make_unique<StdoutGuard>(session_);
     return session_->Start(LineEditor::Display::kNone);
@@ -90,7 +92,7 @@ void LocalConsole::Open() {
   // A terminal that can't be driven keeps its own echo and line editing.
   if (!dumb_) raw_ = std::make_unique<LocalTerminal>(options_.input_fd, output_fd);
   const auto size = LocalTerminal::WindowSize(options_.output_fd);
-  // Before the prompt shows: what others print from then on must not spoil it.
+  // Before the prompt shows, which output of other threads must not spoil.
   stdout_guard_ = std::make_unique<StdoutGuard>(session_);
   session_->Start(dumb_ ? LineEditor::Display::kPrompt : LineEditor::Display::kFull, size.columns, size.rows);
 }
@@ -99,16 +101,18 @@ void LocalConsole::Serve() {
   while (!ended_ && !stop_ && !output_->Closed() && PollOnce()) {
   }
   if (!stop_) return;
+  // The console ends: a command under way is heard, but not waited for longer than those on connections.
   const auto deadline = std::chrono::steady_clock::now() + options_.stop;
   session_->Finish();
-  output_->ReleaseWriters();
+  output_->ReleaseWriters();  // a command that waits for its reader might never end
   while (session_->CommandRunning() && std::chrono::steady_clock::now() < deadline && PollOnce()) {
   }
 }
 
-// False when polling itself fails.
+// Waits for input, room for output, a signal or a call from another thread, and handles what came. False when polling
+// itself fails, which nothing can be done about.
 bool LocalConsole::PollOnce() {
-  constexpr int kLatencyMs = 20;  // what a running command prints is written so soon
+  constexpr int kLatencyMs = 20;  // output of a running command is written so soon, not noticed by an operator
   const bool reading = want_input_ && !end_of_input_ && !stop_ && output_->Pending() <= OutputBuffer::kBusyPending;
   const bool writing = output_->Pending() > 0;
   // Entries with a negative descriptor are skipped.
@@ -130,6 +134,9 @@ void LocalConsole::HandleWake() {
   [[maybe_unused]] const ssize_t got = ::read(wake_fd_, &count, sizeof count);
 }
 
+// Ctrl-Z takes the typed line off the screen before the shell's prompt comes, and shows it again behind "fg". The
+// window may have another size then, so that is read after each event, SIGWINCH or not. SIGCONT also comes without a
+// Ctrl-Z, from "kill -STOP" and "kill -CONT": the shell may have left another mode and its own text on the screen.
 void LocalConsole::HandleTerminalEvents() {
   for (auto event = raw_->TakeEvent(); event != LocalTerminal::Event::kNone; event = raw_->TakeEvent()) {
     if (event == LocalTerminal::Event::kStop) {
@@ -156,6 +163,7 @@ void LocalConsole::ReadInput() {
     return;
   }
   if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+  // The end of a file, or a terminal that hung up: its read fails with EIO.
   end_of_input_ = true;
   session_->OnEndOfInput();
 }
@@ -173,6 +181,8 @@ void LocalConsole::DrainOutput() {
   }
 }
 
+// In this order: other threads' output finds std::cout as it was before the session goes, and the shell's prompt begins
+// in the first column of a terminal that has its own mode again.
 void LocalConsole::CloseSession() {
   stdout_guard_.reset();
   if (raw_ && output_) {

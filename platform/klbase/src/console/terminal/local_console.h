@@ -15,6 +15,8 @@
 
 namespace cli::internal {
 
+// Owned by the console, and served by the thread that calls Run(), which is the process's main thread. The descriptors
+// in the options stay the process's.
 class LocalConsole {
  public:
   // `make_session` completes the configuration that it is given (kind, output, callbacks) and registers the session.
@@ -46,9 +48,9 @@ class LocalConsole {
   const ConsoleOptions options_;
   const MakeSession make_session_;
   const bool terminal_;
-  const bool dumb_;
-  const int wake_fd_;
-  int own_output_fd_ = -1;
+  const bool dumb_;         // the terminal can't be driven: prompts only
+  const int wake_fd_;       // an eventfd; makes the poll in Run() return
+  int own_output_fd_ = -1;  // the terminal, opened once more; -1: options_.output_fd is used
   std::shared_ptr<OutputBuffer> output_;
   std::shared_ptr<ConsoleSession> session_;
   std::unique_ptr<LocalTerminal> raw_;

@@ -19,14 +19,15 @@ namespace cli::internal {
 namespace {
 
 constexpr int kFatalSignals[] = {SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGINT};
+// Handled by the thread in the console's Run(): the handler only writes the signal's number into a pipe.
 constexpr int kEventSignals[] = {SIGWINCH, SIGTSTP, SIGCONT};
 
-// What signal handlers use: plain and static, because handlers may run at any time until the process is gone.
+// Used by signal handlers: plain and static, because handlers may run at any time until the process is gone.
 std::atomic<int> g_terminal_fd{-1};  // -1: nothing to restore
 std::atomic<int> g_output_fd{-1};
 std::atomic<int> g_event_write_fd{-1};
 int g_event_read_fd = -1;
-termios g_saved;
+termios g_saved;  // as the shell left the terminal
 std::array<struct sigaction, std::size(kFatalSignals)> g_fatal_before;
 std::array<struct sigaction, std::size(kEventSignals)> g_event_before;
 
@@ -50,10 +51,12 @@ void OnFatalSignal(int signal, siginfo_t* info, void*) {
   if (!fault) ::raise(signal);
 }
 
+// Of the jobs of a shell, one may use the terminal: the kernel stops others that change its mode (SIGTTOU).
 bool InForeground(int fd) { return ::tcgetpgrp(fd) == ::getpgrp(); }
 
-// The process may end in the middle of a line, where the editor has switched it on: the shell would then get the marks
-// of a paste as text. In a signal handler too, so a terminal that takes nothing (Ctrl-S) is not waited for.
+// The process may end in the middle of a line, while the terminal marks pasted text: a shell that doesn't know the
+// marks would take them for typing. In a signal handler too, so a terminal that takes nothing (Ctrl-S) is not waited
+// for.
 void LeaveBracketedPaste(int fd) {
   constexpr char kOff[] = "\x1b[?2004l";
   pollfd writable{fd, POLLOUT, 0};
@@ -81,6 +84,7 @@ void InstallHandlers() {
   }
 }
 
+// A handler that the program has installed since then stays.
 void RemoveHandlers() {
   for (std::size_t i = 0; i < std::size(kEventSignals); ++i) {
     ::sigaction(kEventSignals[i], &g_event_before[i], nullptr);
@@ -126,6 +130,7 @@ LocalTerminal::Event LocalTerminal::TakeEvent() {
   return signal == SIGCONT ? Event::kContinued : Event::kResized;
 }
 
+// With the signal's own action: only so does the shell see a stopped job.
 void LocalTerminal::StopProcess() {
   Restore();
   struct sigaction ours {};
@@ -146,6 +151,9 @@ void LocalTerminal::EnterRawMode() {
   const int fd = g_terminal_fd;
   if (!InForeground(fd)) return;  // setting it from the background would stop the process
   termios raw = g_saved;
+  // Keys come one by one, as they are, CR and LF told apart, and Ctrl-S and Ctrl-Q are keys of the editor. ISIG stays:
+  // Ctrl-C, Ctrl-Z and Ctrl-\ are signals. OPOST stays too, so that text of other programs begins its lines in the
+  // first column.
   raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK);
   raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | IEXTEN);
   raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away what was typed before it
@@ -167,6 +175,7 @@ void LocalTerminal::Restore() {
   ::tcsetattr(fd, TCSANOW, &g_saved);
 }
 
+// The name may lead elsewhere than `fd` does, in a container or a chroot for example: only the same device will do.
 int OpenTerminalForWriting(int fd) {
   char name[256];
   if (::ttyname_r(fd, name, sizeof name) != 0) return -1;

@@ -20,7 +20,7 @@ class GuardBuffer : public std::streambuf {
     if (std::cout.rdbuf() != this) before_ = std::cout.rdbuf(this);
   }
 
-  // From now on everything goes the old way, also what a thread writes that has this buffer still in its hands.
+  // From now on everything goes the old way, also the text of a thread that is still in this buffer's functions.
   void End() {
     Pass(true);
     absl::MutexLock lock(&mutex_);
@@ -45,6 +45,7 @@ class GuardBuffer : public std::streambuf {
     return xsputn(&character, 1) == 1 ? c : traits_type::eof();
   }
 
+  // A flush shows the beginning of a line too: a program that flushes wants to be seen.
   int sync() override {
     Pass(true);
     absl::MutexLock lock(&mutex_);
@@ -64,6 +65,7 @@ class GuardBuffer : public std::streambuf {
       line_.erase(0, end);
       session = session_;
     }
+    // Without the lock: both may block, and other threads go on printing meanwhile.
     session->Notice(text);
     session->Output()->WaitForRoom();
   }
