@@ -88,7 +88,7 @@ void Connection::Refuse(std::string_view text) {
 }
 
 void Connection::Finish(std::string_view notice) {
-  finishing_ = true;
+  console_ends_ = true;
   if (phase_ == Phase::kLingering && NothingUnread()) return Close();
   if (session_) {
     session_->Finish(session_->Kind() == SessionKind::kTelnet ? notice : "");
@@ -110,7 +110,7 @@ void Connection::Abandon() {
 
 void Connection::PostResume() {
   asio::post(io_, [self = shared_from_this()] {
-    self->session_wants_input_ = true;
+    if (self->input_ == Input::kHeldBack) self->input_ = Input::kWanted;
     self->ReadOn();
   });
 }
@@ -130,19 +130,19 @@ void Connection::After(std::chrono::milliseconds time, void (Connection::*then)(
 }
 
 void Connection::AwaitReadable() {
-  if (read_pending_ || phase_ == Phase::kClosed) return;
-  read_pending_ = true;
+  if (pending_.read || phase_ == Phase::kClosed) return;
+  pending_.read = true;
   socket_.async_wait(asio::ip::tcp::socket::wait_read, [self = shared_from_this()](const std::error_code& error) {
-    self->read_pending_ = false;
+    self->pending_.read = false;
     if (!error) self->OnReadable();
   });
 }
 
 void Connection::AwaitWritable() {
-  if (write_pending_ || phase_ == Phase::kClosed) return;
-  write_pending_ = true;
+  if (pending_.write || phase_ == Phase::kClosed) return;
+  pending_.write = true;
   socket_.async_wait(asio::ip::tcp::socket::wait_write, [self = shared_from_this()](const std::error_code& error) {
-    self->write_pending_ = false;
+    self->pending_.write = false;
     if (!error) self->OnAttention();
   });
 }
@@ -195,7 +195,7 @@ void Connection::Read() {
   if (count > 0) {
     Deliver({buffer.data(), static_cast<std::size_t>(count)});
   } else if (count == 0) {
-    end_of_input_ = true;
+    input_ = Input::kEnded;
     if (phase_ == Phase::kLingering) return Close();
     if (session_) session_->OnEndOfInput();
     return;
@@ -219,9 +219,10 @@ void Connection::Deliver(std::string_view bytes) {
 
 // Input waits while the session has enough of it, or while the client doesn't read what it causes.
 void Connection::ReadOn() {
-  if (phase_ == Phase::kClosed || end_of_input_) return;
-  if (phase_ == Phase::kLingering && finishing_ && NothingUnread()) return Close();  // the console's end waits for it
-  if (phase_ == Phase::kServing && (!session_wants_input_ || output_->Pending() > OutputBuffer::kBusyPending)) return;
+  if (phase_ == Phase::kClosed || input_ == Input::kEnded) return;
+  if (phase_ == Phase::kLingering && console_ends_ && NothingUnread()) return Close();
+  const bool held_back = input_ == Input::kHeldBack || output_->Pending() > OutputBuffer::kBusyPending;
+  if (phase_ == Phase::kServing && held_back) return;
   AwaitReadable();
 }
 
@@ -239,7 +240,7 @@ void Connection::OnAttention() {
   if (output_->Closed()) return Close();
   if (!done) {
     AwaitWritable();
-    if (!std::exchange(stall_check_pending_, true)) After(owner_.Options().reader, &Connection::OnStallCheck);
+    if (!std::exchange(pending_.stall_check, true)) After(owner_.Options().reader, &Connection::OnStallCheck);
     if (output_->Pending() > OutputBuffer::kBusyPending) return;
   }
   if (phase_ == Phase::kDraining && done) return Linger();
@@ -247,13 +248,13 @@ void Connection::OnAttention() {
 }
 
 void Connection::OnStallCheck() {
-  stall_check_pending_ = false;
+  pending_.stall_check = false;
   if (phase_ == Phase::kClosed) return;
   const auto stalled = std::chrono::duration_cast<std::chrono::milliseconds>(output_->StalledFor());
   const auto limit = owner_.Options().reader;
   if (stalled >= limit) return Abort("it does not read what it is sent");
   if (stalled.count() == 0 && output_->Pending() == 0) return;
-  stall_check_pending_ = true;
+  pending_.stall_check = true;
   After(limit - stalled + std::chrono::milliseconds(1), &Connection::OnStallCheck);
 }
 
@@ -271,7 +272,7 @@ void Connection::Drain() {
 // A close with unread input would make the kernel reset the connection, and the client lose the last output: says that
 // nothing more comes, and reads until the client closes too.
 void Connection::Linger() {
-  if (end_of_input_ || (finishing_ && NothingUnread())) return Close();
+  if (input_ == Input::kEnded || (console_ends_ && NothingUnread())) return Close();
   phase_ = Phase::kLingering;
   ::shutdown(socket_.native_handle(), SHUT_WR);
   After(owner_.Options().linger, &Connection::OnLingerEnd);
@@ -298,7 +299,7 @@ void Connection::Close() {
 // --- what the telnet filter found
 
 void Connection::OnData(std::string_view bytes) {
-  if (!session_->OnInput(bytes)) session_wants_input_ = false;
+  if (!session_->OnInput(bytes)) input_ = Input::kHeldBack;
 }
 
 void Connection::OnInterrupt() { session_->OnInterrupt(); }

@@ -73,7 +73,25 @@ class Connection : public std::enable_shared_from_this<Connection>,
   void PostEnded();
 
  private:
-  enum class Phase { kSniffing, kServing, kDraining, kLingering, kClosed };
+  // Passed through from the first to the last; some are left out.
+  enum class Phase {
+    kSniffing,   // waits for the client's first byte
+    kServing,    // the session takes what comes
+    kDraining,   // nothing runs any more; the rest of the output goes out, input is dropped
+    kLingering,  // all is sent, and the client was told so; waits for its close, input is dropped
+    kClosed,
+  };
+  enum class Input {
+    kWanted,
+    kHeldBack,  // the session has enough until it calls PostResume()
+    kEnded,     // the client sends no more
+  };
+  // Operations under way, which are never begun twice. Each keeps the connection alive or looks whether it is.
+  struct Pending {
+    bool read = false;
+    bool write = false;
+    bool stall_check = false;
+  };
 
   void After(std::chrono::milliseconds time, void (Connection::*then)());
   void AwaitReadable();
@@ -112,13 +130,10 @@ class Connection : public std::enable_shared_from_this<Connection>,
   std::shared_ptr<ConsoleSession> session_;
   std::optional<TelnetFilter> filter_;
   Phase phase_ = Phase::kSniffing;
-  bool read_pending_ = false;
-  bool write_pending_ = false;
-  bool stall_check_pending_ = false;
-  bool session_wants_input_ = true;
-  bool end_of_input_ = false;
+  Input input_ = Input::kWanted;
+  Pending pending_;
   bool dumb_terminal_ = false;
-  bool finishing_ = false;  // the console ends: nobody is waited for who sent nothing
+  bool console_ends_ = false;  // a client of which nothing is unread is not waited for
 };
 
 }  // namespace cli::internal
