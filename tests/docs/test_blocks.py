@@ -12,12 +12,11 @@ from reader import BIN, Reader
 
 ROOT = markdown.ROOT
 
-# Blocks that show something which no program prints again: document, how the block begins ("":
-# each of its "text" blocks), why.
+# Blocks with a text that no program prints again: document, the block's beginning ("" for each of its "text" blocks),
+# the reason.
 SHOWN_ONLY = [
     ("docs/architecture.md", "operator ── telnet", "a picture"),
     ("README.md", "measured ", "figures of one machine; test_the_table_of_figures_is_the_benchmarks_table reads the rest"),
-    ("docs/reliability.md", "", "the report of a run of ./vex soak"),
 ]
 
 # Commands in "sh" blocks that are not run here, and why. Those of ./vex are checked against its usage text instead.
@@ -36,7 +35,7 @@ RECORD = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \d0 ")
 
 
 def kind(block):
-    """What stands behind the fence; of a block without that, what it looks like."""
+    """The word behind the fence; without one, a guess from the block's lines."""
     if block.kind in ("bash", "shell", ""):
         return "log" if block.lines and all(RECORD.match(line) for line in block.lines) else "sh"
     return block.kind
@@ -53,7 +52,7 @@ def of_kind(wanted):
 
 def test_every_block_is_accounted_for():
     unknown = [str(block) for block in markdown.BLOCKS if kind(block) not in CHECKED and not shown_only(block)]
-    assert not unknown, "say behind the fence what the block is (console, sh, cpp ...), or name it in SHOWN_ONLY"
+    assert not unknown, "put the block's kind behind the fence (console, sh, cpp ...), or name it in SHOWN_ONLY"
 
 
 @pytest.mark.parametrize("file, start, reason", SHOWN_ONLY, ids=[file for file, _, _ in SHOWN_ONLY])
@@ -66,7 +65,7 @@ CONSOLE_DOCUMENTS = [document for document in markdown.DOCUMENTS if any(b.kind =
 
 @pytest.mark.parametrize("document", CONSOLE_DOCUMENTS, ids=[document.file for document in CONSOLE_DOCUMENTS])
 def test_screens_are_what_the_programs_show(document, reader):
-    """From top to bottom, as a reader does who follows the document."""
+    """From top to bottom, in the order of the document."""
     reader.save_files(document)
     for block in document.blocks:
         if block.kind == "console":
@@ -98,7 +97,7 @@ def fits(word, form):
 
 
 def refusal(words):
-    """What is wrong with a ./vex command; None for nothing."""
+    """The fault in a ./vex command; None for a right one."""
     commands = vex_commands()
     if words[0] not in commands:
         return f"./vex knows no '{words[0]}'"
@@ -106,7 +105,7 @@ def refusal(words):
     for word in words[1:]:
         while forms and not fits(word, forms[0]):
             if not forms[0].startswith("["):
-                return f"'{word}' is no {forms[0]}"
+                return f"'{word}' is not a {forms[0]}"
             forms.pop(0)
         if not forms:
             return f"./vex {words[0]} takes no '{word}'"
@@ -199,7 +198,7 @@ def test_records_look_like_real_ones(block, reader):
     reader.stop_demo()
     log = [transcript.normal(line) for line in (reader.checkout / "build/demo/vextool.log").read_text().splitlines()]
     for line in block.lines:
-        assert transcript.normal(line) in log, f"{block}: '{line}' is no record of a start"
+        assert transcript.normal(line) in log, f"{block}: '{line}' is not a record of a start"
 
 
 @pytest.mark.parametrize("block", of_kind("ini"))
@@ -221,4 +220,4 @@ def test_the_table_of_figures_is_the_benchmarks_table():
         name = line[:columns[1]].strip()
         aim = line[columns[4]:].strip()
         assert name in source, f"{block}: the benchmarks know no '{name}'"
-        assert not aim or f'"{aim}"' in source, f"{block}: '{aim}' is no aim of the benchmarks"
+        assert not aim or f'"{aim}"' in source, f"{block}: '{aim}' is not an aim of the benchmarks"

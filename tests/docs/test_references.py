@@ -35,14 +35,15 @@ def test_links_lead_somewhere(document):
             assert anchor in markdown.document(str(file.relative_to(ROOT))).anchors(), f"{document.file}:{number}: {target}"
 
 
-# Paths that are on the device or come to be: how they begin, and what in the tree knows them.
+# Paths on the device and paths that are made later: their beginning, and the file in the tree that knows them.
 MADE = [
     ("build/bin/", None),
     ("build/demo", "vex"),
     ("docs/python/stubs", ".gitignore"),
+    ("fuzz/generated", ".gitignore"),
     ("client/", "docs/protocol.md"),
 ]
-# What the documents name of the system they run on.
+# Paths of the operating system that the documents name.
 SYSTEM = {"/usr", "/etc/vextool.password"}
 
 
@@ -96,7 +97,7 @@ def code():
 
 
 def variables_read():
-    """Of the environment: what getenv() names, and the names of ours that are handed to it."""
+    """Environment variables: the arguments of getenv(), and our names that are handed to it."""
     names = set()
     for text in code().values():
         names.update(re.findall(r'getenv\("(\w+)"\)', text))
@@ -145,7 +146,7 @@ def test_flags_named_are_known():
 
 
 def test_programs_show_their_flags():
-    """`playd --help` is what its page refers to."""
+    """Its page refers to `playd --help`."""
     assert {"address", "headless", "snapshot_dir"} <= set(flags("playd"))
     assert {"address", "record_dir", "input"} <= set(flags("encd"))
 
@@ -256,3 +257,14 @@ def test_play_states_are_the_players():
     defined = re.findall(r"^  k(\w+) = (\d+),", read("device/playd/player/play_state.h"), re.MULTILINE)
     page = re.search(r"`play_state`:([^.]*)\.", read(PLAYER_PAGE)).group(1)
     assert re.findall(r"(\d) (\w+)", page) == [(number, name.lower()) for name, number in defined]
+
+
+# The reliability pages
+
+def test_each_scenario_is_on_the_reliability_pages_under_its_title():
+    scenarios = re.search(r"^SCENARIOS = \[(.*)\]$", read("tests/soak/soak.py"), re.MULTILINE).group(1)
+    titles = {name: re.search(r'^TITLE = "(.+)"$', read(f"tests/soak/{name}.py"), re.MULTILINE).group(1)
+              for name in re.findall(r'"(\w+)"', scenarios)}
+    described = re.findall(r"^- \*\*(.+)\*\* \(`(\w+)`\): ", read("docs/reliability.md"), re.MULTILINE)
+    assert {name: title for title, name in described} == titles
+    assert set(re.findall(r"^\| \*\*(.+)\*\* \|", read("docs/reliability-last-run.md"), re.MULTILINE)) == set(titles.values())

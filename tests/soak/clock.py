@@ -9,10 +9,6 @@ from harness import Events, NumberedDaemon, Operator, Replies, Tool, end_in_orde
 from kills import until_printed
 
 TITLE = "clock steps"
-PROPERTY = ("The wall clock jumps a day ahead and a year back, also while calls and waits are under way: commands work, a "
-            "daemon that doesn't answer is given up after its 3 s, idle sessions stay, records reach the log within "
-            "a second, events come, also from a daemon that was down during the jump, and a step ahead costs no time of the "
-            "processor.")
 MINUTES = 1
 
 LIBRARIES = [f"/usr/lib/{machine}-linux-gnu/faketime/libfaketimeMT.so.1" for machine in ("x86_64", "aarch64")]
@@ -23,7 +19,7 @@ MOST_CPU = 0.25  # of one core, with 50 events a second
 
 
 class Clock:
-    """What the tool takes for the time; the file is read again each time that it asks."""
+    """The tool's wall clock: a file that is read again at each query of the time."""
 
     def __init__(self, folder, library):
         self.file = pathlib.Path(folder) / "clock"

@@ -10,16 +10,12 @@ from harness import NumberedDaemon, Operator, Program, Replies, Tool, end_in_ord
     percentile, until, PLAYER_COMMANDS
 
 TITLE = "a thousand connections"
-PROPERTY = ("While a third of them read nothing of what their commands print and a third send random bytes, telnet "
-            "rubbish, HTTP and endless lines, each working one gets every reply right. Afterwards the tool has the "
-            "threads and descriptors that it had (but for up to 32 that it keeps for calls to come), and a second crowd "
-            "leaves at most 32 MiB more memory behind than the first.")
 MINUTES = 4
 
 CONNECTIONS = 1000
 WORK_S = 45
 PACE_S = 2.0  # each worker's pause, on average: operators, not a benchmark
-MEMORY_BOUND_KIB = 32768  # the allocator keeps some of what a third of them filled, now more, now less
+MEMORY_BOUND_KIB = 32768  # the allocator keeps a varying part of the stalled readers' buffers
 KEPT = 2 * 16  # descriptors that the two daemons' clients keep for calls to come
 
 
@@ -72,7 +68,7 @@ class Crowd:
         await until(lambda: "all connected" in self.program.output(), self.soak.limit_s * 3, "the crowd is connected")
 
     async def ended(self):
-        """What they did."""
+        """Their own count of their deeds."""
         self.program.process.stdin.close()
         await self.program.ended(self.soak.limit_s)
         said = self.program.output().splitlines()[-1]

@@ -7,9 +7,6 @@ import time
 from harness import NumberedDaemon, Operator, Tool, end_in_order, plain_connection, until
 
 TITLE = "out of file descriptors"
-PROPERTY = ("With every descriptor taken by connections the tool waits without spinning, open sessions work, a command that "
-            "needs a new connection to its daemon says that it failed and works again later, and waiting operators get in "
-            "as soon as others leave.")
 MINUTES = 0.4
 
 FILES = 64
@@ -35,12 +32,12 @@ async def run(soak):
             connection.close()
         await recovered(soak, port, first)
         soak.require(await ask_at_once(soak, [first, *others]) == 0, "calls fail with descriptors to be had")
-        if number % 2 == 0:  # in the next round the daemon is connected already, in the one after it must be anew
+        if number % 2 == 0:  # in every second round the tool needs a new connection to its daemon
             continue
         daemon.kill()
         daemon = await NumberedDaemon(soak, "encd").listening()
     soak.uptime_check(tool)
-    soak.require(max(shares) <= MOST_CPU, f"it used {max(shares):.0%} of a core while it could accept nobody")
+    soak.require(max(shares) <= MOST_CPU, f"it used {max(shares):.0%} of a core while it could not accept")
     records = len(re.findall(r" 40 .*console cannot accept connections: Too many open files", tool.log()))
     soak.require(records >= len(shares), f"{records} records of level 40 for {len(shares)} times")
     soak.require("no reply within" not in tool.log(), "the log gives a wrong reason: the time was not up")
@@ -77,7 +74,7 @@ async def recovered(soak, port, first):
     try:
         (await Operator(port, limit_s=soak.limit_s).open()).close()
     except (OSError, EOFError) as failure:
-        soak.violation(f"nobody gets in after others have left: {failure!r}")
+        soak.violation(f"no operator is let in after others have left: {failure!r}")
     end = time.monotonic() + 5
     lines = []
     while time.monotonic() < end:

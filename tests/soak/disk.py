@@ -9,9 +9,6 @@ import re
 from harness import LIBC, Operator, Tool, end_in_order, until
 
 TITLE = "full disk under the log"
-PROPERTY = ("The tool goes on and commands work. It says once on standard error that the log can't be written; records of "
-            "level 40 and above go there meanwhile, so that each of them is in the log or there. The log goes on by itself "
-            "when there is room again, in whole lines.")
 MINUTES = 0.3
 
 NEW_NS, MS_REC, MS_PRIVATE = 0x20000, 0x4000, 0x40000

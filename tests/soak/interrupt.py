@@ -12,10 +12,6 @@ import time
 from harness import NumberedDaemon, Operator, Tool, milliseconds, percentile, until
 
 TITLE = "SIGINT at a random moment"
-PROPERTY = ("Status 1, within 5 s, by no signal, with the terminal as it was and no child left. Two cases are nobody's "
-            "fault: before the program's first statement, which blocks the signal, the kernel ends it as it ends every "
-            "program, so interrupts are sent from birth only with the signal blocked; and where `exit` has taken down all "
-            "of the tool and the process is about to be gone, the status is 0.")
 MINUTES = 4
 
 RUNS = 500
@@ -38,7 +34,7 @@ class Runs:
         return Tool(self.soak, *flags, name=f"vextool{self.number}", **options)
 
     async def interrupt(self, kind, tool, allowed=(1,)):
-        """Sends SIGINT and looks at the end that follows."""
+        """Sends SIGINT and checks how the tool ends."""
         if kind == "exit" and not tool.running() and tool.process.returncode == 0:
             return forget(self.soak, tool)  # `exit` was faster
         started = time.monotonic()
@@ -65,7 +61,7 @@ class Runs:
 
 
 def forget(soak, tool):
-    """Files of a run that was right; a sanitizer's report would have been a wrong status."""
+    """Removes the files of a good run; a sanitizer's report would have shown as a wrong status."""
     if soak.violations:
         return
     soak.programs.remove(tool)
@@ -80,7 +76,7 @@ async def from_birth(runs):
 
 
 async def blocked(runs, tool):
-    """From here on the program, not the kernel, says what SIGINT does."""
+    """Waits until the program has blocked SIGINT: from here on its own handler ends it, not the kernel."""
     def look():
         with contextlib.suppress(OSError):
             return os.path.basename(os.readlink(f"/proc/{tool.pid}/exe")) == "vextool" and \
@@ -115,7 +111,7 @@ async def load(runs):
 
 
 class Terminal:
-    """A pseudo terminal; what is shown on it is read away."""
+    """A pseudo terminal whose output is read, so that the tool never waits for it."""
 
     def __init__(self):
         self.master, self.slave = pty.openpty()

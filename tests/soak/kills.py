@@ -10,10 +10,6 @@ from harness import Daemon, Events, NumberedDaemon, Operator, Replies, Tool, end
     PLAYER_COMMANDS
 
 TITLE = "daemons killed at random"
-PROPERTY = ("Every reply that a daemon wrote down as sent is either shown, once and at the command that asked, or that "
-            "command says that it failed. Every event is printed at most once, in order, without a hole. After each kill "
-            "the first command succeeds and the events come again. (An event whose daemon was killed before it could note "
-            "that it was accepted counts as printed only.)")
 MINUTES = 8
 
 ENCODER_KILLS, PLAYER_KILLS, REAL_KILLS = 760, 270, 50  # a tenth of the second ones are ended in order
@@ -135,7 +131,7 @@ async def balance(soak, tool, replies, events, encoder, player):
     last.signal(signal.SIGTERM)
     await last.ended(soak.limit_s)
     player.ended_in_order.append(last)
-    await asyncio.sleep(1.0)  # what is on its way is printed; nothing tells when that is all
+    await asyncio.sleep(1.0)  # for events still under way; no signal marks the last one
     sent, unshown = replies.balance(encoder.daemons + player.daemons)
     queued, printed, gone = events.balance(player.daemons, player.ended_in_order)
     failures = replies.lost["e"] + replies.lost["p"]

@@ -9,9 +9,6 @@ import shutil
 from harness import Operator, Tool, end_in_order, until
 
 TITLE = "log file removed or moved"
-PROPERTY = ("Removed, moved away by a rotation from outside, replaced by another file, or gone with its whole folder: a new "
-            "one is begun at the same place within a second and says so; no record of level 30 and above is "
-            "missing, neither in the moved file nor in the new one, but for those in the file that was removed.")
 MINUTES = 0.3
 
 ROUNDS = 3  # of each kind

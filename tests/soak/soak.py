@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The fault and load suite. See --help, and docs/reliability.md for what it found."""
+"""The fault and load suite. See --help; docs/reliability.md says what must hold in each scenario."""
 
 import argparse
 import asyncio
@@ -33,7 +33,7 @@ PR_SET_PDEATHSIG = 1
 
 
 class Help(argparse.Action):
-    """Also for the script that asks what is to be built: there is nothing then."""
+    """Prints to standard error: the calling script reads the presets to build from standard output, and gets none."""
 
     def __init__(self, **options):
         super().__init__(nargs=0, **options)
@@ -45,7 +45,7 @@ class Help(argparse.Action):
 
 def arguments():
     parser = argparse.ArgumentParser(
-        prog="./vex soak", add_help=False, description="Runs the tool and daemons under faults and load, and checks what must hold.")
+        prog="./vex soak", add_help=False, description="Runs the tool and daemons under faults and load, and checks that its promises hold.")
     parser.add_argument("-h", "--help", action=Help, help="show this")
     parser.add_argument("minutes", nargs="?", type=float, default=FULL_MINUTES,
                         help=f"how long, roughly; the default {FULL_MINUTES} is the full suite, less scales it down")
@@ -55,8 +55,8 @@ def arguments():
     parser.add_argument("--seed", type=int, default=None, help="of the random numbers (a new one each time)")
     parser.add_argument("--bin", action="append", metavar="PRESET=FOLDER", default=[], help="where a build's programs are")
     parser.add_argument("--out", type=pathlib.Path, default=ROOT / "build" / "soak", help="folder of report and evidence")
-    parser.add_argument("--write-doc", action="store_true", help="write docs/reliability.md from this run")
-    parser.add_argument("--print-presets", action="store_true", help=argparse.SUPPRESS)  # what is to be built
+    parser.add_argument("--write-doc", action="store_true", help="write docs/reliability-last-run.md from this run")
+    parser.add_argument("--print-presets", action="store_true", help=argparse.SUPPRESS)  # those to build
     parser.add_argument("--child", nargs=2, help=argparse.SUPPRESS)  # SCENARIO PRESET: in a process of its own
     return parser.parse_args()
 
@@ -81,7 +81,7 @@ def run_child(options):
     soak = harness.Soak(folder, bin_folder(options, preset), preset, scale, options.seed)
     try:
         asyncio.run(module.run(soak))
-    except BaseException as failure:  # also a time-out: what is known is written down
+    except BaseException as failure:  # also a time-out: the result so far is written down
         soak.violation(f"the scenario could not go on: {type(failure).__name__}: {failure}")
         traceback.print_exc()
     soak.end()
@@ -100,7 +100,7 @@ def start_child(options, scenario, preset, folder):
 
 
 def run_scenario(options, scenario, preset):
-    """Its result, with what it took. Its files are kept when something was wrong."""
+    """Its result and duration. Its files are kept if there was a violation."""
     module = importlib.import_module(scenario)
     folder = options.out / preset / scenario
     # A scenario ends by itself; a harness that hangs must not.
@@ -121,8 +121,7 @@ def run_scenario(options, scenario, preset):
         tail = (folder / "scenario.log").read_text(errors="replace")[-2000:]
         result = {"violations": [f"the scenario ended without a result (limit {limit_s:.0f} s): {tail}"], "numbers": [],
                   "skipped": []}
-    result.update(scenario=scenario, preset=preset, seconds=time.monotonic() - started, title=module.TITLE,
-                  property=module.PROPERTY)
+    result.update(scenario=scenario, preset=preset, seconds=time.monotonic() - started, title=module.TITLE)
     if not result["violations"]:
         shutil.rmtree(folder)
     return result
@@ -181,11 +180,11 @@ def plain(markdown):
     return "\n".join(lines)
 
 
-def document(results, text):
-    about = (HERE / "reliability.md.in").read_text()
-    properties = {result["scenario"]: f"- **{result['title']}** (`{result['scenario']}`): {result['property']}"
-                  for result in results}
-    return about.replace("@PROPERTIES@", "\n".join(properties.values())).replace("@REPORT@", text)
+PAGE = """# Reliability: the last full run
+
+Written by `./vex soak --write-doc`. [Reliability](reliability.md) says what a run does and what must hold.
+
+"""
 
 
 def main():
@@ -208,7 +207,7 @@ def main():
     text = report(options, results)
     (options.out / "report.md").write_text("# Fault and load run\n\n" + text, encoding="utf-8")
     if options.write_doc:
-        (ROOT / "docs" / "reliability.md").write_text(document(results, text), encoding="utf-8")
+        (ROOT / "docs" / "reliability-last-run.md").write_text(PAGE + text, encoding="utf-8")
     print("\n" + plain(text))
     return 1 if any(result["violations"] for result in results) else 0
 

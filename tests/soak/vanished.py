@@ -15,9 +15,6 @@ from harness import Events, NumberedDaemon, Operator, Program, Replies, Tool, en
 from kills import until_printed
 
 TITLE = "peers that vanish"
-PROPERTY = ("An operator whose network is gone, idle, in the middle of a line or with output under way, keeps the session for "
-            "90 s at most. Calls to a frozen daemon end after their 3 s; when it goes on, commands work at once and events "
-            "come again, all of them if it was frozen for a short time.")
 MINUTES = 2.5
 
 SESSION_LIMIT_S = 90  # probed after 30 s, then every 10 s, three times; and a margin
@@ -101,7 +98,7 @@ def password_file(folder):
 
 async def vanished_operators(soak):
     if not make_cable():
-        return soak.skip("operators that vanish: this machine lets nobody make a network interface")
+        return soak.skip("operators that vanish: this machine does not allow a new network interface")
     tool = Tool(soak, name="vextool-far", environment={
         "KLBASE_CONSOLE_ADDRESS": "0.0.0.0", "KLBASE_CONSOLE_PASSWORD_FILE": password_file(soak.folder)})
     port = await tool.port()
@@ -129,7 +126,7 @@ async def vanished_operators(soak):
 
 
 async def keepalive_is_on(soak):
-    """The kernel's timer of a session that is idle: what ends it when its operator has vanished."""
+    """An idle session has the kernel's keepalive timer, which ends it when its operator has vanished."""
     tool = Tool(soak, name="vextool-probed")
     port = await tool.port()
     connection = plain_connection(port)
@@ -171,7 +168,7 @@ async def frozen_daemon(soak, seconds, whole):
     soak.require(len(events.read()[player.instance]) > seen, "no events within 6 s after the daemon went on")
     player.signal(signal.SIGTERM)
     await player.ended(soak.limit_s)
-    await asyncio.sleep(1)  # what is on its way is printed; nothing tells when that is all
+    await asyncio.sleep(1)  # for events still under way; no signal marks the last one
     balance_frozen(soak, events, player, whole)
     soak.number(f"frozen for {seconds:g} s: longest call / events back after",
                 f"{milliseconds(longest)} / {milliseconds(back)}")
@@ -183,7 +180,7 @@ def balance_frozen(soak, events, player, whole):
     if whole:
         events.balance([player], [player])
         return
-    # The connection was cut, and with it went what the daemon had already sent into it.
+    # The connection was cut, and the events that the daemon had already sent into it are lost.
     printed = events.read()[player.instance]
     soak.require(all(a < b for a, b in zip(printed, printed[1:])), "events were printed twice or out of order")
 
