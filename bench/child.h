@@ -11,8 +11,8 @@
 namespace bench {
 
 // Runs `serve(ready)` in a child; the child calls `ready` once it takes requests. The constructor returns then, or ends
-// the program with a message when the child hasn't said so within 10 s. The destructor kills the child, which also ends
-// when this process does.
+// the program with a message when the child has not called it within 10 s. The destructor kills the child, which also
+// ends when this process does.
 class Child {
  public:
   explicit Child(const std::function<void(const std::function<void()>& ready)>& serve);

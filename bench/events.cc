@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kSubscribeLimit = std::chrono::seconds(10);
-constexpr int kSilenceMs = 3000;  // what hasn't come then is lost
+constexpr int kSilenceMs = 3000;  // events that have not arrived by then count as lost
 constexpr auto kQueueFullPause = std::chrono::microseconds(100);
 
 klrpc::v1::PubsubMessage Report() {

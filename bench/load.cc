@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr int kStallTimeoutMs = 10'000;  // the run ends when nobody is answered for so long
+constexpr int kStallTimeoutMs = 10'000;  // the run ends after so long without an answer to any client
 
 struct Client {
   int fd = -1;
@@ -39,7 +39,8 @@ bool Send(const Client& client, std::string_view line) {
   return write(client.fd, line.data(), line.size()) == static_cast<ssize_t>(line.size());
 }
 
-// Reads what there is and sends the next line when an answer is complete. Returns false when the client is done or cut.
+// Reads the available bytes and sends the next line when an answer is complete. Returns false when the client has all
+// its answers or its connection broke.
 bool Advance(Client& client, std::string_view line, std::string_view end) {
   char buffer[4096];
   const ssize_t got = read(client.fd, buffer, sizeof(buffer));

@@ -1,5 +1,5 @@
-// APIClient::Call to a server that runs already: `bench_request service|seek COUNT` asks the tool's example service, or
-// the player for the position of layer 0.
+// APIClient::Call to a running server: `bench_request service|seek COUNT` calls the tool's example service, or asks the
+// player for the position of layer 0.
 #include <google/protobuf/message.h>
 
 #include <cstdio>
@@ -27,12 +27,12 @@ int Measure(const std::string& address, const google::protobuf::Message& request
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string what = argc > 1 ? argv[1] : "";
+  const std::string server = argc > 1 ? argv[1] : "";
   const std::size_t count = bench::CountArgument(argc - 1, argv + 1, 10'000);
-  if (what == "service") return Measure("unix-abstract:example@default", example::v1::ExampleRPCRequest(), count);
+  if (server == "service") return Measure("unix-abstract:example@default", example::v1::ExampleRPCRequest(), count);
   lp::v1::GetSeekOfUplayerReq seek;
   seek.set_unique_id("0");
-  if (what == "seek") return Measure("unix-abstract:playd@default", seek, count);
+  if (server == "seek") return Measure("unix-abstract:playd@default", seek, count);
   std::fprintf(stderr, "usage: bench_request service|seek COUNT\n");
   return 2;
 }

@@ -61,7 +61,7 @@ function(vex_warnings target)
   endif()
 endfunction()
 
-# What programs tell the sanitizers of the distribution's libraries.
+# Settings that programs give the sanitizers for faults in the distribution's libraries.
 if(VEX_SANITIZE)
   add_library(vextool_sanitizer OBJECT ${CMAKE_CURRENT_LIST_DIR}/../tests/support/sanitizer_options.cc)
   if(VEX_SANITIZE MATCHES thread)
@@ -70,7 +70,7 @@ if(VEX_SANITIZE)
   vex_warnings(vextool_sanitizer)
 endif()
 
-# vex_program(TARGET): what every program is built with: the warnings, and in sanitizer builds what these must know.
+# vex_program(TARGET): builds a program with our warnings and, in sanitizer builds, with the sanitizers' settings.
 function(vex_program target)
   vex_warnings(${target})
   if(TARGET vextool_sanitizer)

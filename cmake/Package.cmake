@@ -1,4 +1,4 @@
-# What `cmake --install` gives besides the platform libraries: the tool, the SDK and the CMake package `vextool`.
+# `cmake --install` of everything but the platform libraries: the tool, the SDK and the CMake package `vextool`.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS vextool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -1,5 +1,5 @@
 # Builds for 64-bit Arm Linux on another machine, with Debian's cross compiler and the arm64 libraries that stand
-# beside the machine's own (multi-arch). `./vex arm64` installs what this needs.
+# beside the machine's own (multi-arch). `./vex arm64` installs both.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

@@ -10,7 +10,7 @@ shift 2
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 
-# Tests, what serves only tests, and generated code (in the build folder) say nothing about the code that ships.
+# Tests, their helpers, and generated code (in the build folder) are not part of the code that ships.
 not_counted=(-e '.*_test\.cc' -e '.*_test_[a-z]*\.(h|cc)' -e '.*/test_[a-z]*\.h' -e '.*/[a-z]*_test_support\.h'
   -e 'device/testing/.*' -e '.*/testing\.h')
 
@@ -24,7 +24,7 @@ report() {
     --json-summary "$build/coverage/$name.json" "$@"
 }
 
-# Counts of an earlier run belong to other code.
+# Counts of an earlier run belong to older code.
 find "$build" -name '*.gcda' -delete
 tests=0
 ctest --test-dir "$build" --output-on-failure --no-tests=error -j "$(nproc)" "$@" || tests=$?

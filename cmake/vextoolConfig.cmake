@@ -13,7 +13,7 @@ if(NOT TARGET vextool::core)
     add_library(vextool::${library} INTERFACE IMPORTED)
     target_link_libraries(vextool::${library} INTERFACE ${library}::${library})
   endforeach()
-  # Linked whole: what registers itself at start would be dropped from an archive that nothing refers to.
+  # Linked whole: the linker drops a file that only registers itself, because nothing refers to it.
   foreach(library core apisdk)
     add_library(vextool::${library} INTERFACE IMPORTED)
     target_link_libraries(vextool::${library} INTERFACE

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# make.sh [--version V] [--output FOLDER] BUILD: makes the .deb packages vextool, vextool-device and vextool-dev of what
-# was built in BUILD, natively or for another architecture. Needs neither root nor network.
+# make.sh [--version V] [--output FOLDER] BUILD: makes the .deb packages vextool, vextool-device and vextool-dev of the
+# build in BUILD, native or for another architecture. Needs neither root nor network.
 set -euo pipefail
 export LC_ALL=C.UTF-8
 umask 022
@@ -26,7 +26,7 @@ cached() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 [ -n "$output" ] || output=$build/packages
 [ "$(cached VEX_SANITIZE)" = "" ] || die "$build is a sanitizer build; packages are made of a release build"
 libdir=$(cached CMAKE_INSTALL_LIBDIR)
-# Source dates of what is packed: the release's, so that the same build gives the same packages.
+# Packed files have the release's date, so that the same build gives the same packages.
 SOURCE_DATE_EPOCH=$(date -u -d "$(cached VEX_BUILD_DATE)" +%s)
 export SOURCE_DATE_EPOCH
 
@@ -158,7 +158,7 @@ finish() {
 }
 
 maintainer="${DEBFULLNAME:-vextool maintainers} <${DEBEMAIL:-maintainers@vextool.example}>"
-# What dpkg-shlibdeps reads of a source package.
+# The part of a source package that dpkg-shlibdeps reads.
 printf 'Source: vextool\nMaintainer: %s\n\nPackage: vextool\nArchitecture: any\n' "$maintainer" >"$tree/control"
 
 install_all

@@ -51,7 +51,7 @@ def map_users(pid):
 
 
 def become(command, mapped, unshared):
-    """In the child: never returns. Says by a byte when the namespace is there, and with what it goes on."""
+    """In the child; never returns. Writes "u" to `unshared` in the new namespace, and "r" once the emulator is registered."""
     try:
         check(libc.prctl(PARENT_DEATH_SIGNAL, signal.SIGKILL, 0, 0, 0))
         check(libc.unshare(NEW_USER | NEW_MOUNTS))
@@ -107,7 +107,7 @@ def main(command):
         sys.exit("use: emulated.py COMMAND...")
     if not os.access(QEMU, os.X_OK):
         sys.exit(f"emulated.py: there is no {QEMU}; apt-get install qemu-user-static")
-    if os.path.exists(f"{TABLE}/qemu-aarch64"):  # this machine does so anyway
+    if os.path.exists(f"{TABLE}/qemu-aarch64"):  # this machine runs arm64 programs without us
         os.execvp(command[0], command)
     status = run_in_own_table(command)
     if status is None:

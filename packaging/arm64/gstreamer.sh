@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# gstreamer.sh FOLDER: makes what linking against arm64's GStreamer base libraries needs, in FOLDER: link names and
-# .pc files. Debian's arm64 package that has them can't be installed beside the amd64 one; the headers are the same
+# gstreamer.sh FOLDER: makes link names and .pc files in FOLDER, for linking against arm64's GStreamer base libraries.
+# Debian's arm64 package that has them can't be installed beside the amd64 one; the headers are the same
 # files in both, and the libraries themselves (libgstreamer-plugins-base1.0-0:arm64) do install.
 set -euo pipefail
 libraries=/usr/lib/aarch64-linux-gnu

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# install.sh: installs what `./vex arm64` needs beside the packages of a native build: the cross compiler, the emulator
-# and arm64's libraries. Does nothing when all are there; takes nothing away.
+# install.sh: installs the packages that `./vex arm64` needs beside those of a native build: the cross compiler, the
+# emulator and arm64's libraries. Does nothing when all are there; takes nothing away.
 set -euo pipefail
 
 tools=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user-static dpkg-dev)

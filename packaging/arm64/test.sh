@@ -12,7 +12,7 @@ without=(
   '^package\.' '^docs' '^hygiene' '^soak' '^e2e\.demo$'
   # they encode or play, in real time, with GStreamer plugins, of which arm64's aren't installed
   '^(encd|playd)_test\.'
-  # it names a function by the program's memory map as a thread sees it, for which the emulator shows its own
+  # it names a function by the program's memory map, in place of which the emulator shows its own
   '^vextool_test\.VextoolTest\.ACrashReportNamesTheFunction$'
 )
 plugins_needed=(

@@ -1,4 +1,4 @@
-"""Asks the tool what docs/protocol.md says how it answers, with nothing but gRPC. Prints a line per question."""
+"""Makes the calls whose answers docs/protocol.md describes, with gRPC alone. Prints a line per call."""
 
 import sys
 

@@ -1,5 +1,5 @@
 """Writes the documents' C++ samples for this tree (those whose first line names a file below example/) below the given
-folder and prints their paths, separated by semicolons. What has not changed is not written again."""
+folder and prints their paths, separated by semicolons. Unchanged files are not written again."""
 
 import pathlib
 import re

@@ -33,7 +33,7 @@ class Block:
 class Document:
     file: str  # below the tree's root
     blocks: list
-    prose: list  # (line number, text) of what is in no code block
+    prose: list  # (line number, text) of the lines outside code blocks
 
     @property
     def folder(self):

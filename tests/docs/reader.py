@@ -10,11 +10,11 @@ import transcript
 from terminal import Terminal
 
 BIN = pathlib.Path(os.environ.get("VEX_BIN", markdown.ROOT / "build" / "bin")).resolve()
-INSTRUMENTED = os.environ.get("VEX_COVERAGE") in ("ON", "1")  # what is linked with it must be so, too
+INSTRUMENTED = os.environ.get("VEX_COVERAGE") in ("ON", "1")  # programs linked with it must be, too
 SAMPLES = BIN.parent / "tests" / "docs" / "bin"  # the tool with the documents' menus and modules
 LIMIT_S = 30
 AGAIN = 5
-# Belongs to whoever runs the tests, not to the reader.
+# Variables of the person who runs the tests; the reader has none of them.
 NOT_THE_READERS = ("KLBASE_", "KLRPC_", "SYSCONFIG_", "DISPLAY", "WAYLAND_DISPLAY", "PULSE_SERVER", "XDG_", "LS_COLORS")
 
 
@@ -35,7 +35,7 @@ class Reader:
         self.status = 0
 
     def make_checkout(self):
-        """The tree, with a build folder that holds what is under test and in which nothing is left to be built."""
+        """The tree, with a build folder that holds the programs under test and in which all is built."""
         self.checkout.mkdir()
         for name in os.listdir(markdown.ROOT):
             if not name.startswith(("build", "docs")):
@@ -57,7 +57,7 @@ class Reader:
         return named.group(1) if named else None
 
     def save_files(self, document):
-        """What a document tells the reader to write into files, except into those that the checkout has."""
+        """Writes the files that a document shows, except those that the checkout has."""
         for block in document.blocks:
             name = self.file_name(block)
             if block.kind in ("cpp", "cmake", "python") and name and not (self.checkout / name.split("/")[0]).is_symlink():
@@ -94,7 +94,7 @@ class Reader:
         self.close_terminals()
 
     def leave(self):
-        """Ends what runs and removes the checkout."""
+        """Ends all running programs and removes the checkout."""
         try:
             self.stop_demo()
         finally:
@@ -107,7 +107,7 @@ class Reader:
         self.demo = self.meanwhile = None
 
     def play(self, block):
-        """Does what a console block says and compares what appears. "alone" behind the fence's kind: without the demo;
+        """Follows a console block and compares the output. "alone" behind the fence's kind: without the demo;
         "beside": with it, although nothing of it shows in the block; "samples": with the document's own menus and
         modules built in; "meanwhile": its one command goes on while the next block is played, and must end then;
         "plain": with libraries that another program can be linked with as the document says."""
@@ -220,7 +220,7 @@ class Reader:
 
 
 def came_late(step, seen):
-    """A program that this machine let speak too late got a prompt, as somebody who types does. It is run again."""
+    """On a slow machine a program may speak too late, and gets a prompt as a typing operator does. It is run again."""
     return "nc -N" in step.typed and any("main> " in row for row in seen)
 
 

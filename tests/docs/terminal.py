@@ -14,7 +14,7 @@ class Terminal:
         self.screen = pyte.Screen(COLUMNS, ROWS)
         self.stream = pyte.Stream(self.screen)
         self.ended = False
-        self.top = 0  # the first row of what the last step shows
+        self.top = 0  # the first row of the last step's output
         self.child = pexpect.spawn(str(arguments[0]), [str(word) for word in arguments[1:]], encoding="utf-8",
                                    codec_errors="replace", dimensions=(ROWS, COLUMNS), cwd=str(folder),
                                    env=dict(environment, TERM="xterm-256color"))
@@ -54,6 +54,6 @@ class Terminal:
         return self.child.exitstatus if self.child.exitstatus is not None else 128 + self.child.signalstatus
 
     def close(self):
-        """Ends what still runs: as when the reader closes the window."""
+        """Ends the program if it still runs, as closing the window does."""
         if self.child.isalive():
             self.child.close(force=True)

@@ -20,7 +20,7 @@ def demo(tmp_path_factory):
 
 
 def run(demo, line):
-    """What a line prints."""
+    """The output of a line."""
     demo.top = demo.screen.cursor.y
     demo.send(line + "\r")
     assert demo.wait(lambda: demo.screen.cursor.y > demo.top and demo.rows(demo.top)[-1] == "main>"), demo.rows(demo.top)

@@ -10,7 +10,7 @@ from test_console import run
 
 GUIDE = markdown.document("docs/guide.md")
 
-# Keys: what is typed before, what the key sends, what the line is then ("^" marks the cursor).
+# Keys: the text typed before, the bytes of the key, the line afterwards ("^" marks the cursor).
 LEFT, RIGHT, UP, DOWN = "\x1b[D", "\x1b[C", "\x1b[A", "\x1b[B"
 KEYS = {
     "Left": ("ab cd", LEFT, "ab c^d"),

@@ -1,4 +1,4 @@
-"""The comparison itself: what it takes for the same, and what it doesn't."""
+"""The comparison itself: transcripts that count as the same, and transcripts that don't."""
 
 import pytest
 

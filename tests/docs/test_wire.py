@@ -1,4 +1,4 @@
-"""What docs/protocol.md says of answers, asked by a program that knows gRPC only."""
+"""The answers that docs/protocol.md describes, checked by a program that knows gRPC only."""
 
 import pathlib
 import subprocess
@@ -16,5 +16,5 @@ def test_the_tool_answers_as_the_page_says(reader):
     assert done.stdout.splitlines() == ["known OK", "unknown UNIMPLEMENTED True", "prefix UNIMPLEMENTED",
                                         "nobody UNAVAILABLE", r"health ('OK', b'\x08\x01')", "reflection True"], done.stderr
     for code in ("UNIMPLEMENTED, the text names the type URL", "UNAVAILABLE | nobody listens", "`grpc.health.v1`",
-                 "`grpc.reflection.v1alpha`", "another prefix finds no one"):
+                 "`grpc.reflection.v1alpha`", "another prefix reaches no handler"):
         assert code in PAGE

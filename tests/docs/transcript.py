@@ -1,7 +1,7 @@
-"""Console blocks: what a reader would type and what they would see, as steps that can be played and compared.
+"""Console blocks as steps that can be played and compared: a reader's input and the output that they would see.
 
 A line that begins with "$ " is typed at a shell, one that begins with a menu's prompt is typed at the console that the
-last shell command opened (or at the demo's); ^C and ^D are these keys. All other lines are what appears. "..." on a line of
+last shell command opened (or at the demo's); ^C and ^D are these keys. All other lines are output. "..." on a line of
 its own stands for any lines. "$ " and a closing backslash go on in the next line."""
 
 import dataclasses
@@ -10,7 +10,7 @@ import re
 PROMPT = re.compile(r"^((?:main|core|apisdk|encd|playd|envctl|greeting)> )(.*)$")
 ANY = "..."
 
-# What differs from run to run. Each kind is replaced by its name, in what is expected and in what is seen.
+# Parts that differ from run to run. Each is replaced by its name, in expected and in seen lines.
 VARIES = [
     ("<time>", r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d(\.\d{3})?"),
     ("<duration>", r"\b\d\d:\d\d:\d\d\b"),

@@ -1,4 +1,4 @@
-"""What the whole-process tests share: a network of their own, the tool and the daemons as children, and clients."""
+"""Shared by the whole-process tests: a network of their own, the tool and the daemons as children, and clients."""
 
 import os
 import pathlib
@@ -106,7 +106,7 @@ class Connection:
         self.socket.sendall(data if isinstance(data, bytes) else data.encode())
 
     def until(self, end):
-        """What was received up to and including `end`."""
+        """The received text up to and including `end`."""
         end = end if isinstance(end, bytes) else end.encode()
         limit = time.monotonic() + LIMIT_S
         while end not in self.received:
@@ -148,8 +148,8 @@ class Connection:
 
 
 class Program(Connection):
-    """A program that uses the console: it spoke first, so that it gets nothing but its commands' output. Where this
-    machine let it come too late for that, it has connected again."""
+    """A program that uses the console: it speaks first, so it gets nothing but its commands' output. On a slow machine
+    its first line may come too late for that; it then connects again."""
 
     def __init__(self, port):
         super().__init__(port)
@@ -165,7 +165,7 @@ class Program(Connection):
 
 @pytest.fixture
 def started():
-    """Collects what a test starts; ends it all in reverse."""
+    """Collects the programs and connections of a test; ends them in reverse order."""
     things = []
     yield things
     for thing in reversed(things):

@@ -1,4 +1,4 @@
-// An encoder daemon that misbehaves in a chosen way, or answers what it is told. It prints each request that it gets.
+// An encoder daemon that misbehaves in a chosen way, or gives the answer of its arguments. It prints each request.
 //   fake_encd status CODE TEXT | never | wrong-type | garbage | die | refuse
 #include <google/protobuf/text_format.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// A daemon that publishes player events as its standard input says, a line each:
+// A daemon that publishes the player events named on its standard input, a line each:
 //   report ID URL STATE | seek ID SEEK_MS DURATION_MS | garbage | burst COUNT GROUP
 // A burst numbers its reports from 0 and waits after each GROUP until the subscribers' queues can take the next one.
 #include <chrono>

@@ -1,4 +1,4 @@
-"""The console over TCP: programs, telnet clients, and those who mean no good."""
+"""The console over TCP: programs, telnet clients, and hostile connections."""
 
 import os
 import socket

@@ -1,4 +1,4 @@
-"""`./vex demo`, as a newcomer runs it. Only for the release build, which is what the demo runs."""
+"""`./vex demo`, as a newcomer runs it. Only for the release build: the demo runs no other."""
 
 import os
 import pathlib

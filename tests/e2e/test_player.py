@@ -36,7 +36,7 @@ def start_playd(tmp_path, started):
 
 @pytest.fixture
 def start_events(tmp_path, started):
-    """A daemon at the player's address that publishes what its standard input says; see publisher.cc."""
+    """A daemon at the player's address that publishes the events named on its standard input; see publisher.cc."""
     def start():
         daemon = Child(tmp_path, f"publisher{len(started)}", [BIN / "publisher", PLAYD],
                        dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "publisher.log")), stdin=subprocess.PIPE)
@@ -52,7 +52,7 @@ def publish(daemon, line):
 
 
 def subscriptions(log):
-    """How often a server has confirmed the subscription to both topics. The one of the reports is asked for last."""
+    """The number of times that a server has confirmed both topics. The reports are subscribed last."""
     confirmed = log.split("received a subscribe init done msg(")[1:]
     return sum("layer/result_repor" in text.split("rpc_pubsub")[0] for text in confirmed)
 

@@ -92,7 +92,7 @@ def test_the_terminal_is_as_before_after_exit_and_after_sigint(tmp_path):
         assert termios.tcgetattr(terminal_end) == before
         os.set_blocking(controller, False)
         shown += os.read(controller, 65536)
-        assert shown.rfind(b"\x1b[?2004l") > shown.rfind(b"\x1b[?2004h") >= 0  # no marks around what is pasted next
+        assert shown.rfind(b"\x1b[?2004l") > shown.rfind(b"\x1b[?2004h") >= 0  # the next paste comes without marks
         os.close(controller)
         os.close(terminal_end)
 

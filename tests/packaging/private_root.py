@@ -10,7 +10,7 @@ import time
 
 LIMIT_S = 60  # for anything that must happen; a healthy run needs a fraction
 
-# What a boot on this machine would start besides; the tests boot to the services that every boot has.
+# Units that a boot of this machine would start as well; the tests need only those that every boot has.
 TARGET = "basic.target"
 OFF = ["systemd-networkd.service", "systemd-resolved.service", "systemd-timesyncd.service", "systemd-udevd.service",
        "systemd-udev-trigger.service", "systemd-update-utmp.service", "apt-daily.timer", "apt-daily-upgrade.timer",
@@ -94,7 +94,7 @@ class PrivateRoot:
         return run("chroot", self.path, *command)
 
     def boot(self):
-        # What nspawn leaves there stays in the tests' own mount space.
+        # Files that nspawn leaves there stay in the tests' own mount space.
         run("mount", "-t", "tmpfs", "tmpfs", "/run")
         # Two test runs differ in the process id space that they have to themselves.
         name = f"vextest-{os.readlink('/proc/self/ns/pid').strip('pid:[]')}-{next(self._numbers)}"
@@ -164,7 +164,7 @@ class PrivateRoot:
 
     def stop(self):
         if self.manager is not None:
-            # All processes inside end with the first one, and that's what nspawn waits for.
+            # All processes inside end with the first one, and nspawn waits for its end.
             if self.first is not None and self.manager.poll() is None:
                 os.kill(self.first, signal.SIGKILL)
             try:

@@ -1,5 +1,5 @@
-"""run.py BUILD FILE...: runs pytest on FILEs where whatever they mount or start is gone when they end, however that is.
-Ends with status 77, the reason on standard output, where that can't be done."""
+"""run.py BUILD FILE...: runs pytest on FILEs in namespaces whose mounts and processes disappear with it, even if it is
+killed. Ends with status 77, the reason on standard output, on a machine that can't do that."""
 
 import os
 import shutil
@@ -9,9 +9,9 @@ import sys
 SKIPPED = 77
 TOOLS = {"unshare": "util-linux", "systemd-nspawn": "systemd-container", "nsenter": "util-linux", "man": "man-db",
          "dpkg-shlibdeps": "dpkg-dev", "systemd-analyze": "systemd"}
-# A process id space ends with its first process, which this one's end ends; and a mount space with its last process.
+# A process id space ends with its first process, which is killed when this one ends; a mount space with its last process.
 ALONE = ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child", "--mount-proc", "--net"]
-# The shell, as first process, takes leave of those that lost their parents.
+# The shell is the first process and reaps those whose parents have ended.
 FIRST = ["sh", "-c", '"$@"; exit $?', "sh"]
 
 

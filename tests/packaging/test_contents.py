@@ -1,4 +1,4 @@
-"""What is in the packages, looked at in a private root without a service manager."""
+"""The contents of the packages, checked in a private root without a service manager."""
 
 import os
 import re

@@ -10,7 +10,7 @@ UNITS = ["vextool.service", "encd.service", "playd.service"]
 OWN_WORDS = ["vextool", "klbase", "klrpc", "encd", "playd", "kelo", "make_sample_clip", "apisdk"]
 NEWER = "99.0"
 
-# Lines for the console out of Python, which is there: a client that speaks first.
+# Sends lines to the console as a client that speaks first. In Python, which every root here has.
 CLIENT = """
 import socket, sys
 console = socket.create_connection(("127.0.0.1", int(sys.argv[1])), 20)
@@ -58,7 +58,7 @@ def installed(shared_root):
     yield shared_root
     (shared_root.path / "etc/default/vextool").write_text("", encoding="ascii")
     shared_root.inside("rm", "-rf", "/etc/systemd/system/vextool.service.d", "/etc/vextool.password")
-    # What root's service wrote is not the user's.
+    # The files that root's service wrote do not belong to the user.
     shared_root.inside("chown", "-R", "vextool:vextool", "/var/log/vextool")
     shared_root.inside("systemctl", "daemon-reload")
     shared_root.inside("systemctl", "reset-failed")
@@ -168,7 +168,7 @@ def test_an_upgrade_restarts_what_ran_and_leaves_alone_what_did_not(own, newer_p
     for unit in ("vextool.service", "encd.service"):
         assert state(own, unit) == "active"
         assert main_process(own, unit) not in ("0", before[unit]), unit
-    # What the administrator wrote stays.
+    # The administrator's own settings stay.
     assert "git-version:" in ask(own, "core show version", port=50124)
 
 

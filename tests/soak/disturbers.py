@@ -1,5 +1,5 @@
-"""Connections that no console should have to bear: disturbers.py PORT EACH SEED. EACH of them send commands and read
-nothing, EACH send noise and come again when they are thrown out. Ends with its standard input, and says what it did."""
+"""Hostile connections: disturbers.py PORT EACH SEED. EACH of them send commands and read nothing; EACH send noise and
+reconnect when they are cut off. Runs until the end of its standard input, then prints counts of its actions."""
 
 import asyncio
 import collections
@@ -16,7 +16,7 @@ def random_bytes(rng):
 
 
 def telnet_rubbish(rng):
-    """Commands cut short, subnegotiations without an end, options nobody has."""
+    """Commands cut short, subnegotiations without an end, unknown options."""
     return b"".join(rng.choice([b"\xff", b"\xff\xfa\x18" + rng.randbytes(rng.randrange(300)), b"\xff\xf0",
                                 b"\xff" + bytes([rng.randrange(240, 255), rng.randrange(256)]), b"\xff\xf4\xff\xfd\x06",
                                 b"\xff\xfa\x1f\x00\x00\x00\x00\xff\xf0"]) for _ in range(rng.randrange(1, 40)))
@@ -93,7 +93,7 @@ class Disturbers:
 
     @staticmethod
     def read_all(connection):
-        """False at its end. Takes only so much, so that others get their turn."""
+        """False at its end. Takes a limited amount, so that the other connections get their turn."""
         for _ in range(16):
             try:
                 if not connection.recv(1 << 16):

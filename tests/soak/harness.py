@@ -1,4 +1,4 @@
-"""What the scenarios share: programs under test, operators at the console, events as printed, and the result."""
+"""Shared by the scenarios: programs under test, operators at the console, events as printed, and the result."""
 
 import asyncio
 import contextlib
@@ -101,14 +101,14 @@ class Program:
             self.process.kill()
         self.process.wait()
 
-    # What the kernel says of it.
+    # The kernel's figures.
 
     def status(self, field):
         found = re.search(rf"^{field}:\s+(\S+)", pathlib.Path(f"/proc/{self.pid}/status").read_text(), re.MULTILINE)
         return found.group(1)
 
     def rss_kib(self):
-        """What it has on its heap and stacks: pages of files come and go as the kernel likes."""
+        """Of its heap and stacks only: the kernel adds and drops pages of files as it likes."""
         return int(self.status("RssAnon"))
 
     def threads(self):
@@ -197,7 +197,7 @@ class Operator:
         self.asked = 0
 
     async def open(self, host="127.0.0.1"):
-        """Connected and known to the tool for what it is."""
+        """Connected, and recognised by the tool as a telnet client or a program."""
         while True:
             async with asyncio.timeout(self.limit_s):
                 self.reader, self.writer = await asyncio.open_connection(host, self.port)
@@ -286,7 +286,7 @@ PLAYER_COMMANDS = {"CreateUplayer": "{0}", "DeleteUplayer": "{0}", "SetVolumeOfU
 
 
 class Replies:
-    """The books: what commands showed, against what daemons wrote down that they sent."""
+    """The books: the replies that commands showed, against those in the daemons' ledgers."""
 
     def __init__(self, soak):
         self.soak = soak
@@ -327,7 +327,7 @@ class Replies:
             sent.update(daemon.ledger()[0])
         for number, token in self.shown.items():
             if sent.get(number) != token:
-                self.soak.violation(f"{token} showed reply {number}, which was sent for {sent.get(number, 'nobody')}")
+                self.soak.violation(f"{token} showed reply {number}, which was sent for {sent.get(number, 'no command')}")
         unshown = {number: token for number, token in sent.items() if number not in self.shown}
         for number, token in unshown.items():
             if token != "-" and token not in self.lost_tokens:
@@ -357,7 +357,7 @@ class Events:
             found = re.fullmatch(r" layerId            :(\S+)\n url                :numbered\n play_state         :(\d+)",
                                  "\n".join(block[1:]))
             if block[0] != BLOCK_START or not found:
-                self.soak.violation(f"no event block: {block!r}")
+                self.soak.violation(f"not an event block: {block!r}")
                 continue
             self.printed.setdefault(found.group(1), []).append(int(found.group(2)))
         return self.printed
@@ -394,7 +394,7 @@ class Soak:
     def __init__(self, folder, bin_folder, preset, scale, seed):
         self.folder, self.bin, self.preset, self.scale = folder, bin_folder, preset, scale
         self.sanitized = preset != "release"
-        self.limit_s = 60 if self.sanitized else 20  # for what takes a healthy run a moment
+        self.limit_s = 60 if self.sanitized else 20  # for steps that take a healthy run a moment
         self.random = random.Random(seed)
         self.programs, self.files = [], []
         self.violations, self.numbers, self.skipped = [], [], []
@@ -403,7 +403,7 @@ class Soak:
 
     @staticmethod
     def prefer_harness():
-        """What measures must not wait for what is measured. Only root may do that."""
+        """The measuring process must not wait for the measured ones. Only root may raise a priority."""
         with contextlib.suppress(OSError):
             os.setpriority(os.PRIO_PROCESS, 0, HARNESS_NICE)
 

@@ -1,5 +1,5 @@
-// A daemon whose every reply and event has a number of its own, and who writes each of them to a ledger before it sends
-// it, so that afterwards nothing can be lost, doubled or made up without being seen.
+// A daemon that numbers every reply and event and writes each of them to a ledger before it sends it, so that a lost,
+// doubled or invented one is noticed afterwards.
 //   numbered_daemon encd|playd LEDGER INSTANCE [MAX_DELAY_US] [EVENT_INTERVAL_US]
 // The ledger gets a line at a time, whole also when the daemon is killed:
 //   reply INSTANCE-NUMBER TOKEN | try NUMBER | sent NUMBER SUBSCRIBERS | end
@@ -46,7 +46,7 @@ class Ledger {
   Ledger(const Ledger&) = delete;
   Ledger& operator=(const Ledger&) = delete;
 
-  // One write, so that the line is whole whatever comes next. What can't be written down must not be sent.
+  // One write, so that the line is whole even when the process is killed next. Without its line nothing may be sent.
   void Write(const std::string& line) const {
     const std::string text = line + "\n";
     if (write(fd_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) _exit(3);
