@@ -1,9 +1,9 @@
-// A client on a connection, whatever it sends: the socket, the telnet protocol, the session with its thread, and
-// commands in a menu. The same bytes in any pieces run the same commands, and print the same for a program;
-// no bytes have the console send an operator what drives the terminal.
+// A client on a connection, with any bytes: the socket, the telnet protocol, the session with its thread, and
+// commands in a menu. The same bytes in any pieces run the same commands, and print the same for a program. No input
+// makes the console send an operator control sequences of the input's choosing.
 //
-// The input: how the client begins (0 a program, 1 a telnet client that agrees to everything, 2 one that says nothing
-// at first, 3 one that begins with any telnet bytes), the sizes of the pieces (a line), then the bytes.
+// The input: the kind of client (0 a program, 1 a telnet client that agrees to everything, 2 a client that is silent at
+// first, 3 a client that begins with a telnet command), the sizes of the pieces (a line), then the bytes.
 
 // clang-format off: must come first
 #include "console/tcp/asio_setup.h"
@@ -102,12 +102,12 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     Run();
     if (!closed_) Wait([this] { return Run(), closed_; });
   }
-  // What the client received.
+  // All output that the client received.
   const std::string& Received() const { return received_; }
   std::size_t Closings() const { return closings_; }
 
  private:
-  // Until all that was sent is used up and nothing runs.
+  // Runs until the server has used all input and no command runs.
   void Run() {
     Wait([this] {
       Poll();
@@ -204,7 +204,7 @@ std::string WithoutTelnet(std::string_view bytes) {
   return text;
 }
 
-// Where something stands that would drive a terminal otherwise than the line editor does; "" when nothing does.
+// The output from the first control sequence on that the line editor never writes; "" without one.
 std::string UnsafeIn(std::string_view text) {
   constexpr std::string_view kControls = "\r\n\b\a\t";
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -252,8 +252,8 @@ Outcome RunClient(int kind, std::string_view bytes, std::string_view sizes) {
   return {calls, server.Received()};
 }
 
-// Interrupts drop what waits behind a running command, and options change how what follows is read: with those it
-// matters when bytes come.
+// With interrupts and telnet commands the result depends on time: an interrupt drops the lines that wait behind a
+// running command, and a changed option changes how later bytes are read.
 bool DependsOnTime(int kind, std::string_view bytes) {
   return kind != 0 && bytes.find_first_of("\x03\xff") != std::string_view::npos;
 }
@@ -266,7 +266,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int kind = input.Number(0, 3);
   const std::string sizes(input.Line());
   const std::string_view bytes = input.Rest();
-  // A first byte that is no program's makes another client of it.
+  // A client whose first byte is IAC is not a program.
   if (kind == 0 && bytes.starts_with('\xff')) return 0;
   const Outcome whole = RunClient(kind, bytes, "");
   if (sizes.empty()) return 0;

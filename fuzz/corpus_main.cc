@@ -32,7 +32,7 @@ bool Run(const std::filesystem::path& file) {
     std::fprintf(stderr, "%s cannot be read\n", file.c_str());
     return false;
   }
-  // The last name stands above what a failing property says.
+  // The last name printed is the input of a failing property.
   std::fprintf(stderr, "%s\n", file.c_str());
   LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
   return true;

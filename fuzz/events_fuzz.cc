@@ -1,6 +1,6 @@
 // Messages of the player daemon on their way to the operator: any topic and any payload, through publish/subscribe, the
-// player API and the printers. What is printed is compared with the message as it was sent, and what isn't printed must
-// have left its record.
+// player API and the printers. The printed text is compared with the message as it was sent; a message that is
+// not printed must have left its log record.
 #include <google/protobuf/stubs/logging.h>
 
 #include <iostream>
@@ -24,7 +24,7 @@ namespace {
 using apis::RpcPlayer;
 using fuzz::Input;
 
-// A client that reaches nobody; its signals are emitted here.
+// A client without a server; this file emits its signals.
 class Client : public klrpc::APIClient {
  public:
   Client() : APIClient(std::make_unique<klrpc::APIClientOptions>("unix-abstract:nobody", 1500, 200, 500, false)) {}
@@ -52,13 +52,13 @@ Client& Subscribed() {
     const RpcPlayer player(getter);
     player.SubGetSeekOfUplayer(core::RpcUnixSocketUrl::rpc_url_example_, &PrintGetSeekResp);
     player.SubResultRepor(core::RpcUnixSocketUrl::rpc_url_example_, &PrintResultRepor);
-    google::protobuf::SetLogHandler(nullptr);  // what is wrong with a text would be said on standard error each time
+    google::protobuf::SetLogHandler(nullptr);  // else each invalid UTF-8 string is reported on standard error
     return made;
   }();
   return client;
 }
 
-// --- what is to be printed of a payload, without the printers
+// --- the expected text of a payload, without the printers
 
 constexpr char kRule[] = "***************************************\n";
 
@@ -150,7 +150,7 @@ void CheckEvent(Client& client, Input& input) {
   FUZZ_CHECK_EQUAL(records, expected.records);
 }
 
-// A stream that ended is asked for again, with its own id and topics; other states ask for nothing.
+// A stream that ended is subscribed again with its own id and topics; other states cause no request.
 void CheckState(Client& client, Input& input) {
   klrpc::v1::SubscribeState state;
   state.set_state(input.Number(0, 3));

@@ -1,4 +1,4 @@
-// What the fuzz targets share: the input, taken apart, and the check that a property holds.
+// Shared by the fuzz targets: a reader that takes the input apart, and the check of a property.
 #ifndef FUZZ_FUZZ_H_
 #define FUZZ_FUZZ_H_
 
@@ -40,7 +40,7 @@ class Input {
     return choices[Byte() % std::size(choices)];
   }
 
-  // The next `size` bytes, or what is left.
+  // The next `size` bytes, or all bytes left if there are fewer.
   std::string_view Bytes(std::size_t size) {
     const std::string_view bytes = rest_.substr(0, size);
     rest_.remove_prefix(bytes.size());

@@ -1,7 +1,7 @@
-// An operator's keystrokes, on a model of a terminal and beside a plain model of the line: what is on the screen is
-// what the line is, in any window, and neither the window nor the pieces in which the bytes come change a line.
+// An operator's keystrokes, on a model of a terminal and beside a plain model of the line: the screen shows that line
+// in any window, and neither the window nor the pieces in which the bytes come change a line.
 //
-// The input: columns, rows, then the bytes that are typed. Four of them stand for what happens around the operator:
+// The input: columns, rows, then the bytes that are typed. Four of them stand for events around the operator:
 // 0x1a takes the line off the screen and shows it again, 0x1c and two bytes size the window anew, 0x1d has others print
 // above the line, 0x1e takes the line off the screen, or shows it if it is off.
 #include <optional>
@@ -124,7 +124,7 @@ class Model {
         return;
       default:
         known_ = false;
-        kill_.reset();  // what is cut from now on is not known either
+        kill_.reset();  // the kills that follow are not known either
         return;
     }
   }
@@ -174,7 +174,7 @@ class Model {
     starts.push_back(text_.size());
     return starts;
   }
-  // What was typed may have become part of a unit; then it is left open where the cursor goes from inside it.
+  // A typed byte may have joined the unit before it. From inside a unit the cursor's next position is left open.
   std::size_t Previous() {
     const auto starts = Starts();
     const auto at = std::lower_bound(starts.begin(), starts.end(), cursor_);
@@ -269,7 +269,7 @@ class Session {
   }
 
  private:
-  // What is typed while the line is off the screen shows nothing until the line ends.
+  // Keys typed while the line is off the screen show nothing until the line ends.
   void CheckHidden(std::string_view bytes) {
     const auto screen = operator_.Terminal().Text();
     const int bells = operator_.Terminal().Bells();
@@ -301,7 +301,7 @@ class Session {
     CheckShown({fuzz::kPrompt, model_.Text(), model_.Cursor(), hint, columns_});
   }
 
-  // The wide window's row, wrapped, is what is to be seen in this one, whatever it is: a line, a search, a completion.
+  // This window must show the wide window's row, wrapped, for a line, a search and a completion alike.
   void CheckSameAsWide() {
     std::string row = RowOfCursor(wide_.Terminal());
     std::string hint;
@@ -329,7 +329,7 @@ class Session {
 
   // With the blanks at its end, which can't be seen in the wide window.
   bool MayBeHigher() const {
-    constexpr std::size_t kFewBytes = 150;  // and what is recalled and completed, which is shorter still
+    constexpr std::size_t kFewBytes = 150;  // recalled and completed text is shorter still
     return yanked_ || typed_ > kFewBytes || kWide / columns_ + 2 > rows_;
   }
 
@@ -343,7 +343,7 @@ class Session {
   }
 
   void CheckShown(const fuzz::Rendering& wanted) {
-    // Not all rows of a line that is higher than the window can be seen; which ones, depends on what was before.
+    // A line higher than the window is shown in part; which rows depends on the cursor's earlier positions.
     if (wanted.Rows() > rows_) was_higher_ = operator_.Events().size();
     if (was_higher_ == operator_.Events().size()) return;
     const std::string difference = wanted.DifferenceTo(operator_.Terminal());

@@ -1,6 +1,6 @@
-// What the line editor's screen writes to get from any line to any other, in any window, on a model of a terminal.
+// The line editor's screen on its way from any line to any other, in any window, on a model of a terminal.
 //
-// The input: columns, rows, then steps. Each is a letter and what it needs: p, t, h a line that is the prompt, the
+// The input: columns, rows, then steps. Each is a letter with its arguments: p, t, h and a line for the prompt, the
 // text, the hint; i, k a position and a piece to insert, or a length to cut; c the cursor; r columns and rows; f, e, o.
 #include <vector>
 
@@ -128,7 +128,7 @@ class Painter {
     FUZZ_CHECK(!terminal_.HasPendingWrap(), fuzz::Detail(written));
     const fuzz::Rendering wanted(prompt_, text_, Cursor(), hint_, columns_);
     was_taller_ = was_taller_ || wanted.Rows() > rows_;
-    if (was_taller_) return;  // some rows can't be seen; which ones, depends on where the cursor came from
+    if (was_taller_) return;  // some rows are hidden; which ones depends on the cursor's earlier positions
     const std::string difference = wanted.DifferenceTo(terminal_);
     FUZZ_CHECK(difference.empty(), difference + "\nwritten: " + fuzz::Detail(written));
   }

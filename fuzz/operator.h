@@ -1,4 +1,4 @@
-// An operator's end of a line editor, for fuzz targets: a terminal, and what the console makes of the editor's events.
+// An operator's end of a line editor, for fuzz targets: a terminal, and the console's reactions to the editor's events.
 #ifndef FUZZ_OPERATOR_H_
 #define FUZZ_OPERATOR_H_
 

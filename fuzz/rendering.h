@@ -1,5 +1,5 @@
-// How a line is to look on a terminal, worked out afresh and without a thought for what stood there before: what the
-// line editor's economical painting is compared with.
+// The look of a line on a terminal, rendered from nothing. The line editor paints only the changes since the screen
+// before; its result is compared with this one.
 #ifndef FUZZ_RENDERING_H_
 #define FUZZ_RENDERING_H_
 
@@ -15,7 +15,7 @@ namespace fuzz {
 
 class Rendering {
  public:
-  // `cursor` is an offset in `text`. A hint is dim and takes what is left of the row, without its last column.
+  // `cursor` is an offset in `text`. A hint is dim and takes the rest of the row, without its last column.
   Rendering(std::string_view prompt, std::string_view text, std::size_t cursor, std::string_view hint, int columns)
       : columns_(columns) {
     Write(prompt, prompt.size() + 1);
@@ -29,7 +29,7 @@ class Rendering {
 
   int Rows() const { return static_cast<int>(rows_.size()); }
 
-  // What differs on the screen from this, where the line's rows are those around the cursor; "" when nothing does.
+  // The difference between the screen and this rendering, with the line's rows found by the cursor; "" without any.
   std::string DifferenceTo(const cli::internal::TestScreen& screen) const {
     const int first = screen.Row() - cursor_row_;
     const auto rows = Split(screen.Text());

@@ -1,5 +1,5 @@
-// What an operator reads when a daemon answers a command with anything: a line typed in the menus of the tool, the
-// request that goes out, any reply, and the text on the operator's stream.
+// The text that an operator reads for any answer of a daemon: lines typed in the menus of the tool, the requests that
+// go out, any replies, and the text on the operator's stream.
 //
 // The program's own klrpc::APIClient::Call stands before that of the shared library, so that no daemon is needed.
 #include <google/protobuf/stubs/logging.h>
@@ -48,14 +48,14 @@ struct Menus {
     apis::ApiSdk::instance_.LoadApi({apis::ApiSdk::kPlayd, apis::ApiSdk::kEncd});
     encd = std::make_unique<EncdCli>(&root);
     playd = std::make_unique<PlaydCli>(&root);
-    google::protobuf::SetLogHandler(nullptr);  // what is wrong with a text would be said on standard error each time
+    google::protobuf::SetLogHandler(nullptr);  // else each invalid UTF-8 string is reported on standard error
   }
   cli::Menu root{"main"};
   std::unique_ptr<EncdCli> encd;
   std::unique_ptr<PlaydCli> playd;
 };
 
-// --- what is to be shown
+// --- the expected text
 
 enum class Kind { kResult, kTiming, kSeek, kMedia };
 struct Command {
@@ -74,7 +74,7 @@ constexpr Command kCommands[] = {
     {"SetVolumeOfUplayer", 2, Kind::kResult},
 };
 
-// The answer as a Message; defaults when it is another type's, and what was understood when it doesn't parse.
+// The answer as a Message: defaults when it has another type, and the fields before the error when it doesn't parse.
 template <typename Message>
 Message AnswerAs() {
   Message message;
@@ -210,7 +210,7 @@ void TakeAnswer(Input& input) {
   if (!behind.empty()) answer.mutable_value()->append(behind);
 }
 
-// Whether std::stoi or std::stof took each word that is no text: what they refuse is refused before anything is sent.
+// Sets `refused` when std::stoi or std::stof does not take a numeric word; nothing may be sent then.
 std::string Run(vextest::FakeSession& session, const std::vector<std::string>& words, bool& refused) {
   try {
     FUZZ_CHECK(session.Run(words), "no command takes the words");
@@ -254,8 +254,10 @@ void CheckEncoder(cli::Menu& root, Input& input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static Menus& menus = *new Menus;
   Input input(data, size);
-  requests.clear();
-  TakeAnswer(input);
-  input.Number(0, 3) == 3 ? CheckEncoder(menus.root, input) : CheckPlayer(menus.root, input);
+  for (int commands = 0; commands < 8 && !input.Empty(); ++commands) {
+    requests.clear();
+    TakeAnswer(input);
+    input.Number(0, 3) == 3 ? CheckEncoder(menus.root, input) : CheckPlayer(menus.root, input);
+  }
   return 0;
 }

@@ -24,17 +24,18 @@ if [ ! -f "$fuzz/${name}_fuzz.cc" ]; then
   exit 1
 fi
 case "$seconds" in
-  '' | *[!0-9]*) printf "vex: '%s' is no number of seconds\n" "$seconds" >&2; exit 1 ;;
+  '' | *[!0-9]*) printf "vex: '%s' is not a number of seconds\n" "$seconds" >&2; exit 1 ;;
 esac
 
 work=$build/fuzz-work/$name
-mkdir -p "$work/corpus" "$work/found"
+generated=$fuzz/generated/$name  # in no build folder, so that the inputs outlive a new one
+mkdir -p "$generated" "$work/found"
 touch "$work/started"
 dictionary=()
 [ ! -f "$fuzz/$name.dict" ] || dictionary=("-dict=$fuzz/$name.dict")
 status=0
 "$build/bin/fuzz_$name" -max_total_time="$seconds" -max_len=2048 -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-  "${dictionary[@]}" -artifact_prefix="$work/found/" "$work/corpus" "$fuzz/corpus/$name" 2>"$work/log" || status=$?
+  "${dictionary[@]}" -artifact_prefix="$work/found/" "$generated" "$fuzz/corpus/$name" 2>"$work/log" || status=$?
 
 executions=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/log")
 rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$work/log")
@@ -50,8 +51,8 @@ vex: $name failed (all of its output: $work/log)
 The input:        ${found:-none was kept}
 To see it again:  $build/bin/fuzz_$name $found
 To make it small: $build/bin/fuzz_$name -minimize_crash=1 -max_total_time=60 -exact_artifact_path=small $found
-Then mend what is wrong, with a unit test that names it, and keep the input, under a name that says what it shows:
-  cp $found $fuzz/corpus/$name/WHAT-IT-SHOWS && git add $fuzz/corpus/$name
+Then mend the fault, with a unit test that names it, and keep the small input under a name that tells of the fault:
+  cp small $fuzz/corpus/$name/NAME_OF_THE_FAULT && git add $fuzz/corpus/$name
 From then on ./vex test runs it (fuzz_corpus.$name).
 END
 exit 1

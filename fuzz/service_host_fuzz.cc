@@ -68,7 +68,7 @@ void StartHost() {
     kOptionLogLevel = 10;
     auto* made = new RpcServer;
     made->StartRpcServer();
-    google::protobuf::SetLogHandler(nullptr);  // what is wrong with a text would be said on standard error each time
+    google::protobuf::SetLogHandler(nullptr);  // else each invalid UTF-8 string is reported on standard error
     KlLogSetObserver([](const KlLogRecord& record) {
       records.push_back(std::to_string(record.level) + " " + std::string(record.text));
     });
@@ -77,7 +77,7 @@ void StartHost() {
   static_cast<void>(server);
 }
 
-// --- what a request is to be answered with
+// --- the expected answer to a request
 
 struct Outcome {
   bool taken = false;

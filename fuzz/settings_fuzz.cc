@@ -1,6 +1,7 @@
-// What the settings functions make of the answers of the device's tools: any bytes, in any pieces.
+// The settings functions with any answers of the device's tools: any bytes, in any pieces.
 //
-// Linked so that popen and pclose come here. The input: the operation, then the name, then one line per answer, whose
+// Linked so that popen and pclose come here. The input: operations, each with a name, a value and a line per answer,
+// whose
 // "\n" for a line end, "\0" for a NUL and "\\" are written so.
 #include <cstdio>
 #include <cstring>
@@ -60,7 +61,7 @@ int __wrap_pclose(FILE* pipe) {
 
 namespace {
 
-// What is written to one of the process's streams while it lives.
+// Captures one of the process's output streams as long as it lives.
 class Captured {
  public:
   explicit Captured(FILE*& stream) : stream_(stream), before_(stream) { stream_ = open_memstream(&text_, &size_); }
@@ -86,7 +87,7 @@ class Captured {
   std::size_t size_ = 0;
 };
 
-// --- what the functions are documented to do
+// --- the documented behaviour
 
 constexpr int kAttempts = 3;
 constexpr std::size_t kBufferSize = 128;
@@ -133,7 +134,8 @@ void CheckGetter(const std::string& name, bool boot_loader) {
   const bool refused = !boot_loader && whole.size() >= kBufferSize;
   const Expected expected =
       refused ? Expected() : ExpectedValue(whole.substr(0, kBufferSize - 1), boot_loader ? 163 : 54);
-  const auto buffer = std::make_unique<char[]>(kBufferSize);  // exactly what is asked for: a byte more is noticed
+  const auto buffer =
+      std::make_unique<char[]>(kBufferSize);  // of exactly the promised size, so that a write beyond it is noticed
   Captured out(stdout);
   const char* const value =
       boot_loader ? fw_getenv(name.c_str(), buffer.get()) : sysconf_getenv_safe(name.c_str(), buffer.get());
@@ -210,10 +212,7 @@ Answer TakeAnswer(Input& input) {
   return answer;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Input input(data, size);
+void CheckOperation(Input& input) {
   const int operation = input.Number(0, 5);
   const std::string name = TakeName(input);
   const std::string value = TakeName(input);
@@ -237,5 +236,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       break;
   }
   FUZZ_CHECK_EQUAL(open_pipes, 0);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input input(data, size);
+  for (int operations = 0; operations < 8 && !input.Empty(); ++operations) CheckOperation(input);
   return 0;
 }

@@ -1,7 +1,7 @@
 // From the bytes of a connection to the lines that are run: the telnet filter with the line editor behind it, and the
-// line splitter for programs. The same bytes, in whatever pieces they come, give the same lines, replies and screen.
+// line splitter for programs. The same bytes in any pieces give the same lines, replies and screen.
 //
-// The input: what kind of client, the sizes of the pieces (a line), then the bytes.
+// The input: the kind of client, the sizes of the pieces (a line), then the bytes.
 #include <optional>
 #include <vector>
 
@@ -20,7 +20,7 @@ using fuzz::Input;
 constexpr int kColumns = 33;
 constexpr int kRows = 40;
 
-// What a connection and its session do with what the filter finds.
+// Stands for a connection and its session: takes all that the filter finds to a line editor.
 class Connection : private TelnetFilter::Receiver {
  public:
   explicit Connection(bool offers) : operator_(kColumns, kRows, LineEditor::Display::kPrompt) {
@@ -40,7 +40,7 @@ class Connection : private TelnetFilter::Receiver {
     FUZZ_CHECK_EQUAL(fuzz::Detail(other.events_), fuzz::Detail(events_));
     FUZZ_CHECK_EQUAL(fuzz::Detail(other.operator_.Events()), fuzz::Detail(operator_.Events()));
     FUZZ_CHECK_EQUAL(other.replies_, replies_);
-    // How far a terminal scrolled depends on what it was shown in between.
+    // The rows that a terminal has scrolled depend on the screens in between.
     const bool scrolled = Screen().ScrolledRows() > 0 || other.Screen().ScrolledRows() > 0;
     if (!same_screen || scrolled || odd_window_) return;
     FUZZ_CHECK_EQUAL(other.Screen().Text(), Screen().Text());
@@ -52,7 +52,7 @@ class Connection : private TelnetFilter::Receiver {
   cli::internal::TestScreen& Screen() { return operator_.Terminal(); }
 
  private:
-  // Where data comes in pieces, the filter may hand it on in pieces: what was typed is compared, not how it came.
+  // The filter may hand data on in other pieces, so the typed text is compared, not the pieces.
   void OnData(std::string_view bytes) override { operator_.Type(bytes); }
   void OnInterrupt() override { operator_.Type("\x03"); }
   void OnAreYouThere() override {

@@ -26,7 +26,7 @@ using cli::internal::SplitWords;
 using cli::internal::Words;
 using fuzz::Input;
 
-// --- splitting, by another way than the console's: a table of what each character does in each state
+// --- splitting, in another way than the console's: each character's effect in each state
 
 std::vector<std::string> SplitByTable(std::string_view line, bool& valid) {
   std::vector<std::string> words;
@@ -183,7 +183,7 @@ bool IsShowable(std::string_view text) {
   return true;
 }
 
-// What the operator reads of it is one line that does nothing to the terminal.
+// The text for the operator is one line without terminal control characters.
 void CheckFailureText(const std::exception_ptr& failure) {
   const std::string text = cli::internal::FailureText(failure);
   FUZZ_CHECK(!text.empty(), "");
