@@ -15,8 +15,8 @@
 #include <filesystem>
 #include <string>
 
-#include "tests/support/limits.h"
-#include "tests/support/log_capture.h"
+#include "platform/testing/limits.h"
+#include "platform/testing/log_capture.h"
 
 namespace {
 

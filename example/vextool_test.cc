@@ -19,9 +19,9 @@
 #include "absl/synchronization/notification.h"
 #include "absl/time/time.h"
 #include "encoder/v1/encoder.pb.h"
-#include "tests/support/child_process.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/telnet_client.h"
+#include "platform/testing/child_process.h"
+#include "platform/testing/fake_daemon.h"
+#include "platform/testing/tcp_client.h"
 
 namespace {
 
@@ -105,7 +105,7 @@ TEST_F(VextoolTest, AnInterruptUnloadsInLoadOrderAndExitsWithOne) {
 
 TEST_F(VextoolTest, AnInterruptEndsLoggingBeforeTheConsoleEnds) {
   ChildProcess& tool = StartAndWaitUntilItServes("");
-  vextest::TelnetClient client(Port());
+  vextest::TcpClient client(Port());
   ASSERT_TRUE(client.Expect("main> "));
   tool.Signal(SIGINT);
   EXPECT_EQ(tool.WaitExit(), kInterrupted);
@@ -221,7 +221,7 @@ TEST_F(VextoolTest, AModuleThatNeverUnloadsDelaysTheEndForFiveSecondsOnly) {
 TEST_F(VextoolTest, AnInterruptAtTheMomentOfTheNormalEndGivesOneOfBothStatuses) {
   for (int round = 0; round < 20; ++round) {
     ChildProcess& tool = StartAndWaitUntilItServes("");
-    vextest::TelnetClient(Port()).Send("shutdown\n");
+    vextest::TcpClient(Port()).Send("shutdown\n");
     tool.Signal(SIGINT);
     const auto end = tool.WaitExit();
     ASSERT_TRUE(end);
@@ -231,7 +231,7 @@ TEST_F(VextoolTest, AnInterruptAtTheMomentOfTheNormalEndGivesOneOfBothStatuses) 
 
 TEST_F(VextoolTest, AnInterruptDuringTheNormalEndGivesStatusOne) {
   ChildProcess& tool = StartAndWaitUntilItServes("wait in its end");
-  vextest::TelnetClient(Port()).Send("shutdown\n");
+  vextest::TcpClient(Port()).Send("shutdown\n");
   ASSERT_TRUE(tool.WaitForError("scripted module ends\n"));
   tool.Signal(SIGINT);
   tool.Write("x");
@@ -240,7 +240,7 @@ TEST_F(VextoolTest, AnInterruptDuringTheNormalEndGivesStatusOne) {
 
 TEST_F(VextoolTest, AnInterruptDuringAnEndThatTakesTooLongGivesStatusOne) {
   ChildProcess& tool = StartAndWaitUntilItServes("wait in its end");
-  vextest::TelnetClient(Port()).Send("shutdown\n");
+  vextest::TcpClient(Port()).Send("shutdown\n");
   ASSERT_TRUE(tool.WaitForError("scripted module ends\n"));
   tool.Signal(SIGINT);
   EXPECT_EQ(tool.WaitExit(), kInterrupted);
@@ -260,7 +260,7 @@ TEST_F(VextoolTest, AnInterruptWhileACommandWaitsForItsDaemonEndsTheTool) {
     return !tool_is_gone.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit));
   });
   ChildProcess& tool = StartAndWaitUntilItServes("");
-  vextest::TelnetClient client(Port());
+  vextest::TcpClient client(Port());
   client.Send("encd SetQulity high\n");
   EXPECT_TRUE(encd.WaitForRequests(1));
   tool.Signal(SIGINT);
@@ -317,7 +317,7 @@ TEST_F(VextoolTest, TheLocalConsoleIsServedBesideThePort) {
   ASSERT_TRUE(tool.WaitForError("console listens on 127.0.0.1:"));
   tool.Write("core show version\n");
   EXPECT_TRUE(tool.WaitFor("git-version: "));
-  vextest::TelnetClient client(Port());
+  vextest::TcpClient client(Port());
   client.Send("core show version\n");
   EXPECT_TRUE(client.Expect("git-version: "));
 }

@@ -10,7 +10,7 @@
 #include "line_editor/editor.h"
 #include "line_editor/history.h"
 #include "line_editor/limits.h"
-#include "line_editor/test_screen.h"
+#include "platform/klbase/testing/test_screen.h"
 
 namespace fuzz {
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "fuzz/fuzz.h"
-#include "line_editor/test_screen.h"
 #include "line_editor/text.h"
+#include "platform/klbase/testing/test_screen.h"
 
 namespace fuzz {
 

@@ -19,8 +19,8 @@
 #include "example/apisdk/playd/playd_cil.h"
 #include "fuzz/fuzz.h"
 #include "klrpc/api_client.h"
+#include "platform/testing/fake_session.h"
 #include "player/v1/player.pb.h"
-#include "tests/support/fake_session.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <sstream>
 
 #include "apisdk/apisdk.h"
-#include "tests/support/fake_session.h"
-#include "tests/support/log_capture.h"
+#include "platform/testing/fake_session.h"
+#include "platform/testing/log_capture.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "absl/synchronization/mutex.h"
 #include "example/envctl/envctl_cli.h"
 #include "example/envctl/sysconf.h"
-#include "tests/support/fake_session.h"
+#include "platform/testing/fake_session.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/limits.h"
+#include "platform/testing/limits.h"
 
 // Takes standard output over from construction to destruction. Each write of up to 4096 bytes is kept apart; 200 of
 // them wait for one that reads. One thread.

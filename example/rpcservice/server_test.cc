@@ -22,9 +22,9 @@
 #include "example/rpcservice/example_rpcreq.h"
 #include "klrpc/api_client.h"
 #include "klrpc/v1/pubsub.pb.h"
+#include "platform/testing/limits.h"
+#include "platform/testing/log_capture.h"
 #include "sigslot/sigslot.h"
-#include "tests/support/limits.h"
-#include "tests/support/log_capture.h"
 
 namespace core {
 

@@ -13,7 +13,7 @@
 #include "apisdk/pubsub_sdk.h"
 #include "klbase/log_sink.h"
 #include "klrpc/api_client.h"
-#include "tests/support/log_capture.h"
+#include "platform/testing/log_capture.h"
 
 // Linked so that each client's options come here first: what was made, and in which order, shows nowhere else.
 namespace {

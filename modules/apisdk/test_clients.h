@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "klrpc/api_client.h"
-#include "tests/support/fake_daemon.h"
+#include "platform/testing/fake_daemon.h"
 
 namespace apis {
 

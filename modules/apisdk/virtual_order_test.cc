@@ -8,7 +8,7 @@
 #include "apisdk/api_player.h"
 #include "apisdk/api_pubsub.h"
 #include "klrpc/api_client.h"
-#include "tests/support/virtual_slot.h"
+#include "platform/testing/virtual_slot.h"
 
 namespace apis {
 namespace {

@@ -11,10 +11,10 @@
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
 #include "encoder/v1/encoder.pb.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/fake_session.h"
-#include "tests/support/flushed_text.h"
-#include "tests/support/log_capture.h"
+#include "platform/testing/fake_daemon.h"
+#include "platform/testing/fake_session.h"
+#include "platform/testing/flushed_text.h"
+#include "platform/testing/log_capture.h"
 
 namespace {
 

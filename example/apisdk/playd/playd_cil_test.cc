@@ -12,10 +12,10 @@
 
 #include "apisdk/apisdk.h"
 #include "core/rpc_url.h"
+#include "platform/testing/fake_daemon.h"
+#include "platform/testing/fake_session.h"
+#include "platform/testing/log_capture.h"
 #include "player/v1/player.pb.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/fake_session.h"
-#include "tests/support/log_capture.h"
 
 namespace {
 

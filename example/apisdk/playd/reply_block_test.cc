@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "tests/support/flushed_text.h"
+#include "platform/testing/flushed_text.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include "example/rpcservice/captured_output.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "modules/apisdk/test_clients.h"
+#include "platform/testing/fake_daemon.h"
+#include "platform/testing/log_capture.h"
 #include "player/v1/player.pb.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/log_capture.h"
 
 namespace {
 

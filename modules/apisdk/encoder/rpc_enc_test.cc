@@ -7,9 +7,9 @@
 
 #include "common/v1/status.pb.h"
 #include "encoder/v1/encoder.pb.h"
+#include "platform/testing/fake_daemon.h"
+#include "platform/testing/log_capture.h"
 #include "test_clients.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/log_capture.h"
 
 namespace apis {
 namespace {

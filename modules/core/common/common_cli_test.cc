@@ -7,8 +7,8 @@
 
 #include "cli/command.h"
 #include "klbase/log.h"
-#include "tests/support/fake_session.h"
-#include "tests/support/log_capture.h"
+#include "platform/testing/fake_session.h"
+#include "platform/testing/log_capture.h"
 
 namespace core {
 namespace {

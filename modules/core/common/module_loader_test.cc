@@ -12,7 +12,7 @@
 #include "absl/synchronization/notification.h"
 #include "core/module.h"
 #include "klbase/log.h"
-#include "tests/support/log_capture.h"
+#include "platform/testing/log_capture.h"
 
 namespace core {
 

@@ -12,8 +12,8 @@
 #include "common/v1/keyvalue.pb.h"
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/virtual_slot.h"
+#include "platform/testing/log_capture.h"
+#include "platform/testing/virtual_slot.h"
 
 namespace core {
 

@@ -9,14 +9,22 @@
 #include <thread>
 #include <vector>
 
+#include "platform/klrpc/testing/servers.h"
+#include "platform/testing/environment.h"
+#include "platform/testing/log_capture.h"
+#include "platform/testing/sync.h"
 #include "server/subscription_hub.h"
-#include "test_support.h"
 
 namespace klrpc::testing {
 namespace {
 
 using Texts = std::vector<std::string>;
 using std::chrono::steady_clock;
+using vextest::kLimit;
+using vextest::LogCapture;
+using vextest::LogRecord;
+using vextest::ScopedVariable;
+using vextest::Watched;
 
 // Subscribes and notes all arrivals: "topic=payload", "STATE client: topics", "ok" or "failed".
 class Listener : public sigslot::has_slots<sigslot::multi_threaded_global> {
@@ -84,7 +92,7 @@ class PubsubTest : public ::testing::Test {
   }
 
   const std::string address_ = UniqueAddress();
-  LogCapture log_;
+  LogCapture log_{40};
   std::unique_ptr<APIServer> server_ = ServeEvents(address_);
   std::unique_ptr<APIClient> client_ = Connect(address_);
   std::unique_ptr<Listener> listener_ = std::make_unique<Listener>(*client_);
@@ -188,7 +196,7 @@ TEST_F(PubsubTest, ATopicAddedBeforeTheConfirmationCameLosesNothing) {
     const std::string added = "added" + std::to_string(round);
     Subscribe(first, {first});
     // The server knows the subscription; whether the client knows that already is open.
-    const auto give_up = steady_clock::now() + kPatience;
+    const auto give_up = steady_clock::now() + kLimit;
     while (server_->Publish(Message(first, "x")) == 0 && steady_clock::now() < give_up) std::this_thread::yield();
     Subscribe(first, {added});
     ExpectState(both(first, added));
@@ -259,9 +267,9 @@ TEST_F(PubsubTest, ASubscriptionWithAnEmptyArgumentIsRefused) {
   EXPECT_FALSE(client_->SubscribeTopics("", {"a"}));
   EXPECT_FALSE(client_->SubscribeTopics("me", {}));
   EXPECT_FALSE(client_->SubscribeTopics("me", {"a", ""}));
-  const std::string record = "40 platform/klrpc/src/client/api_client SubscribeTopics: subscription at " + address_ +
-                             ": a client id and topics are needed, none of them empty";
-  EXPECT_EQ(log_.Records(), (Texts{record, record, record}));
+  const LogRecord record = {40, "platform/klrpc/src/client/api_client", "SubscribeTopics",
+                            "subscription at " + address_ + ": a client id and topics are needed, none of them empty"};
+  EXPECT_EQ(log_.Records(), (std::vector<LogRecord>{record, record, record}));
 }
 
 TEST_F(PubsubTest, AServerWithoutPublishSubscribeSaysSo) {
@@ -269,8 +277,9 @@ TEST_F(PubsubTest, AServerWithoutPublishSubscribeSaysSo) {
   server_ = Serve(address_);
   EXPECT_EQ(server_->Publish(Message("a", "x")), 0u);
   Subscribe("me", {"a"});
-  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/client/subscriptions OnLastEnded: subscription of me at " + address_ +
-                           " failed, trying again: UNIMPLEMENTED: no method /klrpc.v1.Transport/Subscribe here"));
+  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/client/subscriptions", "OnLastEnded",
+                            "subscription of me at " + address_ +
+                                " failed, trying again: UNIMPLEMENTED: no method /klrpc.v1.Transport/Subscribe here"}));
   EXPECT_TRUE(listener_->states.Get().empty());
 }
 
@@ -284,7 +293,7 @@ TEST_F(PubsubTest, APublicationThatDoesNotReachTheServerFails) {
 }
 
 TEST_F(PubsubTest, APublicationToAFrozenServerFailsAfterTheTimeLimit) {
-  const ScopedEnv limit("KLRPC_CALL_TIMEOUT_MS", "2000");
+  const ScopedVariable limit("KLRPC_CALL_TIMEOUT_MS", "2000");
   const std::string address = UniqueAddress();
   const auto client = Connect(address);
   Listener listener(*client);
@@ -300,14 +309,15 @@ TEST_F(PubsubTest, AMessageThatCannotBeSentIsRefusedWithTheReason) {
   EXPECT_FALSE(client_->PublishMessage(Message("", "x")));
   EXPECT_FALSE(client_->PublishMessage(Message("a", std::string(4u << 20, 'x'))));
   EXPECT_EQ(server_->Publish(Message("a", std::string(4u << 20, 'x'))), 0u);
-  EXPECT_EQ(
-      log_.Records(),
-      (Texts{
-          "40 platform/klrpc/src/client/publisher Publish: publication to " + address_ + ": the message has no topic",
-          "40 platform/klrpc/src/client/publisher Publish: publication on a to " + address_ +
-              ": the message has 4194312 bytes, more than the 4194304 that can be sent",
-          "40 platform/klrpc/src/server/api_server Publish: publication on a: the message has 4194312 bytes, more "
-          "than the 4194304 that can be sent"}));
+  EXPECT_EQ(log_.Records(),
+            (std::vector<LogRecord>{
+                {40, "platform/klrpc/src/client/publisher", "Publish",
+                 "publication to " + address_ + ": the message has no topic"},
+                {40, "platform/klrpc/src/client/publisher", "Publish",
+                 "publication on a to " + address_ +
+                     ": the message has 4194312 bytes, more than the 4194304 that can be sent"},
+                {40, "platform/klrpc/src/server/api_server", "Publish",
+                 "publication on a: the message has 4194312 bytes, more than the 4194304 that can be sent"}}));
 }
 
 TEST_F(PubsubTest, TheServersHookSeesEachMessageAndMayRefuseIt) {
@@ -362,9 +372,9 @@ TEST_F(PubsubTest, ASlowSubscriberLosesTheNewestAndOthersLoseNothing) {
   ASSERT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return list.size() == kept; }));
   const Texts got = listener_->messages.Get();
   for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(got[i], "a=" + std::to_string(i) + padding);
-  EXPECT_TRUE(log_.WaitFor(
-      "40 platform/klrpc/src/server/subscription_hub SendNext: subscriber slow reads too slowly: dropped " +
-      std::to_string(kMessages - kept) + " messages"));
+  EXPECT_TRUE(
+      log_.WaitFor({40, "platform/klrpc/src/server/subscription_hub", "SendNext",
+                    "subscriber slow reads too slowly: dropped " + std::to_string(kMessages - kept) + " messages"}));
   EXPECT_EQ(log_.Records().size(), 1u);
 }
 
@@ -395,9 +405,8 @@ TEST_F(PubsubTest, ASlotThatThrowsLeavesARecordAndTheClientGoesOn) {
   server_->Publish(Message("a", "bad"));
   server_->Publish(Message("a", "good"));
   ExpectMessages({"a=good"});
-  EXPECT_EQ(
-      log_.Records(),
-      Texts{"50 platform/klrpc/src/client/api_client EmitSafely: a slot of SignalSubscribeMessage: can't print that"});
+  EXPECT_EQ(log_.Records(), (std::vector<LogRecord>{{50, "platform/klrpc/src/client/api_client", "EmitSafely",
+                                                     "a slot of SignalSubscribeMessage: can't print that"}}));
 }
 
 TEST_F(PubsubTest, ADestroyedListenerHearsNothingMoreWhileEventsCome) {

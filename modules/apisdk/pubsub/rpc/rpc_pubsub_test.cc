@@ -11,9 +11,9 @@
 #include "absl/synchronization/notification.h"
 #include "absl/time/time.h"
 #include "apisdk/pubsub_sdk.h"
+#include "platform/testing/fake_daemon.h"
+#include "platform/testing/log_capture.h"
 #include "test_clients.h"
-#include "tests/support/fake_daemon.h"
-#include "tests/support/log_capture.h"
 
 namespace apis {
 namespace {

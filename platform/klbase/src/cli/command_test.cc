@@ -1,11 +1,20 @@
 #include "cli/command.h"
 
-#include <limits>
+#include <gtest/gtest.h>
 
-#include "console/console_test_support.h"
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/testing/fake_session.h"
 
 namespace cli::internal {
 namespace {
+
+using vextest::FakeSession;
 
 std::unique_ptr<Command> SetCommand(std::vector<std::string> descriptions = {}) {
   return MakeCommand(
@@ -42,7 +51,7 @@ TEST(CommandTest, HelpKeepsBracketsInsideADescription) {
 TEST(CommandTest, ExecRunsTheHandlerWithConvertedWords) {
   FakeSession session;
   EXPECT_TRUE(SetCommand()->Exec({"set", "x", "3"}, session));
-  EXPECT_EQ(session.Text(), "x=3");
+  EXPECT_EQ(session.TakeText(), "x=3");
 }
 
 TEST(CommandTest, ExecRefusesOtherWordCounts) {
@@ -51,7 +60,7 @@ TEST(CommandTest, ExecRefusesOtherWordCounts) {
   EXPECT_FALSE(command->Exec({}, session));
   EXPECT_FALSE(command->Exec({"set", "x"}, session));
   EXPECT_FALSE(command->Exec({"set", "x", "3", "4"}, session));
-  EXPECT_EQ(session.Text(), "");
+  EXPECT_EQ(session.TakeText(), "");
 }
 
 TEST(CommandTest, ExecComparesTheNameExactly) {
@@ -68,7 +77,7 @@ TEST(CommandTest, ABadWordThrowsBeforeTheHandlerRuns) {
   } catch (const std::bad_cast& e) {
     EXPECT_STREQ(e.what(), "bad from_string conversion: source string value could not be interpreted as target");
   }
-  EXPECT_EQ(session.Text(), "");
+  EXPECT_EQ(session.TakeText(), "");
 }
 
 TEST(CommandTest, TheConversionErrorNamesTheWordAndTheType) {
@@ -121,14 +130,14 @@ TEST(CommandTest, ThirteenParametersArriveInOrder) {
       "");
   FakeSession session;
   EXPECT_TRUE(command->Exec({"open", "a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k", "l", "m"}, session));
-  EXPECT_EQ(session.Text(), "abcdefghijklm");
+  EXPECT_EQ(session.TakeText(), "abcdefghijklm");
 }
 
 TEST(CommandTest, AFunctionPointerIsAHandlerToo) {
   void (*handler)(std::ostream&, const std::string&) = [](std::ostream& out, const std::string& word) { out << word; };
   FakeSession session;
   EXPECT_TRUE(MakeCommand("say", handler, "")->Exec({"say", "yes"}, session));
-  EXPECT_EQ(session.Text(), "yes");
+  EXPECT_EQ(session.TakeText(), "yes");
 }
 
 TEST(CommandTest, ExceptionsOfTheHandlerPassThrough) {

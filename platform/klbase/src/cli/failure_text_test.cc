@@ -1,9 +1,12 @@
 #include "cli/failure_text.h"
 
+#include <gtest/gtest.h>
+
 #include <stdexcept>
 #include <string>
 
-#include "console/console_test_support.h"
+#include "cli/command.h"
+#include "platform/testing/fake_session.h"
 
 namespace cli::internal {
 namespace {
@@ -33,7 +36,7 @@ TEST(FailureTextTest, AConversionErrorNamesTheParameterAsHelpShowsIt) {
   const auto command =
       MakeCommand("set", [](std::ostream&, const std::string&, const unsigned int&, const unsigned int&) {}, "",
                   {"debug", "level(int)", "other"});
-  FakeSession session;
+  vextest::FakeSession session;
   EXPECT_EQ(TextOf([&] {
               command->Exec({"set", "12a", "12a", "12a"}, session);
             }),

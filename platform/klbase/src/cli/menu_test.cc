@@ -1,12 +1,20 @@
 #include "cli/menu.h"
 
-#include <any>
-#include <thread>
+#include <gtest/gtest.h>
 
-#include "console/console_test_support.h"
+#include <any>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "platform/testing/fake_session.h"
 
 namespace cli::internal {
 namespace {
+
+using vextest::FakeSession;
 
 std::unique_ptr<Command> Say(const std::string& name, const std::string& text) {
   return MakeCommand(
@@ -56,9 +64,9 @@ TEST(MenuTest, ANullPointerIsIgnored) {
 TEST(MenuTest, ItsNameAloneEntersIt) {
   Menu root("main");
   root.Insert(std::make_unique<Menu>("sub"));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_TRUE(root.Dispatch({"sub"}, session));
-  EXPECT_EQ(session.Current(), root.Commands()[0].get());
+  EXPECT_EQ(&session.CurrentMenu(), root.Commands()[0].get());
 }
 
 TEST(MenuTest, ItsNameAndMoreWordsRunInPlace) {
@@ -66,10 +74,10 @@ TEST(MenuTest, ItsNameAndMoreWordsRunInPlace) {
   auto sub = std::make_unique<Menu>("sub");
   sub->Insert(Say("a", "ran"));
   root.Insert(std::move(sub));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_TRUE(root.Dispatch({"sub", "a"}, session));
-  EXPECT_EQ(session.Text(), "ran");
-  EXPECT_EQ(session.Current(), &root);
+  EXPECT_EQ(session.TakeText(), "ran");
+  EXPECT_EQ(&session.CurrentMenu(), &root);
   EXPECT_FALSE(root.Dispatch({"sub", "b"}, session));
 }
 
@@ -77,7 +85,7 @@ TEST(MenuTest, ADisabledSubmenuTakesNothing) {
   Menu root("main");
   CmdHandler handle = root.Insert(std::make_unique<Menu>("sub"));
   handle.Disable();
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_FALSE(root.Dispatch({"sub"}, session));
   EXPECT_EQ(HelpText(*root.Commands()[0]), "");
   EXPECT_TRUE(root.GetCompletionRecursive("main s").empty());
@@ -87,9 +95,9 @@ TEST(MenuTest, TheFirstOfTwoCommandsOfOneNameRuns) {
   Menu root("main");
   root.Insert(Say("a", "first"));
   root.Insert(Say("a", "second"));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_TRUE(root.Dispatch({"a"}, session));
-  EXPECT_EQ(session.Text(), "first");
+  EXPECT_EQ(session.TakeText(), "first");
 }
 
 TEST(MenuTest, ABadConversionLetsTheNextCommandOfTheNameTry) {
@@ -98,9 +106,9 @@ TEST(MenuTest, ABadConversionLetsTheNextCommandOfTheNameTry) {
       "a", [](std::ostream& out, const unsigned int&) { out << "number"; }, ""));
   root.Insert(MakeCommand(
       "a", [](std::ostream& out, const std::string&) { out << "text"; }, ""));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_TRUE(root.Dispatch({"a", "x"}, session));
-  EXPECT_EQ(session.Text(), "text");
+  EXPECT_EQ(session.TakeText(), "text");
 }
 
 TEST(MenuTest, WhenNoneTakesTheLineTheFirstConversionErrorIsThrown) {
@@ -108,7 +116,7 @@ TEST(MenuTest, WhenNoneTakesTheLineTheFirstConversionErrorIsThrown) {
   root.Insert(MakeCommand(
       "a", [](std::ostream&, const unsigned int&) {}, ""));
   root.Insert(Say("b", ""));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_THROW(root.Dispatch({"a", "x"}, session), bad_conversion);
   EXPECT_FALSE(root.Dispatch({"c"}, session));
 }
@@ -118,9 +126,9 @@ TEST(MenuTest, AnyBadCastMeansThatTheCommandDidNotTakeTheLine) {
   root.Insert(MakeCommand(
       "a", [](std::ostream&) { std::any_cast<int>(std::any("text")); }, ""));
   root.Insert(Say("a", "second"));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_TRUE(root.Dispatch({"a"}, session));
-  EXPECT_EQ(session.Text(), "second");
+  EXPECT_EQ(session.TakeText(), "second");
 }
 
 TEST(MenuTest, CompletionOfAnEmptyLineOffersEveryEnabledCommand) {
@@ -177,9 +185,9 @@ TEST(CmdHandlerTest, ACommandThatRemovesItselfRunsToItsEnd) {
         out << *text;
       },
       ""));
-  FakeSession session(&root);
+  FakeSession session(root);
   EXPECT_TRUE(root.Dispatch({"a"}, session));
-  EXPECT_EQ(session.Text(), "still here");
+  EXPECT_EQ(session.TakeText(), "still here");
   EXPECT_TRUE(root.Commands().empty());
 }
 
@@ -190,7 +198,7 @@ TEST(MenuTest, CommandsComeAndGoWhileOthersAreDispatched) {
   std::thread changer([&root, &stop] {
     while (!stop) root.Insert(Say("goes", "")).Remove();
   });
-  FakeSession session(&root);
+  FakeSession session(root);
   for (int i = 0; i < 2000; ++i) EXPECT_TRUE(root.Dispatch({"stays"}, session));
   stop = true;
   changer.join();

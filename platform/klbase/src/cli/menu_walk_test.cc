@@ -1,7 +1,13 @@
 #include "cli/menu_walk.h"
 
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "console/builtins.h"
-#include "console/console_test_support.h"
 
 namespace cli::internal {
 namespace {

@@ -1,8 +1,14 @@
 #include "cli/plugin.h"
 
-#include <algorithm>
+#include <gtest/gtest.h>
 
-#include "console/console_test_support.h"
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "cli/menu.h"
+#include "console/console.h"
+#include "console/options.h"
 
 namespace cli::internal {
 namespace {

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
-#include "console/console_test_support.h"
 #include "console/session/console_session.h"
+#include "platform/testing/sync.h"
 
 namespace cli::internal {
 namespace {
@@ -32,10 +32,10 @@ class BuiltinsTest : public testing::Test, private SessionHost {
     session->Start(LineEditor::Display::kNone);
     session->OnInput(lines);
     session->OnEndOfInput();
-    EXPECT_TRUE(WaitFor([&ended] { return ended.load(); }));
+    EXPECT_TRUE(vextest::WaitFor([&ended] { return ended.load(); }));
     EXPECT_TRUE(session->Output()->Flush());
     session->Close();
-    EXPECT_TRUE(WaitFor([&session] { return session->ThreadDone(); }));
+    EXPECT_TRUE(vextest::WaitFor([&session] { return session->ThreadDone(); }));
     session->Join();
     char printed[4096];
     const ssize_t size = ::read(ends[0], printed, sizeof printed);

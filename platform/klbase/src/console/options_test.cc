@@ -1,25 +1,15 @@
 #include "console/options.h"
 
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
 #include "gtest/gtest.h"
+#include "platform/testing/environment.h"
 
 namespace cli::internal {
 namespace {
 
-// An environment variable for one test.
-class Variable {
- public:
-  Variable(const char* name, const std::string& value) : name_(name) { ::setenv(name, value.c_str(), 1); }
-  ~Variable() { ::unsetenv(name_); }
-  Variable(const Variable&) = delete;
-  Variable& operator=(const Variable&) = delete;
-
- private:
-  const char* const name_;
-};
+using Variable = vextest::ScopedVariable;
 
 TEST(ConsoleOptionsTest, DefaultsAreLoopbackAnd64Sessions) {
   const ConsoleOptions options = OptionsFromEnvironment(false, 50000);

@@ -1,11 +1,25 @@
 #include "console/output_buffer.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include "console/console_test_support.h"
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <initializer_list>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "platform/testing/sync.h"
 
 namespace cli::internal {
 namespace {
+
+using namespace std::chrono_literals;
 
 struct SocketPair {
   SocketPair() {
@@ -52,7 +66,7 @@ TEST(OutputBufferTest, WaitingUntilAllIsWrittenEndsWhenTheReaderHasTakenIt) {
   std::atomic<bool> written{false};
   std::thread writer([&] { written = output.WaitUntilWritten(); });
   std::size_t received = 0;
-  EXPECT_TRUE(WaitFor([&] {
+  EXPECT_TRUE(vextest::WaitFor([&] {
     received += pair.Read().size();
     output.Flush();  // the transport's part
     return received == 8U << 20;

@@ -1,7 +1,7 @@
 #include "line_editor/editor.h"
 
 #include "line_editor/limits.h"
-#include "line_editor/test_fixture.h"
+#include "platform/klbase/testing/line_editor_fixture.h"
 
 namespace cli::internal {
 namespace {

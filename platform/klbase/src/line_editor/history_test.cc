@@ -15,11 +15,13 @@
 #include <fstream>
 #include <memory>
 #include <optional>
-#include <sstream>
+#include <string>
 #include <thread>
 
-#include "klbase/log_sink.h"
 #include "line_editor/limits.h"
+#include "platform/testing/environment.h"
+#include "platform/testing/log_capture.h"
+#include "platform/testing/scratch_folder.h"
 
 namespace cli::internal {
 namespace {
@@ -51,25 +53,7 @@ class FullDisk {
 
 class HistoryTest : public testing::Test {
  protected:
-  HistoryTest() {
-    std::string pattern = testing::TempDir() + "/history_test.XXXXXX";
-    folder_ = mkdtemp(pattern.data());
-    file_ = folder_ + "/history";
-    KlLogSetObserver([this](const KlLogRecord& record) {
-      records_.push_back(std::to_string(record.level) + " " + std::string(record.text));
-    });
-  }
-  ~HistoryTest() override {
-    KlLogSetObserver({});
-    chmod(folder_.c_str(), 0700);
-    std::filesystem::remove_all(folder_);
-  }
-
-  std::string Content() const {
-    std::ostringstream content;
-    content << std::ifstream(file_).rdbuf();
-    return content.str();
-  }
+  std::string Content() const { return vextest::ReadFile(file_); }
   // A line that finds the file locked for long is appended later; waits for that.
   bool Saved(History& history, const std::string& line) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -85,9 +69,10 @@ class HistoryTest : public testing::Test {
     return stat(file_.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
   }
 
-  std::string folder_;
-  std::string file_;
-  std::vector<std::string> records_;
+  const vextest::ScratchFolder scratch_;
+  const std::string folder_ = scratch_.Path();
+  const std::string file_ = scratch_ / "history";
+  const vextest::LogCapture log_{20};
 };
 
 TEST_F(HistoryTest, KeepsLinesInOrder) {
@@ -217,7 +202,7 @@ TEST_F(HistoryTest, ManyConsolesAtOnceCutTheFileSafely) {
   EXPECT_EQ(std::count_if(history.Lines().begin(), history.Lines().end(),
                           [](const std::string& line) { return line.compare(0, 4, "new ") == 0; }),
             200);
-  EXPECT_THAT(records_, IsEmpty());
+  EXPECT_THAT(log_.Texts(), IsEmpty());
 }
 
 TEST_F(HistoryTest, ALineThatFindsTheFileLockedIsAppendedWithTheNext) {
@@ -237,9 +222,9 @@ TEST_F(HistoryTest, AFolderThatIsMissingMakesItAHistoryInMemory) {
   history.Add("one");
   history.Add("two");
   EXPECT_THAT(history.Lines(), ElementsAre("one", "two"));
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + folder_ +
-                                    "/missing/history' is not used, opening it failed: "
-                                    "No such file or directory; lines are kept in memory only\n"));
+  EXPECT_THAT(log_.Texts(), ElementsAre("40 history file '" + folder_ +
+                                        "/missing/history' is not used, opening it failed: "
+                                        "No such file or directory; lines are kept in memory only\n"));
 }
 
 TEST_F(HistoryTest, AFolderWithoutRightsMakesItAHistoryInMemory) {
@@ -248,9 +233,9 @@ TEST_F(HistoryTest, AFolderWithoutRightsMakesItAHistoryInMemory) {
   History history(file_);
   history.Add("one");
   EXPECT_THAT(history.Lines(), ElementsAre("one"));
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
-                                    "' is not used, opening it failed: Permission denied; lines are kept in memory "
-                                    "only\n"));
+  EXPECT_THAT(log_.Texts(), ElementsAre("40 history file '" + file_ +
+                                        "' is not used, opening it failed: Permission denied; lines are kept in memory "
+                                        "only\n"));
 }
 
 TEST_F(HistoryTest, AFullDiskLeavesNoHalfOfALine) {
@@ -262,9 +247,9 @@ TEST_F(HistoryTest, AFullDiskLeavesNoHalfOfALine) {
   }
   EXPECT_EQ(Content(), "one\n");
   EXPECT_THAT(history.Lines(), ElementsAre("one", "a longer line"));
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
-                                    "' is not used, writing it failed: File too large; lines are kept in memory "
-                                    "only\n"));
+  EXPECT_THAT(log_.Texts(), ElementsAre("40 history file '" + file_ +
+                                        "' is not used, writing it failed: File too large; lines are kept in memory "
+                                        "only\n"));
 }
 
 TEST_F(HistoryTest, AFileThatCannotBeCutStaysWhole) {
@@ -277,9 +262,10 @@ TEST_F(HistoryTest, AFileThatCannotBeCutStaysWhole) {
   }
   EXPECT_EQ(Content(), lines);
   EXPECT_FALSE(std::filesystem::exists(file_ + ".new"));
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
-                                    "' is not used, writing its shorter form failed: File too large; lines are kept "
-                                    "in memory only\n"));
+  EXPECT_THAT(log_.Texts(),
+              ElementsAre("40 history file '" + file_ +
+                          "' is not used, writing its shorter form failed: File too large; lines are kept "
+                          "in memory only\n"));
 }
 
 TEST_F(HistoryTest, ASymbolicLinkIsNotFollowed) {
@@ -287,16 +273,17 @@ TEST_F(HistoryTest, ASymbolicLinkIsNotFollowed) {
   History history(file_);
   history.Add("one");
   EXPECT_FALSE(std::filesystem::exists(folder_ + "/elsewhere"));
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
-                                    "' is not used, it is a symbolic link: Too many levels of symbolic links; lines "
-                                    "are kept in memory only\n"));
+  EXPECT_THAT(log_.Texts(),
+              ElementsAre("40 history file '" + file_ +
+                          "' is not used, it is a symbolic link: Too many levels of symbolic links; lines "
+                          "are kept in memory only\n"));
 }
 
 TEST_F(HistoryTest, ANamedPipeIsNotWaitedFor) {
   ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
   const History history(file_);
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
-                                    "' is not used, it is no regular file; lines are kept in memory only\n"));
+  EXPECT_THAT(log_.Texts(), ElementsAre("40 history file '" + file_ +
+                                        "' is not used, it is no regular file; lines are kept in memory only\n"));
 }
 
 TEST_F(HistoryTest, AnotherUsersFileIsNotUsed) {
@@ -304,8 +291,8 @@ TEST_F(HistoryTest, AnotherUsersFileIsNotUsed) {
   Write("theirs\n");
   ASSERT_EQ(chown(file_.c_str(), 12345, 12345), 0);
   EXPECT_THAT(History(file_).Lines(), IsEmpty());
-  EXPECT_THAT(records_, ElementsAre("40 history file '" + file_ +
-                                    "' is not used, it belongs to another user; lines are kept in memory only\n"));
+  EXPECT_THAT(log_.Texts(), ElementsAre("40 history file '" + file_ +
+                                        "' is not used, it belongs to another user; lines are kept in memory only\n"));
 }
 
 TEST_F(HistoryTest, AFileThatVanishesIsMadeAgain) {
@@ -314,24 +301,14 @@ TEST_F(HistoryTest, AFileThatVanishesIsMadeAgain) {
   unlink(file_.c_str());
   history.Add("two");
   EXPECT_EQ(Content(), "two\n");
-  EXPECT_THAT(records_, IsEmpty());
+  EXPECT_THAT(log_.Texts(), IsEmpty());
 }
 
 class DefaultHistoryFileTest : public HistoryTest {
  protected:
-  DefaultHistoryFileTest() {
-    for (const char* name : {"KLBASE_HISTORY_FILE", "XDG_STATE_HOME", "HOME"}) {
-      const char* value = getenv(name);
-      saved_.emplace_back(name, value == nullptr ? std::nullopt : std::optional<std::string>(value));
-      unsetenv(name);
-    }
-  }
-  ~DefaultHistoryFileTest() override {
-    for (const auto& [name, value] : saved_) value ? setenv(name, value->c_str(), 1) : unsetenv(name);
-  }
-
- private:
-  std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
+  const vextest::ScopedVariable file_variable_{"KLBASE_HISTORY_FILE", std::nullopt};
+  const vextest::ScopedVariable state_variable_{"XDG_STATE_HOME", std::nullopt};
+  const vextest::ScopedVariable home_variable_{"HOME", std::nullopt};
 };
 
 TEST_F(DefaultHistoryFileTest, StandsInTheHomeFolder) {

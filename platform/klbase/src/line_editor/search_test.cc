@@ -1,6 +1,6 @@
 #include "line_editor/search.h"
 
-#include "line_editor/test_fixture.h"
+#include "platform/klbase/testing/line_editor_fixture.h"
 
 namespace cli::internal {
 namespace {

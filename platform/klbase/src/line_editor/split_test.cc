@@ -2,7 +2,7 @@
 #include <ostream>
 #include <random>
 
-#include "line_editor/test_fixture.h"
+#include "platform/klbase/testing/line_editor_fixture.h"
 
 namespace cli::internal {
 namespace {

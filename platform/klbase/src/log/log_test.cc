@@ -13,11 +13,16 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "klbase/log_sink.h"
+#include "platform/testing/child_process.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 
 namespace {
 
@@ -29,8 +34,11 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
+using vextest::ExitState;
+using vextest::ReadFile;
+using vextest::WaitFor;
 
-constexpr auto kPatience = std::chrono::seconds(20);
+constexpr ExitState kSucceeded = {0, 0};
 
 // Options may be used before main().
 const int32_t level_at_static_initialisation = kOptionLogLevel.load();
@@ -38,9 +46,6 @@ const int32_t level_at_static_initialisation = kOptionLogLevel.load();
 class LogTest : public testing::Test {
  protected:
   LogTest() {
-    std::string pattern = testing::TempDir() + "/log_test.XXXXXX";
-    folder_ = mkdtemp(pattern.data());
-    file_ = folder_ + "/tool.log";
     for (const char* name : {"KLBASE_LOG_LEVEL", "KLBASE_DEBUG", "KLBASE_LOG_FILE"}) unsetenv(name);
   }
   ~LogTest() override {
@@ -48,51 +53,34 @@ class LogTest : public testing::Test {
     KlLogDestory();
     KlLogSetLogLevel(20);
     KlLogSetDebugLevel(0);
-    std::filesystem::remove_all(folder_);
   }
 
   bool Open(int max_files = 5, int max_file_size_kb = 1024) {
     return KlLogDefaultInit(20, file_, max_files, max_file_size_kb);
   }
-  static std::string Read(const std::string& path) {
-    std::ostringstream content;
-    content << std::ifstream(path).rdbuf();
-    return content.str();
-  }
-  std::string Content() const { return Read(file_); }
+  std::string Content() const { return ReadFile(file_); }
   std::vector<std::string> Lines() const {
     std::vector<std::string> lines;
     std::ifstream in(file_);
     for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
   }
-  bool WaitFor(const std::function<bool()>& condition) const {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-  // The exit status of a forked child that runs `work`; -1 when it was killed (a hang is, by its alarm).
-  static int RunInChild(const std::function<void()>& work) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(30);
+  // How a forked child ends that runs `work`; nothing when it hangs.
+  static std::optional<ExitState> RunInChild(const std::function<void()>& work) {
+    vextest::ForkedChild child([&work] {
       work();
       KlLogDestory();
-      _exit(0);
-    }
-    int status = 0;
-    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    });
+    return child.WaitExit();
   }
   std::size_t FilesInFolder() const {
     const std::filesystem::directory_iterator files(folder_);
     return static_cast<std::size_t>(std::distance(begin(files), end(files)));
   }
 
-  std::string folder_;
-  std::string file_;
+  const vextest::ScratchFolder scratch_;
+  const std::string folder_ = scratch_.Path();
+  std::string file_ = scratch_ / "tool.log";
 };
 
 TEST_F(LogTest, ARecordIsOneLineWithAllItsFields) {
@@ -221,7 +209,7 @@ TEST_F(LogTest, ASecondStartReplacesTheFile) {
   const std::string first = std::exchange(file_, folder_ + "/other.log");
   ASSERT_TRUE(Open());
   KL_LOG(30, "second");
-  EXPECT_THAT(Read(first), EndsWith(": first\n"));
+  EXPECT_THAT(ReadFile(first), EndsWith(": first\n"));
   EXPECT_THAT(Content(), EndsWith(": second\n"));
 }
 
@@ -286,7 +274,7 @@ TEST_F(LogTest, AFileMovedAwayKeepsWhatWasWrittenBefore) {
   KL_LOG(20, "before");  // not written yet
   std::filesystem::rename(file_, file_ + ".old");
   KL_LOG(30, "after");
-  EXPECT_THAT(Read(file_ + ".old"), EndsWith(": before\n"));
+  EXPECT_THAT(ReadFile(file_ + ".old"), EndsWith(": before\n"));
   EXPECT_THAT(Content(), EndsWith(": after\n"));
 }
 
@@ -315,7 +303,7 @@ TEST_F(LogTest, TheEnvironmentWins) {
   EXPECT_EQ(kOptionLogLevel, 40);
   EXPECT_EQ(kOptionDebug, 3);
   KL_LOG(50, "here");
-  EXPECT_THAT(Read(folder_ + "/env.log"), EndsWith(": here\n"));
+  EXPECT_THAT(ReadFile(folder_ + "/env.log"), EndsWith(": here\n"));
   EXPECT_FALSE(std::filesystem::exists(file_));
 }
 
@@ -378,7 +366,7 @@ TEST_F(LogTest, AChildOfForkLogsAlthoughOtherThreadsWereLogging) {
     while (!stop) KL_LOG(20, "busy");
   });
   const auto log = [] { KL_LOG(20, "child"); };
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(RunInChild(log), 0);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(RunInChild(log), kSucceeded);
   stop = true;
   busy.join();
 }
@@ -387,7 +375,7 @@ TEST_F(LogTest, AChildsRecordsReachTheFileAndTheParentsAreNotDoubled) {
   ASSERT_TRUE(Open());
   KL_LOG(20, "parent");
   const auto log = [] { KL_LOG(20, "child"); };
-  EXPECT_EQ(RunInChild(log), 0);
+  EXPECT_EQ(RunInChild(log), kSucceeded);
   KlLogDestory();
   EXPECT_THAT(Lines(), ElementsAre(EndsWith(": parent"), EndsWith(": child")));
 }
@@ -395,14 +383,14 @@ TEST_F(LogTest, AChildsRecordsReachTheFileAndTheParentsAreNotDoubled) {
 // As a crash handler does it: a record from the handler of a fault, then the end.
 TEST_F(LogTest, ARecordFromAFaultsHandlerReachesTheFile) {
   ASSERT_TRUE(Open());
-  const int status = RunInChild([] {
+  const auto status = RunInChild([] {
     signal(SIGSEGV, [](int) {
       KL_LOG(50, "Program Exit:\n%s", "stack");
       _exit(3);
     });
     raise(SIGSEGV);
   });
-  EXPECT_EQ(status, 3);
+  EXPECT_EQ(status, (ExitState{3, 0}));
   EXPECT_THAT(Lines(), ElementsAre(EndsWith(" operator(): Program Exit:"), "    stack"));
 }
 

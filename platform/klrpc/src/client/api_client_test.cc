@@ -11,18 +11,29 @@
 #include <thread>
 #include <vector>
 
-#include "test_support.h"
+#include "platform/klrpc/testing/servers.h"
+#include "platform/testing/captured_output.h"
+#include "platform/testing/environment.h"
+#include "platform/testing/log_capture.h"
+#include "platform/testing/sync.h"
 
 namespace klrpc::testing {
 namespace {
 
 using google::protobuf::Any;
 using std::chrono::steady_clock;
+using vextest::CapturedOutput;
+using vextest::ExitState;
+using vextest::kLimit;
+using vextest::LogCapture;
+using vextest::LogRecord;
+using vextest::ScopedVariable;
+using vextest::Watched;
 
 // The record that a failed call leaves.
-std::string FailedCall(const std::string& address, const std::string& reason) {
-  return "40 platform/klrpc/src/client/api_client CallWithin: call of common.v1.Status to " + address +
-         " failed: " + reason;
+LogRecord FailedCall(const std::string& address, const std::string& reason) {
+  return {40, "platform/klrpc/src/client/api_client", "CallWithin",
+          "call of common.v1.Status to " + address + " failed: " + reason};
 }
 
 Any Packed(const google::protobuf::Message& message) {
@@ -35,15 +46,15 @@ class ApiClientTest : public ::testing::Test {
  protected:
   bool Call(const google::protobuf::Message& request) { return client_->Call(request, reply_); }
   // The one record that the test left.
-  std::string Record() {
+  LogRecord Record() {
     const auto records = log_.Records();
     EXPECT_EQ(records.size(), 1u);
-    return records.empty() ? "" : records[0];
+    return records.empty() ? LogRecord() : records[0];
   }
   void ExpectUntouchedReply() { EXPECT_EQ(reply_.type_url(), "before"); }
 
   const std::string address_ = UniqueAddress();
-  LogCapture log_;
+  LogCapture log_{40};
   std::unique_ptr<APIClient> client_ = Connect(address_);
   Any reply_ = [] {
     Any any;
@@ -133,7 +144,7 @@ TEST_F(ApiClientTest, AfterAKilledServerCameBackTheFirstCallSucceeds) {
     ChildServer server(address_);
     ASSERT_TRUE(Call(StatusOf(1))) << "round " << round;
     server.Signal(SIGKILL);
-    ASSERT_EQ(server.Wait(), 128 + SIGKILL);
+    ASSERT_EQ(server.WaitExit(), (ExitState{0, SIGKILL}));
   }
 }
 
@@ -153,7 +164,10 @@ TEST_F(ApiClientTest, AServerKilledInTheMiddleOfACallFailsIt) {
   ChildServer server(address_);
   EXPECT_FALSE(Call(StatusOf(1, "die")));
   ExpectUntouchedReply();
-  EXPECT_EQ(Record().rfind(FailedCall(address_, "UNAVAILABLE: "), 0), 0u) << Record();
+  const LogRecord beginning = FailedCall(address_, "UNAVAILABLE: ");
+  LogRecord record = Record();
+  record.text.resize(beginning.text.size());
+  EXPECT_EQ(record, beginning);
 }
 
 TEST_F(ApiClientTest, AServerThatNeverAnswersCostsTheTimeLimit) {
@@ -187,7 +201,7 @@ TEST_F(ApiClientTest, ACallDoesNotFailWithAnAttemptToConnectThatBeganLongBeforeI
     std::this_thread::sleep_for(2000ms);
     server.Signal(SIGCONT);
   });
-  EXPECT_TRUE(client_->CallWithin(StatusOf(2), reply_, kPatience));
+  EXPECT_TRUE(client_->CallWithin(StatusOf(2), reply_, kLimit));
   thaw.join();
 }
 
@@ -198,7 +212,7 @@ TEST_F(ApiClientTest, ATimeLimitOfNothingFailsAtOnce) {
 }
 
 TEST_F(ApiClientTest, TheEnvironmentSetsTheTimeLimit) {
-  const ScopedEnv limit("KLRPC_CALL_TIMEOUT_MS", "120");
+  const ScopedVariable limit("KLRPC_CALL_TIMEOUT_MS", "120");
   client_ = Connect(address_);
   ChildServer server(address_);
   EXPECT_FALSE(Call(StatusOf(1, "hang")));
@@ -206,12 +220,11 @@ TEST_F(ApiClientTest, TheEnvironmentSetsTheTimeLimit) {
 }
 
 TEST_F(ApiClientTest, ATimeLimitThatIsNoNumberIsReportedAndIgnored) {
-  const ScopedEnv limit("KLRPC_CALL_TIMEOUT_MS", "3s");
+  const ScopedVariable limit("KLRPC_CALL_TIMEOUT_MS", "3s");
   client_ = Connect(address_);
-  EXPECT_EQ(Record(),
-            "40 platform/klrpc/src/client/api_client CallTimeout: KLRPC_CALL_TIMEOUT_MS is \"3s\"; write milliseconds "
-            "from 1 to "
-            "3600000. Calls wait 3000 ms");
+  EXPECT_EQ(Record(), (LogRecord{40, "platform/klrpc/src/client/api_client", "CallTimeout",
+                                 "KLRPC_CALL_TIMEOUT_MS is \"3s\"; write milliseconds from 1 to 3600000. Calls wait "
+                                 "3000 ms"}));
   const auto server = Serve(address_);
   EXPECT_TRUE(Call(StatusOf(1)));
 }
@@ -245,17 +258,16 @@ TEST_F(ApiClientTest, ALargerReplyIsAnErrorOfTheServerAndOfTheCall) {
   });
   EXPECT_FALSE(Call(StatusOf(1)));
   const std::string text = "the reply has 4194310 bytes, more than the 4194304 that can be sent";
-  EXPECT_EQ(log_.Records(),
-            (std::vector<std::string>{
-                "40 platform/klrpc/src/server/api_server Hooked: request type.googleapis.com/common.v1.Status: " + text,
-                FailedCall(address_, "RESOURCE_EXHAUSTED: " + text)}));
+  EXPECT_EQ(log_.Records(), (std::vector<LogRecord>{{40, "platform/klrpc/src/server/api_server", "Hooked",
+                                                     "request type.googleapis.com/common.v1.Status: " + text},
+                                                    FailedCall(address_, "RESOURCE_EXHAUSTED: " + text)}));
   ExpectUntouchedReply();
 }
 
 TEST_F(ApiClientTest, AProxyInTheEnvironmentDoesNotMatter) {
-  const ScopedEnv http("http_proxy", "http://127.0.0.1:1");
-  const ScopedEnv https("https_proxy", "http://127.0.0.1:1");
-  const ScopedEnv grpc("grpc_proxy", "http://127.0.0.1:1");
+  const ScopedVariable http("http_proxy", "http://127.0.0.1:1");
+  const ScopedVariable https("https_proxy", "http://127.0.0.1:1");
+  const ScopedVariable grpc("grpc_proxy", "http://127.0.0.1:1");
   const auto server = Serve(address_);
   EXPECT_TRUE(Connect(address_)->Call(StatusOf(1), reply_));
   const auto tcp = Serve("127.0.0.1:0");
@@ -303,11 +315,11 @@ TEST_F(ApiClientTest, WithoutAFileDescriptorToWaitWithACallFailsAtOnce) {
     return Echo(request, reply);
   });
   Any other_reply;
-  std::thread has_the_only_queue([&] { client_->CallWithin(StatusOf(1), other_reply, kPatience); });
+  std::thread has_the_only_queue([&] { client_->CallWithin(StatusOf(1), other_reply, kLimit); });
   EXPECT_TRUE(first.WaitFor([](const State& state) { return state == kInside; }));
   {
     const AllDescriptorsUsed used;
-    EXPECT_FALSE(client_->CallWithin(StatusOf(2), reply_, kPatience));
+    EXPECT_FALSE(client_->CallWithin(StatusOf(2), reply_, kLimit));
   }
   EXPECT_TRUE(
       log_.WaitFor(FailedCall(address_, "RESOURCE_EXHAUSTED: no file descriptor is left to wait for the reply with")));
@@ -340,7 +352,7 @@ TEST_F(ApiClientTest, ManyCallsAtOnceLeaveFewFilesOpen) {
   for (int i = 0; i < kCalls; ++i) {
     threads.emplace_back([this] {
       Any reply;
-      EXPECT_TRUE(client_->CallWithin(StatusOf(1), reply, kPatience));
+      EXPECT_TRUE(client_->CallWithin(StatusOf(1), reply, kLimit));
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -348,7 +360,7 @@ TEST_F(ApiClientTest, ManyCallsAtOnceLeaveFewFilesOpen) {
 }
 
 TEST_F(ApiClientTest, NothingGoesToStandardError) {
-  CapturedStderr captured;
+  CapturedOutput captured(STDERR_FILENO);
   EXPECT_FALSE(Call(StatusOf(1)));
   EXPECT_FALSE(Connect("127.0.0.1:1")->Call(StatusOf(1), reply_));
   const auto server = Serve("127.0.0.1:0");
@@ -380,7 +392,7 @@ TEST_F(ApiClientTest, DestructionWithoutAServerIsQuick) {
 TEST_F(ApiClientTest, AProcessThatEndsWhileItServesAndListensEndsCleanly) {
   for (int round = 0; round < 5; ++round) {
     ChildServer process("--exit-while-serving", UniqueAddress());
-    EXPECT_EQ(process.Wait(), 0) << "round " << round;
+    EXPECT_EQ(process.WaitExit(), (ExitState{0, 0})) << "round " << round;
   }
 }
 

@@ -6,11 +6,14 @@
 #include <functional>
 #include <utility>
 
-#include "test_support.h"
+#include "platform/klrpc/testing/servers.h"
+#include "platform/testing/sync.h"
 #include "transport/grpc_core.h"
 
 namespace klrpc::testing {
 namespace {
+
+using vextest::Watched;
 
 class Call : public Event {
  public:

@@ -19,13 +19,24 @@
 #include <thread>
 #include <vector>
 
-#include "test_support.h"
+#include "platform/klrpc/testing/servers.h"
+#include "platform/testing/environment.h"
+#include "platform/testing/log_capture.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 
 namespace klrpc::testing {
 namespace {
 
 using google::protobuf::Any;
 using std::chrono::steady_clock;
+using vextest::ExitState;
+using vextest::kLimit;
+using vextest::LogCapture;
+using vextest::LogRecord;
+using vextest::ScopedVariable;
+using vextest::ScratchFolder;
+using vextest::Watched;
 
 std::string WhatServeThrows(const std::string& address) {
   try {
@@ -36,23 +47,12 @@ std::string WhatServeThrows(const std::string& address) {
   return "nothing";
 }
 
-// A folder that goes with the test.
-class TempFolder {
- public:
-  TempFolder() : path_("/tmp/klrpc-test-XXXXXX") { EXPECT_NE(mkdtemp(path_.data()), nullptr); }
-  ~TempFolder() { std::filesystem::remove_all(path_); }
-  std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
 class ApiServerTest : public ::testing::Test {
  protected:
   bool Call() { return Connect(address_)->Call(StatusOf(1), reply_); }
 
   const std::string address_ = UniqueAddress();
-  LogCapture log_;
+  LogCapture log_{40};
   Any reply_;
 };
 
@@ -78,10 +78,11 @@ TEST_F(ApiServerTest, FalseWithAReplyStillSendsTheReply) {
 TEST_F(ApiServerTest, FalseWithoutAReplyIsUnimplemented) {
   const auto server = Serve(address_, [](const Any&, Any&) { return false; });
   EXPECT_FALSE(Call());
-  EXPECT_EQ(log_.Records(),
-            std::vector<std::string>{
-                "40 platform/klrpc/src/client/api_client CallWithin: call of common.v1.Status to " + address_ +
-                " failed: UNIMPLEMENTED: not served here: type.googleapis.com/common.v1.Status"});
+  EXPECT_EQ(
+      log_.Records(),
+      (std::vector<LogRecord>{{40, "platform/klrpc/src/client/api_client", "CallWithin",
+                               "call of common.v1.Status to " + address_ +
+                                   " failed: UNIMPLEMENTED: not served here: type.googleapis.com/common.v1.Status"}}));
 }
 
 TEST_F(ApiServerTest, WithoutAHookEveryRequestIsUnimplemented) {
@@ -103,12 +104,11 @@ TEST_F(ApiServerTest, AnExceptionBecomesInternalAndTheServerGoesOn) {
     return Echo(request, reply);
   });
   EXPECT_FALSE(Call());
-  EXPECT_EQ(
-      log_.Records(),
-      (std::vector<std::string>{
-          "50 platform/klrpc/src/server/api_server Guarded: request type.googleapis.com/common.v1.Status: disk on fire",
-          "40 platform/klrpc/src/client/api_client CallWithin: call of common.v1.Status to " + address_ +
-              " failed: INTERNAL: disk on fire"}));
+  EXPECT_EQ(log_.Records(),
+            (std::vector<LogRecord>{{50, "platform/klrpc/src/server/api_server", "Guarded",
+                                     "request type.googleapis.com/common.v1.Status: disk on fire"},
+                                    {40, "platform/klrpc/src/client/api_client", "CallWithin",
+                                     "call of common.v1.Status to " + address_ + " failed: INTERNAL: disk on fire"}}));
   EXPECT_TRUE(Call());
 }
 
@@ -133,7 +133,7 @@ TEST_F(ApiServerTest, ASlowHookDelaysNoOtherCall) {
   const auto client = Connect(address_);
   std::thread slow([&] {
     Any reply;
-    EXPECT_TRUE(client->CallWithin(StatusOf(1, "slow"), reply, kPatience));
+    EXPECT_TRUE(client->CallWithin(StatusOf(1, "slow"), reply, kLimit));
   });
   ASSERT_TRUE(entered.WaitFor([](int count) { return count == 1; }));
   for (int i = 0; i < 20; ++i) EXPECT_TRUE(client->Call(StatusOf(2), reply_));
@@ -186,34 +186,34 @@ TEST_F(ApiServerTest, ATcpPortInUseIsRefused) {
 }
 
 TEST_F(ApiServerTest, ASocketFileInUseIsRefusedAndKept) {
-  const TempFolder folder;
-  const std::string address = "unix:" + folder.File("s");
+  const ScratchFolder folder;
+  const std::string address = "unix:" + folder / "s";
   const auto server = Serve(address);
   EXPECT_EQ(WhatServeThrows(address), "can't serve on \"" + address + "\": the address is in use");
   EXPECT_TRUE(Connect(address)->Call(StatusOf(1), reply_));
 }
 
 TEST_F(ApiServerTest, TheSocketFileOfADeadServerIsReplaced) {
-  const TempFolder folder;
-  const std::string address = "unix:" + folder.File("s");
+  const ScratchFolder folder;
+  const std::string address = "unix:" + folder / "s";
   {
     ChildServer killed(address);
     killed.Signal(SIGKILL);
-    killed.Wait();
+    EXPECT_EQ(killed.WaitExit(), (ExitState{0, SIGKILL}));
   }
-  ASSERT_TRUE(std::filesystem::exists(folder.File("s")));
-  auto server = Serve("unix://" + folder.File("s"));
+  ASSERT_TRUE(std::filesystem::exists(folder / "s"));
+  auto server = Serve("unix://" + folder / "s");
   EXPECT_TRUE(Connect(address)->Call(StatusOf(1), reply_));
   server.reset();
-  EXPECT_FALSE(std::filesystem::exists(folder.File("s")));
+  EXPECT_FALSE(std::filesystem::exists(folder / "s"));
 }
 
 TEST_F(ApiServerTest, AFileThatIsNoSocketIsLeftAlone) {
-  const TempFolder folder;
-  close(open(folder.File("s").c_str(), O_CREAT | O_WRONLY, 0600));
-  const std::string address = "unix:" + folder.File("s");
+  const ScratchFolder folder;
+  close(open((folder / "s").c_str(), O_CREAT | O_WRONLY, 0600));
+  const std::string address = "unix:" + folder / "s";
   EXPECT_EQ(WhatServeThrows(address), "can't serve on \"" + address + "\": the address is in use");
-  EXPECT_TRUE(std::filesystem::is_regular_file(folder.File("s")));
+  EXPECT_TRUE(std::filesystem::is_regular_file(folder / "s"));
 }
 
 TEST_F(ApiServerTest, AddressesThatCannotBeAreRefusedWithTheReason) {
@@ -232,22 +232,21 @@ TEST_F(ApiServerTest, AnotherUserIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
   const auto server = Serve(address_);
   ChildServer stranger("--call-as-nobody", address_);
-  EXPECT_EQ(stranger.Wait(), 0);
+  EXPECT_EQ(stranger.WaitExit(), (ExitState{0, 0}));
   const auto records = log_.Records();
   ASSERT_FALSE(records.empty());
-  EXPECT_EQ(records[0].rfind("40 platform/klrpc/src/server/unix_listener Allowed: " + address_ +
-                                 ": refused a connection of user id 65534 (process ",
-                             0),
-            0u)
-      << records[0];
+  LogRecord beginning = records[0];
+  beginning.text = beginning.text.substr(0, beginning.text.find("(process "));
+  EXPECT_EQ(beginning, (LogRecord{40, "platform/klrpc/src/server/unix_listener", "Allowed",
+                                  address_ + ": refused a connection of user id 65534 "}));
 }
 
 TEST_F(ApiServerTest, AnotherUserThatIsAllowedIsServed) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  const ScopedEnv allowed("KLRPC_ALLOW_UID", "12,65534");
+  const ScopedVariable allowed("KLRPC_ALLOW_UID", "12,65534");
   const auto server = Serve(address_);
   ChildServer guest("--call-as-nobody", address_);
-  EXPECT_EQ(guest.Wait(), 1);
+  EXPECT_EQ(guest.WaitExit(), (ExitState{1, 0}));
 }
 
 TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenThereAreSome) {
@@ -264,22 +263,24 @@ TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenTher
   for (int& client : clients) client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   AllDescriptorsUsed used;
   for (const int client : clients) ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&name), size), 0);
-  EXPECT_TRUE(log_.WaitFor("40 platform/klrpc/src/server/unix_listener AcceptOne: " + address_ +
-                           ": can't accept a connection: Too many open files"));
+  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/server/unix_listener", "AcceptOne",
+                            address_ + ": can't accept a connection: Too many open files"}));
   used.Free();
   for (const int client : clients) {
     pollfd greeted{client, POLLIN, 0};  // the server's settings
-    EXPECT_EQ(poll(&greeted, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())), 1);
+    EXPECT_EQ(poll(&greeted, 1, static_cast<int>(kLimit.count())), 1);
     close(client);
   }
 }
 
 TEST_F(ApiServerTest, UserIdsThatAreNoneAreReported) {
-  const ScopedEnv allowed("KLRPC_ALLOW_UID", "12,video,-1");
+  const ScopedVariable allowed("KLRPC_ALLOW_UID", "12,video,-1");
   const auto server = Serve(address_);
-  const std::string start = "40 platform/klrpc/src/server/unix_listener AllowedUids: KLRPC_ALLOW_UID: ";
-  const std::string end = " is no user id; write numbers separated by commas";
-  EXPECT_EQ(log_.Records(), (std::vector<std::string>{start + "\"video\"" + end, start + "\"-1\"" + end}));
+  const auto record = [](const std::string& word) {
+    return LogRecord{40, "platform/klrpc/src/server/unix_listener", "AllowedUids",
+                     "KLRPC_ALLOW_UID: " + word + " is no user id; write numbers separated by commas"};
+  };
+  EXPECT_EQ(log_.Records(), (std::vector<LogRecord>{record("\"video\""), record("\"-1\"")}));
 }
 
 TEST_F(ApiServerTest, AConnectionThatSpeaksSomethingElseHarmsNobody) {
@@ -326,7 +327,7 @@ TEST_F(ApiServerTest, StoppingWaitsForARunningHookWhoseCallIsCut) {
     return Echo(request, reply);
   });
   std::thread caller([&] {
-    EXPECT_FALSE(Connect(address_)->CallWithin(StatusOf(1), reply_, kPatience));
+    EXPECT_FALSE(Connect(address_)->CallWithin(StatusOf(1), reply_, kLimit));
     release.Update([](bool& yes) { yes = true; });  // the call was cut while the hook was still running
   });
   ASSERT_TRUE(entered.WaitFor([](bool yes) { return yes; }));

@@ -11,7 +11,7 @@
 
 #include "grpc/health/v1/health.grpc.pb.h"
 #include "grpc/reflection/v1alpha/reflection.grpc.pb.h"
-#include "test_support.h"
+#include "platform/klrpc/testing/servers.h"
 
 namespace klrpc::testing {
 namespace {

@@ -9,11 +9,12 @@
 #include <thread>
 #include <vector>
 
-#include "test_support.h"
+#include "platform/testing/sync.h"
 
 namespace {
 
-using klrpc::testing::Watched;
+using vextest::Notification;
+using vextest::Watched;
 
 template <typename Policy = sigslot::multi_threaded_global>
 class Listener : public sigslot::has_slots<Policy> {
@@ -38,21 +39,6 @@ class Actor : public sigslot::has_slots<> {
 
   std::function<void()> action;
   std::atomic<int> calls{0};
-};
-
-// Lets one thread wait inside a slot for another.
-class Gate {
- public:
-  void Open() {
-    open_.Update([](bool& open) { open = true; });
-  }
-  bool Wait() {
-    return open_.WaitFor([](bool open) { return open; });
-  }
-  bool IsOpen() { return open_.Get(); }
-
- private:
-  Watched<bool> open_;
 };
 
 TEST(SigslotTest, EmitCallsTheSlotsInTheOrderOfTheirConnection) {
@@ -244,7 +230,7 @@ TEST(SigslotTest, TheGlobalMutexGuardsConnecting) {
 // A slot that is inside until it is let go.
 class DisconnectTest : public testing::Test {
  protected:
-  DisconnectTest() : slow_([this] { inside_.Open(), leave_.Wait(), left_ = true; }) {}
+  DisconnectTest() : slow_([this] { inside_.Notify(), leave_.Wait(), left_ = true; }) {}
 
   void EnterSlot() {
     signal_.connect(&slow_, &Actor::Act);
@@ -252,27 +238,27 @@ class DisconnectTest : public testing::Test {
     ASSERT_TRUE(inside_.Wait());
   }
   void TearDown() override {
-    leave_.Open();
+    leave_.Notify();
     if (emitting_.joinable()) emitting_.join();
   }
   // Runs `disconnect` on a thread, which must not come back before the slot is let go.
   void ExpectWaits(const std::function<void()>& disconnect) {
     std::atomic<bool> left_before{false};
-    Gate begun;
+    Notification begun;
     std::thread thread([&] {
-      begun.Open();
+      begun.Notify();
       disconnect();
       left_before = left_.load();
     });
     ASSERT_TRUE(begun.Wait());
-    leave_.Open();
+    leave_.Notify();
     thread.join();
     EXPECT_TRUE(left_before);
   }
 
   sigslot::signal<> signal_;
-  Gate inside_;
-  Gate leave_;
+  Notification inside_;
+  Notification leave_;
   std::atomic<bool> left_{false};
   Actor slow_;
   std::thread emitting_;
@@ -291,7 +277,7 @@ TEST_F(DisconnectTest, OfTheHolderWaitsForTheRunningSlot) {
 TEST_F(DisconnectTest, WaitsAlsoWhenTheSlotHasDisconnectedItself) {
   slow_.action = [this] {
     signal_.disconnect(&slow_);
-    inside_.Open();
+    inside_.Notify();
     leave_.Wait();
     left_ = true;
   };
@@ -301,7 +287,7 @@ TEST_F(DisconnectTest, WaitsAlsoWhenTheSlotHasDisconnectedItself) {
 
 TEST_F(DisconnectTest, WaitsNotForASlotThatDisconnectsItselfMeanwhile) {
   slow_.action = [this] {
-    inside_.Open();
+    inside_.Notify();
     leave_.Wait();
     signal_.disconnect(&slow_);
     left_ = true;
@@ -315,15 +301,15 @@ TEST(SigslotTest, SlotsThatDisconnectEachOtherDoNotDeadlock) {
   sigslot::signal<> two;
   Actor first;
   Actor second;
-  Gate first_inside;
-  Gate second_inside;
+  Notification first_inside;
+  Notification second_inside;
   first.action = [&] {
-    first_inside.Open();
+    first_inside.Notify();
     second_inside.Wait();
     two.disconnect(&second);
   };
   second.action = [&] {
-    second_inside.Open();
+    second_inside.Notify();
     first_inside.Wait();
     one.disconnect(&first);
   };

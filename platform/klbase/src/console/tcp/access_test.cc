@@ -1,8 +1,12 @@
 #include "console/tcp/access.h"
 
 #include <crypt.h>
+#include <gtest/gtest.h>
 
-#include "console/console_test_support.h"
+#include <stdexcept>
+#include <string>
+
+#include "platform/testing/scratch_folder.h"
 
 namespace cli::internal {
 namespace {
@@ -23,7 +27,7 @@ std::string Refusal(const std::string& file) {
 }
 
 TEST(AccessTest, TheFirstLineOfTheFileIsTheHash) {
-  const TempFolder folder;
+  const vextest::ScratchFolder folder;
   EXPECT_EQ(ReadPasswordHash(folder.Write("pw", Hash("secret") + "\nmore\n")), Hash("secret"));
 }
 
@@ -36,7 +40,7 @@ TEST(AccessTest, OnlyThePasswordMatches) {
 }
 
 TEST(AccessTest, AFileThatOthersMayReadIsRefused) {
-  const TempFolder folder;
+  const vextest::ScratchFolder folder;
   const std::string file = folder.Write("pw", Hash("secret") + "\n", 0644);
   EXPECT_EQ(Refusal(file),
             "password file " + file + " (KLBASE_CONSOLE_PASSWORD_FILE): may be read by others; set its mode to 0600");
@@ -49,7 +53,7 @@ TEST(AccessTest, AMissingFileIsNamed) {
 }
 
 TEST(AccessTest, AFileWithoutAHashIsRefused) {
-  const TempFolder folder;
+  const vextest::ScratchFolder folder;
   for (const char* text : {"", "\n", "secret\n", "$9$unknown$method\n"}) {
     EXPECT_NE(Refusal(folder.Write("pw", text)).find("holds no crypt(3) hash"), std::string::npos) << text;
   }

@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 
-#include "console/console_test_support.h"
 #include "console/tcp/fake_connection.h"
+#include "platform/klbase/testing/console_test.h"
 
 namespace cli::internal {
 namespace {
@@ -37,7 +37,7 @@ TEST_F(AdmissionTest, AConnectionGetsASlot) {
 TEST_F(AdmissionTest, WithoutAFreeSlotAConnectionIsRefusedWithARecord) {
   const auto first = Decide();
   const auto second = Decide();
-  const LogCapture log;
+  const LogCapture log(30);
   const auto third = Decide();
   EXPECT_FALSE(third.slot);
   EXPECT_EQ(third.refusal, "Too many sessions: all 2 are in use. Try again later.\n");

@@ -1,7 +1,7 @@
 #include "console/tcp/drain.h"
 
-#include "console/console_test_support.h"
 #include "console/tcp/fake_connection.h"
+#include "platform/klbase/testing/console_test.h"
 
 namespace cli::internal {
 namespace {
@@ -13,8 +13,8 @@ class DrainTest : public ::testing::Test {
     drain_->Begin();
   }
   // Lets the readers' time pass once.
-  void AwaitReaders() { EXPECT_EQ(io_.run_one_for(kTestLimit), 1U); }
-  bool NothingIsAwaited() { return io_.run_for(kTestLimit), io_.stopped(); }
+  void AwaitReaders() { EXPECT_EQ(io_.run_one_for(kLimit), 1U); }
+  bool NothingIsAwaited() { return io_.run_for(kLimit), io_.stopped(); }
 
   asio::io_context io_;
   ServedConnections open_;
@@ -24,14 +24,14 @@ class DrainTest : public ::testing::Test {
 TEST_F(DrainTest, EachConnectionIsToldThatTheConsoleEnds) {
   const auto one = FakeConnection::In(open_);
   const auto other = FakeConnection::In(open_);
-  Begin(kTestLimit);
+  Begin(kLimit);
   EXPECT_EQ(one->farewell, "The console ends.\n");
   EXPECT_EQ(other->farewell, "The console ends.\n");
 }
 
 TEST_F(DrainTest, ReadersGetTheirTime) {
   const auto reader = FakeConnection::In(open_);
-  Begin(kTestLimit);
+  Begin(kLimit);
   io_.poll();
   EXPECT_EQ(reader->aborted_for, "");
 }

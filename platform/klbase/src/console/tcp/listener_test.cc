@@ -5,7 +5,7 @@
 
 #include <deque>
 
-#include "console/console_test_support.h"
+#include "platform/klbase/testing/console_test.h"
 
 namespace cli::internal {
 namespace {
@@ -64,7 +64,7 @@ TEST(EndpointTest, OtherAddressesNeedAPasswordFile) {
 class ListenerTest : public ::testing::Test {
  protected:
   // Waits for one thing to happen on the I/O thread, which is this one.
-  void Step() { EXPECT_EQ(io_.run_one_for(kTestLimit), 1U); }
+  void Step() { EXPECT_EQ(io_.run_one_for(kLimit), 1U); }
   void Connect(int count = 1) {
     for (int i = 0; i < count; ++i) clients_.emplace_back(listener_.Port());
   }
@@ -139,7 +139,7 @@ TEST_F(ListenerTest, OnceClosedItAcceptsNoMore) {
   listener_.Start();
   Connect();
   listener_.Close();
-  io_.run_for(kTestLimit);
+  io_.run_for(kLimit);
   EXPECT_TRUE(io_.stopped());
   EXPECT_TRUE(accepted_.empty());
   EXPECT_THROW(Connect(), std::runtime_error);
@@ -172,7 +172,7 @@ class ListenerBackOffTest : public ListenerTest {
 #endif
   }
 
-  const LogCapture log_;
+  const LogCapture log_{30};
 };
 
 TEST_F(ListenerBackOffTest, ItPausesAndThenTriesAgain) {
@@ -210,7 +210,7 @@ TEST_F(ListenerBackOffTest, ItCanBeClosedInThePause) {
     const NoMoreDescriptors none;
     Step();
     listener_.Close();
-    io_.run_for(kTestLimit);
+    io_.run_for(kLimit);
   }
   EXPECT_TRUE(io_.stopped());
   EXPECT_TRUE(accepted_.empty());

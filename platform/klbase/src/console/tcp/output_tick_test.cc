@@ -1,14 +1,14 @@
 #include "console/tcp/output_tick.h"
 
-#include "console/console_test_support.h"
 #include "console/tcp/fake_connection.h"
+#include "platform/klbase/testing/console_test.h"
 
 namespace cli::internal {
 namespace {
 
 class OutputTickTest : public ::testing::Test {
  protected:
-  void AwaitTick() { EXPECT_EQ(io_.run_one_for(kTestLimit), 1U); }
+  void AwaitTick() { EXPECT_EQ(io_.run_one_for(kLimit), 1U); }
 
   asio::io_context io_;
   ServedConnections open_;
@@ -42,7 +42,7 @@ TEST_F(OutputTickTest, ConnectionsWithoutACommandAreLeftAlone) {
 TEST_F(OutputTickTest, NothingTicksWhenNoCommandRuns) {
   const auto idle = FakeConnection::In(open_);
   tick_.Start();
-  EXPECT_EQ(io_.run_for(kTestLimit), 1U);
+  EXPECT_EQ(io_.run_for(kLimit), 1U);
   EXPECT_TRUE(io_.stopped());
   EXPECT_EQ(idle->flushes, 0);
 }
@@ -50,7 +50,7 @@ TEST_F(OutputTickTest, NothingTicksWhenNoCommandRuns) {
 TEST_F(OutputTickTest, ItTicksAgainForTheNextCommand) {
   const auto connection = FakeConnection::In(open_);
   tick_.Start();
-  io_.run_for(kTestLimit);
+  io_.run_for(kLimit);
   io_.restart();
   connection->command_running = true;
   tick_.Start();
@@ -61,7 +61,7 @@ TEST_F(OutputTickTest, ItTicksAgainForTheNextCommand) {
 TEST_F(OutputTickTest, ASecondCommandDoesNotDelayTheTick) {
   tick_.Start();
   tick_.Start();
-  EXPECT_EQ(io_.run_for(kTestLimit), 1U);  // a second wait would have ended the first
+  EXPECT_EQ(io_.run_for(kLimit), 1U);  // a second wait would have ended the first
 }
 
 }  // namespace

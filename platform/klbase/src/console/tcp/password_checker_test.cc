@@ -2,7 +2,7 @@
 
 #include <crypt.h>
 
-#include "console/console_test_support.h"
+#include "platform/klbase/testing/console_test.h"
 
 namespace cli::internal {
 namespace {
@@ -14,7 +14,7 @@ std::string Hash(const std::string& password) {
 }
 
 TEST(PasswordCheckerTest, OnlyThePasswordOfTheFileIsRight) {
-  const TempFolder folder;
+  const ScratchFolder folder;
   PasswordChecker checker(folder.Write("pw", Hash("secret")));
   EXPECT_TRUE(checker.Check("secret"));
   EXPECT_FALSE(checker.Check("wrong"));
@@ -22,7 +22,7 @@ TEST(PasswordCheckerTest, OnlyThePasswordOfTheFileIsRight) {
 }
 
 TEST(PasswordCheckerTest, ANewPasswordCountsAtOnce) {
-  const TempFolder folder;
+  const ScratchFolder folder;
   PasswordChecker checker(folder.Write("pw", Hash("secret")));
   folder.Write("pw", Hash("newer"));
   EXPECT_FALSE(checker.Check("secret"));
@@ -41,11 +41,11 @@ TEST(PasswordCheckerTest, AUselessFileIsRefusedAtTheStart) {
 }
 
 TEST(PasswordCheckerTest, AFileThatBecameUselessLetsNobodyInAndLeavesARecord) {
-  const TempFolder folder;
+  const ScratchFolder folder;
   const std::string file = folder.Write("pw", Hash("secret"));
   PasswordChecker checker(file);
   folder.Write("pw", Hash("secret"), 0644);
-  const LogCapture log;
+  const LogCapture log(30);
   EXPECT_FALSE(checker.Check("secret"));
   EXPECT_EQ(log.Count("50 console: password file " + file +
                       " (KLBASE_CONSOLE_PASSWORD_FILE): may be read by others; set its mode to 0600"),
@@ -53,7 +53,7 @@ TEST(PasswordCheckerTest, AFileThatBecameUselessLetsNobodyInAndLeavesARecord) {
 }
 
 TEST(PasswordCheckerTest, OnePasswordIsCheckedAtATime) {
-  const TempFolder folder;
+  const ScratchFolder folder;
   std::atomic<int> under_way{0};
   std::atomic<int> most{0};
   PasswordChecker checker(folder.Write("pw", Hash("secret")), [&](const std::string&, const std::string&) {

@@ -1,19 +1,54 @@
 // The console over real sockets: telnet operators, programs, and those who are neither.
+#include <arpa/inet.h>
 #include <crypt.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <deque>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
 
-#include "console/console_test_support.h"
+#include "cli/menu.h"
+#include "console/console.h"
+#include "console/options.h"
+#include "klbase/log.h"
+#include "platform/klbase/testing/console_test.h"
+#include "platform/testing/log_capture.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 
 namespace cli::internal {
 namespace {
+
+using vextest::Gate;
+using vextest::LogCapture;
+using vextest::ScratchFolder;
+using vextest::WaitFor;
+using namespace std::chrono_literals;
 
 constexpr char kClientAgrees[] = "\xff\xfd\x01\xff\xfd\x03";  // DO ECHO, DO SGA
 constexpr char kServerOffer[] = "\xff\xfb\x01\xff\xfb\x03\xff\xfd\x1f\xff\xfd\x18";
@@ -535,11 +570,11 @@ TEST_F(ServerTest, ALongQueueBehindACommandIsBoundedAndRunsWhole) {
 TEST_F(ServerTest, AReaderThatTakesNothingIsClosedAndOthersGoOn) {
   options_.reader = 300ms;
   Open();
-  const LogCapture log;
+  const LogCapture log(30);
   TestClient stuck(console_->Port(), 4096);
   stuck.Send("core big 100000\n");
   EXPECT_EQ(Program("core set 1\n"), "1\n");
-  EXPECT_TRUE(log.WaitForRecord("40 console connection from 127.0.0.1:"));
+  EXPECT_TRUE(log.WaitForText("40 console connection from 127.0.0.1:"));
   EXPECT_TRUE(WaitFor([this] { return cut_off_ == 1; }));
   EXPECT_EQ(Program("core set 1\n"), "1\n");
 }
@@ -558,7 +593,7 @@ TEST_F(ServerTest, AReaderThatTakesItsTimeIsServed) {
 TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
   options_.reader = 500ms;
   Open();
-  const LogCapture log;
+  const LogCapture log(30);
   TestClient client(console_->Port(), 4096);
   client.ReceiveUntil("main> ");
   std::string lines;
@@ -566,7 +601,7 @@ TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
   int sent = 0;
   while (client.Send(lines)) ++sent;  // until the console closes it
   EXPECT_LT(sent, 1000);
-  EXPECT_TRUE(log.WaitForRecord("40 console connection from 127.0.0.1:"));
+  EXPECT_TRUE(log.WaitForText("40 console connection from 127.0.0.1:"));
   EXPECT_EQ(Program("core set 1\n"), "1\n");
 }
 
@@ -574,7 +609,7 @@ TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
 
 TEST_F(ServerTest, ABrowserIsClosedWithARecord) {
   Open();
-  const LogCapture log;
+  const LogCapture log(30);
   EXPECT_EQ(Program("GET /core HTTP/1.1\r\nHost: x\r\n\r\ncore count\r\n"), "");
   EXPECT_EQ(Program("POST / HTTP/1.1\r\n\r\ncore count\r\n"), "");
   EXPECT_EQ(Program("POST /" + std::string(9000, 'x') + " HTTP/1.1\r\n\r\ncore count\r\n"), "");
@@ -642,7 +677,7 @@ TEST_F(ServerTest, OutOfFilesIsLoggedOnceAndPasses) {
   GTEST_SKIP() << "the sanitizer's own check of object types needs a file for each look";
 #endif
   Open();
-  const LogCapture log;
+  const LogCapture log(30);
   TestClient operator_before = Operator();
   rlimit before{};
   ::getrlimit(RLIMIT_NOFILE, &before);
@@ -659,21 +694,21 @@ TEST_F(ServerTest, OutOfFilesIsLoggedOnceAndPasses) {
   address.sin_port = htons(static_cast<std::uint16_t>(console_->Port()));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   EXPECT_EQ(::connect(client_fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  EXPECT_TRUE(log.WaitForRecord("40 console cannot accept connections: Too many open files"));
+  EXPECT_TRUE(log.WaitForText("40 console cannot accept connections: Too many open files"));
   operator_before.Send("core set 5\r");
   operator_before.ReceiveUntil("?2004l5\r\n");
   for (const int fd : fillers) ::close(fd);
   ::setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_TRUE(log.WaitForRecord("30 console accepts connections again"));
+  EXPECT_TRUE(log.WaitForText("30 console accepts connections again"));
   EXPECT_EQ(log.Count("40 console cannot accept"), 1U);
   ::close(client_fd);
 }
 
 TEST_F(ServerTest, OpeningAndClosingASessionIsLogged) {
   Open();
-  const LogCapture log;
+  const LogCapture log(30);
   Program("core set 1\n");
-  EXPECT_TRUE(log.WaitForRecord("30 console session 1 closes"));
+  EXPECT_TRUE(log.WaitForText("30 console session 1 closes"));
   EXPECT_EQ(log.Count("30 console session 1 opens: program from 127.0.0.1:"), 1U);
 }
 
@@ -686,7 +721,7 @@ class PasswordTest : public ServerTest {
     options_.password_file = folder_.Write("pw", crypt_r("secret", "$5$rounds=1000$saltsalt$", &data));
   }
 
-  TempFolder folder_;
+  ScratchFolder folder_;
 };
 
 TEST_F(PasswordTest, AProgramsFirstLineIsThePassword) {
@@ -710,7 +745,7 @@ TEST_F(PasswordTest, AnOperatorIsAskedAndThePasswordIsNotShown) {
 
 TEST_F(PasswordTest, ThreeWrongTriesEndTheConnection) {
   Open();
-  const LogCapture log;
+  const LogCapture log(30);
   TestClient client = Connect();
   client.ReceiveUntil("Password: ");
   client.Send("a\r\nb\r\nc\r\ncore count\r\n");
@@ -823,7 +858,7 @@ TEST(ConsoleCreateTest, AnUnusablePasswordFileIsRefused) {
 }
 
 TEST(ConsoleCreateTest, TheBoundAddressIsLogged) {
-  const LogCapture log;
+  const LogCapture log(30);
   const auto console = MakeConsole(std::make_unique<Menu>("main"), ConsoleOptions());
   EXPECT_GT(console->Port(), 0);
   EXPECT_EQ(log.Count("30 console listens on 127.0.0.1:" + std::to_string(console->Port())), 1U);

@@ -2,19 +2,44 @@
 #include "console/terminal/local_console.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <fstream>
+#include <functional>
 #include <iostream>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
 
-#include "console/console_test_support.h"
-#include "line_editor/test_screen.h"
+#include "cli/menu.h"
+#include "console/console.h"
+#include "console/options.h"
+#include "platform/klbase/testing/console_test.h"
+#include "platform/klbase/testing/test_screen.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 
 namespace cli::internal {
 namespace {
+
+using vextest::Gate;
+using vextest::ScratchFolder;
+using vextest::WaitFor;
+using namespace std::chrono_literals;
 
 int g_port = 0;  // of the console in a child process
 
@@ -106,7 +131,7 @@ class PlainTest : public ::testing::Test {
         ""));
   }
 
-  TempFolder folder_;
+  ScratchFolder folder_;
   int output_fd_ = -1;
   std::thread printer_;
   Gate printed_;
@@ -291,7 +316,7 @@ class Pty {
       }
       pollfd readable{master_, POLLIN, 0};
       char buffer[4096];
-      const bool ready = ::poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(kTestLimit).count())) == 1;
+      const bool ready = ::poll(&readable, 1, static_cast<int>(vextest::kLimit.count())) == 1;
       const ssize_t count = ready ? ::read(master_, buffer, sizeof buffer) : -1;
       if (count <= 0) {
         ADD_FAILURE() << "'" << text << "' was not shown; shown: " << shown_;
@@ -349,7 +374,7 @@ class TerminalTest : public ::testing::Test {
   }
 
   Pty pty_;
-  TempFolder folder_;
+  ScratchFolder folder_;
   pid_t child_ = -1;
   bool under_shell_ = false;
   const char* term_ = "xterm";
@@ -364,7 +389,7 @@ class TerminalTest : public ::testing::Test {
     ::dup2(pty_.Slave(), STDOUT_FILENO);
     ConsoleOptions options;
     options.local_console = true;
-    options.history_file = folder_.File("history");
+    options.history_file = folder_ / "history";
     options.stop = 500ms;
     auto console = MakeConsole(TestRoot(&gate_), options);
     g_port = console->Port();
@@ -641,7 +666,7 @@ TEST_F(TerminalTest, HistoryIsKeptInItsFile) {
   pty_.Type("exit\r");
   ASSERT_EQ(Wait(), 0);
   std::ostringstream text;
-  text << std::ifstream(folder_.File("history")).rdbuf();
+  text << std::ifstream(folder_ / "history").rdbuf();
   EXPECT_EQ(text.str(), "core show x\nexit\n");
 }
 

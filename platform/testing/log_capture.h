@@ -3,10 +3,11 @@
 //   LogCapture log;
 //   sdk.LoadApi({});
 //   EXPECT_THAT(log.Records(), ElementsAre(LogRecord{50, "modules/apisdk/apisdk", "LoadApi", "at least one ..."}));
-#ifndef TESTS_SUPPORT_LOG_CAPTURE_H_
-#define TESTS_SUPPORT_LOG_CAPTURE_H_
+#ifndef PLATFORM_TESTING_LOG_CAPTURE_H_
+#define PLATFORM_TESTING_LOG_CAPTURE_H_
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -16,8 +17,8 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "klbase/log_sink.h"
-#include "tests/support/limits.h"
-#include "tests/support/sync.h"
+#include "platform/testing/limits.h"
+#include "platform/testing/sync.h"
 
 namespace vextest {
 
@@ -45,13 +46,20 @@ class LogCapture {
   std::vector<LogRecord> Records() const;
   // Those of one source file, or of all files below a folder.
   std::vector<LogRecord> RecordsOf(std::string_view file_prefix) const;
+  // Each as "LEVEL TEXT".
+  std::vector<std::string> Texts() const;
   void Clear();
 
+  // How many of Texts() begin with `prefix`; whether one did within `limit`.
+  std::size_t Count(std::string_view prefix) const;
+  bool WaitForText(std::string_view prefix, std::chrono::milliseconds limit = kLimit) const;
   // Returns whether `record` was written within `limit`.
   bool WaitFor(const LogRecord& record, std::chrono::milliseconds limit = kLimit) const;
 
  private:
   void Add(const KlLogRecord& record);
+  std::vector<std::string> TextsLocked() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  std::size_t CountLocked(std::string_view prefix) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
   const int32_t level_before_;
   const int32_t debug_before_;
@@ -62,4 +70,4 @@ class LogCapture {
 
 }  // namespace vextest
 
-#endif  // TESTS_SUPPORT_LOG_CAPTURE_H_
+#endif  // PLATFORM_TESTING_LOG_CAPTURE_H_

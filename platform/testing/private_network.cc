@@ -1,4 +1,4 @@
-#include "tests/support/private_network.h"
+#include "platform/testing/private_network.h"
 
 #include <fcntl.h>
 #include <net/if.h>

@@ -4,8 +4,8 @@
 //   daemon.Answer<encoder::v1::SetVideoQualityRequest>(status);
 //   ... Call through a client at daemon.Address() ...
 //   EXPECT_EQ(daemon.RequestsOf<encoder::v1::SetVideoQualityRequest>().at(0).qulity(), encoder::v1::HIGH);
-#ifndef TESTS_SUPPORT_FAKE_DAEMON_H_
-#define TESTS_SUPPORT_FAKE_DAEMON_H_
+#ifndef PLATFORM_TESTING_FAKE_DAEMON_H_
+#define PLATFORM_TESTING_FAKE_DAEMON_H_
 
 #include <google/protobuf/any.pb.h>
 #include <google/protobuf/message.h>
@@ -21,8 +21,8 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "klrpc/api_server.h"
-#include "tests/support/limits.h"
-#include "tests/support/sync.h"
+#include "platform/testing/limits.h"
+#include "platform/testing/sync.h"
 
 namespace vextest {
 
@@ -102,4 +102,4 @@ class FakeDaemon {
 
 }  // namespace vextest
 
-#endif  // TESTS_SUPPORT_FAKE_DAEMON_H_
+#endif  // PLATFORM_TESTING_FAKE_DAEMON_H_

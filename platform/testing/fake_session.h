@@ -1,6 +1,6 @@
 // Runs commands without a console.
-#ifndef TESTS_SUPPORT_FAKE_SESSION_H_
-#define TESTS_SUPPORT_FAKE_SESSION_H_
+#ifndef PLATFORM_TESTING_FAKE_SESSION_H_
+#define PLATFORM_TESTING_FAKE_SESSION_H_
 
 #include <ostream>
 #include <sstream>
@@ -16,6 +16,8 @@ namespace vextest {
 // A session in `menu`, which must outlive it; what commands print is kept. One thread.
 class FakeSession : public cli::Session {
  public:
+  // In no menu, for commands that don't ask.
+  FakeSession() = default;
   explicit FakeSession(cli::Menu& menu) : menu_(&menu) {}
 
   std::ostream& OutStream() override { return out_; }
@@ -33,10 +35,10 @@ class FakeSession : public cli::Session {
   }
 
  private:
-  cli::Menu* menu_;
+  cli::Menu* menu_ = nullptr;
   std::ostringstream out_;
 };
 
 }  // namespace vextest
 
-#endif  // TESTS_SUPPORT_FAKE_SESSION_H_
+#endif  // PLATFORM_TESTING_FAKE_SESSION_H_

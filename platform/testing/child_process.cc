@@ -1,4 +1,4 @@
-#include "tests/support/child_process.h"
+#include "platform/testing/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -101,10 +101,14 @@ pid_t Spawn(const Image& image) {
   return pid;
 }
 
-int OpenProcess(pid_t pid) {
-  const auto file = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (file < 0) Fail("pidfd_open");
-  return file;
+pid_t Fork(const std::function<void()>& run) {
+  const pid_t parent = getpid();
+  const pid_t pid = fork();
+  if (pid < 0) Fail("fork");
+  if (pid > 0) return pid;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() == parent) run();
+  _exit(0);
 }
 
 int MillisecondsUntil(Clock::time_point deadline) {
@@ -130,9 +134,43 @@ std::ostream& operator<<(std::ostream& out, const ExitState& state) {
   return state.signal != 0 ? out << "signal " << state.signal : out << "exit code " << state.code;
 }
 
+Child::Child(pid_t pid) : pid_(pid), handle_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {
+  if (handle_ < 0) Fail("pidfd_open");
+}
+
+Child::~Child() {
+  if (exit_) return;
+  kill(pid_, SIGKILL);
+  Reap();
+}
+
+void Child::Signal(int number) {
+  if (exit_) return;
+  kill(pid_, number);
+  siginfo_t stopped;
+  if (number == SIGSTOP) waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+}
+
+const std::optional<ExitState>& Child::WaitExit(std::chrono::milliseconds limit) {
+  pollfd ended = {handle_, POLLIN, 0};
+  if (!exit_ && poll(&ended, 1, static_cast<int>(limit.count())) == 1) Reap();
+  return exit_;
+}
+
+void Child::Reap() {
+  int status = 0;
+  if (waitpid(pid_, &status, 0) != pid_) return;
+  close(handle_);
+  handle_ = -1;
+  exit_ = WIFSIGNALED(status) ? ExitState{0, WTERMSIG(status)} : ExitState{WEXITSTATUS(status), 0};
+}
+
+ForkedChild::ForkedChild(const std::function<void()>& run) : Child(Fork(run)) {}
+
 ChildProcess::ChildProcess(std::vector<std::string> arguments) : ChildProcess(std::move(arguments), Options()) {}
 
-ChildProcess::ChildProcess(std::vector<std::string> arguments, const Options& options) : pty_(options.pty) {
+ChildProcess::ChildProcess(std::vector<std::string> arguments, const Options& options)
+    : pty_(options.pty), one_pipe_(pty_ || options.errors_with_output) {
   auto environment = MergedEnvironment(options.environment);
   const auto argument_pointers = Pointers(arguments);
   const auto environment_pointers = Pointers(environment);
@@ -140,35 +178,28 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments, const Options& op
   if (pty_) {
     const Channel terminal = MakeTerminal();
     image.standard_files = {terminal.theirs, terminal.theirs, terminal.theirs};
-    pid_ = Spawn(image);
-    process_ = OpenProcess(pid_);
+    child_.emplace(Spawn(image));
     close(terminal.theirs);
     output_pipe_ = terminal.ours;
     input_ = fcntl(terminal.ours, F_DUPFD_CLOEXEC, 0);
     return;
   }
-  const Channel in = MakePipe(true), out = MakePipe(false), error = MakePipe(false);
+  const Channel in = MakePipe(true), out = MakePipe(false);
+  const Channel error = one_pipe_ ? Channel{-1, out.theirs} : MakePipe(false);
   image.standard_files = {in.theirs, out.theirs, error.theirs};
-  pid_ = Spawn(image);
-  process_ = OpenProcess(pid_);
-  for (const int theirs : image.standard_files) close(theirs);
+  child_.emplace(Spawn(image));
+  close(in.theirs);
+  close(out.theirs);
+  if (!one_pipe_) close(error.theirs);
   input_ = in.ours;
   output_pipe_ = out.ours;
   error_pipe_ = error.ours;
 }
 
 ChildProcess::~ChildProcess() {
-  if (!exit_) {
-    kill(pid_, SIGKILL);
-    Reap(0);
-  }
   for (const int file : {input_, output_pipe_, error_pipe_}) {
     if (file >= 0) close(file);
   }
-}
-
-void ChildProcess::Signal(int number) {
-  if (!exit_) kill(pid_, number);
 }
 
 bool ChildProcess::Write(std::string_view text) {
@@ -200,25 +231,25 @@ bool ChildProcess::WaitFor(std::string_view text, std::chrono::milliseconds limi
 }
 
 bool ChildProcess::WaitForError(std::string_view text, std::chrono::milliseconds limit) {
-  return Wait(pty_ ? output_ : errors_, text, limit);
+  return Wait(one_pipe_ ? output_ : errors_, text, limit);
 }
 
 bool ChildProcess::Wait(const std::string& where, std::string_view text, std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + limit;
   while (where.find(text) == std::string::npos) {
-    if (!Pump(exit_ ? Clock::now() : deadline)) return false;
+    if (!Pump(child_->Exit() ? Clock::now() : deadline)) return false;
   }
   return true;
 }
 
 std::optional<ExitState> ChildProcess::WaitExit(std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + limit;
-  while (!exit_ && Pump(deadline)) {
+  while (!child_->Exit() && Pump(deadline)) {
   }
   // What it wrote last; its outputs may stay open in a child of its own.
-  while (exit_ && Pump(Clock::now())) {
+  while (child_->Exit() && Pump(Clock::now())) {
   }
-  return exit_;
+  return child_->Exit();
 }
 
 void ChildProcess::Forget() {
@@ -227,20 +258,12 @@ void ChildProcess::Forget() {
 }
 
 bool ChildProcess::Pump(Deadline deadline) {
-  std::array<pollfd, 3> waited = {{{output_pipe_, POLLIN, 0}, {error_pipe_, POLLIN, 0}, {process_, POLLIN, 0}}};
+  std::array<pollfd, 3> waited = {{{output_pipe_, POLLIN, 0}, {error_pipe_, POLLIN, 0}, {child_->Handle(), POLLIN, 0}}};
   if (poll(waited.data(), waited.size(), MillisecondsUntil(deadline)) <= 0) return false;
   if (waited[0].revents != 0) ReadInto(output_pipe_, output_);
   if (waited[1].revents != 0) ReadInto(error_pipe_, errors_);
-  if (waited[2].revents != 0) Reap(WNOHANG);
+  if (waited[2].revents != 0) child_->WaitExit(std::chrono::milliseconds(0));
   return true;
-}
-
-void ChildProcess::Reap(int flags) {
-  int status = 0;
-  if (waitpid(pid_, &status, flags) != pid_) return;
-  close(process_);
-  process_ = -1;
-  exit_ = WIFSIGNALED(status) ? ExitState{0, WTERMSIG(status)} : ExitState{WEXITSTATUS(status), 0};
 }
 
 }  // namespace vextest

@@ -1,6 +1,6 @@
 // What is written to a stream, as it is flushed.
-#ifndef TESTS_SUPPORT_FLUSHED_TEXT_H_
-#define TESTS_SUPPORT_FLUSHED_TEXT_H_
+#ifndef PLATFORM_TESTING_FLUSHED_TEXT_H_
+#define PLATFORM_TESTING_FLUSHED_TEXT_H_
 
 #include <sstream>
 #include <string>
@@ -27,4 +27,4 @@ class FlushedText : public std::stringbuf {
 
 }  // namespace vextest
 
-#endif  // TESTS_SUPPORT_FLUSHED_TEXT_H_
+#endif  // PLATFORM_TESTING_FLUSHED_TEXT_H_

@@ -1,6 +1,6 @@
 // An operator at a terminal, for tests of the line editor: Type("pl<Tab>"), ExpectScreen(...).
-#ifndef KLBASE_LINE_EDITOR_TEST_FIXTURE_H_
-#define KLBASE_LINE_EDITOR_TEST_FIXTURE_H_
+#ifndef PLATFORM_KLBASE_TESTING_LINE_EDITOR_FIXTURE_H_
+#define PLATFORM_KLBASE_TESTING_LINE_EDITOR_FIXTURE_H_
 
 #include <gmock/gmock.h>
 
@@ -11,7 +11,7 @@
 
 #include "line_editor/editor.h"
 #include "line_editor/history.h"
-#include "line_editor/test_screen.h"
+#include "platform/klbase/testing/test_screen.h"
 
 namespace cli::internal {
 
@@ -154,4 +154,4 @@ class LineEditorTest : public testing::Test {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_LINE_EDITOR_TEST_FIXTURE_H_
+#endif  // PLATFORM_KLBASE_TESTING_LINE_EDITOR_FIXTURE_H_

@@ -1,9 +1,8 @@
-#include "tests/support/fake_daemon.h"
+#include "platform/testing/fake_daemon.h"
 
-#include <unistd.h>
-
-#include <atomic>
 #include <utility>
+
+#include "platform/testing/environment.h"
 
 namespace vextest {
 namespace {
@@ -12,10 +11,7 @@ constexpr unsigned int kThreads = 2;
 
 }  // namespace
 
-std::string FakeDaemon::UniqueAddress() {
-  static std::atomic<int> count = 0;
-  return "unix-abstract:vextest-" + std::to_string(getpid()) + "-" + std::to_string(++count);
-}
+std::string FakeDaemon::UniqueAddress() { return UniqueName("unix-abstract:vextest"); }
 
 FakeDaemon::FakeDaemon(std::string address) : address_(std::move(address)) { Start(); }
 

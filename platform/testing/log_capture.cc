@@ -1,4 +1,4 @@
-#include "tests/support/log_capture.h"
+#include "platform/testing/log_capture.h"
 
 #include <algorithm>
 #include <iterator>
@@ -33,6 +33,16 @@ std::vector<LogRecord> LogCapture::RecordsOf(std::string_view file_prefix) const
   return found;
 }
 
+std::vector<std::string> LogCapture::Texts() const {
+  absl::MutexLock lock(&mutex_);
+  return TextsLocked();
+}
+
+std::size_t LogCapture::Count(std::string_view prefix) const {
+  absl::MutexLock lock(&mutex_);
+  return CountLocked(prefix);
+}
+
 void LogCapture::Clear() {
   absl::MutexLock lock(&mutex_);
   records_.clear();
@@ -44,6 +54,24 @@ bool LogCapture::WaitFor(const LogRecord& record, std::chrono::milliseconds limi
     return std::find(records_.begin(), records_.end(), record) != records_.end();
   };
   return changes_.Wait(&mutex_, limit, written);
+}
+
+bool LogCapture::WaitForText(std::string_view prefix, std::chrono::milliseconds limit) const {
+  absl::MutexLock lock(&mutex_);
+  const auto written = [this, prefix]() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_) { return CountLocked(prefix) > 0; };
+  return changes_.Wait(&mutex_, limit, written);
+}
+
+std::vector<std::string> LogCapture::TextsLocked() const {
+  std::vector<std::string> texts;
+  for (const LogRecord& record : records_) texts.push_back(std::to_string(record.level) + " " + record.text);
+  return texts;
+}
+
+std::size_t LogCapture::CountLocked(std::string_view prefix) const {
+  const auto texts = TextsLocked();
+  return static_cast<std::size_t>(
+      std::count_if(texts.begin(), texts.end(), [prefix](const auto& text) { return text.starts_with(prefix); }));
 }
 
 void LogCapture::Add(const KlLogRecord& record) {

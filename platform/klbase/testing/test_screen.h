@@ -1,7 +1,7 @@
 // A small terminal for tests: understands what the line editor writes, with the wrapping of xterm (a filled row keeps
 // the cursor until the next character), and refuses every sequence it does not know.
-#ifndef KLBASE_LINE_EDITOR_TEST_SCREEN_H_
-#define KLBASE_LINE_EDITOR_TEST_SCREEN_H_
+#ifndef PLATFORM_KLBASE_TESTING_TEST_SCREEN_H_
+#define PLATFORM_KLBASE_TESTING_TEST_SCREEN_H_
 
 #include <utf8proc.h>
 
@@ -216,4 +216,4 @@ class TestScreen {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_LINE_EDITOR_TEST_SCREEN_H_
+#endif  // PLATFORM_KLBASE_TESTING_TEST_SCREEN_H_

@@ -1,70 +1,17 @@
-#include "test_support.h"
+#include "platform/klrpc/testing/servers.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <iterator>
+#include <utility>
 
-#include "klbase/log.h"
-#include "klbase/log_sink.h"
+#include "platform/testing/environment.h"
 
 namespace klrpc::testing {
 
-std::string UniqueAddress() {
-  static std::atomic<int> count{0};
-  return "unix-abstract:klrpc-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
-}
-
-LogCapture::LogCapture(int level)
-    : old_level_(kOptionLogLevel), records_(std::make_shared<Watched<std::vector<std::string>>>()) {
-  KlLogSetLogLevel(level);
-  KlLogSetObserver([records = records_](const KlLogRecord& record) {
-    records->Update([&](std::vector<std::string>& list) {
-      list.push_back(std::to_string(record.level) + " " + std::string(record.source_file) + " " +
-                     std::string(record.function) + ": " + std::string(record.text));
-    });
-  });
-}
-
-LogCapture::~LogCapture() {
-  KlLogSetObserver(nullptr);
-  KlLogSetLogLevel(old_level_);
-}
-
-bool LogCapture::WaitFor(const std::string& record) {
-  return records_->WaitFor(
-      [&](const std::vector<std::string>& list) { return std::find(list.begin(), list.end(), record) != list.end(); });
-}
-
-CapturedStderr::CapturedStderr() : saved_(dup(STDERR_FILENO)) {
-  file_ = memfd_create("stderr", MFD_CLOEXEC);
-  dup2(file_, STDERR_FILENO);
-}
-
-std::string CapturedStderr::Text() {
-  if (saved_ < 0) return "";
-  std::fflush(stderr);
-  dup2(saved_, STDERR_FILENO);
-  close(saved_);
-  saved_ = -1;
-  std::string text(static_cast<std::size_t>(lseek(file_, 0, SEEK_END)), '\0');
-  EXPECT_EQ(pread(file_, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
-  close(file_);
-  return text;
-}
-
-ScopedEnv::ScopedEnv(const char* name, const std::string& value) : name_(name) { setenv(name, value.c_str(), 1); }
-
-ScopedEnv::~ScopedEnv() { unsetenv(name_); }
+std::string UniqueAddress() { return vextest::UniqueName("unix-abstract:klrpc-test"); }
 
 bool Echo(const google::protobuf::Any& request, google::protobuf::Any& reply) {
   reply = request;
@@ -99,6 +46,8 @@ common::v1::Status StatusOf(int code, const std::string& message) {
 
 namespace {
 
+constexpr char kReady[] = "ready\n";
+
 bool ObeyOrEcho(const google::protobuf::Any& request, google::protobuf::Any& reply) {
   common::v1::Status order;
   request.UnpackTo(&order);
@@ -107,8 +56,7 @@ bool ObeyOrEcho(const google::protobuf::Any& request, google::protobuf::Any& rep
   return Echo(request, reply);
 }
 
-// Says that it is ready by closing its standard output.
-void SayReady() { close(STDOUT_FILENO); }
+void SayReady() { EXPECT_EQ(write(STDOUT_FILENO, kReady, sizeof kReady - 1), std::ssize(kReady) - 1); }
 
 int ServeUntilKilled(const std::string& address) {
   auto hooks = std::make_unique<APIServer::UnaryHookSets>();
@@ -166,48 +114,9 @@ void AllDescriptorsUsed::Free() {
   setrlimit(RLIMIT_NOFILE, &before_);
 }
 
-ChildServer::ChildServer(const std::string& mode, const std::string& address) {
-  int out[2];
-  EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    execl("/proc/self/exe", "klrpc_test", mode.c_str(), address.c_str(), nullptr);
-    _exit(127);
-  }
-  close(out[1]);
-  pollfd ready = {out[0], POLLIN, 0};
-  EXPECT_EQ(poll(&ready, 1, 20'000), 1) << "the child does not get ready";
-  close(out[0]);
-}
-
-ChildServer::~ChildServer() {
-  if (pid_ < 0) return;
-  kill(pid_, SIGKILL);
-  waitpid(pid_, nullptr, 0);
-}
-
-void ChildServer::Signal(int number) {
-  kill(pid_, number);
-  if (number == SIGSTOP) waitpid(pid_, nullptr, WUNTRACED);
-}
-
-int ChildServer::Wait() {
-  const int handle = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-  pollfd ended = {handle, POLLIN, 0};
-  const bool in_time = poll(&ended, 1, 20'000) == 1;
-  close(handle);
-  if (!in_time) return -1;
-  int status = 0;
-  waitpid(pid_, &status, 0);
-  pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+ChildServer::ChildServer(const std::string& mode, const std::string& address)
+    : ChildProcess({"/proc/self/exe", mode, address}) {
+  EXPECT_TRUE(WaitFor(kReady)) << "the child does not get ready";
 }
 
 }  // namespace klrpc::testing
-
-int main(int argc, char** argv) {
-  if (const int status = klrpc::testing::RunChild(argc, argv); status >= 0) return status;
-  testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}

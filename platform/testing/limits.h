@@ -1,6 +1,6 @@
 // How long tests wait for what must happen.
-#ifndef TESTS_SUPPORT_LIMITS_H_
-#define TESTS_SUPPORT_LIMITS_H_
+#ifndef PLATFORM_TESTING_LIMITS_H_
+#define PLATFORM_TESTING_LIMITS_H_
 
 #include <chrono>
 
@@ -23,4 +23,4 @@ constexpr std::chrono::milliseconds kLimit{20'000};
 
 }  // namespace vextest
 
-#endif  // TESTS_SUPPORT_LIMITS_H_
+#endif  // PLATFORM_TESTING_LIMITS_H_
