@@ -8,6 +8,8 @@
 #include "absl/base/call_once.h"
 #include "absl/synchronization/mutex.h"
 #include "absl/synchronization/notification.h"
+#include "klbase/steady_cond_var.h"
+#include "platform/testing/limits.h"
 
 namespace vextest {
 namespace {
@@ -111,23 +113,71 @@ TEST(TsanAbseilTest, WhoeverWaitsForACallThatHappensOnceSeesWhatItDid) {
   });
 }
 
+// The same code under a lock, which the sanitizer must not report, and with the lock left out, which it must: a planted
+// race. Both run in processes of their own, whose exit code says what was reported.
+enum class Lock { kHeld, kLeftOut };
+
+[[noreturn]] void CountInThreads(Lock lock) {
+  absl::Mutex mutex;
+  int count = 0;
+  InThreads([&](int number) {
+    const bool locks = lock == Lock::kHeld || number != 0;
+    for (int turn = 0; turn < kTurns; ++turn) {
+      if (locks) {
+        absl::MutexLock held(&mutex);
+        ++count;
+      } else {
+        ++count;
+      }
+    }
+  });
+  std::exit(count > 0 ? 0 : 1);
+}
+
+// Threads take turns by a SteadyCondVar; the count changes within the turn or just behind it.
+[[noreturn]] void TakeTurns(Lock lock) {
+  absl::Mutex mutex;
+  klbase::SteadyCondVar changed;
+  int turn = 0;
+  int count = 0;
+  const auto deadline = klbase::SteadyCondVar::Clock::now() + kLimit;
+  InThreads([&](int number) {
+    for (int round = 0; round < kTurns; ++round) {
+      {
+        absl::MutexLock held(&mutex);
+        while (turn % kThreads != number && changed.WaitUntil(&mutex, deadline)) {
+        }
+        if (lock == Lock::kHeld) ++count;
+        ++turn;
+        changed.SignalAll();
+      }
+      if (lock == Lock::kLeftOut) ++count;
+    }
+  });
+  std::exit(count > 0 ? 0 : 1);
+}
+
+class TsanAbseilDeathTest : public testing::Test {
+ protected:
+  TsanAbseilDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
+};
+
+TEST_F(TsanAbseilDeathTest, AFieldUsedUnderItsMutexIsNotReported) {
+  EXPECT_EXIT(CountInThreads(Lock::kHeld), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(TsanAbseilDeathTest, AFieldUsedUnderAMutexThatIsWaitedWithIsNotReported) {
+  EXPECT_EXIT(TakeTurns(Lock::kHeld), testing::ExitedWithCode(0), "");
+}
+
 #if defined(__SANITIZE_THREAD__)
 
-TEST(TsanAbseilDeathTest, AFieldUsedWithoutItsLockIsStillFound) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
-  const auto race = [] {
-    absl::Mutex mutex;
-    int count = 0;
-    InThreads([&](int number) {
-      for (int turn = 0; turn < kTurns; ++turn) {
-        if (number != 0) mutex.Lock();
-        ++count;
-        if (number != 0) mutex.Unlock();
-      }
-    });
-    std::exit(count > 0 ? 0 : 1);
-  };
-  EXPECT_EXIT(race(), testing::ExitedWithCode(66), "data race");
+TEST_F(TsanAbseilDeathTest, AFieldUsedWithoutItsMutexIsReported) {
+  EXPECT_EXIT(CountInThreads(Lock::kLeftOut), testing::ExitedWithCode(66), "data race");
+}
+
+TEST_F(TsanAbseilDeathTest, AFieldUsedBesideAMutexThatIsWaitedWithIsReported) {
+  EXPECT_EXIT(TakeTurns(Lock::kLeftOut), testing::ExitedWithCode(66), "data race");
 }
 
 #endif
