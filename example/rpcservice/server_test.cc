@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -22,19 +21,10 @@
 #include "example/rpcservice/example_rpcreq.h"
 #include "klrpc/api_client.h"
 #include "klrpc/v1/pubsub.pb.h"
+#include "modules/core/common/scripted_registry.h"
 #include "platform/testing/limits.h"
 #include "platform/testing/log_capture.h"
 #include "sigslot/sigslot.h"
-
-namespace core {
-
-class RpcServiceFactoryPeer {
- public:
-  using Registry = std::map<std::string, RpcServiceFactory::Creator>;
-  static Registry& Get() { return RpcServiceFactory::RegisterMethod(); }
-};
-
-}  // namespace core
 
 namespace {
 
@@ -42,6 +32,7 @@ using common::v1::KeyValue;
 using common::v1::Status;
 using example::v1::ExampleRPCReply;
 using example::v1::ExampleRPCRequest;
+using ScriptedRegistry = core::internal::ScriptedRegistry<core::RpcServiceFactory>;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vextest::LogCapture;
@@ -62,20 +53,6 @@ google::protobuf::Any Packed(const Message& message) {
   packed.PackFrom(message);
   return packed;
 }
-
-// Puts other services in place of the registered ones for the time of a test.
-class ScriptedRegistry {
- public:
-  explicit ScriptedRegistry(core::RpcServiceFactoryPeer::Registry services) : before_(std::move(services)) {
-    std::swap(core::RpcServiceFactoryPeer::Get(), before_);
-  }
-  ScriptedRegistry(const ScriptedRegistry&) = delete;
-  ScriptedRegistry& operator=(const ScriptedRegistry&) = delete;
-  ~ScriptedRegistry() { std::swap(core::RpcServiceFactoryPeer::Get(), before_); }
-
- private:
-  core::RpcServiceFactoryPeer::Registry before_;
-};
 
 // Answers KeyValue requests as it is told; the answer of one that is not told is its name.
 class ScriptedService : public core::RpcServiceImpl<KeyValue, Status> {

@@ -1,28 +1,33 @@
 #include <utility>
 
+#include "common/registries.h"
 #include "core/module.h"
 
 namespace core {
-
-bool ModuleFactory::Register(const std::string& name, Creator creator) {
-  return RegisterMethod().try_emplace(name, std::move(creator)).second;
-}
-
-std::vector<std::string> ModuleFactory::Names() {
-  std::vector<std::string> names;
-  for (const auto& [name, creator] : RegisterMethod()) names.push_back(name);
-  return names;
-}
-
-std::unique_ptr<Module> ModuleFactory::Create(const std::string& name) {
-  const auto found = RegisterMethod().find(name);
-  return found == RegisterMethod().end() ? nullptr : found->second();
-}
+namespace internal {
 
 // Never destroyed: registrations come from static initialisers of any file, in any order.
-std::map<std::string, ModuleFactory::Creator>& ModuleFactory::RegisterMethod() {
-  static auto& register_method = *new std::map<std::string, Creator>;
-  return register_method;
+template <>
+RegistryOf<ModuleFactory>*& CurrentRegistry<ModuleFactory>() {
+  static auto* current = new RegistryOf<ModuleFactory>("module");
+  return current;
+}
+
+}  // namespace internal
+
+bool ModuleFactory::Register(const std::string& name, Creator creator) {
+  return internal::CurrentRegistry<ModuleFactory>()->Register(name, std::move(creator));
+}
+
+bool ModuleFactory::Register(const std::string* name, Creator creator) {
+  return internal::CurrentRegistry<ModuleFactory>()->Register(name, std::move(creator));
+}
+
+std::vector<std::string> ModuleFactory::Names() { return internal::CurrentRegistry<ModuleFactory>()->Names(); }
+
+std::unique_ptr<Module> ModuleFactory::Create(const std::string& name) {
+  const Creator* creator = internal::CurrentRegistry<ModuleFactory>()->Find(name);
+  return creator == nullptr ? nullptr : (*creator)();
 }
 
 }  // namespace core

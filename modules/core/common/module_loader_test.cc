@@ -12,15 +12,10 @@
 #include "absl/synchronization/notification.h"
 #include "core/module.h"
 #include "klbase/log.h"
+#include "modules/core/common/scripted_registry.h"
 #include "platform/testing/log_capture.h"
 
 namespace core {
-
-class ModuleFactoryPeer {
- public:
-  static std::map<std::string, ModuleFactory::Creator>& Registry() { return ModuleFactory::RegisterMethod(); }
-};
-
 namespace {
 
 using testing::ElementsAre;
@@ -67,9 +62,6 @@ class ScriptedModule : public Module {
 // With no module registered but those of the test.
 class ModuleLoaderTest : public testing::Test {
  protected:
-  ModuleLoaderTest() { ModuleFactoryPeer::Registry().swap(registered_by_others_); }
-  ~ModuleLoaderTest() override { ModuleFactoryPeer::Registry().swap(registered_by_others_); }
-
   bool Register(const ScriptedModule::Script& script) {
     return ModuleFactory::Register(script.name,
                                    [this, script] { return std::make_unique<ScriptedModule>(script, calls_); });
@@ -78,7 +70,7 @@ class ModuleLoaderTest : public testing::Test {
   std::vector<std::string> calls_;
 
  private:
-  std::map<std::string, ModuleFactory::Creator> registered_by_others_;
+  const internal::ScriptedRegistry<ModuleFactory> registry_{{}};
 };
 
 TEST_F(ModuleLoaderTest, WithoutModulesWritesTheirCountOnly) {
@@ -218,23 +210,6 @@ TEST_F(ModuleLoaderDeathTest, ACreatorThatMakesNothingStopsTheProgram) {
   ModuleLoader loader;
   LogCapture log(40);
   EXPECT_EXIT(loader.Initialize(), testing::KilledBySignal(SIGABRT), "module \"ghost\": its creator made no module");
-}
-
-// Registers itself as modules of the program do.
-class SelfRegisteredModule : public ScriptedModule {
- public:
-  SelfRegisteredModule() : ScriptedModule({.name = "SelfRegistered"}, unwatched_) {}
-
- private:
-  inline static std::vector<std::string> unwatched_;
-};
-
-const std::string ModuleID = "SelfRegistered";
-const RegisteredModuleFactory<SelfRegisteredModule, &ModuleID> registration;
-
-TEST(RegisteredModuleFactoryTest, RegistersItsModuleBeforeMain) {
-  EXPECT_THAT(ModuleFactory::Names(), testing::Contains("SelfRegistered"));
-  EXPECT_EQ(ModuleFactory::Create("SelfRegistered")->Name(), "SelfRegistered");
 }
 
 TEST(ModuleFactoryTest, MakesNothingForAnUnknownName) { EXPECT_EQ(ModuleFactory::Create("unknown"), nullptr); }

@@ -1,26 +1,34 @@
 #include "core/rpc_service.h"
 
+#include <utility>
+
+#include "common/registries.h"
+
 namespace core {
-
-bool RpcServiceFactory::Register(const std::string& name, Creator creator) {
-  return RegisterMethod().try_emplace(name, std::move(creator)).second;
-}
-
-std::vector<std::string> RpcServiceFactory::Names() {
-  std::vector<std::string> names;
-  for (const auto& [name, creator] : RegisterMethod()) names.push_back(name);
-  return names;
-}
-
-std::unique_ptr<RpcService> RpcServiceFactory::Create(const std::string& name) {
-  const auto found = RegisterMethod().find(name);
-  return found == RegisterMethod().end() ? nullptr : found->second();
-}
+namespace internal {
 
 // Never destroyed: registrations come from static initialisers of any file, in any order.
-std::map<std::string, RpcServiceFactory::Creator>& RpcServiceFactory::RegisterMethod() {
-  static auto& register_method = *new std::map<std::string, Creator>;
-  return register_method;
+template <>
+RegistryOf<RpcServiceFactory>*& CurrentRegistry<RpcServiceFactory>() {
+  static auto* current = new RegistryOf<RpcServiceFactory>("service");
+  return current;
+}
+
+}  // namespace internal
+
+bool RpcServiceFactory::Register(const std::string& name, Creator creator) {
+  return internal::CurrentRegistry<RpcServiceFactory>()->Register(name, std::move(creator));
+}
+
+bool RpcServiceFactory::Register(const std::string* name, Creator creator) {
+  return internal::CurrentRegistry<RpcServiceFactory>()->Register(name, std::move(creator));
+}
+
+std::vector<std::string> RpcServiceFactory::Names() { return internal::CurrentRegistry<RpcServiceFactory>()->Names(); }
+
+std::unique_ptr<RpcService> RpcServiceFactory::Create(const std::string& name) {
+  const Creator* creator = internal::CurrentRegistry<RpcServiceFactory>()->Find(name);
+  return creator == nullptr ? nullptr : (*creator)();
 }
 
 }  // namespace core

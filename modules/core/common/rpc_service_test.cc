@@ -3,29 +3,20 @@
 #include <gmock/gmock.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <utility>
 
 #include "common/v1/keyvalue.pb.h"
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
+#include "modules/core/common/scripted_registry.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/virtual_slot.h"
 
 namespace core {
-
-class RpcServiceFactoryPeer {
- public:
-  using Registry = std::map<std::string, RpcServiceFactory::Creator>;
-  static Registry& Get() { return RpcServiceFactory::RegisterMethod(); }
-};
-
 namespace {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using vextest::LogCapture;
@@ -44,22 +35,7 @@ class EchoService : public RpcServiceImpl<common::v1::KeyValue, common::v1::Stat
   int handled = 0;
 };
 
-const std::string kSelfRegistered = "rpc_service_test_self";
-const RegisteredRpcServiceFactory<EchoService, &kSelfRegistered> registration;
-
-// Puts other services in place of the registered ones for the time of a test.
-class ScriptedRegistry {
- public:
-  explicit ScriptedRegistry(RpcServiceFactoryPeer::Registry services) : before_(std::move(services)) {
-    std::swap(RpcServiceFactoryPeer::Get(), before_);
-  }
-  ScriptedRegistry(const ScriptedRegistry&) = delete;
-  ScriptedRegistry& operator=(const ScriptedRegistry&) = delete;
-  ~ScriptedRegistry() { std::swap(RpcServiceFactoryPeer::Get(), before_); }
-
- private:
-  RpcServiceFactoryPeer::Registry before_;
-};
+using ScriptedRegistry = internal::ScriptedRegistry<RpcServiceFactory>;
 
 LogRecord ServiceRecord(int level, const std::string& text) {
   return {level, "modules/core/include/core/rpc_service", "Service", text};
@@ -164,11 +140,6 @@ TEST(RpcServiceTest, CallsShareNothing) {
   service.Service(Packed("first"), first);
   service.Service(Packed(""), second);
   EXPECT_EQ(StatusIn(second).message(), "");
-}
-
-TEST(RpcServiceFactoryTest, ServiceRegistersItselfUnderItsName) {
-  EXPECT_THAT(RpcServiceFactory::Names(), Contains("rpc_service_test_self"));
-  EXPECT_NE(dynamic_cast<EchoService*>(RpcServiceFactory::Create("rpc_service_test_self").get()), nullptr);
 }
 
 TEST(RpcServiceFactoryTest, NamesAreInByteOrder) {

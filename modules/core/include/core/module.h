@@ -2,7 +2,7 @@
 //
 // A module registers itself from its own source file:
 //
-//   static const std::string ModuleID = "rpcservice";
+//   const std::string ModuleID = "rpcservice";
 //   const core::RegisteredModuleFactory<RpcModule, &ModuleID> registration;
 //
 // Nothing else names the module; link its file from an object library, because an archive would drop it.
@@ -11,9 +11,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace core {
@@ -37,36 +37,51 @@ class Module {
   virtual uint32_t Priority() = 0;
 };
 
-// Registry of module creators. Filled during static initialisation only and read-only after, hence without a lock. It
-// exists from the first registration to the end of the process, whatever order source files are initialised in.
+// Registry of module creators, filled while static objects are built. Any thread; use Names() and Create() from main()
+// on only. How names are read, and which of two entries wins: klbase/registry.h.
 class ModuleFactory {
  public:
   using Creator = std::function<std::unique_ptr<Module>()>;
 
-  // Stores `creator` under `name` and returns true; returns false and changes nothing when the name is taken.
+  // Stores `creator` under `name`, which is copied at once, and returns true; returns false and changes nothing when
+  // the name is taken. Before the first Names() or Create() only names that came here as strings are known: an earlier
+  // entry below that turns out to have the same name then wins in spite of the true.
   static bool Register(const std::string& name, Creator creator);
+  // Stores `creator` under the constant at `name`, which is read at the first use after this. Always true.
+  static bool Register(const std::string* name, Creator creator);
 
   // The registered names in ascending byte order.
   static std::vector<std::string> Names();
   // Calls the creator of `name`; null when there is no such name. Throws std::bad_function_call when it is empty.
   static std::unique_ptr<Module> Create(const std::string& name);
-
- private:
-  friend class ModuleFactoryPeer;  // tests: puts modules in and takes them out again
-
-  static std::map<std::string, Creator>& RegisterMethod();
 };
 
-// Ties the module class T to its name constant and registers it when constructed, which a namespace-scope constant in
-// T's source file does, after *kModuleID in the same file. (A static member of this template would not do: it may be
-// initialised before the name.)
+// Ties the module class T to its name constant and registers it once, before main(), in a program that links a source
+// file with one of these:
+//
+//   const core::RegisteredModuleFactory<T, &ModuleID> registration;                               // an object
+//   template class core::RegisteredModuleFactory<T, &ModuleID>;                                   // an instantiation
+//   class T : public core::Module, public core::RegisteredModuleFactory<T, &ModuleID> { ... };    // a base class
+//
+// The constant needs to be declared there; it may be defined behind it or in another file. T has a default constructor
+// and is complete at the end of the file. As a base class it works for classes, not for class templates that nothing
+// instantiates.
 template <typename T, const std::string* kModuleID>
 class RegisteredModuleFactory {
  public:
-  RegisteredModuleFactory() { ModuleFactory::Register(*kModuleID, &Create); }
+  RegisteredModuleFactory() { (void)&registered_; }
 
   static std::unique_ptr<Module> Create() { return std::make_unique<T>(); }
+
+ private:
+  static const bool registered_;
+  // A static member of a class template exists only where something uses it. As a template argument it is used as soon
+  // as the class is complete, also by a T whose constructor nothing calls.
+  using Used = std::integral_constant<const bool*, &registered_>;
 };
+
+template <typename T, const std::string* kModuleID>
+const bool RegisteredModuleFactory<T, kModuleID>::registered_ = ModuleFactory::Register(kModuleID, &Create);
 
 }  // namespace core
 

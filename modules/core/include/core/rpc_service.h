@@ -2,7 +2,7 @@
 //
 // A service derives from the typed adapter and registers itself from its own source file:
 //
-//   static const std::string ServiceID = "example_rpcreq";
+//   const std::string ServiceID = "example_rpcreq";
 //   class ExampleRpcReq : public core::RpcServiceImpl<ExampleRPCRequest, ExampleRPCReply> {
 //    public:
 //     bool HandleRequest(const ExampleRPCRequest& request, ExampleRPCReply& reply) override;
@@ -16,9 +16,9 @@
 #include <google/protobuf/any.pb.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -85,36 +85,42 @@ class RpcServiceImpl : public RpcService {
   const std::string request_type_;
 };
 
-// Registry of service creators. Filled during static initialisation only and read-only after, hence without a lock. It
-// exists from the first registration to the end of the process, whatever order source files are initialised in.
+// Registry of service creators, filled while static objects are built. Any thread; use Names() and Create() from main()
+// on only. How names are read, and which of two entries wins: klbase/registry.h.
 class RpcServiceFactory {
  public:
   using Creator = std::function<std::unique_ptr<RpcService>()>;
 
-  // Stores `creator` under `name` and returns true; returns false and changes nothing when the name is taken.
+  // Stores `creator` under `name`, which is copied at once, and returns true; returns false and changes nothing when
+  // the name is taken. Before the first Names() or Create() only names that came here as strings are known: an earlier
+  // entry below that turns out to have the same name then wins in spite of the true.
   static bool Register(const std::string& name, Creator creator);
+  // Stores `creator` under the constant at `name`, which is read at the first use after this. Always true.
+  static bool Register(const std::string* name, Creator creator);
 
   // The registered names in ascending byte order.
   static std::vector<std::string> Names();
   // Calls the creator of `name`; null when there is no such name. Throws std::bad_function_call when it is empty.
   static std::unique_ptr<RpcService> Create(const std::string& name);
-
- private:
-  friend class RpcServiceFactoryPeer;  // tests: puts services in and takes them out again
-
-  static std::map<std::string, Creator>& RegisterMethod();
 };
 
-// Ties the service class T to its name constant and registers it when constructed, which a namespace-scope constant in
-// T's source file does, after *kServiceID in the same file. (A static member of this template would not do: it may be
-// initialised before the name.)
+// Ties the service class T to its name constant and registers it once, before main(). An object, an explicit
+// instantiation or a base class, under the same conditions as core::RegisteredModuleFactory (core/module.h).
 template <typename T, const std::string* kServiceID>
 class RegisteredRpcServiceFactory {
  public:
-  RegisteredRpcServiceFactory() { RpcServiceFactory::Register(*kServiceID, &Create); }
+  RegisteredRpcServiceFactory() { (void)&registered_; }
 
   static std::unique_ptr<RpcService> Create() { return std::make_unique<T>(); }
+
+ private:
+  static const bool registered_;
+  // Has the member above exist wherever the class is complete.
+  using Used = std::integral_constant<const bool*, &registered_>;
 };
+
+template <typename T, const std::string* kServiceID>
+const bool RegisteredRpcServiceFactory<T, kServiceID>::registered_ = RpcServiceFactory::Register(kServiceID, &Create);
 
 }  // namespace core
 

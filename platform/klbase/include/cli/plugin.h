@@ -31,23 +31,26 @@ class KLBASE_EXPORT Plugin {
   const std::string name_;
 };
 
-// Records a plugin's creator under its name. Constructed during static initialisation only. The first registration of a
-// name wins; a later one is silently ignored.
+// Records a plugin's creator under its name while static objects are built. Of several plugins with one name the first
+// that was registered wins, silently. Names() and CreateAll() are for main() and later. More in klbase/registry.h.
 class KLBASE_EXPORT Registration {
  public:
   using Creator = std::function<std::unique_ptr<Plugin>(Menu*)>;
 
+  // The name is copied at once.
   Registration(const std::string& name, Creator creator);
+  // `name` points to a constant that lives to the end of the process; it is read when the plugins are next asked for.
+  Registration(const std::string* name, Creator creator);
 
   // The registered names in the order in which the console creates the plugins (ascending).
   static std::vector<std::string> Names();
-  // Creates every registered plugin on `root`, in that order. An exception out of a creator passes through.
+  // Creates every registered plugin on `root`, in that order. An exception out of a creator passes through, also the
+  // std::bad_function_call of an empty one.
   static std::vector<std::unique_ptr<Plugin>> CreateAll(Menu* root);
 };
 
-// Stands between Plugin and each plugin class T, and registers T under *kName, a constant string that is initialised
-// before T's source file instantiates this (declare it in T's header: `inline const std::string kEncdCliName =
-// "encd";`).
+// Stands between Plugin and each plugin class T, and registers T under the constant *kName. The constant needs to be
+// declared before T; it may be defined in any file.
 template <typename T, const std::string* kName>
 class RegisteredPlugin : public Plugin {
  public:
@@ -60,7 +63,7 @@ class RegisteredPlugin : public Plugin {
 };
 
 template <typename T, const std::string* kName>
-const Registration RegisteredPlugin<T, kName>::registration{*kName, &RegisteredPlugin<T, kName>::Create};
+const Registration RegisteredPlugin<T, kName>::registration{kName, &RegisteredPlugin<T, kName>::Create};
 
 }  // namespace cli
 

@@ -10,6 +10,8 @@
 #include "console/console.h"
 #include "console/options.h"
 
+extern const std::string kElsewhereCli;  // in plugin_under_test.cc
+
 namespace cli::internal {
 namespace {
 
@@ -37,6 +39,21 @@ class AntCli : public RegisteredPlugin<AntCli, &kAntCli> {
   ~AntCli() override { --ants; }
 };
 
+// Long names, which need the heap: a short one may be in the program file, and so never built too late.
+extern const std::string kBehindCli;
+
+template <const std::string* kName>
+class NamedCli : public RegisteredPlugin<NamedCli<kName>, kName> {
+ public:
+  explicit NamedCli(Menu* parent) : RegisteredPlugin<NamedCli<kName>, kName>(*kName) {
+    parent->Insert(std::make_unique<Menu>(*kName));
+  }
+};
+template class NamedCli<&kBehindCli>;
+template class NamedCli<&kElsewhereCli>;
+
+const std::string kBehindCli = "name behind its plugin";
+
 TEST(PluginTest, RegisteredPluginsAreListedInAscendingOrder) {
   const auto names = Registration::Names();
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
@@ -49,9 +66,18 @@ TEST(PluginTest, CreateAllBuildsEachPluginOnTheRootInOrder) {
   const auto plugins = Registration::CreateAll(&root);
   std::vector<std::string> menus;
   for (const auto& command : root.Commands()) menus.push_back(command->Name());
-  EXPECT_EQ(menus, (std::vector<std::string>{kAntCli, kZebraCli}));
-  ASSERT_EQ(plugins.size(), 2U);
+  EXPECT_EQ(menus,
+            (std::vector<std::string>{"ant-test", "name behind its plugin", "name in another file", "zebra-test"}));
+  ASSERT_EQ(plugins.size(), 4U);
   EXPECT_EQ(plugins[0]->PluginName(), kAntCli);
+}
+
+TEST(PluginTest, ANameMayStandBehindItsPluginOrInAnotherFile) {
+  Menu root("main");
+  const auto plugins = Registration::CreateAll(&root);
+  for (const auto& [place, name] : {std::pair{1U, "name behind its plugin"}, {2U, "name in another file"}}) {
+    EXPECT_EQ(plugins.at(place)->PluginName(), name);
+  }
 }
 
 TEST(PluginTest, TheFirstRegistrationOfANameWins) {
@@ -61,7 +87,7 @@ TEST(PluginTest, TheFirstRegistrationOfANameWins) {
     return std::unique_ptr<Plugin>();
   });
   Menu root("main");
-  EXPECT_EQ(Registration::CreateAll(&root).size(), 2U);
+  EXPECT_EQ(Registration::CreateAll(&root).size(), 4U);
   EXPECT_FALSE(second_was_created);
 }
 
