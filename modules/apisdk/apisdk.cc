@@ -88,7 +88,6 @@ klrpc::APIClient& ApiSdk::ApiNodeClientSyncd(const Context& context) {
     const auto found = node_clients_.find(context.Host());
     if (found != node_clients_.end()) return *found->second;
   }
-  BeforeNodeClientIsMade();
   absl::ReleasableMutexLock lock(&node_clients_mutex_);
   auto client = MakeClient(absl::StrFormat("%s:%d", context.Host(), kNodePort), true);
   const auto [place, inserted] = node_clients_.try_emplace(context.Host(), std::move(client));

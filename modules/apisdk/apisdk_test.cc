@@ -2,12 +2,18 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <latch>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "apisdk/pubsub_sdk.h"
@@ -15,10 +21,12 @@
 #include "klrpc/api_client.h"
 #include "platform/testing/log_capture.h"
 
-// Linked so that each client's options come here first: what was made, and in which order, shows nowhere else.
+// Linked so that each client's options come here first, because nothing else shows which were made in which order; and
+// each text that the standard library hashes, so that a test can stop the SDK in its look for a host.
 namespace {
 std::vector<std::string> made_options;  // address, and whether it is another machine's
 std::function<void()> when_made;        // called before each, if set
+std::function<void(std::string_view)> when_hashed;
 }  // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names
@@ -35,6 +43,13 @@ void __wrap__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_
   made_options.push_back(address + (remote ? " remote" : " local"));
   __real__ZN5klrpc16APIClientOptionsC1ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEERKiSA_SA_b(
       made, address, max_backoff_ms, min_backoff_ms, initial_backoff_ms, remote);
+}
+
+std::size_t __real__ZSt11_Hash_bytesPKvmm(const void* bytes, std::size_t length, std::size_t seed);
+
+std::size_t __wrap__ZSt11_Hash_bytesPKvmm(const void* bytes, std::size_t length, std::size_t seed) {
+  if (when_hashed) when_hashed({static_cast<const char*>(bytes), length});
+  return __real__ZSt11_Hash_bytesPKvmm(bytes, length, seed);
 }
 
 }  // extern "C"
@@ -213,16 +228,20 @@ TEST(ApiSdkTest, ALocalContextHasNoNodeClient) {
                                          Record(50, "ApiClientSyncd", kNoSyncd)));
 }
 
-// Another caller makes the same host's client at the worst moment.
-class RacedSdk : public ApiSdk {
- private:
-  void BeforeNodeClientIsMade() override {
-    if (raced_) return;
-    raced_ = true;
-    ApiNodeClientSyncd(ContextOf("device"));
-  }
-  bool raced_ = false;
-};
+// Two threads ask for one host's client and wait for each other while they look for it, so that neither finds it.
+void MakeOneNodeClientTwice() {
+  constexpr int kHashedFrom = 21;  // the library searches smaller maps of texts without their hash
+  ApiSdk sdk;
+  for (int i = 0; i < kHashedFrom; ++i) sdk.ApiNodeClientSyncd(ContextOf("other-" + std::to_string(i)));
+  std::latch both_look(2);
+  std::atomic<int> looks = 0;
+  when_hashed = [&both_look, &looks](std::string_view text) {
+    if (text == "device" && ++looks <= 2) both_look.arrive_and_wait();
+  };
+  std::thread other([&sdk] { sdk.ApiNodeClientSyncd(ContextOf("device")); });
+  sdk.ApiNodeClientSyncd(ContextOf("device"));
+  other.join();
+}
 
 TEST(ApiSdkDeathTest, TwoMakersOfOneNodeClientStopTheProcessWithARecord) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -231,7 +250,7 @@ TEST(ApiSdkDeathTest, TwoMakersOfOneNodeClientStopTheProcessWithARecord) {
       std::fprintf(stderr, "%d %.*s: %.*s\n", record.level, static_cast<int>(record.function.size()),
                    record.function.data(), static_cast<int>(record.text.size()), record.text.data());
     });
-    RacedSdk().ApiNodeClientSyncd(ContextOf("device"));
+    MakeOneNodeClientTwice();
   };
   EXPECT_EXIT(make(), testing::KilledBySignal(SIGABRT),
               "50 ApiNodeClientSyncd: insert new node\\(device\\) client handle failed\\.");

@@ -55,11 +55,6 @@ class ApiSdk {
   // the process: make it on one thread first.
   klrpc::APIClient& ApiNodeClientSyncd(const Context& context);
 
- protected:
-  // Called by ApiNodeClientSyncd between looking for a host's client and making it. For tests of what happens when
-  // another thread makes it meanwhile.
-  virtual void BeforeNodeClientIsMade() {}
-
  private:
   std::set<ApiModule> modules_;
   std::unique_ptr<klrpc::APIClient> encd_client_;
