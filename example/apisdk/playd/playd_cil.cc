@@ -1,7 +1,6 @@
 #include "example/apisdk/playd/playd_cil.h"
 
 #include <array>
-#include <concepts>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -9,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -22,13 +21,12 @@
 namespace {
 
 using apis::ApiPlayer;
+using Word = const std::string&;
 
-template <std::size_t kCount>
-using Words = std::array<const std::string*, kCount>;
-
-// Both throw what std::stoi and std::stof throw, with the word in it: the operator reads which one it was.
+// Throws std::invalid_argument for a word that is not a number and std::out_of_range for one that the type can't hold,
+// each with the word in it, so that the console can name it.
 template <typename Convert>
-auto Converted(const std::string& word, Convert convert) {
+auto Converted(Word word, Convert convert) {
   try {
     return convert(word);
   } catch (const std::invalid_argument& error) {
@@ -37,88 +35,34 @@ auto Converted(const std::string& word, Convert convert) {
     throw cli::word_error<std::out_of_range>(word, error.what());
   }
 }
-int ToInt(const std::string& word) {
-  return Converted(word, [](const std::string& text) { return std::stoi(text); });
-}
-float ToFloat(const std::string& word) {
-  return Converted(word, [](const std::string& text) { return std::stof(text); });
+
+float ToFloat(Word word) {
+  return Converted(word, [](Word text) { return std::stof(text); });
 }
 
-// Store() converts a word to the field's type; a word that is no number throws std::invalid_argument, one that is out
-// of int's or float's range std::out_of_range. A negative number for an unsigned field wraps round.
-
-void Store(const std::string& word, std::string& field) { field = word; }
-void Store(const std::string& word, bool& field) { field = ToInt(word) != 0; }
-void Store(const std::string& word, float& field) { field = ToFloat(word); }
-template <std::integral Integer>
-void Store(const std::string& word, Integer& field) {
-  field = static_cast<Integer>(ToInt(word));
+// A negative number for an unsigned field wraps round.
+template <typename Number = int>
+Number ToInt(Word word) {
+  return static_cast<Number>(Converted(word, [](Word text) { return std::stoi(text); }));
 }
 
-// One parameter of a command: how help shows it, and how its word gets into the request.
-template <typename Request>
-struct Parameter {
-  const char* name;
-  void (*store)(const std::string& word, Request& request);
-};
+bool ToBool(Word word) { return ToInt(word) != 0; }
 
-template <typename Class, typename Type>
-Class ClassOf(Type Class::*);
-
-// The parameter for the field that the member pointers lead to, from the request inwards.
-template <auto kFirst, auto... kRest>
-constexpr auto Field(const char* name) {
-  using Request = decltype(ClassOf(kFirst));
-  return Parameter<Request>{
-      name, [](const std::string& word, Request& request) { Store(word, ((request.*kFirst).*....*kRest)); }};
+// Calls one operation of the player and shows its reply. A call that failed shows as well: in the reply's result.
+template <typename Request, typename Reply>
+void Call(std::ostream& out, std::string_view command, void (ApiPlayer::*operation)(const Request&, Reply&) const,
+          const std::type_identity_t<Request>& request) {
+  Reply reply;
+  (apis::ApiSdk::instance_.Player()->*operation)(request, reply);
+  PrintReply(out, command, reply);
 }
 
-// A command that fills a request from its words, calls one operation of the player and shows the reply.
-template <typename Request, typename Reply, std::size_t kCount>
-struct PlayerCommand {
-  static constexpr std::size_t kWords = kCount;
-
-  std::string_view name;
-  const char* usage;
-  void (ApiPlayer::*operation)(const Request&, Reply&) const;
-  std::array<Parameter<Request>, kCount> parameters;
-
-  std::vector<std::string> ParameterNames() const {
-    std::vector<std::string> names;
-    for (const auto& parameter : parameters) names.emplace_back(parameter.name);
-    return names;
-  }
-
-  void Run(std::ostream& out, const Words<kCount>& words) const {
-    Request request;
-    for (std::size_t i = 0; i < kCount; ++i) parameters[i].store(*words[i], request);
-    Reply reply;
-    (apis::ApiSdk::instance_.Player()->*operation)(request, reply);
-    PrintReply(out, name, reply);
-  }
-};
-
-template <typename Request, typename Reply, typename... Parameters>
-constexpr auto Row(std::string_view name, const char* usage, void (ApiPlayer::*operation)(const Request&, Reply&) const,
-                   const Parameters&... parameters) {
-  return PlayerCommand<Request, Reply, sizeof...(Parameters)>{name, usage, operation, {parameters...}};
+void LiveSystemInit(std::ostream& out, Word id) {
+  Call(out, "LiveSystemInit", &ApiPlayer::LiveSystemInit, {.unique_id = id});
 }
 
-// The two commands that put a whole media source on a layer differ in where the position goes.
-template <typename Request, auto kPosition>
-constexpr auto MediaRow(std::string_view name, const char* usage,
-                        void (ApiPlayer::*operation)(const Request&, ApiPlayer::UniversalResp&) const) {
-  using Info = ApiPlayer::MediaFileInfo;
-  using Position = ApiPlayer::DisplayPosition;
-  return Row(name, usage, operation, Field<&Request::unique_id>("id"), Field<&Request::media_type>("media_type"),
-             Field<&Request::play_immed>("play_immed"), Field<&Request::media_info, &Info::file_type>("file_type"),
-             Field<&Request::media_info, &Info::play_time_ms>("play_time_ms"),
-             Field<&Request::media_info, &Info::se_time_ms>("se_time_ms"),
-             Field<&Request::media_info, &Info::se_type>("se_type"), Field<&Request::media_info, &Info::url>("url"),
-             Field<kPosition, &Position::position_x>("position_x"),
-             Field<kPosition, &Position::position_y>("position_y"), Field<kPosition, &Position::width>("width"),
-             Field<kPosition, &Position::heigh>("heigh"),
-             Field<kPosition, &Position::video_priority>("video_priority"));
+void LiveSystemUnInit(std::ostream& out, Word id) {
+  Call(out, "LiveSystemUnInit", &ApiPlayer::LiveSystemUnInit, {.unique_id = id});
 }
 
 struct TimingPreset {
@@ -134,94 +78,116 @@ constexpr std::array<TimingPreset, 3> kTimingPresets = {{
     {{4400, 88, 3840, 176, 0}, {2250, 10, 2160, 8, 0}, 6000},
 }};
 
-// A command that sends one of the presets. Timings belong to no player: the id is only shown again.
-template <typename Request>
-struct TimingCommand {
-  static constexpr std::size_t kWords = 2;
-
-  std::string_view name;
-  const char* usage;
-  void (ApiPlayer::*operation)(const Request&, ApiPlayer::UniversalResp&) const;
-
-  std::vector<std::string> ParameterNames() const { return {"id", "type"}; }
-
-  void Run(std::ostream& out, const Words<kWords>& words) const {
-    out << "id         :" << *words[0] << std::endl;
-    const int type = ToInt(*words[1]);
-    if (type < 0 || static_cast<std::size_t>(type) >= kTimingPresets.size()) {
-      out << "parameter failed." << std::endl;
-      return;
-    }
-    const TimingPreset& preset = kTimingPresets[static_cast<std::size_t>(type)];
-    ApiPlayer::UniversalResp reply;
-    (apis::ApiSdk::instance_.Player()->*operation)({preset.horizontal, preset.vertical, preset.freq}, reply);
-    PrintReply(out, name, reply);
+// Timings belong to no player: the id is only shown again. Null, which is shown too, for an unknown type.
+const TimingPreset* PresetOf(std::ostream& out, Word id, Word type) {
+  out << "id         :" << id << std::endl;
+  const int number = ToInt(type);
+  if (number >= 0 && static_cast<std::size_t>(number) < kTimingPresets.size()) {
+    return &kTimingPresets[static_cast<std::size_t>(number)];
   }
-};
-
-// The menu, in its order. The usage examples are kept as operators know them, blanks included.
-constexpr std::tuple kCommands = {
-    Row("LiveSystemInit", "LiveSystemInit xxx ", &ApiPlayer::LiveSystemInit,
-        Field<&ApiPlayer::LiveSystemInitReq::unique_id>("id")),
-    Row("LiveSystemUnInit", "LiveSystemUnInit xxx ", &ApiPlayer::LiveSystemUnInit,
-        Field<&ApiPlayer::LiveSystemUnInitReq::unique_id>("id")),
-    TimingCommand<ApiPlayer::SetIntputTimingReq>{"SetIntputTiming", "SetIntputTiming xxx 0 ",
-                                                 &ApiPlayer::SetIntputTiming},
-    TimingCommand<ApiPlayer::SetOutputTimingReq>{"SetOutputTiming", "SetOutputTiming xxx 0",
-                                                 &ApiPlayer::SetOutputTiming},
-    Row("CreateUplayer", "CreateUplayer xxx ", &ApiPlayer::CreateUplayer,
-        Field<&ApiPlayer::CreateUplayerReq::unique_id>("id")),
-    Row("DeleteUplayer", "DeleteUplayer xxx ", &ApiPlayer::DeleteUplayer,
-        Field<&ApiPlayer::DeleteUplayerReq::unique_id>("id")),
-    MediaRow<ApiPlayer::OpenMediaOfUplayerReq, &ApiPlayer::OpenMediaOfUplayerReq::dis_pos>(
-        "OpenMediaOfUplayer", "OpenMediaOfUplayer 0 1 1 1 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0",
-        &ApiPlayer::OpenMediaOfUplayer),
-    Row("CloseMediaOfUplayer", "CloseMediaOfUplayer 0 0", &ApiPlayer::CloseMediaOfUplayer,
-        Field<&ApiPlayer::CloseMediaOfUplayerReq::unique_id>("id"),
-        Field<&ApiPlayer::CloseMediaOfUplayerReq::only_release_fd>("only_release_fd")),
-    MediaRow<ApiPlayer::SwitchSourceOfUplayerReq, &ApiPlayer::SwitchSourceOfUplayerReq::next_dis_pos>(
-        "SwitchSourceOfUplayer", "SwitchSourceOfUplayer 0 1 0 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0",
-        &ApiPlayer::SwitchSourceOfUplayer),
-    Row("GetMediaInfoOfUplayer", "GetMediaInfoOfUplayer 0 ", &ApiPlayer::GetMediaInfoOfUplayer,
-        Field<&ApiPlayer::GetMediaInfoOfUplayerReq::unique_id>("id")),
-    Row("GetSeekOfUplayer", "GetSeekOfUplayer 0 ", &ApiPlayer::GetSeekOfUplayer,
-        Field<&ApiPlayer::GetSeekOfUplayerReq::unique_id>("id")),
-    Row("SetPauseOfUplayer", "SetPauseOfUplayer 0 0 ", &ApiPlayer::SetPauseOfUplayer,
-        Field<&ApiPlayer::SetPauseOfUplayerReq::unique_id>("id"),
-        Field<&ApiPlayer::SetPauseOfUplayerReq::state>("state")),
-    Row("SetSeekOfUplayer", "SetSeekOfUplayer 0 1000", &ApiPlayer::SetSeekOfUplayer,
-        Field<&ApiPlayer::SetSeekOfUplayerReq::unique_id>("id"),
-        Field<&ApiPlayer::SetSeekOfUplayerReq::seek_ms>("seek_ms")),
-    Row("SetSpeedOfUplayer", "SetSpeedOfUplayer 0 0.3", &ApiPlayer::SetSpeedOfUplayer,
-        Field<&ApiPlayer::SetSpeedOfUplayerReq::unique_id>("id"),
-        Field<&ApiPlayer::SetSpeedOfUplayerReq::speed>("speed")),
-    Row("SetVolumeOfUplayer", "SetVolumeOfUplayer 0 ", &ApiPlayer::SetVolumeOfUplayer,
-        Field<&ApiPlayer::SetVolumeOfUplayerReq::unique_id>("id"),
-        Field<&ApiPlayer::SetVolumeOfUplayerReq::volume>("volume")),
-};
-constexpr std::size_t kCommandCount = std::tuple_size_v<decltype(kCommands)>;
-
-// The row of a command; a name that has none doesn't compile.
-consteval std::size_t RowOf(std::string_view name) {
-  const auto names = std::apply([](const auto&... rows) { return std::array{rows.name...}; }, kCommands);
-  for (std::size_t row = 0; row < names.size(); ++row) {
-    if (names[row] == name) return row;
-  }
-  throw "no such command";
+  out << "parameter failed." << std::endl;
+  return nullptr;
 }
 
-template <std::size_t>
-using Word = std::string;
-
-// The console converts one word for each parameter of a handler, so every row gets a handler with as many.
-template <std::size_t kRow, std::size_t... kIndexes>
-auto HandlerOf(std::index_sequence<kIndexes...>) {
-  return [](std::ostream& out, const Word<kIndexes>&... words) { std::get<kRow>(kCommands).Run(out, {&words...}); };
+void SetIntputTiming(std::ostream& out, Word id, Word type) {
+  const TimingPreset* preset = PresetOf(out, id, type);
+  if (preset == nullptr) return;
+  Call(out, "SetIntputTiming", &ApiPlayer::SetIntputTiming, {preset->horizontal, preset->vertical, preset->freq});
 }
 
-// Inserts the command of row kRow; `factory` is the name that a missing menu is logged under.
-template <std::size_t kRow>
-void InsertCommand(cli::Menu* menu, const char* factory) {
+void SetOutputTiming(std::ostream& out, Word id, Word type) {
+  const TimingPreset* preset = PresetOf(out, id, type);
+  if (preset == nullptr) return;
+  Call(out, "SetOutputTiming", &ApiPlayer::SetOutputTiming, {preset->horizontal, preset->vertical, preset->freq});
+}
+
+void CreateUplayer(std::ostream& out, Word id) {
+  Call(out, "CreateUplayer", &ApiPlayer::CreateUplayer, {.unique_id = id});
+}
+
+void DeleteUplayer(std::ostream& out, Word id) {
+  Call(out, "DeleteUplayer", &ApiPlayer::DeleteUplayer, {.unique_id = id});
+}
+
+// The two commands with a media source convert its words in their order, which is not that of the fields, so that the
+// error is about the first word that is wrong.
+
+ApiPlayer::MediaFileInfo ToMediaInfo(Word file_type, Word play_time_ms, Word se_time_ms, Word se_type, Word url) {
+  ApiPlayer::MediaFileInfo info;
+  info.file_type = ToInt(file_type);
+  info.play_time_ms = ToInt<uint64_t>(play_time_ms);
+  info.se_time_ms = ToInt<uint64_t>(se_time_ms);
+  info.se_type = ToInt<uint32_t>(se_type);
+  info.url = url;
+  return info;
+}
+
+ApiPlayer::DisplayPosition ToPosition(Word position_x, Word position_y, Word width, Word heigh, Word video_priority) {
+  return {ToInt(position_x), ToInt(position_y), ToInt<uint32_t>(width), ToInt<uint32_t>(heigh),
+          ToInt<uint32_t>(video_priority)};
+}
+
+std::vector<std::string> MediaParameters() {
+  return {"id",  "media_type", "play_immed", "file_type", "play_time_ms", "se_time_ms",    "se_type",
+          "url", "position_x", "position_y", "width",     "heigh",        "video_priority"};
+}
+
+void OpenMediaOfUplayer(std::ostream& out, Word id, Word media_type, Word play_immed, Word file_type, Word play_time_ms,
+                        Word se_time_ms, Word se_type, Word url, Word position_x, Word position_y, Word width,
+                        Word heigh, Word video_priority) {
+  ApiPlayer::OpenMediaOfUplayerReq request;
+  request.unique_id = id;
+  request.media_type = ToInt(media_type);
+  request.play_immed = ToBool(play_immed);
+  request.media_info = ToMediaInfo(file_type, play_time_ms, se_time_ms, se_type, url);
+  request.dis_pos = ToPosition(position_x, position_y, width, heigh, video_priority);
+  Call(out, "OpenMediaOfUplayer", &ApiPlayer::OpenMediaOfUplayer, request);
+}
+
+void CloseMediaOfUplayer(std::ostream& out, Word id, Word only_release_fd) {
+  Call(out, "CloseMediaOfUplayer", &ApiPlayer::CloseMediaOfUplayer, {id, ToBool(only_release_fd)});
+}
+
+void SwitchSourceOfUplayer(std::ostream& out, Word id, Word media_type, Word play_immed, Word file_type,
+                           Word play_time_ms, Word se_time_ms, Word se_type, Word url, Word position_x, Word position_y,
+                           Word width, Word heigh, Word video_priority) {
+  ApiPlayer::SwitchSourceOfUplayerReq request;
+  request.unique_id = id;
+  request.media_type = ToInt(media_type);
+  request.play_immed = ToBool(play_immed);
+  request.media_info = ToMediaInfo(file_type, play_time_ms, se_time_ms, se_type, url);
+  request.next_dis_pos = ToPosition(position_x, position_y, width, heigh, video_priority);
+  Call(out, "SwitchSourceOfUplayer", &ApiPlayer::SwitchSourceOfUplayer, request);
+}
+
+void GetMediaInfoOfUplayer(std::ostream& out, Word id) {
+  Call(out, "GetMediaInfoOfUplayer", &ApiPlayer::GetMediaInfoOfUplayer, {.unique_id = id});
+}
+
+void GetSeekOfUplayer(std::ostream& out, Word id) {
+  Call(out, "GetSeekOfUplayer", &ApiPlayer::GetSeekOfUplayer, {.unique_id = id});
+}
+
+void SetPauseOfUplayer(std::ostream& out, Word id, Word state) {
+  Call(out, "SetPauseOfUplayer", &ApiPlayer::SetPauseOfUplayer, {id, ToBool(state)});
+}
+
+void SetSeekOfUplayer(std::ostream& out, Word id, Word seek_ms) {
+  Call(out, "SetSeekOfUplayer", &ApiPlayer::SetSeekOfUplayer, {id, ToInt<uint32_t>(seek_ms)});
+}
+
+void SetSpeedOfUplayer(std::ostream& out, Word id, Word speed) {
+  Call(out, "SetSpeedOfUplayer", &ApiPlayer::SetSpeedOfUplayer, {id, ToFloat(speed)});
+}
+
+void SetVolumeOfUplayer(std::ostream& out, Word id, Word volume) {
+  Call(out, "SetVolumeOfUplayer", &ApiPlayer::SetVolumeOfUplayer, {id, ToInt<uint32_t>(volume)});
+}
+
+// Inserts a command, or logs under the name of its factory that the menu is missing.
+template <typename Handler>
+void InsertCommand(cli::Menu* menu, const char* factory, const char* name, Handler handler, const char* usage,
+                   std::vector<std::string> parameters) {
   if (menu == nullptr) {
     constexpr std::string_view kFile = klbase_internal::SourceName(__FILE__);
     if (kOptionLogLevel <= 50) {
@@ -229,10 +195,7 @@ void InsertCommand(cli::Menu* menu, const char* factory) {
     }
     return;
   }
-  constexpr auto& kCommand = std::get<kRow>(kCommands);
-  using Indexes = std::make_index_sequence<std::remove_cvref_t<decltype(kCommand)>::kWords>;
-  menu->Insert(cli::MakeCommand(std::string(kCommand.name), HandlerOf<kRow>(Indexes()), kCommand.usage,
-                                kCommand.ParameterNames()));
+  menu->Insert(cli::MakeCommand(name, handler, usage, std::move(parameters)));
 }
 
 }  // namespace
@@ -240,67 +203,85 @@ void InsertCommand(cli::Menu* menu, const char* factory) {
 PlaydCli::PlaydCli(cli::Menu* parent) : RegisteredPlugin(kPlaydCliName) {
   KL_LOG(30, "install rpc cli\n");
   auto menu = std::make_unique<cli::Menu>(kPlaydCliName);
-  constexpr std::array kFactories = {
-      &CreatLiveSystemInitAction,        &CreatLiveSystemUnInitAction,    &CreatSetIntputTimingAction,
-      &CreatSetOutputTimingAction,       &CreatCreateUplayerAction,       &CreatDeleteUplayerAction,
-      &CreatOpenMediaOfUplayerAction,    &CreatCloseMediaOfUplayerAction, &CreatSwitchSourceOfUplayerAction,
-      &CreatGetMediaInfoOfUplayerAction, &CreatGetSeekOfUplayerAction,    &CreatSetPauseOfUplayerAction,
-      &CreatSetSeekOfUplayerAction,      &CreatSetSpeedOfUplayerAction,   &CreatSetVolumeOfUplayerAction};
-  static_assert(kFactories.size() == kCommandCount);
-  for (const auto factory : kFactories) factory(menu.get());
+  CreatLiveSystemInitAction(menu.get());
+  CreatLiveSystemUnInitAction(menu.get());
+  CreatSetIntputTimingAction(menu.get());
+  CreatSetOutputTimingAction(menu.get());
+  CreatCreateUplayerAction(menu.get());
+  CreatDeleteUplayerAction(menu.get());
+  CreatOpenMediaOfUplayerAction(menu.get());
+  CreatCloseMediaOfUplayerAction(menu.get());
+  CreatSwitchSourceOfUplayerAction(menu.get());
+  CreatGetMediaInfoOfUplayerAction(menu.get());
+  CreatGetSeekOfUplayerAction(menu.get());
+  CreatSetPauseOfUplayerAction(menu.get());
+  CreatSetSeekOfUplayerAction(menu.get());
+  CreatSetSpeedOfUplayerAction(menu.get());
+  CreatSetVolumeOfUplayerAction(menu.get());
   menu_ = parent->Insert(std::move(menu));
 }
 
-void PlaydCli::CreatLiveSystemInitAction(cli::Menu* pMenu) { InsertCommand<RowOf("LiveSystemInit")>(pMenu, __func__); }
+// The usage examples are as operators know them, blanks and missing words included.
+
+void PlaydCli::CreatLiveSystemInitAction(cli::Menu* pMenu) {
+  InsertCommand(pMenu, __func__, "LiveSystemInit", &LiveSystemInit, "LiveSystemInit xxx ", {"id"});
+}
 
 void PlaydCli::CreatLiveSystemUnInitAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("LiveSystemUnInit")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "LiveSystemUnInit", &LiveSystemUnInit, "LiveSystemUnInit xxx ", {"id"});
 }
 
 void PlaydCli::CreatSetIntputTimingAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SetIntputTiming")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SetIntputTiming", &SetIntputTiming, "SetIntputTiming xxx 0 ", {"id", "type"});
 }
 
 void PlaydCli::CreatSetOutputTimingAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SetOutputTiming")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SetOutputTiming", &SetOutputTiming, "SetOutputTiming xxx 0", {"id", "type"});
 }
 
-void PlaydCli::CreatCreateUplayerAction(cli::Menu* pMenu) { InsertCommand<RowOf("CreateUplayer")>(pMenu, __func__); }
+void PlaydCli::CreatCreateUplayerAction(cli::Menu* pMenu) {
+  InsertCommand(pMenu, __func__, "CreateUplayer", &CreateUplayer, "CreateUplayer xxx ", {"id"});
+}
 
-void PlaydCli::CreatDeleteUplayerAction(cli::Menu* pMenu) { InsertCommand<RowOf("DeleteUplayer")>(pMenu, __func__); }
+void PlaydCli::CreatDeleteUplayerAction(cli::Menu* pMenu) {
+  InsertCommand(pMenu, __func__, "DeleteUplayer", &DeleteUplayer, "DeleteUplayer xxx ", {"id"});
+}
 
 void PlaydCli::CreatOpenMediaOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("OpenMediaOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "OpenMediaOfUplayer", &OpenMediaOfUplayer,
+                "OpenMediaOfUplayer 0 1 1 1 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0", MediaParameters());
 }
 
 void PlaydCli::CreatCloseMediaOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("CloseMediaOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "CloseMediaOfUplayer", &CloseMediaOfUplayer, "CloseMediaOfUplayer 0 0",
+                {"id", "only_release_fd"});
 }
 
 void PlaydCli::CreatSwitchSourceOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SwitchSourceOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SwitchSourceOfUplayer", &SwitchSourceOfUplayer,
+                "SwitchSourceOfUplayer 0 1 0 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0", MediaParameters());
 }
 
 void PlaydCli::CreatGetMediaInfoOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("GetMediaInfoOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "GetMediaInfoOfUplayer", &GetMediaInfoOfUplayer, "GetMediaInfoOfUplayer 0 ", {"id"});
 }
 
 void PlaydCli::CreatGetSeekOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("GetSeekOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "GetSeekOfUplayer", &GetSeekOfUplayer, "GetSeekOfUplayer 0 ", {"id"});
 }
 
 void PlaydCli::CreatSetPauseOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SetPauseOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SetPauseOfUplayer", &SetPauseOfUplayer, "SetPauseOfUplayer 0 0 ", {"id", "state"});
 }
 
 void PlaydCli::CreatSetSeekOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SetSeekOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SetSeekOfUplayer", &SetSeekOfUplayer, "SetSeekOfUplayer 0 1000", {"id", "seek_ms"});
 }
 
 void PlaydCli::CreatSetSpeedOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SetSpeedOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SetSpeedOfUplayer", &SetSpeedOfUplayer, "SetSpeedOfUplayer 0 0.3", {"id", "speed"});
 }
 
 void PlaydCli::CreatSetVolumeOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand<RowOf("SetVolumeOfUplayer")>(pMenu, __func__);
+  InsertCommand(pMenu, __func__, "SetVolumeOfUplayer", &SetVolumeOfUplayer, "SetVolumeOfUplayer 0 ", {"id", "volume"});
 }

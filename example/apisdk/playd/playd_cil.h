@@ -8,8 +8,8 @@
 
 inline const std::string kPlaydCliName = "playd";
 
-// The player API must have been loaded before one of its commands runs. A word that is no number leaves its command as
-// std::invalid_argument or std::out_of_range, before anything is sent.
+// The player API must have been loaded before one of its commands runs. A word that is not a number leaves its command
+// as std::invalid_argument or std::out_of_range, before anything is sent.
 class PlaydCli : public cli::RegisteredPlugin<PlaydCli, &kPlaydCliName> {
  public:
   explicit PlaydCli(cli::Menu* parent);
