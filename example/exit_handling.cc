@@ -57,7 +57,7 @@ void OnEndLimit(int) {
   _exit(InterruptedLate() ? kInterruptStatus : end_status.load());
 }
 
-// From here the process is gone within kEndLimit, whatever an exit handler or a destructor waits for.
+// From here the process is gone within kEndLimit, even if an exit handler or a destructor waits for ever.
 void LimitEnd(int status) {
   end_status = status;
   struct sigaction action = {};

@@ -1,9 +1,9 @@
 // How the process ends: by the console's end, by an exception or by an interrupt (SIGINT), whichever comes first.
 //
-// SIGINT is blocked in every thread but one, which does nothing than wait for it, so that the handler may do what a
-// handler otherwise must not: no thread that it interrupts holds a lock. What ends the process first wins; the other
-// way stands aside, because exit() must not run twice. An interrupt that comes during an end with status 0 still makes
-// the status 1.
+// SIGINT is blocked in every thread but one, which does nothing but wait for it, so that the handler may do what a
+// handler otherwise must not: no thread that it interrupts holds a lock. The first way to end the process wins; the
+// other stands aside, because exit() must not run twice. An interrupt that comes during an end with status 0 still
+// makes the status 1.
 //
 // A program that this process starts inherits the blocked signal: unblock SIGINT in the child (for popen and system,
 // `trap - INT` doesn't do it; use posix_spawn with POSIX_SPAWN_SETSIGMASK) where Ctrl-C should end it.
@@ -38,8 +38,8 @@ void BeginNormalEnd(int status);
 // over in time, because nothing that is still being made can be taken down.
 bool BeginInterruptedEnd();
 
-// A static object of this type gives the process its status when it is destroyed; so it is defined before what is to be
-// destroyed in any case.
+// A static object of this type gives the process its status when it is destroyed; so it is defined before the objects
+// that must be destroyed in any case.
 class LateInterrupt {
  public:
   LateInterrupt() = default;

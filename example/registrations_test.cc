@@ -1,4 +1,4 @@
-// What registers itself must be linked in: a file that the linker dropped would be missing here.
+// Self-registering files must be linked in: one that the linker dropped would be missing here.
 #include <gmock/gmock.h>
 
 #include "cli/plugin.h"

@@ -45,7 +45,7 @@ std::optional<Address> Parse(std::string_view text) {
   return address;
 }
 
-// 0, or what errno says.
+// 0, or an errno value.
 int Send(const Address& address, std::string_view state) {
   const int file = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (file < 0) return errno;

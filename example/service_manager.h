@@ -1,5 +1,6 @@
-// What the tool tells the service manager that started it, by the protocol of systemd's Type=notify: a datagram to the
-// socket that the environment's NOTIFY_SOCKET names, a path or, after "@", an abstract name. No library is needed.
+// Reports the tool's state to the service manager that started it, by the protocol of systemd's Type=notify: a datagram
+// to the socket that the environment's NOTIFY_SOCKET names, a path or, after "@", an abstract name. No library is
+// needed.
 //
 // Without that variable nothing happens. One that names no such socket, or a manager that doesn't take the datagram
 // within a second, is one log record of level 40 and never a failure. Any thread.

@@ -41,7 +41,7 @@ class Manager {
   }
   ~Manager() { close(file_); }
 
-  // The next datagram, or "none" when there is none by now: what was sent lies there already.
+  // The next datagram, or "none" when there is none by now: a datagram that was sent is there at once.
   std::string Heard() const {
     std::array<char, 100> text;
     const ssize_t size = recv(file_, text.data(), text.size(), MSG_DONTWAIT);
@@ -64,7 +64,7 @@ class ServiceManagerTest : public testing::Test {
     std::filesystem::remove_all(folder_);
   }
 
-  // What an earlier test told counts no more.
+  // Forgets the state that an earlier test reported.
   static void Forget() {
     unsetenv("NOTIFY_SOCKET");
     vextool::TellStopping();

@@ -1,5 +1,5 @@
-// Linked so that calls of popen come here: what they would run is looked at, and what the tool would answer comes from
-// a real child process.
+// Linked so that calls of popen come here: the command is looked at, and the tool's answer comes from a
+// real child process.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
@@ -85,7 +85,7 @@ class SysconfTest : public testing::Test {
     commands.clear();
   }
 
-  // What the tool writes, each time that it is run, as printf(1) shows it; the last answer stays.
+  // The tool's output for each of its runs, in the notation of printf(1); the last one stays.
   static void Answers(const std::deque<std::string>& texts) {
     absl::MutexLock lock(&fake_mutex);
     answers = texts;

@@ -15,7 +15,7 @@ constexpr std::size_t kListLineSize = 4096;
 constexpr std::size_t kValSize = 4096;
 constexpr int kAttempts = 3;
 
-// What a failed start is reported with.
+// Marks under which a failed start is reported.
 constexpr int kGetMark = 54;
 constexpr int kPrintMark = 93;
 constexpr int kSetMark = 122;
@@ -42,7 +42,7 @@ void CutLineEnd(char* line) {
   CutAtLast(line, '\r');
 }
 
-// Reads the first line of the tool's answer, ends the tool, and copies what follows the first "=" to `dst`.
+// Reads the first line of the tool's answer, ends the tool, and copies the text behind the first "=" to `dst`.
 int ReadValue(FILE* pipe, char* dst) {
   char line[kReplySize] = "";
   int result = -1;

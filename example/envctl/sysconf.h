@@ -18,8 +18,8 @@ extern "C" {
 #endif
 
 // Read the setting `name`, or the boot loader's variable, into `buffer` and return it. `buffer` must hold 128 bytes: of
-// what the tool answers, "NAME=VALUE", the first 127 characters are read. NULL when an argument is NULL, or when three
-// attempts gave nothing of that form; what `buffer` holds is then not defined. Any thread.
+// the tool's answer, "NAME=VALUE", the first 127 characters are read. NULL when an argument is NULL, or when three
+// attempts gave nothing of that form; the content of `buffer` is then not defined. Any thread.
 //
 // fw_getenv cuts its command at 127 characters instead of refusing it.
 char* sysconf_getenv_safe(const char* name, char* buffer);

@@ -15,25 +15,26 @@ constexpr unsigned int kServerThreads = 2;
 
 }  // namespace
 
-class RpcServer::Visit {
+class RpcServer::RequestInFlight {
  public:
-  Visit(RpcServer& host, const std::string& request_type) : host_(host) {
+  RequestInFlight(RpcServer& host, const std::string& request_type) : host_(host) {
     absl::MutexLock lock(&host_.gate_mutex_);
     if (host_.closed_) return;
     const auto found = host_.services_.find(request_type);
     if (found == host_.services_.end()) return;
     service_ = found->second.get();
-    ++host_.visitors_;
+    ++host_.requests_in_flight_;
   }
-  Visit(const Visit&) = delete;
-  Visit& operator=(const Visit&) = delete;
-  ~Visit() {
+  RequestInFlight(const RequestInFlight&) = delete;
+  RequestInFlight& operator=(const RequestInFlight&) = delete;
+  ~RequestInFlight() {
     if (service_ == nullptr) return;
     absl::MutexLock lock(&host_.gate_mutex_);
-    --host_.visitors_;
-    host_.visitor_left_.Signal();
+    --host_.requests_in_flight_;
+    host_.request_done_.Signal();
   }
 
+  // Null when no service takes the type, or none any more. Such a request is not counted.
   core::RpcService* service() const { return service_; }
 
  private:
@@ -46,7 +47,7 @@ class RpcServer::Visit {
 RpcServer::~RpcServer() {
   absl::MutexLock lock(&gate_mutex_);
   closed_ = true;
-  while (visitors_ > 0) visitor_left_.Wait(&gate_mutex_);
+  while (requests_in_flight_ > 0) request_done_.Wait(&gate_mutex_);
 }
 
 bool RpcServer::StartRpcServer() {
@@ -79,12 +80,12 @@ void RpcServer::CreateServer() {
 bool RpcServer::ProcessProtoRequest(const google::protobuf::Any& request, google::protobuf::Any& reply) {
   const std::string& url = request.type_url();
   KL_DEBUG_LOG(2, 20, "proto_msg url:%s", url.c_str());
-  const Visit visit(*this, url);
-  if (visit.service() == nullptr) {
+  const RequestInFlight in_flight(*this, url);
+  if (in_flight.service() == nullptr) {
     KL_LOG(50, "not found any service for url(%s)", url.c_str());
     return false;
   }
-  if (!visit.service()->Service(request, reply)) {
+  if (!in_flight.service()->Service(request, reply)) {
     KL_LOG(50, "process service for url(%s) request failed", url.c_str());
     return false;
   }

@@ -22,7 +22,7 @@ class RpcServer {
   RpcServer() = default;
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
-  // Waits for the requests under way, then destroys the services, then the server.
+  // Waits for the requests in flight, then destroys the services, then the server.
   ~RpcServer();
 
   // Creates the registered services, serves them on core::RpcUnixSocketUrl::rpc_url_example_ and loads the client APIs
@@ -35,16 +35,15 @@ class RpcServer {
   bool ProcessProtoRequest(const google::protobuf::Any& request, google::protobuf::Any& reply);
 
  private:
-  // Keeps the services alive for the request that holds it; `service` is null when none serves it.
-  class Visit;
+  // A request in flight: the destructor of the host waits for it before it destroys the services.
+  class RequestInFlight;
 
   void CreateServer();
 
-  // Requests that are in a service. Once closed no more get in.
   absl::Mutex gate_mutex_;
-  int visitors_ ABSL_GUARDED_BY(gate_mutex_) = 0;
-  bool closed_ ABSL_GUARDED_BY(gate_mutex_) = false;
-  absl::CondVar visitor_left_;
+  int requests_in_flight_ ABSL_GUARDED_BY(gate_mutex_) = 0;
+  bool closed_ ABSL_GUARDED_BY(gate_mutex_) = false;  // no further request gets a service
+  absl::CondVar request_done_;
 
   std::unique_ptr<klrpc::APIServer> server_;
   // By request type URL. Complete before the server exists and not written again until no request can read it.

@@ -24,7 +24,7 @@ void PrintLine(std::string_view line) {
 void PrintEventBlock(std::initializer_list<EventLine> lines) {
   std::string text;
   absl::MutexLock lock(&PrintMutex());
-  std::cout.clear();  // what could not be written once, to a full disk say, must not silence all that follows
+  std::cout.clear();  // one failed write, to a full disk say, must not silence all later events
   PrintLine(kBlockStart);
   for (const auto& line : lines) {
     text.assign(line.label).append(line.value).push_back('\n');

@@ -13,7 +13,7 @@ struct EventLine {
 };
 
 // Writes a line of 39 asterisks and then `lines` to standard output. Each line is written whole and flushed; blocks of
-// several threads don't mix. What else the process prints may come between two lines. Any thread; a reader that takes
+// several threads don't mix. Other output of the process may come between two lines. Any thread; a reader that takes
 // nothing holds up the caller and every other one.
 void PrintEventBlock(std::initializer_list<EventLine> lines);
 

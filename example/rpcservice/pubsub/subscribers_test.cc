@@ -36,7 +36,7 @@ std::string Event(const std::string& id) {
   return event.SerializeAsString();
 }
 
-// What it is printed as.
+// Its printed form.
 std::string Block(const std::string& topic, const std::string& id) {
   const std::string start = std::string(39, '*') + "\n layerId            :" + id + "\n";
   if (topic == kReportTopic) return start + " url                :\n play_state         :0\n";
@@ -103,7 +103,7 @@ TEST_F(SubscribersTest, LoadingWritesOneRecordEachWhenDebugging) {
                           LogRecord{20, "example/rpcservice/pubsub/result_report", "SubscriberStatus", "RPC"}));
 }
 
-// For the time of a test the player's events come through a client that only keeps what is asked of it.
+// For the time of a test the player's events come through a client that only records its calls.
 class RecordedSubscriptions {
  public:
   RecordedSubscriptions() {

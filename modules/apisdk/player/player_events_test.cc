@@ -21,7 +21,7 @@ namespace {
 using vextest::LogCapture;
 using vextest::LogRecord;
 
-// Where the plain-function callback puts what it gets, on klrpc's threads.
+// Where the plain-function callback records its messages, on klrpc's threads.
 absl::Mutex arrived_mutex;
 vextest::Changes arrivals;
 std::vector<lp::v1::ResultRepor> arrived ABSL_GUARDED_BY(arrived_mutex);

@@ -338,7 +338,7 @@ class RpcPlayerEventTest : public testing::Test {
     static auto& client = *new RecordingClient;
     return client;
   }
-  // As if the daemon passed on what was published last.
+  // As if the daemon passed on the last message that was published.
   static void DeliverLastPublished() { Client().SignalSubscribeMessage.emit(Client().published.back()); }
 
   const RpcPlayer player_{nullptr};

@@ -11,8 +11,8 @@
 namespace core {
 namespace {
 
-// The first word reads as what is set; there is only one thing to set, so it isn't looked at. Raising the debug level
-// shows nothing unless records of level 20 are written, so that is switched on as well.
+// The first word names the setting; there is only one, so the word isn't looked at. Raising the
+// debug level shows nothing unless records of level 20 are written, so that is switched on as well.
 void SetDebugLevel(std::ostream& out, const std::string&, unsigned int level) {
   KlLogSetLogLevel(20);
   KlLogSetDebugLevel(level);

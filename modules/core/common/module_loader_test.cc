@@ -30,7 +30,7 @@ LogRecord Unloading(int level, const std::string& text) {
   return {level, "modules/core/common/module_loader", "Uninitialize", text};
 }
 
-// Does what the test says and tells it what was called.
+// Follows its script and tells the test of each call.
 class ScriptedModule : public Module {
  public:
   struct Script {
@@ -94,7 +94,7 @@ TEST_F(ModuleLoaderTest, LoadsByAscendingPriorityWithARecordEach) {
 TEST_F(ModuleLoaderTest, LoadsModulesOfEqualPriorityInOrderOfName) {
   for (const char* name : {"b", "B", "a", "C"}) Register({.name = name, .priority = 7});
   ModuleLoader().Initialize();
-  calls_.resize(4);  // what follows is their destruction
+  calls_.resize(4);  // without their destruction
   EXPECT_THAT(calls_, ElementsAre("load B", "load C", "load a", "load b"));
 }
 

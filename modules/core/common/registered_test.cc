@@ -80,11 +80,10 @@ const std::string kObjectBehind = "object, name behind it";
 const std::string kInstanceBehind = "instantiation, name behind it";
 const std::string kBaseBehind = "base class, name behind it";
 
-const auto kAllNames =
-    testing::ElementsAre("base class, name before it", "base class, name behind it", "base class, name in another file",
-                         "instantiation, name before it", "instantiation, name behind it",
-                         "instantiation, name in another file", "object, name before it", "object, name behind it",
-                         "object, name in another file");
+const auto kAllNames = testing::ElementsAre(
+    "base class, name before it", "base class, name behind it", "base class, name in another file",
+    "instantiation, name before it", "instantiation, name behind it", "instantiation, name in another file",
+    "object, name before it", "object, name behind it", "object, name in another file");
 
 TEST(RegisteredModuleFactoryTest, EachWayRegistersItsModuleBeforeMain) {
   EXPECT_THAT(ModuleFactory::Names(), kAllNames);

@@ -46,7 +46,7 @@ klrpc::v1::SubscribeState StateOf(int state) {
 
 class RpcPubSubTest : public testing::Test {
  protected:
-  // A callback that keeps what it gets, under `name`.
+  // A callback that records its messages under `name`.
   TopicFunc Keep(const std::string& name) {
     return [this, name](const std::string& topic, const std::string& payload) {
       received_.push_back(name + ": " + topic + "=" + payload);

@@ -78,7 +78,7 @@ class RpcServiceImpl : public RpcService {
 
   const std::string& ServiceRequestType() override { return request_type_; }
 
-  // Fills `reply`, which is sent whatever is returned. False marks the call as failed in the log.
+  // Fills `reply`, which is sent in either case. False marks the call as failed in the log.
   virtual bool HandleRequest(const Req& request, Rep& reply) = 0;
 
  private:
