@@ -23,7 +23,7 @@ namespace {
 constexpr int kLogLevel = 20;
 constexpr int kLogFiles = 5;
 constexpr int kLogFileKb = 10 * 1024;
-constexpr unsigned kStopSeconds = 5;  // below the 10 s after which a service manager kills what it stops
+constexpr unsigned kStopSeconds = 5;  // below the 10 s after which the services' manager kills them
 
 // Written before the alarm is set: a signal handler must not put texts together.
 std::array<char, 128> give_up_text;

@@ -47,7 +47,7 @@ struct BufferTimes {
 // A copy, for another pipeline, that shares the bytes and has these times.
 BufferPtr CopyAt(const GstBuffer* buffer, const BufferTimes& times);
 
-// What an error or warning message says, with the element that it comes from: "venc: Could not encode stream. (…)".
+// The text of an error or warning message, with the element that it comes from: "venc: Could not encode stream. (…)".
 std::string ErrorText(GstMessage* message);
 
 // An element that a program can't do without, and the Debian package that has it.
@@ -56,7 +56,7 @@ struct NeededElement {
   const char* package;
 };
 
-// "" when all are there, else a text for the operator that names what is missing and the packages to install.
+// "" when all are there, else a text for the operator that names the missing ones and the packages to install.
 std::string MissingElements(std::span<const NeededElement> needed);
 bool HasElement(const char* name);
 

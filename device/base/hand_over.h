@@ -1,8 +1,8 @@
 // Tells the thread sanitizer of an order that GStreamer's own locks give.
 //
-// What one thread writes before it starts a pipeline is seen by the pipeline's callbacks, and what they write is seen
-// after the pipeline was stopped. GStreamer comes from the distribution, uninstrumented, so the sanitizer can't know.
-// Outside of it both calls are nothing.
+// The writes of a thread before it starts a pipeline are seen by the pipeline's callbacks, and theirs are seen after
+// the pipeline was stopped. GStreamer comes from the distribution, uninstrumented, so the sanitizer can't know. Outside
+// of it both calls are empty.
 #ifndef DEVICE_BASE_HAND_OVER_H_
 #define DEVICE_BASE_HAND_OVER_H_
 
@@ -12,7 +12,7 @@
 
 namespace device {
 
-// What this thread did so far comes before a TakeOver() of the same object that follows on another thread.
+// The writes of this thread so far come before a TakeOver() of the same object that follows on another thread.
 inline void HandOver([[maybe_unused]] void* object) {
 #ifdef __SANITIZE_THREAD__
   __tsan_release(object);

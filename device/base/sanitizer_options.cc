@@ -1,4 +1,4 @@
-// What the address sanitizer must know in programs that use GStreamer, beyond what it is told in every program.
+// The address sanitizer's options in programs that use GStreamer, beyond those of every program.
 #ifdef __SANITIZE_ADDRESS__
 
 // GLib and GStreamer keep no frame pointers; without this a leak's stack ends in g_malloc and no suppression matches.

@@ -130,8 +130,8 @@ Outcome Encoder::SetBitrate(int kbps) {
   return Outcome::Ok(absl::StrFormat("bitrate %d kbit/s", kbps));
 }
 
-// Sets what was asked for last. The encoder element is foreign code and is not called with the lock held, so two
-// callers can cross; the one that set an old value sees the new one afterwards and sets it.
+// Sets the bitrate that was asked for last. The encoder element is foreign code and is not called with the lock held,
+// so two callers can cross; the one that set an old value sees the new one afterwards and sets it.
 void Encoder::ApplyBitrate() {
   for (int applied = -1;;) {
     {

@@ -1,4 +1,4 @@
-// How an operation of the encoder ended: what travels in common.v1.Status as code and message.
+// How an operation of the encoder ended, as it travels in code and message of common.v1.Status.
 #ifndef DEVICE_ENCD_ERROR_CODE_H_
 #define DEVICE_ENCD_ERROR_CODE_H_
 

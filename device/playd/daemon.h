@@ -17,7 +17,7 @@
 
 namespace playd {
 
-// What the player can't do without.
+// The elements that the player can't do without, for device::MissingElements().
 std::span<const device::NeededElement> NeededElements();
 
 class Daemon {

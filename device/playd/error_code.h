@@ -1,4 +1,4 @@
-// How an operation of the player ended: what travels in lp.v1.UniversalResp as result, error_code and error_infor.
+// How an operation of the player ended, as it travels in result, error_code and error_infor of lp.v1.UniversalResp.
 #ifndef DEVICE_PLAYD_ERROR_CODE_H_
 #define DEVICE_PLAYD_ERROR_CODE_H_
 

@@ -24,7 +24,7 @@ constexpr char kUsage[] =
     "the reference player daemon.\n\n"
     "  playd [--address=ADDRESS] [--snapshot_dir=DIR] [--headless]\n\n"
     "Says on standard output where it listens and runs until SIGTERM or SIGINT. Logs to /var/log/playd.log, or to the\n"
-    "file that KLBASE_LOG_FILE names; what it refuses is written there with the reason.";
+    "file that KLBASE_LOG_FILE names; refused requests are written there with the reason.";
 constexpr auto kStopLimit = milliseconds(3000);  // leaves time for the rest before the daemon gives up stopping
 constexpr auto kSnapshotLimit = milliseconds(2000);
 

@@ -23,7 +23,8 @@ constexpr char kUsage[] =
     "  set NAME VALUE... write the setting; several words are joined with blanks\n"
     "  set NAME          take the setting away\n"
     "  print             write all settings, NAME=VALUE, sorted by name\n"
-    "The settings are in FILE; without the flag in what SYSCONFIG_FILE names, else in /usr/kelo/etc/sysconfig.conf.\n"
+    "The settings are in FILE; without the flag in the file that SYSCONFIG_FILE names, else in "
+    "/usr/kelo/etc/sysconfig.conf.\n"
     "A name is a letter, then letters, digits and _.-, 64 at most; a value is one line, 4000 bytes at most.\n";
 
 std::string SettingsFile(std::vector<std::string>& words) {

@@ -18,6 +18,7 @@
 namespace sysconfig {
 namespace {
 
+// flock() has no limit of its own, so the lock is tried again and again.
 constexpr auto kLockPause = std::chrono::milliseconds(10);
 constexpr mode_t kFileMode = 0644;
 
@@ -112,7 +113,7 @@ void ReplaceFile(const std::string& path, const std::string& text) {
   if (folder.opened()) fsync(folder.get());
 }
 
-// The name that a line sets; empty for comments and what else is no setting.
+// The name that a line sets; empty for comments and all other lines that are not a setting.
 std::string_view NameOf(std::string_view line) {
   const std::size_t equals = line.find('=');
   if (equals == std::string_view::npos || equals == 0 || !IsLetter(line.front())) return {};

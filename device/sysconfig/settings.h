@@ -11,7 +11,7 @@
 
 namespace sysconfig {
 
-// Something was refused or could not be done; what() says what and why. Nothing was changed.
+// Something was refused or could not be done; what() names it and the reason. Nothing was changed.
 class Error : public std::runtime_error {
  public:
   // `usage`: the caller asked for something that makes no sense, rather than being out of luck.
@@ -40,7 +40,7 @@ class Settings {
 
   void Set(const std::string& name, const std::string& value);
 
-  // Takes the setting away; none of that name is no error.
+  // Takes the setting away; a name that is not set is not an error.
   void Remove(const std::string& name);
 
   // All settings, sorted by name.
@@ -54,7 +54,8 @@ class Settings {
   const std::chrono::milliseconds lock_limit_;
 };
 
-// Refuse what can't stand in the file or in a command line: a name is a letter or underscore, then letters, digits and
+// Refuse names and values that can't stand in the file or in a command line: a name is a letter or underscore, then
+// letters, digits and
 // "_.-", 64 at most; a value is one line of printable text.
 void CheckName(const std::string& name);
 void CheckValue(const std::string& value);

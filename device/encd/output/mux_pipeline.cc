@@ -46,7 +46,7 @@ bool MuxPipeline::Place(const Packet& packet, GstClockTime* pts) {
   close_gap_ = false;
   if (packet.pts < base_) return false;
   *pts = packet.pts - base_;
-  // After a closed gap the sound may overlap what was there already by a frame or two.
+  // After a closed gap the sound may overlap the sound before it by a frame or two.
   const GstClockTime last = InputFor(packet.track).last;
   return last == GST_CLOCK_TIME_NONE || *pts > last;
 }
@@ -66,6 +66,7 @@ bool MuxPipeline::Feed(Input& input, const Packet& packet, GstClockTime pts) {
   return gst_app_src_push_buffer(source, copy.release()) == GST_FLOW_OK;
 }
 
+// The end of stream goes through the muxer, which then writes its index, and comes back from the sink as a message.
 bool MuxPipeline::Finish(std::chrono::milliseconds limit) {
   if (!Error().empty()) return false;
   for (const Input& input : inputs_) {

@@ -1,4 +1,4 @@
-// A pipeline of its own that muxes packets and writes them somewhere: what recordings and pushed streams share.
+// A pipeline of its own that muxes packets and writes them somewhere, for recordings and pushed streams.
 #ifndef DEVICE_ENCD_OUTPUT_MUX_PIPELINE_H_
 #define DEVICE_ENCD_OUTPUT_MUX_PIPELINE_H_
 
@@ -13,7 +13,7 @@
 
 namespace encd {
 
-// Used by one thread at a time. An error in it concerns nobody else: the encoder and other outputs go on.
+// Used by one thread at a time. An error in it stays in it: the encoder and other outputs go on.
 class MuxPipeline {
  public:
   enum class PushResult {
@@ -38,7 +38,7 @@ class MuxPipeline {
   // The first packet used gets time 0: a keyframe when there is video.
   PushResult Push(const Packet& packet);
 
-  // The packets pushed next follow the last one without a pause, whatever lies between them in the encoder's time.
+  // The packets pushed next follow the last one without a pause, however far apart they are in the encoder's time.
   void CloseGap() { close_gap_ = true; }
 
   // Ends the output in order and waits until it is complete. False when that took longer than `limit` or failed.

@@ -13,13 +13,13 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr std::size_t kMaxPending = 1 << 20;  // bytes handed to the muxer, not yet sent: above 1 s at the top bitrate
-// 5 s behind is no live stream any more. 128 MiB hold the longest delay at the highest bitrate.
+// A stream 5 s behind is not live any more. 128 MiB hold the longest delay at the highest bitrate.
 constexpr PacketQueue::Limits kQueue{milliseconds(5000), 128 << 20};
 constexpr milliseconds kStalled{5000};  // a server that takes nothing for this long counts as gone
 constexpr milliseconds kReconnectLimit{2000};
 constexpr milliseconds kFirstBackoff{1000};
 constexpr milliseconds kMaxBackoff{10'000};
-constexpr milliseconds kPoll{20};
+constexpr milliseconds kPoll{20};  // between looks at the connection or a full output
 constexpr milliseconds kTick{100};
 constexpr milliseconds kFarewell{300};  // for "delete stream" to reach the server
 
@@ -28,7 +28,8 @@ MuxPipeline::Layout RtmpLayout() {
           "audio"};
 }
 
-// Bytes sent to the server after it has accepted the stream; 0 before.
+// Bytes sent to the server after it has accepted the stream; 0 before. The sink connects on a thread of its own and
+// has no message for the success, so its statistics are asked.
 guint64 BytesSent(GstElement* server) {
   GstStructure* stats = nullptr;
   g_object_get(server, "stats", &stats, nullptr);
@@ -90,7 +91,7 @@ std::string PushStream::Connect(milliseconds limit) {
 std::string PushStream::WaitConnected(MuxPipeline& mux, milliseconds limit) {
   const auto deadline = steady_clock::now() + limit;
   const auto server = mux.pipeline().Find("server");
-  mux.pipeline().SetState(GST_STATE_PLAYING);
+  mux.pipeline().SetState(GST_STATE_PLAYING);  // does not wait for the connection
   while (mux.Error().empty()) {
     if (BytesSent(server.get()) > 0) return "";
     if (steady_clock::now() >= deadline)
@@ -126,7 +127,7 @@ void PushStream::PushNext() {
   }
   if (taken.gap) mux_->CloseGap();
   auto result = mux_->Push(*taken.packet);
-  // A slow server: the queue holds what arrives meanwhile, and drops up to a keyframe what gets too old.
+  // A slow server: the queue holds the packets that arrive meanwhile, and drops the old ones up to a keyframe.
   const auto deadline = steady_clock::now() + kStalled;
   while (result == MuxPipeline::PushResult::kBusy && steady_clock::now() < deadline) {
     if (WaitForStop(kPoll)) return;

@@ -18,8 +18,8 @@
 
 namespace encd {
 
-// Pushes what is put into queue() on a thread of its own. A connection that breaks is made again, after 1 s at first
-// and up to 10 s later, until the stream is destroyed; that takes less than a second, whatever the server does.
+// Pushes the packets of queue() on a thread of its own. A connection that breaks is made again, after 1 s at first
+// and up to 10 s later, until the stream is destroyed; that takes less than a second, also with a server that hangs.
 class PushStream {
  public:
   // `url` and `key` are joined with "/" to the address. `request_keyframe` is called whenever a new connection needs a

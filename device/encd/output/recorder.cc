@@ -80,7 +80,7 @@ bool Recorder::WriteNext() {
   return result == MuxPipeline::PushResult::kOk;
 }
 
-// The queue takes what arrives meanwhile and drops what it can't hold; at its limit of time the disk counts as failed.
+// The queue takes packets meanwhile and drops those that it can't hold; at its limit of time the disk counts as failed.
 void Recorder::WaitWhileBusy(const Packet& packet, MuxPipeline::PushResult* result) {
   const auto deadline = std::chrono::steady_clock::now() + kLiveRecording.lag;
   while (*result == MuxPipeline::PushResult::kBusy && std::chrono::steady_clock::now() < deadline) {

@@ -35,7 +35,7 @@ class Recorder {
     std::uint64_t dropped = 0;  // packets that the disk was too slow for
   };
 
-  // Opens `path` and starts writing what is put into queue(). An MP4 file is playable up to its last second at any
+  // Opens `path` and starts writing the packets of queue(). An MP4 file is playable up to its last second at any
   // time, also when the process is killed. `limits` say how far the disk may fall behind. Throws std::runtime_error
   // when the file can't be opened.
   Recorder(const std::string& path, RecordFormat format, Tracks tracks, PacketQueue::Limits limits);
@@ -47,7 +47,7 @@ class Recorder {
   const std::string& path() const { return path_; }
   const std::shared_ptr<PacketQueue>& queue() { return queue_; }
 
-  // Writes what the queue still holds, then completes the file. Returns at once.
+  // Writes the packets left in the queue, then completes the file. Returns at once.
   void End() { queue_->Close(); }
 
   // The report as soon as the file is complete or writing has failed, within `limit` at the latest.

@@ -22,7 +22,7 @@ class ForwardBuffer : public PacketSink {
 
   void Put(const PacketPtr& packet) override;
 
-  // What it holds now, oldest first, starting at a keyframe.
+  // The packets that it holds now, oldest first, starting at a keyframe.
   std::vector<PacketPtr> Snapshot() const;
 
  private:

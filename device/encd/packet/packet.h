@@ -1,4 +1,4 @@
-// What the encoder gives out: encoded pictures, encoded sound and plain samples, each with its place in time.
+// The encoder's output: encoded pictures, encoded sound and plain samples, each with its place in time.
 #ifndef DEVICE_ENCD_PACKET_PACKET_H_
 #define DEVICE_ENCD_PACKET_PACKET_H_
 
@@ -39,8 +39,8 @@ struct Tracks {
   bool Has(Track track) const { return track == Track::kVideo ? video : track == Track::kAudio ? audio : pcm; }
 };
 
-// Consumes packets. Put() is called on the encoder's streaming threads, one per track, and must not block: whoever is
-// slow keeps a bounded queue and drops.
+// Consumes packets. Put() is called on the encoder's streaming threads, one per track, and must not block: a slow
+// consumer keeps a bounded queue and drops.
 class PacketSink {
  public:
   virtual ~PacketSink() = default;

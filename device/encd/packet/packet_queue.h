@@ -14,8 +14,8 @@
 
 namespace encd {
 
-// Any thread may put; one thread takes. Never blocks who puts: when the consumer falls behind by more than the limits
-// allow, packets are dropped up to a keyframe, so what follows can be decoded.
+// Any thread may put; one thread takes. The producer never blocks: when the consumer falls behind by more than the
+// limits allow, packets are dropped up to a keyframe, so what follows can be decoded.
 class PacketQueue : public PacketSink {
  public:
   struct Limits {
@@ -23,7 +23,7 @@ class PacketQueue : public PacketSink {
     std::size_t bytes;              // of all packets in the queue
   };
 
-  // What Take() found. `gap` says that packets before this one were dropped.
+  // The result of Take(). `gap` says that packets before this one were dropped.
   struct Taken {
     PacketPtr packet;
     bool gap = false;
@@ -37,11 +37,11 @@ class PacketQueue : public PacketSink {
   // empty.
   Taken Take(std::chrono::milliseconds wait);
 
-  // From now on packets are due this long after they arrived. Made shorter, what is overdue is dropped up to the newest
-  // keyframe, so that the delay shrinks at once instead of by a burst.
+  // From now on packets are due this long after they arrived. When that gets shorter, overdue packets are dropped up to
+  // the newest keyframe, so that the delay shrinks at once instead of by a burst.
   void SetDelay(std::chrono::milliseconds delay);
 
-  // Takes no more; what is left is due at once.
+  // Takes no more; the packets left are due at once.
   void Close();
   bool ClosedAndEmpty() const;
 

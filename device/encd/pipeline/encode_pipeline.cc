@@ -22,7 +22,7 @@ constexpr int kSoundRate = 48'000;
 constexpr int kSoundChannels = 2;
 constexpr int kKeyframeSeconds = 2;  // the longest a new viewer waits for a picture
 constexpr milliseconds kStartLimit{5000};
-constexpr milliseconds kTick{100};
+constexpr milliseconds kTick{100};  // the watching thread looks for the end this often
 
 struct TapName {
   const char* element;
@@ -31,7 +31,7 @@ struct TapName {
 constexpr TapName kTaps[] = {{"video", Track::kVideo}, {"audio", Track::kAudio}, {"pcm", Track::kPcm}};
 
 // Colour bars that drift, for colour and motion; a moving zone plate, whose fine detail never repeats and takes
-// whatever bitrate it is given; and the time, where the plugin that draws text is installed.
+// any bitrate that it is given; and the time, where the plugin that draws text is installed.
 std::string TestPicture(const EncodePipeline::Options& options) {
   const std::string bars = absl::StrFormat("width=%d,height=%d", options.width, options.height);
   const std::string plate = absl::StrFormat("width=%d,height=%d", options.width * 3 / 8 & ~1, options.height / 2 & ~1);
@@ -51,6 +51,9 @@ std::string InputPicture(const EncodePipeline::Options& options) {
       options.fps);
 }
 
+// The queue gives the encoder a thread of its own; a machine that is too slow loses pictures there, not time. The caps
+// after the encoder ask for the form that MP4 and FLV carry: length-prefixed NAL units, one access unit per buffer, the
+// parameter sets in the caps. zerolatency has no B-frames, so packets come out in the order of their times.
 std::string VideoTail(const EncodePipeline::Options& options) {
   return absl::StrFormat(
       "queue max-size-buffers=4 max-size-bytes=0 max-size-time=0 leaky=downstream ! "
@@ -59,6 +62,8 @@ std::string VideoTail(const EncodePipeline::Options& options) {
       options.fps * kKeyframeSeconds, options.bitrate_kbps);
 }
 
+// The same sound twice, encoded for streams and MP4, plain for WAV; both run always, so that a recording can begin with
+// the next piece. audiorate fills the gaps of an input's restart with silence.
 std::string Sound(const EncodePipeline::Options& options, bool from_input) {
   const std::string caps =
       absl::StrFormat("audio/x-raw,format=S16LE,layout=interleaved,rate=%d,channels=%d", kSoundRate, kSoundChannels);
@@ -123,12 +128,13 @@ void EncodePipeline::Feed(GstElement* source, GstSample* sample) {
   if (source == nullptr) return;  // the first sample may come while the pipeline is still being built
   device::CapsPtr caps(gst_caps_ref(gst_sample_get_caps(sample)));
   gst_app_src_set_caps(GST_APP_SRC(source), caps.get());
-  // The input's times start again with each of its rounds; without them do-timestamp stamps what arrives.
+  // The input's times start again with each of its rounds; without them do-timestamp stamps the buffer.
   const GstBuffer* buffer = gst_sample_get_buffer(sample);
   gst_app_src_push_buffer(GST_APP_SRC(source),
                           device::CopyAt(buffer, {.duration = device::FactsOf(buffer).duration}).release());
 }
 
+// Called on the streaming thread of the tap's track: an encoder waits until it returns.
 GstFlowReturn EncodePipeline::OnSample(GstAppSink* sink, gpointer user_data) {
   Tap* tap = static_cast<Tap*>(user_data);
   const device::HandedOver order(tap);
@@ -141,6 +147,8 @@ GstFlowReturn EncodePipeline::OnSample(GstAppSink* sink, gpointer user_data) {
   return GST_FLOW_OK;
 }
 
+// Buffers count from the segment's start. Running time is common to all tracks of the pipeline, so the times of packets
+// of different tracks can be compared.
 PacketPtr EncodePipeline::ToPacket(GstSample* sample, Track track) {
   GstBuffer* buffer = gst_sample_get_buffer(sample);
   const GstSegment* segment = gst_sample_get_segment(sample);
@@ -171,6 +179,7 @@ int EncodePipeline::Bitrate() const {
   return static_cast<int>(kbps);
 }
 
+// The event goes up into the encoder from its source pad, as from a sink that wants a keyframe.
 void EncodePipeline::RequestKeyframe() {
   const device::PadPtr pad(gst_element_get_static_pad(video_encoder_.get(), "src"));
   gst_pad_send_event(pad.get(), gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));

@@ -28,7 +28,7 @@ class EncodePipeline {
     int bitrate_kbps;  // to start with
   };
 
-  // Since the start; what the encoders gave out.
+  // The encoders' output since the start.
   struct Counters {
     std::uint64_t video_frames;
     std::uint64_t video_bytes;
@@ -53,7 +53,7 @@ class EncodePipeline {
   Counters Count() const;
 
  private:
-  // What a sink's callback needs; lives as long as the pipeline.
+  // The state of a sink's callback; lives as long as the pipeline.
   struct Tap {
     EncodePipeline* owner;
     Track track;

@@ -34,6 +34,7 @@ std::string ToUri(const std::string& input) {
   return result;
 }
 
+// Called on the streaming thread of the sink, when the sample is due by the pipeline's clock: that paces the input.
 GstFlowReturn OnSample(GstAppSink* sink, gpointer track) {
   const device::HandedOver order(track);
   const device::SamplePtr sample(gst_app_sink_pull_sample(sink));
@@ -41,6 +42,7 @@ GstFlowReturn OnSample(GstAppSink* sink, gpointer track) {
   return GST_FLOW_OK;
 }
 
+// Called on a streaming thread, which must not seek or stop its own pipeline; InputSource::Run() does that.
 void OnEnd(GstAppSink*, gpointer track) {
   const device::HandedOver order(track);
   static_cast<InputSource::TrackState*>(track)->ended = true;
@@ -97,6 +99,7 @@ InputSource::~InputSource() {
 }
 
 void InputSource::WaitForFirstPicture() {
+  // Returns at once; ASYNC_DONE follows when each sink holds its first sample.
   player_->SetState(GST_STATE_PAUSED);
   const auto message =
       player_->WaitFor(static_cast<GstMessageType>(GST_MESSAGE_ASYNC_DONE | GST_MESSAGE_ERROR), kOpenLimit);
@@ -129,7 +132,7 @@ void InputSource::Run() {
     if (picture_.ended || sound_.ended) StartAgain();
     if (message) {
       KL_LOG(40, "input %s: %s; opening it again in 1 s", uri_.c_str(), device::ErrorText(message.get()).c_str());
-      player_->SetState(GST_STATE_NULL);
+      player_->SetState(GST_STATE_NULL);  // a failed pipeline plays again only from there
       retry_at = steady_clock::now() + std::chrono::seconds(1);
     }
     if (steady_clock::now() < retry_at) continue;

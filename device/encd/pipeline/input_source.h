@@ -24,7 +24,7 @@ class InputSource {
     int sound_channels;
   };
 
-  // Internal: what the callbacks of one track share with the thread.
+  // Internal: shared by the callbacks of one track and the thread.
   struct TrackState {
     SampleHandler handler;
     std::atomic<bool> ended{false};

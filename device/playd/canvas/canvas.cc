@@ -49,6 +49,8 @@ struct Catcher {
   device::SamplePtr sample ABSL_GUARDED_BY(mutex);
 };
 
+// Called on the compositor's streaming thread for each picture. A probe, not a sink: the pipeline stays as it is, and
+// nothing is converted or copied while nobody asks for a picture.
 GstPadProbeReturn CatchPicture(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   const device::HandedOver catcher_of_other_thread(data);
   Catcher& catcher = **static_cast<std::shared_ptr<Catcher>*>(data);
@@ -61,6 +63,7 @@ GstPadProbeReturn CatchPicture(GstPad* pad, GstPadProbeInfo* info, gpointer data
   return GST_PAD_PROBE_OK;
 }
 
+// The probe's share of the catcher: GStreamer drops it when the last call of the probe has returned.
 void DropCatcher(gpointer data) {
   device::TakeOver(data);
   delete static_cast<std::shared_ptr<Catcher>*>(data);
@@ -79,6 +82,7 @@ bool WriteWhole(const std::string& path, const GstMapInfo& map) {
   return !file.fail();
 }
 
+// Rows of a mapped frame may be padded; those of the result are not.
 bool CopyRows(GstSample* sample, Picture& picture) {
   GstVideoInfo info;
   if (!gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) return false;
@@ -129,6 +133,7 @@ Layer::Layer(GstElement* pipeline, GstElement* compositor, const Rectangle& rect
 Layer::~Layer() {
   // The pad goes first: that frees the source's thread, should it be waiting for the compositor to take a frame.
   gst_element_release_request_pad(compositor_, pad_.get());
+  // Locked, so that the canvas, should it change its state just now, does not start the source again.
   gst_element_set_locked_state(source_.get(), TRUE);
   gst_element_set_state(source_.get(), GST_STATE_NULL);
   gst_bin_remove(GST_BIN(pipeline_), source_.get());

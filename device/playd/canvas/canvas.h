@@ -19,7 +19,7 @@ namespace playd {
 
 class Window;
 
-// A composed picture, for those who want to look at its pixels. Rows from top to bottom, 3 bytes a pixel.
+// A composed picture, for a look at its pixels. Rows from top to bottom, 3 bytes a pixel.
 struct Picture {
   using Pixel = std::array<std::uint8_t, 3>;  // red, green, blue
 
@@ -60,12 +60,12 @@ class Layer {
 // run. Layers of greater priority cover those of smaller; among equals the one added later is on top. Where there is
 // no layer the canvas is black. Any thread.
 //
-// Composed at the mode's frequency, at most 25 pictures per second: nobody looks at the rest, and composing costs
-// processor time.
+// Composed at the mode's frequency, at most 25 pictures per second: more would cost processor time that
+// the players need.
 class Canvas {
  public:
   // Starts composing at CanvasMode's defaults. With `window` it is also shown on the display, if that can be opened;
-  // without one the canvas works all the same. Throws std::runtime_error when GStreamer lacks what it needs.
+  // without one the canvas works all the same. Throws std::runtime_error when GStreamer lacks an element.
   explicit Canvas(bool window);
   Canvas(const Canvas&) = delete;
   Canvas& operator=(const Canvas&) = delete;

@@ -8,7 +8,7 @@ namespace playd {
 namespace {
 
 constexpr std::uint32_t kMaxSide = 8192;       // twice the width of the largest display that is driven
-constexpr std::int32_t kMaxOffset = 32768;     // what the compositor can place
+constexpr std::int32_t kMaxOffset = 32768;     // the compositor's own limit
 constexpr std::int32_t kMinActive = 16;        // one macroblock; smaller is a typing error
 constexpr std::int32_t kMinFrequency = 100;    // 1 Hz
 constexpr std::int32_t kMaxFrequency = 24000;  // 240 Hz

@@ -8,8 +8,8 @@
 
 namespace playd {
 
-// In pixels of the canvas; x and y may be negative and the rectangle may reach beyond the canvas, which shows what of
-// it lies inside. Positions are rounded to even numbers when composed, as in most display hardware.
+// In pixels of the canvas; x and y may be negative and the rectangle may reach beyond the canvas, which shows the
+// part inside. Positions are rounded to even numbers when composed, as in most display hardware.
 struct Rectangle {
   std::int32_t x = 0;
   std::int32_t y = 0;
@@ -20,8 +20,8 @@ struct Rectangle {
 // Refuses an empty rectangle and sizes and positions that no display has (kBadRectangle).
 Outcome CheckRectangle(const Rectangle& rectangle);
 
-// One direction of a display timing, in pixels or lines. What sync, active and front porch leave of the total is the
-// back porch.
+// One direction of a display timing, in pixels or lines. The rest of the total, after sync, active and front porch, is
+// the back porch.
 struct TimingAxis {
   std::int32_t total = 0;
   std::int32_t sync = 0;
@@ -39,7 +39,7 @@ struct Timing {
 // Refuses numbers that no timing can have (kBadTiming); the text names the first of them.
 Outcome CheckTiming(const Timing& timing);
 
-// What the canvas is composed at.
+// Size and rate of the composed picture.
 struct CanvasMode {
   int width = 1920;
   int height = 1080;

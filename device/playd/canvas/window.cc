@@ -31,6 +31,7 @@ std::string WindowPipeline(const char* sink) {
          sink + " sync=false";
 }
 
+// Called on the compositor's streaming thread for each picture; appsrc hands it to the window's own thread.
 GstPadProbeReturn Forward(GstPad* pad, GstPadProbeInfo* info, gpointer data) {
   auto* source = GST_APP_SRC(data);
   if (const device::CapsPtr caps{gst_pad_get_current_caps(pad)}; caps != nullptr)

@@ -8,8 +8,8 @@
 
 namespace playd {
 
-// Shows what comes by at a pad, in a pipeline of its own: a display that is slow, or a window that the user closes,
-// takes nothing but itself away. When no window can be opened that is one record in the log.
+// Shows the pictures that pass a pad, in a pipeline of its own: a slow display, or a window that the user closes, does
+// not disturb the canvas. A window that can't be opened is one record in the log.
 class Window {
  public:
   // True when a display server is named in the environment.

@@ -12,11 +12,13 @@
 #include "base/gst.h"
 #include "playd/canvas/canvas.h"
 #include "playd/error_code.h"
+#include "playd/media/branches.h"
+#include "playd/media/mailbox.h"
 #include "playd/sound/mixer.h"
 
 namespace playd {
 
-// What a file or an address says of itself; 0 where it says nothing.
+// The facts that a medium states of itself; 0 where it states none.
 struct MediaInfo {
   std::string url;  // as it was opened
   std::uint32_t width = 0;
@@ -24,16 +26,11 @@ struct MediaInfo {
   std::uint32_t duration_ms = 0;
 };
 
-// Where play stands.
+// The place of play in a medium.
 struct Position {
   std::uint32_t position_ms = 0;
   std::uint32_t duration_ms = 0;
 };
-
-// Resolves what an operator typed, an absolute or relative path or a file:, http: or https: URI, to a URI. Refuses
-// what is no such thing (kInvalidArgument) and local files that are missing, unreadable or no regular files
-// (kFileMissing): opening a pipe, for one, could wait for ever.
-Outcome ResolveUrl(const std::string& url, std::string& uri);
 
 // Used by one thread at a time. Every operation takes a limit; one that runs into it leaves the medium usable only for
 // Close by destruction. Destruction stops decoding and waits for its threads. Canvas and mixer must outlive it.
@@ -67,7 +64,7 @@ class Media {
 
   void Show();
 
-  // What happened since the last call; kFailed comes with a text.
+  // The event since the last call; kFailed comes with a text.
   Event TakeEvent(std::string& text);
 
   Position GetPosition() const;
@@ -80,9 +77,6 @@ class Media {
   std::unique_ptr<Layer> ReleaseLayer();
 
  private:
-  struct Links;
-  class Mailbox;
-
   Outcome WaitSettled(Deadline deadline, const char* what);
   Outcome ChangeState(GstState state, Deadline deadline, const char* what);
   void ReadInfo();
@@ -90,8 +84,8 @@ class Media {
   MediaInfo info_;
   const std::atomic<bool>& stop_;
   const std::shared_ptr<Mailbox> mailbox_;
-  std::unique_ptr<Links> links_;
-  // Last, so that it is stopped before what its threads use goes away.
+  const std::unique_ptr<Branches> branches_;
+  // Last, so that it is stopped before the objects that its threads use go away.
   std::unique_ptr<device::Pipeline> pipeline_;
 };
 

@@ -1,4 +1,4 @@
-// What happens to players, as messages for the daemon's subscribers.
+// The players' events, as messages for the daemon's subscribers.
 #ifndef DEVICE_PLAYD_PLAYER_EVENT_PUBLISHER_H_
 #define DEVICE_PLAYD_PLAYER_EVENT_PUBLISHER_H_
 
@@ -22,8 +22,8 @@ class EventPublisher : public PlayerListener {
   static constexpr char kSeekTopic[] = "layer/get_seek_of_uplayer";
   static constexpr char kReportTopic[] = "layer/result_repor";
 
-  // Where messages go from now on; null: nowhere. A sink that was replaced may still be in use for moments: what it
-  // refers to is its own.
+  // The place that messages go to from now on; null: none. A sink that was replaced may still be in use for moments,
+  // so it owns the objects that it refers to.
   void Attach(Sink sink);
 
   void OnPlayState(const std::string& id, const std::string& url, PlayState state) override;

@@ -14,7 +14,7 @@ namespace playd {
 // | 4      | kEnded   | the medium was played to its end; its last picture stays, a seek plays on from there    |
 // | 5      | kFailed  | the named medium can't be opened, or broke off while it played and was closed           |
 //
-// 0 is never published. A picture has no end. Pausing what is paused and resuming what plays publishes nothing.
+// 0 is never published. A picture has no end. A pause while paused and a resume while playing publish nothing.
 enum class PlayState : std::uint32_t {
   kStarted = 1,
   kPaused = 2,

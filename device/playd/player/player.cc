@@ -5,6 +5,8 @@
 #include <exception>
 #include <utility>
 
+#include "playd/media/media_url.h"
+
 namespace playd {
 namespace {
 
@@ -147,7 +149,7 @@ Outcome Player::NeedMedia() const {
 
 void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Info().url, state); }
 
-// A medium that can't be played is reported besides being refused: the operator who follows the reports sees it too.
+// A medium that can't be played is reported besides being refused: an operator who follows the reports sees it, too.
 Outcome Player::DoOpen(const MediaRequest& request) {
   const auto deadline = std::chrono::steady_clock::now() + limits_.media;
   std::unique_ptr<Media> media;
@@ -159,6 +161,7 @@ Outcome Player::DoOpen(const MediaRequest& request) {
   return outcome;
 }
 
+// The player's medium, if there is one, plays on meanwhile, in a pipeline of its own.
 Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, std::unique_ptr<Media>& media) {
   std::string uri;
   if (auto outcome = ResolveUrl(request.url, uri); !outcome.ok()) return outcome;
@@ -222,6 +225,7 @@ Outcome Player::DoSeek(std::uint32_t position_ms, Media::Deadline deadline) {
   return outcome;
 }
 
+// GStreamer sets a speed by a seek. At the end it only counts for the seek that plays on from there.
 Outcome Player::DoSetSpeed(double speed, Media::Deadline deadline) {
   if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
   if (speed != speed_ && state_ != State::kEnded) {
@@ -232,6 +236,8 @@ Outcome Player::DoSetSpeed(double speed, Media::Deadline deadline) {
   return Outcome::Ok();
 }
 
+// On the player's thread, where a medium may be destroyed: on GStreamer's, which told of the event, it would wait for
+// itself.
 void Player::OnWake() {
   if (media_ == nullptr) return;
   std::string text;

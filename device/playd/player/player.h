@@ -18,7 +18,7 @@
 
 namespace playd {
 
-// Hears what happens to players. Called on the players' own threads, several at once, with no lock held; must not wait
+// Hears the events of players. Called on the players' own threads, several at once, with no lock held; must not wait
 // and must not call the player back.
 class PlayerListener {
  public:
@@ -28,14 +28,14 @@ class PlayerListener {
   virtual void OnSeekDone(const std::string& id, const Position& position, const Outcome& outcome) = 0;
 };
 
-// What to play, where and from when.
+// A medium to play, its place on the canvas and in time.
 struct MediaRequest {
   std::string url;
-  std::int32_t media_type = 0;   // 0 to 3, lp.v1.MediaType; a hint: what the medium is, it says itself
+  std::int32_t media_type = 0;   // 0 to 3, lp.v1.MediaType; a hint: the medium itself says more
   std::int32_t file_type = 0;    // 0 to 3, lp.v1.FileType; likewise
   bool play_immediately = true;  // false: opened and shown, paused at its first picture
   std::uint64_t start_ms = 0;    // where play begins; without meaning for a picture
-  std::uint32_t effect = 0;      // how the picture appears: 0 at once; there are no others here
+  std::uint32_t effect = 0;      // how the picture appears: 0, at once, is the only one here
   std::uint64_t effect_ms = 0;   // how long the effect takes; without meaning for effect 0
   Rectangle rectangle;
   std::uint32_t priority = 0;
@@ -43,7 +43,7 @@ struct MediaRequest {
 
 struct PlayerLimits {
   std::chrono::milliseconds media{1500};  // for one thing asked of a medium; opening that takes longer is given up
-  std::chrono::milliseconds reply{1800};  // until a caller gets an answer, whatever it is
+  std::chrono::milliseconds reply{1800};  // until a caller gets an answer of any kind
 };
 
 // Operations may be called from any thread. They run one after the other on the player's own thread, and every one

@@ -18,7 +18,7 @@ namespace playd {
 // Any thread.
 class PlayerTable {
  public:
-  // Each player costs a thread or two; nobody has this many layers.
+  // Each player costs a thread or two. Displays have fewer layers than this.
   static constexpr std::size_t kMaxPlayers = 64;
   static constexpr std::size_t kMaxIdLength = 256;
 

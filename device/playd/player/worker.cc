@@ -13,7 +13,7 @@ constexpr auto kIdle = std::chrono::hours(1);
 
 }  // namespace
 
-// Shared by the caller, who may give up, and the thread. Guarded by the worker's mutex, but for `task`.
+// Shared by the caller, which may give up, and the thread. Guarded by the worker's mutex, but for `task`.
 struct Worker::Job {
   explicit Job(Task its_task) : task(std::move(its_task)) {}
 
@@ -90,7 +90,7 @@ void Worker::Loop() {
         job->started = true;
       }
     }
-    // What happened by itself comes first: it may decide what the job finds.
+    // Events of the medium come first: a job must not find a medium open that has failed already.
     if (woken) on_wake_();
     if (job != nullptr) RunJob(*job);
   }

@@ -1,4 +1,4 @@
-// A thread that does one thing after another for callers who don't wait longer than they want to.
+// A thread that runs tasks one after another for callers with a time limit.
 #ifndef DEVICE_PLAYD_PLAYER_WORKER_H_
 #define DEVICE_PLAYD_PLAYER_WORKER_H_
 
@@ -29,8 +29,8 @@ class Worker {
   ~Worker();
 
   // Runs `task` and returns its outcome. When `limit` passes first: kBusy, and the task will not run any more, if it
-  // hasn't begun; kTimeout if it has, and it runs on to its end unheard. Whatever the task refers to must live that
-  // long. kBusy also after Stop().
+  // hasn't begun; kTimeout if it has, and it runs on to its end unheard. Objects that the task refers to must
+  // live that long. kBusy also after Stop().
   Outcome Run(Task task, std::chrono::milliseconds limit);
 
   // Any thread; never waits.

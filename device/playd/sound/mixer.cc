@@ -20,6 +20,8 @@ namespace {
 // Sound arrives at the time at which it is to be heard; this is how much later the mix takes it.
 constexpr char kLatency[] = "100000000";  // ns
 
+// force-live: the mix goes on without tracks, and without waiting for one that has nothing new. The filter fixes the
+// format, whatever the sink could take, and is the place where Peak() listens.
 std::string MixPipeline(const std::string& sink) {
   return std::string("audiomixer name=mixer force-live=true ignore-inactive-pads=true latency=") + kLatency +
          " ! capsfilter name=filter caps=" + Mixer::kFormat + " ! " + sink;
@@ -50,6 +52,7 @@ bool HasSoundCard() {
   return false;
 }
 
+// Called on the mixer's streaming thread for each piece of the mix, in Mixer::kFormat.
 GstPadProbeReturn NotePeak(GstPad*, GstPadProbeInfo* info, gpointer data) {
   const device::HandedOver peak_of_other_thread(data);
   std::atomic<int>& peak = **static_cast<std::shared_ptr<std::atomic<int>>*>(data);
@@ -86,11 +89,13 @@ Track::Track(GstElement* pipeline, GstElement* mixer)
 Track::~Track() {
   // The pad goes first: that frees the source's thread, should it be waiting for the mixer to take sound.
   gst_element_release_request_pad(mixer_, pad_.get());
+  // Locked, so that the mix, should it change its state just now, does not start the source again.
   gst_element_set_locked_state(source_.get(), TRUE);
   gst_element_set_state(source_.get(), GST_STATE_NULL);
   gst_bin_remove(GST_BIN(pipeline_), source_.get());
 }
 
+// The mixer places sound by the running time of its own pipeline, which began at `start`.
 void Track::Push(GstBuffer* samples, GstClockTime when) {
   const GstClockTime start = gst_element_get_base_time(pipeline_);
   if (!GST_CLOCK_TIME_IS_VALID(when) || when < start) return;

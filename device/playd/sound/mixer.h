@@ -31,12 +31,12 @@ class Track {
 // A live pipeline that mixes at a steady rate whether or not there are tracks. Any thread.
 class Mixer {
  public:
-  // What tracks take.
+  // The format that tracks take.
   static constexpr char kFormat[] = "audio/x-raw,format=S16LE,rate=48000,channels=2,layout=interleaved";
 
   // Starts mixing: to the sound device if `audible`, else to nowhere, at the same pace. A sound device that can't be
-  // opened is one record in the log, and the mix goes nowhere. Throws std::runtime_error when GStreamer lacks what
-  // it needs.
+  // opened is one record in the log, and the mix goes nowhere. Throws std::runtime_error when GStreamer lacks an
+  // element.
   explicit Mixer(bool audible);
   Mixer(const Mixer&) = delete;
   Mixer& operator=(const Mixer&) = delete;
@@ -48,7 +48,7 @@ class Mixer {
 
   std::unique_ptr<Track> AddTrack();
 
-  // The largest sample, 0 to 32768, of what is mixed during the next `span`.
+  // The largest sample, 0 to 32768, of the mix during the next `span`.
   int Peak(std::chrono::milliseconds span);
 
  private:

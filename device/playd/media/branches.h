@@ -1,0 +1,60 @@
+// The branches of a medium's pipeline: from the decoder's pads to a layer and to a track of the mix.
+#ifndef DEVICE_PLAYD_MEDIA_BRANCHES_H_
+#define DEVICE_PLAYD_MEDIA_BRANCHES_H_
+
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+
+#include <memory>
+#include <utility>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "base/gst.h"
+#include "playd/canvas/canvas.h"
+#include "playd/sound/mixer.h"
+
+namespace playd {
+
+// A decoder has its pads once it has looked into the medium, so the branches are built then, on its threads: one for
+// the first picture stream, one for the first sound stream; further streams stay unlinked. Must outlive the pipeline;
+// the mixer must outlive it. Any thread may ask.
+class Branches {
+ public:
+  Branches(std::unique_ptr<Layer> layer, Mixer& mixer) : mixer_(mixer), layer_(std::move(layer)) {}
+  Branches(const Branches&) = delete;
+  Branches& operator=(const Branches&) = delete;
+
+  // Follows a uridecodebin that is not started yet.
+  void Connect(GstElement* decoder);
+
+  bool HasAny() const;
+  // The decoder's pad of the picture stream; null when there is none.
+  device::PadPtr VideoPad() const;
+  // True when the medium is a still picture, which has no end and no positions.
+  bool IsPicture() const;
+
+  void Show() { layer_->Show(); }
+  // After the pipeline is gone.
+  std::unique_ptr<Layer> ReleaseLayer() { return std::move(layer_); }
+
+ private:
+  static void OnPad(GstElement* decoder, GstPad* pad, gpointer branches);
+  static gboolean OnType(GstElement* decoder, GstPad* pad, GstCaps* caps, gpointer branches);
+
+  void LinkVideo(GstElement* pipeline, GstPad* pad);
+  void LinkAudio(GstElement* pipeline, GstPad* pad);
+
+  Mixer& mixer_;
+  std::unique_ptr<Layer> layer_;
+  std::unique_ptr<Track> track_;  // made once, by the thread that found the sound
+  mutable absl::Mutex mutex_;
+  device::PadPtr video_pad_ ABSL_GUARDED_BY(mutex_);
+  bool has_audio_ ABSL_GUARDED_BY(mutex_) = false;
+  bool typed_ ABSL_GUARDED_BY(mutex_) = false;
+  bool picture_ ABSL_GUARDED_BY(mutex_) = false;
+};
+
+}  // namespace playd
+
+#endif  // DEVICE_PLAYD_MEDIA_BRANCHES_H_
