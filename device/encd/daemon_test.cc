@@ -10,44 +10,47 @@
 #include "common/v1/status.pb.h"
 #include "encoder/v1/encoder.pb.h"
 #include "klrpc/api_client.h"
-#include "testing/child_process.h"
+#include "platform/testing/child_process.h"
+#include "platform/testing/environment.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 #include "testing/media_probe.h"
 #include "testing/rtmp_server.h"
-#include "testing/temp_dir.h"
-#include "testing/wait.h"
 
 namespace encd {
 namespace {
 
 namespace pb = encoder::v1;
-using device::testing::ChildProcess;
 using device::testing::ProbeMedia;
 using device::testing::RtmpServer;
 using device::testing::SilentPort;
-using device::testing::WaitUntil;
 using google::protobuf::Any;
 using std::chrono::milliseconds;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using vextest::ChildProcess;
+using vextest::ExitState;
+using vextest::WaitFor;
 
 class DaemonTest : public ::testing::Test {
  protected:
   // Whatever a test had its daemon do, it stops in order afterwards.
   void TearDown() override {
-    if (daemon_ && !daemon_->Wait(milliseconds(0))) ExpectStops(SIGTERM);
+    if (daemon_ && !daemon_->WaitExit(milliseconds(0))) ExpectStops(SIGTERM);
   }
 
   std::unique_ptr<ChildProcess> Launch(std::vector<std::string> flags, std::vector<std::string> environment = {}) {
     flags.insert(flags.begin(),
-                 {ENCD_PROGRAM, "--address=" + address_, "--record_dir=" + dir_.path(), "--width=320", "--height=180"});
+                 {ENCD_PROGRAM, "--address=" + address_, "--record_dir=" + dir_.Path(), "--width=320", "--height=180"});
     environment.push_back("KLBASE_LOG_FILE=" + (dir_ / "encd.log"));
-    return std::make_unique<ChildProcess>(flags, environment);
+    return std::make_unique<ChildProcess>(
+        flags, ChildProcess::Options{environment, "", /*pty=*/false, /*errors_with_output=*/true});
   }
 
   void StartDaemon(const std::vector<std::string>& flags = {}) {
     daemon_ = Launch(flags);
-    ASSERT_TRUE(daemon_->WaitForOutput("encd: listens on " + address_ + "\n")) << daemon_->Output();
+    ASSERT_TRUE(daemon_->WaitFor("encd: listens on " + address_ + "\n")) << daemon_->Output();
     client_ =
         std::make_unique<klrpc::APIClient>(std::make_unique<klrpc::APIClientOptions>(address_, 1500, 200, 500, false));
   }
@@ -89,21 +92,21 @@ class DaemonTest : public ::testing::Test {
     return Ask(request);
   }
 
-  void ExpectStops(int signal, int status = 0) {
+  void ExpectStops(int signal, const ExitState& end = {0, 0}) {
     daemon_->Signal(signal);
-    EXPECT_EQ(daemon_->Wait(milliseconds(6000)), status) << daemon_->Output();
+    EXPECT_EQ(daemon_->WaitExit(milliseconds(6000)), end) << daemon_->Output();
   }
 
   // True once the file at the recording's place is longer than `bytes`.
   bool WaitRecorded(std::size_t bytes) {
-    return WaitUntil([&] {
+    return WaitFor([&] {
       const auto files = dir_.Files(".mp4");
-      return !files.empty() && device::testing::ReadFile(files.front()).size() > bytes;
+      return !files.empty() && vextest::ReadFile(files.front()).size() > bytes;
     });
   }
 
-  device::testing::TempDir dir_;
-  const std::string address_ = "unix-abstract:" + device::testing::UniqueName("encd-test");
+  vextest::ScratchFolder dir_;
+  const std::string address_ = "unix-abstract:" + vextest::UniqueName("encd-test");
   std::unique_ptr<ChildProcess> daemon_;
   std::unique_ptr<klrpc::APIClient> client_;
 };
@@ -122,7 +125,7 @@ TEST_F(DaemonTest, StopsOnSigint) {
 TEST_F(DaemonTest, RefusesToStartTwice) {
   StartDaemon();
   const auto second = Launch({});
-  EXPECT_EQ(second->Wait(), 1);
+  EXPECT_EQ(second->WaitExit(), (ExitState{1, 0}));
   EXPECT_THAT(second->Output(), StartsWith("encd: can't serve on \"" + address_ + "\": "));
   EXPECT_THAT(second->Output(), HasSubstr("in use"));
   EXPECT_EQ(SetQuality(1), "0 quality low, 500 kbit/s");  // the first one goes on
@@ -192,7 +195,7 @@ TEST_F(DaemonTest, OtherRequestsAreAnsweredWhileAServerDoesNotAnswer) {
 
 TEST_F(DaemonTest, RecordsAndTellsTheFile) {
   StartDaemon();
-  EXPECT_THAT(StartRecord(), StartsWith("0 recording to " + dir_.path() + "/record-"));
+  EXPECT_THAT(StartRecord(), StartsWith("0 recording to " + dir_.Path() + "/record-"));
   EXPECT_TRUE(WaitRecorded(100'000));
   const std::string stopped = Ask(pb::StopStorageRecordRequest());
   ASSERT_THAT(dir_.Files(".mp4"), SizeIs(1));
@@ -210,7 +213,7 @@ TEST_F(DaemonTest, ForwardRecordingIsSetAndWritten) {
   request.set_format(pb::RECORD_MP4);
   request.set_forward_time_sec(10);
   EXPECT_EQ(Ask(request), "0 forward recording keeps the last 10 s");
-  EXPECT_TRUE(WaitUntil([&] { return Ask(pb::ForwardRecordRequest()).rfind("0 recorded " + dir_.path(), 0) == 0; }));
+  EXPECT_TRUE(WaitFor([&] { return Ask(pb::ForwardRecordRequest()).rfind("0 recorded " + dir_.Path(), 0) == 0; }));
   ASSERT_THAT(dir_.Files(), SizeIs(2));  // with the log: attempts that came too early have left nothing
   EXPECT_EQ(ProbeMedia(dir_.Files(".mp4").at(0)).error, "");
 }
@@ -238,7 +241,7 @@ TEST_F(DaemonTest, AKillDuringARecordingLeavesAFileThatPlays) {
   StartDaemon();
   StartRecord();
   ASSERT_TRUE(WaitRecorded(500'000));  // two seconds
-  ExpectStops(SIGKILL, 128 + SIGKILL);
+  ExpectStops(SIGKILL, {0, SIGKILL});
   const auto facts = ProbeMedia(dir_.Files(".mp4").at(0));
   EXPECT_GE(facts.video_frames, 20u) << facts.error;
 }
@@ -264,7 +267,7 @@ TEST_F(DaemonTest, StopsInTimeWhileAStreamIsBeingAdded) {
     Any reply;
     client_->Call(request, reply);  // cut off or refused, as it comes
   });
-  EXPECT_TRUE(WaitUntil([&] { return silent.HasConnection(); }));
+  EXPECT_TRUE(WaitFor([&] { return silent.HasConnection(); }));
   ExpectStops(SIGTERM);
   adding.join();
 }
@@ -273,7 +276,7 @@ TEST_F(DaemonTest, TheStatisticsLineTellsFramesAndStreams) {
   StartDaemon({"--stats_seconds=1"});
   RtmpServer server;
   EXPECT_EQ(AddStream("one", server.Url()), "0 stream one is pushed to " + server.Url());
-  EXPECT_TRUE(daemon_->WaitForOutput("kbit/s; stream one connected, ")) << daemon_->Output();
+  EXPECT_TRUE(daemon_->WaitFor("kbit/s; stream one connected, ")) << daemon_->Output();
 }
 
 struct BadStart {
@@ -287,7 +290,7 @@ class BadStartTest : public DaemonTest, public ::testing::WithParamInterface<Bad
 
 TEST_P(BadStartTest, IsAClearErrorAndStatusOne) {
   const auto child = Launch(GetParam().flags, GetParam().environment);
-  EXPECT_EQ(child->Wait(milliseconds(20'000)), 1);
+  EXPECT_EQ(child->WaitExit(), (ExitState{1, 0}));
   EXPECT_THAT(child->Output(), HasSubstr(GetParam().text));
 }
 

@@ -8,10 +8,10 @@
 #include <cstdint>
 #include <thread>
 
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 #include "testing/media_probe.h"
 #include "testing/rtmp_server.h"
-#include "testing/temp_dir.h"
-#include "testing/wait.h"
 
 namespace encd {
 namespace {
@@ -20,7 +20,6 @@ using device::testing::MediaFacts;
 using device::testing::ProbeMedia;
 using device::testing::RtmpServer;
 using device::testing::SilentPort;
-using device::testing::WaitUntil;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using ::testing::EndsWith;
@@ -28,6 +27,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using vextest::ScratchFolder;
+using vextest::WaitFor;
 
 constexpr std::uint64_t kFps = 25;
 constexpr Encoder::RecordSpec kBoth{true, true, static_cast<int>(RecordFormat::kMp4)};
@@ -37,7 +38,7 @@ constexpr Encoder::RecordSpec kWave{true, false, static_cast<int>(RecordFormat::
 
 void WaitFrames(const Encoder& encoder, std::uint64_t count) {
   const auto target = encoder.Count().video_frames + count;
-  ASSERT_TRUE(WaitUntil([&] { return encoder.Count().video_frames >= target; }));
+  ASSERT_TRUE(WaitFor([&] { return encoder.Count().video_frames >= target; }));
 }
 
 // What the encoder gives out, in kbit/s of programme time, once its rate control, which evens out over 0.6 s, has had
@@ -59,7 +60,7 @@ class EncoderTest : public ::testing::Test {
     options.width = 320;
     options.height = 180;
     options.fps = kFps;
-    options.record_dir = dir_.path();
+    options.record_dir = dir_.Path();
     return options;
   }
 
@@ -73,7 +74,7 @@ class EncoderTest : public ::testing::Test {
   }
 
   void WaitPushed(const std::string& id, std::uint64_t frames) {
-    ASSERT_TRUE(WaitUntil([&] { return Stream(id).frames >= frames; })) << Stream(id).frames;
+    ASSERT_TRUE(WaitFor([&] { return Stream(id).frames >= frames; })) << Stream(id).frames;
   }
 
   // The one file with this suffix.
@@ -83,7 +84,7 @@ class EncoderTest : public ::testing::Test {
     return files.empty() ? MediaFacts{} : ProbeMedia(files.front());
   }
 
-  device::testing::TempDir dir_;
+  ScratchFolder dir_;
   Encoder encoder_{Options()};
 };
 
@@ -146,7 +147,7 @@ TEST_F(EncoderTest, SettersThatCrossLeaveTheEncoderAtWhatWasSetLast) {
 }
 
 TEST_F(EncoderTest, AnMp4RecordingHoldsEveryFrameAndTheSound) {
-  ASSERT_THAT(encoder_.StartRecord(kBoth).text, StartsWith("recording to " + dir_.path() + "/record-"));
+  ASSERT_THAT(encoder_.StartRecord(kBoth).text, StartsWith("recording to " + dir_.Path() + "/record-"));
   const auto before = encoder_.Count().video_frames;
   WaitFrames(2 * kFps);
   const auto between = encoder_.Count().video_frames - before;
@@ -289,7 +290,7 @@ TEST_F(EncoderTest, APushedStreamArrivesFrameByFrame) {
   ASSERT_THAT(server.Recordings(), SizeIs(1));
   MediaFacts facts;
   // The server takes a moment to write the end.
-  EXPECT_TRUE(WaitUntil([&] { return (facts = ProbeMedia(server.Recordings()[0])).video_frames >= pushed; }));
+  EXPECT_TRUE(WaitFor([&] { return (facts = ProbeMedia(server.Recordings()[0])).video_frames >= pushed; }));
   EXPECT_EQ(facts.error, "");
   EXPECT_LE(facts.video_frames, pushed + 5);
   EXPECT_NEAR(facts.audio_seconds, static_cast<double>(facts.video_frames) / kFps, 0.3);
@@ -354,13 +355,13 @@ TEST_F(EncoderTest, AServerThatCameBackGetsTheStreamAgain) {
   ASSERT_TRUE(encoder_.AddStream("one", server.Url(), "k").ok());
   WaitPushed("one", 10);
   server.Kill();
-  ASSERT_TRUE(WaitUntil([&] { return !Stream("one").connected; }));
+  ASSERT_TRUE(WaitFor([&] { return !Stream("one").connected; }));
   server.Start();
-  ASSERT_TRUE(WaitUntil([&] { return Stream("one").connections == 2; }));
+  ASSERT_TRUE(WaitFor([&] { return Stream("one").connections == 2; }));
   WaitPushed("one", Stream("one").frames + kFps);
   ASSERT_TRUE(encoder_.DeleteStream("one").ok());
   MediaFacts facts;
-  EXPECT_TRUE(WaitUntil([&] { return (facts = ProbeMedia(server.Recordings().back())).video_frames >= kFps; }));
+  EXPECT_TRUE(WaitFor([&] { return (facts = ProbeMedia(server.Recordings().back())).video_frames >= kFps; }));
   EXPECT_EQ(facts.error, "");
 }
 
@@ -430,7 +431,7 @@ TEST(EncoderQualityTest, HighQualityGivesMoreBitsPerSecondThanLow) {
 }
 
 TEST(EncoderRecordDirTest, AFolderThatIsNotThereIsSaidAndTheNextTryWorks) {
-  device::testing::TempDir dir;
+  ScratchFolder dir;
   Encoder::Options options;
   options.width = 320;
   options.height = 180;
@@ -438,15 +439,15 @@ TEST(EncoderRecordDirTest, AFolderThatIsNotThereIsSaidAndTheNextTryWorks) {
   Encoder encoder(options);
   const Outcome result = encoder.StartRecord(kBoth);
   EXPECT_EQ(result.code, ErrorCode::kFailed);
-  EXPECT_THAT(result.text, StartsWith("can't record to " + dir.path() + "/missing/record-"));
+  EXPECT_THAT(result.text, StartsWith("can't record to " + dir.Path() + "/missing/record-"));
   EXPECT_THAT(result.text, HasSubstr("No such file or directory"));
   EXPECT_EQ(encoder.StopRecord().code, ErrorCode::kWrongState);
 }
 
 TEST(EncoderRecordDirTest, AFullDiskEndsTheRecordingWithTheReason) {
-  device::testing::TempDir dir;
+  ScratchFolder dir;
   Encoder::Options options;
-  options.record_dir = dir.path();
+  options.record_dir = dir.Path();
   Encoder encoder(options);
   encoder.SetQuality(3);
   rlimit before{};
@@ -464,11 +465,11 @@ TEST(EncoderRecordDirTest, AFullDiskEndsTheRecordingWithTheReason) {
 }
 
 TEST(EncoderInputTest, AFileIsEncodedAndPlayedAgainFromItsStart) {
-  device::testing::TempDir dir;
+  ScratchFolder dir;
   Encoder::Options options;
   options.width = 320;
   options.height = 180;
-  options.record_dir = dir.path();
+  options.record_dir = dir.Path();
   {
     Encoder source(options);
     ASSERT_TRUE(source.StartRecord(kBoth).ok());

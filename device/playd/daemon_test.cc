@@ -11,25 +11,27 @@
 
 #include "absl/synchronization/mutex.h"
 #include "encoder/v1/encoder.pb.h"
-#include "playd/testing.h"
+#include "platform/testing/child_process.h"
+#include "platform/testing/environment.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 #include "player/v1/player.pb.h"
 #include "sigslot/sigslot.h"
-#include "testing/child_process.h"
+#include "testing/player.h"
 #include "testing/rtmp_server.h"
-#include "testing/wait.h"
 
 namespace playd {
 namespace {
 
-using device::testing::ChildProcess;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using vextest::ExitState;
+using vextest::kLimit;
+using vextest::ScratchFolder;
 
 constexpr std::uint32_t kRed = 0xff0000;
 constexpr std::uint32_t kBlue = 0x0000ff;
-constexpr auto kCallLimit = seconds(20);
-
-std::string OwnAddress() { return "unix-abstract:" + device::testing::UniqueName("playd-test"); }
+std::string OwnAddress() { return "unix-abstract:" + vextest::UniqueName("playd-test"); }
 
 std::unique_ptr<klrpc::APIClient> Connect(const std::string& address) {
   return std::make_unique<klrpc::APIClient>(
@@ -49,14 +51,14 @@ class Subscriber : public sigslot::has_slots<sigslot::multi_threaded_global> {
   ~Subscriber() override { disconnect_all(); }
 
   bool WaitReady() {
-    return device::testing::WaitUntil([this] {
+    return vextest::WaitFor([this] {
       const absl::MutexLock lock(&mutex_);
       return ready_;
     });
   }
 
   std::vector<std::string> WaitFor(std::size_t count) {
-    device::testing::WaitUntil([&] {
+    vextest::WaitFor([&] {
       const absl::MutexLock lock(&mutex_);
       return events_.size() >= count;
     });
@@ -101,7 +103,7 @@ class DaemonTest : public testing::Test {
   Reply Ask(const google::protobuf::Message& request) {
     google::protobuf::Any packed;
     Reply reply;
-    EXPECT_TRUE(client_->CallWithin(request, packed, kCallLimit));
+    EXPECT_TRUE(client_->CallWithin(request, packed, kLimit));
     EXPECT_TRUE(packed.UnpackTo(&reply)) << packed.type_url();
     return reply;
   }
@@ -141,7 +143,7 @@ class DaemonTest : public testing::Test {
   }
 
   const std::string address_ = OwnAddress();
-  TestFolder folder_;
+  ScratchFolder folder_;
   std::unique_ptr<Daemon> daemon_;
   std::unique_ptr<klrpc::APIClient> client_;
 };
@@ -207,9 +209,9 @@ Request TimingRequest(int h_total, int h_active, int v_total, int v_active) {
 
 TEST_F(DaemonTest, MakesTheCanvasAsLargeAsTheOutputTimingSays) {
   EXPECT_TRUE(Ask(TimingRequest<lp::v1::SetOutputTimingReq>(4000, 3840, 1111, 1080)).result());
-  EXPECT_TRUE(device::testing::WaitUntil([this] {
+  EXPECT_TRUE(vextest::WaitFor([this] {
     Picture picture;
-    return daemon_->GetCanvas().Snapshot(kTestLimit, picture) && picture.width == 3840 && picture.height == 1080;
+    return daemon_->GetCanvas().Snapshot(kLimit, picture) && picture.width == 3840 && picture.height == 1080;
   }));
 }
 
@@ -232,15 +234,15 @@ TEST_F(DaemonTest, AnswersUnservedMessagesOfTheSchemaWithUnsupported) {
 
 TEST_F(DaemonTest, RefusesMessagesOfOtherSchemas) {
   google::protobuf::Any reply;
-  EXPECT_FALSE(client_->CallWithin(encoder::v1::SetVideoQualityRequest(), reply, kCallLimit));
-  EXPECT_FALSE(client_->CallWithin(google::protobuf::Any(), reply, kCallLimit));
+  EXPECT_FALSE(client_->CallWithin(encoder::v1::SetVideoQualityRequest(), reply, kLimit));
+  EXPECT_FALSE(client_->CallWithin(google::protobuf::Any(), reply, kLimit));
 }
 
 TEST_F(DaemonTest, RefusesAMediumThatIsMissingOrNone) {
   ASSERT_TRUE(AskFor<lp::v1::CreateUplayerReq>("0").result());
   ExpectRefused(Ask(OpenRequest("0", "/nonexistent/a.mp4")), ErrorCode::kFileMissing,
                 "can't open /nonexistent/a.mp4: No such file or directory");
-  device::testing::WriteFile(folder_ / "notes.txt", "no medium at all, only text\n");
+  vextest::WriteFile(folder_ / "notes.txt", "no medium at all, only text\n");
   EXPECT_EQ(Ask(OpenRequest("0", folder_ / "notes.txt")).error_code(), static_cast<int>(ErrorCode::kNotMedia));
   auto request = OpenRequest("0", folder_ / "notes.txt");
   request.mutable_dis_pos()->set_heigh(0);
@@ -326,55 +328,62 @@ TEST_F(DaemonTest, StopsWhilePlaying) {
   EXPECT_TRUE(daemon_->Stop(seconds(20)));
 }
 
+// A program with its errors between its output.
+class ChildProcess : public vextest::ChildProcess {
+ public:
+  explicit ChildProcess(const std::vector<std::string>& words, const std::vector<std::string>& environment = {})
+      : vextest::ChildProcess(words, {environment, "", /*pty=*/false, /*errors_with_output=*/true}) {}
+};
+
 // The built program.
 class PlaydProgramTest : public testing::Test {
  protected:
   std::vector<std::string> Environment() const { return {"KLBASE_LOG_FILE=" + folder_ / "playd.log"}; }
   std::vector<std::string> Words() const {
-    return {PLAYD_PROGRAM, "--headless", "--address=" + address_, "--snapshot_dir=" + folder_.path()};
+    return {PLAYD_PROGRAM, "--headless", "--address=" + address_, "--snapshot_dir=" + folder_.Path()};
   }
   const std::string address_ = OwnAddress();
-  TestFolder folder_;
+  ScratchFolder folder_;
 };
 
 TEST_F(PlaydProgramTest, SaysWhereItListensAndEndsOnSignals) {
   for (const int number : {SIGTERM, SIGINT}) {
     ChildProcess playd(Words(), Environment());
-    ASSERT_TRUE(playd.WaitForOutput("playd listens on " + address_ + "\n")) << playd.Output();
+    ASSERT_TRUE(playd.WaitFor("playd listens on " + address_ + "\n")) << playd.Output();
     playd.Signal(number);
-    EXPECT_EQ(playd.Wait(seconds(20)), 0) << playd.Output();
+    EXPECT_EQ(playd.WaitExit(), (ExitState{0, 0})) << playd.Output();
   }
 }
 
 TEST_F(PlaydProgramTest, EndsWhilePlayersPlay) {
   ChildProcess playd(Words(), Environment());
-  ASSERT_TRUE(playd.WaitForOutput("playd listens on ")) << playd.Output();
+  ASSERT_TRUE(playd.WaitFor("playd listens on ")) << playd.Output();
   const auto client = Connect(address_);
   MakeSampleClip(folder_ / "clip.mp4", SmallClip(4));
   google::protobuf::Any reply;
   lp::v1::CreateUplayerReq create;
   create.set_unique_id("0");
-  ASSERT_TRUE(client->CallWithin(create, reply, kCallLimit));
+  ASSERT_TRUE(client->CallWithin(create, reply, kLimit));
   lp::v1::OpenMediaOfUplayerReq open;
   open.set_unique_id("0");
   open.set_play_immed(true);
   open.mutable_media_info()->set_url(folder_ / "clip.mp4");
   open.mutable_dis_pos()->set_width(320);
   open.mutable_dis_pos()->set_heigh(240);
-  ASSERT_TRUE(client->CallWithin(open, reply, kCallLimit));
+  ASSERT_TRUE(client->CallWithin(open, reply, kLimit));
   playd.Signal(SIGTERM);
-  EXPECT_EQ(playd.Wait(seconds(20)), 0) << playd.Output();
+  EXPECT_EQ(playd.WaitExit(), (ExitState{0, 0})) << playd.Output();
 }
 
 TEST_F(PlaydProgramTest, EndsWhileAMediumHangs) {
   const device::testing::SilentPort server(device::testing::SilentPort::Kind::kNeverAnswers);
   ChildProcess playd(Words(), Environment());
-  ASSERT_TRUE(playd.WaitForOutput("playd listens on ")) << playd.Output();
+  ASSERT_TRUE(playd.WaitFor("playd listens on ")) << playd.Output();
   const auto client = Connect(address_);
   google::protobuf::Any reply;
   lp::v1::CreateUplayerReq create;
   create.set_unique_id("0");
-  ASSERT_TRUE(client->CallWithin(create, reply, kCallLimit));
+  ASSERT_TRUE(client->CallWithin(create, reply, kLimit));
   lp::v1::OpenMediaOfUplayerReq open;
   open.set_unique_id("0");
   open.mutable_media_info()->set_url("http://127.0.0.1:" + std::to_string(server.port()) + "/clip.mp4");
@@ -382,43 +391,43 @@ TEST_F(PlaydProgramTest, EndsWhileAMediumHangs) {
   open.mutable_dis_pos()->set_heigh(240);
   client->CallWithin(open, reply, milliseconds(100));
   playd.Signal(SIGTERM);
-  EXPECT_EQ(playd.Wait(seconds(20)), 0) << playd.Output();
+  EXPECT_EQ(playd.WaitExit(), (ExitState{0, 0})) << playd.Output();
 }
 
 TEST_F(PlaydProgramTest, RefusesToStartTwice) {
   ChildProcess first(Words(), Environment());
-  ASSERT_TRUE(first.WaitForOutput("playd listens on ")) << first.Output();
+  ASSERT_TRUE(first.WaitFor("playd listens on ")) << first.Output();
   ChildProcess second(Words(), Environment());
-  EXPECT_EQ(second.Wait(seconds(20)), 1);
+  EXPECT_EQ(second.WaitExit(), (ExitState{1, 0}));
   EXPECT_TRUE(second.Output().starts_with("playd: ")) << second.Output();
   EXPECT_NE(second.Output().find("in use"), std::string::npos) << second.Output();
   first.Signal(SIGTERM);
-  EXPECT_EQ(first.Wait(seconds(20)), 0);
+  EXPECT_EQ(first.WaitExit(), (ExitState{0, 0}));
 }
 
 TEST_F(PlaydProgramTest, SavesTheComposedPictureOnRequest) {
   ChildProcess playd(Words(), Environment());
-  ASSERT_TRUE(playd.WaitForOutput("playd listens on ")) << playd.Output();
+  ASSERT_TRUE(playd.WaitFor("playd listens on ")) << playd.Output();
   playd.Signal(SIGUSR1);
-  EXPECT_TRUE(device::testing::WaitUntil([&] { return std::filesystem::exists(folder_ / "canvas-0001.png"); }));
+  EXPECT_TRUE(vextest::WaitFor([&] { return std::filesystem::exists(folder_ / "canvas-0001.png"); }));
   playd.Signal(SIGTERM);
-  EXPECT_EQ(playd.Wait(seconds(20)), 0);
+  EXPECT_EQ(playd.WaitExit(), (ExitState{0, 0}));
 }
 
 TEST_F(PlaydProgramTest, RefusesWordsThatAreNoFlags) {
   ChildProcess playd({PLAYD_PROGRAM, "start"}, Environment());
-  EXPECT_EQ(playd.Wait(seconds(20)), 1);
+  EXPECT_EQ(playd.WaitExit(), (ExitState{1, 0}));
   EXPECT_EQ(playd.Output(), "playd: 'start' is no flag; see playd --help\n");
 }
 
 TEST_F(PlaydProgramTest, TheSampleClipProgramWritesAClipAndSaysWhyItCannot) {
   ChildProcess usage({SAMPLE_CLIP_PROGRAM});
-  EXPECT_EQ(usage.Wait(seconds(20)), 2);
+  EXPECT_EQ(usage.WaitExit(), (ExitState{2, 0}));
   ChildProcess nowhere({SAMPLE_CLIP_PROGRAM, "/nonexistent/clip.mp4"});
-  EXPECT_EQ(nowhere.Wait(seconds(20)), 1);
+  EXPECT_EQ(nowhere.WaitExit(), (ExitState{1, 0}));
   EXPECT_TRUE(nowhere.Output().starts_with("make_sample_clip: can't make /nonexistent/clip.mp4: ")) << nowhere.Output();
   ChildProcess clip({SAMPLE_CLIP_PROGRAM, folder_ / "clip.mp4"});
-  EXPECT_EQ(clip.Wait(seconds(60)), 0) << clip.Output();
+  EXPECT_EQ(clip.WaitExit(seconds(60)), (ExitState{0, 0})) << clip.Output();
   EXPECT_GT(std::filesystem::file_size(folder_ / "clip.mp4"), 100000u);
 }
 

@@ -14,15 +14,15 @@
 #include <thread>
 #include <vector>
 
-#include "testing/temp_dir.h"
+#include "platform/testing/scratch_folder.h"
 
 namespace sysconfig {
 namespace {
 
-using device::testing::ReadFile;
-using device::testing::WriteFile;
 using testing::ElementsAre;
 using testing::Pair;
+using vextest::ReadFile;
+using vextest::WriteFile;
 
 class SettingsTest : public testing::Test {
  protected:
@@ -37,7 +37,7 @@ class SettingsTest : public testing::Test {
     return "";
   }
 
-  device::testing::TempDir folder_;
+  vextest::ScratchFolder folder_;
   const std::string file_ = folder_ / "settings";
   Settings settings_{file_};
 };

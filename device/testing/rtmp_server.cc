@@ -9,7 +9,7 @@
 
 #include <stdexcept>
 
-#include "testing/wait.h"
+#include "platform/testing/sync.h"
 
 namespace device::testing {
 namespace {
@@ -55,16 +55,18 @@ RtmpServer::RtmpServer() {
     port_ = SilentPort(SilentPort::Kind::kRefuses).port();
     if (TryStart()) return;
   }
-  throw std::runtime_error("nginx does not start: " + nginx_->Output() + ReadFile(dir_ / "error.log"));
+  throw std::runtime_error("nginx does not start: " + nginx_->Output() + vextest::ReadFile(dir_ / "error.log"));
 }
 
 bool RtmpServer::TryStart() {
-  WriteFile(dir_ / "nginx.conf", Configuration(dir_.path(), port_));
-  nginx_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{kNginx, "-p", dir_.path(), "-e", dir_ / "error.log", "-c", dir_ / "nginx.conf"});
+  const std::string configuration = dir_.Write("nginx.conf", Configuration(dir_.Path(), port_));
+  const vextest::ChildProcess::Options options = {
+      .environment = {}, .directory = "", .pty = false, .errors_with_output = true};
+  nginx_ = std::make_unique<vextest::ChildProcess>(
+      std::vector<std::string>{kNginx, "-p", dir_.Path(), "-e", dir_ / "error.log", "-c", configuration}, options);
   bool up = false;
-  WaitUntil([&] { return (up = Connects(port_)) || nginx_->Wait(std::chrono::milliseconds(0)); });
-  return up && !nginx_->Wait(std::chrono::milliseconds(0));
+  vextest::WaitFor([&] { return (up = Connects(port_)) || nginx_->WaitExit(std::chrono::milliseconds(0)); });
+  return up && !nginx_->WaitExit(std::chrono::milliseconds(0));
 }
 
 std::string RtmpServer::Url() const { return "rtmp://127.0.0.1:" + std::to_string(port_) + "/live"; }

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "testing/child_process.h"
-#include "testing/temp_dir.h"
+#include "platform/testing/child_process.h"
+#include "platform/testing/scratch_folder.h"
 
 namespace device::testing {
 
@@ -28,9 +28,9 @@ class RtmpServer {
  private:
   bool TryStart();
 
-  TempDir dir_;
+  vextest::ScratchFolder dir_;
   int port_ = 0;
-  std::unique_ptr<ChildProcess> nginx_;
+  std::unique_ptr<vextest::ChildProcess> nginx_;
 };
 
 // A TCP port of the loopback interface with nothing behind it, or with a listener that takes connections and never

@@ -9,12 +9,15 @@
 #include <fstream>
 #include <string>
 
+#include "platform/testing/scratch_folder.h"
 #include "playd/canvas/window.h"
 #include "playd/sound/mixer.h"
-#include "playd/testing.h"
+#include "testing/player.h"
 
 namespace playd {
 namespace {
+
+using vextest::kLimit;
 
 constexpr std::uint32_t kBlack = 0x000000;
 constexpr std::uint32_t kRed = 0xff0000;
@@ -51,7 +54,7 @@ TEST(CanvasTest, IsBlackAndKeepsComposingWithoutLayers) {
   Canvas canvas(false);
   Picture picture;
   for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE(canvas.Snapshot(kTestLimit, picture));
+    ASSERT_TRUE(canvas.Snapshot(kLimit, picture));
     EXPECT_EQ(picture.width, 1920);
     EXPECT_EQ(picture.height, 1080);
     EXPECT_TRUE(Near(picture.At(960, 540), kBlack));
@@ -63,7 +66,7 @@ TEST(CanvasTest, ShowsALayerExactlyAtItsRectangle) {
   const auto layer = ShowColor(canvas, {100, 200, 300, 150}, 0, kRed);
   ASSERT_TRUE(ShowsWithin(canvas, 250, 275, kRed));
   Picture picture;
-  ASSERT_TRUE(canvas.Snapshot(kTestLimit, picture));
+  ASSERT_TRUE(canvas.Snapshot(kLimit, picture));
   EXPECT_TRUE(Near(picture.At(102, 202), kRed));
   EXPECT_TRUE(Near(picture.At(397, 347), kRed));
   EXPECT_TRUE(Near(picture.At(97, 275), kBlack));
@@ -95,7 +98,7 @@ TEST(CanvasTest, HidesALayerUntilItIsShown) {
   const auto layer = canvas.AddLayer({0, 0, 200, 200}, 0);
   layer->Push(Frame(*layer, kRed).get());
   Picture picture;
-  for (int i = 0; i < 5; ++i) ASSERT_TRUE(canvas.Snapshot(kTestLimit, picture));
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(canvas.Snapshot(kLimit, picture));
   EXPECT_TRUE(Near(picture.At(100, 100), kBlack));
   layer->Show();
   EXPECT_TRUE(ShowsWithin(canvas, 100, 100, kRed));
@@ -107,7 +110,7 @@ TEST(CanvasTest, KeepsTheLastPictureOfALayerThatGetsNoMore) {
   ASSERT_TRUE(ShowsWithin(canvas, 100, 100, kRed));
   Picture picture;
   for (int i = 0; i < 50; ++i) {
-    ASSERT_TRUE(canvas.Snapshot(kTestLimit, picture));
+    ASSERT_TRUE(canvas.Snapshot(kLimit, picture));
     ASSERT_TRUE(Near(picture.At(100, 100), kRed)) << "after " << i << " pictures";
   }
 }
@@ -137,7 +140,7 @@ TEST(CanvasTest, FollowsTheModeAndKeepsItsLayers) {
        {CanvasMode{3840, 1080, 6000}, CanvasMode{640, 480, 2400}, CanvasMode{1920, 1080, 100}}) {
     canvas.SetMode(mode);
     Picture picture;
-    while (picture.width != mode.width) ASSERT_TRUE(canvas.Snapshot(kTestLimit, picture));
+    while (picture.width != mode.width) ASSERT_TRUE(canvas.Snapshot(kLimit, picture));
     EXPECT_EQ(picture.height, mode.height);
     EXPECT_TRUE(Near(picture.At(100, 100), kRed));
     EXPECT_EQ(canvas.Mode().width, mode.width);
@@ -157,8 +160,8 @@ TEST(CanvasTest, GoesOnWhileLayersComeAndGo) {
 
 TEST(CanvasTest, SavesAPngThatAppearsWhole) {
   Canvas canvas(false);
-  const TestFolder folder;
-  const Outcome outcome = canvas.SavePng(folder / "canvas.png", kTestLimit);
+  const vextest::ScratchFolder folder;
+  const Outcome outcome = canvas.SavePng(folder / "canvas.png", kLimit);
   ASSERT_TRUE(outcome.ok()) << outcome.text;
   std::ifstream file(folder / "canvas.png", std::ios::binary);
   std::string head(8, '\0');
@@ -169,7 +172,7 @@ TEST(CanvasTest, SavesAPngThatAppearsWhole) {
 
 TEST(CanvasTest, SaysWhyAPngCannotBeSaved) {
   Canvas canvas(false);
-  const Outcome outcome = canvas.SavePng("/nonexistent/canvas.png", kTestLimit);
+  const Outcome outcome = canvas.SavePng("/nonexistent/canvas.png", kLimit);
   EXPECT_EQ(outcome.code, ErrorCode::kInvalidArgument);
   EXPECT_EQ(outcome.text, "can't write /nonexistent/canvas.png: No such file or directory");
 }
@@ -191,7 +194,7 @@ TEST_F(NoDisplayTest, ComposesAllTheSame) {
   ASSERT_TRUE(Window::HasDisplay());
   Canvas canvas(true);
   Picture picture;
-  EXPECT_TRUE(canvas.Snapshot(kTestLimit, picture));
+  EXPECT_TRUE(canvas.Snapshot(kLimit, picture));
 }
 
 TEST_F(NoDisplayTest, MixesAllTheSame) {

@@ -10,8 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "playd/http_file.h"
-#include "playd/testing.h"
+#include "platform/testing/scratch_folder.h"
+#include "testing/http_file.h"
+#include "testing/player.h"
 #include "testing/rtmp_server.h"
 
 namespace playd {
@@ -66,7 +67,7 @@ class PlayerTest : public testing::Test {
 
   // Waits until play has come this far.
   bool Reaches(std::uint32_t position_ms) {
-    const auto deadline = steady_clock::now() + kTestLimit;
+    const auto deadline = steady_clock::now() + vextest::kLimit;
     while (steady_clock::now() < deadline) {
       if (PositionMs() >= position_ms) return true;
       std::this_thread::yield();
@@ -74,7 +75,7 @@ class PlayerTest : public testing::Test {
     return false;
   }
 
-  TestFolder folder_;
+  vextest::ScratchFolder folder_;
   Canvas canvas_{false};
   Mixer mixer_{false};
   Recorder events_;
@@ -139,7 +140,7 @@ TEST_F(PlayerTest, StandsStillWhilePausedAndReportsPauseAndResumeOnce) {
   ASSERT_TRUE(player_.SetPause(true).ok());
   const std::uint32_t halted = PositionMs();
   Picture picture;
-  for (int i = 0; i < 5; ++i) ASSERT_TRUE(canvas_.Snapshot(kTestLimit, picture));
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(canvas_.Snapshot(vextest::kLimit, picture));
   EXPECT_EQ(PositionMs(), halted);
   ASSERT_TRUE(player_.SetPause(false).ok());
   ASSERT_TRUE(player_.SetPause(false).ok());
@@ -321,8 +322,8 @@ TEST_F(PlayerTest, EndsWhereATruncatedFileEnds) {
 }
 
 TEST_F(PlayerTest, PlaysFromAnHttpServer) {
-  const std::string content = device::testing::ReadFile(Clip());
-  const HttpFile server(content, content.size());
+  const std::string content = vextest::ReadFile(Clip());
+  const device::testing::HttpFile server(content, content.size());
   ASSERT_TRUE(player_.Open(Request(server.Url())).ok());
   MediaInfo info;
   ASSERT_TRUE(player_.GetMediaInfo(info).ok());
@@ -333,8 +334,8 @@ TEST_F(PlayerTest, PlaysFromAnHttpServer) {
 }
 
 TEST_F(PlayerTest, ReportsAMediumThatBreaksOffAndClosesIt) {
-  const std::string content = device::testing::ReadFile(Clip());
-  HttpFile server(content, content.size() / 2);
+  const std::string content = vextest::ReadFile(Clip());
+  device::testing::HttpFile server(content, content.size() / 2);
   ASSERT_TRUE(player_.Open(Request(server.Url())).ok());
   server.Break();
   EXPECT_EQ(events_.WaitFor(2), (Events{"0 started " + server.Url(), "0 failed " + server.Url()}));
@@ -395,7 +396,7 @@ TEST_F(PlayerTest, LetsGoOfTheFileOnlyAndKeepsThePicture) {
     EXPECT_NE(std::filesystem::read_symlink(entry, gone), clip);
   }
   Picture picture;
-  for (int i = 0; i < 5; ++i) ASSERT_TRUE(canvas_.Snapshot(kTestLimit, picture));
+  for (int i = 0; i < 5; ++i) ASSERT_TRUE(canvas_.Snapshot(vextest::kLimit, picture));
   EXPECT_TRUE(Near(picture.At(160, 120), kRed));
   ASSERT_TRUE(player_.Close(false).ok());
   EXPECT_TRUE(ShowsWithin(canvas_, 160, 120, kBlack));

@@ -5,17 +5,19 @@
 #include <atomic>
 #include <thread>
 
+#include "platform/testing/limits.h"
+
 namespace playd {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr auto kPatience = seconds(20);
+using vextest::kLimit;
 
 TEST(WorkerTest, ReturnsTheOutcomeOfTheTask) {
   Worker worker([] {}, [] {});
-  const Outcome outcome = worker.Run([] { return Outcome::Error(ErrorCode::kNoMedia, "none"); }, kPatience);
+  const Outcome outcome = worker.Run([] { return Outcome::Error(ErrorCode::kNoMedia, "none"); }, kLimit);
   EXPECT_EQ(outcome.code, ErrorCode::kNoMedia);
   EXPECT_EQ(outcome.text, "none");
 }
@@ -35,7 +37,7 @@ TEST(WorkerTest, GivesUpOnATaskThatTakesTooLongAndSkipsWhatWaitsBehindIt) {
   };
   EXPECT_EQ(worker.Run(note, milliseconds(50)).code, ErrorCode::kBusy);
   release = true;
-  EXPECT_TRUE(worker.Run([] { return Outcome::Ok(); }, kPatience).ok());
+  EXPECT_TRUE(worker.Run([] { return Outcome::Ok(); }, kLimit).ok());
   EXPECT_FALSE(ran);
 }
 
@@ -53,8 +55,8 @@ TEST(WorkerTest, RunsTheWakeAndTheStopFunction) {
 TEST(WorkerTest, RefusesTasksAfterStop) {
   Worker worker([] {}, [] {});
   worker.Stop();
-  EXPECT_TRUE(worker.WaitStopped(kPatience));
-  EXPECT_EQ(worker.Run([] { return Outcome::Ok(); }, kPatience).code, ErrorCode::kBusy);
+  EXPECT_TRUE(worker.WaitStopped(kLimit));
+  EXPECT_EQ(worker.Run([] { return Outcome::Ok(); }, kLimit).code, ErrorCode::kBusy);
 }
 
 TEST(WorkerTest, SaysWhetherItStoppedWithinTheLimit) {
@@ -68,7 +70,7 @@ TEST(WorkerTest, SaysWhetherItStoppedWithinTheLimit) {
   worker.Stop();
   EXPECT_FALSE(worker.WaitStopped(milliseconds(50)));
   release = true;
-  EXPECT_TRUE(worker.WaitStopped(kPatience));
+  EXPECT_TRUE(worker.WaitStopped(kLimit));
 }
 
 }  // namespace

@@ -7,13 +7,14 @@
 #include <thread>
 #include <vector>
 
-#include "example/rpcservice/captured_output.h"
 #include "example/rpcservice/pubsub/get_seek_resp.h"
 #include "example/rpcservice/pubsub/result_report.h"
+#include "platform/testing/captured_output.h"
 
 namespace {
 
 using testing::ElementsAre;
+using vextest::CapturedOutput;
 
 const std::string kAsterisks = std::string(39, '*') + "\n";
 

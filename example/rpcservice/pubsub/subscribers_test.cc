@@ -11,9 +11,9 @@
 #include "apisdk/pubsub_sdk.h"
 #include "core/module.h"
 #include "core/rpc_url.h"
-#include "example/rpcservice/captured_output.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "modules/apisdk/test_clients.h"
+#include "platform/testing/captured_output.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
 #include "player/v1/player.pb.h"
@@ -22,6 +22,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using vextest::CapturedOutput;
 using vextest::FakeDaemon;
 using vextest::LogCapture;
 using vextest::LogRecord;

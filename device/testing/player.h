@@ -1,6 +1,6 @@
-// What the player's tests share.
-#ifndef DEVICE_PLAYD_TESTING_H_
-#define DEVICE_PLAYD_TESTING_H_
+// What the player's tests share: small clips, a look at the canvas, and the player's events.
+#ifndef DEVICE_TESTING_PLAYER_H_
+#define DEVICE_TESTING_PLAYER_H_
 
 #include <gtest/gtest.h>
 
@@ -9,20 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "absl/base/thread_annotations.h"
-#include "absl/synchronization/mutex.h"
-#include "klbase/steady_cond_var.h"
+#include "platform/testing/sync.h"
 #include "playd/canvas/canvas.h"
 #include "playd/player/player.h"
 #include "playd/tools/sample_clip.h"
-#include "testing/temp_dir.h"
 
 namespace playd {
 
-using TestFolder = device::testing::TempDir;
-
-// For what should take moments, on a machine that may be busy with other things.
-constexpr auto kTestLimit = std::chrono::seconds(20);
 // Gives instrumented and busy machines time; the limits' own tests set theirs.
 constexpr PlayerLimits kPatient{std::chrono::milliseconds(15000), std::chrono::milliseconds(20000)};
 
@@ -45,7 +38,7 @@ inline bool Near(const Picture::Pixel& pixel, std::uint32_t color) {
 
 // Waits until the composed picture has this colour at this place (and a place there).
 inline bool ShowsWithin(Canvas& canvas, int x, int y, std::uint32_t color,
-                        std::chrono::milliseconds limit = kTestLimit) {
+                        std::chrono::milliseconds limit = vextest::kLimit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   Picture picture;
   while (std::chrono::steady_clock::now() < deadline) {
@@ -69,24 +62,18 @@ class Recorder : public PlayerListener {
 
   // The events so far, as soon as there are `count` or the limit has passed.
   std::vector<std::string> WaitFor(std::size_t count) {
-    const auto deadline = std::chrono::steady_clock::now() + kTestLimit;
-    const absl::MutexLock lock(&mutex_);
-    while (events_.size() < count && std::chrono::steady_clock::now() < deadline) changed_.WaitUntil(&mutex_, deadline);
-    return events_;
+    events_.WaitFor([count](const auto& events) { return events.size() >= count; });
+    return events_.Get();
   }
 
  private:
   void Add(const std::string& event) {
-    const absl::MutexLock lock(&mutex_);
-    events_.push_back(event);
-    changed_.SignalAll();
+    events_.Update([&event](auto& events) { events.push_back(event); });
   }
 
-  absl::Mutex mutex_;
-  klbase::SteadyCondVar changed_;
-  std::vector<std::string> events_ ABSL_GUARDED_BY(mutex_);
+  vextest::Watched<std::vector<std::string>> events_;
 };
 
 }  // namespace playd
 
-#endif  // DEVICE_PLAYD_TESTING_H_
+#endif  // DEVICE_TESTING_PLAYER_H_

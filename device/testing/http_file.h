@@ -1,6 +1,6 @@
 // A small HTTP server for tests: one file, which can break off in the middle.
-#ifndef DEVICE_PLAYD_HTTP_FILE_H_
-#define DEVICE_PLAYD_HTTP_FILE_H_
+#ifndef DEVICE_TESTING_HTTP_FILE_H_
+#define DEVICE_TESTING_HTTP_FILE_H_
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -12,7 +12,7 @@
 #include <string>
 #include <thread>
 
-namespace playd {
+namespace device::testing {
 
 // Answers every request with the file, on a free port of the loopback interface. With a smaller `cut` it promises all
 // of the file, stops after `cut` bytes, and on Break() closes and takes no more connections.
@@ -83,6 +83,6 @@ class HttpFile {
   std::thread thread_;
 };
 
-}  // namespace playd
+}  // namespace device::testing
 
-#endif  // DEVICE_PLAYD_HTTP_FILE_H_
+#endif  // DEVICE_TESTING_HTTP_FILE_H_
