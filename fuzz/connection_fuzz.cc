@@ -83,8 +83,8 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     if (!closed_) connection_->Abort("the test is over");
     Poll();
     if (session_) {
-      Wait([this] { return session_->ThreadDone(); });
-      session_->Join();
+      Wait([this] { return session_->Thread().Done(); });
+      session_->Thread().Join();
     }
     connection_.reset();
     ::close(client_);

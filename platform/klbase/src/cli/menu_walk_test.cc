@@ -32,12 +32,12 @@ class MenuWalkTest : public ::testing::Test {
   }
 
   void EnterPlayd() { menu_path_.menus.push_back(std::dynamic_pointer_cast<Menu>(root_->Commands()[1])); }
-  Strings Tab(std::string_view text) const { return Complete(menu_path_, *builtins_, text).candidates; }
-  std::string HintFor(std::string_view line) const { return Hint(menu_path_, *builtins_, line); }
-  std::string Explain(const Strings& words) const { return ExplainRefusal(menu_path_, *builtins_, words); }
+  Strings Tab(std::string_view text) const { return Complete(menu_path_, builtins_->Commands(), text).candidates; }
+  std::string HintFor(std::string_view line) const { return Hint(menu_path_, builtins_->Commands(), line); }
+  std::string Explain(const Strings& words) const { return ExplainRefusal(menu_path_, builtins_->Commands(), words); }
 
   std::shared_ptr<Menu> root_ = std::make_shared<Menu>("main");
-  std::shared_ptr<const CommandVector> builtins_ = MakeBuiltins("main");
+  std::shared_ptr<const Builtins> builtins_ = MakeBuiltins("main");
   CmdHandler hidden_;
   MenuPath menu_path_{{root_}};
 };
@@ -53,9 +53,9 @@ TEST_F(MenuWalkTest, TabCompletesTheMenusCommandsBeforeTheBuiltInOnes) {
 
 TEST_F(MenuWalkTest, TabReachesAcrossLevels) {
   EXPECT_EQ(Tab("playd Op"), (Strings{"OpenMedia", "OpenLayer"}));
-  EXPECT_EQ(Complete(menu_path_, *builtins_, "playd Op").start, 6U);
+  EXPECT_EQ(Complete(menu_path_, builtins_->Commands(), "playd Op").start, 6U);
   EXPECT_EQ(Tab("playd "), (Strings{"OpenMedia", "OpenLayer"}));
-  EXPECT_EQ(Complete(menu_path_, *builtins_, "playd ").start, 6U);
+  EXPECT_EQ(Complete(menu_path_, builtins_->Commands(), "playd ").start, 6U);
 }
 
 TEST_F(MenuWalkTest, TabOffersNothingBehindACommand) {
@@ -66,7 +66,8 @@ TEST_F(MenuWalkTest, TabOffersNothingBehindACommand) {
 TEST_F(MenuWalkTest, TheRootsNameLeadsFromTheRootToo) {
   EXPECT_EQ(Tab("main en"), Strings{"encd"});
   EXPECT_EQ(HintFor("main encd SetQulity"), " <qulity<low middle high>>");
-  EXPECT_TRUE(IsHelpInMenu(FollowMenus(menu_path_, *builtins_, {"main", "encd", "help"}), {"main", "encd", "help"}));
+  EXPECT_TRUE(
+      IsHelpInMenu(FollowMenus(menu_path_, builtins_->Commands(), {"main", "encd", "help"}), {"main", "encd", "help"}));
   EXPECT_EQ(Explain({"main", "bogus", "x"}),
             "Unknown command \"bogus\" in \"main\". Type \"help\" for the commands.\n");
 }

@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "console/session/console_session.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
@@ -22,10 +21,16 @@ void ListMenu(const Menu& menu, std::ostream& out) {
   for (const auto& command : menu.Commands()) command->Help(out);
 }
 
+// A built-in command at work: its session, and the list that it stands in.
+struct Call {
+  SessionControl& session;
+  const CommandVector& builtins;
+};
+
 // Finds the entries of `words` (a command, or menus and a command) and shows them; of a menu, what it holds too.
-void HelpOn(ConsoleSession& session, const Arguments& words) {
-  const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
-  std::ostream& out = session.OutStream();
+void HelpOn(const Call& call, const Arguments& words) {
+  const Walk walk = FollowMenus(call.session.Path(), call.builtins, words);
+  std::ostream& out = call.session.OutStream();
   bool found = false;
   if (walk.used + 1 == words.size()) {
     for (const auto& command : walk.commands) {
@@ -35,37 +40,37 @@ void HelpOn(ConsoleSession& session, const Arguments& words) {
       menu != nullptr ? ListMenu(*menu, out) : command->Help(out);
     }
   }
-  if (!found) out << ExplainRefusal(session.Where(), session.Builtins(), words);
+  if (!found) out << ExplainRefusal(call.session.Path(), call.builtins, words);
 }
 
-void Help(ConsoleSession& session, const Arguments& words) {
-  if (!words.empty()) return HelpOn(session, words);
-  std::ostream& out = session.OutStream();
-  for (const auto& command : session.CurrentMenu().Commands()) command->Help(out);
-  for (const auto& command : session.Builtins()) {
-    const bool way_back = command->Name() == ".." || command->Name() == session.Where().Root().Name();
+void Help(const Call& call, const Arguments& words) {
+  if (!words.empty()) return HelpOn(call, words);
+  std::ostream& out = call.session.OutStream();
+  for (const auto& command : call.session.CurrentMenu().Commands()) command->Help(out);
+  for (const auto& command : call.builtins) {
+    const bool way_back = command->Name() == ".." || command->Name() == call.session.Path().Root().Name();
     const bool second_name = command->Name() == "?";
-    if (second_name || (way_back && session.Where().AtRoot())) continue;
+    if (second_name || (way_back && call.session.Path().AtRoot())) continue;
     command->Help(out);
   }
 }
 
 // As the line editor shows them: what no terminal should get is written out.
-void ShowHistory(ConsoleSession& session, const Arguments&) {
+void ShowHistory(const Call& call, const Arguments&) {
   std::size_t number = 0;
-  for (const auto& line : session.Lines().Lines()) {
+  for (const auto& line : call.session.History()) {
     char prefix[32];
     std::snprintf(prefix, sizeof prefix, "%5zu  ", ++number);
-    session.OutStream() << prefix << DisplayPrefix(line, std::numeric_limits<int>::max()) << '\n';
+    call.session.OutStream() << prefix << DisplayPrefix(line, std::numeric_limits<int>::max()) << '\n';
   }
 }
 
-void Exit(ConsoleSession& session, const Arguments&) { session.End(); }
+void Exit(const Call& call, const Arguments&) { call.session.End(); }
 
-void Shutdown(ConsoleSession& session, const Arguments&) {
-  session.OutStream() << "The console ends for all.\n";
-  session.End();
-  session.Host().RequestShutdown();
+void Shutdown(const Call& call, const Arguments&) {
+  call.session.OutStream() << "The console ends for all.\n";
+  call.session.End();
+  call.session.ShutDownConsole();
 }
 
 std::string ClockTime(std::chrono::system_clock::time_point time) {
@@ -85,11 +90,11 @@ std::string Duration(std::chrono::seconds time) {
 }
 
 // Columns as wide as their widest cell. The asking session's line is marked.
-void Who(ConsoleSession& session, const Arguments&) {
+void Who(const Call& call, const Arguments&) {
   std::vector<std::vector<std::string>> rows = {{"  id", "kind", "from", "menu", "since", "idle"}};
-  for (const SessionInfo& info : session.Host().Sessions()) {
-    rows.push_back({(info.id == session.Id() ? "* " : "  ") + std::to_string(info.id), KindName(info.kind), info.peer,
-                    info.menu, ClockTime(info.since), Duration(info.idle)});
+  for (const SessionInfo& info : call.session.OpenSessions()) {
+    rows.push_back({(info.id == call.session.Id() ? "* " : "  ") + std::to_string(info.id), KindName(info.kind),
+                    info.peer, info.menu, ClockTime(info.since), Duration(info.idle)});
   }
   std::vector<std::size_t> widths(rows.front().size());
   for (const auto& row : rows) {
@@ -101,23 +106,23 @@ void Who(ConsoleSession& session, const Arguments&) {
       line += row[i];
       if (i + 1 < row.size()) line.append(widths[i] - row[i].size() + 2, ' ');
     }
-    session.OutStream() << line << '\n';
+    call.session.OutStream() << line << '\n';
   }
 }
 
-void GoToRoot(ConsoleSession& session, const Arguments& words) {
+void GoToRoot(const Call& call, const Arguments& words) {
   if (words.empty()) {
-    session.Enter(session.Where().Root());
-  } else if (!session.Where().Root().Dispatch(words, session)) {
-    std::vector<std::string> line = {session.Where().Root().Name()};
+    call.session.Enter(call.session.Path().Root());
+  } else if (!call.session.Path().Root().Dispatch(words, call.session)) {
+    std::vector<std::string> line = {call.session.Path().Root().Name()};
     line.insert(line.end(), words.begin(), words.end());
-    session.OutStream() << ExplainRefusal(session.Where(), session.Builtins(), line);
+    call.session.OutStream() << ExplainRefusal(call.session.Path(), call.builtins, line);
   }
 }
 
-void GoUp(ConsoleSession& session, const Arguments&) {
-  const MenuPath& path = session.Where();
-  if (!path.AtRoot()) session.Enter(*path.menus[path.menus.size() - 2]);
+void GoUp(const Call& call, const Arguments&) {
+  const MenuPath& path = call.session.Path();
+  if (!path.AtRoot()) call.session.Enter(*path.menus[path.menus.size() - 2]);
 }
 
 struct Row {
@@ -125,17 +130,22 @@ struct Row {
   const char* parameter;  // shown by help; null for none
   const char* help;
   bool takes_words;
-  void (*run)(ConsoleSession& session, const Arguments& words);
+  void (*run)(const Call& call, const Arguments& words);
 };
 
-class Builtin : public Command {
+}  // namespace
+
+class Builtins::Builtin : public Command {
  public:
   Builtin(std::string name_of_command, const Row& row) : Command(std::move(name_of_command)), row_(row) {}
 
-  bool Exec(const std::vector<std::string>& words, Session& session) override {
+  // A menu's command gets any Session, which can't do enough for a built-in one.
+  bool Exec(const std::vector<std::string>&, Session&) override { return false; }
+
+  bool Run(const std::vector<std::string>& words, const Call& call) const {
     if (words.empty() || words.front() != Name()) return false;
     if (words.size() > 1 && !row_.takes_words) return false;
-    row_.run(static_cast<ConsoleSession&>(session), {words.begin() + 1, words.end()});
+    row_.run(call, {words.begin() + 1, words.end()});
     return true;
   }
 
@@ -149,22 +159,7 @@ class Builtin : public Command {
   const Row row_;
 };
 
-}  // namespace
-
-bool HelpInMenu(ConsoleSession& session, const std::vector<std::string>& words) {
-  const Walk walk = FollowMenus(session.Where(), session.Builtins(), words);
-  if (!IsHelpInMenu(walk, words)) return false;
-  if (walk.used + 1 == words.size()) {
-    ListMenu(*walk.menu, session.OutStream());
-  } else {
-    Arguments asked = words;
-    asked.erase(asked.begin() + static_cast<std::ptrdiff_t>(walk.used));
-    HelpOn(session, asked);
-  }
-  return true;
-}
-
-std::shared_ptr<const CommandVector> MakeBuiltins(const std::string& root_name) {
+Builtins::Builtins(const std::string& root_name) {
   const Row rows[] = {
       {"help", "command", "show the commands, or one of them (also: ?)", true, Help},
       {"?", "command", "show the commands, or one of them", true, Help},
@@ -175,9 +170,34 @@ std::shared_ptr<const CommandVector> MakeBuiltins(const std::string& root_name) 
       {"exit", nullptr, "end this session", false, Exit},
       {"shutdown", nullptr, "end the console for all", false, Shutdown},
   };
-  auto builtins = std::make_shared<CommandVector>();
-  for (const Row& row : rows) builtins->push_back(std::make_shared<Builtin>(row.name, row));
-  return builtins;
+  for (const Row& row : rows) {
+    const auto builtin = std::make_shared<Builtin>(row.name, row);
+    builtins_.push_back(builtin);
+    commands_.push_back(builtin);
+  }
+}
+
+bool Builtins::Run(const std::vector<std::string>& words, SessionControl& session) const {
+  const Call call{session, commands_};
+  return std::any_of(builtins_.begin(), builtins_.end(),
+                     [&](const auto& builtin) { return builtin->Run(words, call); });
+}
+
+bool Builtins::HelpInMenu(const std::vector<std::string>& words, SessionControl& session) const {
+  const Walk walk = FollowMenus(session.Path(), commands_, words);
+  if (!IsHelpInMenu(walk, words)) return false;
+  if (walk.used + 1 == words.size()) {
+    ListMenu(*walk.menu, session.OutStream());
+  } else {
+    Arguments asked = words;
+    asked.erase(asked.begin() + static_cast<std::ptrdiff_t>(walk.used));
+    HelpOn({session, commands_}, asked);
+  }
+  return true;
+}
+
+std::shared_ptr<const Builtins> MakeBuiltins(const std::string& root_name) {
+  return std::make_shared<const Builtins>(root_name);
 }
 
 }  // namespace cli::internal

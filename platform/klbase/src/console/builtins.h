@@ -7,18 +7,32 @@
 #include <vector>
 
 #include "cli/menu_walk.h"
+#include "console/session_control.h"
 
 namespace cli::internal {
 
-class ConsoleSession;
+// Immutable: all sessions of a console share one, on any thread.
+class Builtins {
+ public:
+  // `root_name` is the word that leads back to the root menu.
+  explicit Builtins(const std::string& root_name);
 
-// `root_name` is the word that leads back to the root menu. The commands run in sessions of this console only
-// (ConsoleSession); they hold no state and may be shared by all of them.
-std::shared_ptr<const CommandVector> MakeBuiltins(const std::string& root_name);
+  // As completion, hints and help list them. They run by Run() only: their Exec() takes no words.
+  const CommandVector& Commands() const { return commands_; }
+  // Runs the built-in command that `words` (not empty) name; false, having done nothing, when none takes them.
+  bool Run(const std::vector<std::string>& words, SessionControl& session) const;
+  // Answers `words` that ask for help behind a menu's name as "help" before it would; false, having done nothing, when
+  // they don't.
+  bool HelpInMenu(const std::vector<std::string>& words, SessionControl& session) const;
 
-// Answers `words` that ask for help behind a menu's name as "help" before it would; false, having done nothing, when
-// they don't. The command thread of `session`.
-bool HelpInMenu(ConsoleSession& session, const std::vector<std::string>& words);
+ private:
+  class Builtin;
+
+  std::vector<std::shared_ptr<const Builtin>> builtins_;
+  CommandVector commands_;  // the same ones
+};
+
+std::shared_ptr<const Builtins> MakeBuiltins(const std::string& root_name);
 
 }  // namespace cli::internal
 

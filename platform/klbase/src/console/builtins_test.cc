@@ -35,8 +35,8 @@ class BuiltinsTest : public testing::Test, private SessionHost {
     EXPECT_TRUE(vextest::WaitFor([&ended] { return ended.load(); }));
     EXPECT_TRUE(session->Output()->Flush());
     session->Close();
-    EXPECT_TRUE(vextest::WaitFor([&session] { return session->ThreadDone(); }));
-    session->Join();
+    EXPECT_TRUE(vextest::WaitFor([&session] { return session->Thread().Done(); }));
+    session->Thread().Join();
     char printed[4096];
     const ssize_t size = ::read(ends[0], printed, sizeof printed);
     ::close(ends[0]);

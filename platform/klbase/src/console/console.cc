@@ -86,7 +86,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
     server_->Stop();
     if (!ended) {
       KL_LOG(40, "console: a command did not end in time and is left alone\n");
-      for (const auto& session : table_.All()) session->Detach();
+      for (const auto& session : table_.All()) session->Thread().Detach();
       KeepForGood(shared_from_this());
     }
     absl::MutexLock lock(&mutex_);
@@ -101,7 +101,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
   std::vector<SessionInfo> Sessions() override {
     std::vector<SessionInfo> infos;
     for (const auto& session : table_.All()) {
-      if (session->LoggedIn() && !session->Ended()) infos.push_back(session->Info());
+      if (auto info = session->Info()) infos.push_back(std::move(*info));
     }
     return infos;
   }
@@ -161,7 +161,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
   const ConsoleOptions options_;
   const std::shared_ptr<Menu> root_;
   SessionTable table_;
-  std::shared_ptr<const CommandVector> builtins_;
+  std::shared_ptr<const Builtins> builtins_;
   std::vector<std::unique_ptr<Plugin>> plugins_;
   std::unique_ptr<LocalConsole> local_;
   std::unique_ptr<Server> server_;

@@ -35,11 +35,11 @@ void SessionTable::Reap(int id) {
   {
     absl::MutexLock lock(&mutex_);
     const auto found = entries_.find(id);
-    if (found == entries_.end() || !found->second.session->ThreadDone()) return;
+    if (found == entries_.end() || !found->second.session->Thread().Done()) return;
     entry = std::move(found->second);
     entries_.erase(found);
   }
-  entry.session->Join();
+  entry.session->Thread().Join();
   entry.slot = {};
   absl::MutexLock lock(&mutex_);
   changed_.SignalAll();
@@ -57,7 +57,7 @@ bool SessionTable::WaitUntilEmpty(std::chrono::milliseconds limit) {
   absl::MutexLock lock(&mutex_);
   for (;;) {
     const bool others = std::any_of(entries_.begin(), entries_.end(),
-                                    [](const auto& entry) { return !entry.second.session->OnOwnThread(); });
+                                    [](const auto& entry) { return !entry.second.session->Thread().IsCurrent(); });
     if (!others) return true;
     if (std::chrono::steady_clock::now() >= deadline) return false;
     changed_.WaitUntil(&mutex_, deadline);

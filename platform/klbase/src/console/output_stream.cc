@@ -1,0 +1,28 @@
+#include "console/output_stream.h"
+
+namespace cli::internal {
+
+OutputStream::OutputStream(OutputBuffer* output) : std::ostream(nullptr), buffer_(output) {
+  rdbuf(&buffer_);  // which the base class, made first, could not have been given
+}
+
+void OutputStream::Reset() {
+  exceptions(std::ios_base::goodbit);  // before clear(), which would throw for a badbit
+  clear();
+  flags(std::ios_base::skipws | std::ios_base::dec);
+  precision(6);
+  width(0);
+  fill(' ');
+}
+
+std::streamsize OutputStream::Buffer::xsputn(const char* text, std::streamsize count) {
+  return output_->Print({text, static_cast<std::size_t>(count)}) ? count : 0;
+}
+
+OutputStream::Buffer::int_type OutputStream::Buffer::overflow(int_type c) {
+  if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
+  const char character = traits_type::to_char_type(c);
+  return xsputn(&character, 1) == 1 ? c : traits_type::eof();
+}
+
+}  // namespace cli::internal

@@ -1,0 +1,115 @@
+#include "console/session/command_runner.h"
+
+#include <algorithm>
+#include <exception>
+#include <typeinfo>
+#include <utility>
+
+#include "cli/failure_text.h"
+#include "cli/words.h"
+#include "klbase/log.h"
+
+namespace cli::internal {
+namespace {
+
+// The menus from `path` to `target`, searched for below the last menu of `path`.
+bool FindMenu(const Menu& target, std::vector<std::shared_ptr<Menu>>& path) {
+  if (path.back().get() == &target) return true;
+  for (const auto& command : path.back()->Commands()) {
+    auto submenu = std::dynamic_pointer_cast<Menu>(command);
+    if (!submenu) continue;
+    path.push_back(std::move(submenu));
+    if (FindMenu(target, path)) return true;
+    path.pop_back();
+  }
+  return false;
+}
+
+}  // namespace
+
+CommandRunner::CommandRunner(Config config)
+    : config_(std::move(config)),
+      builtins_(config_.builtins->Commands()),
+      path_{{config_.root}},
+      stream_(config_.output),
+      menu_name_(config_.root->Name()) {}
+
+void CommandRunner::Run(const std::string& line) {
+  const Words split = SplitWords(line);
+  if (!split.error.empty()) {
+    config_.output->Append(split.error + "\n");
+  } else if (!split.words.empty()) {
+    RunWords(split.words);
+  }
+}
+
+void CommandRunner::RunWords(const std::vector<std::string>& words) {
+  stream_.Reset();
+  LeaveRemovedMenus();
+  std::string answer;
+  try {
+    if (!Dispatch(words)) answer = ExplainRefusal(path_, builtins_, words);
+  } catch (...) {
+    answer = ExplainFailure(words);
+  }
+  if (answer.empty()) return;
+  config_.output->FreshLine();  // the command may have printed half a line
+  config_.output->Append(answer);
+}
+
+// The menu's commands come first: a tool may have an "exit" of its own. Where one of them can't take the words, a
+// built-in command of that name still may; only if none does is the conversion error the answer.
+bool CommandRunner::Dispatch(const std::vector<std::string>& words) {
+  std::exception_ptr refusal;
+  try {
+    const std::shared_ptr<Menu> menu = path_.menus.back();  // stays, also when the command takes it out of the tree
+    if (menu->Dispatch(words, *this)) return true;
+  } catch (const std::bad_cast&) {
+    refusal = std::current_exception();
+  }
+  if (config_.builtins->HelpInMenu(words, *this) || config_.builtins->Run(words, *this)) return true;
+  if (refusal) std::rethrow_exception(refusal);
+  return false;
+}
+
+// Of the exception that is being handled.
+std::string CommandRunner::ExplainFailure(const std::vector<std::string>& words) const {
+  const std::string text = FailureText(std::current_exception());
+  KL_LOG(40, "console session %d: command %s failed: %s\n", config_.session_id, words.front().c_str(), text.c_str());
+  return CommandPath(path_, builtins_, words) + ": " + text + "." + UsageOf(path_, builtins_, words) + "\n";
+}
+
+void CommandRunner::Enter(Menu& menu) {
+  std::vector<std::shared_ptr<Menu>> menus = {path_.menus.front()};
+  if (!FindMenu(menu, menus)) return;  // taken out of the tree meanwhile
+  path_.menus = std::move(menus);
+  PublishMenuName();
+}
+
+void CommandRunner::LeaveRemovedMenus() {
+  for (std::size_t i = 1; i < path_.menus.size(); ++i) {
+    const auto commands = path_.menus[i - 1]->Commands();
+    if (std::find(commands.begin(), commands.end(), path_.menus[i]) != commands.end()) continue;
+    config_.output->Append("The menu \"" + path_.menus[i]->Name() + "\" is gone; this is \"" +
+                           path_.menus[i - 1]->Name() + "\".\n");
+    path_.menus.resize(i);
+    PublishMenuName();
+  }
+}
+
+// For `who` in other sessions, which must not touch the path itself.
+void CommandRunner::PublishMenuName() {
+  std::string name;
+  for (const auto& menu : path_.menus) {
+    if (path_.AtRoot() || menu != path_.menus.front()) name += (name.empty() ? "" : " ") + menu->Name();
+  }
+  absl::MutexLock lock(&mutex_);
+  menu_name_ = name;
+}
+
+std::string CommandRunner::MenuName() const {
+  absl::MutexLock lock(&mutex_);
+  return menu_name_;
+}
+
+}  // namespace cli::internal

@@ -1,0 +1,73 @@
+// Runs the lines of a session: finds the command, calls it, and says why where it can't.
+#ifndef KLBASE_CONSOLE_SESSION_COMMAND_RUNNER_H_
+#define KLBASE_CONSOLE_SESSION_COMMAND_RUNNER_H_
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "cli/menu_walk.h"
+#include "console/builtins.h"
+#include "console/output_stream.h"
+#include "console/session/session_host.h"
+#include "console/session_control.h"
+#include "line_editor/history.h"
+
+namespace cli::internal {
+
+// The Session that commands see: its menu path and its output stream. Owned by the console's session; used by the
+// holder of that one's lease, commands run on whatever thread that is. MenuName() may be called from any thread; the
+// mutex guards that name only.
+class CommandRunner : private SessionControl {
+ public:
+  struct Config {
+    int session_id = 0;
+    std::shared_ptr<Menu> root;
+    std::shared_ptr<const Builtins> builtins;
+    // These outlive the runner.
+    OutputBuffer* output = nullptr;
+    const cli::internal::History* history = nullptr;
+    SessionHost* host = nullptr;
+    std::function<void()> end;  // a command ends the session
+  };
+
+  explicit CommandRunner(Config config);
+
+  // Runs `line`. What a command throws becomes a line of the output, and a record.
+  void Run(const std::string& line);
+
+  const MenuPath& Path() const override { return path_; }
+  // The names of the menus that lead to the current one, without the root's.
+  std::string MenuName() const;
+
+ private:
+  // --- SessionControl
+  std::ostream& OutStream() override { return stream_; }
+  Menu& CurrentMenu() override { return path_.Current(); }
+  void Enter(Menu& menu) override;
+  int Id() const override { return config_.session_id; }
+  const std::vector<std::string>& History() const override { return config_.history->Lines(); }
+  void End() override { config_.end(); }
+  std::vector<SessionInfo> OpenSessions() override { return config_.host->Sessions(); }
+  void ShutDownConsole() override { config_.host->RequestShutdown(); }
+
+  void RunWords(const std::vector<std::string>& words);
+  bool Dispatch(const std::vector<std::string>& words);
+  std::string ExplainFailure(const std::vector<std::string>& words) const;
+  void LeaveRemovedMenus();
+  void PublishMenuName();
+
+  const Config config_;
+  const CommandVector& builtins_;  // in config_
+  MenuPath path_;
+  OutputStream stream_;
+  mutable absl::Mutex mutex_;
+  std::string menu_name_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_SESSION_COMMAND_RUNNER_H_

@@ -1,0 +1,169 @@
+#include "console/session/command_runner.h"
+
+#include <gtest/gtest.h>
+
+#include <iomanip>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli/command.h"
+#include "cli/words.h"
+#include "platform/klbase/testing/console_test.h"
+#include "platform/klbase/testing/test_output.h"
+#include "platform/testing/fake_session.h"
+
+namespace cli::internal {
+namespace {
+
+class CommandRunnerTest : public testing::Test, private SessionHost {
+ protected:
+  CommandRunnerTest() {
+    auto playd = std::make_unique<Menu>("playd");
+    playd->Insert(
+        MakeCommand("open", [](std::ostream& out, int id) { out << "opened " << id << "\n"; }, "help", {"id"}));
+    playd_ = playd.get();
+    root_->Insert(
+        MakeCommand("say", [](std::ostream& out, const std::string& text) { out << text; }, "help", {"text"}));
+    root_->Insert(MakeCommand(
+        "fail",
+        [](std::ostream& out) {
+          out << "half";
+          throw std::runtime_error("no such player");
+        },
+        "help"));
+    root_->Insert(MakeCommand(
+        "spoil",
+        [](std::ostream& out) {
+          out << std::hex << std::setfill('*');
+          out.width(9);
+          out.exceptions(std::ios_base::badbit);
+          out.setstate(std::ios_base::failbit);
+        },
+        "help"));
+    root_->Insert(MakeCommand(
+        "number", [](std::ostream& out, int number) { out << number << "\n"; }, "help"));
+    playd_handle_ = root_->Insert(std::move(playd));
+  }
+
+  std::string Run(const std::string& line) {
+    runner_.Run(line);
+    return output_.Take();
+  }
+  CommandRunner::Config Config() {
+    CommandRunner::Config config;
+    config.session_id = 7;
+    config.root = root_;
+    config.builtins = MakeBuiltins("main");
+    config.output = output_.Buffer();
+    config.history = &history_;
+    config.host = this;
+    config.end = [this] { ++ends_; };
+    return config;
+  }
+
+  const std::shared_ptr<Menu> root_ = std::make_shared<Menu>("main");
+  Menu* playd_ = nullptr;
+  CmdHandler playd_handle_;
+  TestOutput output_;
+  cli::internal::History history_;
+  int ends_ = 0;
+  int shutdowns_ = 0;
+  CommandRunner runner_{Config()};
+
+ private:
+  std::vector<SessionInfo> Sessions() override { return {{7, SessionKind::kTelnet, "here", "playd", {}, {}}}; }
+  void RequestShutdown() override { ++shutdowns_; }
+  void ThreadEnded(int) override {}
+};
+
+TEST_F(CommandRunnerTest, ACommandsOutputGoesToItsStream) { EXPECT_EQ(Run("say hello"), "hello"); }
+
+TEST_F(CommandRunnerTest, ABlankLineDoesNothing) { EXPECT_EQ(Run("  "), ""); }
+
+TEST_F(CommandRunnerTest, ALineThatCannotBeSplitIsExplained) {
+  EXPECT_EQ(Run("say \"hello"), SplitWords("say \"hello").error + "\n");
+}
+
+TEST_F(CommandRunnerTest, AFailureIsALineOfItsOwnAndARecord) {
+  const LogCapture log(30);
+  EXPECT_EQ(Run("fail"), "half\nfail: no such player. Usage: fail\n");
+  EXPECT_EQ(log.Texts(), std::vector<std::string>{"40 console session 7: command fail failed: no such player\n"});
+}
+
+TEST_F(CommandRunnerTest, TheNextCommandGetsAFreshStream) {
+  Run("spoil");
+  EXPECT_EQ(Run("number 255"), "255\n");
+}
+
+TEST_F(CommandRunnerTest, AMenuIsEnteredAndLeft) {
+  EXPECT_EQ(runner_.MenuName(), "main");
+  EXPECT_EQ(Run("playd"), "");
+  EXPECT_EQ(&runner_.Path().Current(), playd_);
+  EXPECT_EQ(runner_.MenuName(), "playd");
+  EXPECT_EQ(Run("open 3"), "opened 3\n");
+  EXPECT_EQ(Run(".."), "");
+  EXPECT_TRUE(runner_.Path().AtRoot());
+}
+
+TEST_F(CommandRunnerTest, AMenuThatWasRemovedIsLeftWithTheNextLine) {
+  Run("playd");
+  playd_handle_.Remove();
+  EXPECT_EQ(Run("say hello"), "The menu \"playd\" is gone; this is \"main\".\nhello");
+  EXPECT_EQ(runner_.MenuName(), "main");
+}
+
+TEST_F(CommandRunnerTest, HelpBehindAMenusNameListsThatMenu) {
+  const std::string help = Run("playd help");
+  EXPECT_NE(help.find(" - open <id>"), std::string::npos) << help;
+  EXPECT_TRUE(runner_.Path().AtRoot());
+}
+
+TEST_F(CommandRunnerTest, AMenusCommandComesBeforeTheBuiltInOneOfThatName) {
+  root_->Insert(MakeCommand(
+      "exit", [](std::ostream& out) { out << "mine\n"; }, "help"));
+  EXPECT_EQ(Run("exit"), "mine\n");
+  EXPECT_EQ(ends_, 0);
+}
+
+TEST_F(CommandRunnerTest, WordsThatAMenusCommandCannotTakeMayBeABuiltInOnes) {
+  root_->Insert(MakeCommand(
+      "help", [](std::ostream& out, int) { out << "mine\n"; }, "help"));
+  const std::string help = Run("help say");
+  EXPECT_NE(help.find(" - say <text>"), std::string::npos) << help;
+}
+
+TEST_F(CommandRunnerTest, ExitEndsTheSessionOnly) {
+  EXPECT_EQ(Run("exit"), "");
+  EXPECT_EQ(ends_, 1);
+  EXPECT_EQ(shutdowns_, 0);
+}
+
+TEST_F(CommandRunnerTest, ShutdownEndsTheSessionAndTheConsole) {
+  EXPECT_EQ(Run("shutdown"), "The console ends for all.\n");
+  EXPECT_EQ(ends_, 1);
+  EXPECT_EQ(shutdowns_, 1);
+}
+
+TEST_F(CommandRunnerTest, WhoMarksTheAskingSession) {
+  const std::string who = Run("who");
+  EXPECT_NE(who.find("\n* 7"), std::string::npos) << who;
+}
+
+TEST_F(CommandRunnerTest, HistoryListsTheLinesThatTheSessionKept) {
+  history_.Add("say hello");
+  EXPECT_EQ(Run("history"), "    1  say hello\n");
+}
+
+// A menu's code can't run one: it gets any Session, which a built-in command could not do with.
+TEST_F(CommandRunnerTest, ABuiltInCommandRunsForItsConsolesSessionsOnly) {
+  vextest::FakeSession session(*root_);
+  const auto builtins = MakeBuiltins("main");
+  for (const auto& builtin : builtins->Commands()) EXPECT_FALSE(builtin->Exec({builtin->Name()}, session));
+  EXPECT_EQ(session.TakeText(), "");
+}
+
+}  // namespace
+}  // namespace cli::internal

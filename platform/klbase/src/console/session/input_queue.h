@@ -1,0 +1,94 @@
+// A session's input and the requests of other threads, on their way to the one thread that works on them.
+#ifndef KLBASE_CONSOLE_SESSION_INPUT_QUEUE_H_
+#define KLBASE_CONSOLE_SESSION_INPUT_QUEUE_H_
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "console/session/terminal_state.h"
+
+namespace cli::internal {
+
+// Who works on a session's input holds the lease; what else belongs to the input (the editor, the menu path) is that
+// thread's then, without a lock. Any thread posts. One whose post finds the lease free holds it from then on, and calls
+// Next() and does what that says, until Next() takes the lease back. The holder may pass the lease on to another
+// thread in any way that orders the two.
+//
+// Owned by the session, which holds the lease first. Its mutex is held for some moves; nothing is called with it held.
+class InputQueue {
+ public:
+  // While more than this waits behind a running command, the sender should stop.
+  static constexpr std::size_t kMaxQueued = 64 << 10;
+
+  enum class Source {
+    kOperator,  // Ctrl-C drops what waits; a line without its end is not run
+    kProgram,   // or a file: a last line may lack its end
+  };
+  enum class Posted {
+    kWaits,   // for the holder to take it up; or the session has ended
+    kFull,    // the same, and the sender should send no more until Work::resume
+    kLeased,  // for the caller, who holds the lease from now on
+  };
+  struct Work {
+    enum class Kind {
+      kNone,  // the lease is given back
+      kSome,  // the rest of this, in its order
+      kEnd,   // no line is run any more: said once, with the lease still held
+    };
+    Kind kind = Kind::kNone;
+    bool drop_unread = false;  // what was handed out before, and not read yet, is not to be run
+    std::optional<TerminalState> terminal;
+    bool redraw = false;
+    bool resume = false;   // a sender that was stopped may go on
+    std::string bytes;     // to be read behind what is unread
+    std::string farewell;  // kEnd: to be said last
+  };
+
+  explicit InputQueue(Source source) : source_(source) {}
+
+  Posted PostBytes(std::string_view bytes);
+  Posted PostEndOfInput();
+  Posted PostTerminalChange(const TerminalChange& change);
+  // The line that is being typed is to be shown again, below what is to be shown first.
+  Posted PostRedraw();
+  // Drops all lines that wait. `farewell` is said if the session has not ended before.
+  Posted PostFinish(std::string_view farewell);
+  // No line is run from now on. Any thread; the lease stays where it is.
+  void End();
+
+  // The holder: what to do next. `unread`: some of the bytes that it got before are not read yet.
+  Work Next(bool unread);
+
+  bool Leased() const;
+  bool Ended() const;
+
+ private:
+  Posted TakeLeaseLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  bool IdleLocked(bool unread) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void FinishInputLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void EndLocked(Work& work) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void TakeRequestsLocked(Work& work) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+  const Source source_;
+  mutable absl::Mutex mutex_;
+  bool leased_ ABSL_GUARDED_BY(mutex_) = true;
+  std::string bytes_ ABSL_GUARDED_BY(mutex_);
+  bool paused_ ABSL_GUARDED_BY(mutex_) = false;  // the sender was told kFull
+  bool end_of_input_ ABSL_GUARDED_BY(mutex_) = false;
+  bool line_end_added_ ABSL_GUARDED_BY(mutex_) = false;
+  bool drop_unread_ ABSL_GUARDED_BY(mutex_) = false;
+  bool redraw_ ABSL_GUARDED_BY(mutex_) = false;
+  bool terminal_changed_ ABSL_GUARDED_BY(mutex_) = false;
+  TerminalState terminal_ ABSL_GUARDED_BY(mutex_);
+  bool ended_ ABSL_GUARDED_BY(mutex_) = false;
+  bool end_told_ ABSL_GUARDED_BY(mutex_) = false;
+  std::string farewell_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_SESSION_INPUT_QUEUE_H_

@@ -1,0 +1,53 @@
+// Whole lines that are no command's output, waiting for their turn in a session's output.
+#ifndef KLBASE_CONSOLE_SESSION_NOTICES_H_
+#define KLBASE_CONSOLE_SESSION_NOTICES_H_
+
+#include <string>
+#include <string_view>
+
+#include "absl/base/thread_annotations.h"
+#include "absl/synchronization/mutex.h"
+#include "console/output_buffer.h"
+
+namespace cli::internal {
+
+// While a command runs nothing is being typed, so a notice goes out at once, between what the command printed before
+// and prints after. Otherwise it is kept for the lease holder, who takes the typed line off the screen first.
+//
+// Owned by the session. Any thread posts and closes; the rest is the lease holder's. Its mutex is held while the output
+// takes text, so that a notice can't come in behind the prompt that follows a command.
+class Notices {
+ public:
+  enum class Posted {
+    kShown,    // it is in the output; flush that
+    kKept,     // the lease holder must be asked to show it
+    kDropped,  // nobody reads any more
+  };
+
+  // `fresh_line`: a notice begins on a line of its own. `output` must outlive it.
+  Notices(OutputBuffer* output, bool fresh_line) : output_(output), fresh_line_(fresh_line) {}
+
+  Posted Post(std::string_view text);
+  // Shows what was kept, above the command's output.
+  void CommandBegins();
+  void CommandEnds();
+  // What was kept, for the caller to show.
+  std::string Take();
+  // The same, when no line is typed any more: what comes later is shown at once.
+  std::string TakeLast();
+  // Drops all.
+  void Close();
+
+ private:
+  OutputBuffer* const output_;
+  const bool fresh_line_;
+  absl::Mutex mutex_;
+  bool typing_ ABSL_GUARDED_BY(mutex_) = true;
+  bool typing_over_ ABSL_GUARDED_BY(mutex_) = false;  // for good
+  bool closed_ ABSL_GUARDED_BY(mutex_) = false;
+  std::string kept_ ABSL_GUARDED_BY(mutex_);
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_SESSION_NOTICES_H_

@@ -1,0 +1,28 @@
+// What is known of an operator's terminal.
+#ifndef KLBASE_CONSOLE_SESSION_TERMINAL_STATE_H_
+#define KLBASE_CONSOLE_SESSION_TERMINAL_STATE_H_
+
+#include <optional>
+
+#include "line_editor/editor.h"
+
+namespace cli::internal {
+
+struct TerminalState {
+  LineEditor::Display display = LineEditor::Display::kNone;
+  int columns = 0;  // 0: not known
+  int rows = 0;
+  bool hidden = false;  // the typed line is off the screen, while the process is stopped
+};
+
+// What changed of it; the rest stays as it was.
+struct TerminalChange {
+  std::optional<LineEditor::Display> display = std::nullopt;
+  int columns = 0;  // 0: as before
+  int rows = 0;
+  std::optional<bool> hidden = std::nullopt;
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_SESSION_TERMINAL_STATE_H_

@@ -1,0 +1,49 @@
+// The session as the built-in commands see it: more than a menu's command gets to see.
+#ifndef KLBASE_CONSOLE_SESSION_CONTROL_H_
+#define KLBASE_CONSOLE_SESSION_CONTROL_H_
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "cli/menu_walk.h"
+#include "cli/session.h"
+
+namespace cli::internal {
+
+enum class SessionKind {
+  kTerminal,  // the process's own terminal
+  kTelnet,    // an operator on a connection
+  kProgram,   // a program on a connection
+  kPlain,     // standard input that is not a terminal
+};
+const char* KindName(SessionKind kind);
+
+// A session as `who` shows it.
+struct SessionInfo {
+  int id = 0;
+  SessionKind kind = SessionKind::kTelnet;
+  std::string peer;
+  std::string menu;
+  std::chrono::system_clock::time_point since;
+  std::chrono::seconds idle{0};
+};
+
+// Used by the thread that runs the session's commands, while a built-in command runs.
+class SessionControl : public Session {
+ public:
+  virtual int Id() const = 0;
+  virtual const MenuPath& Path() const = 0;
+  // The lines that were typed, the oldest first.
+  virtual const std::vector<std::string>& History() const = 0;
+  // Ends this session after the line.
+  virtual void End() = 0;
+  // All sessions of the console.
+  virtual std::vector<SessionInfo> OpenSessions() = 0;
+  // Ends the console for all; returns at once.
+  virtual void ShutDownConsole() = 0;
+};
+
+}  // namespace cli::internal
+
+#endif  // KLBASE_CONSOLE_SESSION_CONTROL_H_
