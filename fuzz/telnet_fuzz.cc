@@ -5,7 +5,7 @@
 #include <optional>
 #include <vector>
 
-#include "console/session/line_splitter.h"
+#include "console/session/input/line_splitter.h"
 #include "console/tcp/telnet_filter.h"
 #include "fuzz/fuzz.h"
 #include "fuzz/operator.h"

@@ -1,7 +1,7 @@
 #include "console/tcp/output_tick.h"
 
-#include "console/tcp/fake_connection.h"
 #include "platform/klbase/testing/console_test.h"
+#include "platform/klbase/testing/fake_connection.h"
 
 namespace cli::internal {
 namespace {

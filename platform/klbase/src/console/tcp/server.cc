@@ -17,13 +17,13 @@
 #include <thread>
 #include <utility>
 
-#include "console/tcp/admission.h"
+#include "console/tcp/access/admission.h"
+#include "console/tcp/access/password_checker.h"
 #include "console/tcp/connection.h"
 #include "console/tcp/drain.h"
 #include "console/tcp/http_sniff.h"
 #include "console/tcp/listener.h"
 #include "console/tcp/output_tick.h"
-#include "console/tcp/password_checker.h"
 #include "klbase/log.h"
 
 namespace cli::internal {

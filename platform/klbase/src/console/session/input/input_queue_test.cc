@@ -1,4 +1,4 @@
-#include "console/session/input_queue.h"
+#include "console/session/input/input_queue.h"
 
 #include <gtest/gtest.h>
 

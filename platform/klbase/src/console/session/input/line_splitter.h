@@ -1,7 +1,7 @@
 // Lines out of bytes for readers that are no operators: a program's connection, a pipe, a file. Nothing is edited,
 // completed or shown.
-#ifndef KLBASE_CONSOLE_SESSION_LINE_SPLITTER_H_
-#define KLBASE_CONSOLE_SESSION_LINE_SPLITTER_H_
+#ifndef KLBASE_CONSOLE_SESSION_INPUT_LINE_SPLITTER_H_
+#define KLBASE_CONSOLE_SESSION_INPUT_LINE_SPLITTER_H_
 
 #include <cstddef>
 #include <string>
@@ -32,4 +32,4 @@ class LineSplitter {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_SESSION_LINE_SPLITTER_H_
+#endif  // KLBASE_CONSOLE_SESSION_INPUT_LINE_SPLITTER_H_

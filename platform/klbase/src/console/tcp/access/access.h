@@ -1,6 +1,6 @@
 // The password file: whose hash it holds, and whether a password matches it.
-#ifndef KLBASE_CONSOLE_TCP_ACCESS_H_
-#define KLBASE_CONSOLE_TCP_ACCESS_H_
+#ifndef KLBASE_CONSOLE_TCP_ACCESS_ACCESS_H_
+#define KLBASE_CONSOLE_TCP_ACCESS_ACCESS_H_
 
 #include <string>
 
@@ -15,4 +15,4 @@ bool PasswordMatches(const std::string& password, const std::string& hash);
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_ACCESS_H_
+#endif  // KLBASE_CONSOLE_TCP_ACCESS_ACCESS_H_

@@ -1,4 +1,4 @@
-#include "console/session/line_splitter.h"
+#include "console/session/input/line_splitter.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "console/tcp/password_checker.h"
+#include "console/tcp/access/password_checker.h"
 
 #include <crypt.h>
 

@@ -1,4 +1,4 @@
-#include "console/session/line_reader.h"
+#include "console/session/input/line_reader.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Lines out of a session's input: edited and shown for an operator, only split for a program, a file or a password.
-#ifndef KLBASE_CONSOLE_SESSION_LINE_READER_H_
-#define KLBASE_CONSOLE_SESSION_LINE_READER_H_
+#ifndef KLBASE_CONSOLE_SESSION_INPUT_LINE_READER_H_
+#define KLBASE_CONSOLE_SESSION_INPUT_LINE_READER_H_
 
 #include <cstddef>
 #include <memory>
@@ -8,8 +8,8 @@
 #include <string_view>
 
 #include "console/output_buffer.h"
-#include "console/session/line_splitter.h"
-#include "console/session/terminal_state.h"
+#include "console/session/input/line_splitter.h"
+#include "console/session/input/terminal_state.h"
 #include "line_editor/editor.h"
 
 namespace cli::internal {
@@ -69,4 +69,4 @@ class LineReader {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_SESSION_LINE_READER_H_
+#endif  // KLBASE_CONSOLE_SESSION_INPUT_LINE_READER_H_

@@ -1,6 +1,6 @@
 // Who is let in: session slots, and the room for connections that have yet to log in.
-#ifndef KLBASE_CONSOLE_TCP_ADMISSION_H_
-#define KLBASE_CONSOLE_TCP_ADMISSION_H_
+#ifndef KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_
+#define KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_
 
 #include <cstddef>
 #include <list>
@@ -50,4 +50,4 @@ class Admission {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_ADMISSION_H_
+#endif  // KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_

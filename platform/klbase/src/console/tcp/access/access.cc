@@ -1,4 +1,4 @@
-#include "console/tcp/access.h"
+#include "console/tcp/access/access.h"
 
 #include <crypt.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-#include "console/tcp/admission.h"
+#include "console/tcp/access/admission.h"
 
 #include <utility>
 

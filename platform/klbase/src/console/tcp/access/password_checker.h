@@ -1,12 +1,12 @@
 // The check of the password that operators give before their session runs commands.
-#ifndef KLBASE_CONSOLE_TCP_PASSWORD_CHECKER_H_
-#define KLBASE_CONSOLE_TCP_PASSWORD_CHECKER_H_
+#ifndef KLBASE_CONSOLE_TCP_ACCESS_PASSWORD_CHECKER_H_
+#define KLBASE_CONSOLE_TCP_ACCESS_PASSWORD_CHECKER_H_
 
 #include <functional>
 #include <string>
 
 #include "absl/synchronization/mutex.h"
-#include "console/tcp/access.h"
+#include "console/tcp/access/access.h"
 
 namespace cli::internal {
 
@@ -32,4 +32,4 @@ class PasswordChecker {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_PASSWORD_CHECKER_H_
+#endif  // KLBASE_CONSOLE_TCP_ACCESS_PASSWORD_CHECKER_H_

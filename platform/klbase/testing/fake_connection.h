@@ -1,6 +1,6 @@
 // A connection without a socket, for the tests of the server's parts.
-#ifndef KLBASE_CONSOLE_TCP_FAKE_CONNECTION_H_
-#define KLBASE_CONSOLE_TCP_FAKE_CONNECTION_H_
+#ifndef PLATFORM_KLBASE_TESTING_FAKE_CONNECTION_H_
+#define PLATFORM_KLBASE_TESTING_FAKE_CONNECTION_H_
 
 #include <chrono>
 #include <memory>
@@ -57,4 +57,4 @@ class FakeConnection : public ServedConnection, public std::enable_shared_from_t
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_FAKE_CONNECTION_H_
+#endif  // PLATFORM_KLBASE_TESTING_FAKE_CONNECTION_H_

@@ -1,6 +1,6 @@
 // A session's input and the requests of other threads, on their way to the one thread that works on them.
-#ifndef KLBASE_CONSOLE_SESSION_INPUT_QUEUE_H_
-#define KLBASE_CONSOLE_SESSION_INPUT_QUEUE_H_
+#ifndef KLBASE_CONSOLE_SESSION_INPUT_INPUT_QUEUE_H_
+#define KLBASE_CONSOLE_SESSION_INPUT_INPUT_QUEUE_H_
 
 #include <cstddef>
 #include <optional>
@@ -9,7 +9,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "console/session/terminal_state.h"
+#include "console/session/input/terminal_state.h"
 
 namespace cli::internal {
 
@@ -91,4 +91,4 @@ class InputQueue {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_SESSION_INPUT_QUEUE_H_
+#endif  // KLBASE_CONSOLE_SESSION_INPUT_INPUT_QUEUE_H_

@@ -1,6 +1,6 @@
 // What is known of an operator's terminal.
-#ifndef KLBASE_CONSOLE_SESSION_TERMINAL_STATE_H_
-#define KLBASE_CONSOLE_SESSION_TERMINAL_STATE_H_
+#ifndef KLBASE_CONSOLE_SESSION_INPUT_TERMINAL_STATE_H_
+#define KLBASE_CONSOLE_SESSION_INPUT_TERMINAL_STATE_H_
 
 #include <optional>
 
@@ -25,4 +25,4 @@ struct TerminalChange {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_SESSION_TERMINAL_STATE_H_
+#endif  // KLBASE_CONSOLE_SESSION_INPUT_TERMINAL_STATE_H_

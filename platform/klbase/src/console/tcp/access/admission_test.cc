@@ -1,9 +1,9 @@
-#include "console/tcp/admission.h"
+#include "console/tcp/access/admission.h"
 
 #include <fcntl.h>
 
-#include "console/tcp/fake_connection.h"
 #include "platform/klbase/testing/console_test.h"
+#include "platform/klbase/testing/fake_connection.h"
 
 namespace cli::internal {
 namespace {
