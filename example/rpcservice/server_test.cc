@@ -21,7 +21,7 @@
 #include "example/rpcservice/example_rpcreq.h"
 #include "klrpc/api_client.h"
 #include "klrpc/v1/pubsub.pb.h"
-#include "modules/core/common/scripted_registry.h"
+#include "modules/core/testing/scripted_registry.h"
 #include "platform/testing/limits.h"
 #include "platform/testing/log_capture.h"
 #include "sigslot/sigslot.h"

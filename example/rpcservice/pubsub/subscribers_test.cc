@@ -12,7 +12,7 @@
 #include "core/module.h"
 #include "core/rpc_url.h"
 #include "klrpc/v1/pubsub.pb.h"
-#include "modules/apisdk/test_clients.h"
+#include "modules/apisdk/testing/clients.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"

@@ -7,9 +7,9 @@
 
 #include "common/v1/status.pb.h"
 #include "encoder/v1/encoder.pb.h"
+#include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
-#include "test_clients.h"
 
 namespace apis {
 namespace {

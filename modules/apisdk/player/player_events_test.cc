@@ -8,12 +8,12 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "apisdk/pubsub_sdk.h"
+#include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/sync.h"
 #include "player/rpc_player.h"
 #include "player/v1/player.pb.h"
-#include "test_clients.h"
 
 namespace apis {
 namespace {

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "apisdk/pubsub_sdk.h"
+#include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
 #include "player/v1/player.pb.h"
-#include "test_clients.h"
 
 namespace apis {
 namespace {

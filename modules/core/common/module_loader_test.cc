@@ -12,7 +12,7 @@
 #include "absl/synchronization/notification.h"
 #include "core/module.h"
 #include "klbase/log.h"
-#include "modules/core/common/scripted_registry.h"
+#include "modules/core/testing/scripted_registry.h"
 #include "platform/testing/log_capture.h"
 
 namespace core {

@@ -11,7 +11,7 @@ namespace core::internal {
 template <typename Factory>
 using RegistryOf = klbase::Registry<typename Factory::Creator>;
 
-// The registry that the factory uses; never null. A test may put its own there (scripted_registry.h), while no other
+// The registry that the factory uses; never null. A test may put its own there (modules/core/testing/), while no other
 // thread uses the factory.
 template <typename Factory>
 RegistryOf<Factory>*& CurrentRegistry();

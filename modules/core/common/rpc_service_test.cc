@@ -10,7 +10,7 @@
 #include "common/v1/keyvalue.pb.h"
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
-#include "modules/core/common/scripted_registry.h"
+#include "modules/core/testing/scripted_registry.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/virtual_slot.h"
 

@@ -11,9 +11,9 @@
 #include "absl/synchronization/notification.h"
 #include "absl/time/time.h"
 #include "apisdk/pubsub_sdk.h"
+#include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
-#include "test_clients.h"
 
 namespace apis {
 namespace {

@@ -1,6 +1,6 @@
 // Clients for tests of what stands on them.
-#ifndef MODULES_APISDK_TEST_CLIENTS_H_
-#define MODULES_APISDK_TEST_CLIENTS_H_
+#ifndef MODULES_APISDK_TESTING_CLIENTS_H_
+#define MODULES_APISDK_TESTING_CLIENTS_H_
 
 #include <memory>
 #include <string>
@@ -46,4 +46,4 @@ class RecordingClient : public klrpc::APIClient {
 
 }  // namespace apis
 
-#endif  // MODULES_APISDK_TEST_CLIENTS_H_
+#endif  // MODULES_APISDK_TESTING_CLIENTS_H_

@@ -1,6 +1,6 @@
-// For tests: other modules or services in place of the registered ones.
-#ifndef CORE_COMMON_SCRIPTED_REGISTRY_H_
-#define CORE_COMMON_SCRIPTED_REGISTRY_H_
+// Other modules or services in place of the registered ones.
+#ifndef MODULES_CORE_TESTING_SCRIPTED_REGISTRY_H_
+#define MODULES_CORE_TESTING_SCRIPTED_REGISTRY_H_
 
 #include <map>
 #include <string>
@@ -30,4 +30,4 @@ class ScriptedRegistry {
 
 }  // namespace core::internal
 
-#endif  // CORE_COMMON_SCRIPTED_REGISTRY_H_
+#endif  // MODULES_CORE_TESTING_SCRIPTED_REGISTRY_H_
