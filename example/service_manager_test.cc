@@ -9,14 +9,13 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
-#include "platform/testing/limits.h"
+#include "platform/testing/environment.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/scratch_folder.h"
 
 namespace {
 
@@ -24,6 +23,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using vextest::LogCapture;
 using vextest::LogRecord;
+using vextest::ScratchFolder;
 
 constexpr std::size_t kPathRoom = sizeof(sockaddr_un::sun_path);
 
@@ -54,15 +54,8 @@ class Manager {
 
 class ServiceManagerTest : public testing::Test {
  protected:
-  ServiceManagerTest() {
-    std::string name = std::filesystem::temp_directory_path() / "notify-XXXXXX";
-    folder_ = mkdtemp(name.data());
-    Forget();
-  }
-  ~ServiceManagerTest() override {
-    Forget();
-    std::filesystem::remove_all(folder_);
-  }
+  ServiceManagerTest() { Forget(); }
+  ~ServiceManagerTest() override { Forget(); }
 
   // Forgets the state that an earlier test reported.
   static void Forget() {
@@ -70,22 +63,19 @@ class ServiceManagerTest : public testing::Test {
     vextool::TellStopping();
   }
 
-  static std::string AbstractName() {
-    static std::atomic<int> count = 0;
-    return "@vextool-notify-" + std::to_string(getpid()) + "-" + std::to_string(++count);
-  }
+  static std::string AbstractName() { return "@" + vextest::UniqueName("vextool-notify"); }
 
   void ExpectOneRecord(const std::string& text) const {
     EXPECT_THAT(log_.RecordsOf("example/service_manager"),
                 ElementsAre(LogRecord{40, "example/service_manager", "Tell", text}));
   }
 
-  std::string folder_;
+  const ScratchFolder folder_;
   LogCapture log_;
 };
 
 TEST_F(ServiceManagerTest, HearsOfReadinessAndOfTheEndAtAPath) {
-  const Manager manager(folder_ + "/notify");
+  const Manager manager(folder_ / "notify");
   vextool::TellReady();
   EXPECT_EQ(manager.Heard(), "READY=1");
   vextool::TellStopping();
@@ -143,7 +133,7 @@ TEST_F(ServiceManagerTest, ANameThatIsNoSocketAddressIsOneRecord) {
 }
 
 TEST_F(ServiceManagerTest, AManagerThatIsNotThereIsOneRecord) {
-  const std::string path = folder_ + "/nobody";
+  const std::string path = folder_ / "nobody";
   setenv("NOTIFY_SOCKET", path.c_str(), 1);
   vextool::TellReady();
   vextool::TellStopping();

@@ -2,25 +2,23 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "absl/synchronization/notification.h"
-#include "absl/time/time.h"
 #include "encoder/v1/encoder.pb.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/fake_daemon.h"
+#include "platform/testing/scratch_folder.h"
+#include "platform/testing/sync.h"
 #include "platform/testing/tcp_client.h"
 
 namespace {
@@ -52,25 +50,16 @@ auto InOrder(std::vector<std::string> texts) { return HasInOrder(std::move(texts
 
 class VextoolTest : public testing::Test {
  protected:
-  VextoolTest() {
-    std::string name = std::filesystem::temp_directory_path() / "vextool-test-XXXXXX";
-    folder_ = mkdtemp(name.data());
-  }
-  ~VextoolTest() override {
-    tool_.reset();
-    std::filesystem::remove_all(folder_);
-  }
-
   // Starts the tool on a free port; `script` is the module's.
   ChildProcess& Start(const std::string& script, std::vector<std::string> flags = {},
                       std::vector<std::string> environment = {}) {
     std::vector<std::string> arguments = {VEXTEST_TOOL, "--cli_port=0"};
     arguments.insert(arguments.end(), flags.begin(), flags.end());
     for (const auto& variable :
-         {"VEXTEST_MODULE=" + script, "KLBASE_LOG_FILE=" + LogFile(), "KLBASE_HISTORY_FILE=" + folder_ + "/history"}) {
+         {"VEXTEST_MODULE=" + script, "KLBASE_LOG_FILE=" + LogFile(), "KLBASE_HISTORY_FILE=" + (folder_ / "history")}) {
       environment.push_back(variable);
     }
-    tool_ = std::make_unique<ChildProcess>(arguments, ChildProcess::Options{environment, folder_, false});
+    tool_ = std::make_unique<ChildProcess>(arguments, ChildProcess::Options{environment, folder_.Path(), false});
     return *tool_;
   }
   ChildProcess& StartAndWaitUntilItServes(const std::string& script) {
@@ -85,13 +74,10 @@ class VextoolTest : public testing::Test {
     return std::stoi(tool_->Errors().substr(at + announcement.size()));
   }
 
-  std::string LogFile() const { return folder_ + "/vextool.log"; }
-  std::string Log() const {
-    std::ifstream file(LogFile());
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string LogFile() const { return folder_ / "vextool.log"; }
+  std::string Log() const { return vextest::ReadFile(LogFile()); }
 
-  std::string folder_;
+  const vextest::ScratchFolder folder_;
   std::unique_ptr<ChildProcess> tool_;
 };
 
@@ -254,11 +240,10 @@ TEST_F(VextoolTest, ManyInterruptsAreOne) {
 }
 
 TEST_F(VextoolTest, AnInterruptWhileACommandWaitsForItsDaemonEndsTheTool) {
-  absl::Notification tool_is_gone;
+  vextest::Notification tool_is_gone;
   vextest::FakeDaemon encd("unix-abstract:encd@default");
-  encd.Handle<encoder::v1::SetVideoQualityRequest>([&tool_is_gone](const auto&, auto&) {
-    return !tool_is_gone.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit));
-  });
+  encd.Handle<encoder::v1::SetVideoQualityRequest>(
+      [&tool_is_gone](const auto&, auto&) { return !tool_is_gone.Wait(); });
   ChildProcess& tool = StartAndWaitUntilItServes("");
   vextest::TcpClient client(Port());
   client.Send("encd SetQulity high\n");

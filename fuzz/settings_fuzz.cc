@@ -61,7 +61,8 @@ int __wrap_pclose(FILE* pipe) {
 
 namespace {
 
-// Captures one of the process's output streams as long as it lives.
+// Captures one of the process's output streams as long as it lives. In memory, because nobody reads while a function
+// prints: a listing may have more lines than a pipe, and with it the test kit's CapturedOutput, holds.
 class Captured {
  public:
   explicit Captured(FILE*& stream) : stream_(stream), before_(stream) { stream_ = open_memstream(&text_, &size_); }

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "example/envctl/sysconf.h"
+#include "platform/testing/captured_output.h"
 
 namespace {
 
@@ -79,6 +80,7 @@ void SetUpDevice() try {
   if (access(VEX_SYSCONFIG, X_OK) != 0) throw std::string(VEX_SYSCONFIG " was not built");
   unsetenv("SYSCONFIG_FILE");  // the settings are where a device has them
   const int sysconfig = open(VEX_SYSCONFIG, O_RDONLY | O_CLOEXEC);
+  // Not a ScratchFolder: that removes all that it finds, and this one has the machine's own folders mounted in it.
   char stage[] = "/tmp/vextool-device-XXXXXX";
   if (mkdtemp(stage) == nullptr) throw std::string("a folder in /tmp");
   try {
@@ -129,9 +131,9 @@ TEST_F(DeviceToolsTest, SettingThatIsNotThereIsNull) {
 TEST_F(DeviceToolsTest, PrintListsWhatWasSet) {
   sysconf_setenv("first", "1");
   sysconf_setenv("second", "2");
-  testing::internal::CaptureStderr();
+  vextest::CapturedOutput errors(STDERR_FILENO);
   EXPECT_EQ(sysconf_printenv(), 0);
-  const std::string listed = testing::internal::GetCapturedStderr();
+  const std::string listed = errors.Text();
   EXPECT_THAT(listed, testing::HasSubstr("first=1\n"));
   EXPECT_THAT(listed, testing::HasSubstr("second=2\n"));
 }

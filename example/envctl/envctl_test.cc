@@ -2,6 +2,7 @@
 // real child process.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include "absl/synchronization/mutex.h"
 #include "example/envctl/envctl_cli.h"
 #include "example/envctl/sysconf.h"
+#include "platform/testing/captured_output.h"
 #include "platform/testing/fake_session.h"
 
 namespace {
@@ -23,6 +25,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StrEq;
+using vextest::CapturedOutput;
 
 constexpr char kNoStart[] = "(cannot be started)";
 
@@ -164,10 +167,9 @@ TEST_F(SysconfTest, GetRefusesNullArguments) {
 
 TEST_F(SysconfTest, GetThatCannotStartSaysSoOnStandardOutput) {
   Answers({kNoStart});
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_EQ(sysconf_getenv_safe("a", buffer_), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "<54>popen read_device_info<54>popen read_device_info<54>popen read_device_info");
+  EXPECT_EQ(output.Text(), "<54>popen read_device_info<54>popen read_device_info<54>popen read_device_info");
 }
 
 TEST_F(SysconfTest, NameThatFillsTheBufferIsTheLongestOne) {
@@ -250,9 +252,9 @@ TEST_F(SysconfTest, BootLoaderVariableIsReadWithItsOwnTool) {
 
 TEST_F(SysconfTest, BootLoaderReadIsTriedThreeTimes) {
   Answers({"", kNoStart, "nothing\\n"});
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_EQ(fw_getenv("a", buffer_), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "<163>popen read_device_info");
+  EXPECT_EQ(output.Text(), "<163>popen read_device_info");
   EXPECT_THAT(Commands(), testing::SizeIs(3));
 }
 
@@ -286,9 +288,10 @@ TEST_F(SysconfTest, NoChildIsLeftWhateverTheToolAnswers) {
     sysconf_getenv_safe("a", buffer_);
     fw_getenv("a", buffer_);
     sysconf_setenv("a", "b");
-    testing::internal::CaptureStderr();
-    sysconf_printenv();
-    testing::internal::GetCapturedStderr();
+    {
+      const CapturedOutput unseen(STDERR_FILENO);
+      sysconf_printenv();
+    }
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << answer;
     EXPECT_EQ(errno, ECHILD);
   }
@@ -312,9 +315,9 @@ TEST_F(SysconfTest, SetRefusesANullName) {
 
 TEST_F(SysconfTest, SetThatCannotStartSaysSoOnStandardOutput) {
   Answers({kNoStart});
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_EQ(sysconf_setenv("test", "17"), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "<122>popen read_device_info");
+  EXPECT_EQ(output.Text(), "<122>popen read_device_info");
 }
 
 TEST_F(SysconfTest, SetRefusesWhatIsTooLongBeforeAnythingIsStarted) {
@@ -328,24 +331,24 @@ TEST_F(SysconfTest, SetRefusesWhatIsTooLongBeforeAnythingIsStarted) {
 
 TEST_F(SysconfTest, PrintListsEverythingOnStandardError) {
   Answers({"a=1\\nb=2\\r\\nlast"});
-  testing::internal::CaptureStderr();
+  CapturedOutput errors(STDERR_FILENO);
   EXPECT_EQ(sysconf_printenv(), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "a=1\nb=2\nlast\n");
+  EXPECT_EQ(errors.Text(), "a=1\nb=2\nlast\n");
   EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig print"));
 }
 
 TEST_F(SysconfTest, PrintSplitsLinesOfMoreThan4095Characters) {
   Answers({std::string(5000, 'x') + "\\n"});
-  testing::internal::CaptureStderr();
+  CapturedOutput errors(STDERR_FILENO);
   EXPECT_EQ(sysconf_printenv(), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string(4095, 'x') + "\n" + std::string(905, 'x') + "\n");
+  EXPECT_EQ(errors.Text(), std::string(4095, 'x') + "\n" + std::string(905, 'x') + "\n");
 }
 
 TEST_F(SysconfTest, PrintThatCannotStartSaysSoOnStandardOutput) {
   Answers({kNoStart});
-  testing::internal::CaptureStdout();
+  CapturedOutput output;
   EXPECT_EQ(sysconf_printenv(), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "<93>popen read_device_info");
+  EXPECT_EQ(output.Text(), "<93>popen read_device_info");
 }
 
 TEST_F(SysconfTest, OpenAndCloseDoNothing) {

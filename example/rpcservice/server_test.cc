@@ -12,8 +12,6 @@
 #include <thread>
 #include <utility>
 
-#include "absl/synchronization/notification.h"
-#include "absl/time/time.h"
 #include "apisdk/apisdk.h"
 #include "common/v1/keyvalue.pb.h"
 #include "common/v1/status.pb.h"
@@ -22,8 +20,8 @@
 #include "klrpc/api_client.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "modules/core/testing/scripted_registry.h"
-#include "platform/testing/limits.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/sync.h"
 #include "sigslot/sigslot.h"
 
 namespace {
@@ -169,7 +167,7 @@ class Outcome : public sigslot::has_slots<> {
   explicit Outcome(klrpc::APIClient& client) { client.SignalPublishState.connect(this, &Outcome::OnState); }
   ~Outcome() override { disconnect_all(); }
 
-  bool Ok() { return known_.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit)) && ok_; }
+  bool Ok() { return known_.Wait() && ok_; }
 
  private:
   void OnState(bool ok, const std::string&) {
@@ -178,7 +176,7 @@ class Outcome : public sigslot::has_slots<> {
   }
 
   bool ok_ = false;
-  absl::Notification known_;
+  vextest::Notification known_;
 };
 
 TEST_F(RpcServerTest, CarriesPublishSubscribeToo) {
@@ -344,12 +342,12 @@ TEST_F(RpcServerTest, HandlerThatThrowsFailsItsCallAlone) {
 
 TEST_F(RpcServerTest, TwoRequestsAreServedAtOnceAndNoThird) {
   std::atomic<int> inside = 0;
-  absl::Notification both_entered;
-  absl::Notification leave;
+  vextest::Notification both_entered;
+  vextest::Notification leave;
   const ScriptedRegistry registry({{"waiting", Scripted([&](const KeyValue& request, Status&) {
                                       if (request.key().empty()) return true;
                                       if (++inside == 2) both_entered.Notify();
-                                      return leave.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit));
+                                      return leave.Wait();
                                     })}});
   RpcServer server;
   server.StartRpcServer();
@@ -357,7 +355,7 @@ TEST_F(RpcServerTest, TwoRequestsAreServedAtOnceAndNoThird) {
   waiting.set_key("wait");
   std::thread first([this, &waiting] { Ask<Status>(waiting); });
   std::thread second([this, &waiting] { Ask<Status>(waiting); });
-  EXPECT_TRUE(both_entered.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit)));
+  EXPECT_TRUE(both_entered.Wait());
   google::protobuf::Any reply;
   EXPECT_FALSE(client_->CallWithin(KeyValue(), reply, std::chrono::milliseconds(100)));
   leave.Notify();
@@ -367,15 +365,13 @@ TEST_F(RpcServerTest, TwoRequestsAreServedAtOnceAndNoThird) {
 }
 
 TEST_F(RpcServerTest, ServicesOutliveTheRequestsInThem) {
-  absl::Notification entered;
-  absl::Notification leave;
+  vextest::Gate gate;
   std::atomic<bool> left = false;
   std::atomic<bool> destroyed_after_leaving = false;
   const ScriptedRegistry registry({{"example", Example()},
                                    {"waiting", Scripted(
                                                    [&](const KeyValue&, Status&) {
-                                                     entered.Notify();
-                                                     leave.WaitForNotification();
+                                                     gate.Pass();
                                                      left = true;
                                                      return true;
                                                    },
@@ -383,13 +379,13 @@ TEST_F(RpcServerTest, ServicesOutliveTheRequestsInThem) {
   auto server = std::make_unique<RpcServer>();
   server->StartRpcServer();
   std::thread caller([this] { Ask<Status>(KeyValue()); });
-  ASSERT_TRUE(entered.WaitForNotificationWithTimeout(absl::FromChrono(vextest::kLimit)));
+  ASSERT_TRUE(gate.WaitUntilReached());
   std::thread owner([&server] { server.reset(); });
   // While the owner waits for the request under way, the server goes on, but no request gets in any more.
   while (Ask<ExampleRPCReply>(ExampleRPCRequest()).has_value()) {
   }
   EXPECT_FALSE(left);
-  leave.Notify();
+  gate.Open();
   owner.join();
   caller.join();
   EXPECT_TRUE(destroyed_after_leaving);

@@ -9,11 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "absl/synchronization/notification.h"
 #include "core/module.h"
 #include "klbase/log.h"
 #include "modules/core/testing/scripted_registry.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/sync.h"
 
 namespace core {
 namespace {
@@ -142,21 +142,20 @@ TEST_F(ModuleLoaderTest, InitializesOnceEvenAfterUnloading) {
 }
 
 TEST_F(ModuleLoaderTest, AConcurrentInitializeWaitsForTheFirst) {
-  absl::Notification loading, may_end;
+  vextest::Gate loading;
   Register({.name = "a", .load = [&] {
-              loading.Notify();
-              may_end.WaitForNotification();
+              loading.Pass();
               calls_.push_back("loaded");
               return true;
             }});
   ModuleLoader loader;
   std::thread first([&] { loader.Initialize(); });
-  loading.WaitForNotification();
+  EXPECT_TRUE(loading.WaitUntilReached());
   std::thread second([&] {
     loader.Initialize();
     calls_.push_back("second returns");
   });
-  may_end.Notify();
+  loading.Open();
   first.join();
   second.join();
   EXPECT_THAT(calls_, ElementsAre("load a", "loaded", "second returns"));

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "klbase/log_sink.h"
+#include "platform/testing/captured_output.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
@@ -34,6 +35,7 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
+using vextest::CapturedOutput;
 using vextest::ExitState;
 using vextest::ReadFile;
 using vextest::WaitFor;
@@ -216,13 +218,13 @@ TEST_F(LogTest, ASecondStartReplacesTheFile) {
 TEST_F(LogTest, AFileThatCannotBeOpenedIsSaidAndErrorsGoToStandardError) {
   std::ofstream(folder_ + "/file").close();
   file_ = folder_ + "/file/tool.log";
-  testing::internal::CaptureStderr();
+  CapturedOutput errors(STDERR_FILENO);
   EXPECT_FALSE(Open());
   KL_LOG(30, "progress");
   KL_LOG(40, "refused");
   KlLogDestory();
   KL_LOG(50, "after");
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+  EXPECT_THAT(errors.Text(),
               MatchesRegex("klbase: can't write the log file '" + file_ +
                            "': Not a directory; records of level 40 and above go to standard error "
                            "\\(KLBASE_LOG_FILE names another file\\)\n[-0-9]+ [:.0-9]+ 40 [^\n]*: refused\n"));
@@ -231,10 +233,10 @@ TEST_F(LogTest, AFileThatCannotBeOpenedIsSaidAndErrorsGoToStandardError) {
 TEST_F(LogTest, AFullDiskIsSaidOnceAndStopsNobody) {
   file_ = "/dev/full";
   ASSERT_TRUE(Open());
-  testing::internal::CaptureStderr();
+  CapturedOutput errors(STDERR_FILENO);
   for (int i = 0; i < 3; ++i) KL_LOG(30, "progress %d", i);
   KL_LOG(40, "refused");
-  const std::string said = testing::internal::GetCapturedStderr();
+  const std::string said = errors.Text();
   EXPECT_THAT(said, StartsWith("klbase: writing the log failed: "));
   EXPECT_THAT(said, HasSubstr("No space left on device; until it works again, records of level 40 and above go to "
                               "standard error\n"));
@@ -246,7 +248,7 @@ TEST_F(LogTest, AFullDiskIsSaidOnceAndStopsNobody) {
 TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {
   file_ = folder_ + "/sub/tool.log";
   ASSERT_TRUE(Open(2, 1));
-  testing::internal::CaptureStderr();
+  CapturedOutput errors(STDERR_FILENO);
   std::filesystem::remove_all(folder_ + "/sub");
   std::ofstream(folder_ + "/sub") << "in the way";
   for (int i = 0; i < 50; ++i) KL_LOG(30, "lost %d", i);
@@ -256,7 +258,7 @@ TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {
     return Content().find(": back\n") != std::string::npos;
   };
   EXPECT_TRUE(WaitFor(is_back));
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("klbase: writing the log failed: "));
+  EXPECT_THAT(errors.Text(), StartsWith("klbase: writing the log failed: "));
 }
 
 // Records used to go on into the removed file, out of sight.
@@ -309,10 +311,9 @@ TEST_F(LogTest, TheEnvironmentWins) {
 
 TEST_F(LogTest, AnEnvironmentThatIsNoNumberIsSaidAndIgnored) {
   setenv("KLBASE_LOG_LEVEL", "verbose", 1);
-  testing::internal::CaptureStderr();
+  CapturedOutput errors(STDERR_FILENO);
   ASSERT_TRUE(Open());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "klbase: KLBASE_LOG_LEVEL is 'verbose', which is not a number; ignored\n");
+  EXPECT_EQ(errors.Text(), "klbase: KLBASE_LOG_LEVEL is 'verbose', which is not a number; ignored\n");
   EXPECT_EQ(kOptionLogLevel, 20);
 }
 

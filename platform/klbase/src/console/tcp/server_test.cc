@@ -12,7 +12,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,6 +36,8 @@
 #include "console/options.h"
 #include "klbase/log.h"
 #include "platform/klbase/testing/console_test.h"
+#include "platform/testing/captured_output.h"
+#include "platform/testing/child_process.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
@@ -44,6 +45,9 @@
 namespace cli::internal {
 namespace {
 
+using vextest::CapturedOutput;
+using vextest::ExitState;
+using vextest::ForkedChild;
 using vextest::Gate;
 using vextest::LogCapture;
 using vextest::ScratchFolder;
@@ -874,10 +878,9 @@ TEST(ConsoleCreateTest, TheAddressIsAlsoShownOnStandardErrorUnlessStandardOutput
   const auto shown = [](int output_fd) {
     ConsoleOptions options;
     options.output_fd = output_fd;
-    testing::internal::CaptureStderr();
+    CapturedOutput errors(STDERR_FILENO);
     const auto console = MakeConsole(std::make_unique<Menu>("main"), options);
-    return std::pair(testing::internal::GetCapturedStderr(),
-                     "console listens on 127.0.0.1:" + std::to_string(console->Port()) + "\n");
+    return std::pair(errors.Text(), "console listens on 127.0.0.1:" + std::to_string(console->Port()) + "\n");
   };
   const auto [on_pipe, line] = shown(pipe_ends[1]);
   EXPECT_EQ(on_pipe, line);
@@ -950,34 +953,24 @@ TEST(ConsoleCreateTest, APeerThatVanishedIsNoticed) {
   ::exit(7);
 }
 
+constexpr ExitState kExitedWith7 = {7, 0};
+
 class ExitTest : public ::testing::Test {
  protected:
   ExitTest() {
     if (::pipe2(port_, O_CLOEXEC) != 0 || ::pipe2(told_, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-    child_ = ::fork();
-    if (child_ == 0) ServeUntilTold(port_[1], told_[0]);
+    child_ = std::make_unique<ForkedChild>([this] { ServeUntilTold(port_[1], told_[0]); });
     if (::read(port_[0], &console_port_, sizeof console_port_) != sizeof console_port_)
       throw std::runtime_error("port");
   }
   ~ExitTest() override {
-    if (child_ > 0) {
-      ::kill(child_, SIGKILL);
-      ::waitpid(child_, nullptr, 0);
-    }
+    child_.reset();
     for (const int fd : {port_[0], port_[1], told_[0], told_[1]}) ::close(fd);
-  }
-
-  // The exit status, or 1000 + the signal.
-  int Wait() {
-    int status = 0;
-    if (!WaitFor([&] { return ::waitpid(child_, &status, WNOHANG) == child_; })) return -1;
-    child_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
   }
 
   int port_[2];
   int told_[2];
-  pid_t child_ = -1;
+  std::unique_ptr<ForkedChild> child_;
   int console_port_ = 0;
 };
 
@@ -990,8 +983,8 @@ TEST_F(ExitTest, ExitUnderManyBusySessionsKeepsTheStatusAndTakesLessThan5Seconds
   for (auto& client : clients) client.ReceiveUntil("\n");
   const auto begin = std::chrono::steady_clock::now();
   ASSERT_EQ(::write(told_[1], "x", 1), 1);
-  EXPECT_EQ(Wait(), 7);
-#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // several times slower; Wait() has its limit
+  EXPECT_EQ(child_->WaitExit(), kExitedWith7);
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)  // several times slower; the wait has its limit
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
 #else
   static_cast<void>(begin);
@@ -1003,7 +996,7 @@ TEST_F(ExitTest, ExitOnASessionsOwnThreadKeepsTheStatus) {
   other.ReceiveUntil("main> ");
   TestClient client(console_port_);
   client.Send("exit7\n");
-  EXPECT_EQ(Wait(), 7);
+  EXPECT_EQ(child_->WaitExit(), kExitedWith7);
 }
 
 TEST(ConsoleCreateTest, SocketsAreClosedOnExec) {

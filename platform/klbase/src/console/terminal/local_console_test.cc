@@ -17,6 +17,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -30,6 +31,7 @@
 #include "console/options.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/test_screen.h"
+#include "platform/testing/child_process.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
 
@@ -340,17 +342,11 @@ class TerminalTest : public ::testing::Test {
   }
   ~TerminalTest() override {
     for (const int fd : told_) ::close(fd);
-    if (child_ > 0) {
-      ::kill(child_, SIGKILL);
-      ::waitpid(child_, nullptr, 0);
-    }
   }
 
   void Start(const std::function<void()>& before_run = {}) {
     std::cout.flush();
-    child_ = ::fork();
-    ASSERT_GE(child_, 0);
-    if (child_ == 0) RunChild(before_run);
+    child_.emplace([this, before_run] { RunChild(before_run); });
   }
 
   // Starts the console with a thread beside it that does `deed` when the test calls Tell().
@@ -366,16 +362,14 @@ class TerminalTest : public ::testing::Test {
 
   // The exit status, or 1000 + the signal.
   int Wait() {
-    int status = 0;
-    const bool ended = WaitFor([&] { return ::waitpid(child_, &status, WNOHANG) == child_; });
-    if (!ended) return -1;
-    child_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+    const auto& end = child_->WaitExit();
+    if (!end) return -1;
+    return end->signal != 0 ? 1000 + end->signal : end->code;
   }
 
   Pty pty_;
   ScratchFolder folder_;
-  pid_t child_ = -1;
+  std::optional<vextest::ForkedChild> child_;
   bool under_shell_ = false;
   const char* term_ = "xterm";
 
@@ -503,7 +497,7 @@ TEST_F(TerminalTest, AResizeIsNoticed) {
   Start();
   pty_.Until("main> ");
   pty_.Resize(20);
-  ::kill(child_, SIGWINCH);  // the pty's foreground group may not be set up for it
+  child_->Signal(SIGWINCH);  // the pty's foreground group may not be set up for it
   pty_.Type("core show version\r");
   pty_.Until("two");
 }
@@ -514,7 +508,7 @@ TEST_F(TerminalTest, AResizeRepaintsALongLineOnItsRows) {
   pty_.Type("0123456789abcdefghijklmnopqrstu");
   pty_.Until("u");
   pty_.Resize(20);
-  ::kill(child_, SIGWINCH);
+  child_->Signal(SIGWINCH);
   TestScreen screen(80, 24);
   screen.Write("main> 0123456789abcdefghijklmnopqrstu");
   screen.Resize(20, 24);
@@ -601,7 +595,7 @@ TEST_F(PasteModeTest, AtCtrlC) {
 
 TEST_F(PasteModeTest, AtAFatalSignal) {
   StartTyping();
-  ::kill(child_, SIGTERM);
+  child_->Signal(SIGTERM);
   ExpectOffAtTheEnd();
 }
 
@@ -631,7 +625,7 @@ TEST_F(TerminalTest, AFatalSignalRestoresTheTerminalAndKills) {
     Start();
     pty_.Until("main> ");
     ASSERT_TRUE(WaitFor([this] { return pty_.IsRaw(); }));
-    ::kill(child_, signal);
+    child_->Signal(signal);
     const int status = Wait();
     // A sanitizer makes an exit status of its own of a crash.
     EXPECT_NE(status, 0) << "signal " << signal;
