@@ -7,6 +7,7 @@
 
 #include "bench/v1/echo.grpc.pb.h"
 #include "child.h"
+#include "platform/testing/environment.h"
 #include "samples.h"
 
 namespace {
@@ -42,7 +43,7 @@ bool RoundTrip(bench::v1::Echo::Stub& stub, const google::protobuf::Message& mes
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string address = "unix-abstract:" + bench::UniqueName("grpc");
+  const std::string address = "unix-abstract:" + vextest::UniqueName("bench-grpc");
   bench::Child server([&address](const auto& ready) { Serve(address, ready); });
   const auto stub = bench::v1::Echo::NewStub(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()));
   google::protobuf::StringValue message;

@@ -8,6 +8,7 @@
 #include "child.h"
 #include "klrpc/api_client.h"
 #include "klrpc/api_server.h"
+#include "platform/testing/environment.h"
 #include "samples.h"
 
 namespace {
@@ -28,7 +29,7 @@ void Serve(const std::string& address, const std::function<void()>& ready) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string address = "unix-abstract:" + bench::UniqueName("klrpc");
+  const std::string address = "unix-abstract:" + vextest::UniqueName("bench-klrpc");
   bench::Child server([&address](const auto& ready) { Serve(address, ready); });
   using Options = klrpc::APIClientOptions;
   klrpc::APIClient client(std::make_unique<Options>(address, Options::reconnect_default_max_backoff_ms_,

@@ -1,14 +1,11 @@
 #include "child.h"
 
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
 
 namespace bench {
 
@@ -26,17 +23,13 @@ constexpr int kReadyTimeoutMs = 10'000;
 Child::Child(const std::function<void(const std::function<void()>& ready)>& serve) {
   int fds[2];
   if (pipe(fds) != 0) Die("cannot make a pipe");
-  pid_ = fork();
-  if (pid_ < 0) Die("cannot fork");
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+  process_.emplace([&] {
     close(fds[0]);
     serve([fd = fds[1]] {
       if (write(fd, "r", 1) != 1) _exit(1);
       close(fd);
     });
-    _exit(0);
-  }
+  });
   close(fds[1]);
   pollfd ready{fds[0], POLLIN, 0};
   char byte = 0;
@@ -44,17 +37,12 @@ Child::Child(const std::function<void(const std::function<void()>& ready)>& serv
   close(fds[0]);
 }
 
-Child::~Child() {
-  if (pid_ > 0) Stop();
-}
-
 rusage Child::Stop() {
+  process_->Signal(SIGKILL);
+  process_.reset();
   rusage used{};
-  kill(pid_, SIGKILL);
-  wait4(std::exchange(pid_, -1), nullptr, 0, &used);
+  getrusage(RUSAGE_CHILDREN, &used);  // of those that were waited for: of this one
   return used;
 }
-
-std::string UniqueName(const std::string& name) { return "bench-" + name + "-" + std::to_string(getpid()); }
 
 }  // namespace bench

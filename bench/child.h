@@ -3,32 +3,27 @@
 #define BENCH_CHILD_H_
 
 #include <sys/resource.h>
-#include <sys/types.h>
 
 #include <functional>
-#include <string>
+#include <optional>
+
+#include "platform/testing/child_process.h"
 
 namespace bench {
 
 // Runs `serve(ready)` in a child; the child calls `ready` once it takes requests. The constructor returns then, or ends
 // the program with a message when the child has not called it within 10 s. The destructor kills the child, which also
-// ends when this process does.
+// ends when this process does. The only child of its process.
 class Child {
  public:
   explicit Child(const std::function<void(const std::function<void()>& ready)>& serve);
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  ~Child();
 
   // Kills the child, once, and returns all that it has used since it was forked.
   rusage Stop();
 
  private:
-  pid_t pid_ = -1;
+  std::optional<vextest::ForkedChild> process_;
 };
-
-// "bench-NAME-PID": unique to this run.
-std::string UniqueName(const std::string& name);
 
 }  // namespace bench
 

@@ -17,6 +17,7 @@ namespace {
 
 constexpr int kAnswerTimeoutSeconds = 5;
 
+// By plain calls: the test kit's TcpClient polls before each read, which would be measured too.
 int Connect(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};

@@ -24,6 +24,7 @@ struct Client {
   std::string answer;
 };
 
+// By plain calls: the test kit's TcpClient waits for one connection at a time, and this one thread serves them all.
 int Connect(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
