@@ -15,7 +15,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 
-// The menu's own entry (the root has none), and what it holds.
+// The menu's own entry (the root has none), and those of its commands.
 void ListMenu(const Menu& menu, std::ostream& out) {
   if (menu.Parent() != nullptr) menu.Help(out);
   for (const auto& command : menu.Commands()) command->Help(out);
@@ -27,7 +27,7 @@ struct Call {
   const CommandVector& builtins;
 };
 
-// Finds the entries of `words` (a command, or menus and a command) and shows them; of a menu, what it holds too.
+// Finds the entries of `words` (a command, or menus and a command) and shows them; for a menu also its commands.
 void HelpOn(const Call& call, const Arguments& words) {
   const Walk walk = FollowMenus(call.session.Path(), call.builtins, words);
   std::ostream& out = call.session.OutStream();
@@ -48,6 +48,7 @@ void Help(const Call& call, const Arguments& words) {
   std::ostream& out = call.session.OutStream();
   for (const auto& command : call.session.CurrentMenu().Commands()) command->Help(out);
   for (const auto& command : call.builtins) {
+    // At the root the ways back lead nowhere, and "?" is only a second name: they are not listed.
     const bool way_back = command->Name() == ".." || command->Name() == call.session.Path().Root().Name();
     const bool second_name = command->Name() == "?";
     if (second_name || (way_back && call.session.Path().AtRoot())) continue;
@@ -55,7 +56,7 @@ void Help(const Call& call, const Arguments& words) {
   }
 }
 
-// As the line editor shows them: what no terminal should get is written out.
+// As the line editor shows them: characters that a terminal would act on are written out.
 void ShowHistory(const Call& call, const Arguments&) {
   std::size_t number = 0;
   for (const auto& line : call.session.History()) {
@@ -110,6 +111,7 @@ void Who(const Call& call, const Arguments&) {
   }
 }
 
+// Words behind the root's name run as in the root menu, without going there.
 void GoToRoot(const Call& call, const Arguments& words) {
   if (words.empty()) {
     call.session.Enter(call.session.Path().Root());

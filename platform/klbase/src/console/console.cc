@@ -25,14 +25,15 @@
 namespace cli::internal {
 namespace {
 
-// What the console's threads use. Kept by the console, by who is in Run() or Stop(), and for good when a command could
-// not be ended.
+// The state that the console's threads share. Kept alive by the console, by a thread in Run() or in the exit handler,
+// and for good when a command could not be ended.
 class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enable_shared_from_this<ConsoleRuntime> {
  public:
   ConsoleRuntime(std::unique_ptr<Menu> root, const ConsoleOptions& options)
       : options_(options), root_(std::move(root)), table_(options.max_sessions) {
     if (!root_) throw std::invalid_argument("the console needs a root menu");
     builtins_ = MakeBuiltins(root_->Name());
+    // Throws when the port can't be used, before any plugin is created.
     server_ = MakeServer(options_, {&table_, [this] { return NewConfig(); }});
     plugins_ = Registration::CreateAll(root_.get());
     if (options_.local_console) {
@@ -81,11 +82,13 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
         return !stuck_;
       }
     }
+    // The I/O thread reaps the sessions whose commands have ended, so it runs until none is left or the time is over.
     server_->Finish();
     const bool ended = WaitForRun() && table_.WaitUntilEmpty(options_.stop);
     server_->Stop();
     if (!ended) {
       KL_LOG(40, "console: a command did not end in time and is left alone\n");
+      // The command still uses its session and the menus: all of it stays until the process is gone.
       for (const auto& session : table_.All()) session->Thread().Detach();
       KeepForGood(shared_from_this());
     }
@@ -159,6 +162,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
   }
 
   const ConsoleOptions options_;
+  // Destroyed from the last to the first: the transports, then the plugins, then the menus that these worked on.
   const std::shared_ptr<Menu> root_;
   SessionTable table_;
   std::shared_ptr<const Builtins> builtins_;
@@ -168,6 +172,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
 
   absl::Mutex mutex_;
   klbase::SteadyCondVar changed_;
+  // Set with the lock held, so that no waiter misses it; atomic because Run() also looks at it without the lock.
   std::atomic<bool> stop_requested_{false};
   bool running_ ABSL_GUARDED_BY(mutex_) = false;
   pthread_t run_thread_ ABSL_GUARDED_BY(mutex_){};

@@ -29,6 +29,7 @@ Consoles& AllConsoles() {
 std::atomic<bool> g_exiting{false};
 std::atomic<std::thread::id> g_exit_thread{};
 
+// Registered once per console; the first call stops them all.
 void StopAll(int status, void*) {
   g_exit_thread = std::this_thread::get_id();
   g_exiting = true;
@@ -54,7 +55,8 @@ void StopAtExit(const std::shared_ptr<StopsAtExit>& console) {
     std::erase_if(consoles.list, [](const auto& weak) { return weak.expired(); });
     consoles.list.push_back(console);
   }
-  // Each time: what was constructed since the last console is destroyed after this one is stopped.
+  // Anew for each console: exit handlers and destructors of static objects run in the reverse order of their
+  // registration, so all objects that were constructed before this console are still there when it is stopped.
   ::on_exit(StopAll, nullptr);
 }
 

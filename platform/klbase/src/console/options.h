@@ -1,4 +1,4 @@
-// What a console is told when it is created. Tests shorten the times.
+// A console's settings. Tests shorten the times.
 #ifndef KLBASE_CONSOLE_OPTIONS_H_
 #define KLBASE_CONSOLE_OPTIONS_H_
 
@@ -13,14 +13,14 @@ struct ConsoleOptions {
   bool local_console = false;
   int port = 0;
   std::string address = "127.0.0.1";
-  std::string password_file;  // "" lets everybody in who reaches the port
+  std::string password_file;  // "": no password is asked for
   int max_sessions = 64;      // on connections; the local terminal is not counted
   std::string history_file;   // of the local terminal
   int input_fd = STDIN_FILENO;
   int output_fd = STDOUT_FILENO;
 
   std::chrono::milliseconds sniff{100};         // a program speaks first
-  std::chrono::milliseconds reader{30'000};     // an operator who takes nothing for so long is gone
+  std::chrono::milliseconds reader{30'000};     // an operator who reads nothing for so long is gone
   std::chrono::milliseconds login{60'000};      // to give the password
   std::chrono::milliseconds login_delay{1000};  // after a wrong one
   std::chrono::milliseconds linger{1000};       // for the last bytes to arrive
@@ -28,7 +28,7 @@ struct ConsoleOptions {
   std::chrono::milliseconds drain{1000};        // for readers when the console ends
 };
 
-// The options with what the environment says: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE and
+// The options, with those that the environment sets: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE and
 // KLBASE_CONSOLE_MAX_SESSIONS. Throws std::runtime_error for a value that makes no sense.
 ConsoleOptions OptionsFromEnvironment(bool local_console, int port);
 

@@ -51,6 +51,7 @@ bool OutputBuffer::Print(std::string_view text) {
     if (text.empty()) return true;
     AppendConvertedLocked(text);
     line_start_ = text.back() == '\n';
+    // While the reader takes nothing, a write would only fail again: the transport waits for it and writes then.
     if (PendingLocked() < kFlushSize || (blocked_ && PendingLocked() <= kMaxPending)) return true;
   }
   FlushUnlessBlocked();
@@ -96,6 +97,7 @@ bool OutputBuffer::Flush() {
     const bool was_blocked = blocked_;
     WriteLocked();
     done = PendingLocked() == 0;
+    // For news only: while the reader takes nothing, the transport has heard so and is waiting already.
     call = (was_open && fd_ < 0) || (blocked_ && !was_blocked);
   }
   if (call && attention_) attention_();
@@ -125,7 +127,7 @@ void OutputBuffer::WriteLocked() {
       fd_ = -1;
     }
   }
-  if (fd_ < 0) written_ = pending_.size();
+  if (fd_ < 0) written_ = pending_.size();  // nobody is left to read it
   if (PendingLocked() == 0) {
     // An idle session keeps no large buffer.
     if (pending_.capacity() > kFlushSize) {
@@ -135,10 +137,13 @@ void OutputBuffer::WriteLocked() {
     }
     written_ = 0;
   } else if (written_ > kMaxPending) {
+    // Now and then only: dropping the written part with each write would move the rest each time.
     pending_.erase(0, std::exchange(written_, 0));
   }
+  // A reader that has taken some of it is slow, not stalled: its time begins anew.
   if (blocked && (progress || !blocked_)) blocked_since_ = Clock::now();
   blocked_ = blocked;
+  // Two kinds of waiters: WaitForRoom() waits for less than the limit, WaitUntilWritten() for an empty buffer.
   const bool emptied = progress && PendingLocked() == 0;
   if (fd_ < 0 || emptied || (was_full && PendingLocked() <= kMaxPending)) room_.SignalAll();
 }

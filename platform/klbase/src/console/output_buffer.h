@@ -1,4 +1,4 @@
-// What waits to be written to one operator: a bounded buffer before a file descriptor that may not take all at once.
+// Output on its way to one operator: a bounded buffer before a file descriptor that may not take all at once.
 #ifndef KLBASE_CONSOLE_OUTPUT_BUFFER_H_
 #define KLBASE_CONSOLE_OUTPUT_BUFFER_H_
 
@@ -44,30 +44,30 @@ class OutputBuffer {
   OutputBuffer(int fd, Target target, std::function<void()> attention);
 
   void SetText(Text text);
-  // Appends what an operator reads. Dropped once closed.
+  // Appends text for the operator: echo, prompts, answers. Dropped once closed.
   void Append(std::string_view text);
-  // Appends what a command prints, writes it when it is a lot, and blocks while more than kMaxPending bytes wait. Where
+  // Appends a command's output, writes it when it is a lot, and blocks while more than kMaxPending bytes wait. Where
   // the reader takes nothing, only the transport tries again, when the descriptor is writable. False once closed.
   bool Print(std::string_view text);
   // Appends protocol bytes.
   void AppendRaw(std::string_view bytes);
   // Begins a new line unless the last text ended one.
   void FreshLine();
-  // Says that what comes next stands at the start of a line: the operator's Enter key moved on.
+  // Says that the next text stands at the start of a line, because the operator's Enter key moved the cursor there.
   void MarkLineStart();
 
-  // Writes what can be written now. True when nothing is left (also because it is closed).
+  // Writes as much as can be written now. True when nothing waits any more (also because it is closed).
   bool Flush();
   // The same, unless the reader takes nothing and the transport waits for it.
   void FlushUnlessBlocked();
   // Blocks while more than kMaxPending bytes wait. False once closed.
   bool WaitForRoom();
-  // Blocks until all is written: for a reader who must see what came first before anything else happens. False once
-  // closed, or when ReleaseWriters() has been called.
+  // Blocks until all is written, for a reader that must have it before anything else happens. False once closed, or
+  // when ReleaseWriters() has been called.
   bool WaitUntilWritten();
   // The console ends: nobody waits in WaitUntilWritten() any more.
   void ReleaseWriters();
-  // Drops what is left and wakes all waiters; the descriptor is not used any more when it returns.
+  // Drops the rest and wakes all waiters; the descriptor is not used any more when it returns.
   void Close();
 
   bool Closed() const;

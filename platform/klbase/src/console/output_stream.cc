@@ -3,7 +3,7 @@
 namespace cli::internal {
 
 OutputStream::OutputStream(OutputBuffer* output) : std::ostream(nullptr), buffer_(output) {
-  rdbuf(&buffer_);  // which the base class, made first, could not have been given
+  rdbuf(&buffer_);  // the base class is constructed before buffer_, so it can't be given it
 }
 
 void OutputStream::Reset() {

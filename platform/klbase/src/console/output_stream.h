@@ -9,8 +9,8 @@
 
 namespace cli::internal {
 
-// Gives what is printed to the OutputBuffer at once; blocks there while the operator doesn't read, and has its badbit
-// set once that is closed. One thread at a time. `output` must outlive it.
+// Passes each piece of text to the OutputBuffer at once; blocks there while the operator doesn't read, and has its
+// badbit set once the buffer is closed. One thread at a time. `output` must outlive it.
 class OutputStream : public std::ostream {
  public:
   explicit OutputStream(OutputBuffer* output);

@@ -72,7 +72,7 @@ bool CommandRunner::Dispatch(const std::vector<std::string>& words) {
   return false;
 }
 
-// Of the exception that is being handled.
+// The answer for the exception that is being handled.
 std::string CommandRunner::ExplainFailure(const std::vector<std::string>& words) const {
   const std::string text = FailureText(std::current_exception());
   KL_LOG(40, "console session %d: command %s failed: %s\n", config_.session_id, words.front().c_str(), text.c_str());

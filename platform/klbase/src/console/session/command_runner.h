@@ -1,4 +1,4 @@
-// Runs the lines of a session: finds the command, calls it, and says why where it can't.
+// Runs the lines of a session: finds the command and calls it, or says why it can't.
 #ifndef KLBASE_CONSOLE_SESSION_COMMAND_RUNNER_H_
 #define KLBASE_CONSOLE_SESSION_COMMAND_RUNNER_H_
 
@@ -19,8 +19,8 @@
 namespace cli::internal {
 
 // The Session that commands see: its menu path and its output stream. Owned by the console's session; used by the
-// holder of that one's lease, commands run on whatever thread that is. MenuName() may be called from any thread; the
-// mutex guards that name only.
+// holder of its lease, on whose thread the commands run. MenuName() may be called from any thread; the mutex guards
+// that name only.
 class CommandRunner : private SessionControl {
  public:
   struct Config {
@@ -36,7 +36,7 @@ class CommandRunner : private SessionControl {
 
   explicit CommandRunner(Config config);
 
-  // Runs `line`. What a command throws becomes a line of the output, and a record.
+  // Runs `line`. An exception that a command throws becomes a line of the output, and a record.
   void Run(const std::string& line);
 
   const MenuPath& Path() const override { return path_; }

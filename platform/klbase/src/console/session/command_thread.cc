@@ -54,7 +54,7 @@ void CommandThread::Main(Host& host) {
   while (auto line = WaitForLine()) host.RunLines(std::move(*line));
   {
     absl::MutexLock lock(&mutex_);
-    ended_ = true;
+    ended_ = true;  // before the host is told: that has the session reaped, which asks Done() first
   }
   host.ThreadEnded();
 }

@@ -16,11 +16,11 @@ namespace cli::internal {
 // called from any thread. Its mutex guards the hand-over only and is not held while a line runs.
 class CommandThread {
  public:
-  // What runs on the thread, and is kept alive by it.
+  // The work of the thread, which keeps its host alive.
   class Host {
    public:
     virtual ~Host() = default;
-    // Runs `line`, and those that it finds behind it.
+    // Runs `line`, and the lines that wait behind it.
     virtual void RunLines(std::string line) = 0;
     // Comes last: the thread does nothing more and can be joined.
     virtual void ThreadEnded() = 0;

@@ -114,7 +114,7 @@ std::optional<std::string> ConsoleSession::NextLine() {
   return std::nullopt;
 }
 
-// Takes over the input that came and does what others asked for. False when there is nothing to do: the lease is given
+// Takes over new input and serves the requests of other threads. False when there is nothing to do: the lease is given
 // back then.
 bool ConsoleSession::DoWork() {
   InputQueue::Work work = queue_.Next(reader_.HasUnread());
@@ -192,7 +192,7 @@ void ConsoleSession::RunLines(std::string line) {
   std::optional<std::string> next = std::move(line);
   while (next) {
     RunLine(*next);
-    // A file or a pipe may be shared with what runs next: its output must come behind this.
+    // A file or a pipe may be shared with programs that the next command starts: their output must come behind this.
     config_.kind == SessionKind::kPlain ? config_.output->WaitUntilWritten() : config_.output->WaitForRoom();
     next = NextLine();
   }
@@ -202,7 +202,7 @@ void ConsoleSession::RunLines(std::string line) {
 void ConsoleSession::RunLine(const std::string& line) {
   if (queue_.Ended()) return;
   notices_.CommandBegins();
-  // The programs that a command starts write to this terminal by themselves: what was typed stands before that.
+  // The programs that a command starts write to this terminal by themselves: the typed line must stand before that.
   if (config_.kind == SessionKind::kTerminal) config_.output->Flush();
   if (LoggedIn()) {
     history_.Add(line);

@@ -49,8 +49,9 @@ struct SessionConfig {
 // Owned (shared) by its transport, by the table of sessions and by its command thread.
 //
 // The transport's thread delivers input and events; a command thread, started with the first line, runs the lines. The
-// line reader, the history, the login and the menu path belong to whoever holds the input queue's lease: the transport
-// (or who posts a notice) while a line is typed, the command thread from a whole line until all input is used up.
+// line reader, the history, the login and the menu path belong to the holder of the input queue's lease: the transport
+// (or a thread that posts a notice) while a line is typed, the command thread from a whole line until all input is used
+// up.
 // The session has no lock of its own: its parts have theirs, and call nothing of each other's while they hold them.
 class ConsoleSession : private CommandThread::Host, public std::enable_shared_from_this<ConsoleSession> {
  public:
@@ -63,12 +64,12 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   bool OnInput(std::string_view bytes);
   // Ctrl-C out of the stream's order: drops the typed line and all lines that wait.
   void OnInterrupt() { OnInput("\x03"); }
-  // No more input comes: runs what came, then ends.
+  // No more input comes: runs the lines that have come, then ends.
   void OnEndOfInput();
   void ChangeTerminal(const TerminalChange& change);
 
   // --- Any thread.
-  // Shows whole lines that are no command's output, above the line that is being typed.
+  // Shows whole lines that are not a command's output, above the line that is being typed.
   void Notice(std::string_view text);
   // Takes the line that is being typed off the screen and shows it again, after something else drew over it.
   void Redraw() { Notice({}); }

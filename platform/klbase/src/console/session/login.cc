@@ -23,7 +23,7 @@ Login::Answer Login::Try(const std::string& password) {
 Login::Answer Login::Refuse() {
   ++failures_;
   KL_LOG(40, "console session %d from %s: wrong password\n", operator_.session_id, operator_.peer.c_str());
-  WaitUnlessClosed(rules_->delay_after_failure);  // before the answer: who guesses can't go on without it
+  WaitUnlessClosed(rules_->delay_after_failure);  // before the answer: a guesser can't go on without it
   output_->Append("Wrong password.\n");
   return failures_ >= rules_->tries || !operator_.interactive ? Answer::kRefused : Answer::kAskAgain;
 }

@@ -1,4 +1,4 @@
-// Whole lines that are no command's output, waiting for their turn in a session's output.
+// Whole lines that are not a command's output, waiting for their turn in a session's output.
 #ifndef KLBASE_CONSOLE_SESSION_NOTICES_H_
 #define KLBASE_CONSOLE_SESSION_NOTICES_H_
 
@@ -11,8 +11,9 @@
 
 namespace cli::internal {
 
-// While a command runs nothing is being typed, so a notice goes out at once, between what the command printed before
-// and prints after. Otherwise it is kept for the lease holder, who takes the typed line off the screen first.
+// While a command runs nothing is being typed, so a notice goes out at once, between text that the command printed
+// before and text that it prints after. Otherwise it is kept for the lease holder, which takes the typed line off the
+// screen first.
 //
 // Owned by the session. Any thread posts and closes; the rest is the lease holder's. Its mutex is held while the output
 // takes text, so that a notice can't come in behind the prompt that follows a command.
@@ -28,12 +29,12 @@ class Notices {
   Notices(OutputBuffer* output, bool fresh_line) : output_(output), fresh_line_(fresh_line) {}
 
   Posted Post(std::string_view text);
-  // Shows what was kept, above the command's output.
+  // Shows the kept notices, above the command's output.
   void CommandBegins();
   void CommandEnds();
-  // What was kept, for the caller to show.
+  // The kept notices, for the caller to show.
   std::string Take();
-  // The same, when no line is typed any more: what comes later is shown at once.
+  // The same, when no line is typed any more: later notices are shown at once.
   std::string TakeLast();
   // Drops all.
   void Close();

@@ -6,6 +6,7 @@
 namespace cli::internal {
 
 SessionSlot SessionTable::TakeSlot() {
+  // Compared and counted in one step: two connections must not both get the last slot.
   int taken = taken_->load();
   do {
     if (taken >= max_slots_) return {};
@@ -27,7 +28,7 @@ void SessionTable::Add(std::shared_ptr<ConsoleSession> session, SessionSlot slot
 void SessionTable::SetSlot(int id, SessionSlot slot) {
   absl::MutexLock lock(&mutex_);
   const auto found = entries_.find(id);
-  if (found != entries_.end()) found->second.slot = std::move(slot);
+  if (found != entries_.end()) found->second.slot = std::move(slot);  // else it is free again at once
 }
 
 void SessionTable::Reap(int id) {
@@ -35,6 +36,7 @@ void SessionTable::Reap(int id) {
   {
     absl::MutexLock lock(&mutex_);
     const auto found = entries_.find(id);
+    // Called when the session is closed and when its thread ends: the later of the two finds it done.
     if (found == entries_.end() || !found->second.session->Thread().Done()) return;
     entry = std::move(found->second);
     entries_.erase(found);
@@ -56,6 +58,7 @@ bool SessionTable::WaitUntilEmpty(std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   absl::MutexLock lock(&mutex_);
   for (;;) {
+    // A command that calls exit() waits here on its own thread, which can't end before.
     const bool others = std::any_of(entries_.begin(), entries_.end(),
                                     [](const auto& entry) { return !entry.second.session->Thread().IsCurrent(); });
     if (!others) return true;

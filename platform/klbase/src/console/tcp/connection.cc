@@ -39,8 +39,8 @@ void SetOptions(int fd) {
   constexpr int kIntervalSeconds = 10;  // so often,
   constexpr int kProbes = 3;            // so many times, before its slot is given to others
   constexpr int kUnackedMs = 60'000;    // the same for a peer that vanished while bytes are under way
-  // The kernel doubles it. Without a bound it takes megabytes of what a client that doesn't read will never see, and
-  // the commands that print them keep the processor from the others.
+  // The kernel doubles it. Without a bound it takes megabytes that a client which doesn't read will never see, and the
+  // commands that print them keep the processor from the others.
   constexpr int kSendBufferBytes = 128 << 10;
   SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -70,6 +70,8 @@ Connection::~Connection() {
 void Connection::Start(SessionSlot slot) {
   slot_ = std::move(slot);
   SetOptions(socket_.native_handle());
+  // Weak, because the session shares the buffer and may outlive the connection; posted, because the call comes on
+  // whatever thread has written.
   output_ =
       std::make_shared<OutputBuffer>(socket_.native_handle(), OutputBuffer::Target::kSocket, [self = weak_from_this()] {
         const auto connection = self.lock();
@@ -89,6 +91,7 @@ void Connection::Refuse(std::string_view text) {
 
 void Connection::Finish(std::string_view notice) {
   console_ends_ = true;
+  // All is sent, and no unread input is left that would reset the connection: the client need not be waited for.
   if (phase_ == Phase::kLingering && NothingUnread()) return Close();
   if (session_) {
     session_->Finish(session_->Kind() == SessionKind::kTelnet ? notice : "");
@@ -119,7 +122,7 @@ void Connection::PostEnded() {
   asio::post(io_, [self = shared_from_this()] { self->Drain(); });
 }
 
-// One-shot and not cancelled: what it calls looks whether it still matters.
+// One-shot and never cancelled: `then` checks whether it still matters.
 void Connection::After(std::chrono::milliseconds time, void (Connection::*then)()) {
   auto timer = std::make_unique<asio::steady_timer>(io_, time);
   auto& waiting = *timer;
@@ -166,6 +169,7 @@ void Connection::OnSniffed() {
   Read();
 }
 
+// The client is silent: an operator's, which waits for the server to speak first.
 void Connection::OnSniffEnd() {
   if (phase_ == Phase::kSniffing) Serve(SessionKind::kTelnet, true);
 }
@@ -195,7 +199,7 @@ void Connection::Read() {
   if (count > 0) {
     Deliver({buffer.data(), static_cast<std::size_t>(count)});
   } else if (count == 0) {
-    input_ = Input::kEnded;
+    input_ = Input::kEnded;  // it may still read: the lines that have come are run and answered
     if (phase_ == Phase::kLingering) return Close();
     if (session_) session_->OnEndOfInput();
     return;
@@ -207,17 +211,18 @@ void Connection::Read() {
 }
 
 void Connection::Deliver(std::string_view bytes) {
-  if (phase_ != Phase::kServing) return;  // nobody wants it any more; read so that the close is a clean one
+  if (phase_ != Phase::kServing) return;  // dropped, but read: unread input would spoil the close
   if (filter_) {
     filter_->Receive(bytes, *this);
     SendReplies();
   } else {
     OnData(bytes);
   }
+  // The bytes may have completed a line, whose output is to be seen while it runs.
   if (CommandRunning()) owner_.CommandStarted();
 }
 
-// Input waits while the session has enough of it, or while the client doesn't read what it causes.
+// Input waits while the session has enough of it, or while the client doesn't read the output that it causes.
 void Connection::ReadOn() {
   if (phase_ == Phase::kClosed || input_ == Input::kEnded) return;
   if (phase_ == Phase::kLingering && console_ends_ && NothingUnread()) return Close();
@@ -255,10 +260,11 @@ void Connection::OnStallCheck() {
   if (stalled >= limit) return Abort("it does not read what it is sent");
   if (stalled.count() == 0 && output_->Pending() == 0) return;
   pending_.stall_check = true;
+  // The earliest time at which the limit can have passed; `stalled` was rounded down, by less than the millisecond.
   After(limit - stalled + std::chrono::milliseconds(1), &Connection::OnStallCheck);
 }
 
-// The session runs nothing more: sends what is left.
+// The session runs nothing more: sends the rest of its output.
 void Connection::Drain() {
   if (phase_ == Phase::kDraining || phase_ == Phase::kLingering || phase_ == Phase::kClosed) return;
   phase_ = Phase::kDraining;
@@ -289,14 +295,16 @@ void Connection::OnLingerEnd() { Close(); }
 void Connection::Close() {
   if (std::exchange(phase_, Phase::kClosed) == Phase::kClosed) return;
   const auto self = shared_from_this();  // the owner's reference goes now
+  // Before the socket: threads that print write to its descriptor, whose number may be another file's soon.
   output_->Close();
   std::error_code ignored;
   socket_.close(ignored);
+  // In this order: the owner reaps the session, which must be closed for that.
   if (session_) session_->Close();
   owner_.Closed(*this);
 }
 
-// --- what the telnet filter found
+// --- TelnetFilter::Receiver
 
 void Connection::OnData(std::string_view bytes) {
   if (!session_->OnInput(bytes)) input_ = Input::kHeldBack;

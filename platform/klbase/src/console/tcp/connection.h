@@ -1,4 +1,5 @@
-// One TCP connection: finds out who speaks, carries bytes between the socket and a session, and closes in good order.
+// One TCP connection: tells operators from programs, carries bytes between the socket and a session, and closes in good
+// order.
 #ifndef KLBASE_CONSOLE_TCP_CONNECTION_H_
 #define KLBASE_CONSOLE_TCP_CONNECTION_H_
 
@@ -34,13 +35,13 @@ class ConnectionOwner {
   // Input is read into one buffer for all connections: an idle one keeps none.
   virtual std::string& ReadBuffer() = 0;
   virtual std::shared_ptr<ConsoleSession> OpenSession(Connection& connection, SessionKind kind) = 0;
-  // A command runs: what it prints must be written while it does.
+  // A command runs: its output must be written meanwhile.
   virtual void CommandStarted() = 0;
   // The socket is closed. `connection` is forgotten.
   virtual void Closed(Connection& connection) = 0;
 };
 
-// Used on the I/O thread, except for what says otherwise. Kept alive by its pending operations and its owner.
+// Used on the I/O thread, except where a function says otherwise. Kept alive by its pending operations and its owner.
 class Connection : public std::enable_shared_from_this<Connection>,
                    public ServedConnection,
                    private TelnetFilter::Receiver {
@@ -76,7 +77,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   // Passed through from the first to the last; some are left out.
   enum class Phase {
     kSniffing,   // waits for the client's first byte
-    kServing,    // the session takes what comes
+    kServing,    // the session takes the input
     kDraining,   // nothing runs any more; the rest of the output goes out, input is dropped
     kLingering,  // all is sent, and the client was told so; waits for its close, input is dropped
     kClosed,
@@ -133,7 +134,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   Input input_ = Input::kWanted;
   Pending pending_;
   bool dumb_terminal_ = false;
-  bool console_ends_ = false;  // a client of which nothing is unread is not waited for
+  bool console_ends_ = false;  // a client whose input is all read is not waited for
 };
 
 }  // namespace cli::internal

@@ -22,9 +22,9 @@ class Drain {
   Drain(asio::io_context& io, const ServedConnections& connections, std::chrono::milliseconds patience);
 
   // Each connection runs no further line, hears that the console ends, and closes once its client has read all. When
-  // `patience` has passed, those that are left are closed with what they have not read. A connection whose command
-  // still runs stays, to show what that says, as long as its client reads. To be called once, when no more connections
-  // come; returns at once.
+  // `patience` has passed, the rest are closed, and the output that they have not read is lost. A connection whose
+  // command still runs stays, to show its output, as long as its client reads. To be called once, when no more
+  // connections come; returns at once.
   void Begin();
 
  private:

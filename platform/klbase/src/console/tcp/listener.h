@@ -17,8 +17,9 @@
 
 namespace cli::internal {
 
-// Where these options want to listen. Throws std::runtime_error, with a text for the operator, for a port out of range,
-// for an address that is none, and for one that other machines can reach while no password file is set.
+// The endpoint that these options ask for. Throws std::runtime_error, with a text for the operator, for a port out of
+// range, for text that is not an IP address, and for an address that other machines can reach while no password file is
+// set.
 asio::ip::tcp::endpoint EndpointFor(const ConsoleOptions& options);
 
 // Listens from its creation on, accepts from Start() on. Owned by the server; the I/O thread, or any while that doesn't
@@ -36,7 +37,7 @@ class Listener {
   Listener(asio::io_context& io, const asio::ip::tcp::endpoint& endpoint, Accepted accepted);
 
   void Start();
-  // Accepts no more: who connects from now on is refused by the kernel.
+  // Accepts no more: the kernel refuses connections from now on.
   void Close();
 
   // The endpoint that was bound, which port 0 leaves to the kernel. Any thread.

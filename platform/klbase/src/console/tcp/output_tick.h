@@ -1,4 +1,4 @@
-// The clock by which operators see what a running command prints.
+// Output of a running command is written every 20 ms.
 #ifndef KLBASE_CONSOLE_TCP_OUTPUT_TICK_H_
 #define KLBASE_CONSOLE_TCP_OUTPUT_TICK_H_
 
@@ -18,7 +18,7 @@ namespace cli::internal {
 // for all connections at once; without one it costs nothing. Owned by the server; the I/O thread.
 class OutputTick {
  public:
-  static constexpr auto kPeriod = std::chrono::milliseconds(20);  // not noticed by an operator
+  static constexpr auto kPeriod = std::chrono::milliseconds(20);  // too short to be noticed by an operator
 
   // `io` and `connections`, those that are open, must outlive it.
   OutputTick(asio::io_context& io, const ServedConnections& connections);

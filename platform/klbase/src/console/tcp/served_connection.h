@@ -21,12 +21,12 @@ class ServedConnection {
   // Its session may run commands.
   virtual bool LoggedIn() const = 0;
   virtual bool CommandRunning() const = 0;
-  // How long the client has taken nothing of what waits for it; zero when nothing waits.
+  // How long output has waited without the client taking any of it; zero when none waits.
   virtual OutputBuffer::Clock::duration StalledFor() const = 0;
 
-  // Writes what the running command has printed, unless the client takes nothing.
+  // Writes the running command's output, unless the client takes nothing.
   virtual void FlushOutput() = 0;
-  // Runs no further line, says `notice` to an operator, sends what is to be sent, and closes.
+  // Runs no further line, says `notice` to an operator, sends the rest of the output, and closes.
   virtual void Finish(std::string_view notice) = 0;
   // Closes now; `why` is for the log. The server forgets the connection before this returns.
   virtual void Abort(const char* why) = 0;

@@ -38,7 +38,7 @@ bool AcceptFirstLine(int session_id, const std::string& peer, std::string_view l
   return false;
 }
 
-// Joins the parts: owns the I/O thread and the open connections, and hands what one part learns to another.
+// Joins the parts: owns the I/O thread and the open connections, and passes events from one part to another.
 class ServerImpl : public Server, public ConnectionOwner {
  public:
   // `passwords` is null when no password is asked for.
@@ -57,7 +57,7 @@ class ServerImpl : public Server, public ConnectionOwner {
 
   void Start() override {
     listener_.Start();
-    // The thread handles no signals: it would be the one that runs a handler which waits for it.
+    // The thread handles no signals: a handler that stops the console would wait for the thread that it runs on.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

@@ -16,7 +16,7 @@ namespace cli::internal {
 
 class Server {
  public:
-  // What a session on a connection is made of besides its transport.
+  // The parts of a session on a connection besides its transport.
   struct Parts {
     SessionTable* table = nullptr;
     std::function<SessionConfig()> session_config;
@@ -30,10 +30,10 @@ class Server {
   virtual std::string Address() const = 0;
   // Joins the session's thread and forgets it, once it is closed and done. Any thread.
   virtual void PostReap(int session_id) = 0;
-  // Accepts no more; each connection finishes its command, is sent what is left and is closed; a reader gets
+  // Accepts no more; each connection finishes its command, is sent the rest and is closed; a reader gets
   // `options.drain` for that. Any thread but the I/O thread. When it returns no session opens any more.
   virtual void Finish() = 0;
-  // Ends the I/O thread and closes what is still open. Not on the I/O thread.
+  // Ends the I/O thread and closes the connections that are still open. Not on the I/O thread.
   virtual void Stop() = 0;
 };
 

@@ -9,7 +9,7 @@
 namespace cli::internal {
 namespace {
 
-// What we do ourselves (WILL) and let the client do (DO). Everything else is refused, LINEMODE too: the line is edited
+// Options that we do (WILL) and let the client do (DO). All others are refused, LINEMODE too: the line is edited
 // here. BINARY is let through in both directions because nothing changes by it: bytes above 127 are UTF-8 anyway.
 constexpr telnet_telopt_t kOptions[] = {
     {TELNET_TELOPT_ECHO, TELNET_WILL, TELNET_DONT}, {TELNET_TELOPT_SGA, TELNET_WILL, TELNET_DO},
@@ -79,7 +79,7 @@ void TelnetFilter::Handle(const telnet_event_t& event) {
       if (event.ttype.cmd == TELNET_TTYPE_IS) receiver_->OnTerminalType(event.ttype.name);
       break;
     case TELNET_EV_COMPRESS:
-      // The library inflates what follows although compression was never offered.
+      // The library inflates all later bytes although compression was never offered.
       Fail("compression was not offered");
       break;
     case TELNET_EV_WARNING:

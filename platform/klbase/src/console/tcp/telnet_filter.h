@@ -14,7 +14,7 @@ namespace cli::internal {
 
 class TelnetFilter {
  public:
-  // What came in, in its order. Called from Receive() only.
+  // Gets the input in its order. Called from Receive() only.
   class Receiver {
    public:
     virtual ~Receiver() = default;
@@ -35,7 +35,7 @@ class TelnetFilter {
   TelnetFilter(const TelnetFilter&) = delete;
   TelnetFilter& operator=(const TelnetFilter&) = delete;
 
-  // Offers what the server offers when it speaks first: WILL ECHO, WILL SGA, DO NAWS, DO TTYPE.
+  // Makes the offers of a server that speaks first: WILL ECHO, WILL SGA, DO NAWS, DO TTYPE.
   void Offer();
   // Takes the offer to echo back, for a terminal that can't be driven.
   void StopEcho();

@@ -73,7 +73,7 @@ void LocalConsole::Open() {
   config.kind = terminal_ ? SessionKind::kTerminal : SessionKind::kPlain;
   config.peer = "local";
   config.output = output_;
-  if (terminal_) config.history_file = options_.history_file;  // a script's lines are no operator's
+  if (terminal_) config.history_file = options_.history_file;  // a script's lines are not an operator's
   config.want_input = [this] {
     want_input_ = true;
     Wake();
@@ -109,10 +109,10 @@ void LocalConsole::Serve() {
   }
 }
 
-// Waits for input, room for output, a signal or a call from another thread, and handles what came. False when polling
-// itself fails, which nothing can be done about.
+// Waits for input, room for output, a signal or a call from another thread, and handles it. False when polling itself
+// fails, which nothing can be done about.
 bool LocalConsole::PollOnce() {
-  constexpr int kLatencyMs = 20;  // output of a running command is written so soon, not noticed by an operator
+  constexpr int kLatencyMs = 20;  // a running command's output waits no longer; too short to be noticed
   const bool reading = want_input_ && !end_of_input_ && !stop_ && output_->Pending() <= OutputBuffer::kBusyPending;
   const bool writing = output_->Pending() > 0;
   // Entries with a negative descriptor are skipped.

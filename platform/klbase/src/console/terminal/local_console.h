@@ -1,4 +1,4 @@
-// The console's local side: the process's terminal, or standard input line by line when that is no terminal.
+// The console's local side: the process's terminal, or standard input line by line when that is not a terminal.
 #ifndef KLBASE_CONSOLE_TERMINAL_LOCAL_CONSOLE_H_
 #define KLBASE_CONSOLE_TERMINAL_LOCAL_CONSOLE_H_
 

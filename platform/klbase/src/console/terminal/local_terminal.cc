@@ -156,7 +156,7 @@ void LocalTerminal::EnterRawMode() {
   // first column.
   raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK);
   raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | IEXTEN);
-  raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away what was typed before it
+  raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away the keys typed before it
   raw.c_cc[VMIN] = 1;
   raw.c_cc[VTIME] = 0;
   ::tcsetattr(fd, TCSANOW, &raw);

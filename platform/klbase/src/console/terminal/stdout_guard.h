@@ -1,5 +1,5 @@
-// Gives what other threads print on std::cout its turn in the local session's output: it garbles no line that is being
-// typed at a terminal, and overtakes no command's answer on its way to a file or pipe.
+// Text that other threads print on std::cout waits for its turn in the local session's output, so that it neither
+// garbles a line being typed at a terminal nor overtakes a command's answer on its way to a file or pipe.
 #ifndef KLBASE_CONSOLE_TERMINAL_STDOUT_GUARD_H_
 #define KLBASE_CONSOLE_TERMINAL_STDOUT_GUARD_H_
 

@@ -76,7 +76,7 @@ InputQueue::Work InputQueue::Next(bool unread) {
   if (ended_) {
     EndLocked(work);
   } else if (IdleLocked(unread)) {
-    // In the step that found nothing to do: what is posted after it finds the lease free, and is taken up.
+    // In the same step that found nothing to do: a later post finds the lease free, and its thread does the work.
     leased_ = false;
   } else {
     TakeRequestsLocked(work);
@@ -102,6 +102,7 @@ void InputQueue::FinishInputLocked() {
 
 void InputQueue::EndLocked(Work& work) {
   bytes_.clear();
+  // The end is said once; the holder's next call gives the lease back.
   if (std::exchange(end_told_, true)) {
     leased_ = false;
     return;

@@ -13,25 +13,26 @@
 
 namespace cli::internal {
 
-// Who works on a session's input holds the lease; what else belongs to the input (the editor, the menu path) is that
-// thread's then, without a lock. Any thread posts. One whose post finds the lease free holds it from then on, and calls
-// Next() and does what that says, until Next() takes the lease back. The holder may pass the lease on to another
-// thread in any way that orders the two.
+// The thread that works on a session's input holds the lease; all that belongs to the input (the editor, the menu path)
+// is that thread's meanwhile, without a lock. Any thread posts. A thread whose post finds the lease free holds it from
+// then on: it calls Next() and does the work that this returns, until Next() takes the lease back. The holder may pass
+// the lease on to another thread in any way that orders the two.
 //
-// Owned by the session, which holds the lease first. Its mutex is held for some moves; nothing is called with it held.
+// Owned by the session, which holds the lease first. Its mutex is held only while bytes are moved; nothing is called
+// with it held.
 class InputQueue {
  public:
   // While more than this waits behind a running command, the sender should stop.
   static constexpr std::size_t kMaxQueued = 64 << 10;
 
   enum class Source {
-    kOperator,  // Ctrl-C drops what waits; a line without its end is not run
+    kOperator,  // Ctrl-C drops the lines that wait; a line without its end is not run
     kProgram,   // or a file: a last line may lack its end
   };
   enum class Posted {
     kWaits,   // for the holder to take it up; or the session has ended
     kFull,    // the same, and the sender should send no more until Work::resume
-    kLeased,  // for the caller, who holds the lease from now on
+    kLeased,  // for the caller, which holds the lease from now on
   };
   struct Work {
     enum class Kind {
@@ -40,11 +41,11 @@ class InputQueue {
       kEnd,   // no line is run any more: said once, with the lease still held
     };
     Kind kind = Kind::kNone;
-    bool drop_unread = false;  // what was handed out before, and not read yet, is not to be run
+    bool drop_unread = false;  // bytes that were handed out before, and not read yet, are not to be run
     std::optional<TerminalState> terminal;
     bool redraw = false;
     bool resume = false;   // a sender that was stopped may go on
-    std::string bytes;     // to be read behind what is unread
+    std::string bytes;     // to be read after those that are unread
     std::string farewell;  // kEnd: to be said last
   };
 
@@ -53,14 +54,14 @@ class InputQueue {
   Posted PostBytes(std::string_view bytes);
   Posted PostEndOfInput();
   Posted PostTerminalChange(const TerminalChange& change);
-  // The line that is being typed is to be shown again, below what is to be shown first.
+  // The line that is being typed is to be shown again, below the notices that wait.
   Posted PostRedraw();
   // Drops all lines that wait. `farewell` is said if the session has not ended before.
   Posted PostFinish(std::string_view farewell);
   // No line is run from now on. Any thread; the lease stays where it is.
   void End();
 
-  // The holder: what to do next. `unread`: some of the bytes that it got before are not read yet.
+  // The holder's next work. `unread`: some of the bytes that it got before are not read yet.
   Work Next(bool unread);
 
   bool Leased() const;

@@ -81,7 +81,7 @@ void LineReader::Leave() {
 }
 
 // Passes the editor's output on, after which no line is on the screen. Only a full display was erased: on others the
-// prompt and what the other end echoed stay, and need a line end.
+// prompt and the other end's echo stay, and need a line end.
 void LineReader::Erase() {
   PassOutput();
   if (display_ == LineEditor::Display::kFull) output_->MarkLineStart();

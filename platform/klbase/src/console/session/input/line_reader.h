@@ -14,7 +14,7 @@
 
 namespace cli::internal {
 
-// Owned by the session; used by the holder of its lease, so it has no lock. What is to be shown is appended to the
+// Owned by the session; used by the holder of its lease, so it has no lock. Text to be shown is appended to the
 // output, and flushed by the caller.
 class LineReader {
  public:
@@ -27,7 +27,7 @@ class LineReader {
     std::string text;    // of kLine; of a first kTooLong its first kFirstBytes
   };
 
-  // No editor for other readers than operators: lines are split then. `output` must outlive it.
+  // `editor` is null where the other end is not an operator: lines are only split then. `output` must outlive it.
   LineReader(OutputBuffer* output, std::unique_ptr<LineEditor> editor);
 
   // Lines are edited and shown from now on, where there is an editor: until the login they are only split.
@@ -35,7 +35,7 @@ class LineReader {
   // Shows `prompt` for the next line, which is edited.
   void BeginLine(std::string prompt);
 
-  // `bytes` come behind what is unread.
+  // Puts `bytes` behind the unread ones.
   void Give(std::string bytes);
   bool HasUnread() const { return used_ < bytes_.size(); }
   void DropUnread() { used_ = bytes_.size(); }
@@ -43,7 +43,7 @@ class LineReader {
   Line Read();
 
   void Apply(const TerminalState& terminal);
-  // Shows `text` above the line that is being typed, and that again.
+  // Shows `text`, and the line that is being typed again below it.
   void ShowAbove(std::string_view text);
   // A password's line is over: its end was not echoed.
   void EndUnseenLine();

@@ -13,6 +13,7 @@ LineEditor::Result LineSplitter::Feed(std::string_view input) {
     at += SkipRestOfLineEnd(input.substr(at));
     if (at == input.size()) break;
     const std::size_t end = std::min(input.find_first_of(kSpecial, at), input.size());
+    // One byte more than the limit is enough to know that the line is too long, however much has come.
     if (!too_long_) line_.append(input.substr(at, std::min(end - at, kMaxLineBytes + 1)));
     if (line_.size() > kMaxLineBytes) {
       too_long_ = true;
@@ -31,6 +32,7 @@ LineEditor::Result LineSplitter::Feed(std::string_view input) {
 }
 
 std::size_t LineSplitter::SkipRestOfLineEnd(std::string_view input) {
+  // Without a byte nothing is decided: the LF or NUL may come with the next input.
   if (input.empty() || !std::exchange(after_cr_, false)) return 0;
   return input.front() == '\n' || input.front() == '\0' ? 1 : 0;
 }

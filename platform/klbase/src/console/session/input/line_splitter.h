@@ -1,5 +1,5 @@
-// Lines out of bytes for readers that are no operators: a program's connection, a pipe, a file. Nothing is edited,
-// completed or shown.
+// Lines out of bytes where no operator types: from a program's connection, a pipe, a file. Nothing is edited, completed
+// or shown.
 #ifndef KLBASE_CONSOLE_SESSION_INPUT_LINE_SPLITTER_H_
 #define KLBASE_CONSOLE_SESSION_INPUT_LINE_SPLITTER_H_
 

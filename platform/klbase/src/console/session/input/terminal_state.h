@@ -1,4 +1,4 @@
-// What is known of an operator's terminal.
+// The known state of an operator's terminal.
 #ifndef KLBASE_CONSOLE_SESSION_INPUT_TERMINAL_STATE_H_
 #define KLBASE_CONSOLE_SESSION_INPUT_TERMINAL_STATE_H_
 
@@ -15,7 +15,7 @@ struct TerminalState {
   bool hidden = false;  // the typed line is off the screen, while the process is stopped
 };
 
-// What changed of it; the rest stays as it was.
+// A change of that state; fields that are not set stay as they were.
 struct TerminalChange {
   std::optional<LineEditor::Display> display = std::nullopt;
   int columns = 0;  // 0: as before

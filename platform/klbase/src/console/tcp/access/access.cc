@@ -31,7 +31,7 @@ class File {
   throw std::runtime_error("password file " + file + " (KLBASE_CONSOLE_PASSWORD_FILE): " + why);
 }
 
-// "" when `hash` is none. The structure is too large for a stack.
+// "" when `hash` is not a hash. The structure is too large for a stack.
 std::string Crypt(const std::string& password, const std::string& hash) {
   const auto data = std::make_unique<crypt_data>();
   const char* result = crypt_r(password.c_str(), hash.c_str(), data.get());

@@ -1,4 +1,4 @@
-// The password file: whose hash it holds, and whether a password matches it.
+// The password file: the hash in it, and whether a password matches it.
 #ifndef KLBASE_CONSOLE_TCP_ACCESS_ACCESS_H_
 #define KLBASE_CONSOLE_TCP_ACCESS_ACCESS_H_
 

@@ -1,4 +1,4 @@
-// Who is let in: session slots, and the room for connections that have yet to log in.
+// The admission of connections: session slots, and the room for those that have yet to log in.
 #ifndef KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_
 #define KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_
 
@@ -17,7 +17,7 @@ namespace cli::internal {
 // Without a password file a connection takes a session slot when it comes. With one it is let in without a slot, and
 // its session takes one when it has logged in: connections that don't log in keep no operator out.
 //
-// Owned by the server. The I/O thread, except for what says otherwise.
+// Owned by the server. The I/O thread, except where a function says otherwise.
 class Admission {
  public:
   // Connections at a time that have yet to log in.
@@ -28,7 +28,7 @@ class Admission {
     std::string refusal;  // the text for the client; "" when it is let in
   };
 
-  // `table`, which has `options.max_sessions` slots, must outlive it, and it the sessions that log in.
+  // `table`, which has `options.max_sessions` slots, must outlive it; it must outlive the sessions that log in.
   Admission(const ConsoleOptions& options, SessionTable* table);
 
   // For a connection that has come. One that has yet to log in may make the oldest of its kind leave. A refusal leaves
