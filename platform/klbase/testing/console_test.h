@@ -1,4 +1,4 @@
-// What the console's tests share: a client that reports failures, and the test kit.
+// Shared by the console's tests: a client that reports failures, and the test kit.
 #ifndef PLATFORM_KLBASE_TESTING_CONSOLE_TEST_H_
 #define PLATFORM_KLBASE_TESTING_CONSOLE_TEST_H_
 
@@ -35,7 +35,7 @@ class TestClient : public vextest::TcpClient {
   // Waits until something has come, and leaves it unread.
   void WaitForUnread() const { EXPECT_TRUE(TcpClient::WaitForUnread()) << "nothing came"; }
 
-  // Everything received up to and including `text`, what follows stays. A failure when it doesn't come.
+  // Everything received up to and including `text`; the rest stays. A failure when it doesn't come.
   std::string ReceiveUntil(std::string_view text) {
     if (auto received = TakeUntil(text)) return *received;
     ADD_FAILURE() << "'" << text << "' did not come; received: " << Received();

@@ -11,7 +11,7 @@
 
 namespace cli::internal {
 
-// The test sets how it stands and reads what was asked of it.
+// The test sets its state and reads the calls that it got.
 class FakeConnection : public ServedConnection, public std::enable_shared_from_this<FakeConnection> {
  public:
   // One of `open`, which it leaves when it closes.

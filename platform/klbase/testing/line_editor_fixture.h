@@ -112,7 +112,7 @@ class LineEditorTest : public testing::Test {
     EXPECT_EQ(screen_.Column(), column);
     EXPECT_FALSE(screen_.HasPendingWrap()) << "the cursor is between two rows";
   }
-  // What the line would be if Enter were pressed now.
+  // The line that Enter would give if it were pressed now.
   void ExpectLine(const std::string& line) {
     Type("<Enter>");
     ASSERT_FALSE(events_.empty());

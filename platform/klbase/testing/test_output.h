@@ -29,7 +29,7 @@ class TestOutput {
   TestOutput& operator=(const TestOutput&) = delete;
 
   OutputBuffer* Buffer() { return buffer_.get(); }
-  // What was appended since the last call; less than 64 KiB.
+  // The bytes appended since the last call; less than 64 KiB.
   std::string Take() {
     EXPECT_TRUE(buffer_->Flush());
     char bytes[1 << 16];

@@ -1,4 +1,4 @@
-// A small terminal for tests: understands what the line editor writes, with the wrapping of xterm (a filled row keeps
+// A small terminal for tests: understands the line editor's output, with the wrapping of xterm (a filled row keeps
 // the cursor until the next character), and refuses every sequence it does not know.
 #ifndef PLATFORM_KLBASE_TESTING_TEST_SCREEN_H_
 #define PLATFORM_KLBASE_TESTING_TEST_SCREEN_H_
@@ -49,7 +49,7 @@ class TestScreen {
   bool HasPendingWrap() const { return pending_; }
   int ScrolledRows() const { return static_cast<int>(scrollback_.size()); }
   const std::vector<std::string>& Scrollback() const { return scrollback_; }
-  // What was written and is unknown here; empty when all was understood.
+  // The output that is unknown here; empty when all was understood.
   const std::string& Unknown() const { return unknown_; }
 
  private:

@@ -1,4 +1,4 @@
-// Looking at log records from inside the process: for tests that assert what was logged, and for tools that show it.
+// Looking at log records from inside the process: for tests that assert them, and for tools that show them.
 #ifndef KLBASE_LOG_SINK_H_
 #define KLBASE_LOG_SINK_H_
 

@@ -1,4 +1,4 @@
-// A registry of creators under names: what plugins, modules and services register themselves in.
+// A registry of creators under names, in which plugins, modules and services register themselves.
 #ifndef KLBASE_REGISTRY_H_
 #define KLBASE_REGISTRY_H_
 

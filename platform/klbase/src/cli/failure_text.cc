@@ -11,8 +11,7 @@ namespace cli::internal {
 namespace {
 
 // A message may come from a daemon's reply: it must not break the line or drive the terminal. Control characters become
-// blanks; what else no terminal should get (bytes that are not UTF-8, the second set of control characters) is written
-// out.
+// blanks; other bytes that no terminal should get (not UTF-8, or the second set of control characters) are written out.
 std::string OneLine(std::string_view text) {
   std::string line;
   for (std::size_t offset = 0; offset < text.size();) {

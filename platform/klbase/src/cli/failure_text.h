@@ -1,4 +1,4 @@
-// What the operator is told when a command fails with an exception.
+// The text that the operator gets when a command fails with an exception.
 #ifndef KLBASE_CLI_FAILURE_TEXT_H_
 #define KLBASE_CLI_FAILURE_TEXT_H_
 

@@ -41,6 +41,7 @@ void CmdHandler::Disable() {
 }
 
 void CmdHandler::Remove() {
+  // Both are weak: a handle may outlive its menu, and keeps no command alive.
   const auto command = command_.lock();
   const auto list = list_.lock();
   if (command && list) list->Remove(command.get());
@@ -55,6 +56,7 @@ Menu::~Menu() = default;
 
 CmdHandler Menu::Insert(std::unique_ptr<Command>&& command) {
   if (!command) return {};
+  // Before other threads can find it in the list.
   if (auto* submenu = dynamic_cast<Menu*>(command.get())) submenu->parent = this;
   const std::shared_ptr<Command> shared = std::move(command);
   commands->Add(shared);
@@ -71,6 +73,7 @@ bool Menu::Exec(const std::vector<std::string>& words, Session& session) {
     session.Enter(*this);
     return true;
   }
+  // "playd ListUplayers" runs a command of the menu without entering it.
   return Dispatch({words.begin() + 1, words.end()}, session);
 }
 
@@ -81,6 +84,7 @@ void Menu::Help(std::ostream& out) const {
 
 std::vector<std::string> Menu::GetCompletionRecursive(const std::string& line) const {
   if (!IsEnabled()) return {};
+  // Only with a blank behind it does the menu's name lead into the menu; before that the name itself is completed.
   const std::string prefix = Name() + " ";
   if (!line.starts_with(prefix)) return Command::GetCompletionRecursive(line);
   std::vector<std::string> lines;
@@ -93,6 +97,8 @@ std::vector<std::string> Menu::GetCompletionRecursive(const std::string& line) c
 std::vector<std::shared_ptr<Command>> Menu::Commands() const { return *commands->Snapshot(); }
 
 bool Menu::Dispatch(const std::vector<std::string>& words, Session& session) {
+  // A command that can't convert the words does not end the search: another one of its name may take them. If none
+  // does, the first one's reason is the answer.
   std::exception_ptr refusal;
   const auto snapshot = commands->Snapshot();
   for (const auto& command : *snapshot) {

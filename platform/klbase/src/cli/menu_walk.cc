@@ -19,7 +19,8 @@ std::string LowerCase(std::string_view text) {
   return lower;
 }
 
-// Typing errors between two words: inserted, left out, changed and exchanged letters.
+// Typing errors between two words: inserted, left out, changed and exchanged letters. Of the table of distances three
+// rows are kept: an exchange of letters looks back two rows.
 std::size_t EditDistance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> before(b.size() + 1), last(b.size() + 1), row(b.size() + 1);
   std::iota(last.begin(), last.end(), 0);
@@ -39,14 +40,16 @@ std::size_t EditDistance(std::string_view a, std::string_view b) {
 // How far `typed` is from `name`: 0 for a difference in case only; kFar when nobody means that.
 constexpr std::size_t kFar = 1000;
 std::size_t Distance(std::string_view typed, std::string_view name) {
-  constexpr std::size_t kLongestCompared = 64;  // names are short; a 4096 byte word is no typing error
+  constexpr std::size_t kLongestCompared = 64;  // names are short; a 4096 byte word is not a typing error
   constexpr std::size_t kLeastPrefix = 2;
   if (typed.size() > kLongestCompared || name.size() > kLongestCompared) return kFar;
   const std::string a = LowerCase(typed);
   const std::string b = LowerCase(name);
   if (a == b) return 0;
+  // The beginning of a name is near to it, however many letters are missing.
   if (a.size() >= kLeastPrefix && b.starts_with(a)) return 1;
   const std::size_t distance = EditDistance(a, b);
+  // An error in every third letter, at least one; but not one in each letter that was typed.
   const std::size_t allowed = std::max<std::size_t>(1, std::min(a.size(), b.size()) / 3);
   return distance <= allowed && distance < a.size() ? distance : kFar;
 }
@@ -95,8 +98,8 @@ std::string Suggestions(const MenuPath& path, const Walk& walk, const std::strin
   return text;
 }
 
-// A word as it can be shown on any terminal: control characters as question marks, what else a terminal might act on
-// or get wrong written out, and nothing behind the 60th column.
+// A word as it can be shown on any terminal: control characters are question marks, other characters that a terminal
+// might act on or get wrong are written out, and nothing is shown behind the 60th column.
 std::string Shown(std::string_view word, const char* quote = "\"") {
   constexpr int kMost = 60;
   std::string shown = quote;
@@ -156,6 +159,8 @@ Walk FollowMenus(const MenuPath& path, const CommandVector& builtins, const std:
     }
     return nullptr;
   };
+  // The last word is never followed: it names the command, or the menu to enter. A submenu with the root's name comes
+  // before the way back, as it does when the line runs.
   while (walk.used + 1 < words.size()) {
     auto submenu = submenu_named(words[walk.used]);
     const bool back = walk.used == 0 && words[0] == path.Root().Name();
@@ -174,12 +179,14 @@ bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words) {
 
 Completion Complete(const MenuPath& path, const CommandVector& builtins, std::string_view text) {
   Words split = SplitWords(text);
+  // Behind a blank an empty word begins, which every name completes.
   if (!split.last_open) {
     split.last_start = text.size();
     split.words.emplace_back();
   }
   const std::string last = split.words.empty() ? "" : split.words.back();
   Walk walk = FollowMenus(path, builtins, split.words);
+  // "help", in front of the menus or behind them, is followed by a name: that completes as if "help" were not there.
   if (walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used])) {
     split.words.erase(split.words.begin() + static_cast<std::ptrdiff_t>(walk.used));
     walk = FollowMenus(path, builtins, split.words);
@@ -230,6 +237,7 @@ std::string ExplainRefusal(const MenuPath& path, const CommandVector& builtins, 
   const std::string prefix = Join(words, walk.used);
   const std::string& word = words[walk.used];
   const CommandVector named = EnabledNamed(walk.commands, word);
+  // The name is right, so the number of the words behind it is not.
   if (!named.empty()) {
     std::string text = CountText(*named.front(), words.size() - walk.used - 1);
     for (const auto& command : named) text += " Usage: " + prefix + UsageLine(*command);

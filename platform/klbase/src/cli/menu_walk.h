@@ -1,4 +1,4 @@
-// Finding commands in the menu tree: for completion, hints, usage lines and the answer to a line that nothing took.
+// Finding commands in the menu tree: for completion, hints, usage lines and the answer to a line that no command took.
 #ifndef KLBASE_CLI_MENU_WALK_H_
 #define KLBASE_CLI_MENU_WALK_H_
 
@@ -15,7 +15,8 @@ namespace cli::internal {
 
 using CommandVector = std::vector<std::shared_ptr<Command>>;
 
-// Where an operator stands. The menus are held: a menu taken out of the tree lives until its last operator has left it.
+// The menu path: where an operator stands. The menus are held: a menu taken out of the tree lives until its last
+// operator has left it.
 struct MenuPath {
   std::vector<std::shared_ptr<Menu>> menus;  // the root first, the current menu last; never empty
 
@@ -28,7 +29,7 @@ struct MenuPath {
 struct Walk {
   std::shared_ptr<Menu> menu;  // where the search ended
   std::size_t used = 0;        // how many words led there
-  CommandVector commands;      // what can be named there: the menu's commands, and the built-in ones where they work
+  CommandVector commands;      // those that can be named there: the menu's, and the built-in ones where they work
 };
 
 // Follows `words` from `path` while they name enabled submenus and more words follow. The root's name, as the first
@@ -39,7 +40,7 @@ Walk FollowMenus(const MenuPath& path, const CommandVector& builtins, const std:
 // that name itself; `walk` is where `words` led.
 bool IsHelpInMenu(const Walk& walk, const std::vector<std::string>& words);
 
-// What the Tab key makes of `text`, the line up to the cursor.
+// The Tab key's completion of `text`, the line up to the cursor.
 Completion Complete(const MenuPath& path, const CommandVector& builtins, std::string_view text);
 
 // The parameters still to be typed behind `line`, as they follow it.

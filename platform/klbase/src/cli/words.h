@@ -11,7 +11,7 @@ namespace cli::internal {
 
 struct Words {
   std::vector<std::string> words;
-  // What is wrong with the line, for the operator; empty when nothing is.
+  // The line's error, for the operator; empty when there is none.
   std::string error;
   // Where the last word begins in the line (the line's end when there is none), and whether it is still open (no blank
   // behind it): for completion.

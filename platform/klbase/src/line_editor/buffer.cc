@@ -27,6 +27,7 @@ void LineBuffer::Clear() {
 
 bool LineBuffer::Insert(std::string_view bytes) {
   if (text_.size() + bytes.size() > kMaxLineBytes) return false;
+  // Each edit is remembered after it was accepted: a refused one must not be a step back that changes nothing.
   Remember(Edit::kInsert);
   text_.insert(cursor_, bytes);
   cursor_ += bytes.size();
@@ -54,7 +55,7 @@ bool LineBuffer::SetText(std::string_view text, std::size_t cursor) {
 }
 
 void LineBuffer::MoveTo(std::size_t cursor) {
-  last_edit_ = Edit::kOther;
+  last_edit_ = Edit::kOther;  // letters typed at another place are a step of their own
   just_yanked_ = false;
   cursor_ = std::min(cursor, text_.size());
 }
@@ -76,6 +77,7 @@ bool LineBuffer::EraseAt() {
 }
 
 bool LineBuffer::Transpose() {
+  // The characters on both sides of the cursor; at the end, where none follows, the last two.
   const std::size_t middle = AtEnd() ? PreviousUnit(text_, cursor_) : cursor_;
   if (middle == 0) return false;
   const std::size_t start = PreviousUnit(text_, middle);
@@ -98,6 +100,7 @@ bool LineBuffer::Kill(std::size_t start, std::size_t end, bool again) {
   Remember(Edit::kOther);
   std::string cut = text_.substr(start, end - start);
   const bool backwards = end == cursor_;
+  // Joined in the order in which they stood in the line, and only as long as a line could take the whole back.
   if (again && !kills_.empty() && kills_.front().size() + cut.size() <= kMaxLineBytes) {
     kills_.front() = backwards ? cut + kills_.front() : kills_.front() + cut;
   } else {
@@ -121,7 +124,7 @@ bool LineBuffer::YankOlder() {
   if (!just_yanked_ || kills_.size() < 2) return false;
   yanked_ = (yanked_ + 1) % kills_.size();
   Replace(yank_start_, cursor_, kills_[yanked_]);
-  just_yanked_ = true;
+  just_yanked_ = true;  // also for a cut that doesn't fit: the next one may
   return true;
 }
 

@@ -1,4 +1,4 @@
-// The line being typed, with its cursor, what was cut out of it, and the way back to earlier states.
+// The line being typed, with its cursor, the text cut out of it, and the way back to earlier states.
 #ifndef KLBASE_LINE_EDITOR_BUFFER_H_
 #define KLBASE_LINE_EDITOR_BUFFER_H_
 
@@ -16,7 +16,7 @@ class LineBuffer {
   std::size_t Cursor() const { return cursor_; }
   bool AtEnd() const { return cursor_ == text_.size(); }
 
-  // Begins a new line: empty, with nothing to undo. What was cut out stays.
+  // Begins a new line: empty, with nothing to undo. Text that was cut out stays.
   void Clear();
   bool Insert(std::string_view bytes);
   bool Replace(std::size_t start, std::size_t end, std::string_view bytes);  // leaves the cursor behind `bytes`
@@ -31,7 +31,7 @@ class LineBuffer {
   // Cuts the text from `start` to `end`, one of which is the cursor. Cuts in a row (`again`) are put back as one.
   bool Kill(std::size_t start, std::size_t end, bool again);
   bool Yank();
-  bool YankOlder();  // directly after one of the two: the cut before that one instead of it
+  bool YankOlder();  // directly after Yank() or itself: the cut before that one in its place
 
  private:
   enum class Edit { kOther, kInsert, kErase };

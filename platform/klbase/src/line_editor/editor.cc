@@ -25,7 +25,7 @@ bool IsKill(Key key) {
          key == Key::kKillWordBack || key == Key::kKillWord;
 }
 
-// What Tab can add when several candidates are left.
+// The text that Tab can add when several candidates are left.
 std::string CommonPrefix(const std::vector<std::string>& texts) {
   std::string_view common = texts.front();
   for (const std::string& text : texts) {
@@ -61,9 +61,9 @@ std::string InColumns(const std::vector<std::string>& texts, int columns) {
 
 }  // namespace
 
-// Keys change buffer_; Refresh() makes the terminal show it, once for all input of a Feed(). The terminal shows exactly
-// what screen_ knows: whatever else writes to it takes the line off first (Erase, Finish) or says that it is gone
-// (Forget). While the line is not Painted(), screen_ is empty.
+// Keys change buffer_; Refresh() makes the terminal show it, once for all input of a Feed(). The terminal shows the
+// line exactly as screen_ knows it: before anything else is written, the line is taken off (Erase, Finish) or declared
+// gone (Forget). While the line is not Painted(), screen_ is empty.
 class LineEditor::Impl {
  public:
   Impl(const History* history, Completer completer, Hinter hinter)
@@ -212,8 +212,8 @@ const LineEditor::Impl::KeyAction LineEditor::Impl::kActions[] = {
     {Key::kLastLine, &Impl::LastLine},
 };
 
-// A telnet client tells what it is only after the first prompt was shown, so a line may change its display while it is
-// being typed.
+// A telnet client says whether it can be driven only after the first prompt was shown, so a line may change its display
+// while it is being typed.
 void LineEditor::Impl::SetDisplay(Display display) {
   if (display == display_) return;
   if (search_.Active()) CancelSearch();
@@ -223,8 +223,8 @@ void LineEditor::Impl::SetDisplay(Display display) {
   if (!started_ || hidden_) return;
   if (display == Display::kPrompt) out_ += prompt_;
   if (display != Display::kFull) return;
-  // The other end has echoed behind the prompt what was typed so far: erases from the first column to the screen's end,
-  // and shows the same as our own.
+  // The other end has echoed the typed text behind the prompt: erases from the first column to the screen's end, and
+  // shows the same as our own.
   if (before == Display::kPrompt) out_ += "\r\x1b[J";
   screen_.Forget();
   MarkPastes(true);
@@ -266,7 +266,7 @@ LineEditor::Result LineEditor::Impl::Feed(std::string_view input) {
     for (std::size_t i = 0; i < keys.count; ++i) event = Handle(keys.press[i]);
     if (event == Event::kNone) continue;
     // Telnet ends lines with CR LF or CR NUL. The second byte goes with the line when it is there; when it comes with
-    // the next input, the decoder still knows that it is no line of its own.
+    // the next input, the decoder still knows that it is not a line of its own.
     if (used < input.size() && decoder_.BelongsToLineEnd(input[used])) decoder_.Put(input[used++]);
     return {used, event};
   }
@@ -341,7 +341,7 @@ void LineEditor::Impl::EditBlind(const KeyPress& press) {
 
 void LineEditor::Impl::Insert(std::string_view bytes) {
   if (buffer_.Insert(bytes)) return;
-  // The whole line is refused, not cut: what was left of it could mean something else.
+  // The whole line is refused, not cut: a shortened one could mean something else.
   too_long_ = true;
   Bell();
 }
@@ -451,8 +451,8 @@ std::string_view LineEditor::Impl::Hint() {
   return hint_;
 }
 
-// Keys are taken while the line is hidden; a line may even begin and end meanwhile, and Show() paints what is there
-// then.
+// Keys are taken while the line is hidden; a line may even begin and end meanwhile, and Show() then paints the
+// line of that moment.
 void LineEditor::Impl::Hide() {
   if (Painted()) screen_.Erase(out_);
   hidden_ = true;
@@ -480,7 +480,7 @@ void LineEditor::Impl::Complete() {
   }
   const std::string common = CommonPrefix(completion.candidates);
   const std::string_view typed = std::string_view(buffer_.Text()).substr(start, cursor - start);
-  // A candidate with quotes may not begin as the word was typed: putting it in would change what is there.
+  // A candidate with quotes may not begin as the word was typed: putting it in would change the typed text.
   const bool extends = common.size() > typed.size() && common.compare(0, typed.size(), typed) == 0;
   if (!extends || !buffer_.Replace(start, cursor, common)) ListCandidates(completion.candidates);
 }
@@ -497,7 +497,7 @@ void LineEditor::Impl::ShowHistoryLine(std::optional<std::string> line) {
 }
 
 void LineEditor::Impl::StepWithPrefix(Direction direction) {
-  // A step puts the cursor at the end of the line that it found: the prefix is what stood before it at the first one.
+  // A step puts the cursor at the end of the line that it found: the prefix is the text before it at the first step.
   const bool goes_on = last_key_ == Key::kPrefixBack || last_key_ == Key::kPrefixForward;
   if (!goes_on) prefix_ = buffer_.Text().substr(0, buffer_.Cursor());
   ShowHistoryLine(walk_.Step(direction, prefix_, buffer_.Text()));

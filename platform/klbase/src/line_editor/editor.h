@@ -34,7 +34,7 @@ class LineEditor {
     Event event = Event::kNone;
   };
   // Both are called from Feed() and must not throw. `Completer` gets the text before the cursor. `Hinter` gets the
-  // whole line and returns what is still to be typed after it ("" for nothing); shown dim behind the line.
+  // whole line and returns the text still to be typed after it ("" for nothing); shown dim behind the line.
   using Completer = std::function<Completion(std::string_view text)>;
   using Hinter = std::function<std::string(std::string_view line)>;
 
@@ -60,7 +60,7 @@ class LineEditor {
   std::string TakeLine();
 
   // Takes the prompt and the typed text off the screen so that other output can be shown, and puts them back; that
-  // output must end in the first column. What is typed meanwhile is not lost.
+  // output must end in the first column. Keys that are typed meanwhile are not lost.
   void Hide();
   void Show();
 

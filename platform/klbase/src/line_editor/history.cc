@@ -20,7 +20,7 @@
 namespace cli::internal {
 namespace {
 
-// More than the newest lines can take; what lies before is never read, however large somebody made the file.
+// More than the newest lines can take; anything before them is never read, however large somebody made the file.
 constexpr off_t kMaxFileBytes = 2 * static_cast<off_t>(History::kMaxLines * (kMaxLineBytes + 1));
 constexpr mode_t kFileMode = 0600;  // lines may hold addresses and stream keys
 
@@ -115,12 +115,13 @@ History::History(std::string file) : file_(std::move(file)) { Merge(); }
 void History::Add(std::string_view line) {
   if (line.empty() || line.size() > kMaxLineBytes || line.front() == ' ' || line.front() == '\t') return;
   if (line.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos) return;
-  // First what the others did: the newest line is the newest of all.
+  // The others' lines come first: the new line is the newest of all.
   const bool available = !file_.empty() && Synchronise();
   if (!lines_.empty() && lines_.back() == line) return;
   Keep(line);
   Trim();
   if (file_.empty()) return;
+  // The file was locked all the time: its readers would pass over so many lines anyway.
   if (unsaved_.size() > static_cast<std::size_t>(kMaxFileBytes)) unsaved_.clear();
   unsaved_ += line;
   unsaved_ += '\n';
@@ -141,7 +142,7 @@ bool History::Synchronise() {
   return Compact() || GiveUp("writing its shorter form failed", errno);
 }
 
-// Own lines that are not in the file yet stand at the end of lines_; what others wrote meanwhile goes behind them.
+// Own lines that are not in the file yet stand at the end of lines_; lines that others wrote meanwhile go behind them.
 bool History::ReadNew(const LockedFile& file) {
   if (file.Inode() != inode_ || file.Size() < read_) {
     // Another file than before: somebody wrote the shorter form. It holds everything that was saved.
@@ -165,6 +166,7 @@ bool History::ReadNew(const LockedFile& file) {
     filled += static_cast<std::size_t>(got);
   }
   std::string_view rest(bytes.data(), filled);
+  // The first line is left out: it was met somewhere in its middle.
   if (skips) rest.remove_prefix(std::min(rest.find('\n'), rest.size()));
   while (!rest.empty()) {
     const std::size_t end = std::min(rest.find('\n'), rest.size());

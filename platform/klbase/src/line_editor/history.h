@@ -11,9 +11,9 @@
 
 namespace cli::internal {
 
-// Not thread-safe: guarded by its session. A history with a file appends each line to it at once and merges what other
-// consoles appended meanwhile; a file that can't be used makes it a history in memory only, after one log record of
-// level 40. A file that is a symbolic link, no regular file, or another user's is not used.
+// Not thread-safe: guarded by its session. A history with a file appends each line to it at once and merges the lines
+// that other consoles appended meanwhile; a file that can't be used makes it a history in memory only, after one log
+// record of level 40. A file that is a symbolic link, not a regular file, or another user's is not used.
 //
 // Consoles take turns on the file by flock(); a line that finds the file locked for longer than 200 ms is appended with
 // the next one. The file is cut to the newest kMaxLines lines when it has grown past four times as many.
@@ -22,13 +22,13 @@ class History {
   static constexpr std::size_t kMaxLines = 1000;
 
   History() = default;
-  // Loads `file` (created with mode 0600; a file of another mode is set to it). One line per entry. "" is no file.
+  // Loads `file` (created with mode 0600; a file of another mode is set to it). One line per entry. "" for none.
   explicit History(std::string file);
 
   // Adds a line. Empty lines, lines that begin with a blank, lines with a line end in them and repetitions of the
   // newest line are not kept.
   void Add(std::string_view line);
-  // Takes over what other consoles added to the file.
+  // Takes over the lines that other consoles added to the file.
   void Merge();
 
   const std::vector<std::string>& Lines() const { return lines_; }
@@ -36,7 +36,7 @@ class History {
  private:
   class LockedFile;
 
-  // Reads what is new in the file and appends what is not in it; false when that could not be done (now, or any more).
+  // Reads the file's new lines and appends the unsaved ones; false when that could not be done (now, or any more).
   bool Synchronise();
   bool ReadNew(const LockedFile& file);
   bool AppendUnsaved(LockedFile& file);

@@ -30,7 +30,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// While it lives, no file can grow past so many bytes: what a write meets that a disk has no room for.
+// While it lives, no file can grow past so many bytes: a write then fails as on a full disk.
 class FullDisk {
  public:
   explicit FullDisk(rlim_t bytes) : old_handler_(signal(SIGXFSZ, SIG_IGN)) {

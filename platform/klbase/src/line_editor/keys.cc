@@ -8,7 +8,7 @@ namespace {
 constexpr unsigned char kEscapeByte = 0x1b;
 constexpr unsigned char kDeleteByte = 0x7f;
 
-// What the control characters mean, by their value.
+// The keys of the control characters, by their value.
 constexpr std::array<Key, 32> kControlKeys = [] {
   std::array<Key, 32> keys{};
   keys.fill(Key::kRefused);

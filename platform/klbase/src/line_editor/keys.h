@@ -61,7 +61,7 @@ class KeyDecoder {
  public:
   static constexpr std::size_t kMaxSequence = 1024;
 
-  // The keys that `byte` completes: none, one, or what an unfinished character left and one.
+  // The keys that `byte` completes: none, one, or the bytes of an unfinished character and one.
   struct Keys {
     std::array<KeyPress, 2> press;
     std::size_t count = 0;
@@ -71,7 +71,7 @@ class KeyDecoder {
 
   // True when `byte` only belongs to the line end before it: the LF or NUL after a CR.
   bool BelongsToLineEnd(char byte) const { return after_return_ && (byte == '\n' || byte == '\0'); }
-  // Text is being pasted: it is no typing, and tabs are blanks.
+  // Text is being pasted: its bytes are not keys, and tabs are blanks.
   bool Pasting() const { return pasting_; }
 
  private:
@@ -102,7 +102,7 @@ class KeyDecoder {
   std::string parameters_;    // of a control sequence
   std::string character_;     // as far as it has come
   std::string broken_;        // bytes that turned out to be no character
-  std::string text_;          // what KeyPress::text shows
+  std::string text_;          // KeyPress::text points to it
   std::size_t expected_ = 0;  // length of character_
 };
 

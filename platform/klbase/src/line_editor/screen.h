@@ -1,4 +1,4 @@
-// What stands on the operator's screen of the line being typed, and the bytes that make it something else.
+// The typed line as it stands on the operator's screen, and the bytes that change it.
 #ifndef KLBASE_LINE_EDITOR_SCREEN_H_
 #define KLBASE_LINE_EDITOR_SCREEN_H_
 
@@ -9,7 +9,7 @@
 
 namespace cli::internal {
 
-// What is to be seen.
+// The line as it is to be seen.
 struct LineView {
   std::string_view prompt;
   std::string_view text;
@@ -17,15 +17,15 @@ struct LineView {
   std::string_view hint;   // dim, behind the text; only as much of it as fits into the row
 };
 
-// Knows the screen by what it wrote itself, so it writes differences only. A line that has more rows than the window
+// Knows the screen from its own output, so it writes differences only. A line that has more rows than the window
 // shows the rows around the cursor.
 //
 // Positions count cells from the prompt's first, row after row. A wide character that does not fit into a row leaves
 // the row's last cell blank.
 class LineScreen {
  public:
-  // The terminal may or may not have wrapped the shown line anew for its new width. Erases what is surely ours; Paint()
-  // then shows the line again.
+  // The terminal may or may not have wrapped the shown line anew for its new width. Erases the rows that are surely
+  // ours; Paint() then shows the line again.
   void Resize(std::string& out, int columns, int rows);
 
   void Paint(std::string& out, const LineView& view);

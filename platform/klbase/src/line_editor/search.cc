@@ -20,6 +20,7 @@ std::optional<std::string> HistoryWalk::Step(Direction direction, std::string_vi
     back = direction == Direction::kOlder ? back + 1 : back - 1;
     const std::string& line = back == 0 ? typed_ : history_->Lines()[Size() - back];
     const bool fits = line.size() <= kMaxLineBytes && line.compare(0, prefix.size(), prefix) == 0;
+    // The typed line is always the last step down. A repetition of the line in view would look like a dead key.
     if (back != 0 && (!fits || line == current)) continue;
     std::string found = line;
     if (back_ == 0) typed_ = current;
@@ -30,6 +31,7 @@ std::optional<std::string> HistoryWalk::Step(Direction direction, std::string_vi
 }
 
 std::optional<std::string> HistoryWalk::Jump(Direction direction, std::string_view current) {
+  // Step by step, because a step passes over lines that the editor can't hold.
   std::optional<std::string> found;
   std::string shown(current);
   while (auto next = Step(direction, {}, shown)) {
@@ -49,6 +51,7 @@ std::string HistoryWalk::LastWord(std::size_t nth) const {
   if (nth == 0 || nth > Size()) return {};
   std::string_view line = history_->Lines()[Size() - nth];
   while (!line.empty() && (line.back() == ' ' || line.back() == '\t')) line.remove_suffix(1);
+  // Taken from the line, with its quotes, so that it is one word again.
   const Words words = SplitWords(line);
   return words.words.empty() ? std::string() : std::string(line.substr(words.last_start));
 }
@@ -57,7 +60,7 @@ void HistorySearch::Begin(Direction direction, std::string_view line, std::size_
   active_ = true;
   failed_ = false;
   direction_ = direction;
-  if (!query_.empty()) last_query_ = query_;
+  if (!query_.empty()) last_query_ = query_;  // for the search key pressed on an empty query
   query_.clear();
   original_line_ = line_ = line;
   original_cursor_ = cursor_ = cursor;
@@ -69,9 +72,10 @@ void HistorySearch::End() { active_ = false; }
 bool HistorySearch::Add(std::string_view bytes) {
   if (query_.size() + bytes.size() > kMaxQuery) return false;
   query_ += bytes;
-  if (failed_) return false;  // what did not match won't match with more
+  if (failed_) return false;  // a query without a match has none with more letters
   const std::size_t size = history_ == nullptr ? 0 : history_->Lines().size();
   const std::size_t start = direction_ == Direction::kOlder ? size - (size > 0 ? 1 : 0) : 0;
+  // From the found line itself on: it may contain the longer query too.
   return Find(match_.value_or(start), direction_, false);
 }
 
@@ -89,6 +93,7 @@ bool HistorySearch::Next(Direction direction) {
 
 bool HistorySearch::RemoveLast() {
   if (query_.empty()) return false;
+  // Searches anew from the start: the shorter query may match a line that was passed over.
   const std::string shorter = query_.substr(0, PreviousUnit(query_, query_.size()));
   query_.clear();
   failed_ = false;

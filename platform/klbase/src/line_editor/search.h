@@ -1,4 +1,4 @@
-// Looking through the history: up and down, by the beginning of a line, and by what a line contains.
+// Looking through the history: up and down, by the beginning of a line, and by any part of one.
 #ifndef KLBASE_LINE_EDITOR_SEARCH_H_
 #define KLBASE_LINE_EDITOR_SEARCH_H_
 
@@ -21,7 +21,7 @@ class HistoryWalk {
 
   void Reset();
   // The next line in that direction that begins with `prefix` and is not `current`; nothing when there is none.
-  // Leaving the typed line keeps it: `current` is then what was typed.
+  // Leaving the typed line keeps it: `current` is that line then.
   std::optional<std::string> Step(Direction direction, std::string_view prefix, std::string_view current);
   // The oldest line, or the typed one.
   std::optional<std::string> Jump(Direction direction, std::string_view current);

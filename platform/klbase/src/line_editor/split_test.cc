@@ -1,4 +1,4 @@
-// Random typing: what the operator sees must not depend on how the bytes arrive, nor on how the screen came to be.
+// Random typing: the operator's screen must not depend on how the bytes arrive, nor on how it came to be.
 #include <ostream>
 #include <random>
 
@@ -27,7 +27,7 @@ constexpr std::string_view kLineEnds[] = {"\r\n", "\n", "\r", "\x0c"};
 class RandomTypingTest : public LineEditorTest {
  protected:
   static constexpr int kColumns = 23;
-  static constexpr int kRows = 500;  // so that nothing scrolls: how far, depends on what was painted in between
+  static constexpr int kRows = 500;  // so that nothing scrolls: how far depends on the paints in between
 
   std::string RandomInput(std::mt19937& random) {
     std::string input;

@@ -1,4 +1,4 @@
-// What a piece of typed text looks like: which bytes move and vanish together, and how many columns they take.
+// The look of typed text: which bytes move and vanish together, and how many columns they take.
 #ifndef KLBASE_LINE_EDITOR_TEXT_H_
 #define KLBASE_LINE_EDITOR_TEXT_H_
 
