@@ -11,7 +11,7 @@ namespace device {
 template <typename Code>
 struct Outcome {
   Code code = Code::kOk;
-  std::string text;  // for the operator: on failure what was wrong and what to do
+  std::string text;  // for the operator: on failure the error and its remedy
 
   bool ok() const { return code == Code::kOk; }
 

@@ -30,7 +30,7 @@ class RequestTable {
   // `package` is the schema's, such as "encoder.v1".
   RequestTable(std::string package, Unserved unserved) : package_(std::move(package)), unserved_(std::move(unserved)) {}
 
-  // `answer(const Request& request, bool parsed, Any& reply)` returns what Handle() is to return. When `parsed` is
+  // `answer(const Request& request, bool parsed, Any& reply)` returns the result of Handle(). When `parsed` is
   // false the payload is not a Request; `request` then holds the fields that could be read before the fault.
   template <typename Request, typename Answer>
   void Add(Answer answer) {

@@ -74,6 +74,7 @@ Outcome Complete(Recorder& recorder) {
 
 std::span<const device::NeededElement> NeededElements() { return kNeeded; }
 
+// kQualities[1] is MIDDLE, the quality that an encoder has until it is set.
 Encoder::Encoder(const Options& options) : options_(options), bitrate_kbps_(kQualities[1].kbps) {
   const auto failed = [this](const std::string& why) {
     if (options_.on_failure) options_.on_failure(why);
@@ -174,10 +175,12 @@ Outcome Encoder::AddStream(const std::string& id, const std::string& url, const 
     streams_.erase(id);
     return Outcome::Error(ErrorCode::kUnreachable, "can't push to " + url + ": " + error);
   }
+  // Only now: a stream that was refused never takes a packet.
   fanout_.Add(stream->queue());
   stream->Start();
   KL_LOG(30, "stream %s is pushed to %s", id.c_str(), url.c_str());
   const absl::MutexLock lock(&mutex_);
+  // With the lock held until the stream is in the map: a SetPushDelay() meanwhile would pass over its null entry.
   stream->queue()->SetDelay(std::chrono::seconds(push_delay_s_));
   streams_[id] = std::move(stream);
   return Outcome::Ok("stream " + id + " is pushed to " + url);
@@ -191,6 +194,7 @@ Outcome Encoder::DeleteStream(const std::string& id) {
     const auto found = streams_.find(id);
     if (found == streams_.end()) return Outcome::Error(ErrorCode::kUnknown, "there is no stream " + id);
     if (!found->second) return WrongState("stream " + id + " is just being added; try again in 2 s");
+    // Taken out of the map, so a second caller finds no such stream and the id is free again.
     stream = std::move(found->second);
     streams_.erase(found);
   }
@@ -282,7 +286,7 @@ Outcome Encoder::StopRecord() {
   {
     const absl::MutexLock lock(&mutex_);
     if (!recorder_) return WrongState("no recording is under way; start one first");
-    recorder.swap(recorder_);
+    recorder.swap(recorder_);  // `recording_` stays set: no recording starts before this file is complete
   }
   fanout_.Remove(recorder->queue().get());
   Outcome outcome = Complete(*recorder);
@@ -308,6 +312,7 @@ Outcome Encoder::SetForwardRecord(const RecordSpec& spec, int seconds) {
   std::shared_ptr<ForwardBuffer> before;
   {
     const absl::MutexLock lock(&mutex_);
+    // Together: ForwardRecord() writes a file of the format that the buffer was set up for.
     before = std::exchange(forward_, std::move(fresh));
     forward_tracks_ = tracks;
     forward_format_ = static_cast<RecordFormat>(spec.format);
@@ -325,6 +330,7 @@ Outcome Encoder::ForwardRecord() {
     const absl::MutexLock lock(&mutex_);
     if (!forward_) return WrongState("forward recording is off; set it first (SetForwardRecordRequest)");
     if (forward_writing_) return WrongState("a forward recording is being written; try again");
+    // One at a time, and without the lock: the file takes as long as the disk, and the buffer goes on meanwhile.
     forward_writing_ = true;
     buffer = forward_;
     format = forward_format_;

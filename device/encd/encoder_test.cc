@@ -41,7 +41,7 @@ void WaitFrames(const Encoder& encoder, std::uint64_t count) {
   ASSERT_TRUE(WaitFor([&] { return encoder.Count().video_frames >= target; }));
 }
 
-// What the encoder gives out, in kbit/s of programme time, once its rate control, which evens out over 0.6 s, has had
+// The encoder's output, in kbit/s of programme time, once its rate control, which evens out over 0.6 s, has had
 // time to follow the last change.
 double MeasureKbps(const Encoder& encoder) {
   WaitFrames(encoder, kFps / 2);

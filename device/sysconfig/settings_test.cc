@@ -26,7 +26,7 @@ using vextest::WriteFile;
 
 class SettingsTest : public testing::Test {
  protected:
-  // What the operation throws; empty when it throws nothing.
+  // The text that the operation throws; empty when it throws nothing.
   template <typename Operation>
   static std::string Refusal(Operation operation) {
     try {

@@ -1,4 +1,4 @@
-// What is in a media file, found by decoding all of it.
+// The contents of a media file, found by decoding all of it.
 #ifndef DEVICE_TESTING_MEDIA_PROBE_H_
 #define DEVICE_TESTING_MEDIA_PROBE_H_
 

@@ -1,4 +1,4 @@
-// What the player's tests share: small clips, a look at the canvas, and the player's events.
+// Shared by the player's tests: small clips, a look at the canvas, and the player's events.
 #ifndef DEVICE_TESTING_PLAYER_H_
 #define DEVICE_TESTING_PLAYER_H_
 
@@ -28,7 +28,7 @@ inline SampleClip SmallClip(int seconds) {
   return clip;
 }
 
-// True when the colours are the same but for what compression and colour conversion change.
+// True when the colours are the same but for the changes of compression and colour conversion.
 inline bool Near(const Picture::Pixel& pixel, std::uint32_t color) {
   const auto channel = [&](std::size_t i, int shift) {
     return std::abs(static_cast<int>(pixel[i]) - static_cast<int>((color >> shift) & 0xff)) <= 24;
@@ -48,7 +48,7 @@ inline bool ShowsWithin(Canvas& canvas, int x, int y, std::uint32_t color,
   return false;
 }
 
-// Keeps what it hears, one line per event: "0 started /tmp/clip.mp4", "0 seek 2000/4000 ok".
+// Keeps the events that it hears, one line each: "0 started /tmp/clip.mp4", "0 seek 2000/4000 ok".
 class Recorder : public PlayerListener {
  public:
   void OnPlayState(const std::string& id, const std::string& url, PlayState state) override {

@@ -26,7 +26,7 @@ PacketQueue::Taken PacketQueue::Take(std::chrono::milliseconds wait) {
     auto until = deadline;
     if (!packets_.empty()) {
       const auto due = packets_.front()->arrival + delay_;
-      if (closed_ || due <= Clock::now()) break;
+      if (closed_ || due <= Clock::now()) break;  // closed: the rest is due at once
       until = std::min(until, due);
     } else if (closed_) {
       return {};
@@ -74,6 +74,7 @@ void PacketQueue::SkipLocked(Clock::time_point now) {
   };
   const auto newest = std::find_if(packets_.rbegin(), packets_.rend(), starts_here);
   if (newest != packets_.rend()) DropLocked(static_cast<std::size_t>(packets_.rend() - newest) - 1);
+  // Looked at again: the part that was dropped may have been enough.
   const bool full =
       bytes_ > limits_.bytes || (!packets_.empty() && now - packets_.front()->arrival > delay_ + limits_.lag);
   if (!full) return;

@@ -15,7 +15,7 @@
 namespace encd {
 
 // Any thread may put; one thread takes. The producer never blocks: when the consumer falls behind by more than the
-// limits allow, packets are dropped up to a keyframe, so what follows can be decoded.
+// limits allow, packets are dropped up to a keyframe, so the rest can be decoded.
 class PacketQueue : public PacketSink {
  public:
   struct Limits {

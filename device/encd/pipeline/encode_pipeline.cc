@@ -85,6 +85,7 @@ EncodePipeline::EncodePipeline(const Options& options, PacketSink& out,
     : out_(out), on_failure_(std::move(on_failure)) {
   if (!options.input.empty()) OpenInput(options);
   Build(options);
+  // The streaming threads start with PLAYING: the taps are handed over to them before.
   for (Tap& tap : taps_) device::HandOver(&tap);
   pipeline_->SetState(GST_STATE_PLAYING);
   if (input_) input_->Start();
@@ -95,8 +96,8 @@ EncodePipeline::EncodePipeline(const Options& options, PacketSink& out,
 EncodePipeline::~EncodePipeline() {
   stop_ = true;
   if (watch_.joinable()) watch_.join();
-  input_.reset();  // feeds the pipeline, so it goes first
-  pipeline_.reset();
+  input_.reset();     // feeds the pipeline, so it goes first
+  pipeline_.reset();  // ends the streaming threads, which use the taps
   for (Tap& tap : taps_) device::TakeOver(&tap);
 }
 
@@ -203,6 +204,7 @@ void EncodePipeline::WaitForFirstPacket() {
   }
 }
 
+// Encoding doesn't start again by itself: the first error is reported, once, and the thread ends.
 void EncodePipeline::Watch() {
   while (!stop_) {
     const auto message = pipeline_->WaitFor(GST_MESSAGE_ERROR, kTick);

@@ -73,7 +73,7 @@ InputSource::InputSource(const std::string& input, const Format& format, SampleH
   sound_.handler = std::move(sound);
   GstElement* playbin = gst_element_factory_make("playbin", "input");
   if (playbin == nullptr) throw std::runtime_error("can't build the input: GStreamer has no playbin");
-  gst_object_ref_sink(playbin);
+  gst_object_ref_sink(playbin);  // its floating reference becomes ours
   player_ = std::make_unique<device::Pipeline>(device::ElementPtr(playbin));
   GstElement* pictures = MakeSink(
       absl::StrFormat("videoconvert ! videoscale ! video/x-raw,format=I420,width=%d,height=%d,pixel-aspect-ratio=1/1 ! "
@@ -87,7 +87,7 @@ InputSource::InputSource(const std::string& input, const Format& format, SampleH
                &sound_);
   g_object_set(playbin, "uri", uri_.c_str(), "flags", kPlayFlags, "video-sink", pictures, "audio-sink", sounds,
                nullptr);
-  WaitForFirstPicture();
+  WaitForFirstPicture();  // an input that can't be played is refused here, not logged later
 }
 
 InputSource::~InputSource() {

@@ -68,6 +68,7 @@ Outcome Player::Switch(const MediaRequest& request) {
 
 Outcome Player::Close(bool keep_picture) {
   return Run([this, keep_picture](Media::Deadline) {
+    // A picture that an earlier call kept is taken away without an open medium.
     if (media_ == nullptr && !keep_picture && kept_layer_ != nullptr) {
       kept_layer_.reset();
       return Outcome::Ok();
@@ -149,7 +150,8 @@ Outcome Player::NeedMedia() const {
 
 void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Info().url, state); }
 
-// A medium that can't be played is reported besides being refused: an operator who follows the reports sees it, too.
+// A medium that can't be played is refused and also reported, for operators who follow the reports. A wrong start
+// position is only refused: the medium itself is fine.
 Outcome Player::DoOpen(const MediaRequest& request) {
   const auto deadline = std::chrono::steady_clock::now() + limits_.media;
   std::unique_ptr<Media> media;
@@ -180,6 +182,7 @@ Outcome Player::Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline d
   if (play) {
     if (auto outcome = media->Play(deadline); !outcome.ok()) return outcome;
   }
+  // The new picture is shown before the old one goes, so that nothing else shows through between them.
   media->Show();
   kept_layer_.reset();
   media_ = std::move(media);
@@ -207,6 +210,7 @@ Outcome Player::DoResume(Media::Deadline deadline) {
   }
   if (state_ == State::kPlaying) return Outcome::Ok();
   if (auto outcome = media_->Play(deadline); !outcome.ok()) return outcome;
+  // The first resume of a medium that was opened paused is its start.
   const PlayState report = state_ == State::kOpened ? PlayState::kStarted : PlayState::kResumed;
   state_ = State::kPlaying;
   Report(report);
@@ -216,6 +220,7 @@ Outcome Player::DoResume(Media::Deadline deadline) {
 Outcome Player::DoSeek(std::uint32_t position_ms, Media::Deadline deadline) {
   if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
   auto outcome = media_->Seek(position_ms, speed_, deadline);
+  // Refused before the seek was begun, so there is no result to report.
   if (outcome.code == ErrorCode::kNotSeekable || outcome.code == ErrorCode::kSeekBehindEnd) return outcome;
   if (outcome.ok() && state_ == State::kEnded) {
     state_ = State::kPlaying;
@@ -249,7 +254,7 @@ void Player::OnWake() {
       Report(PlayState::kEnded);
       return;
     case Media::Event::kFailed:
-      Report(PlayState::kFailed);
+      Report(PlayState::kFailed);  // with the address, which goes with the medium
       media_.reset();
       state_ = State::kClosed;
       return;

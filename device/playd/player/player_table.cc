@@ -39,6 +39,7 @@ Outcome PlayerTable::Delete(const std::string& id) {
     const auto found = players_.find(id);
     if (found == players_.end()) return Outcome::Error(ErrorCode::kUnknownPlayer, "there is no player " + id);
     player = found->second;
+    // Kept until it has stopped: destroying it would wait for a medium that hangs. It counts as a player until then.
     leaving_.push_back(std::move(found->second));
     players_.erase(found);
   }
@@ -74,6 +75,7 @@ bool PlayerTable::StopAll(milliseconds limit) {
     all = leaving_;
     for (auto& [id, player] : players_) all.push_back(player);
   }
+  // All are told before one is waited for, so that the end takes as long as the slowest, not as their sum.
   for (const auto& player : all) player->Stop();
   return std::all_of(all.begin(), all.end(), [deadline](const auto& player) {
     return player->WaitStopped(std::max(milliseconds(0), duration_cast<milliseconds>(deadline - steady_clock::now())));

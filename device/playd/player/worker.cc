@@ -42,6 +42,7 @@ Outcome Worker::Run(Task task, std::chrono::milliseconds limit) {
     changed_.WaitUntil(&mutex_, deadline);
   }
   if (job->done) return std::move(job->outcome);
+  // A task that has begun can't be taken back; one that still waits can.
   if (job->started) return Outcome::Error(ErrorCode::kTimeout, "the request takes too long; it goes on unheard");
   jobs_.erase(std::remove(jobs_.begin(), jobs_.end(), job), jobs_.end());
   return Outcome::Error(ErrorCode::kBusy, "the player is busy with an earlier request; try again");
@@ -68,7 +69,7 @@ bool Worker::WaitStopped(std::chrono::milliseconds limit) {
 
 void Worker::RunJob(Job& job) {
   Outcome outcome = job.task();
-  job.task = nullptr;
+  job.task = nullptr;  // here and without the lock: it destroys whatever the task holds
   const absl::MutexLock lock(&mutex_);
   job.outcome = std::move(outcome);
   job.done = true;

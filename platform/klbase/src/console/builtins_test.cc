@@ -13,7 +13,7 @@
 namespace cli::internal {
 namespace {
 
-// Runs `lines` in a session of its own and returns what it printed.
+// Runs `lines` in a session of its own and returns its output.
 class BuiltinsTest : public testing::Test, private SessionHost {
  protected:
   std::string Run(std::string_view lines) {

@@ -59,7 +59,7 @@ TEST(EndpointTest, OtherAddressesNeedAPasswordFile) {
   }
 }
 
-// --- what comes
+// --- connections that come
 
 class ListenerTest : public ::testing::Test {
  protected:

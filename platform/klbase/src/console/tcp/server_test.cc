@@ -1,4 +1,4 @@
-// The console over real sockets: telnet operators, programs, and those who are neither.
+// The console over real sockets: telnet operators, programs, and clients that are neither.
 #include <arpa/inet.h>
 #include <crypt.h>
 #include <fcntl.h>
@@ -525,7 +525,7 @@ TEST_F(ServerTest, CtrlCWhileACommandRunsDropsTheLinesThatWait) {
   client.ReceiveUntil("waiting");
   client.Send("core count\r\ncore cou\xff\xf4");
   client.Send("core set 3\r\n");
-  TestClient other = Operator();  // what was sent before has been read by now
+  TestClient other = Operator();  // all that was sent before has been read by now
   gate_.Open();
   const std::string text = client.ReceiveUntil("3\r\nmain> ");
   EXPECT_NE(text.find("3\r\nmain> "), std::string::npos) << text;
@@ -609,7 +609,7 @@ TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
   EXPECT_EQ(Program("core set 1\n"), "1\n");
 }
 
-// --- who may be served
+// --- admission
 
 TEST_F(ServerTest, ABrowserIsClosedWithARecord) {
   Open();
@@ -763,7 +763,7 @@ TEST_F(PasswordTest, WhoDoesNotLogInInTimeIsClosed) {
   Open();
   TestClient client = Connect();
   client.ReceiveAll();
-  // On a loaded machine those who do log in may be late too.
+  // On a loaded machine operators who do log in may be late too.
   EXPECT_TRUE(WaitFor([this] { return Program("secret\ncore set 1\n") == "1\n"; }));
 }
 

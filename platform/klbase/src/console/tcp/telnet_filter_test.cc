@@ -18,7 +18,7 @@ std::string Bytes(Chars... bytes) {
   return {static_cast<char>(bytes)...};
 }
 
-// Writes down what comes, data as it is and events as <words>.
+// Writes down all that it receives, data as it is and events as <words>.
 class Recorder : public TelnetFilter::Receiver {
  public:
   void OnData(std::string_view bytes) override { text += bytes; }

@@ -1,4 +1,4 @@
-// The local side: a terminal (a pty here), and standard input that is none.
+// The local side: a terminal (a pty here), and standard input that is not a terminal.
 #include "console/terminal/local_console.h"
 
 #include <fcntl.h>
@@ -89,7 +89,7 @@ std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
 
 class PlainTest : public ::testing::Test {
  protected:
-  // Runs the console on the file `input` and returns what it writes.
+  // Runs the console on the file `input` and returns its output.
   std::string RunOn(const std::string& input) {
     const std::string in = folder_.Write("in", input);
     const std::string out = folder_.Write("out", "");
@@ -308,7 +308,7 @@ class Pty {
     return std::exchange(shown_, {});
   }
 
-  // What is shown up to and including `text`.
+  // The screen's text up to and including `text`.
   std::string Until(std::string_view text) {
     for (std::size_t at = 0;;) {
       if ((at = shown_.find(text)) != std::string::npos) {
