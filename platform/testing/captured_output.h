@@ -18,8 +18,8 @@
 
 namespace vextest {
 
-// Takes the stream over from construction to destruction. Each write of up to 4096 bytes is kept apart; 200 of them
-// wait for one that reads. What a failed test captured is printed in the end. One thread.
+// Takes the stream over from construction to destruction. Each write of up to 4096 bytes is kept apart, up to 200 of
+// them until they are read. Text that a failed test captured is printed in the end. One thread.
 class CapturedOutput {
  public:
   explicit CapturedOutput(int descriptor = STDOUT_FILENO) : descriptor_(descriptor), before_(Duplicate(descriptor)) {
@@ -38,7 +38,7 @@ class CapturedOutput {
     dup2(before_, descriptor_);
     close(before_);
     close(read_end_);
-    std::fputs(text.c_str(), stderr);  // among it what the failed check says
+    std::fputs(text.c_str(), stderr);  // among it the failed check's message
   }
 
   // Wait until `text`, or so many writes, were written; false when nothing more comes for as long as `limit`.
@@ -64,7 +64,7 @@ class CapturedOutput {
     ReadAll();
     return Joined();
   }
-  // Forgets what was read.
+  // Forgets the text that was read.
   void Clear() { writes_.clear(); }
 
  private:

@@ -66,7 +66,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return pointers;
 }
 
-// What the child needs, made before the fork: after it only system calls are allowed.
+// Everything that the child needs, made before the fork: after it only system calls are allowed.
 struct Image {
   std::array<int, 3> standard_files;
   bool pty;
@@ -116,7 +116,7 @@ int MillisecondsUntil(Clock::time_point deadline) {
   return static_cast<int>(std::max<long>(0, left));
 }
 
-// Appends what can be read now; closes `file` at its end (which a terminal tells by EIO).
+// Appends the bytes that can be read now; closes `file` at its end (which a terminal tells by EIO).
 void ReadInto(int& file, std::string& text) {
   std::array<char, 65536> buffer;
   const ssize_t size = read(file, buffer.data(), buffer.size());
@@ -209,7 +209,7 @@ bool ChildProcess::Write(std::string_view text) {
   while (!text.empty()) {
     pollfd waited = {input_, POLLOUT, 0};
     if (input_ < 0 || poll(&waited, 1, MillisecondsUntil(deadline)) <= 0) return false;
-    // At most what a writable pipe takes at once.
+    // A pipe that polls as writable takes this much without blocking.
     const ssize_t written = write(input_, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
     if (written < 0 && errno != EINTR) return false;
     if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
@@ -246,7 +246,7 @@ std::optional<ExitState> ChildProcess::WaitExit(std::chrono::milliseconds limit)
   const auto deadline = Clock::now() + limit;
   while (!child_->Exit() && Pump(deadline)) {
   }
-  // What it wrote last; its outputs may stay open in a child of its own.
+  // Reads its last output, without waiting for the end of it: a child of its own may keep the outputs open.
   while (child_->Exit() && Pump(Clock::now())) {
   }
   return child_->Exit();

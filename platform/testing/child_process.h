@@ -94,7 +94,7 @@ class ChildProcess {
   // Waits for its end and everything it wrote; nothing when it is still alive after `limit`.
   std::optional<ExitState> WaitExit(std::chrono::milliseconds limit = kLimit);
 
-  // What it wrote so far and was read.
+  // The output that it wrote so far and that was read.
   const std::string& Output() const { return output_; }
   const std::string& Errors() const { return errors_; }
   // Drops it, so that a wait sees new text only.
@@ -104,8 +104,8 @@ class ChildProcess {
   using Deadline = std::chrono::steady_clock::time_point;
 
   bool Wait(const std::string& where, std::string_view text, std::chrono::milliseconds limit);
-  // Reads what there is, waiting for it or for the child's end until `deadline`; false when it is too late or nothing
-  // more can come.
+  // Reads the output that there is, waiting for some or for the child's end until `deadline`; false when it is too late
+  // or nothing more can come.
   bool Pump(Deadline deadline);
 
   const bool pty_;

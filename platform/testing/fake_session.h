@@ -13,7 +13,7 @@
 
 namespace vextest {
 
-// A session in `menu`, which must outlive it; what commands print is kept. One thread.
+// A session in `menu`, which must outlive it; the commands' output is kept. One thread.
 class FakeSession : public cli::Session {
  public:
   // In no menu, for commands that don't ask.
@@ -27,7 +27,7 @@ class FakeSession : public cli::Session {
   // Runs the words in the current menu; returns whether a command took them. Exceptions pass through.
   bool Run(const std::vector<std::string>& words) { return menu_->Dispatch(words, *this); }
 
-  // Returns what was printed since the last call.
+  // Returns the text printed since the last call.
   std::string TakeText() {
     std::string text = out_.str();
     out_.str({});

@@ -1,4 +1,4 @@
-// What is written to a stream, as it is flushed.
+// The text written to a stream, flush by flush.
 #ifndef PLATFORM_TESTING_FLUSHED_TEXT_H_
 #define PLATFORM_TESTING_FLUSHED_TEXT_H_
 
@@ -12,7 +12,7 @@ namespace vextest {
 //   std::ostream out(&text);
 class FlushedText : public std::stringbuf {
  public:
-  // What came with each flush; what was written since the last one is not among it.
+  // The text of each flush; text that was written since the last one is not among it.
   const std::vector<std::string>& Flushes() const { return flushes_; }
 
  private:

@@ -1,4 +1,4 @@
-// How long tests wait for what must happen.
+// How long tests wait for events that must come.
 #ifndef PLATFORM_TESTING_LIMITS_H_
 #define PLATFORM_TESTING_LIMITS_H_
 

@@ -1,17 +1,17 @@
-// What sanitizers must know of the libraries from the distribution, which are not built for them. Linked into every
-// program of a sanitizer build, as an object, because the linker takes nothing from an archive for these names. The
-// environment's options still win.
+// The sanitizers' options for the distribution's libraries, which are not built for them. Linked into every program of
+// a sanitizer build, as an object, because the linker takes nothing from an archive for these names. The environment's
+// options still win.
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the sanitizers' own names
 
-// What a library does in a call that the sanitizer intercepts can't be judged without seeing the library's locks.
+// Without seeing a library's locks the sanitizer can't judge the calls that it intercepts there.
 // Signals: the tool's interrupt handler allocates and locks, which is sound on a thread that only waits for signals.
 extern "C" const char* __tsan_default_options() { return "ignore_noninstrumented_modules=1 report_signal_unsafe=0"; }
 
 extern "C" const char* __tsan_default_suppressions() {
   return
       // gRPC's threads and ours hand each other memory under gRPC's own locks. Our code never runs below its frames,
-      // except what writes its log lines.
+      // except for the function that writes its log lines.
       "race:libgrpc_unsecure.so\n"
       "race:libgrpc++_unsecure.so\n"
       "race:libgpr.so\n"

@@ -33,7 +33,7 @@ class ScratchFolder {
   std::string path_;
 };
 
-// All of a file; empty when there is none. Writes a file in place of what it held.
+// Reads a whole file; empty when there is none. Writes a file, in place of its old content.
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, std::string_view content);
 

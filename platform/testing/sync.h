@@ -12,7 +12,7 @@
 
 namespace vextest {
 
-// Asks `condition` again and again; returns whether it held within `limit`. For what tells nobody that it happened.
+// Asks `condition` again and again; returns whether it held within `limit`. For events that nobody is told of.
 template <typename Condition>
 bool WaitFor(const Condition& condition, std::chrono::milliseconds limit = kLimit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -42,7 +42,7 @@ class Changes {
   klbase::SteadyCondVar changed_;
 };
 
-// A value that threads change and a test waits for. Any thread. What the functions are given runs under the lock.
+// A value that threads change and a test waits for. Any thread. Functions that are passed in run under the lock.
 template <typename T>
 class Watched {
  public:
@@ -85,7 +85,7 @@ class Notification {
   Watched<bool> happened_;
 };
 
-// Threads wait in Pass() until the test opens the gate, without a limit: they play what never ends. The test waits
+// Threads wait in Pass() until the test opens the gate, without a limit: they play work that never ends. The test waits
 // until they have come. Any thread.
 class Gate {
  public:

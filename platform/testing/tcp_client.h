@@ -41,7 +41,7 @@ class TcpClient {
   // Returns whether the peer closed the connection within `limit`.
   bool ExpectClosed(std::chrono::milliseconds limit = kLimit);
 
-  // What arrived and was not expected yet; TakeReceived() forgets it.
+  // The bytes that arrived and were not expected yet; TakeReceived() forgets them.
   const std::string& Received() const { return received_; }
   std::string TakeReceived();
 

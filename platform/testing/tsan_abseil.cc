@@ -3,8 +3,8 @@
 //
 // Abseil comes from the distribution, uninstrumented, so the sanitizer sees none of its locks and would call all that
 // they guard a race. The functions below stand before the library's: a program's definition wins over a shared
-// library's. Each calls the library's own and says before or after it what that one orders. The lock itself
-// stays what it is, and a field that is used without it is still found.
+// library's. Each calls the library's own and tells the sanitizer, before or after it, of the order that it
+// gives. The lock itself is unchanged, and a field that is used without it is still found.
 //
 // A build against another Abseil (another inline namespace) finds none of these names; TsanAbseilTest then fails.
 #include <dlfcn.h>
@@ -80,7 +80,7 @@ void* NotifiedFlag(const void* notification) {
   }                                                                            \
   extern "C" RESULT FUNCTION(__VA_ARGS__)
 
-// absl::Mutex. What its scoped locks call, and TryLock(); the LockWhen() family is not used in this tree.
+// absl::Mutex: the functions that its scoped locks call, and TryLock(); the LockWhen() family is not used in this tree.
 
 STAND_BEFORE(void, vex_lock, "_ZN4absl7debian35Mutex4LockEv", void* self) {
   vex_lock_next()(self);

@@ -114,7 +114,7 @@ TEST(TsanAbseilTest, WhoeverWaitsForACallThatHappensOnceSeesWhatItDid) {
 }
 
 // The same code under a lock, which the sanitizer must not report, and with the lock left out, which it must: a planted
-// race. Both run in processes of their own, whose exit code says what was reported.
+// race. Both run in processes of their own, whose exit code tells whether a race was reported.
 enum class Lock { kHeld, kLeftOut };
 
 [[noreturn]] void CountInThreads(Lock lock) {

@@ -51,7 +51,7 @@ enum class Key : std::uint8_t {
 
 struct KeyPress {
   Key key = Key::kNone;
-  // Printable bytes: a whole UTF-8 character, or bytes that are none. Valid until the next call.
+  // Printable bytes: a whole UTF-8 character, or bytes that are not one. Valid until the next call.
   std::string_view text;
 };
 
