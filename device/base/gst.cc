@@ -84,6 +84,7 @@ Pipeline::Pipeline(const std::string& description) : Pipeline(ParsePipeline(desc
 
 Pipeline::Pipeline(ElementPtr pipeline) : pipeline_(std::move(pipeline)), bus_(gst_element_get_bus(pipeline_.get())) {}
 
+// In the NULL state the streaming threads have ended; only then may the elements go.
 Pipeline::~Pipeline() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
 
 ElementPtr Pipeline::Find(const char* name) const {

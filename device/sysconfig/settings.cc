@@ -109,6 +109,7 @@ void ReplaceFile(const std::string& path, const std::string& text) {
     unlink(partial.c_str());
     throw;
   }
+  // The new name is on the disk only when the folder is.
   const File folder(std::filesystem::path(path).parent_path().string(), O_RDONLY | O_DIRECTORY);
   if (folder.opened()) fsync(folder.get());
 }
@@ -181,6 +182,8 @@ void Settings::Change(const std::string& name, const std::optional<std::string>&
   std::error_code ignored;  // the lock file says it better
   std::filesystem::create_directories(std::filesystem::path(file_).parent_path(), ignored);
   const WriteLock lock(file_ + ".lock", lock_limit_);
+  // Read under the lock, so that no other writer's change is lost. The first line of a name counts when settings are
+  // read; later ones of this name are dropped here.
   std::string text;
   bool placed = !value.has_value();
   for (const std::string& line : ReadLines(file_)) {

@@ -78,12 +78,15 @@ struct Image {
 
 [[noreturn]] void BecomeProgram(const Image& image) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // A parent that died before the line above sends no signal any more.
   if (getppid() != image.parent) _exit(kNotExecuted);
+  // Blocked and ignored signals would stay so in the program.
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   signal(SIGPIPE, SIG_DFL);
   if (image.pty) {
+    // Only the terminal that controls a session turns Ctrl-C into a signal.
     setsid();
     ioctl(image.standard_files[0], TIOCSCTTY, 0);
   }
@@ -147,6 +150,7 @@ Child::~Child() {
 void Child::Signal(int number) {
   if (exit_) return;
   kill(pid_, number);
+  // WNOWAIT leaves an end that comes instead of the stop to Reap().
   siginfo_t stopped;
   if (number == SIGSTOP) waitid(P_PID, static_cast<id_t>(pid_), &stopped, WSTOPPED | WEXITED | WNOWAIT);
 }
@@ -188,6 +192,7 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments, const Options& op
   const Channel error = one_pipe_ ? Channel{-1, out.theirs} : MakePipe(false);
   image.standard_files = {in.theirs, out.theirs, error.theirs};
   child_.emplace(Spawn(image));
+  // The child has its own copies; one that stayed open here would keep a pipe from ever ending.
   close(in.theirs);
   close(out.theirs);
   if (!one_pipe_) close(error.theirs);

@@ -29,6 +29,7 @@ std::chrono::milliseconds Until(Clock::time_point deadline) {
 }  // namespace
 
 TcpClient::TcpClient(int port, int receive_buffer) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  // Before the connection, which fixes the window that the peer is offered.
   if (receive_buffer > 0) setsockopt(socket_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
   sockaddr_in address = {};
   address.sin_family = AF_INET;

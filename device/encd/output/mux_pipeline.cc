@@ -25,6 +25,7 @@ MuxPipeline::PushResult MuxPipeline::Push(const Packet& packet) {
   if (!tracks_.Has(packet.track)) return PushResult::kOk;
   if (!Error().empty()) return PushResult::kBroken;
   Input& input = InputFor(packet.track);
+  // Looked at before the packet has changed anything: the caller comes again with the same one.
   if (gst_app_src_get_current_level_bytes(GST_APP_SRC(input.source.get())) > max_pending_) return PushResult::kBusy;
   GstClockTime pts = 0;
   if (!Place(packet, &pts)) return PushResult::kOk;
@@ -40,6 +41,7 @@ bool MuxPipeline::Place(const Packet& packet, GstClockTime* pts) {
     base_ = packet.pts;
   } else if (close_gap_) {
     if (!can_start) return false;
+    // Moves the start, so that this packet follows directly behind the last one of its track.
     const Input& input = InputFor(packet.track);
     if (input.last != GST_CLOCK_TIME_NONE) base_ = packet.pts - std::min(packet.pts, input.last + input.duration);
   }
@@ -62,6 +64,7 @@ bool MuxPipeline::Feed(Input& input, const Packet& packet, GstClockTime pts) {
   if (duration != GST_CLOCK_TIME_NONE) input.duration = duration;
   input.last = pts;
   ++input.packets;
+  // A copy, because other consumers share the packet and give it other times.
   auto copy = device::CopyAt(packet.buffer.get(), {.pts = pts, .dts = dts, .duration = duration});
   return gst_app_src_push_buffer(source, copy.release()) == GST_FLOW_OK;
 }

@@ -102,7 +102,7 @@ std::string PushStream::WaitConnected(MuxPipeline& mux, milliseconds limit) {
 }
 
 void PushStream::Start() {
-  request_keyframe_();
+  request_keyframe_();  // the queue begins with one; the next by itself may be 2 s away
   thread_ = std::thread([this] { Run(); });
 }
 

@@ -36,6 +36,7 @@ Recorder::Recorder(const std::string& path, RecordFormat format, Tracks tracks, 
       queue_(std::make_shared<PacketQueue>(tracks, limits)),
       mux_(std::make_unique<MuxPipeline>(LayoutFor(format), tracks, kMaxPending)) {
   g_object_set(mux_->pipeline().Find("file").get(), "location", path.c_str(), nullptr);
+  // This opens the file, so a path that can't be written to is refused here.
   if (!mux_->pipeline().SetState(GST_STATE_PLAYING)) {
     const std::string& error = mux_->Error();
     throw std::runtime_error(error.empty() ? "can't open " + path : error);
@@ -59,7 +60,7 @@ void Recorder::Run() {
   while (WriteNext()) {
   }
   Report report = Complete();
-  mux_.reset();
+  mux_.reset();  // closes the file, before the report says that it is complete
   if (report.error.empty()) {
     KL_LOG(30, "recorded %s: %llu frames, %.1f s", path_.c_str(), static_cast<unsigned long long>(report.frames),
            report.seconds);

@@ -177,6 +177,7 @@ std::unique_ptr<Layer> Canvas::AddLayer(const Rectangle& rectangle, std::uint32_
 device::SamplePtr Canvas::NextSample(std::chrono::milliseconds timeout) {
   const auto catcher = std::make_shared<Catcher>();
   const auto deadline = std::chrono::steady_clock::now() + timeout;
+  // The probe has a share of its own: it may still run when this caller has given up.
   auto* const shared = new std::shared_ptr<Catcher>(catcher);
   device::HandOver(shared);
   const gulong probe = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, CatchPicture, shared, DropCatcher);
@@ -208,6 +209,7 @@ Outcome Canvas::SavePng(const std::string& path, std::chrono::milliseconds timeo
   if (!gst_buffer_map(gst_sample_get_buffer(png.get()), &map, GST_MAP_READ)) {
     return Outcome::Error(ErrorCode::kMediaFailed, "the picture can't be read");
   }
+  // Under another name until it is whole: readers of `path` see the old picture or the new one.
   const std::string partial = path + ".part";
   const bool written = WriteWhole(partial, map) && std::rename(partial.c_str(), path.c_str()) == 0;
   const int reason = errno;

@@ -109,6 +109,7 @@ KeyDecoder::Keys KeyDecoder::Put(char input) {
   const bool swallowed = BelongsToLineEnd(input);
   after_return_ = false;
   if (swallowed) return keys;
+  // A sequence without an end must not swallow all keys behind it.
   if (state_ != State::kGround && state_ != State::kCharacter && ++sequence_length_ > kMaxSequence) {
     state_ = State::kGround;
   }
@@ -127,7 +128,7 @@ KeyDecoder::Keys KeyDecoder::Put(char input) {
       break;
     case State::kFunctionKey:
       state_ = State::kGround;
-      if (byte < 0x20) Ground(byte, keys);
+      if (byte < 0x20) Ground(byte, keys);  // Enter and Ctrl-C are never part of a sequence
       break;
     case State::kSingleShift:
       SingleShift(byte, keys);

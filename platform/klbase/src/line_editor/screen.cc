@@ -48,8 +48,10 @@ void LineScreen::Paint(std::string& out, const LineView& view) {
   const std::size_t first = changed ? LayOut(view, same) : runs_.size();
   const int from = first == 0 ? 0 : runs_[first - 1].End();
   const int cursor = CursorPosition(view);
+  // Leaves the last column free: a hint that filled the row would put the cursor between two rows.
   const std::string hint = DisplayPrefix(view.hint, columns_ - 1 - Column(end_));
 
+  // A difference can be written where the change and the cursor are in the window; else the window is painted anew.
   const int scrolled_top = std::max(top_, LastRow() - rows_ + 1);
   if (!clipped_ && Row(from) >= top_ && Row(cursor) >= scrolled_top) {
     if (changed || hint != hint_) PaintChange(out, first, old_end, hint);
@@ -64,6 +66,7 @@ void LineScreen::Finish(std::string& out, LineView view) {
   view.cursor = view.text.size();
   view.hint = {};
   Paint(out, view);
+  // Behind a filled row the cursor is in the next one already.
   const bool at_fresh_row = end_ > 0 && Column(end_) == 0;
   if (!at_fresh_row) out += "\r\n";
   Forget();

@@ -41,11 +41,12 @@ bool IsUnsafe(utf8proc_int32_t rune) {
 }
 
 bool Combines(utf8proc_int32_t rune) {
-  if (rune < 0x300) return false;
+  if (rune < 0x300) return false;  // no mark has a lower number; decides most text without the tables
   if (rune == kZeroWidthJoiner || rune == kZeroWidthNonJoiner) return true;
   return utf8proc_charwidth(rune) == 0 && !IsUnsafe(rune);
 }
 
+// Back over continuation bytes (10xxxxxx) to a first byte. Bytes that don't make up a character count one by one.
 std::size_t PreviousRune(std::string_view text, std::size_t offset) {
   constexpr std::size_t kLongestRune = 4;
   for (std::size_t back = 1; back <= kLongestRune && back <= offset; ++back) {
@@ -63,6 +64,7 @@ bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
+// Widths of characters that are written out: 4 for \x1b, 6 for \u202e, 10 for \U000e0041.
 Unit UnitAt(std::string_view text, std::size_t offset) {
   const Rune rune = RuneAt(text, offset);
   if (rune.value < 0) return {1, 4, false};
@@ -101,6 +103,7 @@ std::size_t PreviousUnit(std::string_view text, std::size_t offset) {
   const std::size_t last = PreviousRune(text, offset);
   std::size_t base = last;
   while (base > 0 && Combines(RuneAt(text, base).value)) base = PreviousRune(text, base);
+  // A mark that the character before it does not take in is a unit of its own.
   return base + UnitAt(text, base).length >= offset ? base : last;
 }
 

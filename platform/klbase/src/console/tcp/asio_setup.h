@@ -2,8 +2,8 @@
 #ifndef KLBASE_CONSOLE_TCP_ASIO_SETUP_H_
 #define KLBASE_CONSOLE_TCP_ASIO_SETUP_H_
 
-// asio chooses its allocation functions by what the standard library's headers have said before it: without one here,
-// two files could choose differently, and one free what the other allocated.
+// asio chooses its allocation functions by the standard library's headers that were included before it: without one
+// here, two files could choose differently, and one free memory that the other allocated.
 #include <cstdlib>
 
 // The fences order nothing that one I/O thread and a locked queue of handlers don't order already, and the thread

@@ -20,6 +20,7 @@ InputQueue::Posted InputQueue::PostBytes(std::string_view bytes) {
     bytes.remove_prefix(interrupt);
   }
   bytes_.append(bytes);
+  // Bytes above the limit are kept all the same: the sender has read them already.
   paused_ = bytes_.size() > kMaxQueued;
   return paused_ ? Posted::kFull : Posted::kWaits;
 }
@@ -32,6 +33,7 @@ InputQueue::Posted InputQueue::PostEndOfInput() {
 
 InputQueue::Posted InputQueue::PostTerminalChange(const TerminalChange& change) {
   absl::MutexLock lock(&mutex_);
+  // Changes add up until the holder takes the state over, so none is lost.
   if (change.display) terminal_.display = *change.display;
   if (change.columns > 0) {
     terminal_.columns = change.columns;
