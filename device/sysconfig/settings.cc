@@ -146,7 +146,8 @@ void CheckValue(const std::string& value) {
                     " is the most",
                 true);
   }
-  const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };  // a plain char has a sign or none
+  // unsigned, because a plain char may be negative for bytes above 127
+  const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };
   if (std::any_of(value.begin(), value.end(), is_control)) {
     throw Error("the value holds control characters; it must be one line of text", true);
   }
@@ -179,7 +180,7 @@ void Settings::Remove(const std::string& name) { Change(name, std::nullopt); }
 void Settings::Change(const std::string& name, const std::optional<std::string>& value) {
   CheckName(name);
   if (value) CheckValue(*value);
-  std::error_code ignored;  // the lock file says it better
+  std::error_code ignored;  // opening the lock file then fails too, and its error is reported
   std::filesystem::create_directories(std::filesystem::path(file_).parent_path(), ignored);
   const WriteLock lock(file_ + ".lock", lock_limit_);
   // Read under the lock, so that no other writer's change is lost. The first line of a name counts when settings are

@@ -14,7 +14,7 @@ namespace sysconfig {
 // Something was refused or could not be done; what() names it and the reason. Nothing was changed.
 class Error : public std::runtime_error {
  public:
-  // `usage`: the caller asked for something that makes no sense, rather than being out of luck.
+  // `usage`: the request itself makes no sense; false when a sensible one failed.
   Error(const std::string& text, bool usage) : std::runtime_error(text), usage_(usage) {}
   bool usage() const { return usage_; }
 
@@ -55,8 +55,7 @@ class Settings {
 };
 
 // Refuse names and values that can't stand in the file or in a command line: a name is a letter or underscore, then
-// letters, digits and
-// "_.-", 64 at most; a value is one line of printable text.
+// letters, digits and "_.-", 64 at most; a value is one line of printable text.
 void CheckName(const std::string& name);
 void CheckValue(const std::string& value);
 

@@ -32,8 +32,8 @@ struct Position {
   std::uint32_t duration_ms = 0;
 };
 
-// Used by one thread at a time. Every operation takes a limit; one that runs into it leaves the medium usable only for
-// Close by destruction. Destruction stops decoding and waits for its threads. Canvas and mixer must outlive it.
+// Used by one thread at a time. Every operation takes a limit; one that runs into it leaves the medium fit only for
+// destruction. Destruction stops decoding and waits for its threads. Canvas and mixer must outlive it.
 class Media {
  public:
   using Deadline = std::chrono::steady_clock::time_point;

@@ -121,7 +121,7 @@ void History::Add(std::string_view line) {
   Keep(line);
   Trim();
   if (file_.empty()) return;
-  // The file was locked all the time: its readers would pass over so many lines anyway.
+  // The file has been locked all this time, and its readers would pass over so many lines anyway.
   if (unsaved_.size() > static_cast<std::size_t>(kMaxFileBytes)) unsaved_.clear();
   unsaved_ += line;
   unsaved_ += '\n';

@@ -167,7 +167,7 @@ void KeyDecoder::Control(unsigned char byte, Keys& keys) {
   Key key = byte == kDeleteByte ? Key::kBackspace : kControlKeys[byte];
   after_return_ = byte == '\r';
   if (pasting_) {
-    // Pasted text means itself. Ctrl-C is the way out when a paste's end got lost.
+    // Pasted characters are text, not keys. Ctrl-C is the way out when a paste's end got lost.
     if (key == Key::kTab) {
       text_.assign(1, ' ');
       keys.Add(Key::kText, text_);

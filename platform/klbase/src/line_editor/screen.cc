@@ -88,7 +88,7 @@ void LineScreen::Forget() {
   clipped_ = false;
 }
 
-// How many bytes from the beginning stand already; kNowhere when all do.
+// How many bytes from the beginning are on the screen already; kNowhere when all are.
 std::size_t LineScreen::FirstChange(const LineView& view) const {
   if (view.prompt.size() != prompt_size_ || content_.compare(0, prompt_size_, view.prompt) != 0) return 0;
   const std::string_view shown = std::string_view(content_).substr(prompt_size_);
@@ -101,7 +101,7 @@ std::size_t LineScreen::UnitEnd(std::size_t index) const {
   return index + 1 < runs_.size() ? runs_[index + 1].offset : content_.size();
 }
 
-// Lays out again from a little before the change: a mark may have joined the unit before it, and bytes that were no
+// Lays out again from a little before the change: a mark may have joined the unit before it, and bytes that were not a
 // character may have become one (three bytes and the one that completes them). Returns the index of the first unit that
 // has to be written.
 std::size_t LineScreen::LayOut(const LineView& view, std::size_t same) {

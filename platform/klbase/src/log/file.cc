@@ -27,7 +27,7 @@ constexpr int kFlushAtOnceLevel = 30;
 constexpr int kStandardErrorLevel = 40;
 constexpr auto kFlushInterval = std::chrono::milliseconds(700);  // under the promised second
 
-// Records come formatted.
+// Records are formatted before they come here.
 class VerbatimFormatter : public spdlog::formatter {
  public:
   void format(const spdlog::details::log_msg& message, spdlog::memory_buf_t& out) override {
@@ -39,7 +39,7 @@ class VerbatimFormatter : public spdlog::formatter {
 // Opens and closes the file, to learn at once and exactly why it can't be opened, and ends a line that a full disk or a
 // power cut left unfinished. Returns the error, 0 for none.
 int Prepare(const std::string& path) {
-  std::error_code ignored;  // open() says it better
+  std::error_code ignored;  // open() then fails too, and its error is returned
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
   const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY, 0644);
   if (fd < 0) return errno;
@@ -71,7 +71,7 @@ std::unique_ptr<std::thread> StartWithSignalsBlocked(void (*run)(LogFile*), LogF
   try {
     thread = std::make_unique<std::thread>(run, file);
   } catch (const std::exception&) {
-    // No thread to be had: records are then flushed one by one.
+    // Without a thread, records are flushed one by one.
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return thread;

@@ -28,7 +28,7 @@ void AppendText(LogBuffer& out, std::string_view text) {
   }
 }
 
-// The quarter of an hour that was asked for last, and its offset.
+// The last quarter of an hour that was asked for, and its offset, in one number so that both change at once.
 constinit std::atomic<uint64_t> known_offset{0};
 
 }  // namespace
@@ -36,7 +36,7 @@ constinit std::atomic<uint64_t> known_offset{0};
 long LocalTimeOffset(std::time_t time) {
   constexpr int kOffsetBits = 24;
   constexpr long kBias = 1L << (kOffsetBits - 1);
-  constexpr auto kQuarter = std::time_t{15} * 60;  // no clock is changed but at its beginning
+  constexpr auto kQuarter = std::time_t{15} * 60;  // offsets change only at the beginning of one
   const auto quarter = static_cast<uint64_t>(time / kQuarter);
   const uint64_t known = known_offset.load(std::memory_order_relaxed);
   if (known >> kOffsetBits == quarter) return static_cast<long>(known & ((1 << kOffsetBits) - 1)) - kBias;

@@ -35,11 +35,11 @@ class CommandThread {
   // The thread ends when RunLines() has returned; a line that it has not begun is dropped.
   void Close();
 
-  // It was started and has not ended.
+  // True when the thread was started and has not ended.
   bool Running() const;
-  // It was closed, and has ended if it ever was started.
+  // True when it was closed, and has ended if it was ever started.
   bool Done() const;
-  // The caller is this thread.
+  // True when the caller is this thread.
   bool IsCurrent() const;
   // Once Done(); not on the thread itself.
   void Join();
