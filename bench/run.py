@@ -17,7 +17,7 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "platform" / "testing"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "platform" / "testing" / "network"))
 
 import private_network  # noqa: E402
 

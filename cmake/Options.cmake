@@ -63,9 +63,9 @@ endfunction()
 
 # Settings that programs give the sanitizers for faults in the distribution's libraries.
 if(VEX_SANITIZE)
-  add_library(vextool_sanitizer OBJECT ${CMAKE_CURRENT_LIST_DIR}/../platform/testing/sanitizer_options.cc)
+  add_library(vextool_sanitizer OBJECT ${CMAKE_CURRENT_LIST_DIR}/../platform/testing/sanitizer/sanitizer_options.cc)
   if(VEX_SANITIZE MATCHES thread)
-    target_sources(vextool_sanitizer PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../platform/testing/tsan_abseil.cc)
+    target_sources(vextool_sanitizer PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../platform/testing/sanitizer/tsan_abseil.cc)
   endif()
   vex_warnings(vextool_sanitizer)
 endif()

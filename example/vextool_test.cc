@@ -17,9 +17,9 @@
 #include "encoder/v1/encoder.pb.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/fake_daemon.h"
+#include "platform/testing/network/tcp_client.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
-#include "platform/testing/tcp_client.h"
 
 namespace {
 

@@ -5,7 +5,7 @@ import sys
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "platform" / "testing"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "platform" / "testing" / "network"))
 
 import private_network  # noqa: E402
 

@@ -20,7 +20,7 @@ import traceback
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
-sys.path[:0] = [str(HERE), str(ROOT / "platform" / "testing")]
+sys.path[:0] = [str(HERE), str(ROOT / "platform" / "testing" / "network")]
 
 import private_network  # noqa: E402
 

@@ -11,9 +11,9 @@
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
 #include "encoder/v1/encoder.pb.h"
+#include "example/testing/flushed_text.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/fake_session.h"
-#include "platform/testing/flushed_text.h"
 #include "platform/testing/log_capture.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "platform/testing/flushed_text.h"
+#include "example/testing/flushed_text.h"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include "console/options.h"
 #include "klbase/log.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/network/tcp_client.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
-#include "platform/testing/tcp_client.h"
 
 namespace cli::internal {
 

@@ -1,7 +1,7 @@
 // main() of test programs that use the daemons' fixed addresses.
 #include <gmock/gmock.h>
 
-#include "platform/testing/private_network.h"
+#include "platform/testing/network/private_network.h"
 
 int main(int argc, char* argv[]) {
   testing::InitGoogleMock(&argc, argv);

@@ -1,6 +1,6 @@
 // The sanitizers' options for the distribution's libraries, which are not built for them. Linked into every program of
 // a sanitizer build, as an object, because the linker takes nothing from an archive for these names. The environment's
-// options still win.
+// options still win. Programs that use GStreamer add device/base/sanitizer_options.cc.
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the sanitizers' own names
 

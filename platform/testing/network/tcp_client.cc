@@ -1,4 +1,4 @@
-#include "platform/testing/tcp_client.h"
+#include "platform/testing/network/tcp_client.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,6 +1,6 @@
 // A TCP connection to the console, byte for byte.
-#ifndef PLATFORM_TESTING_TCP_CLIENT_H_
-#define PLATFORM_TESTING_TCP_CLIENT_H_
+#ifndef PLATFORM_TESTING_NETWORK_TCP_CLIENT_H_
+#define PLATFORM_TESTING_NETWORK_TCP_CLIENT_H_
 
 #include <chrono>
 #include <optional>
@@ -58,4 +58,4 @@ class TcpClient {
 
 }  // namespace vextest
 
-#endif  // PLATFORM_TESTING_TCP_CLIENT_H_
+#endif  // PLATFORM_TESTING_NETWORK_TCP_CLIENT_H_

@@ -1,6 +1,6 @@
 // The text written to a stream, flush by flush.
-#ifndef PLATFORM_TESTING_FLUSHED_TEXT_H_
-#define PLATFORM_TESTING_FLUSHED_TEXT_H_
+#ifndef EXAMPLE_TESTING_FLUSHED_TEXT_H_
+#define EXAMPLE_TESTING_FLUSHED_TEXT_H_
 
 #include <sstream>
 #include <string>
@@ -27,4 +27,4 @@ class FlushedText : public std::stringbuf {
 
 }  // namespace vextest
 
-#endif  // PLATFORM_TESTING_FLUSHED_TEXT_H_
+#endif  // EXAMPLE_TESTING_FLUSHED_TEXT_H_

@@ -1,4 +1,4 @@
-#include "platform/testing/private_network.h"
+#include "platform/testing/network/private_network.h"
 
 #include <fcntl.h>
 #include <net/if.h>

@@ -1,6 +1,6 @@
 // A network of its own for a test program, because ports and abstract socket names are machine-wide.
-#ifndef PLATFORM_TESTING_PRIVATE_NETWORK_H_
-#define PLATFORM_TESTING_PRIVATE_NETWORK_H_
+#ifndef PLATFORM_TESTING_NETWORK_PRIVATE_NETWORK_H_
+#define PLATFORM_TESTING_NETWORK_PRIVATE_NETWORK_H_
 
 namespace vextest {
 
@@ -11,4 +11,4 @@ bool EnterPrivateNetwork();
 
 }  // namespace vextest
 
-#endif  // PLATFORM_TESTING_PRIVATE_NETWORK_H_
+#endif  // PLATFORM_TESTING_NETWORK_PRIVATE_NETWORK_H_
