@@ -98,7 +98,7 @@ int DaemonMain(int argc, char** argv, const DaemonProgram& program,
   absl::SetProgramUsageMessage(program.usage);
   const auto words = absl::ParseCommandLine(argc, argv);
   if (words.size() > 1) {
-    std::fprintf(stderr, "%s: '%s' is no flag; see %s --help\n", program.name, words[1], program.name);
+    std::fprintf(stderr, "%s: '%s' is not a flag; see %s --help\n", program.name, words[1], program.name);
     return 1;
   }
   const DaemonLife life(program);

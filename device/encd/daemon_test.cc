@@ -301,7 +301,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadStart{"NoMedia", {"--input=/etc/passwd"}, {}, "encd: can't play input file:///etc/passwd: "},
         BadStart{"OddWidth", {"--width=321"}, {}, "encd: --width=321 is out of range; use 64 to 1920, even\n"},
         BadStart{"Fps", {"--fps=0"}, {}, "encd: --fps=0 is out of range; use 1 to 60\n"},
-        BadStart{"Word", {"start"}, {}, "encd: 'start' is no flag; see encd --help\n"},
+        BadStart{"Word", {"start"}, {}, "encd: 'start' is not a flag; see encd --help\n"},
         BadStart{"Flag", {"--no_such_flag"}, {}, "Unknown command line flag 'no_such_flag'"},
         BadStart{"Address", {"--address=nonsense:::"}, {}, "encd: can't serve on \"nonsense:::\""},
         BadStart{"Plugins",

@@ -151,7 +151,7 @@ Outcome Encoder::ReserveStream(const std::string& id, const std::string& url) {
   if (id.empty()) return BadValue("the stream has no unique_id; give it one");
   if (url.empty()) return BadValue("stream " + id + " has no url; use rtmp://HOST[:PORT]/APP");
   if (url.rfind("rtmp://", 0) != 0 && url.rfind("rtmps://", 0) != 0) {
-    return BadValue("url " + url + " is no RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
+    return BadValue("url " + url + " is not an RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
   }
   const absl::MutexLock lock(&mutex_);
   if (streams_.size() >= kMaxStreams) {

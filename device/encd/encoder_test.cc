@@ -312,7 +312,7 @@ TEST_F(EncoderTest, StreamsThatMakeNoSenseAreRefusedWithTheReason) {
   ExpectResult(encoder_.AddStream("x", "", "k"), ErrorCode::kBadValue,
                "stream x has no url; use rtmp://HOST[:PORT]/APP");
   ExpectResult(encoder_.AddStream("x", "http://127.0.0.1/live", "k"), ErrorCode::kBadValue,
-               "url http://127.0.0.1/live is no RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
+               "url http://127.0.0.1/live is not an RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
   EXPECT_EQ(encoder_.AddStream("x", "rtmp://", "").code, ErrorCode::kUnreachable);
   ExpectResult(encoder_.DeleteStream("x"), ErrorCode::kUnknown, "there is no stream x");
   ExpectResult(encoder_.DeleteStream(""), ErrorCode::kBadValue, "which stream? unique_id is empty");

@@ -417,7 +417,7 @@ TEST_F(PlaydProgramTest, SavesTheComposedPictureOnRequest) {
 TEST_F(PlaydProgramTest, RefusesWordsThatAreNoFlags) {
   ChildProcess playd({PLAYD_PROGRAM, "start"}, Environment());
   EXPECT_EQ(playd.WaitExit(), (ExitState{1, 0}));
-  EXPECT_EQ(playd.Output(), "playd: 'start' is no flag; see playd --help\n");
+  EXPECT_EQ(playd.Output(), "playd: 'start' is not a flag; see playd --help\n");
 }
 
 TEST_F(PlaydProgramTest, TheSampleClipProgramWritesAClipAndSaysWhyItCannot) {

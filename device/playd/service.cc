@@ -22,7 +22,7 @@ void Fill(const std::string& id, const Outcome& outcome, lp::v1::UniversalResp& 
 }
 
 Outcome Unparsable(const google::protobuf::Descriptor& type) {
-  return Outcome::Error(ErrorCode::kInvalidArgument, "the payload is no " + type.full_name());
+  return Outcome::Error(ErrorCode::kInvalidArgument, "the payload is not a " + type.full_name());
 }
 
 // Empty for the timing requests, which do not concern a player.

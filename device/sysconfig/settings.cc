@@ -135,7 +135,7 @@ void CheckName(const std::string& name) {
   const bool valid = !name.empty() && name.size() <= Settings::kMaxName && IsLetter(name.front()) &&
                      std::all_of(name.begin(), name.end(), IsNameCharacter);
   if (!valid) {
-    throw Error("'" + name + "' is no name for a setting: use a letter, then letters, digits and _.-, 64 at most",
+    throw Error("'" + name + "' is not a name for a setting: use a letter, then letters, digits and _.-, 64 at most",
                 true);
   }
 }

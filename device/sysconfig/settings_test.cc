@@ -88,7 +88,7 @@ TEST_F(SettingsTest, KeepsLinesThatAreNoSettings) {
 TEST_F(SettingsTest, RefusesBadNames) {
   for (const std::string name : {"", "1st", "a b", "a=b", "a;b", "../x", "-x", "#x", "na\nme", "gr\xc3\xbc"}) {
     const std::string text =
-        "'" + name + "' is no name for a setting: use a letter, then letters, digits and _.-, 64 at most";
+        "'" + name + "' is not a name for a setting: use a letter, then letters, digits and _.-, 64 at most";
     EXPECT_EQ(Refusal([&] { settings_.Set(name, "1"); }), text);
     EXPECT_EQ(Refusal([&] { settings_.Get(name); }), text);
     EXPECT_EQ(Refusal([&] { settings_.Remove(name); }), text);
@@ -202,7 +202,7 @@ TEST_F(SysconfigTest, RefusesBadNamesWithStatusAndText) {
   EXPECT_EQ(Run("set 1st x"), "");
   EXPECT_EQ(status_, 2);
   EXPECT_EQ(Errors(),
-            "sysconfig: '1st' is no name for a setting: use a letter, then letters, digits and _.-, 64 at most\n");
+            "sysconfig: '1st' is not a name for a setting: use a letter, then letters, digits and _.-, 64 at most\n");
 }
 
 TEST_F(SysconfigTest, ShowsItsUsageForWrongWords) {

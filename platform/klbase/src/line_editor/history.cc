@@ -91,7 +91,7 @@ class History::LockedFile {
     fd_ = open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, kFileMode);
     if (fd_ < 0) return Unusable(errno == ELOOP ? "it is a symbolic link" : "opening it failed", errno);
     if (fstat(fd_, &info_) != 0) return Unusable("looking at it failed", errno);
-    if (!S_ISREG(info_.st_mode)) return Unusable("it is no regular file", 0);
+    if (!S_ISREG(info_.st_mode)) return Unusable("it is not a regular file", 0);
     if (info_.st_uid != geteuid()) return Unusable("it belongs to another user", 0);
     if ((info_.st_mode & 07777) != kFileMode && fchmod(fd_, kFileMode) != 0) {
       return Unusable("setting its mode to 0600 failed", errno);

@@ -283,7 +283,7 @@ TEST_F(HistoryTest, ANamedPipeIsNotWaitedFor) {
   ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
   const History history(file_);
   EXPECT_THAT(log_.Texts(), ElementsAre("40 history file '" + file_ +
-                                        "' is not used, it is no regular file; lines are kept in memory only\n"));
+                                        "' is not used, it is not a regular file; lines are kept in memory only\n"));
 }
 
 TEST_F(HistoryTest, AnotherUsersFileIsNotUsed) {

@@ -12,13 +12,13 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "absl/synchronization/mutex.h"
 #include "klbase/log_sink.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/child_process.h"
@@ -401,12 +401,12 @@ class LogObserverTest : public LogTest {
     KlLogSetObserver([this](const KlLogRecord& record) { Keep(record); });
   }
   void Keep(const KlLogRecord& record) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    absl::MutexLock lock(&mutex_);
     seen_.push_back(std::to_string(record.level) + "|" + std::string(record.source_file) + ":" +
                     std::to_string(record.line) + "|" + std::string(record.function) + "|" + std::string(record.text));
   }
 
-  std::mutex mutex_;
+  absl::Mutex mutex_;
   std::vector<std::string> seen_;
 };
 

@@ -278,7 +278,7 @@ TEST_F(ApiServerTest, UserIdsThatAreNoneAreReported) {
   const auto server = Serve(address_);
   const auto record = [](const std::string& word) {
     return LogRecord{40, "platform/klrpc/src/server/unix_listener", "AllowedUids",
-                     "KLRPC_ALLOW_UID: " + word + " is no user id; write numbers separated by commas"};
+                     "KLRPC_ALLOW_UID: " + word + " is not a user id; write numbers separated by commas"};
   };
   EXPECT_EQ(log_.Records(), (std::vector<LogRecord>{record("\"video\""), record("\"-1\"")}));
 }

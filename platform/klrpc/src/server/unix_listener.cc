@@ -46,7 +46,7 @@ std::vector<uid_t> AllowedUids() {
     if (*text >= '0' && *text <= '9' && end == text + entry.size() && errno == 0 && uid < 0xffffffffUL) {
       uids.push_back(static_cast<uid_t>(uid));
     } else {
-      KL_LOG(40, "KLRPC_ALLOW_UID: \"%s\" is no user id; write numbers separated by commas",
+      KL_LOG(40, "KLRPC_ALLOW_UID: \"%s\" is not a user id; write numbers separated by commas",
              std::string(entry).c_str());
     }
     text += entry.size();

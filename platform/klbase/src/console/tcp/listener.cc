@@ -28,8 +28,9 @@ asio::ip::address ParseAddress(const std::string& text) {
   std::error_code error;
   auto address = asio::ip::make_address(text, error);
   if (error) {
-    throw std::runtime_error("console address \"" + text +
-                             "\" is no IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or 0.0.0.0");
+    throw std::runtime_error(
+        "console address \"" + text +
+        "\" is not an IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or 0.0.0.0");
   }
   return address;
 }

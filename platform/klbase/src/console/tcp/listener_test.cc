@@ -35,9 +35,10 @@ TEST(EndpointTest, APortOutOfRangeIsRefused) {
 TEST(EndpointTest, ANameIsNoAddress) {
   ConsoleOptions options;
   options.address = "localhost";
-  EXPECT_EQ(Refusal(options),
-            "console address \"localhost\" is no IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or "
-            "0.0.0.0");
+  EXPECT_EQ(
+      Refusal(options),
+      "console address \"localhost\" is not an IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or "
+      "0.0.0.0");
 }
 
 TEST(EndpointTest, LoopbackAddressesNeedNoPassword) {

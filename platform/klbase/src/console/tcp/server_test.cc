@@ -841,9 +841,10 @@ TEST(ConsoleCreateTest, ThePortIsFreeAgainAtOnce) {
 TEST(ConsoleCreateTest, AnAddressThatIsNoneIsRefused) {
   ConsoleOptions options;
   options.address = "localhost";
-  EXPECT_EQ(CreationError(options),
-            "console address \"localhost\" is no IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or "
-            "0.0.0.0");
+  EXPECT_EQ(
+      CreationError(options),
+      "console address \"localhost\" is not an IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or "
+      "0.0.0.0");
 }
 
 TEST(ConsoleCreateTest, AnAddressForOthersNeedsAPassword) {
