@@ -214,6 +214,7 @@ TEST_F(InputQueueTest, ThreadsThatPostTakeTurnsWithTheLease) {
     }
   };
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
       const std::string byte(1, static_cast<char>('a' + i));
