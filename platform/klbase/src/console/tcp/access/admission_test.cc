@@ -55,7 +55,7 @@ class LoginAdmissionTest : public AdmissionTest {
   LoginAdmissionTest() : AdmissionTest("/pw") {}
 
   std::shared_ptr<FakeConnection> Connect() {
-    const auto connection = FakeConnection::In(open_);
+    auto connection = FakeConnection::In(open_);
     EXPECT_EQ(admission_.Decide(connection).refusal, "");
     return connection;
   }
@@ -115,7 +115,7 @@ class AdmitLoggedInTest : public LoginAdmissionTest {
     config.id = table_.NextId();
     config.root = std::make_shared<Menu>("main");
     config.output = output_;
-    const auto session = std::make_shared<ConsoleSession>(std::move(config));
+    auto session = std::make_shared<ConsoleSession>(std::move(config));
     table_.Add(session, SessionSlot());
     return session;
   }

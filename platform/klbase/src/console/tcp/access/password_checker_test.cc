@@ -64,6 +64,7 @@ TEST(PasswordCheckerTest, OnePasswordIsCheckedAtATime) {
     return true;
   });
   std::vector<std::thread> operators;
+  operators.reserve(4);
   for (int i = 0; i < 4; ++i) operators.emplace_back([&checker] { EXPECT_TRUE(checker.Check("secret")); });
   for (auto& thread : operators) thread.join();
   EXPECT_EQ(most, 1);
