@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include "console/builtins.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/fake_connection.h"
 
@@ -114,6 +115,7 @@ class AdmitLoggedInTest : public LoginAdmissionTest {
     SessionConfig config;
     config.id = table_.NextId();
     config.root = std::make_shared<Menu>("main");
+    config.builtins = MakeBuiltins("main");
     config.output = output_;
     auto session = std::make_shared<ConsoleSession>(std::move(config));
     table_.Add(session, SessionSlot());
