@@ -212,11 +212,20 @@ def test_a_reader_that_takes_nothing_stalls_nobody(tool, connect):
         still_works(connect, tool)
 
 
-def test_a_browser_cannot_drive_the_console(tool, connect):
+@pytest.mark.parametrize("beginning, record", [
+    ("POST / HTTP/1.1", "it speaks HTTP"),
+    ("PROPFIND / HTTP/1.1", "it speaks HTTP"),
+    ("FOO /x y HTTP/1.1", "it speaks HTTP"),
+    ("get / http/1.1", "it speaks HTTP"),
+    ("\r\nQUERY / HTTP/2.0", "it speaks HTTP"),
+    ("FOO /" + "x" * 5000 + " HTTP/1.1", "its first line is too long"),
+    ("\x16\x03\x01\x02", "it begins with a byte that nobody types"),
+])
+def test_a_browser_cannot_drive_the_console(tool, connect, beginning, record):
     browser = connect(tool.port(), Connection)
-    browser.send("POST / HTTP/1.1\r\nHost: x\r\n\r\ncore set debug 9\r\n")
-    assert "debug level" not in browser.rest()
-    wait_until(lambda: "HTTP" in tool.log(), "the refusal is logged")
+    browser.send(beginning + "\r\nHost: x\r\n\r\ncore set debug 9\r\nshutdown\r\n")
+    assert "debug level" not in browser.rest_or_reset()
+    wait_until(lambda: record in tool.log(), "the refusal is logged")
     still_works(connect, tool)
 
 

@@ -152,13 +152,13 @@ std::optional<std::string> ConsoleSession::LineToRun(LineReader::Line line) {
     End();
     return std::nullopt;
   }
-  if (line.first && !AcceptsFirstLine(line)) {
-    End();
-    return std::nullopt;
-  }
   if (line.event == LineEditor::Event::kTooLong) {
     config_.output->Append("Line too long: a line has at most " + std::to_string(kMaxLineBytes) +
                            " bytes. It was dropped.\n");
+  }
+  if (line.first && !AcceptsFirstLine(line)) {
+    End();
+    return std::nullopt;
   }
   if (line.event == LineEditor::Event::kLine) {
     const bool blank = line.text.find_first_not_of(" \t") == std::string::npos;

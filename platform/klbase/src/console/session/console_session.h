@@ -36,8 +36,8 @@ struct SessionConfig {
   std::shared_ptr<OutputBuffer> output;
   std::string history_file;         // "" keeps the history in memory
   std::optional<LoginRules> login;  // none: the operator is trusted
-  // Judges the first line, or the first LineReader::kFirstBytes of one that is too long (`whole` is false then), before
-  // anything is made of it: false ends the session. Called by the holder of the lease, on any thread. None: all lines
+  // Judges the first line that is not blank, before anything is made of it: false ends the session. Of one that is too
+  // long nothing is known (`whole` is false then). Called by the holder of the lease, on any thread. None: all lines
   // are welcome.
   std::function<bool(std::string_view line, bool whole)> accept_first_line;
   // Both may be called on any thread, without a lock. `want_input`: there is room for input again after OnInput()

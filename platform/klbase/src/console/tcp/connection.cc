@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "console/tcp/http_sniff.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -197,6 +198,10 @@ void Connection::Read() {
   std::string& buffer = owner_.ReadBuffer();
   const ssize_t count = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
   if (count > 0) {
+    const bool first = !std::exchange(heard_, true);
+    if (first && IsForeignFirstByte(static_cast<unsigned char>(buffer.front()))) {
+      return Abort("it begins with a byte that nobody types");
+    }
     Deliver({buffer.data(), static_cast<std::size_t>(count)});
   } else if (count == 0) {
     input_ = Input::kEnded;  // it may still read: the lines that have come are run and answered

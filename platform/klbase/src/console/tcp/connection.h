@@ -133,6 +133,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   Phase phase_ = Phase::kSniffing;
   Input input_ = Input::kWanted;
   Pending pending_;
+  bool heard_ = false;  // something has been read
   bool dumb_terminal_ = false;
   bool console_ends_ = false;  // a client whose input is all read is not waited for
 };

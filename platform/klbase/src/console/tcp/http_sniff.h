@@ -6,12 +6,13 @@
 
 namespace cli::internal {
 
-// A whole request line: "GET /path HTTP/1.1".
-bool IsHttpRequestLine(std::string_view line);
-// The beginning of a line, of which the rest is not known: a method and a blank.
-bool BeginsLikeHttp(std::string_view bytes);
-// Whether a client's first line is a browser's: `line` is the whole line, or else the beginning of a longer one.
+// Whether a client's first line is a browser's: "TOKEN TARGET HTTP/...", whatever the token, because a web page may
+// choose it. A line of more than kMaxLineBytes (`whole` is false then) counts as one: the page may choose its length.
 bool SpeaksHttp(std::string_view line, bool whole);
+
+// Whether no operator and no program begins with `byte`: it is a control character that is neither a line end nor a key
+// of the line editor. TLS begins with one, and so do other binary protocols.
+bool IsForeignFirstByte(unsigned char byte);
 
 }  // namespace cli::internal
 

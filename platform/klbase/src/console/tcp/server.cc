@@ -34,7 +34,8 @@ using Tcp = asio::ip::tcp;
 // A browser that was lured to the port must not drive the console. On the I/O thread.
 bool AcceptFirstLine(int session_id, const std::string& peer, std::string_view line, bool whole) {
   if (!SpeaksHttp(line, whole)) return true;
-  KL_LOG(40, "console session %d from %s closed: it speaks HTTP\n", session_id, peer.c_str());
+  KL_LOG(40, "console session %d from %s closed: %s\n", session_id, peer.c_str(),
+         whole ? "it speaks HTTP" : "its first line is too long");
   return false;
 }
 

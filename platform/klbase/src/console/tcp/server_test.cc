@@ -212,13 +212,13 @@ TEST_F(ServerTest, OutputIsNotLostWhenMoreInputWaitsAtTheEnd) {
 
 TEST_F(ServerTest, AnOverlongLineIsRefusedWithOneMessage) {
   Open();
-  EXPECT_EQ(Program(std::string(5000, 'x') + "\ncore set 1\n"),
+  EXPECT_EQ(Program("core\n" + std::string(5000, 'x') + "\nset 1\n"),
             "Line too long: a line has at most 4096 bytes. It was dropped.\n1\n");
 }
 
 TEST_F(ServerTest, TenMegabytesWithoutANewlineAreDropped) {
   Open();
-  EXPECT_EQ(Program(std::string(10 << 20, 'x') + "\ncore set 1\n"),
+  EXPECT_EQ(Program("core\n" + std::string(10 << 20, 'x') + "\nset 1\n"),
             "Line too long: a line has at most 4096 bytes. It was dropped.\n1\n");
 }
 
@@ -614,11 +614,34 @@ TEST_F(ServerTest, AClientThatOnlySendsIsHeldBack) {
 TEST_F(ServerTest, ABrowserIsClosedWithARecord) {
   Open();
   const LogCapture log(30);
-  EXPECT_EQ(Program("GET /core HTTP/1.1\r\nHost: x\r\n\r\ncore count\r\n"), "");
-  EXPECT_EQ(Program("POST / HTTP/1.1\r\n\r\ncore count\r\n"), "");
-  EXPECT_EQ(Program("POST /" + std::string(9000, 'x') + " HTTP/1.1\r\n\r\ncore count\r\n"), "");
+  for (const char* method : {"GET", "POST", "PROPFIND", "FOO", "get", "QUERY"}) {
+    EXPECT_EQ(Program(std::string(method) + " /core HTTP/1.1\r\nHost: x\r\n\r\ncore count\r\n"), "") << method;
+  }
   EXPECT_EQ(counted_, 0);
-  EXPECT_EQ(log.Count("40 console session "), 3U);
+  EXPECT_EQ(log.Count("40 console session "), 6U);
+}
+
+TEST_F(ServerTest, AnOverlongFirstLineMayBeABrowsersAndEndsTheSession) {
+  Open();
+  const LogCapture log(30);
+  EXPECT_EQ(Program("FOO /" + std::string(9000, 'x') + " HTTP/1.1\r\n\r\ncore count\r\n"),
+            "Line too long: a line has at most 4096 bytes. It was dropped.\n");
+  EXPECT_EQ(counted_, 0);
+  EXPECT_EQ(log.Count("40 console session 1 from 127.0.0.1:"), 1U);
+}
+
+TEST_F(ServerTest, AClientThatBeginsWithAByteThatNobodyTypesIsClosed) {
+  Open();
+  const LogCapture log(30);
+  TestClient quick = Connect();
+  quick.Send("\x16\x03\x01\ncore count\n");
+  quick.ReceiveAll();
+  TestClient slow = Connect();
+  slow.ReceiveUntil("main> ");
+  slow.Send(std::string_view("\x16\x03\x01\rcore count\r"));
+  slow.ReceiveAll();
+  EXPECT_EQ(counted_, 0);
+  EXPECT_EQ(log.Count("40 console connection from 127.0.0.1:"), 2U);
 }
 
 TEST_F(ServerTest, ABrowserThatIsSlowIsClosedToo) {

@@ -20,9 +20,6 @@ void LineReader::Give(std::string bytes) {
 
 LineReader::Line LineReader::Read() {
   const std::string_view unread = std::string_view(bytes_).substr(used_);
-  if (first_ && first_bytes_.size() < kFirstBytes) {
-    first_bytes_.append(unread.substr(0, kFirstBytes - first_bytes_.size()));
-  }
   const LineEditor::Result result = edits_ ? Edit(unread) : splitter_.Feed(unread);
   used_ += result.consumed;
   Line line;
@@ -34,8 +31,7 @@ LineReader::Line LineReader::Read() {
   output_->MarkLineStart();  // the Enter key moved the operator's cursor, or nothing was echoed
   const bool too_long = line.event == LineEditor::Event::kTooLong;
   if (line.event == LineEditor::Event::kLine) line.text = edits_ ? editor_->TakeLine() : splitter_.TakeLine();
-  if (too_long || line.event == LineEditor::Event::kLine) line.first = std::exchange(first_, false);
-  if (too_long && line.first) line.text = first_bytes_;
+  if (too_long || line.text.find_first_not_of(" \t") != std::string::npos) line.first = std::exchange(first_, false);
   return line;
 }
 

@@ -18,13 +18,10 @@ namespace cli::internal {
 // output, and flushed by the caller.
 class LineReader {
  public:
-  // This much of a first line that is too long is kept.
-  static constexpr std::size_t kFirstBytes = 16;
-
   struct Line {
     LineEditor::Event event = LineEditor::Event::kNone;
-    bool first = false;  // of all lines, also of those that are too long
-    std::string text;    // of kLine; of a first kTooLong its first kFirstBytes
+    bool first = false;  // of all lines but blank ones, also of those that are too long
+    std::string text;    // of kLine
   };
 
   // `editor` is null where the other end is not an operator: lines are only split then. `output` must outlive it.
@@ -62,7 +59,6 @@ class LineReader {
   std::string bytes_;
   std::size_t used_ = 0;
   bool first_ = true;
-  std::string first_bytes_;
   LineEditor::Display display_ = LineEditor::Display::kNone;
   bool hidden_ = false;
 };
