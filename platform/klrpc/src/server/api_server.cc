@@ -24,6 +24,7 @@
 #include "server/unix_listener.h"
 #include "server/worker_pool.h"
 #include "transport/grpc_core.h"
+#include "transport/unix_address.h"
 
 namespace klrpc {
 namespace {

@@ -277,7 +277,7 @@ TEST_F(ApiServerTest, UserIdsThatAreNoneAreReported) {
   const ScopedVariable allowed("KLRPC_ALLOW_UID", "12,video,-1");
   const auto server = Serve(address_);
   const auto record = [](const std::string& word) {
-    return LogRecord{40, "platform/klrpc/src/server/unix_listener", "AllowedUids",
+    return LogRecord{40, "platform/klrpc/src/transport/peer_policy", "ListedUids",
                      "KLRPC_ALLOW_UID: " + word + " is not a user id; write numbers separated by commas"};
   };
   EXPECT_EQ(log_.Records(), (std::vector<LogRecord>{record("\"video\""), record("\"-1\"")}));

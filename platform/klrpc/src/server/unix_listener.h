@@ -3,17 +3,15 @@
 #define KLRPC_SERVER_UNIX_LISTENER_H_
 
 #include <sys/types.h>
-#include <sys/un.h>
 
 #include <functional>
 #include <string>
 #include <thread>
-#include <vector>
+
+#include "transport/peer_policy.h"
+#include "transport/unix_address.h"
 
 namespace klrpc {
-
-// True for "unix:PATH", "unix://PATH" and "unix-abstract:NAME".
-bool IsUnixAddress(const std::string& address);
 
 class UnixListener {
  public:
@@ -39,9 +37,8 @@ class UnixListener {
   bool Allowed(int fd) const;
 
   const std::string address_;
-  const std::vector<uid_t> allowed_uids_;
-  sockaddr_un name_{};
-  socklen_t name_size_ = 0;
+  const PeerPolicy policy_;
+  const UnixName name_;
   int listening_ = -1;
   int stop_ = -1;   // an eventfd, readable when the thread is to end
   ino_t file_ = 0;  // the socket file that this server made, 0 for none
