@@ -2,7 +2,11 @@
 #ifndef PLATFORM_TESTING_SYNC_H_
 #define PLATFORM_TESTING_SYNC_H_
 
+#include <sys/types.h>
+
 #include <chrono>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include "absl/base/thread_annotations.h"
@@ -21,6 +25,16 @@ bool WaitFor(const Condition& condition, std::chrono::milliseconds limit = kLimi
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
+}
+
+// Whether a thread of this process is asleep in the kernel: for a test that has to see a thread wait for something that
+// tells nobody of its waiters.
+inline bool ThreadSleeps(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string stat;
+  std::getline(file, stat);
+  const auto name_end = stat.rfind(')');  // the state stands behind the name
+  return name_end != std::string::npos && stat.compare(name_end + 1, 3, " S ") == 0;
 }
 
 // Waiting for something that is guarded by a mutex; SignalAll() after each change.

@@ -1,6 +1,7 @@
 #include "platform/testing/sync.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -16,6 +17,21 @@ TEST(WaitForTest, EndsWithTheConditionOrAtItsLimit) {
   EXPECT_TRUE(WaitFor([&] { return ++asked == 3; }));
   EXPECT_EQ(asked, 3);
   EXPECT_FALSE(WaitFor([] { return false; }, kMoment));
+}
+
+TEST(ThreadSleepsTest, TellsAWaitingThreadFromARunningOne) {
+  EXPECT_FALSE(ThreadSleeps(gettid()));
+  Gate gate;
+  std::atomic<pid_t> waiting = 0;
+  std::thread other([&] {
+    waiting = gettid();
+    gate.Pass();
+  });
+  EXPECT_TRUE(gate.WaitUntilReached());
+  EXPECT_TRUE(WaitFor([&] { return ThreadSleeps(waiting); }));
+  gate.Open();
+  other.join();
+  EXPECT_FALSE(ThreadSleeps(waiting)) << "it is gone";
 }
 
 TEST(WatchedTest, WaitsUntilAnotherThreadHasChangedTheValue) {
