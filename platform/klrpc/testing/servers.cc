@@ -76,6 +76,15 @@ int CallAsNobody(const std::string& address) {
   return answered ? 1 : 0;
 }
 
+// A subscriber of "topic", until it is killed.
+int SubscribeUntilKilled(const std::string& address) {
+  const auto client = Connect(address);
+  client->SubscribeTopics("child", {"topic"});
+  SayReady();
+  while (client != nullptr) pause();
+  return 1;
+}
+
 // A server and a client that are still in use when static objects are destroyed.
 int ExitWhileServing(const std::string& address) {
   static std::unique_ptr<APIServer> server;
@@ -96,6 +105,7 @@ int RunChild(int argc, char** argv) {
   const std::string mode = argv[1];
   if (mode == "--serve") return ServeUntilKilled(argv[2]);
   if (mode == "--call-as-nobody") return CallAsNobody(argv[2]);
+  if (mode == "--subscribe") return SubscribeUntilKilled(argv[2]);
   if (mode == "--exit-while-serving") return ExitWhileServing(argv[2]);
   return -1;
 }
