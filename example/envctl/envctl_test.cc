@@ -19,6 +19,7 @@
 #include "example/envctl/sysconf.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/fake_session.h"
+#include "platform/testing/log_capture.h"
 
 namespace {
 
@@ -388,8 +389,15 @@ TEST_F(SysconfTest, DescriptionSaysNothingOfAProbeThatFails) {
   cli::Menu root("main");
   const EnvCTLCli plugin(&root);
   vextest::FakeSession session(root);
+  const vextest::LogCapture log;
+  CapturedOutput output;
+  CapturedOutput errors(STDERR_FILENO);
   EXPECT_TRUE(session.Run({"envctl", "description"}));
   EXPECT_EQ(session.TakeText(), "apisdk tools");
+  EXPECT_THAT(Commands(), testing::SizeIs(3)) << "it was not probed";
+  EXPECT_EQ(output.Text(), "");
+  EXPECT_EQ(errors.Text(), "");
+  EXPECT_THAT(log.Records(), IsEmpty());
 }
 
 TEST(EnvCTLCliTest, DescriptionTakesNoParameter) {
