@@ -392,18 +392,51 @@ TEST_F(RpcServerTest, ServicesOutliveTheRequestsInThem) {
 }
 
 TEST_F(RpcServerTest, EndsWhileRequestsPourIn) {
-  RpcServer other_lifetimes;  // the services' code is there before and after
+  constexpr int kServers = 20;
+  constexpr int kAnswersOfEach = 20;
+  std::atomic<int> server_number = 0;
+  std::atomic<int> answered = 0;
+  std::atomic<int> wrong = 0;
+  std::atomic<int> inside = 0;
+  std::atomic<int> destroyed_under_a_request = 0;
+  const auto make = [&]() -> std::unique_ptr<core::RpcService> {
+    return Scripted(
+        [&, own = server_number.load()](const KeyValue&, Status& reply) {
+          ++inside;
+          for (int i = 0; i < 50; ++i) std::this_thread::yield();  // so that one is almost always inside
+          reply.set_code(own);
+          --inside;
+          return true;
+        },
+        [&] {
+          if (inside > 0) ++destroyed_under_a_request;
+        })();
+  };
+  const ScriptedRegistry registry({{"busy", make}});
   std::atomic<bool> stop = false;
-  std::thread caller([this, &stop] {
-    while (!stop) Ask<ExampleRPCReply>(ExampleRPCRequest());
-  });
-  for (int i = 0; i < 20; ++i) {
+  const auto pour = [&] {
+    while (!stop) {
+      const auto reply = Ask<Status>(KeyValue());
+      if (!reply) continue;
+      ++answered;
+      // An answer may be on its way while the next server starts.
+      if (reply->code() != server_number && reply->code() + 1 != server_number) ++wrong;
+    }
+  };
+  std::thread first(pour);
+  std::thread second(pour);
+  for (int i = 0; i < kServers; ++i) {
+    answered = 0;
+    ++server_number;
     RpcServer server;
     server.StartRpcServer();
-    Ask<ExampleRPCReply>(ExampleRPCRequest());
+    EXPECT_TRUE(vextest::WaitFor([&] { return answered >= kAnswersOfEach; })) << "server " << i;
   }
   stop = true;
-  caller.join();
+  first.join();
+  second.join();
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(destroyed_under_a_request, 0);
 }
 
 TEST(RpcModuleTest, ServesFromLoadToDestruction) {

@@ -1,7 +1,6 @@
 // Runs in a network of its own: the player publishes at its fixed address.
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -16,6 +15,7 @@
 #include "platform/testing/captured_output.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/sync.h"
 #include "player/v1/player.pb.h"
 
 namespace {
@@ -52,17 +52,13 @@ std::size_t CountOf(const std::string& text, const std::string& block) {
   return count;
 }
 
-// Publishes probes until the latest one was printed. The server may know of a subscription before the client has it
-// confirmed; only from then on every event arrives.
+// Waits until the daemon has the subscription. From then on each event is printed once: the first one that it took for
+// the subscriber, too.
 void Establish(FakeDaemon& daemon, const std::string& topic, CapturedOutput& output) {
-  constexpr std::chrono::milliseconds kPatience{100};
-  const auto deadline = std::chrono::steady_clock::now() + vextest::kLimit;
-  for (int probe = 0;; ++probe) {
-    ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "no event of " << topic << " arrives";
-    const std::string id = "probe " + std::to_string(probe);
-    daemon.Publish(topic, Event(id));
-    if (output.WaitFor(Block(topic, id), kPatience)) break;
-  }
+  ASSERT_TRUE(vextest::WaitFor([&] { return daemon.Publish(topic, Event("first")) > 0; })) << topic;
+  const std::string first = Block(topic, "first");
+  ASSERT_TRUE(output.WaitFor(first)) << "the first event of " << topic << " does not arrive";
+  ASSERT_EQ(output.Text(), first);
   output.Clear();
 }
 
@@ -223,6 +219,8 @@ TEST_F(SubscribersTest, EventsComeAgainAfterThePlayerWasRestartedAndNoneTwice) {
   ASSERT_NO_FATAL_FAILURE(Establish(daemon_, kSeekTopic, output));
   daemon_.Publish(kReportTopic, Event("before"));
   ASSERT_TRUE(output.WaitFor(Block(kReportTopic, "before")));
+  ASSERT_EQ(output.Text(), Block(kReportTopic, "before"));
+  output.Clear();
   daemon_.Stop();
   daemon_.Start();
   ASSERT_NO_FATAL_FAILURE(Establish(daemon_, kReportTopic, output));
