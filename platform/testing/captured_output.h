@@ -41,7 +41,7 @@ class CapturedOutput {
     std::fputs(text.c_str(), stderr);  // among it the failed check's message
   }
 
-  // Wait until `text`, or so many writes, were written; false when nothing more comes for as long as `limit`.
+  // Wait until `text`, or so many writes or bytes, were written; false when nothing more comes for as long as `limit`.
   bool WaitFor(std::string_view text, std::chrono::milliseconds limit = kLimit) {
     while (Joined().find(text) == std::string::npos) {
       if (!ReadOne(limit)) return false;
@@ -50,6 +50,12 @@ class CapturedOutput {
   }
   bool WaitForWrites(std::size_t count) {
     while (writes_.size() < count) {
+      if (!ReadOne(kLimit)) return false;
+    }
+    return true;
+  }
+  bool WaitForBytes(std::size_t count) {
+    while (Joined().size() < count) {
       if (!ReadOne(kLimit)) return false;
     }
     return true;

@@ -12,9 +12,8 @@ struct EventLine {
   std::string value;
 };
 
-// Writes a line of 39 asterisks and then `lines` to standard output. Each line is written whole and flushed; blocks of
-// several threads don't mix. Other output of the process may come between two lines. Any thread; a reader that takes
-// nothing holds up the caller and every other one.
+// Writes a line of 39 asterisks and then `lines` to standard output, as one piece, and flushes it: blocks of several
+// threads don't mix. Any thread, without a lock; a reader that takes nothing holds up the caller.
 void PrintEventBlock(std::initializer_list<EventLine> lines);
 
 #endif  // EXAMPLE_RPCSERVICE_PUBSUB_EVENT_BLOCK_H_

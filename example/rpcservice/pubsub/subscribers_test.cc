@@ -241,7 +241,7 @@ TEST_F(SubscribersTest, PrintsAStreamOfEventsWholeAndInOrder) {
     daemon_.Publish(kReportTopic, Event(std::to_string(i)));
     expected += Block(kReportTopic, std::to_string(i));
   }
-  ASSERT_TRUE(output.WaitForWrites(std::size_t{4} * kEvents));
+  ASSERT_TRUE(output.WaitForWrites(kEvents));
   EXPECT_EQ(output.Text(), expected);
 }
 

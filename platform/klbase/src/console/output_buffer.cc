@@ -49,6 +49,7 @@ bool OutputBuffer::Print(std::string_view text) {
     absl::MutexLock lock(&mutex_);
     if (fd_ < 0) return false;
     if (text.empty()) return true;
+    ++printed_;
     AppendConvertedLocked(text);
     line_start_ = text.back() == '\n';
     // While the reader takes nothing, a write would only fail again: the transport waits for it and writes then.
@@ -179,6 +180,11 @@ void OutputBuffer::Close() {
 bool OutputBuffer::Closed() const {
   absl::MutexLock lock(&mutex_);
   return fd_ < 0;
+}
+
+std::uint64_t OutputBuffer::Printed() const {
+  absl::MutexLock lock(&mutex_);
+  return printed_;
 }
 
 std::size_t OutputBuffer::Pending() const {

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -71,6 +72,8 @@ class OutputBuffer {
   void Close();
 
   bool Closed() const;
+  // How many times Print() was called.
+  std::uint64_t Printed() const;
   std::size_t Pending() const;
   // How long bytes have been waiting without one of them being taken; zero when none wait.
   Clock::duration StalledFor() const;
@@ -91,6 +94,7 @@ class OutputBuffer {
   bool blocked_ ABSL_GUARDED_BY(mutex_) = false;
   std::string pending_ ABSL_GUARDED_BY(mutex_);
   std::size_t written_ ABSL_GUARDED_BY(mutex_) = 0;
+  std::uint64_t printed_ ABSL_GUARDED_BY(mutex_) = 0;
   Clock::time_point blocked_since_ ABSL_GUARDED_BY(mutex_);
 };
 

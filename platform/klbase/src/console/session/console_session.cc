@@ -68,9 +68,14 @@ void ConsoleSession::Notice(std::string_view text) {
     case Notices::Posted::kKept:
       PumpIfLeased(queue_.PostRedraw());
       break;
+    case Notices::Posted::kHeld:
     case Notices::Posted::kDropped:
       break;
   }
+}
+
+void ConsoleSession::ShowHeldNotices() {
+  if (notices_.Tick()) config_.output->FlushUnlessBlocked();
 }
 
 void ConsoleSession::Finish(std::string_view farewell) { PumpIfLeased(queue_.PostFinish(farewell)); }

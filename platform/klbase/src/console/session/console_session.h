@@ -71,6 +71,8 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   // --- Any thread.
   // Shows whole lines that are not a command's output, above the line that is being typed.
   void Notice(std::string_view text);
+  // While a command runs: to be called every few milliseconds, for the notices that wait until it is quiet.
+  void ShowHeldNotices();
   // Takes the line that is being typed off the screen and shows it again, after something else drew over it.
   void Redraw() { Notice({}); }
   // Runs no further line; a command under way finishes and is heard. Then says `farewell`, if anything was left to be

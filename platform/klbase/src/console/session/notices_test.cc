@@ -21,19 +21,53 @@ TEST_F(NoticesTest, WhileALineIsTypedANoticeIsKeptForTheHolder) {
   EXPECT_EQ(notices_.Take(), "");
 }
 
-TEST_F(NoticesTest, WhileACommandRunsANoticeIsShownAtOnceOnAFreshLine) {
+TEST_F(NoticesTest, WhileACommandHasPrintedNothingANoticeIsShownAtOnceOnAFreshLine) {
+  output_.Buffer()->Print("half");
   notices_.CommandBegins();
-  output_.Buffer()->Append("half");
   EXPECT_EQ(notices_.Post("news\n"), Notices::Posted::kShown);
   EXPECT_EQ(output_.Take(), "half\nnews\n");
   EXPECT_EQ(notices_.Take(), "");
 }
 
+TEST_F(NoticesTest, ANoticeDoesNotComeIntoTheMiddleOfAnAnswer) {
+  notices_.CommandBegins();
+  output_.Buffer()->Print("one");
+  EXPECT_EQ(notices_.Post("news\n"), Notices::Posted::kHeld);
+  EXPECT_EQ(notices_.Post("more\n"), Notices::Posted::kHeld);
+  output_.Buffer()->Print(" answer\n");
+  EXPECT_EQ(output_.Take(), "one answer\n");
+  notices_.CommandEnds();
+  EXPECT_EQ(output_.Take(), "news\nmore\n");
+}
+
+TEST_F(NoticesTest, ACommandThatIsQuietForATickHoldsNothingBack) {
+  notices_.CommandBegins();
+  output_.Buffer()->Print("progress");
+  notices_.Post("news\n");
+  output_.Buffer()->Print("..");
+  EXPECT_FALSE(notices_.Tick());
+  EXPECT_EQ(output_.Take(), "progress..");
+  EXPECT_TRUE(notices_.Tick());
+  EXPECT_EQ(output_.Take(), "\nnews\n");
+  EXPECT_FALSE(notices_.Tick());
+  EXPECT_EQ(notices_.Post("more\n"), Notices::Posted::kShown);
+}
+
+TEST_F(NoticesTest, ACommandThatPrintsAllTheTimeHoldsALimitedAmount) {
+  notices_.CommandBegins();
+  output_.Buffer()->Print("answer\n");
+  const std::string large(16 << 10, 'x');
+  EXPECT_EQ(notices_.Post(large), Notices::Posted::kHeld);
+  EXPECT_EQ(notices_.Post("news\n"), Notices::Posted::kShown);
+  EXPECT_EQ(output_.Take(), "answer\n" + large + "news\n");
+}
+
 TEST_F(NoticesTest, APlainReaderGetsNoLineEndOfOurs) {
   Notices plain(output_.Buffer(), false);
   plain.CommandBegins();
-  output_.Buffer()->Append("half");
+  output_.Buffer()->Print("half");
   plain.Post("news\n");
+  plain.CommandEnds();
   EXPECT_EQ(output_.Take(), "halfnews\n");
 }
 

@@ -317,6 +317,11 @@ void Connection::OnData(std::string_view bytes) {
 
 void Connection::OnInterrupt() { session_->OnInterrupt(); }
 
+void Connection::FlushOutput() {
+  session_->ShowHeldNotices();
+  output_->FlushUnlessBlocked();
+}
+
 void Connection::OnAreYouThere() { session_->Notice("[yes]\n"); }
 
 void Connection::OnWindowSize(int columns, int rows) { session_->ChangeTerminal({.columns = columns, .rows = rows}); }

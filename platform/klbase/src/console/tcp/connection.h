@@ -64,7 +64,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   bool LoggedIn() const override { return session_ != nullptr && session_->LoggedIn(); }
   bool CommandRunning() const override { return session_ != nullptr && session_->CommandRunning(); }
   OutputBuffer::Clock::duration StalledFor() const override { return output_->StalledFor(); }
-  void FlushOutput() override { output_->FlushUnlessBlocked(); }
+  void FlushOutput() override;
   void Finish(std::string_view notice) override;
   void Abort(const char* why) override;
   void Abandon() override;

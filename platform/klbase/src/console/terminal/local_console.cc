@@ -125,6 +125,7 @@ bool LocalConsole::PollOnce() {
   if (fds[0].revents != 0) HandleWake();
   if (fds[1].revents != 0) HandleTerminalEvents();
   if (fds[2].revents != 0) ReadInput();
+  if (ready == 0) session_->ShowHeldNotices();
   output_->Flush();
   return true;
 }
