@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
-events service."""
+events delay crowd service."""
 
 import argparse
 import contextlib
@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import pty
+import resource
 import select
 import shutil
 import socket
@@ -49,8 +50,8 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def run_json(arguments):
-    done = subprocess.run(arguments, stdout=subprocess.PIPE, timeout=120, check=True)
+def run_json(arguments, **options):
+    done = subprocess.run(arguments, stdout=subprocess.PIPE, timeout=120, check=True, **options)
     return json.loads(done.stdout)
 
 
@@ -336,6 +337,74 @@ def bench_events(table, bin_folder, folder):
                   f"{rates['tool'] / rates['mosquitto']:.2f} x it")
 
 
+def bench_delay(table, bin_folder, folder):
+    environment = tool_environment(folder)
+    program, tool = bin_folder / "bench_event_delay", bin_folder / "vextool"
+
+    def measure(what, count):
+        return lambda: run_json([program, what, str(count), tool], env=environment)
+
+    figures = alternate({"event to the local terminal": measure("terminal", 500),
+                         "event to a bare subscriber": measure("bare", 500)})
+    add_latencies(table, figures, "event to the local terminal", {"event to the local terminal": "150 / 2000"})
+    figure = measure("restart", 60)()
+    table.add("events back after a restart", f"{figure['p50_us'] / 1000:.1f} / {figure['p99_us'] / 1000:.1f}", "ms p50/p99",
+              "", "p99 <= 150")
+
+
+@contextlib.contextmanager
+def disturbers(port, each):
+    """So many connections that read nothing of their commands' output, and as many that send noise."""
+    program = pathlib.Path(__file__).resolve().parents[1] / "tests" / "soak" / "disturbers.py"
+    process = subprocess.Popen([sys.executable, "-B", program, str(port), str(each), "1"], stdin=subprocess.PIPE,
+                               stdout=subprocess.PIPE)
+    try:
+        assert process.stdout.readline() == b"all connected\n"
+        yield
+        process.stdin.close()
+        process.stdout.read()
+        process.wait(60)
+    finally:
+        process.kill()
+        process.wait()
+
+
+def work(operator, seconds):
+    """One operator's commands with a pause behind each: milliseconds that 50 % and 99 % of the answers took at most."""
+    pause_s = 0.005
+    samples = []
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        start = time.perf_counter()
+        operator.sendall(b"core show version\n")
+        answer = b""
+        while not answer.endswith(VERSION_END.encode()):
+            part = operator.recv(4096)
+            assert part, "the operator was cut off"
+            answer += part
+        samples.append((time.perf_counter() - start) * 1000)
+        time.sleep(pause_s)
+    ordered = sorted(samples)
+    return ordered[len(ordered) // 2], ordered[len(ordered) * 99 // 100]
+
+
+def bench_crowd(table, bin_folder, folder):
+    each, work_s, calm_s = 333, 15, 60
+    resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+    with console(bin_folder, folder, KLBASE_CONSOLE_MAX_SESSIONS="2000") as (process, port):
+        operator = socket.create_connection(("127.0.0.1", port), 60)
+        alone = work(operator, work_s)
+        start = resident_kb(process.pid)
+        with disturbers(port, each):
+            crowded = work(operator, work_s)
+        table.add(f"operator beside 2 x {each} disturbers", f"{crowded[0]:.2f} / {crowded[1]:.2f}", "ms p50/p99", "",
+                  "p99 <= 50")
+        table.add("the same operator alone", f"{alone[0]:.2f} / {alone[1]:.2f}", "ms p50/p99", f"{crowded[0] / alone[0]:.1f} x it")
+        time.sleep(calm_s)
+        table.add(f"memory {calm_s} s after them, above before", f"{(resident_kb(process.pid) - start) / 1024:.1f}", "MiB", "",
+                  "<= 16")
+
+
 def bench_service(table, bin_folder, folder):
     environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "playd.log"))
     with console(bin_folder, folder) as (_, port), child([bin_folder / "playd", "--headless"], env=environment):
@@ -354,7 +423,7 @@ def bench_service(table, bin_folder, folder):
 
 
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
-           "events": bench_events, "service": bench_service}
+           "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service}
 
 
 def main():

@@ -83,6 +83,12 @@ int MeasureAndPrint(std::size_t count, const std::function<bool()>& round_trip, 
   return 0;
 }
 
+void PrintPercentiles(std::vector<double> samples) {
+  std::sort(samples.begin(), samples.end());
+  std::printf("{\"count\": %zu, \"p50_us\": %.2f, \"p99_us\": %.2f}\n", samples.size(), Percentile(samples, 0.5),
+              Percentile(samples, 0.99));
+}
+
 std::size_t CountArgument(int argc, char** argv, std::size_t otherwise) {
   const long count = argc > 1 ? std::atol(argv[1]) : 0;
   return count > 0 ? static_cast<std::size_t>(count) : otherwise;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <vector>
 
 namespace bench {
 
@@ -19,6 +20,9 @@ inline constexpr std::size_t kPayloadBytes = 100;
 // With a `server`, which is ended, each side's cost of a round trip is printed too: "client_cpu_us", "server_cpu_us"
 // (user and system, all threads) and "client_switches", "server_switches" (voluntary and forced).
 int MeasureAndPrint(std::size_t count, const std::function<bool()>& round_trip, Child* server = nullptr);
+
+// Prints such an object for samples that were taken otherwise, in microseconds; there is at least one.
+void PrintPercentiles(std::vector<double> samples);
 
 // The count given as the first argument of the program, else `otherwise`.
 std::size_t CountArgument(int argc, char** argv, std::size_t otherwise);
