@@ -1,12 +1,16 @@
-// The line editor's screen on its way from any line to any other, in any window, on a model of a terminal.
+// The line editor's screen on its way from any line to any other, in any window, on a model of a terminal; and any
+// bytes as others' text on a screen.
 //
 // The input: columns, rows, then steps. Each is a letter with its arguments: p, t, h and a line for the prompt, the
 // text, the hint; i, k a position and a piece to insert, or a length to cut; c the cursor; r columns and rows; f, e, o.
+#include <utf8proc.h>
+
 #include <vector>
 
 #include "fuzz/fuzz.h"
 #include "fuzz/rendering.h"
 #include "line_editor/screen.h"
+#include "text/clean_text.h"
 
 namespace {
 
@@ -34,6 +38,33 @@ void CheckUnits(std::string_view text) {
   screen.Write(display);
   FUZZ_CHECK_EQUAL(screen.Unknown(), std::string());
   FUZZ_CHECK_EQUAL(screen.Row() * 1000 + screen.Column(), width);
+}
+
+// The text as it may be shown, by another library's UTF-8.
+std::string Cleaned(std::string_view text) {
+  std::string shown;
+  while (!text.empty()) {
+    utf8proc_int32_t value = -1;
+    const auto decoded =
+        utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()), std::ssize(text), &value);
+    const bool line_end = text.starts_with("\r\n") || text.front() == '\n' || text.front() == '\t';
+    const bool control = value < 0x20 || (value >= 0x7f && value < 0xa0);
+    const std::size_t length = text.starts_with("\r\n") ? 2 : decoded > 0 ? static_cast<std::size_t>(decoded) : 1;
+    const std::string_view bytes = text.substr(0, length);
+    line_end || !control ? void(shown.append(bytes)) : klbase_internal::AppendWrittenOut(shown, bytes);
+    text.remove_prefix(length);
+  }
+  return shown;
+}
+
+// Whole and in pieces of any size.
+void CheckClean(std::string_view text, std::size_t piece) {
+  const std::string wanted = Cleaned(text);
+  FUZZ_CHECK_EQUAL(klbase_internal::CleanForScreen(text), wanted);
+  klbase_internal::ScreenFilter filter;
+  std::string shown;
+  for (std::size_t at = 0; at < text.size(); at += piece) shown += filter.Pass(text.substr(at, piece));
+  FUZZ_CHECK_EQUAL(shown.append(filter.Finish()), wanted);
 }
 
 class Painter {
@@ -149,7 +180,9 @@ class Painter {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input(data, size);
-  CheckUnits({reinterpret_cast<const char*>(data), size});
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  CheckUnits(text);
+  for (std::size_t piece = 1; piece <= 4; ++piece) CheckClean(text, piece);
   Painter painter(input);
   for (int steps = 0; steps < 100 && !input.Empty(); ++steps) painter.Step(input);
   return 0;

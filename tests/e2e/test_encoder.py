@@ -1,12 +1,14 @@
 """The encoder driven from the console: the real daemon, no daemon, and daemons that misbehave."""
 
+import os
 import signal
+import subprocess
 import threading
 import time
 
 import pytest
 
-from conftest import LIMIT_S, interrupt_and_wait, wait_until
+from conftest import BIN, LIMIT_S, interrupt_and_wait, wait_until
 from test_console import VERSION, VERSION_END
 
 FAILED = "code= 500 result=\n"
@@ -28,6 +30,41 @@ def test_the_word_decides_what_is_sent(tool, connect, fake_encd, word, wire):
     assert connect(tool.port()).run(f"encd SetQulity {word}") == "code= 7 result=seven it is\n"
     assert f"qulity: {wire}" in daemon.output()
     assert "encoder.v1.SetVideoQualityRequest" in daemon.output()
+
+
+# A daemon's text that would set a terminal's title, clear its screen and write a prompt over the line.
+HOSTILE = "\x1b]0;owned\x07\x1b[2J\u009b2J\x7f\rmain> ü"
+HOSTILE_SHOWN = r"\x1b]0;owned\x07\x1b[2J\xc2\x9b2J\x7f\x0dmain> ü"
+
+
+def test_a_daemons_text_does_not_drive_a_telnet_clients_terminal(tool, telnet, fake_encd):
+    fake_encd("status", "7", HOSTILE)
+    session = telnet(tool.port())
+    session.send("encd SetQulity high\r")
+    session.expect_exact("code= 7 result=")
+    session.expect("\r\n")
+    assert session.before == HOSTILE_SHOWN
+    session.expect("main> ")
+
+
+def test_a_daemons_text_does_not_drive_the_tools_own_terminal(terminal, fake_encd):
+    fake_encd("status", "7", HOSTILE)
+    session = terminal()
+    session.send("encd SetQulity high\r")
+    session.expect_exact("code= 7 result=")
+    session.expect("\r\n")
+    assert session.before == HOSTILE_SHOWN
+
+
+def test_programs_and_pipes_get_a_daemons_text_as_it_is(tool, connect, fake_encd, tmp_path):
+    fake_encd("status", "7", HOSTILE)
+    wanted = f"code= 7 result={HOSTILE}\n"
+    assert connect(tool.port()).run("encd SetQulity high") == wanted
+    interrupt_and_wait(tool)
+    piped = subprocess.run([BIN / "vextool", "--local_console", "--cli_port=0"], input=b"encd SetQulity high\n",
+                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=LIMIT_S, check=True,
+                           env=dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "log")))
+    assert piped.stdout == wanted.encode()
 
 
 @pytest.mark.parametrize("line", ["encd SetQulity", "encd SetQulity low high"])

@@ -5,6 +5,7 @@ import pathlib
 import signal
 import subprocess
 
+import pexpect
 import pytest
 
 from conftest import BIN, LIMIT_S, Child, interrupt_and_wait, wait_until
@@ -165,6 +166,44 @@ def test_an_event_does_not_garble_the_line_being_typed(terminal, start_events, t
     session.expect("main> core sh")
     session.send("ow version\r")
     session.expect("git-version: v0.0.1")
+
+
+HOSTILE = "\x1b]0;owned\x07\x1b[2J\u009b2J\x7fmain>"
+HOSTILE_SHOWN = r"\x1b]0;owned\x07\x1b[2J\xc2\x9b2J\x7fmain>"
+
+
+def test_an_event_does_not_drive_the_terminal(terminal, start_events, tmp_path):
+    daemon = start_events()
+    session = terminal()
+    log = tmp_path / "vextool.log"
+    wait_until(lambda: subscriptions(log.read_text()), "both topics are subscribed")
+    publish(daemon, f"report 9 {HOSTILE} 4")
+    session.expect_exact(" url                :")
+    session.expect("\r\n")
+    assert session.before == HOSTILE_SHOWN
+    assert "\x1b" not in log.read_text()
+
+
+def test_an_event_does_not_drive_a_terminal_without_a_local_console(start_events, started, tmp_path):
+    daemon = start_events()
+    log = tmp_path / "vextool.log"
+    session = pexpect.spawn(str(BIN / "vextool"), ["--cli_port=0"], timeout=LIMIT_S, encoding="utf-8",
+                            codec_errors="replace", env=dict(os.environ, KLBASE_LOG_FILE=str(log)))
+    started.append(session)
+    wait_until(lambda: log.exists() and "console listens on" in log.read_text(), "the console listens")
+    wait_until(lambda: subscriptions(log.read_text()), "both topics are subscribed")
+    publish(daemon, f"report 9 {HOSTILE} 4")
+    session.expect_exact(" url                :")
+    session.expect("\r\n")
+    assert session.before == HOSTILE_SHOWN
+
+
+def test_a_pipe_gets_an_events_bytes_as_they_are(tool, start_events):
+    daemon = start_events()
+    wait_until(lambda: subscriptions(tool.log()), "both topics are subscribed")
+    publish(daemon, f"report 9 {HOSTILE} 4")
+    wait_until(lambda: " play_state " in tool.output(), "the event is printed")
+    assert tool.out.read_bytes() == report(9, HOSTILE, 4).encode()
 
 
 def test_a_client_in_python_calls_the_service_and_hears_reports(tool, start_events, tmp_path):

@@ -13,7 +13,8 @@
 //                              thread id
 //
 // Line ends at the end of a text are dropped. A text of several lines goes on in lines that begin with four blanks, so
-// each line that begins with a digit begins a record. Other control characters but the tab are written as \x1b.
+// each line that begins with a digit begins a record. Of other control characters but the tab, U+0080 to U+009F among
+// them, and of bytes that are not UTF-8 each byte is written as \x1b.
 //
 // A write that fails (disk full, folder gone) is reported once on standard error; records of level 40 and above go
 // there until the file can be written again, which is tried each second. A file that was removed, or moved away by a

@@ -19,6 +19,7 @@
 #include "console/tcp/server.h"
 #include "console/terminal/local_console.h"
 #include "console/terminal/local_terminal.h"
+#include "console/terminal/stdout_filter.h"
 #include "klbase/log.h"
 #include "klbase/steady_cond_var.h"
 
@@ -43,6 +44,7 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
   }
 
   void Start() {
+    KeepStdoutClean();
     server_->Start();
     const std::string text = "console listens on " + server_->Address();
     KL_LOG(30, "%s\n", text.c_str());

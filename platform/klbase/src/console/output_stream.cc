@@ -1,10 +1,14 @@
 #include "console/output_stream.h"
 
+#include <string_view>
+
 namespace cli::internal {
 
-OutputStream::OutputStream(OutputBuffer* output) : std::ostream(nullptr), buffer_(output) {
+OutputStream::OutputStream(OutputBuffer* output, bool on_screen) : std::ostream(nullptr), buffer_(output, on_screen) {
   rdbuf(&buffer_);  // the base class is constructed before buffer_, so it can't be given it
 }
+
+void OutputStream::Finish() { buffer_.Finish(); }
 
 void OutputStream::Reset() {
   exceptions(std::ios_base::goodbit);  // before clear(), which would throw for a badbit
@@ -16,7 +20,8 @@ void OutputStream::Reset() {
 }
 
 std::streamsize OutputStream::Buffer::xsputn(const char* text, std::streamsize count) {
-  return output_->Print({text, static_cast<std::size_t>(count)}) ? count : 0;
+  const std::string_view piece(text, static_cast<std::size_t>(count));
+  return output_->Print(on_screen_ ? filter_.Pass(piece) : piece) ? count : 0;
 }
 
 OutputStream::Buffer::int_type OutputStream::Buffer::overflow(int_type c) {

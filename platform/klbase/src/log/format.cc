@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "text/clean_text.h"
+
 namespace klbase_internal {
 namespace {
 
@@ -14,17 +16,17 @@ void Append(LogBuffer& out, std::string_view text) { out.append(text.data(), tex
 void AppendText(LogBuffer& out, std::string_view text) {
   constexpr std::string_view kContinuation = "\n    ";
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\n') {
+  while (!text.empty()) {
+    const TextRun run = FirstRun(text);
+    const std::string_view bytes = text.substr(0, run.length);
+    if (bytes == "\n") {
       Append(out, kContinuation);
-    } else if ((byte < 0x20 && c != '\t') || byte == 0x7f) {
-      constexpr char kHex[] = "0123456789abcdef";
-      const char escape[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 15]};
-      Append(out, {escape, sizeof escape});
+    } else if (run.kind == TextRun::Kind::kPlain || bytes == "\t") {
+      Append(out, bytes);
     } else {
-      out.push_back(c);
+      AppendWrittenOut(out, bytes);
     }
+    text.remove_prefix(run.length);
   }
 }
 

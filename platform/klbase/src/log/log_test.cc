@@ -120,6 +120,12 @@ TEST_F(LogTest, ControlCharactersOfTheTextAreWrittenOut) {
   EXPECT_THAT(Content(), EndsWith("a\\x1b[31m\tb\\x7f\\x00c\\x0dd ä\n"));
 }
 
+TEST_F(LogTest, WhatIsNotUtf8AndControlCharactersAboveAsciiAreWrittenOut) {
+  ASSERT_TRUE(Open());
+  KL_LOG(30, "%s", "\xc2\x9b\x9b\xe4 \xe6\x97\xa5 \xe6\x97");
+  EXPECT_THAT(Content(), EndsWith(": \\xc2\\x9b\\x9b\\xe4 日 \\xe6\\x97\n"));
+}
+
 TEST_F(LogTest, ALongRecordIsWhole) {
   ASSERT_TRUE(Open());
   const std::string text(200'000, 'x');

@@ -31,7 +31,7 @@ CommandRunner::CommandRunner(Config config)
     : config_(std::move(config)),
       builtins_(config_.builtins->Commands()),
       path_{{config_.root}},
-      stream_(config_.output),
+      stream_(config_.output, config_.on_screen),
       menu_name_(config_.root->Name()) {}
 
 void CommandRunner::Run(const std::string& line) {
@@ -52,6 +52,7 @@ void CommandRunner::RunWords(const std::vector<std::string>& words) {
   } catch (...) {
     answer = ExplainFailure(words);
   }
+  stream_.Finish();
   if (answer.empty()) return;
   config_.output->FreshLine();  // the command may have printed half a line
   config_.output->Append(answer);

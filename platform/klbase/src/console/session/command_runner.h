@@ -32,6 +32,7 @@ class CommandRunner : private SessionControl {
     const cli::internal::History* history = nullptr;
     SessionHost* host = nullptr;
     std::function<void()> end;  // a command ends the session
+    bool on_screen = false;     // the output is for a terminal, not a program
   };
 
   explicit CommandRunner(Config config);

@@ -27,6 +27,17 @@ class CommandRunnerTest : public testing::Test, private SessionHost {
     playd_ = playd.get();
     root_->Insert(
         MakeCommand("say", [](std::ostream& out, const std::string& text) { out << text; }, "help", {"text"}));
+    // Characters in pieces, as a stream may be given them.
+    root_->Insert(MakeCommand(
+        "odd",
+        [](std::ostream& out) {
+          out << "\x1b[2J"
+              << "\xe6"
+              << "\x97"
+              << "\xa5" << '\r' << '\n'
+              << "\xe6";
+        },
+        ""));
     root_->Insert(MakeCommand(
         "fail",
         [](std::ostream& out) {
@@ -80,6 +91,20 @@ class CommandRunnerTest : public testing::Test, private SessionHost {
 };
 
 TEST_F(CommandRunnerTest, ACommandsOutputGoesToItsStream) { EXPECT_EQ(Run("say hello"), "hello"); }
+
+TEST_F(CommandRunnerTest, OnAScreenACommandsOutputIsMadeClean) {
+  CommandRunner::Config config = Config();
+  config.on_screen = true;
+  CommandRunner runner(config);
+  runner.Run("odd");
+  EXPECT_EQ(output_.Take(), "\\x1b[2J日\r\n\\xe6");
+  runner.Run("say \xa5");
+  EXPECT_EQ(output_.Take(), "\\xa5");  // it is not the rest of the other command's character
+}
+
+TEST_F(CommandRunnerTest, ForAProgramACommandsOutputStaysAsItIs) {
+  EXPECT_EQ(Run("odd"), "\x1b[2J\xe6\x97\xa5\r\n\xe6");
+}
 
 TEST_F(CommandRunnerTest, ABlankLineDoesNothing) { EXPECT_EQ(Run("  "), ""); }
 

@@ -6,6 +6,7 @@
 
 #include "cli/menu_walk.h"
 #include "line_editor/limits.h"
+#include "text/clean_text.h"
 
 namespace cli::internal {
 namespace {
@@ -28,7 +29,7 @@ ConsoleSession::ConsoleSession(SessionConfig config)
       login_(config_.login, {config_.id, config_.peer, Interactive()}, config_.output.get()),
       history_(config_.history_file.empty() ? History() : History(config_.history_file)),
       runner_({config_.id, config_.root, config_.builtins, config_.output.get(), &history_, config_.host,
-               [this] { End(); }}),
+               [this] { End(); }, OnScreen()}),
       reader_(config_.output.get(), MakeEditor()) {}
 
 std::unique_ptr<LineEditor> ConsoleSession::MakeEditor() const {
@@ -61,7 +62,7 @@ void ConsoleSession::OnEndOfInput() { PumpIfLeased(queue_.PostEndOfInput()); }
 void ConsoleSession::ChangeTerminal(const TerminalChange& change) { PumpIfLeased(queue_.PostTerminalChange(change)); }
 
 void ConsoleSession::Notice(std::string_view text) {
-  switch (notices_.Post(text)) {
+  switch (OnScreen() ? notices_.Post(klbase_internal::CleanForScreen(text)) : notices_.Post(text)) {
     case Notices::Posted::kShown:
       config_.output->Flush();
       break;

@@ -34,6 +34,7 @@ struct SessionConfig {
   std::shared_ptr<const Builtins> builtins;
   SessionHost* host = nullptr;
   std::shared_ptr<OutputBuffer> output;
+  bool on_screen = false;           // the output goes to a terminal; so does that of every operator's session
   std::string history_file;         // "" keeps the history in memory
   std::optional<LoginRules> login;  // none: the operator is trusted
   // Judges the first line that is not blank, before anything is made of it: false ends the session. Of one that is too
@@ -69,7 +70,8 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void ChangeTerminal(const TerminalChange& change);
 
   // --- Any thread.
-  // Shows whole lines that are not a command's output, above the line that is being typed.
+  // Shows whole lines that are not a command's output, above the line that is being typed; on a screen they are made
+  // clean (text/clean_text.h).
   void Notice(std::string_view text);
   // While a command runs: to be called every few milliseconds, for the notices that wait until it is quiet.
   void ShowHeldNotices();
@@ -93,6 +95,7 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
 
  private:
   bool Interactive() const { return config_.kind == SessionKind::kTelnet || config_.kind == SessionKind::kTerminal; }
+  bool OnScreen() const { return Interactive() || config_.on_screen; }
   std::unique_ptr<LineEditor> MakeEditor() const;
 
   // Uses the lease if `posted` gave it to the caller.

@@ -73,6 +73,7 @@ void LocalConsole::Open() {
   config.kind = terminal_ ? SessionKind::kTerminal : SessionKind::kPlain;
   config.peer = "local";
   config.output = output_;
+  config.on_screen = ::isatty(options_.output_fd) == 1;
   if (terminal_) config.history_file = options_.history_file;  // a script's lines are not an operator's
   config.want_input = [this] {
     want_input_ = true;

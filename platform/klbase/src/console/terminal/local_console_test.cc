@@ -43,6 +43,13 @@ using vextest::ScratchFolder;
 using vextest::WaitFor;
 using namespace std::chrono_literals;
 
+// Clears a screen and sets a terminal's title, in several forms.
+constexpr std::string_view kOdd =
+    "\x1b]0;t\x07\xc2\x9b"
+    "2J\x9b"
+    "2J\x7f\rfake\n";
+constexpr std::string_view kOddShown = "\\x1b]0;t\\x07\\xc2\\x9b2J\\x9b2J\\x7f\\x0dfake\r\n";
+
 int g_port = 0;  // of the console in a child process
 
 std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
@@ -66,9 +73,13 @@ std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
       },
       ""));
   core->Insert(MakeCommand(
+      "odd", [](std::ostream& out) { out << kOdd; }, ""));
+  core->Insert(MakeCommand(
       "exit5", [](std::ostream&) { ::exit(5); }, ""));
   core->Insert(MakeCommand(
       "port", [](std::ostream& out) { out << "port " << g_port << "\n"; }, ""));
+  core->Insert(MakeCommand(
+      "printodd", [](std::ostream&) { std::cout << kOdd << std::flush; }, ""));
   core->Insert(MakeCommand(
       "print", [](std::ostream&) { std::cout << "event\n"
                                              << std::flush; }, ""));
@@ -206,6 +217,10 @@ TEST_F(PlainTest, ALastLineWithoutItsEndRunsToo) { EXPECT_EQ(RunOn("core show ve
 
 TEST_F(PlainTest, BytesAreWrittenAsTheyAre) {
   EXPECT_EQ(RunOn("core description\ncore description\n"), "apisdk toolsapisdk tools");
+}
+
+TEST_F(PlainTest, CommandsAndOtherThreadsWriteAnyBytes) {
+  EXPECT_EQ(RunOn("core odd\ncore printodd\n"), std::string(kOdd).append(kOdd));
 }
 
 TEST_F(PlainTest, ExitEndsTheConsoleBeforeTheOtherLines) {
@@ -371,6 +386,8 @@ class TerminalTest : public ::testing::Test {
   ScratchFolder folder_;
   std::optional<vextest::ForkedChild> child_;
   bool under_shell_ = false;
+  bool local_console_ = true;
+  std::string lines_;  // a file as standard input in place of the pty
   const char* term_ = "xterm";
 
  private:
@@ -379,10 +396,10 @@ class TerminalTest : public ::testing::Test {
     ::ioctl(pty_.Slave(), TIOCSCTTY, 0);
     if (under_shell_) BecomeJobOfAShell();
     ::setenv("TERM", term_, 1);
-    ::dup2(pty_.Slave(), STDIN_FILENO);
+    ::dup2(lines_.empty() ? pty_.Slave() : ::open(lines_.c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     ::dup2(pty_.Slave(), STDOUT_FILENO);
     ConsoleOptions options;
-    options.local_console = true;
+    options.local_console = local_console_;
     options.history_file = folder_ / "history";
     options.stop = 500ms;
     auto console = MakeConsole(TestRoot(&gate_), options);
@@ -478,6 +495,33 @@ TEST_F(TerminalTest, LinesPrintedByOthersStandAboveThePrompt) {
   Tell();
   EXPECT_NE(pty_.Until("ent\r\n").find("ev"), std::string::npos);
   EXPECT_NE(pty_.Until("main> ").find("main> "), std::string::npos);
+}
+
+TEST_F(TerminalTest, NeitherCommandsNorOtherThreadsDriveTheTerminal) {
+  StartWithDeed([] { std::cout << kOdd << std::flush; });
+  pty_.Until("main> ");
+  pty_.Type("core odd\r");
+  pty_.Until(kOddShown);
+  pty_.Until("main> ");
+  Tell();
+  pty_.Until(kOddShown);
+  pty_.Type("exit\r");
+  EXPECT_EQ(Wait(), 0);
+}
+
+TEST_F(TerminalTest, LinesOfAFileDoNotDriveItEither) {
+  lines_ = folder_.Write("lines", "core odd\ncore printodd\n");
+  Start();
+  EXPECT_EQ(Wait(), 0);
+  pty_.CloseSlave();
+  EXPECT_EQ(pty_.Rest(), std::string(kOddShown).append(kOddShown));
+}
+
+TEST_F(TerminalTest, WithoutALocalConsoleOtherThreadsDoNotDriveItEither) {
+  local_console_ = false;
+  StartWithDeed([] { std::cout << kOdd << std::flush; });
+  Tell();
+  pty_.Until(kOddShown);
 }
 
 TEST_F(TerminalTest, TypedTextSurvivesAStop) {
