@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "platform/klrpc/testing/events.h"
+#include "platform/klrpc/testing/plain_subscriber.h"
 #include "platform/klrpc/testing/servers.h"
 #include "platform/testing/environment.h"
 #include "platform/testing/log_capture.h"
@@ -18,85 +20,12 @@
 namespace klrpc::testing {
 namespace {
 
-using Texts = std::vector<std::string>;
 using std::chrono::steady_clock;
 using vextest::kLimit;
 using vextest::LogCapture;
 using vextest::LogRecord;
 using vextest::ScopedVariable;
 using vextest::Watched;
-
-// Subscribes and notes all arrivals: "topic=payload", "STATE client: topics", "ok" or "failed".
-class Listener : public sigslot::has_slots<sigslot::multi_threaded_global> {
- public:
-  explicit Listener(APIClient& client) : client_(client) {
-    client.SignalSubscribeMessage.connect(this, &Listener::OnMessage);
-    client.SignalSubscribeState.connect(this, &Listener::OnState);
-    client.SignalPublishState.connect(this, &Listener::OnPublished);
-  }
-  ~Listener() override { disconnect_all(); }
-
-  void OnMessage(const v1::PubsubMessage& message) {
-    if (on_message) on_message(message);
-    messages.Update([&](Texts& list) { list.push_back(message.topic() + "=" + message.payload()); });
-  }
-  void OnState(const v1::SubscribeState& state) {
-    std::string text = std::to_string(state.state()) + " " + state.client_id() + ":";
-    for (const std::string& topic : state.topics()) text += " " + topic;
-    states.Update([&](Texts& list) { list.push_back(text); });
-    if (state.state() == 2 && ask_again) {
-      client_.SubscribeTopics(state.client_id(), {state.topics().begin(), state.topics().end()});
-    }
-  }
-  void OnPublished(bool ok, const std::string& msg_id) {
-    published.Update([&](Texts& list) { list.push_back((ok ? "ok " : "failed ") + msg_id); });
-  }
-
-  Watched<Texts> messages;
-  Watched<Texts> states;
-  Watched<Texts> published;
-  std::function<void(const v1::PubsubMessage&)> on_message;
-  std::atomic<bool> ask_again{false};
-
- private:
-  APIClient& client_;
-};
-
-std::ptrdiff_t Count(const Texts& list, const std::string& text) { return std::count(list.begin(), list.end(), text); }
-bool Has(const Texts& list, const std::string& text) { return std::find(list.begin(), list.end(), text) != list.end(); }
-
-v1::PubsubMessage Message(const std::string& topic, const std::string& payload, const std::string& msg_id = "") {
-  v1::PubsubMessage message;
-  message.set_topic(topic);
-  message.set_payload(payload);
-  message.set_msg_id(msg_id);
-  return message;
-}
-
-class PubsubTest : public ::testing::Test {
- protected:
-  void Subscribe(const std::string& client_id, const Texts& topics) {
-    EXPECT_TRUE(client_->SubscribeTopics(client_id, topics));
-  }
-  void ExpectState(const std::string& text) {
-    EXPECT_TRUE(listener_->states.WaitFor([&](const Texts& list) { return Has(list, text); })) << text;
-  }
-  void ExpectMessages(const Texts& texts) {
-    listener_->messages.WaitFor([&](const Texts& list) { return list.size() >= texts.size(); });
-    EXPECT_EQ(listener_->messages.Get(), texts);
-  }
-  // All that was sent before has arrived when this has.
-  void Flush(const std::string& topic) {
-    EXPECT_GE(server_->Publish(Message(topic, "last")), 1u);
-    EXPECT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return Has(list, topic + "=last"); }));
-  }
-
-  const std::string address_ = UniqueAddress();
-  LogCapture log_{40};
-  std::unique_ptr<APIServer> server_ = ServeEvents(address_);
-  std::unique_ptr<APIClient> client_ = Connect(address_);
-  std::unique_ptr<Listener> listener_ = std::make_unique<Listener>(*client_);
-};
 
 TEST_F(PubsubTest, AMessageReachesTheSubscribersOfItsTopicOnly) {
   Subscribe("me", {"a"});
@@ -340,17 +269,10 @@ TEST_F(PubsubTest, TheServersHookSeesEachMessageAndMayRefuseIt) {
 }
 
 TEST_F(PubsubTest, ASlowSubscriberLosesTheNewestAndOthersLoseNothing) {
-  Watched<bool> release;
-  std::atomic<bool> block{true};
-  listener_->on_message = [&](const v1::PubsubMessage&) {
-    if (block) release.WaitFor([](bool released) { return released; });
-  };
-  Subscribe("slow", {"a"});
-  ExpectState("1 slow: a");
-  const auto other = Connect(address_);
-  Listener quick(*other);
-  other->SubscribeTopics("quick", {"a"});
-  ASSERT_TRUE(quick.states.WaitFor([](const Texts& list) { return !list.empty(); }));
+  PlainSubscriber slow(address_, PlainRequest("a"));
+  ASSERT_TRUE(slow.Confirmed());
+  Subscribe("quick", {"a"});
+  ExpectState("1 quick: a");
 
   // Each message fills the connection's buffers a little more; then the queue fills, then messages are dropped.
   const std::string padding(1000, '.');
@@ -362,19 +284,19 @@ TEST_F(PubsubTest, ASlowSubscriberLosesTheNewestAndOthersLoseNothing) {
     kept += reached - 1;
     // The quick one is kept up with, so only the slow one's queue overflows.
     if (i % 100 == 99) {
-      ASSERT_TRUE(quick.messages.WaitFor([&](const Texts& list) { return list.size() == std::size_t(i) + 1; }));
+      ASSERT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return list.size() == std::size_t(i) + 1; }));
     }
   }
   EXPECT_GE(kept, SubscriberStream::kMaxQueued);
   EXPECT_LT(kept, std::size_t(kMessages));
-  block = false;
-  release.Update([](bool& released) { released = true; });
-  ASSERT_TRUE(listener_->messages.WaitFor([&](const Texts& list) { return list.size() == kept; }));
-  const Texts got = listener_->messages.Get();
-  for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(got[i], "a=" + std::to_string(i) + padding);
+  for (std::size_t i = 0; i < kept; ++i) {
+    const auto message = slow.Read();
+    ASSERT_TRUE(message.has_value());
+    ASSERT_EQ(message->payload(), std::to_string(i) + padding);
+  }
   EXPECT_TRUE(
       log_.WaitFor({40, "platform/klrpc/src/server/subscription_hub", "SendNext",
-                    "subscriber slow reads too slowly: dropped " + std::to_string(kMessages - kept) + " messages"}));
+                    "subscriber plain reads too slowly: dropped " + std::to_string(kMessages - kept) + " messages"}));
   EXPECT_EQ(log_.Records().size(), 1u);
 }
 

@@ -6,6 +6,7 @@
 #include <google/protobuf/message.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,8 +48,9 @@ class KLRPC_EXPORT APIClientOptions {
 
 // One connection to one server. Construction connects nothing and never fails; the first operation connects. All
 // operations may be called from any thread at the same time; errors are returned and logged. Destruction ends every
-// publication, stream and thread of the client within 1 s, also when the peer is dead or hung. No other thread may
-// still use the client then, and it is not for a slot of its own signals.
+// publication, stream and thread of the client within 1 s, also when the peer is dead or hung; only a slot that runs
+// longer than that is waited for. No other thread may still use the client then, and it is not for a slot of its own
+// signals.
 class KLRPC_EXPORT APIClient {
  public:
   explicit APIClient(std::unique_ptr<APIClientOptions> options);
@@ -76,14 +78,22 @@ class KLRPC_EXPORT APIClient {
   // already. Returns at once; waits for the server as long as it takes. Returns false when an argument is empty.
   virtual bool SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics);
 
-  // Emitted on the client's one background thread, which the first publication or subscription starts; publications
-  // that are still queued at the client's destruction are reported on the destroying thread. The arguments are valid
-  // during the call. A slot may subscribe, publish and disconnect; one that takes long holds up this client's other
-  // events, and an exception out of it is logged with level 50 and dropped. State numbers: 1 the server confirmed the
-  // subscription; 2 the stream ended and the subscription must be issued again.
+  // Emitted on two threads of the client: publications' outcomes on one, which the first publication starts, all about
+  // subscriptions on the other, which the first subscription starts, in the order in which it happened. The arguments
+  // are valid during the call. A slot may subscribe, publish and disconnect, and may take its time: the connection is
+  // read meanwhile, and up to 4096 messages (64 MiB) wait for it. An exception out of it is logged with level 50 and
+  // dropped. When the client is destroyed, messages that wait are dropped and publications that were not sent are
+  // reported as failed. A slot that runs then is waited for: one that never returns holds the destruction up for ever.
+  //
+  // State numbers: 1 the server confirmed the subscription; 2 the stream ended and the subscription must be issued
+  // again.
   sigslot::signal<const klrpc::v1::PubsubMessage&> SignalSubscribeMessage;
   sigslot::signal<const klrpc::v1::SubscribeState&> SignalSubscribeState;
   sigslot::signal<bool, const std::string&> SignalPublishState;
+
+  // `count` messages of `topic` will not come, because more waited for the slots than there was room for. Emitted once
+  // for each burst, where the first of them would have come, with a level-40 record.
+  sigslot::signal<const std::string& /*topic*/, std::uint64_t /*count*/> SignalSubscribeLoss;
 
   // As long as the client.
   const APIClientOptions& Options() const;

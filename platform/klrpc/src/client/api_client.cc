@@ -1,6 +1,7 @@
 #include "klrpc/api_client.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "client/channel.h"
 #include "client/loop.h"
 #include "client/publisher.h"
+#include "client/slot_thread.h"
 #include "client/subscriptions.h"
 #include "client/unary_call.h"
 #include "klbase/log.h"
@@ -43,31 +45,48 @@ APIClientOptions::APIClientOptions(const std::string& address, const int& max_ba
 
 namespace {
 
-// Publications and subscriptions, with their thread. Made at the first use: most clients only call.
+// Publications and subscriptions, with their threads. Made at the first use: most clients only call.
 class PubSub {
  public:
   PubSub(const APIClientOptions& options, ClientChannel& channel, std::chrono::milliseconds timeout,
-         Subscriptions::Events events, Publisher::Outcome outcome)
+         EventQueue::Slots slots, Publisher::Outcome outcome)
       : loop_([this] { return subscriptions_.Tick(); }),
-        publisher_(options.Address(), channel, loop_, timeout, std::move(outcome)),
-        subscriptions_(options, loop_, std::move(events)) {
+        publisher_(options.Address(), channel, loop_, outcomes_, timeout, std::move(outcome)),
+        subscriptions_(options, loop_, events_, std::move(slots)) {
     loop_.Start();
   }
   PubSub(const PubSub&) = delete;
   PubSub& operator=(const PubSub&) = delete;
-  // In this order: nothing starts any more, all that is under way is cut off, and the thread ends with its last event.
+  // In this order: nothing starts any more, all that is under way is cut off, and the threads end, the loop's with its
+  // last event. Events that wait for their slots are dropped; each publication's outcome is told.
   ~PubSub() {
+    events_.StopNow();
     loop_.Stop();
     subscriptions_.Cancel();
     publisher_.Cancel();
     loop_.Join();
+    events_.Join();
+    publisher_.FailUnsent();
+    outcomes_.StopAfterAll();
+    outcomes_.Join();
   }
 
-  Publisher& Publications() { return publisher_; }
-  Subscriptions& Streams() { return subscriptions_; }
+  // Whether the caller is a slot of this client.
+  bool OnSlotThread() const { return events_.IsCurrent() || outcomes_.IsCurrent(); }
+
+  Publisher& Publications() {
+    outcomes_.Start();
+    return publisher_;
+  }
+  Subscriptions& Streams() {
+    events_.Start();
+    return subscriptions_;
+  }
 
  private:
   ClientLoop loop_;
+  SlotThread events_;
+  SlotThread outcomes_;
   Publisher publisher_;
   Subscriptions subscriptions_;
 };
@@ -105,14 +124,17 @@ class APIClient::Impl {
   std::unique_ptr<PubSub> CreatePubSub() {
     StartGrpc();
     APIClient& client = client_;
-    Subscriptions::Events events;
-    events.message = [&client](const klrpc::v1::PubsubMessage& message) {
+    EventQueue::Slots slots;
+    slots.message = [&client](const klrpc::v1::PubsubMessage& message) {
       EmitSafely(client.SignalSubscribeMessage, "SignalSubscribeMessage", message);
     };
-    events.state = [&client](const klrpc::v1::SubscribeState& state) {
+    slots.state = [&client](const klrpc::v1::SubscribeState& state) {
       EmitSafely(client.SignalSubscribeState, "SignalSubscribeState", state);
     };
-    return std::make_unique<PubSub>(*options_, channel_, timeout_, std::move(events),
+    slots.loss = [&client](const std::string& topic, std::uint64_t count) {
+      EmitSafely(client.SignalSubscribeLoss, "SignalSubscribeLoss", topic, count);
+    };
+    return std::make_unique<PubSub>(*options_, channel_, timeout_, std::move(slots),
                                     [&client](bool ok, const std::string& msg_id) {
                                       EmitSafely(client.SignalPublishState, "SignalPublishState", ok, msg_id);
                                     });

@@ -1,4 +1,4 @@
-// A client's one background thread: the outcomes of its publications, the messages and ends of its subscriptions.
+// The thread on which a client's publications and subscriptions go on. No slot runs on it, see SlotThread.
 #ifndef KLRPC_CLIENT_LOOP_H_
 #define KLRPC_CLIENT_LOOP_H_
 

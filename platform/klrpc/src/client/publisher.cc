@@ -16,11 +16,15 @@ class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> 
         channel_(publisher.channel_.Fresh(nullptr)),
         exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(publisher.timeout_)) {}
 
-  void Start() {
+  // False when the client ends: nothing was sent then.
+  bool Start() {
     const Buffer message(pending_.bytes);
     const UnaryExchange::Batch batch = exchange_.Operations(message);
-    if (!publisher_.loop_.StartBatch(exchange_.Call(), batch.data(), batch.size(), done_.Begin())) done_.Abandon();
+    const bool started = publisher_.loop_.StartBatch(exchange_.Call(), batch.data(), batch.size(), done_.Begin());
+    if (!started) done_.Abandon();
+    return started;
   }
+  const std::string& Id() const { return pending_.msg_id; }
 
   void Cancel() { grpc_call_cancel(exchange_.Call(), nullptr); }
 
@@ -34,9 +38,14 @@ class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> 
   Completion<PublishCall> done_{this, &PublishCall::OnDone};
 };
 
-Publisher::Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop,
+Publisher::Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, SlotThread& outcomes,
                      std::chrono::milliseconds timeout, Outcome outcome)
-    : address_(address), channel_(channel), loop_(loop), timeout_(timeout), outcome_(std::move(outcome)) {}
+    : address_(address),
+      channel_(channel),
+      loop_(loop),
+      outcomes_(outcomes),
+      timeout_(timeout),
+      outcome_(std::move(outcome)) {}
 
 bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
   if (message.topic().empty()) {
@@ -54,7 +63,7 @@ bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
   bool tell = false;
   {
     const absl::MutexLock lock(&mutex_);
-    full = pending_.size() >= kMaxPending;
+    full = pending_.size() + outcomes_.Waiting() >= kMaxPending;
     tell = full && !std::exchange(overflow_, true);
     if (!full) {
       overflow_ = false;
@@ -86,7 +95,7 @@ void Publisher::SendNext() {
     const absl::MutexLock lock(&mutex_);
     current_ = call;
   }
-  call->Start();
+  if (!call->Start()) Tell(false, call->Id());
 }
 
 void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply) {
@@ -96,22 +105,30 @@ void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std:
     KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(code),
            answered ? "the server refused the message" : text.c_str());
   }
-  // First, so that the next one travels while the slots run.
+  Tell(answer.ok(), pending.msg_id);
   SendNext();
-  outcome_(answer.ok(), pending.msg_id);
+}
+
+void Publisher::Tell(bool ok, const std::string& msg_id) {
+  outcomes_.Post([this, ok, msg_id] { outcome_(ok, msg_id); });
 }
 
 void Publisher::Cancel() {
   std::shared_ptr<PublishCall> current;
-  std::deque<Pending> unsent;
   {
     const absl::MutexLock lock(&mutex_);
     current.swap(current_);
+  }
+  if (current != nullptr) current->Cancel();
+}
+
+void Publisher::FailUnsent() {
+  std::deque<Pending> unsent;
+  {
+    const absl::MutexLock lock(&mutex_);
     unsent.swap(pending_);
   }
-  // The outcome of the one under way still comes through the loop; for the others this is the only place.
-  if (current != nullptr) current->Cancel();
-  for (const Pending& pending : unsent) outcome_(false, pending.msg_id);
+  for (const Pending& pending : unsent) Tell(false, pending.msg_id);
 }
 
 }  // namespace klrpc

@@ -16,6 +16,7 @@
 #include "absl/synchronization/mutex.h"
 #include "client/channel.h"
 #include "client/loop.h"
+#include "client/slot_thread.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "transport/grpc_core.h"
 
@@ -23,22 +24,25 @@ namespace klrpc {
 
 class Publisher {
  public:
-  // Called on the loop's thread.
+  // Called on the thread of the outcomes.
   using Outcome = std::function<void(bool ok, const std::string& msg_id)>;
 
-  // The most publications that wait.
+  // The most publications that wait, to be sent or for their outcome to be told.
   static constexpr std::size_t kMaxPending = 4096;
 
-  Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, std::chrono::milliseconds timeout,
-            Outcome outcome);
+  // `outcomes` runs the outcomes, so that a slow one delays no publication. It ends before this object.
+  Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, SlotThread& outcomes,
+            std::chrono::milliseconds timeout, Outcome outcome);
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
 
   // Any thread. False, with a record, when the message can't be sent at all.
   bool Publish(const klrpc::v1::PubsubMessage& message);
 
-  // After the loop's Stop(): cuts off the publication under way and reports the queued ones as failed.
+  // After the loop's Stop(): cuts off the publication under way, whose outcome comes through the loop.
   void Cancel();
+  // After the loop's end: reports those that were never sent as failed.
+  void FailUnsent();
 
  private:
   class PublishCall;
@@ -50,11 +54,13 @@ class Publisher {
 
   // For the thread that set sending_: one publication travels at a time.
   void SendNext();
+  void Tell(bool ok, const std::string& msg_id);
   void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);
 
   const std::string address_;
   ClientChannel& channel_;
   ClientLoop& loop_;
+  SlotThread& outcomes_;
   const std::chrono::milliseconds timeout_;
   const Outcome outcome_;
   const std::string name_ = UniqueName();

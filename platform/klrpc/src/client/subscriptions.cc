@@ -14,6 +14,10 @@ namespace {
 constexpr int kConfirmed = 1;
 constexpr int kEnded = 2;
 
+// A full queue of events stops the reading for so long at most: slots that are only slow get the whole burst then, as
+// far as the server's queue holds it, and slots that are stuck lose what comes.
+constexpr std::chrono::milliseconds kLongestPause{1000};
+
 constexpr double kBackOffFactor = 1.6;  // as gRPC's own
 
 bool Contains(const std::vector<std::string>& list, const std::string& item) {
@@ -72,9 +76,8 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   }
   void OnMessage(bool ok) {
     if (!ok || !message_) return;  // the end, which comes with its reason
-    owner_.OnMessage(message_);
-    message_.Reset();
-    Read();
+    const Buffer message = std::move(message_);
+    owner_.OnMessage(message, shared_from_this());
   }
   void OnEnded(bool) { owner_.OnEnded(shared_from_this()); }
 
@@ -130,8 +133,9 @@ void Subscriptions::Stream::Read() {
   if (!owner_.loop_.StartBatch(call_, &op, 1, received_.Begin())) received_.Abandon();
 }
 
-Subscriptions::Subscriptions(const APIClientOptions& options, ClientLoop& loop, Events events)
-    : options_(options), loop_(loop), events_(std::move(events)) {}
+Subscriptions::Subscriptions(const APIClientOptions& options, ClientLoop& loop, SlotThread& thread,
+                             EventQueue::Slots slots)
+    : options_(options), loop_(loop), events_(options.Address(), thread, std::move(slots), [this] { ReadPaused(); }) {}
 
 void Subscriptions::Subscribe(const std::string& client_id, const std::vector<std::string>& topics) {
   {
@@ -177,18 +181,52 @@ void Subscriptions::OnConfirmed(Stream& stream) {
     stream.confirmed_at = std::chrono::steady_clock::now();
     read = found == streams.begin();
   }
-  events_.state(StateMessage(stream, kConfirmed));
+  events_.AddState(StateMessage(stream, kConfirmed));
   if (read) stream.Read();
   Open(stream.ClientId());  // topics may have been added while it waited
 }
 
-void Subscriptions::OnMessage(const Buffer& bytes) {
+void Subscriptions::OnMessage(const Buffer& bytes, const StreamPtr& stream) {
   klrpc::v1::PubsubMessage message;
+  bool room = true;
   if (bytes.ParseInto(message)) {
-    events_.message(message);
+    room = events_.AddMessage(std::move(message));
   } else {
     KL_LOG(40, "%s: dropped an event that does not parse", options_.Address().c_str());
   }
+  ReadOrPause(room, stream);
+}
+
+// Only the asking for messages pauses. The loop goes on with all else, so the connection is kept alive.
+void Subscriptions::ReadOrPause(bool room, const StreamPtr& stream) {
+  if (room) return stream->Read();
+  std::uint64_t pause = 0;
+  {
+    const absl::MutexLock lock(&mutex_);
+    if (cancelled_) return;
+    if (paused_.empty()) pause = ++pauses_;
+    paused_.insert(stream);
+  }
+  if (pause != 0) loop_.RunAfter(kLongestPause, [this, pause] { EndPause(pause); });
+  if (!events_.Full()) ReadPaused();  // there was room again before the stream was among the paused ones
+}
+
+void Subscriptions::EndPause(std::uint64_t pause) {
+  {
+    const absl::MutexLock lock(&mutex_);
+    if (paused_.empty() || pauses_ != pause) return;
+  }
+  events_.DropWhileFull();
+  ReadPaused();
+}
+
+void Subscriptions::ReadPaused() {
+  std::set<StreamPtr> paused;
+  {
+    const absl::MutexLock lock(&mutex_);
+    paused.swap(paused_);
+  }
+  for (const StreamPtr& stream : paused) stream->Read();
 }
 
 void Subscriptions::OnEnded(const StreamPtr& stream) {
@@ -226,7 +264,7 @@ void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
   if (stream->confirmed) {
     KL_LOG(30, "subscription of %s at %s ended: %s: %s", client_id.c_str(), options_.Address().c_str(),
            StatusName(stream->Code()), stream->Text().c_str());
-    loop_.RunAfter(BackOff(failures), [this, stream] { events_.state(StateMessage(*stream, kEnded)); });
+    loop_.RunAfter(BackOff(failures), [this, stream] { events_.AddState(StateMessage(*stream, kEnded)); });
     return;
   }
   if (failures == 0) {
@@ -275,6 +313,7 @@ void Subscriptions::Cancel() {
     const absl::MutexLock lock(&mutex_);
     cancelled_ = true;
     all = all_;
+    paused_.clear();
   }
   for (const StreamPtr& stream : all) stream->Cancel();
 }

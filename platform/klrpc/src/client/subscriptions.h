@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -22,7 +21,9 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "client/channel.h"
+#include "client/event_queue.h"
 #include "client/loop.h"
+#include "client/slot_thread.h"
 #include "klrpc/api_client.h"
 #include "transport/grpc_core.h"
 
@@ -30,13 +31,8 @@ namespace klrpc {
 
 class Subscriptions {
  public:
-  // Called on the loop's thread, with no lock held.
-  struct Events {
-    std::function<void(const klrpc::v1::PubsubMessage&)> message;
-    std::function<void(const klrpc::v1::SubscribeState&)> state;
-  };
-
-  Subscriptions(const APIClientOptions& options, ClientLoop& loop, Events events);
+  // `thread` runs the slots and ends before this object.
+  Subscriptions(const APIClientOptions& options, ClientLoop& loop, SlotThread& thread, EventQueue::Slots slots);
   Subscriptions(const Subscriptions&) = delete;
   Subscriptions& operator=(const Subscriptions&) = delete;
 
@@ -60,7 +56,11 @@ class Subscriptions {
 
   void Open(const std::string& client_id);
   void OnConfirmed(Stream& stream);
-  void OnMessage(const Buffer& message);
+  void OnMessage(const Buffer& message, const StreamPtr& stream);
+  // Reads on, unless the slots have too much to do: then in a while, or when they have caught up.
+  void ReadOrPause(bool room, const StreamPtr& stream);
+  void EndPause(std::uint64_t pause);
+  void ReadPaused();
   void OnEnded(const StreamPtr& stream);
   void OnLastEnded(const StreamPtr& stream, int failures);
   static klrpc::v1::SubscribeState StateMessage(const Stream& stream, int state);
@@ -68,7 +68,7 @@ class Subscriptions {
 
   const APIClientOptions& options_;
   ClientLoop& loop_;
-  const Events events_;
+  EventQueue events_;
   const std::string owner_ = UniqueName();
 
   absl::Mutex mutex_;
@@ -77,6 +77,8 @@ class Subscriptions {
   bool cancelled_ ABSL_GUARDED_BY(mutex_) = false;
   std::map<std::string, Subscription> by_client_ ABSL_GUARDED_BY(mutex_);
   std::set<StreamPtr> all_ ABSL_GUARDED_BY(mutex_);
+  std::set<StreamPtr> paused_ ABSL_GUARDED_BY(mutex_);
+  std::uint64_t pauses_ ABSL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace klrpc
