@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <iterator>
 #include <utility>
 
 #include "platform/testing/environment.h"
+#include "transport/unix_address.h"
 
 namespace klrpc::testing {
 
@@ -85,6 +87,18 @@ int SubscribeUntilKilled(const std::string& address) {
   return 1;
 }
 
+int StormAsNobody(const std::string& address) {
+  if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+  const UnixName name = ToUnixName(address);
+  for (int i = 0; i < kStorm; ++i) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(fd, name.Get(), name.size) != 0) return 3;
+    close(fd);
+  }
+  SayReady();
+  return 0;
+}
+
 // A server and a client that are still in use when static objects are destroyed.
 int ExitWhileServing(const std::string& address) {
   static std::unique_ptr<APIServer> server;
@@ -106,6 +120,7 @@ int RunChild(int argc, char** argv) {
   if (mode == "--serve") return ServeUntilKilled(argv[2]);
   if (mode == "--call-as-nobody") return CallAsNobody(argv[2]);
   if (mode == "--subscribe") return SubscribeUntilKilled(argv[2]);
+  if (mode == "--storm-as-nobody") return StormAsNobody(argv[2]);
   if (mode == "--exit-while-serving") return ExitWhileServing(argv[2]);
   return -1;
 }

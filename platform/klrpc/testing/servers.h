@@ -53,6 +53,9 @@ class ChildServer : public vextest::ChildProcess {
   ChildServer(const std::string& mode, const std::string& address);
 };
 
+// How often a child in the mode "--storm-as-nobody", another user's, connects to a local address and closes.
+constexpr int kStorm = 2000;
+
 // What the test program does as a child; -1 when the arguments don't say so.
 int RunChild(int argc, char** argv);
 

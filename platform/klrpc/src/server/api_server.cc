@@ -1,7 +1,5 @@
 #include "klrpc/api_server.h"
 
-#include <grpc/grpc_posix.h>
-#include <grpc/grpc_security.h>
 #include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,7 +17,8 @@
 
 #include "klbase/log.h"
 #include "server/call.h"
-#include "server/diagnostics.h"
+#include "server/connection_groups.h"
+#include "server/peers.h"
 #include "server/subscription_hub.h"
 #include "server/unix_listener.h"
 #include "server/worker_pool.h"
@@ -33,27 +32,6 @@ using std::chrono::steady_clock;
 
 // Time for calls under way to end by themselves when the server stops.
 constexpr std::chrono::milliseconds kGrace{200};
-
-// A caller that is frozen or whose machine is gone is noticed after the sum of both.
-constexpr int kKeepaliveTimeMs = 20'000;
-constexpr int kKeepaliveTimeoutMs = 10'000;
-// Clients probe as often as every five seconds; gRPC's default cuts them off for that.
-constexpr int kMinPingIntervalMs = 1000;
-
-ChannelArgs ServerArgs() {
-  ChannelArgs args;
-  // With a shared port two servers would each get some of the connections, and neither would know.
-  args.Set(GRPC_ARG_ALLOW_REUSEPORT, 0)
-      .Set(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveTimeMs)
-      .Set(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMs)
-      .Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1)
-      .Set(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0)
-      .Set(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, kMinPingIntervalMs)
-      // Also for messages that a foreign client sends.
-      .Set(GRPC_ARG_MAX_RECEIVE_MESSAGE_LENGTH, static_cast<int>(kMaxFrameBytes))
-      .Set(GRPC_ARG_MINIMAL_STACK, 1);
-  return args;
-}
 
 // The reason why a TCP address can't be listened on; gRPC tells it to its log only.
 std::string WhyNotTcp(const std::string& address) {
@@ -94,22 +72,23 @@ class GrpcServer : public APIServer {
  private:
   void Listen();
   void Stop();
-  CallResult Answer(const Buffer& bytes);
+  CallResult Answer(const Buffer& bytes, grpc_call* call);
   CallResult Hooked(const google::protobuf::Any& request);
-  CallResult AnswerPublish(const Buffer& bytes);
+  CallResult AnswerPublish(const Buffer& bytes, grpc_call* call);
   // The message as it goes to the subscribers.
   Slice Outgoing(const klrpc::v1::PubsubMessage& message);
-  void Register();
+  Service MakeService();
 
   const std::unique_ptr<APIServerOptions> options_;
   const std::unique_ptr<UnaryHookSets> hooks_;
-  ServerContext context_;
-  UnaryMethodCall::Method call_;
-  UnaryMethodCall::Method publish_;
+  const RefusedMessages refused_messages_ = MakeRefusedMessages();
+  WaitGroup calls_;
   SubscriptionHub hub_;
-  SubscriberStream::Method subscribe_{context_, hub_};
+  const Service service_ = MakeService();
   const std::string name_ = UniqueName();
   std::atomic<std::uint64_t> published_{0};
+  grpc_completion_queue* queue_ = nullptr;
+  std::unique_ptr<ConnectionGroups> groups_;
   std::unique_ptr<UnixListener> listener_;
   int port_ = 0;
   std::unique_ptr<WorkerPool> workers_;
@@ -118,13 +97,12 @@ class GrpcServer : public APIServer {
 GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_ptr<UnaryHookSets> hooks)
     : options_(std::move(options)), hooks_(std::move(hooks)) {
   StartGrpc();
+  OnQuotaUsedUp(ReportNoRoom);
   if (IsUnixAddress(options_->Address())) listener_ = std::make_unique<UnixListener>(options_->Address());
-  context_.queue = grpc_completion_queue_create_for_next(nullptr);
-  context_.server = grpc_server_create(ServerArgs().Get(), nullptr);
-  grpc_server_register_completion_queue(context_.server, context_.queue, nullptr);
-  Register();
+  queue_ = grpc_completion_queue_create_for_next(nullptr);
+  groups_ = std::make_unique<ConnectionGroups>(service_, ServerParts{queue_, calls_, *refused_messages_});
   // Before listening: Stop() needs threads that empty the queue.
-  workers_ = std::make_unique<WorkerPool>(context_.queue, options_->Threads());
+  workers_ = std::make_unique<WorkerPool>(queue_, options_->Threads());
   try {
     Listen();
   } catch (...) {
@@ -135,64 +113,38 @@ GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_pt
 
 GrpcServer::~GrpcServer() { Stop(); }
 
-void GrpcServer::Register() {
-  const auto method = [this](const char* name) {
-    return grpc_server_register_method(context_.server, name, nullptr, GRPC_SRM_PAYLOAD_READ_INITIAL_BYTE_BUFFER, 0);
-  };
-  call_.registration = method(kCallMethod);
-  call_.answer = [this](const Buffer& request) { return Answer(request); };
-  if (!options_->Pubsub()) return;
-  publish_.registration = method(kPublishMethod);
-  publish_.answer = [this](const Buffer& request) { return AnswerPublish(request); };
-  subscribe_.registration = method(kSubscribeMethod);
+Service GrpcServer::MakeService() {
+  Service service;
+  service.threads = options_->Threads();
+  service.hub = &hub_;
+  service.call = [this](const Buffer& request, grpc_call* call) { return Answer(request, call); };
+  if (!options_->Pubsub()) return service;
+  service.publish = [this](const Buffer& request, grpc_call* call) { return AnswerPublish(request, call); };
+  return service;
 }
 
 void GrpcServer::Listen() {
   const std::string& address = options_->Address();
-  if (listener_ == nullptr) {
-    grpc_server_credentials* insecure = grpc_insecure_server_credentials_create();
-    port_ = grpc_server_add_http2_port(context_.server, address.c_str(), insecure);
-    grpc_server_credentials_release(insecure);
-    if (port_ == 0) throw std::runtime_error("can't serve on \"" + address + "\": " + WhyNotTcp(address));
+  if (listener_ != nullptr) {
+    listener_->Start([this](int fd) { return groups_->Add(fd); }, refused_messages_);
+    return;
   }
-  grpc_server_start(context_.server);
-  // One more call than there are threads is asked for ahead, so that an arriving one never waits to be taken.
-  for (unsigned int i = 0; i < options_->Threads() + 1; ++i) {
-    UnaryMethodCall::Start(context_, call_);
-    DiagnosticCall::Start(context_);
-    if (!options_->Pubsub()) continue;
-    UnaryMethodCall::Start(context_, publish_);
-    SubscriberStream::Start(subscribe_);
-  }
-  if (listener_ == nullptr) return;
-  listener_->Start([this](int fd) {
-    grpc_server_credentials* insecure = grpc_insecure_server_credentials_create();
-    grpc_server_add_channel_from_fd(context_.server, fd, insecure);
-    grpc_server_credentials_release(insecure);
-  });
+  port_ = groups_->ListenAndStart(address);
+  if (port_ == 0) throw std::runtime_error("can't serve on \"" + address + "\": " + WhyNotTcp(address));
 }
 
 void GrpcServer::Stop() {
-  // The shutdown's own event: it is waited for like a call's.
-  class Stopped : public Event {
-   public:
-    explicit Stopped(ServerContext& context) : member_(context.calls) {}
-    void Run(bool) override { delete this; }
-
-   private:
-    const WaitGroup::Member member_;
-  };
   listener_.reset();  // no connection comes any more
   hub_.Close();       // each subscriber gets its queue and the reason
-  grpc_server_shutdown_and_notify(context_.server, context_.queue, (new Stopped(context_))->Arm());
-  if (!context_.calls.WaitUntil(steady_clock::now() + kGrace)) {
-    grpc_server_cancel_all_calls(context_.server);
-    context_.calls.WaitUntil(steady_clock::time_point::max());
+  groups_->Shutdown();
+  if (!calls_.WaitUntil(steady_clock::now() + kGrace)) {
+    groups_->CancelCalls();
+    calls_.WaitUntil(steady_clock::time_point::max());
   }
-  grpc_completion_queue_shutdown(context_.queue);
+  grpc_completion_queue_shutdown(queue_);
   workers_.reset();  // ends when the queue is empty
-  grpc_server_destroy(context_.server);
-  grpc_completion_queue_destroy(context_.queue);
+  groups_.reset();
+  grpc_completion_queue_destroy(queue_);
 }
 
 // Runs a hook; an exception out of it becomes the call's failure.
@@ -209,13 +161,16 @@ CallResult Guarded(const char* what, const std::string& name, const Function& fu
   }
 }
 
-CallResult GrpcServer::Answer(const Buffer& bytes) {
+CallResult GrpcServer::Answer(const Buffer& bytes, grpc_call* call) {
   google::protobuf::Any request;
   if (!bytes.ParseInto(request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "the request is not a packed message");
+  const std::size_t size = request.value().size();
+  if (size > kMaxMessageBytes) return RefusalOfSize(size, call, *refused_messages_);
   return Guarded("request", request.type_url(), [&] { return Hooked(request); });
 }
 
-CallResult GrpcServer::AnswerPublish(const Buffer& bytes) {
+CallResult GrpcServer::AnswerPublish(const Buffer& bytes, grpc_call* call) {
+  if (bytes.Size() > kMaxMessageBytes) return RefusalOfSize(bytes.Size(), call, *refused_messages_);
   klrpc::v1::PubsubMessage message;
   if (!bytes.ParseInto(message)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a message to publish");
   if (message.topic().empty()) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "the message has no topic");

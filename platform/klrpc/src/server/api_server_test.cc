@@ -230,15 +230,31 @@ TEST_F(ApiServerTest, AddressesThatCannotBeAreRefusedWithTheReason) {
 
 TEST_F(ApiServerTest, AnotherUserIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-  const auto server = Serve(address_);
+  std::atomic<int> hooked = 0;
+  const auto server = Serve(address_, [&](const Any&, Any&) { return ++hooked > 0; });
   ChildServer stranger("--call-as-nobody", address_);
   EXPECT_EQ(stranger.WaitExit(), (ExitState{0, 0}));
+  EXPECT_EQ(hooked, 0);
   const auto records = log_.Records();
   ASSERT_FALSE(records.empty());
   LogRecord beginning = records[0];
   beginning.text = beginning.text.substr(0, beginning.text.find("(process "));
   EXPECT_EQ(beginning, (LogRecord{40, "platform/klrpc/src/server/unix_listener", "Allowed",
                                   address_ + ": refused a connection of user id 65534 "}));
+}
+
+// Five files of log would be gone within minutes.
+TEST_F(ApiServerTest, AnotherUserWhoConnectsAgainAndAgainWritesTwoRecords) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  auto server = Serve(address_);
+  ChildServer stranger("--storm-as-nobody", address_);
+  EXPECT_EQ(stranger.WaitExit(), (ExitState{0, 0}));
+  EXPECT_TRUE(Call());  // in line behind them
+  EXPECT_EQ(log_.Count("40 " + address_ + ": refused a connection of user id 65534 "), 1u);
+  EXPECT_EQ(log_.Records().size(), 1u);
+  server.reset();
+  const std::string rest = std::to_string(kStorm - 1) + " more in the last minute: refused connections";
+  EXPECT_EQ(log_.Count("40 " + rest), 1u) << ::testing::PrintToString(log_.Texts());
 }
 
 TEST_F(ApiServerTest, AnotherUserThatIsAllowedIsServed) {

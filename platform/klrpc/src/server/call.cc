@@ -1,6 +1,11 @@
 #include "server/call.h"
 
+#include <grpc/support/alloc.h>
+
 #include <array>
+#include <memory>
+
+#include "server/peers.h"
 
 namespace klrpc {
 
@@ -14,6 +19,22 @@ void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, vo
   ops[0].data.send_status_from_server.status_details = &raw_text;
   ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
   grpc_call_start_batch(call, ops.data(), metadata_sent ? 1 : 2, tag, nullptr);
+}
+
+CallResult RefusalOfSize(std::size_t size, grpc_call* call, klbase::CollapsedRecords& records) {
+  const std::string text = "has " + std::to_string(size) + " bytes, more than the " + std::to_string(kMaxMessageBytes) +
+                           " that can be received";
+  const std::unique_ptr<char, void (*)(void*)> peer(grpc_call_get_peer(call), gpr_free);
+  KL_LOG_COLLAPSED(records, "refused a message of %s: it %s", DescribePeer(peer.get()).c_str(), text.c_str());
+  return Failure(GRPC_STATUS_RESOURCE_EXHAUSTED, "the message " + text);
+}
+
+std::optional<CallResult> RefusalOf(const Buffer& message, grpc_call* call, klbase::CollapsedRecords& records) {
+  if (const char* name = message.Compression()) {
+    return Failure(GRPC_STATUS_UNIMPLEMENTED, std::string("compression ") + name + " is not supported");
+  }
+  if (message.Size() > kMaxFrameBytes) return RefusalOfSize(message.Size(), call, records);
+  return std::nullopt;
 }
 
 UnaryMethodCall::UnaryMethodCall(ServerContext& context, const Method& method)
@@ -44,7 +65,8 @@ void UnaryMethodCall::Run(bool ok) {
   answered_ = true;
   ServerContext& context = context_;
   const Method& method = method_;
-  Reply(method.answer(request_));
+  const std::optional<CallResult> refusal = RefusalOf(request_, call_, context.refused_messages);
+  Reply(refusal ? *refusal : method.answer(request_, call_));
   // Another thread may have deleted this object by now.
   Start(context, method);
 }

@@ -5,12 +5,15 @@
 #include <grpc/grpc.h>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
+#include "klbase/collapsed_records.h"
 #include "klbase/steady_cond_var.h"
 #include "transport/grpc_core.h"
 
@@ -67,19 +70,33 @@ class WaitGroup {
   int count_ ABSL_GUARDED_BY(mutex_) = 0;
 };
 
-// The server as its calls see it. Outlives them.
-struct ServerContext {
-  grpc_server* server = nullptr;
-  grpc_completion_queue* queue = nullptr;
-  WaitGroup calls;
+// What the gRPC servers of one server share.
+struct ServerParts {
+  grpc_completion_queue* queue;
+  WaitGroup& calls;
+  klbase::CollapsedRecords& refused_messages;
 };
+
+// A gRPC server as its calls see it. Outlives them.
+struct ServerContext : ServerParts {
+  ServerContext(grpc_server* owner, const ServerParts& parts) : ServerParts(parts), server(owner) {}
+
+  grpc_server* const server;
+};
+
+// The end of a call whose message can't be taken: it is compressed, or larger than a frame may be.
+std::optional<CallResult> RefusalOf(const Buffer& message, grpc_call* call, klbase::CollapsedRecords& records);
+// The end of a call whose message has too many bytes, with its record; `size` is that of the message alone.
+CallResult RefusalOfSize(std::size_t size, grpc_call* call, klbase::CollapsedRecords& records);
 
 // One call of a method with one request and one reply. Deletes itself after its last event.
 class UnaryMethodCall : public Event {
  public:
+  // Runs on a worker thread.
+  using Answer = std::function<CallResult(const Buffer& request, grpc_call* call)>;
   struct Method {
-    void* registration = nullptr;                             // of grpc_server_register_method
-    std::function<CallResult(const Buffer& request)> answer;  // runs on a worker thread
+    void* registration = nullptr;  // of grpc_server_register_method
+    Answer answer;
   };
 
   // Waits for a call, answers it, and starts to wait again. Start it several times to have several calls answered at

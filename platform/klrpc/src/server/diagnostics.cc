@@ -160,7 +160,8 @@ void DiagnosticCall::Read() {
 void DiagnosticCall::OnRead(bool ok) {
   if (!ok) return;
   if (!request_) return Finish(GRPC_STATUS_OK, "");  // the caller has no more requests
-  const CallResult result = method_->answer(request_);
+  const std::optional<CallResult> refusal = RefusalOf(request_, call_, context_.refused_messages);
+  const CallResult result = refusal ? *refusal : method_->answer(request_);
   if (result.code != GRPC_STATUS_OK) return Finish(result.code, result.text);
   const Buffer reply(result.reply);
   grpc_op op{};

@@ -1,5 +1,6 @@
 #include "server/unix_listener.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -18,6 +19,7 @@ namespace klrpc {
 namespace {
 
 constexpr int kOutOfDescriptorsPauseMs = 100;
+constexpr int kCollapsedGlanceMs = 1000;  // how late a count of refusals may be told
 
 [[noreturn]] void CannotServe(const std::string& address, const std::string& why) {
   throw std::runtime_error("can't serve on \"" + address + "\": " + why);
@@ -52,12 +54,14 @@ UnixListener::~UnixListener() {
   // Only our own file: a later server may have put its own in its place.
   struct stat now {};
   if (file_ != 0 && lstat(name_.Path(), &now) == 0 && now.st_ino == file_) unlink(name_.Path());
+  for (const Connection& connection : connections_) close(connection.watched);
   close(listening_);
   close(stop_);
 }
 
-void UnixListener::Start(Accepted accepted) {
+void UnixListener::Start(Accepted accepted, RefusedMessages messages) {
   accepted_ = std::move(accepted);
+  refused_messages_ = std::move(messages);
   thread_ = std::thread(&UnixListener::AcceptUntilStopped, this);
 }
 
@@ -88,41 +92,70 @@ void UnixListener::RemoveStaleFile() const {
 }
 
 void UnixListener::AcceptUntilStopped() {
-  while (true) {
-    pollfd waits[] = {{stop_, POLLIN, 0}, {listening_, POLLIN, 0}};
-    if (poll(waits, 2, -1) < 0 && errno != EINTR) {
-      KL_LOG(50, "%s: no longer accepting connections: %s", address_.c_str(), ErrorText(errno).c_str());
-      return;
-    }
-    if (waits[0].revents != 0) return;
-    if (waits[1].revents != 0) AcceptOne();
+  while (Wait()) {
   }
 }
 
+bool UnixListener::Wait() {
+  std::vector<pollfd> waits = {{stop_, POLLIN, 0}, {listening_, POLLIN, 0}};
+  waits.reserve(waits.size() + connections_.size());
+  for (const Connection& connection : connections_) waits.push_back({connection.watched, 0, 0});
+  if (poll(waits.data(), waits.size(), TellCollapsed() ? kCollapsedGlanceMs : -1) < 0) {
+    if (errno == EINTR) return true;
+    KL_LOG(50, "%s: no longer accepting connections: %s", address_.c_str(), ErrorText(errno).c_str());
+    return false;
+  }
+  // From the back: the last takes the place of one that ended.
+  for (std::size_t i = connections_.size(); i-- > 0;) {
+    if (waits[i + 2].revents == 0) continue;
+    close(connections_[i].watched);
+    std::swap(connections_[i], connections_.back());
+    connections_.pop_back();
+  }
+  if (waits[1].revents != 0) AcceptOne();
+  return waits[0].revents == 0;
+}
+
+// Whether a count waits to be told.
+bool UnixListener::TellCollapsed() {
+  const bool connections = refused_connections_.Tell();
+  return refused_messages_->Tell() || connections;
+}
+
 void UnixListener::AcceptOne() {
-  const int fd = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+  // Made first: a connection that there is no room for stays in the queue.
+  const int watched = fcntl(listening_, F_DUPFD_CLOEXEC, 0);
+  const int fd = watched < 0 ? -1 : accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
   if (fd < 0) {
-    const bool exhausted = errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS;
-    if (!exhausted) return;
-    KL_LOG(40, "%s: can't accept a connection: %s", address_.c_str(), ErrorText(errno).c_str());
-    // The connection stays in the queue; without a pause this would spin.
+    const int error = errno;
+    if (watched >= 0) close(watched);
+    if (error != EMFILE && error != ENFILE && error != ENOMEM && error != ENOBUFS) return;
+    KL_LOG(40, "%s: can't accept a connection: %s", address_.c_str(), ErrorText(error).c_str());
+    // Without a pause this would spin.
     pollfd stop = {stop_, POLLIN, 0};
     poll(&stop, 1, kOutOfDescriptorsPauseMs);
     return;
   }
-  if (Allowed(fd)) {
-    accepted_(fd);
-  } else {
-    close(fd);
-  }
+  Serve(fd, watched);
 }
 
-bool UnixListener::Allowed(int fd) const {
+void UnixListener::Serve(int fd, int watched) {
   const std::optional<ucred> peer = PeerOf(fd);
-  if (!peer) return false;
-  if (policy_.Allows(peer->uid)) return true;
-  KL_LOG(40, "%s: refused a connection of user id %u (process %d); KLRPC_ALLOW_UID lists who else may connect",
-         address_.c_str(), peer->uid, static_cast<int>(peer->pid));
+  if (!peer || !Allowed(*peer) || dup3(fd, watched, O_CLOEXEC) < 0) {
+    close(watched);
+    close(fd);
+    return;
+  }
+  // Known before gRPC reads from it.
+  auto known_peer = std::make_unique<KnownPeer>(fd, *peer, refused_messages_);
+  connections_.push_back({watched, std::move(known_peer), accepted_(fd)});
+}
+
+bool UnixListener::Allowed(const ucred& peer) {
+  if (policy_.Allows(peer.uid)) return true;
+  KL_LOG_COLLAPSED(refused_connections_,
+                   "%s: refused a connection of user id %u (process %d); KLRPC_ALLOW_UID lists who else may connect",
+                   address_.c_str(), peer.uid, static_cast<int>(peer.pid));
   return false;
 }
 

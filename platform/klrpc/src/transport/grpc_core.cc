@@ -5,6 +5,7 @@
 #include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/wire_format_lite.h>
 #include <grpc/byte_buffer_reader.h>
+#include <grpc/compression.h>
 #include <grpc/support/log.h>
 #include <grpc/support/time.h>
 #include <unistd.h>
@@ -22,8 +23,23 @@
 namespace klrpc {
 namespace {
 
+std::atomic<void (*)(std::string_view)> g_quota_used_up = nullptr;
+// Whether the environment asks gRPC for records below errors.
+std::atomic<bool> g_details_wanted = false;
+
+// "HTTP2: CONNECTION - abandon stream id 3".
+void ReportIfQuotaUsedUp(std::string_view message) {
+  constexpr std::string_view kBefore = "HTTP2: ";
+  const auto end = message.find(" - abandon stream id ");
+  const auto report = g_quota_used_up.load();
+  if (report == nullptr || end == std::string_view::npos || message.substr(0, kBefore.size()) != kBefore) return;
+  report(message.substr(kBefore.size(), end - kBefore.size()));
+}
+
 void WriteGrpcLog(gpr_log_func_args* args) {
   constexpr char kFunction[] = "gpr_log";
+  if (args->severity == GPR_LOG_SEVERITY_INFO) ReportIfQuotaUsedUp(args->message);
+  if (args->severity != GPR_LOG_SEVERITY_ERROR && !g_details_wanted.load(std::memory_order_relaxed)) return;
   const int level = args->severity == GPR_LOG_SEVERITY_ERROR ? 40 : args->severity == GPR_LOG_SEVERITY_INFO ? 20 : 10;
   if (kOptionLogLevel.load(std::memory_order_relaxed) > level) return;
   const std::string_view file = klbase_internal::SourceName(args->file);
@@ -59,7 +75,14 @@ void StartGrpc() {
     gpr_set_log_function(WriteGrpcLog);
     google::protobuf::SetLogHandler(WriteProtobufLog);
     grpc_init();
+    g_details_wanted = gpr_should_log(GPR_LOG_SEVERITY_INFO) != 0;
   });
+}
+
+void OnQuotaUsedUp(void (*report)(std::string_view connection)) {
+  g_quota_used_up = report;
+  grpc_tracer_set_enabled("resource_quota", 1);
+  if (gpr_should_log(GPR_LOG_SEVERITY_INFO) == 0) gpr_set_log_verbosity(GPR_LOG_SEVERITY_INFO);
 }
 
 const char* StatusName(grpc_status_code code) {
@@ -97,6 +120,15 @@ ChannelArgs& ChannelArgs::Set(const char* name, int value) {
   return *this;
 }
 
+ChannelArgs& ChannelArgs::SetQuota(grpc_resource_quota* quota) {
+  grpc_arg arg{};
+  arg.type = GRPC_ARG_POINTER;
+  arg.key = const_cast<char*>(GRPC_ARG_RESOURCE_QUOTA);
+  arg.value.pointer = {quota, grpc_resource_quota_arg_vtable()};
+  args_.push_back(arg);
+  return *this;
+}
+
 const grpc_channel_args* ChannelArgs::Get() {
   view_.num_args = args_.size();
   view_.args = args_.data();
@@ -112,6 +144,12 @@ grpc_byte_buffer** Buffer::Reset() {
   if (buffer_ != nullptr) grpc_byte_buffer_destroy(buffer_);
   buffer_ = nullptr;
   return &buffer_;
+}
+
+const char* Buffer::Compression() const {
+  const char* name = nullptr;
+  if (buffer_ == nullptr || buffer_->data.raw.compression == GRPC_COMPRESS_NONE) return nullptr;
+  return grpc_compression_algorithm_name(buffer_->data.raw.compression, &name) != 0 ? name : "of unknown kind";
 }
 
 Slice Buffer::Flat() const {

@@ -39,6 +39,10 @@ std::string TooLarge(const char* what, std::size_t size);
 // its threads may be busy with connections of others until the process is gone.
 void StartGrpc();
 
+// Calls `report` for each call that gRPC gives up because a memory quota is used up, with the name of its connection.
+// gRPC tells it to its log only. `report` may be called with gRPC's locks held.
+void OnQuotaUsedUp(void (*report)(std::string_view connection));
+
 // "UNAVAILABLE" for 14.
 const char* StatusName(grpc_status_code code);
 
@@ -55,6 +59,8 @@ grpc_event NextEvent(grpc_completion_queue* queue, gpr_timespec deadline);
 class ChannelArgs {
  public:
   ChannelArgs& Set(const char* name, int value);
+  // Must outlive this object.
+  ChannelArgs& SetQuota(grpc_resource_quota* quota);
   // Valid as long as this object is not changed.
   const grpc_channel_args* Get();
 
@@ -109,6 +115,9 @@ class Buffer {
   // Empties this and gives the place to put a received message into.
   grpc_byte_buffer** Reset();
   explicit operator bool() const { return buffer_ != nullptr; }
+  std::size_t Size() const { return buffer_ == nullptr ? 0 : grpc_byte_buffer_length(buffer_); }
+  // The name of the compression that a message arrived with, null for none.
+  const char* Compression() const;
   // All bytes in one piece.
   Slice Flat() const;
   bool ParseInto(google::protobuf::MessageLite& message) const;
