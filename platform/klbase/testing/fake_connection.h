@@ -23,6 +23,8 @@ class FakeConnection : public ServedConnection, public std::enable_shared_from_t
   }
 
   const std::string& Peer() const override { return peer; }
+  const std::string& Address() const override { return address; }
+  Standing StandingBeforeLogin() override { return standing; }
   bool LoggedIn() const override { return logged_in; }
   bool CommandRunning() const override { return command_running; }
   OutputBuffer::Clock::duration StalledFor() const override { return stalled_for; }
@@ -38,6 +40,8 @@ class FakeConnection : public ServedConnection, public std::enable_shared_from_t
   void Abandon() override {}
 
   std::string peer = "192.0.2.1:4321";
+  std::string address = "192.0.2.1";
+  Standing standing = Standing::kSilent;
   bool logged_in = false;
   bool command_running = false;
   bool closes_when_finished = false;

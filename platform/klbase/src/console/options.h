@@ -19,13 +19,13 @@ struct ConsoleOptions {
   int input_fd = STDIN_FILENO;
   int output_fd = STDOUT_FILENO;
 
-  std::chrono::milliseconds sniff{100};         // a program speaks first
-  std::chrono::milliseconds reader{30'000};     // an operator who reads nothing for so long is gone
-  std::chrono::milliseconds login{60'000};      // to give the password
-  std::chrono::milliseconds login_delay{1000};  // after a wrong one
-  std::chrono::milliseconds linger{1000};       // for the last bytes to arrive
-  std::chrono::milliseconds stop{4000};         // for commands under way when the console ends
-  std::chrono::milliseconds drain{1000};        // for readers when the console ends
+  std::chrono::milliseconds sniff{100};        // a program speaks first
+  std::chrono::milliseconds reader{30'000};    // an operator who reads nothing for so long is gone
+  std::chrono::milliseconds login{60'000};     // to give the password
+  std::chrono::milliseconds login_delay{200};  // after a wrong one, for its address; more after more
+  std::chrono::milliseconds linger{1000};      // for the last bytes to arrive
+  std::chrono::milliseconds stop{4000};        // for commands under way when the console ends
+  std::chrono::milliseconds drain{1000};       // for readers when the console ends
 };
 
 // The options, with those that the environment sets: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE and

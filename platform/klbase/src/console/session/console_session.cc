@@ -84,7 +84,6 @@ void ConsoleSession::Finish(std::string_view farewell) { PumpIfLeased(queue_.Pos
 void ConsoleSession::Close() {
   notices_.Close();
   queue_.End();
-  login_.Close();
   thread_.Close();
 }
 
@@ -104,6 +103,10 @@ void ConsoleSession::PumpIfLeased(InputQueue::Posted posted) {
 void ConsoleSession::Pump() {
   const std::shared_ptr<CommandThread::Host> host(shared_from_this(), this);
   while (auto line = NextLine()) {
+    if (!LoggedIn()) {
+      CheckPassword(std::move(*line));
+      break;
+    }
     if (thread_.Post(std::move(*line), host)) break;  // the lease went with it
     config_.output->Append("The line was not run: no thread can be started for it. Try again later.\n");
     BeginLine();
@@ -187,6 +190,28 @@ void ConsoleSession::BeginLine() {
   reader_.BeginLine(runner_.Path().Current().Name() + "> ");
 }
 
+void ConsoleSession::CheckPassword(std::string password) {
+  reader_.EndUnseenLine();
+  login_.Check(std::move(password),
+               [self = shared_from_this()](PasswordVerdict verdict) { self->TakePasswordVerdict(verdict); });
+}
+
+void ConsoleSession::TakePasswordVerdict(PasswordVerdict verdict) {
+  switch (login_.Take(verdict)) {
+    case Login::Answer::kLoggedIn:
+      reader_.StartEditing();
+      if (Interactive()) config_.output->Append(Banner());
+      break;
+    case Login::Answer::kAskAgain:
+      break;
+    case Login::Answer::kRefused:
+      End();
+      break;
+  }
+  if (!queue_.Ended()) BeginLine();
+  Pump();
+}
+
 void ConsoleSession::End() {
   reader_.DropUnread();
   queue_.End();
@@ -210,29 +235,10 @@ void ConsoleSession::RunLine(const std::string& line) {
   notices_.CommandBegins();
   // The programs that a command starts write to this terminal by themselves: the typed line must stand before that.
   if (config_.kind == SessionKind::kTerminal) config_.output->Flush();
-  if (LoggedIn()) {
-    history_.Add(line);
-    runner_.Run(line);
-  } else {
-    TryLogin(line);
-  }
+  history_.Add(line);
+  runner_.Run(line);
   notices_.CommandEnds();
   if (!queue_.Ended()) BeginLine();
-}
-
-void ConsoleSession::TryLogin(const std::string& password) {
-  reader_.EndUnseenLine();
-  switch (login_.Try(password)) {
-    case Login::Answer::kLoggedIn:
-      reader_.StartEditing();
-      if (Interactive()) config_.output->Append(Banner());
-      break;
-    case Login::Answer::kAskAgain:
-      break;
-    case Login::Answer::kRefused:
-      End();
-      break;
-  }
 }
 
 }  // namespace cli::internal

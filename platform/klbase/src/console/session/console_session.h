@@ -52,7 +52,7 @@ struct SessionConfig {
 // The transport's thread delivers input and events; a command thread, started with the first line, runs the lines. The
 // line reader, the history, the login and the menu path belong to the holder of the input queue's lease: the transport
 // (or a thread that posts a notice) while a line is typed, the command thread from a whole line until all input is used
-// up.
+// up. A password is no command's line: the lease is with its check, and comes back with the answer.
 // The session has no lock of its own: its parts have theirs, and call nothing of each other's while they hold them.
 class ConsoleSession : private CommandThread::Host, public std::enable_shared_from_this<ConsoleSession> {
  public:
@@ -107,6 +107,8 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   // Uses up input until a line is to be run; without one, the lease is given back.
   std::optional<std::string> NextLine();
   bool DoWork();
+  void CheckPassword(std::string password);
+  void TakePasswordVerdict(PasswordVerdict verdict);
   void LeaveTerminal(std::string_view farewell);
   std::optional<std::string> LineToRun(LineReader::Line line);
   bool AcceptsFirstLine(const LineReader::Line& line);
@@ -117,7 +119,6 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void RunLines(std::string line) override;
   void ThreadEnded() override { config_.host->ThreadEnded(config_.id); }
   void RunLine(const std::string& line);
-  void TryLogin(const std::string& password);
 
   const SessionConfig config_;
   const std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();

@@ -11,8 +11,13 @@ Login::Login(std::optional<LoginRules> rules, Operator who, OutputBuffer* output
 
 void Login::Prompt() { output_->Append("Password: "); }
 
-Login::Answer Login::Try(const std::string& password) {
-  if (!rules_->check(password)) return Refuse();
+void Login::Check(std::string password, std::function<void(PasswordVerdict)> answer) {
+  rules_->check(std::move(password), std::move(answer));
+}
+
+Login::Answer Login::Take(PasswordVerdict verdict) {
+  if (verdict == PasswordVerdict::kNotChecked) return Answer::kRefused;
+  if (verdict == PasswordVerdict::kWrong) return Refuse();
   // A slot is taken only now: connections that don't know the password must not keep operators out.
   if (!rules_->admit()) return Answer::kRefused;
   logged_in_ = true;
@@ -23,21 +28,8 @@ Login::Answer Login::Try(const std::string& password) {
 Login::Answer Login::Refuse() {
   ++failures_;
   KL_LOG(40, "console session %d from %s: wrong password\n", operator_.session_id, operator_.peer.c_str());
-  WaitUnlessClosed(rules_->delay_after_failure);  // before the answer: a guesser can't go on without it
   output_->Append("Wrong password.\n");
   return failures_ >= rules_->tries || !operator_.interactive ? Answer::kRefused : Answer::kAskAgain;
-}
-
-void Login::Close() {
-  absl::MutexLock lock(&mutex_);
-  closed_ = true;
-  closed_changed_.SignalAll();
-}
-
-void Login::WaitUnlessClosed(std::chrono::milliseconds time) {
-  const auto deadline = std::chrono::steady_clock::now() + time;
-  absl::MutexLock lock(&mutex_);
-  while (!closed_ && std::chrono::steady_clock::now() < deadline) closed_changed_.WaitUntil(&mutex_, deadline);
 }
 
 }  // namespace cli::internal

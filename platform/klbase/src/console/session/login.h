@@ -3,30 +3,30 @@
 #define KLBASE_CONSOLE_SESSION_LOGIN_H_
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
 
-#include "absl/base/thread_annotations.h"
-#include "absl/synchronization/mutex.h"
 #include "console/output_buffer.h"
-#include "klbase/steady_cond_var.h"
 
 namespace cli::internal {
 
-// Asked for before a session may run commands: `check` says whether the password is right (it may take its time), and
-// `admit` whether there is a session slot left; it tells the operator if there is none. Both are called on the
-// session's command thread.
+enum class PasswordVerdict {
+  kRight,
+  kWrong,
+  kNotChecked,  // the operator is gone, or the console ends
+};
+
+// Asked for before a session may run commands: `check` starts the password's check and returns at once; `answer` is
+// called later, once, on any thread. `admit` says whether there is a session slot left; it tells the operator if there
+// is none.
 struct LoginRules {
-  std::function<bool(const std::string& password)> check;
+  std::function<void(std::string password, std::function<void(PasswordVerdict)> answer)> check;
   std::function<bool()> admit;
-  std::chrono::milliseconds delay_after_failure{1000};
   int tries = 3;
 };
 
-// Owned by the session. Prompt() and Try() are called by the holder of its lease, the rest by any thread. Its mutex
-// guards the end of a delay only.
+// Owned by the session, and used by the holder of its lease; LoggedIn() by any thread.
 class Login {
  public:
   struct Operator {
@@ -45,23 +45,20 @@ class Login {
 
   bool LoggedIn() const { return logged_in_; }
   void Prompt();
-  // Answers wrong passwords late, and leaves a record of each. The command thread; not when logged in.
-  Answer Try(const std::string& password);
-  // The operator is gone: ends a delay.
-  void Close();
+  // Starts the check; not when logged in. The lease goes with it, and comes back with `answer`, which is to be passed
+  // to Take().
+  void Check(std::string password, std::function<void(PasswordVerdict)> answer);
+  // Leaves a record of each wrong password.
+  Answer Take(PasswordVerdict verdict);
 
  private:
   Answer Refuse();
-  void WaitUnlessClosed(std::chrono::milliseconds time);
 
   const std::optional<LoginRules> rules_;
   const Operator operator_;
   OutputBuffer* const output_;
   std::atomic<bool> logged_in_;
-  int failures_ = 0;  // the lease holder's
-  absl::Mutex mutex_;
-  klbase::SteadyCondVar closed_changed_;
-  bool closed_ ABSL_GUARDED_BY(mutex_) = false;
+  int failures_ = 0;
 };
 
 }  // namespace cli::internal

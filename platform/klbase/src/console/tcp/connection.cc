@@ -2,9 +2,11 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <cerrno>
@@ -13,19 +15,35 @@
 #include <system_error>
 #include <utility>
 
+#include "console/tcp/access/peer_user.h"
 #include "console/tcp/http_sniff.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
 namespace {
 
-std::string PeerName(const asio::ip::tcp::socket& socket) {
+// Without an address for a client that is gone already.
+asio::ip::tcp::endpoint PeerOf(const asio::ip::tcp::socket& socket) {
   std::error_code error;
-  const auto endpoint = socket.remote_endpoint(error);
-  if (error) return "unknown";
+  auto endpoint = socket.remote_endpoint(error);
+  return error ? asio::ip::tcp::endpoint() : endpoint;
+}
+
+std::string PeerName(const asio::ip::tcp::endpoint& endpoint) {
+  if (endpoint.port() == 0) return "unknown";
   std::ostringstream text;
   text << endpoint;
   return text.str();
+}
+
+// Of IPv6 the first half: a machine may choose among the addresses of its network.
+std::string AddressName(const asio::ip::address& address) {
+  if (address.is_v4()) return address.to_string();
+  asio::ip::address_v6 v6 = address.to_v6();
+  if (v6.is_v4_mapped()) return asio::ip::make_address_v4(asio::ip::v4_mapped, v6).to_string();
+  auto bytes = v6.to_bytes();
+  std::fill(bytes.begin() + bytes.size() / 2, bytes.end(), 0);
+  return asio::ip::address_v6(bytes).to_string();
 }
 
 void SetOption(int fd, int level, int name, int value) {
@@ -62,7 +80,12 @@ bool IsDumb(std::string name) {
 }  // namespace
 
 Connection::Connection(asio::io_context& io, asio::ip::tcp::socket socket, ConnectionOwner& owner)
-    : io_(io), socket_(std::move(socket)), owner_(owner), peer_(PeerName(socket_)) {}
+    : io_(io),
+      socket_(std::move(socket)),
+      owner_(owner),
+      peer_endpoint_(PeerOf(socket_)),
+      peer_(PeerName(peer_endpoint_)),
+      address_(AddressName(peer_endpoint_.address())) {}
 
 Connection::~Connection() {
   if (output_) output_->Close();
@@ -88,6 +111,14 @@ void Connection::Refuse(std::string_view text) {
   output_->SetText(OutputBuffer::Text::kCrLf);
   output_->Append(text);
   Drain();
+}
+
+Connection::Standing Connection::StandingBeforeLogin() {
+  // Of many that come at once, most have not had their turn to be read.
+  pollfd socket{socket_.native_handle(), POLLIN | POLLRDHUP, 0};
+  ::poll(&socket, 1, 0);
+  if (input_ == Input::kEnded || (socket.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) return Standing::kEnded;
+  return heard_ || socket.revents != 0 ? Standing::kHeard : Standing::kSilent;
 }
 
 void Connection::Finish(std::string_view notice) {
@@ -205,7 +236,8 @@ void Connection::Read() {
     Deliver({buffer.data(), static_cast<std::size_t>(count)});
   } else if (count == 0) {
     input_ = Input::kEnded;  // it may still read: the lines that have come are run and answered
-    if (phase_ == Phase::kLingering) return Close();
+    client_->ended = true;
+    if (phase_ == Phase::kLingering || (!LoggedIn() && ClientIsGone())) return Close();
     if (session_) session_->OnEndOfInput();
     return;
   } else if (errno != EAGAIN && errno != EINTR) {
@@ -295,11 +327,19 @@ bool Connection::NothingUnread() {
   return ::ioctl(socket_.native_handle(), FIONREAD, &unread) == 0 && unread == 0;
 }
 
+// A client that sends no more may still read. On this machine the kernel knows whether anybody has its socket.
+bool Connection::ClientIsGone() const {
+  std::error_code error;
+  const auto own = socket_.local_endpoint(error);
+  return !error && IsLoopback(peer_endpoint_.address()) && !UserOfPeer(peer_endpoint_, own);
+}
+
 void Connection::OnLingerEnd() { Close(); }
 
 void Connection::Close() {
   if (std::exchange(phase_, Phase::kClosed) == Phase::kClosed) return;
   const auto self = shared_from_this();  // the owner's reference goes now
+  client_->gone = true;
   // Before the socket: threads that print write to its descriptor, whose number may be another file's soon.
   output_->Close();
   std::error_code ignored;

@@ -20,6 +20,7 @@
 #include "console/output_buffer.h"
 #include "console/session/console_session.h"
 #include "console/session/session_table.h"
+#include "console/tcp/access/login_queue.h"
 #include "console/tcp/served_connection.h"
 #include "console/tcp/telnet_filter.h"
 
@@ -56,11 +57,15 @@ class Connection : public std::enable_shared_from_this<Connection>,
   void Refuse(std::string_view text);
 
   const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
+  // For the check of its password.
+  const std::shared_ptr<LoginClient>& Client() const { return client_; }
   const std::shared_ptr<ConsoleSession>& Session() const { return session_; }
   SessionSlot TakeSlotAlong() { return std::move(slot_); }
 
   // --- ServedConnection
   const std::string& Peer() const override { return peer_; }
+  const std::string& Address() const override { return address_; }
+  Standing StandingBeforeLogin() override;
   bool LoggedIn() const override { return session_ != nullptr && session_->LoggedIn(); }
   bool CommandRunning() const override { return session_ != nullptr && session_->CommandRunning(); }
   OutputBuffer::Clock::duration StalledFor() const override { return output_->StalledFor(); }
@@ -112,6 +117,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   void Drain();
   void Linger();
   bool NothingUnread();
+  bool ClientIsGone() const;
   void Close();
 
   void OnData(std::string_view bytes) override;
@@ -126,7 +132,10 @@ class Connection : public std::enable_shared_from_this<Connection>,
   asio::ip::tcp::socket socket_;
   ConnectionOwner& owner_;
   SessionSlot slot_;
+  const asio::ip::tcp::endpoint peer_endpoint_;
   const std::string peer_;
+  const std::string address_;
+  const std::shared_ptr<LoginClient> client_ = std::make_shared<LoginClient>();
   std::shared_ptr<OutputBuffer> output_;
   std::shared_ptr<ConsoleSession> session_;
   std::optional<TelnetFilter> filter_;

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "console/tcp/access/peer_user.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -33,14 +34,6 @@ asio::ip::address ParseAddress(const std::string& text) {
         "\" is not an IP address; set KLBASE_CONSOLE_ADDRESS to one, such as 127.0.0.1 or 0.0.0.0");
   }
   return address;
-}
-
-// asio calls only ::1 a loopback address of IPv6; the kernel takes ::ffff:127.0.0.1 for 127.0.0.1.
-bool IsLoopback(const asio::ip::address& address) {
-  if (address.is_v6() && address.to_v6().is_v4_mapped()) {
-    return asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).is_loopback();
-  }
-  return address.is_loopback();
 }
 
 [[noreturn]] void ThrowCannotListen(const Tcp::endpoint& endpoint, int error) {

@@ -18,6 +18,15 @@ class ServedConnection {
 
   // "127.0.0.1:43210", or "unknown" for a client that is gone already.
   virtual const std::string& Peer() const = 0;
+  // The address that it comes from, as far as strangers can't choose it: of IPv6 the network.
+  virtual const std::string& Address() const = 0;
+  // How likely it is that somebody will log in on it, the least likely first.
+  enum class Standing {
+    kEnded,   // it sends no more
+    kSilent,  // it has sent nothing so far
+    kHeard,
+  };
+  virtual Standing StandingBeforeLogin() = 0;
   // Its session may run commands.
   virtual bool LoggedIn() const = 0;
   virtual bool CommandRunning() const = 0;

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "console/tcp/access/admission.h"
+#include "console/tcp/access/login_queue.h"
 #include "console/tcp/access/password_checker.h"
 #include "console/tcp/connection.h"
 #include "console/tcp/drain.h"
@@ -52,6 +53,7 @@ class ServerImpl : public Server, public ConnectionOwner {
         listener_(io_, endpoint, [this](Tcp::socket socket) { Admit(std::move(socket)); }),
         tick_(io_, connections_),
         drain_(io_, connections_, options.drain),
+        logins_([this](const std::string& password) { return passwords_->Check(password); }, options.login_delay),
         read_buffer_(kReadSize, '\0') {}
 
   ~ServerImpl() override { Stop(); }
@@ -78,6 +80,7 @@ class ServerImpl : public Server, public ConnectionOwner {
     const auto begun = std::make_shared<std::promise<void>>();
     asio::post(io_, [this, begun] {
       listener_.Close();
+      logins_.Close();
       drain_.Begin();
       begun->set_value();
     });
@@ -127,18 +130,22 @@ class ServerImpl : public Server, public ConnectionOwner {
     config.ended = [weak = connection.weak_from_this()] {
       if (const auto self = weak.lock()) self->PostEnded();
     };
-    if (passwords_) config.login = Login(id, connection.Output());
+    if (passwords_) config.login = Login(id, connection);
     auto session = std::make_shared<ConsoleSession>(std::move(config));
     parts_.table->Add(session, connection.TakeSlotAlong());
     KL_LOG(30, "console session %d opens: %s from %s\n", id, KindName(kind), connection.Peer().c_str());
     return session;
   }
 
-  LoginRules Login(int id, const std::shared_ptr<OutputBuffer>& output) {
+  LoginRules Login(int id, const Connection& connection) {
     LoginRules rules;
-    rules.delay_after_failure = options_.login_delay;
-    rules.check = [this](const std::string& password) { return passwords_->Check(password); };
-    rules.admit = [this, id, output] { return admission_.AdmitLoggedIn(id, *output); };
+    rules.check = [this, address = connection.Address(), client = connection.Client()](std::string password,
+                                                                                       auto answer) {
+      logins_.Post(std::move(password), address, client, [this, answer = std::move(answer)](PasswordVerdict verdict) {
+        asio::post(io_, [answer, verdict] { answer(verdict); });
+      });
+    };
+    rules.admit = [this, id, output = connection.Output()] { return admission_.AdmitLoggedIn(id, *output); };
     return rules;
   }
 
@@ -162,6 +169,7 @@ class ServerImpl : public Server, public ConnectionOwner {
   Listener listener_;
   OutputTick tick_;
   Drain drain_;
+  LoginQueue logins_;  // posts its answers to io_
   std::string read_buffer_;
   std::thread thread_;
 };

@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -779,6 +780,37 @@ TEST_F(PasswordTest, ThreeWrongTriesEndTheConnection) {
   EXPECT_EQ(client.ReceiveAll(), "Wrong password.\r\nPassword: Wrong password.\r\nPassword: Wrong password.\r\n");
   EXPECT_EQ(log.Count("40 console session 1 from 127.0.0.1:"), 3U);
   EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(PasswordTest, AStormOfWrongPasswordsStartsNoThreadsAndIsNotHashed) {
+  options_.login_delay = 1h;
+  Open();
+  const auto threads = [] {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+  };
+  const auto before = threads();
+  const LogCapture log(40);
+  for (int i = 0; i < 300; ++i) {
+    Connect().Send("wrong\n");
+    EXPECT_LE(threads(), before + 3);
+  }
+  TestClient operator_meanwhile = Connect();
+  operator_meanwhile.ReceiveUntil("Password: ");
+  EXPECT_LE(log.Count("40 console session "), 1U);
+}
+
+TEST_F(PasswordTest, TheEndOfTheConsoleDoesNotWaitForPasswords) {
+  options_.login_delay = 1h;
+  options_.drain = 1h;
+  Open();
+  EXPECT_EQ(Program("wrong\n"), "Wrong password.\n");
+  TestClient waits = Connect();
+  waits.Send("wrong\n");
+  TestClient bystander = Connect();
+  bystander.ReceiveUntil("Password: ");
+  console_->Stop();
+  EXPECT_EQ(waits.ReceiveAll(), "");
 }
 
 TEST_F(PasswordTest, WhoDoesNotLogInInTimeIsClosed) {

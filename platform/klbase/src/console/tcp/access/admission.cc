@@ -1,5 +1,7 @@
 #include "console/tcp/access/admission.h"
 
+#include <algorithm>
+#include <map>
 #include <utility>
 
 #include "klbase/log.h"
@@ -11,7 +13,7 @@ Admission::Admission(const ConsoleOptions& options, SessionTable* table)
 
 Admission::Decision Admission::Decide(const std::shared_ptr<ServedConnection>& connection) {
   if (asks_password_) {
-    MakeRoom();
+    MakeRoom(connection->Address());
     logging_in_.push_back(connection);
     return {};
   }
@@ -36,17 +38,58 @@ std::string Admission::Refusal() const {
   return "Too many sessions: all " + std::to_string(max_sessions_) + " are in use. Try again later.\n";
 }
 
-// The oldest connection leaves: it had the most time to log in. Refusing the new one instead would let a few silent
-// clients lock every operator out.
-void Admission::MakeRoom() {
+void Admission::ForgetOthers() {
   logging_in_.remove_if([](const auto& weak) {
     const auto connection = weak.lock();
     return !connection || connection->LoggedIn();
   });
-  while (logging_in_.size() >= kMaxLoggingIn) {
-    if (const auto oldest = logging_in_.front().lock()) oldest->Abort("others wait to log in");
-    logging_in_.pop_front();
+}
+
+// Refusing the new one instead would let a few silent clients lock every operator out.
+void Admission::MakeRoom(const std::string& address) {
+  ForgetOthers();
+  if (CountOf(address) >= kMaxOfAddress) {
+    PushOutOneOf(address);
+  } else if (logging_in_.size() >= kMaxLoggingIn) {
+    PushOutOneOf(MostFrequentAddress());
   }
+}
+
+std::size_t Admission::CountOf(const std::string& address) const {
+  return static_cast<std::size_t>(std::count_if(logging_in_.begin(), logging_in_.end(), [&address](const auto& weak) {
+    const auto connection = weak.lock();
+    return connection && connection->Address() == address;
+  }));
+}
+
+std::string Admission::MostFrequentAddress() const {
+  std::map<std::string, int> counts;
+  for (const auto& weak : logging_in_) {
+    if (const auto connection = weak.lock()) ++counts[connection->Address()];
+  }
+  const auto most =
+      std::max_element(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
+  return most == counts.end() ? "" : most->first;
+}
+
+// The oldest: it had the most time to log in. One that may be gone leaves before, and one that has been silent so far
+// before an operator who types.
+void Admission::PushOutOneOf(const std::string& address) {
+  using Standing = ServedConnection::Standing;
+  auto chosen = logging_in_.end();
+  auto chosen_standing = Standing::kHeard;
+  for (auto at = logging_in_.begin(); at != logging_in_.end(); ++at) {
+    const auto connection = at->lock();
+    if (!connection || connection->Address() != address) continue;
+    const Standing standing = connection->StandingBeforeLogin();
+    if (chosen != logging_in_.end() && standing >= chosen_standing) continue;
+    chosen = at;
+    chosen_standing = standing;
+  }
+  if (chosen == logging_in_.end()) return;
+  const auto connection = chosen->lock();
+  logging_in_.erase(chosen);
+  connection->Abort("others wait to log in");
 }
 
 }  // namespace cli::internal

@@ -15,13 +15,15 @@
 namespace cli::internal {
 
 // Without a password file a connection takes a session slot when it comes. With one it is let in without a slot, and
-// its session takes one when it has logged in: connections that don't log in keep no operator out.
+// its session takes one when it has logged in: connections that don't log in keep no operator out. The room for these
+// is shared out by address: a new one takes the place of one from its own address, or from that which has most of them.
 //
 // Owned by the server. The I/O thread, except where a function says otherwise.
 class Admission {
  public:
-  // Connections at a time that have yet to log in.
+  // Connections at a time that have yet to log in, and those of one address.
   static constexpr std::size_t kMaxLoggingIn = 32;
+  static constexpr std::size_t kMaxOfAddress = 16;
 
   struct Decision {
     SessionSlot slot;     // none for a connection that has yet to log in
@@ -31,21 +33,27 @@ class Admission {
   // `table`, which has `options.max_sessions` slots, must outlive it; it must outlive the sessions that log in.
   Admission(const ConsoleOptions& options, SessionTable* table);
 
-  // For a connection that has come. One that has yet to log in may make the oldest of its kind leave. A refusal leaves
-  // a record of level 40.
+  // For a connection that has come. One that has yet to log in may make another of its kind leave. A refusal leaves a
+  // record of level 40.
   Decision Decide(const std::shared_ptr<ServedConnection>& connection);
 
   // Gives the session, which has logged in, a slot. False when none is free; `output` then says so. Any thread.
   bool AdmitLoggedIn(int session_id, OutputBuffer& output);
 
  private:
+  using Connections = std::list<std::weak_ptr<ServedConnection>>;
+
   std::string Refusal() const;
-  void MakeRoom();
+  void ForgetOthers();
+  void MakeRoom(const std::string& address);
+  std::size_t CountOf(const std::string& address) const;
+  std::string MostFrequentAddress() const;
+  void PushOutOneOf(const std::string& address);
 
   const int max_sessions_;
   const bool asks_password_;
   SessionTable* const table_;
-  std::list<std::weak_ptr<ServedConnection>> logging_in_;  // the oldest first; some have logged in or gone since
+  Connections logging_in_;  // the oldest first; some have logged in or gone since
 };
 
 }  // namespace cli::internal

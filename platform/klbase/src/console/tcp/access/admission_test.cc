@@ -55,14 +55,15 @@ class LoginAdmissionTest : public AdmissionTest {
  protected:
   LoginAdmissionTest() : AdmissionTest("/pw") {}
 
-  std::shared_ptr<FakeConnection> Connect() {
+  std::shared_ptr<FakeConnection> Connect(const std::string& address = "192.0.2.1") {
     auto connection = FakeConnection::In(open_);
+    connection->address = address;
     EXPECT_EQ(admission_.Decide(connection).refusal, "");
     return connection;
   }
   std::size_t Aborted() const { return connected_.size() - open_.size(); }
-  void Fill() {
-    while (connected_.size() < Admission::kMaxLoggingIn) connected_.push_back(Connect());
+  void Fill(const std::string& address = "192.0.2.1") {
+    for (std::size_t i = 0; i < Admission::kMaxOfAddress; ++i) connected_.push_back(Connect(address));
   }
 
   std::vector<std::shared_ptr<FakeConnection>> connected_;
@@ -73,7 +74,7 @@ TEST_F(LoginAdmissionTest, BeforeItsLoginAConnectionTakesNoSlot) {
   EXPECT_TRUE(table_.TakeSlot());
 }
 
-TEST_F(LoginAdmissionTest, TheOldestThatHasNotLoggedInLeavesForANewOne) {
+TEST_F(LoginAdmissionTest, TheOldestOfAnAddressLeavesForANewOneOfIt) {
   Fill();
   EXPECT_EQ(Aborted(), 0U);
   connected_.push_back(Connect());
@@ -89,6 +90,33 @@ TEST_F(LoginAdmissionTest, NobodyLeavesForThoseThatHaveLoggedIn) {
   connected_.push_back(Connect());
   EXPECT_EQ(connected_[0]->aborted_for, "");
   EXPECT_EQ(connected_[1]->aborted_for, "others wait to log in");
+}
+
+TEST_F(LoginAdmissionTest, AnAddressPushesOutNoOther) {
+  connected_.push_back(Connect("192.0.2.2"));
+  for (int i = 0; i < 3; ++i) Fill();
+  EXPECT_EQ(connected_[0]->aborted_for, "");
+  EXPECT_EQ(open_.size(), 1 + Admission::kMaxOfAddress);
+}
+
+TEST_F(LoginAdmissionTest, WhenAllRoomIsTakenTheAddressWithTheMostOfItGives) {
+  connected_.push_back(Connect("192.0.2.2"));
+  Fill("192.0.2.3");
+  while (open_.size() < Admission::kMaxLoggingIn) connected_.push_back(Connect("192.0.2.4"));
+  connected_.push_back(Connect("192.0.2.5"));
+  EXPECT_EQ(Aborted(), 1U);
+  EXPECT_EQ(connected_[1]->aborted_for, "others wait to log in");
+}
+
+TEST_F(LoginAdmissionTest, AnOperatorWhoTypesStaysBeforeSilentClientsAndThoseThatMayBeGone) {
+  Fill();
+  connected_[0]->standing = ServedConnection::Standing::kHeard;
+  connected_[3]->standing = ServedConnection::Standing::kEnded;
+  for (int i = 0; i < 3; ++i) connected_.push_back(Connect());
+  EXPECT_EQ(Aborted(), 3U);
+  EXPECT_EQ(connected_[0]->aborted_for, "");
+  for (const int i : {1, 2, 3})
+    EXPECT_EQ(connected_[static_cast<std::size_t>(i)]->aborted_for, "others wait to log in");
 }
 
 TEST_F(LoginAdmissionTest, NobodyLeavesForThoseThatHaveGone) {

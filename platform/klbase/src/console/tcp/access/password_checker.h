@@ -5,12 +5,11 @@
 #include <functional>
 #include <string>
 
-#include "absl/synchronization/mutex.h"
 #include "console/tcp/access/access.h"
 
 namespace cli::internal {
 
-// Owned by the server, which must outlive the sessions that ask. Any thread.
+// Owned by the server. One thread at a time asks: a hash costs a lot of work on purpose, so nobody makes two at once.
 class PasswordChecker {
  public:
   using Matcher = std::function<bool(const std::string& password, const std::string& hash)>;
@@ -20,14 +19,12 @@ class PasswordChecker {
   explicit PasswordChecker(std::string path, Matcher matches = &PasswordMatches);
 
   // Whether `password` is the one whose hash is in the file now: a new password needs no restart. Blocks for tens of
-  // milliseconds and more, and while other calls are at it. A file that can't be used any more lets nobody in and
-  // leaves a record of level 50.
+  // milliseconds and more. A file that can't be used any more lets nobody in and leaves a record of level 50.
   bool Check(const std::string& password);
 
  private:
   const std::string path_;
   const Matcher matches_;
-  absl::Mutex one_at_a_time_;  // a hash costs a lot of work on purpose: all at once would take every processor
 };
 
 }  // namespace cli::internal

@@ -52,23 +52,5 @@ TEST(PasswordCheckerTest, AFileThatBecameUselessLetsNobodyInAndLeavesARecord) {
             1U);
 }
 
-TEST(PasswordCheckerTest, OnePasswordIsCheckedAtATime) {
-  const ScratchFolder folder;
-  std::atomic<int> under_way{0};
-  std::atomic<int> most{0};
-  PasswordChecker checker(folder.Write("pw", Hash("secret")), [&](const std::string&, const std::string&) {
-    const int now = ++under_way;
-    if (now > most) most = now;
-    std::this_thread::sleep_for(20ms);  // for others to come in, which they must not
-    --under_way;
-    return true;
-  });
-  std::vector<std::thread> operators;
-  operators.reserve(4);
-  for (int i = 0; i < 4; ++i) operators.emplace_back([&checker] { EXPECT_TRUE(checker.Check("secret")); });
-  for (auto& thread : operators) thread.join();
-  EXPECT_EQ(most, 1);
-}
-
 }  // namespace
 }  // namespace cli::internal
