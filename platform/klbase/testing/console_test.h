@@ -42,9 +42,9 @@ class TestClient : public vextest::TcpClient {
     return TakeReceived();
   }
 
-  // Everything up to the end.
+  // Everything up to the end. A failure when that doesn't come.
   std::string ReceiveAll() {
-    ExpectClosed();
+    EXPECT_TRUE(ExpectClosed()) << "the connection stays open";
     return TakeReceived();
   }
 };
