@@ -143,7 +143,7 @@ TEST_F(PubsubTest, AStreamWaitsForItsServer) {
   ExpectState("1 me: a b c");
   for (const char* topic : {"a", "b", "c"}) EXPECT_EQ(server_->Publish(Message(topic, "x")), 1u);
   ExpectMessages({"a=x", "b=x", "c=x"});
-  EXPECT_EQ(listener_->states.Get(), (Texts{"1 me: a", "1 me: a b c"}));
+  EXPECT_EQ(listener_->states.Get(), Texts{"1 me: a b c"});
 }
 
 TEST_F(PubsubTest, WhenAnEstablishedStreamEndsTheSubscriberIsToldAndAsksAgain) {
@@ -154,7 +154,7 @@ TEST_F(PubsubTest, WhenAnEstablishedStreamEndsTheSubscriberIsToldAndAsksAgain) {
   server_.reset();
   server_ = ServeEvents(address_);
   ExpectState("2 me: a b");
-  EXPECT_GE(steady_clock::now() - start, 450ms);
+  EXPECT_GE(steady_clock::now() - start, 49ms);
   EXPECT_TRUE(listener_->states.WaitFor([](const Texts& list) { return list.size() == 3; }));
   EXPECT_EQ(listener_->states.Get(), (Texts{"1 me: a b", "2 me: a b", "1 me: a b"}));
   Flush("a");

@@ -69,9 +69,29 @@ int ServeUntilKilled(const std::string& address) {
   return 1;
 }
 
+constexpr uid_t kNobody = 65534;
+
+bool BecomeNobody() { return setgid(kNobody) == 0 && setuid(kNobody) == 0; }
+
+// Another user's server: says on standard output what came in.
+int ServeAsNobody(const std::string& address) {
+  if (!BecomeNobody()) return 2;
+  const auto tell = [](const std::string& what) { return write(STDOUT_FILENO, what.data(), what.size()) > 0; };
+  auto hooks = std::make_unique<APIServer::UnaryHookSets>();
+  hooks->unary = std::make_unique<Hook>([tell](const google::protobuf::Any& request, google::protobuf::Any& reply) {
+    return tell("request ") && Echo(request, reply);
+  });
+  hooks->publish =
+      std::make_unique<APIServer::PublishHook>([tell](const v1::PubsubMessage&) { return tell("publication "); });
+  const auto server = APIServer::Create(std::make_unique<APIServerOptions>(2, address, true), std::move(hooks));
+  SayReady();
+  while (server != nullptr) pause();
+  return 1;
+}
+
 // Another user's process: exit status 0 when its call was refused, 1 when it was answered.
 int CallAsNobody(const std::string& address) {
-  if (setgid(65534) != 0 || setuid(65534) != 0) return 2;
+  if (!BecomeNobody()) return 2;
   google::protobuf::Any reply;
   const bool answered = Connect(address)->Call(StatusOf(1), reply);
   SayReady();
@@ -118,6 +138,7 @@ int RunChild(int argc, char** argv) {
   if (argc != 3) return -1;
   const std::string mode = argv[1];
   if (mode == "--serve") return ServeUntilKilled(argv[2]);
+  if (mode == "--serve-as-nobody") return ServeAsNobody(argv[2]);
   if (mode == "--call-as-nobody") return CallAsNobody(argv[2]);
   if (mode == "--subscribe") return SubscribeUntilKilled(argv[2]);
   if (mode == "--storm-as-nobody") return StormAsNobody(argv[2]);
@@ -133,9 +154,15 @@ AllDescriptorsUsed::AllDescriptorsUsed() {
   for (int fd = dup(0); fd >= 0; fd = dup(0)) fillers_.push_back(fd);
 }
 
+void AllDescriptorsUsed::Free(std::size_t count) {
+  for (; count > 0 && !fillers_.empty(); --count) {
+    close(fillers_.back());
+    fillers_.pop_back();
+  }
+}
+
 void AllDescriptorsUsed::Free() {
-  for (const int fd : fillers_) close(fd);
-  fillers_.clear();
+  Free(fillers_.size());
   setrlimit(RLIMIT_NOFILE, &before_);
 }
 

@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -38,6 +39,8 @@ class AllDescriptorsUsed {
   ~AllDescriptorsUsed() { Free(); }
 
   void Free();
+  // So many of them.
+  void Free(std::size_t count);
 
  private:
   rlimit before_{};

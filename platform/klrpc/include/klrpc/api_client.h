@@ -21,8 +21,8 @@ namespace klrpc {
 // after construction.
 class KLRPC_EXPORT APIClientOptions {
  public:
-  // Defaults of the back-off between connection attempts, in milliseconds. The smallest is also the time that one
-  // attempt gets.
+  // Defaults of the back-off between connection attempts over TCP, in milliseconds. The smallest is also the time that
+  // one attempt gets. A server on this machine is tried every 50 ms where something waits for it.
   static constexpr int reconnect_default_max_backoff_ms_ = 1500;
   static constexpr int reconnect_default_min_backoff_ms_ = 200;
   static constexpr int reconnect_default_initial_backoff_ms_ = 500;
@@ -46,11 +46,13 @@ class KLRPC_EXPORT APIClientOptions {
   const bool remote_;
 };
 
-// One connection to one server. Construction connects nothing and never fails; the first operation connects. All
-// operations may be called from any thread at the same time; errors are returned and logged. Destruction ends every
-// publication, stream and thread of the client within 1 s, also when the peer is dead or hung; only a slot that runs
-// longer than that is waited for. No other thread may still use the client then, and it is not for a slot of its own
-// signals.
+// Connections to one server. A server on this machine must be of root, of this process's user or of a user that
+// KLRPC_ALLOW_UID of the environment lists: another one is sent nothing, with a level-40 record for each burst.
+//
+// Construction connects nothing and never fails; the first operation connects. All operations may be called from any
+// thread at the same time; errors are returned and logged. Destruction ends every publication, stream and thread of the
+// client within 1 s, also when the peer is dead or hung; only a slot that runs longer than that is waited for. No other
+// thread may still use the client then, and it is not for a slot of its own signals.
 class KLRPC_EXPORT APIClient {
  public:
   explicit APIClient(std::unique_ptr<APIClientOptions> options);

@@ -8,7 +8,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "client/channel.h"
+#include "client/connector.h"
 #include "client/loop.h"
 #include "client/publisher.h"
 #include "client/slot_thread.h"
@@ -48,11 +48,11 @@ namespace {
 // Publications and subscriptions, with their threads. Made at the first use: most clients only call.
 class PubSub {
  public:
-  PubSub(const APIClientOptions& options, ClientChannel& channel, std::chrono::milliseconds timeout,
+  PubSub(const APIClientOptions& options, Connector& connector, std::chrono::milliseconds timeout,
          EventQueue::Slots slots, Publisher::Outcome outcome)
       : loop_([this] { return subscriptions_.Tick(); }),
-        publisher_(options.Address(), channel, loop_, outcomes_, timeout, std::move(outcome)),
-        subscriptions_(options, loop_, events_, std::move(slots)) {
+        publisher_(options.Address(), connector, loop_, outcomes_, timeout, std::move(outcome)),
+        subscriptions_(options, connector, loop_, events_, std::move(slots)) {
     loop_.Start();
   }
   PubSub(const PubSub&) = delete;
@@ -134,7 +134,7 @@ class APIClient::Impl {
     slots.loss = [&client](const std::string& topic, std::uint64_t count) {
       EmitSafely(client.SignalSubscribeLoss, "SignalSubscribeLoss", topic, count);
     };
-    return std::make_unique<PubSub>(*options_, channel_, timeout_, std::move(slots),
+    return std::make_unique<PubSub>(*options_, connector_, timeout_, std::move(slots),
                                     [&client](bool ok, const std::string& msg_id) {
                                       EmitSafely(client.SignalPublishState, "SignalPublishState", ok, msg_id);
                                     });
@@ -143,8 +143,8 @@ class APIClient::Impl {
   APIClient& client_;
   const std::unique_ptr<APIClientOptions> options_;
   const std::chrono::milliseconds timeout_ = CallTimeout();
-  ClientChannel channel_{*options_};
-  UnaryCaller caller_{channel_};
+  Connector connector_{*options_};
+  UnaryCaller caller_{connector_};
   absl::Mutex mutex_;
   std::unique_ptr<PubSub> pubsub_ ABSL_GUARDED_BY(mutex_);
 };

@@ -13,7 +13,7 @@ class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> 
   PublishCall(Publisher& publisher, Pending pending)
       : publisher_(publisher),
         pending_(std::move(pending)),
-        channel_(publisher.channel_.Fresh(nullptr)),
+        channel_(publisher.UsableChannel()),
         exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(publisher.timeout_)) {}
 
   // False when the client ends: nothing was sent then.
@@ -38,10 +38,10 @@ class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> 
   Completion<PublishCall> done_{this, &PublishCall::OnDone};
 };
 
-Publisher::Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, SlotThread& outcomes,
+Publisher::Publisher(const std::string& address, Connector& connector, ClientLoop& loop, SlotThread& outcomes,
                      std::chrono::milliseconds timeout, Outcome outcome)
     : address_(address),
-      channel_(channel),
+      connector_(connector),
       loop_(loop),
       outcomes_(outcomes),
       timeout_(timeout),
@@ -96,6 +96,11 @@ void Publisher::SendNext() {
     current_ = call;
   }
   if (!call->Start()) Tell(false, call->Id());
+}
+
+const ChannelPtr& Publisher::UsableChannel() {
+  if (!connection_.Usable(nullptr)) connection_ = connector_.Connect(Connector::Use::kPublications);
+  return connection_.Channel();
 }
 
 void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply) {

@@ -14,7 +14,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "client/channel.h"
+#include "client/connector.h"
 #include "client/loop.h"
 #include "client/slot_thread.h"
 #include "klrpc/v1/pubsub.pb.h"
@@ -31,7 +31,7 @@ class Publisher {
   static constexpr std::size_t kMaxPending = 4096;
 
   // `outcomes` runs the outcomes, so that a slow one delays no publication. It ends before this object.
-  Publisher(const std::string& address, ClientChannel& channel, ClientLoop& loop, SlotThread& outcomes,
+  Publisher(const std::string& address, Connector& connector, ClientLoop& loop, SlotThread& outcomes,
             std::chrono::milliseconds timeout, Outcome outcome);
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;
@@ -55,15 +55,19 @@ class Publisher {
   // For the thread that set sending_: one publication travels at a time.
   void SendNext();
   void Tell(bool ok, const std::string& msg_id);
+  const ChannelPtr& UsableChannel();
   void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);
 
   const std::string address_;
-  ClientChannel& channel_;
+  Connector& connector_;
   ClientLoop& loop_;
   SlotThread& outcomes_;
   const std::chrono::milliseconds timeout_;
   const Outcome outcome_;
   const std::string name_ = UniqueName();
+
+  // Of the one publication that travels.
+  Connection connection_;
 
   absl::Mutex mutex_;
   std::uint64_t count_ ABSL_GUARDED_BY(mutex_) = 0;

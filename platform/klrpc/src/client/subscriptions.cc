@@ -35,15 +35,16 @@ bool HasKey(const grpc_metadata_array& metadata, const char* key) {
 // One stream, from its call to its end. Its operations keep it alive.
 class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
  public:
-  Stream(Subscriptions& owner, ChannelPtr channel, std::string client_id, std::vector<std::string> topics,
+  Stream(Subscriptions& owner, Connection connection, std::string client_id, std::vector<std::string> topics,
          std::uint64_t number)
       : owner_(owner),
-        channel_(std::move(channel)),
+        connection_(std::move(connection)),
         client_id_(std::move(client_id)),
         topics_(std::move(topics)),
         name_(owner.owner_ + "/" + std::to_string(number)),
-        call_(grpc_channel_create_call(channel_.get(), nullptr, GRPC_PROPAGATE_DEFAULTS, owner.loop_.Queue(),
-                                       grpc_slice_from_static_string(kSubscribeMethod), nullptr, Never(), nullptr)) {
+        call_(grpc_channel_create_call(connection_.Channel().get(), nullptr, GRPC_PROPAGATE_DEFAULTS,
+                                       owner.loop_.Queue(), grpc_slice_from_static_string(kSubscribeMethod), nullptr,
+                                       Never(), nullptr)) {
     grpc_metadata_array_init(&initial_metadata_);
     grpc_metadata_array_init(&trailing_metadata_);
   }
@@ -57,6 +58,9 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
 
   const std::string& ClientId() const { return client_id_; }
   const std::vector<std::string>& Topics() const { return topics_; }
+  const ChannelPtr& Channel() const { return connection_.Channel(); }
+  // Whether its connection was made, as far as that is known at once.
+  bool Reached() const { return connection_.Outcome().code == GRPC_STATUS_OK; }
   grpc_status_code Code() const { return status_; }
   std::string Text() const { return std::string(text_.View()); }
   // Metadata comes with a refusal too, then without the entry.
@@ -82,7 +86,7 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   void OnEnded(bool) { owner_.OnEnded(shared_from_this()); }
 
   Subscriptions& owner_;
-  const ChannelPtr channel_;
+  const Connection connection_;
   const std::string client_id_;
   const std::vector<std::string> topics_;
   const std::string name_;
@@ -133,9 +137,12 @@ void Subscriptions::Stream::Read() {
   if (!owner_.loop_.StartBatch(call_, &op, 1, received_.Begin())) received_.Abandon();
 }
 
-Subscriptions::Subscriptions(const APIClientOptions& options, ClientLoop& loop, SlotThread& thread,
-                             EventQueue::Slots slots)
-    : options_(options), loop_(loop), events_(options.Address(), thread, std::move(slots), [this] { ReadPaused(); }) {}
+Subscriptions::Subscriptions(const APIClientOptions& options, Connector& connector, ClientLoop& loop,
+                             SlotThread& thread, EventQueue::Slots slots)
+    : options_(options),
+      connector_(connector),
+      loop_(loop),
+      events_(options.Address(), thread, std::move(slots), [this] { ReadPaused(); }) {}
 
 void Subscriptions::Subscribe(const std::string& client_id, const std::vector<std::string>& topics) {
   {
@@ -153,19 +160,28 @@ void Subscriptions::Subscribe(const std::string& client_id, const std::vector<st
 // Opens a stream over all topics of the client id, unless the last one has them already or still waits for its server.
 // That one is not given up for a wider one: its server may have taken it, and messages for it, without our knowing.
 void Subscriptions::Open(const std::string& client_id) {
+  {
+    const absl::MutexLock lock(&mutex_);
+    if (!NeedsStreamLocked(client_id)) return;
+  }
+  Connection connection = connector_.Connect(Connector::Use::kStreams);
   StreamPtr stream;
   {
     const absl::MutexLock lock(&mutex_);
+    if (!NeedsStreamLocked(client_id)) return;  // another thread was quicker
     Subscription& subscription = by_client_[client_id];
-    auto& streams = subscription.streams;
-    if (cancelled_ || subscription.topics.empty()) return;
-    if (!streams.empty() && (!streams.back()->confirmed || streams.back()->Topics() == subscription.topics)) return;
-    if (channel_ == nullptr) channel_ = CreateStreamChannel(options_);
-    stream = std::make_shared<Stream>(*this, channel_, client_id, subscription.topics, ++opened_);
-    streams.push_back(stream);
+    stream = std::make_shared<Stream>(*this, std::move(connection), client_id, subscription.topics, ++opened_);
+    subscription.streams.push_back(stream);
     all_.insert(stream);
   }
   stream->Start();
+}
+
+bool Subscriptions::NeedsStreamLocked(const std::string& client_id) {
+  const Subscription& subscription = by_client_[client_id];
+  if (cancelled_ || subscription.topics.empty()) return false;
+  const auto& streams = subscription.streams;
+  return streams.empty() || (streams.back()->confirmed && streams.back()->Topics() != subscription.topics);
 }
 
 void Subscriptions::OnConfirmed(Stream& stream) {
@@ -249,16 +265,23 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
       std::erase_if(subscription.topics,
                     [&stream](const std::string& topic) { return Contains(stream->Topics(), topic); });
       const auto lived = std::chrono::steady_clock::now() - stream->confirmed_at;
-      if (lived > std::chrono::milliseconds(options_.MaxBackoffMs())) subscription.failures = 0;
+      if (lived > std::chrono::milliseconds(options_.MaxBackoffMs()) || LostItsServer(*stream)) {
+        subscription.failures = 0;
+      }
     }
-    if (was_last) failures = subscription.failures++;
+    if (was_last && stream->Reached()) failures = subscription.failures++;
   }
   if (next != nullptr) next->Read();
   if (was_last) OnLastEnded(stream, failures);
 }
 
+// A daemon that ended or was killed, rather than one that refuses: asking the next one at once is no burden to anybody.
+bool Subscriptions::LostItsServer(const Stream& stream) const {
+  return connector_.Local() && stream.Code() == GRPC_STATUS_UNAVAILABLE;
+}
+
 // For a stream without a successor. An established one is announced with state 2, after the back-off, and comes back
-// when the subscriber asks for it again; one that its server refused is opened again here.
+// when the subscriber asks for it again; one that found no server or was refused is opened again here.
 void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
   const std::string& client_id = stream->ClientId();
   if (stream->confirmed) {
@@ -267,6 +290,7 @@ void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
     loop_.RunAfter(BackOff(failures), [this, stream] { events_.AddState(StateMessage(*stream, kEnded)); });
     return;
   }
+  if (!stream->Reached()) return loop_.RunAfter(Connector::kLocalRetry, [this, client_id] { Open(client_id); });
   if (failures == 0) {
     KL_LOG(40, "subscription of %s at %s failed, trying again: %s: %s", client_id.c_str(), options_.Address().c_str(),
            StatusName(stream->Code()), stream->Text().c_str());
@@ -282,27 +306,31 @@ klrpc::v1::SubscribeState Subscriptions::StateMessage(const Stream& stream, int 
   return message;
 }
 
+// Events are lost until a stream stands again, so a daemon on this machine is asked soon: the first time as soon as one
+// that is not there yet. It grows as gRPC's own, for a daemon that refuses again and again.
 std::chrono::milliseconds Subscriptions::BackOff(int failures) const {
-  const double wait = options_.InitialBackoffMs() * std::pow(kBackOffFactor, std::min(failures, 30));
+  const auto first = connector_.Local() ? Connector::kLocalRetry.count() : options_.InitialBackoffMs();
+  const double wait = static_cast<double>(first) * std::pow(kBackOffFactor, std::min(failures, 30));
   return std::chrono::milliseconds(static_cast<int>(std::min<double>(wait, options_.MaxBackoffMs())));
 }
 
 bool Subscriptions::Tick() {
-  ChannelPtr channel;
+  if (connector_.Local()) return false;
+  std::vector<ChannelPtr> waiting;
   {
     const absl::MutexLock lock(&mutex_);
-    const auto waits = [](const StreamPtr& stream) { return !stream->confirmed; };
-    const bool none_waits = std::all_of(by_client_.begin(), by_client_.end(), [&](const auto& entry) {
-      const auto& streams = entry.second.streams;
-      return std::none_of(streams.begin(), streams.end(), waits);
-    });
+    waiting.reserve(all_.size());
+    for (const StreamPtr& stream : all_) {
+      if (!stream->confirmed) waiting.push_back(stream->Channel());
+    }
     // A stream that is added while the loop sleeps doesn't wake it, so it sleeps deeply only with one established.
-    if (none_waits && !all_.empty()) return false;
-    channel = channel_;
+    if (waiting.empty() && !all_.empty()) return false;
   }
-  // Back-offs, that of name resolution above all, can be longer than an operator's patience.
-  if (channel != nullptr && grpc_channel_check_connectivity_state(channel.get(), 0) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-    grpc_channel_reset_connect_backoff(channel.get());
+  // gRPC's back-offs, that of name resolution above all, can be longer than an operator's patience.
+  for (const ChannelPtr& channel : waiting) {
+    if (grpc_channel_check_connectivity_state(channel.get(), 0) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
+      grpc_channel_reset_connect_backoff(channel.get());
+    }
   }
   return true;
 }

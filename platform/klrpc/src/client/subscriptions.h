@@ -20,7 +20,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "client/channel.h"
+#include "client/connector.h"
 #include "client/event_queue.h"
 #include "client/loop.h"
 #include "client/slot_thread.h"
@@ -32,14 +32,15 @@ namespace klrpc {
 class Subscriptions {
  public:
   // `thread` runs the slots and ends before this object.
-  Subscriptions(const APIClientOptions& options, ClientLoop& loop, SlotThread& thread, EventQueue::Slots slots);
+  Subscriptions(const APIClientOptions& options, Connector& connector, ClientLoop& loop, SlotThread& thread,
+                EventQueue::Slots slots);
   Subscriptions(const Subscriptions&) = delete;
   Subscriptions& operator=(const Subscriptions&) = delete;
 
   // Any thread. None of the arguments is empty.
   void Subscribe(const std::string& client_id, const std::vector<std::string>& topics);
 
-  // Hastens streams that wait for their server; false when none does. On the loop's thread.
+  // Hastens streams that wait for gRPC to reach their server; false when none does. On the loop's thread.
   bool Tick();
 
   // After the loop's Stop(): cuts off all streams.
@@ -55,6 +56,7 @@ class Subscriptions {
   };
 
   void Open(const std::string& client_id);
+  bool NeedsStreamLocked(const std::string& client_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void OnConfirmed(Stream& stream);
   void OnMessage(const Buffer& message, const StreamPtr& stream);
   // Reads on, unless the slots have too much to do: then in a while, or when they have caught up.
@@ -65,14 +67,15 @@ class Subscriptions {
   void OnLastEnded(const StreamPtr& stream, int failures);
   static klrpc::v1::SubscribeState StateMessage(const Stream& stream, int state);
   std::chrono::milliseconds BackOff(int failures) const;
+  bool LostItsServer(const Stream& stream) const;
 
   const APIClientOptions& options_;
+  Connector& connector_;
   ClientLoop& loop_;
   EventQueue events_;
   const std::string owner_ = UniqueName();
 
   absl::Mutex mutex_;
-  ChannelPtr channel_ ABSL_GUARDED_BY(mutex_);
   std::uint64_t opened_ ABSL_GUARDED_BY(mutex_) = 0;
   bool cancelled_ ABSL_GUARDED_BY(mutex_) = false;
   std::map<std::string, Subscription> by_client_ ABSL_GUARDED_BY(mutex_);

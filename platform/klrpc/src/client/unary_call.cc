@@ -5,21 +5,28 @@
 #include <thread>
 #include <utility>
 
-#include "transport/grpc_core.h"
 #include "transport/unary_exchange.h"
 
 namespace klrpc {
 namespace {
 
-// Idle queues that are kept, enough for the threads that usually call at once. Each holds a file descriptor.
-constexpr std::size_t kMaxIdleQueues = 16;
+// Idle lines that are kept, enough for the threads that usually call at once. Each holds three file descriptors.
+constexpr std::size_t kMaxIdleLines = 8;
+
+// An idle local connection is read by nobody, so a server that probes it, after 20 s at the earliest, thinks that it is
+// dead and closes it some seconds later. A call must not meet that moment.
+constexpr std::chrono::seconds kMaxIdleTime{10};
+
+CallOutcome NoReply(std::chrono::milliseconds timeout) {
+  return {GRPC_STATUS_DEADLINE_EXCEEDED, "no reply within " + std::to_string(timeout.count()) + " ms"};
+}
 
 // A queue's first wait needs a file descriptor. Without one it ends at once, as if the time were up.
 CallOutcome WhyNoReply(gpr_timespec deadline, std::chrono::milliseconds timeout) {
   if (gpr_time_cmp(gpr_now(GPR_CLOCK_MONOTONIC), deadline) < 0) {
     return {GRPC_STATUS_RESOURCE_EXHAUSTED, "no file descriptor is left to wait for the reply with"};
   }
-  return {GRPC_STATUS_DEADLINE_EXCEEDED, "no reply within " + std::to_string(timeout.count()) + " ms"};
+  return NoReply(timeout);
 }
 
 // Returns when nothing of the call is under way any more: until then gRPC writes to `exchange`.
@@ -34,8 +41,7 @@ void CancelAndWait(UnaryExchange& exchange, grpc_completion_queue* queue, const 
 // All of it happens on the calling thread. The time limit is kept here rather than by gRPC, which would start a timer
 // for each call.
 CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Slice& request,
-                std::chrono::milliseconds timeout) {
-  const gpr_timespec deadline = DeadlineIn(timeout);
+                std::chrono::milliseconds timeout, gpr_timespec deadline) {
   {
     const Buffer message(request);
     const UnaryExchange::Batch batch = exchange.Operations(message);
@@ -48,6 +54,17 @@ CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Sli
   return {exchange.Code(), exchange.Text()};
 }
 
+// gRPC refused to begin the call on this connection, because its server has announced that it will close it or because
+// it has carried as many calls as one can: the server has not seen the request.
+bool NeverSent(const CallOutcome& outcome) {
+  return outcome.code == GRPC_STATUS_UNAVAILABLE &&
+         (outcome.text == "GOAWAY received" || outcome.text == "Stream IDs exhausted");
+}
+
+std::chrono::milliseconds LeftUntil(Connector::Clock::time_point deadline) {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - Connector::Clock::now());
+}
+
 void Destroy(grpc_completion_queue* queue) {
   grpc_completion_queue_shutdown(queue);
   grpc_completion_queue_destroy(queue);
@@ -57,31 +74,34 @@ void Destroy(grpc_completion_queue* queue) {
 
 UnaryCaller::~UnaryCaller() {
   const absl::MutexLock lock(&mutex_);
-  for (grpc_completion_queue* queue : idle_queues_) Destroy(queue);
+  for (const Line& line : idle_) Destroy(line.queue);
 }
 
-grpc_completion_queue* UnaryCaller::TakeQueue() {
+UnaryCaller::Line UnaryCaller::TakeLine() {
   {
     const absl::MutexLock lock(&mutex_);
-    if (!idle_queues_.empty()) {
-      grpc_completion_queue* queue = idle_queues_.back();
-      idle_queues_.pop_back();
-      return queue;
+    if (!idle_.empty()) {
+      Line line = std::move(idle_.back());
+      idle_.pop_back();
+      return line;
     }
   }
   StartGrpc();
-  return grpc_completion_queue_create_for_pluck(nullptr);
+  Line line;
+  line.queue = grpc_completion_queue_create_for_pluck(nullptr);
+  return line;
 }
 
-void UnaryCaller::GiveBack(grpc_completion_queue* queue) {
+void UnaryCaller::GiveBack(Line line) {
+  line.used = Clock::now();
   {
     const absl::MutexLock lock(&mutex_);
-    if (idle_queues_.size() < kMaxIdleQueues) {
-      idle_queues_.push_back(queue);
+    if (idle_.size() < kMaxIdleLines) {
+      idle_.push_back(std::move(line));
       return;
     }
   }
-  Destroy(queue);
+  Destroy(line.queue);
 }
 
 CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::protobuf::Any& reply,
@@ -90,15 +110,28 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
   if (const std::size_t size = request.ByteSizeLong(); size > kMaxMessageBytes) {
     return {GRPC_STATUS_RESOURCE_EXHAUSTED, TooLarge("the request", size)};
   }
-  // Before a queue is taken: the request may be as large as a message can be.
+  const Clock::time_point deadline = Clock::now() + timeout;
+  // Before a line is taken: the request may be as large as a message can be.
   const Slice bytes = SerializeAsAny(request);
-  grpc_completion_queue* const queue = TakeQueue();
+  Line line = TakeLine();
+  CallOutcome outcome = Exchange(line, bytes, reply, timeout, deadline);
+  if (NeverSent(outcome)) outcome = Exchange(line, bytes, reply, timeout, deadline);
+  GiveBack(std::move(line));
+  return outcome;
+}
+
+CallOutcome UnaryCaller::Exchange(Line& line, const Slice& request, google::protobuf::Any& reply,
+                                  std::chrono::milliseconds timeout, Clock::time_point deadline) {
+  const bool idled = connector_.Local() && Clock::now() - line.used > kMaxIdleTime;
+  if (idled || !line.connection.Usable(line.queue)) {
+    line.connection = connector_.Connect(Connector::Use::kCalls, deadline);
+    const CallOutcome& made = line.connection.Outcome();
+    if (made.code != GRPC_STATUS_OK) return Clock::now() < deadline ? made : NoReply(timeout);
+  }
   CallOutcome outcome;
   {
-    const ChannelPtr channel = channel_.Fresh(queue);
-    UnaryExchange exchange(channel.get(), queue, kCallMethod, Never());
-    outcome = Run(exchange, queue, bytes, timeout);
-    if (outcome.code == GRPC_STATUS_DEADLINE_EXCEEDED) channel_.GiveUpAttempt(channel);
+    UnaryExchange exchange(line.connection.Channel().get(), line.queue, kCallMethod, Never());
+    outcome = Run(exchange, line.queue, request, timeout, DeadlineIn(LeftUntil(deadline)));
     // Parsed apart: a reply that does not parse leaves the caller's untouched.
     google::protobuf::Any received;
     if (outcome.code == GRPC_STATUS_OK) {
@@ -109,7 +142,7 @@ CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::
       }
     }
   }
-  GiveBack(queue);
+  if (line.connection.SpentBy(outcome.code)) line.connection = Connection();
   return outcome;
 }
 

@@ -6,24 +6,19 @@
 #include <grpc/grpc.h>
 
 #include <chrono>
-#include <string>
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "client/channel.h"
+#include "client/connector.h"
+#include "transport/grpc_core.h"
 
 namespace klrpc {
-
-struct CallOutcome {
-  grpc_status_code code = GRPC_STATUS_OK;
-  std::string text;
-};
 
 // Any thread, several calls at once. No call may be under way when it is destroyed.
 class UnaryCaller {
  public:
-  explicit UnaryCaller(ClientChannel& channel) : channel_(channel) {}
+  explicit UnaryCaller(Connector& connector) : connector_(connector) {}
   UnaryCaller(const UnaryCaller&) = delete;
   UnaryCaller& operator=(const UnaryCaller&) = delete;
   ~UnaryCaller();
@@ -33,13 +28,25 @@ class UnaryCaller {
                    std::chrono::milliseconds timeout);
 
  private:
-  // A completion queue belongs to one call at a time. Creating one costs more than a lock, so they are kept.
-  grpc_completion_queue* TakeQueue();
-  void GiveBack(grpc_completion_queue* queue);
+  using Clock = Connector::Clock;
 
-  ClientChannel& channel_;
+  // All that a call needs for itself: its thread is then the only one that its reply wakes, and no other call suffers
+  // from what happens on its connection. Making one costs more than a lock, so they are kept.
+  struct Line {
+    grpc_completion_queue* queue = nullptr;
+    Connection connection;
+    Clock::time_point used;
+  };
+
+  Line TakeLine();
+  void GiveBack(Line line);
+  // One attempt; the line's connection is replaced first when it is stale.
+  CallOutcome Exchange(Line& line, const Slice& request, google::protobuf::Any& reply,
+                       std::chrono::milliseconds timeout, Clock::time_point deadline);
+
+  Connector& connector_;
   absl::Mutex mutex_;
-  std::vector<grpc_completion_queue*> idle_queues_ ABSL_GUARDED_BY(mutex_);
+  std::vector<Line> idle_ ABSL_GUARDED_BY(mutex_);  // the last one was used last
 };
 
 }  // namespace klrpc

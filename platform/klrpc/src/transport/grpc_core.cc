@@ -62,6 +62,14 @@ void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int
 // made while the library is loaded, when no other thread can be reading the environment.
 [[maybe_unused]] const int g_poller_chosen = setenv("GRPC_POLL_STRATEGY", "poll", 0);
 
+// gRPC makes its event engine, with threads and file descriptors, when there is a channel and ends it with the last
+// one. A process that makes connections again and again would make the engine again and again, and gRPC stops the
+// process when there is no descriptor for it. So one channel stays.
+void KeepEventEngine() {
+  [[maybe_unused]] static grpc_channel* const channel =
+      grpc_lame_client_channel_create("none", GRPC_STATUS_UNAVAILABLE, "");
+}
+
 }  // namespace
 
 std::string TooLarge(const char* what, std::size_t size) {
@@ -76,6 +84,7 @@ void StartGrpc() {
     google::protobuf::SetLogHandler(WriteProtobufLog);
     grpc_init();
     g_details_wanted = gpr_should_log(GPR_LOG_SEVERITY_INFO) != 0;
+    KeepEventEngine();
   });
 }
 
@@ -125,6 +134,15 @@ ChannelArgs& ChannelArgs::SetQuota(grpc_resource_quota* quota) {
   arg.type = GRPC_ARG_POINTER;
   arg.key = const_cast<char*>(GRPC_ARG_RESOURCE_QUOTA);
   arg.value.pointer = {quota, grpc_resource_quota_arg_vtable()};
+  args_.push_back(arg);
+  return *this;
+}
+
+ChannelArgs& ChannelArgs::Set(const char* name, const char* value) {
+  grpc_arg arg{};
+  arg.type = GRPC_ARG_STRING;
+  arg.key = const_cast<char*>(name);
+  arg.value.string = const_cast<char*>(value);
   args_.push_back(arg);
   return *this;
 }

@@ -61,6 +61,8 @@ class ChannelArgs {
   ChannelArgs& Set(const char* name, int value);
   // Must outlive this object.
   ChannelArgs& SetQuota(grpc_resource_quota* quota);
+  // `value` must outlive this object.
+  ChannelArgs& Set(const char* name, const char* value);
   // Valid as long as this object is not changed.
   const grpc_channel_args* Get();
 
