@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 
 #include <cstdint>
+#include <ctime>
+#include <filesystem>
 #include <thread>
 
 #include "platform/testing/scratch_folder.h"
@@ -169,6 +171,22 @@ TEST_F(EncoderTest, AnMp4RecordingHoldsEveryFrameAndTheSound) {
   EXPECT_EQ(facts.width, 320);
   EXPECT_THAT(stopped.text, HasSubstr(", " + std::to_string(facts.video_frames) + " frames"));
   EXPECT_THAT(stopped.text, StartsWith("recorded " + dir_.Files(".mp4").front()));
+}
+
+// Others may guess the next names, which tell the second.
+TEST_F(EncoderTest, ARecordingIsNotWrittenThroughALinkThatLeadsNowhere) {
+  const std::string target = dir_ / "target";
+  for (int second = -1; second < 600; ++second) {
+    const time_t time = std::time(nullptr) + second;
+    struct tm parts;
+    localtime_r(&time, &parts);
+    char name[64];
+    std::strftime(name, sizeof name, "record-%Y%m%d-%H%M%S.mp4", &parts);
+    std::filesystem::create_symlink(target, dir_ / name);
+  }
+  const Outcome started = encoder_.StartRecord(kBoth);
+  EXPECT_THAT(started.text, EndsWith(": File exists"));
+  EXPECT_FALSE(std::filesystem::exists(target));
 }
 
 TEST_F(EncoderTest, ARecordingOfThePictureAloneHasNoSound) {

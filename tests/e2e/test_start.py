@@ -98,6 +98,69 @@ def test_an_unwritable_log_is_one_line_and_the_tool_goes_on(start_tool):
     assert interrupt_and_wait(tool) == 1
 
 
+def test_a_password_file_that_others_can_change_or_read_ends_the_program_with_255(tmp_path):
+    def refusal(file):
+        done = run_tool("--cli_port=0", environment={"KLBASE_CONSOLE_PASSWORD_FILE": str(file)})
+        assert done.returncode == 255
+        return done.stderr
+    password = tmp_path / "password"
+    password.write_text("$6$saltsalt$TVLlQcbpFVof5W3Yz4DTP6gRstiNuHwwTt6GLc1E5n0U0aDehy0S5knV8wiOQSpT0Y77vwPZN.Pq.H91p5hVO1\n")
+    for mode in (0o622, 0o640, 0o604, 0o601):
+        password.chmod(mode)
+        assert f"is open to its group or to others; take their rights away: chmod 600 {password}" in refusal(password)
+    password.chmod(0o600)
+    link = tmp_path / "link"
+    link.symlink_to(password)
+    assert "is a link; name the file itself" in refusal(link)
+    if os.geteuid() == 0:
+        os.chown(password, 4711, 0)
+        assert "belongs to user 4711" in refusal(password)
+
+
+def test_without_a_folder_that_can_be_written_the_tool_works_and_says_what_it_lacks(tmp_path, started):
+    """All of its files are on a file system that is read-only: its log, its home folder and so its history."""
+    alone = ["unshare", "--map-root-user", "--mount"]
+    if subprocess.run([*alone, "true"], check=False, capture_output=True).returncode != 0:
+        pytest.skip("this machine gives no mount namespace")
+    plain = {name: value for name, value in os.environ.items() if not name.startswith(("KLBASE_", "XDG_"))}
+    session = pexpect.spawn(alone[0], [*alone[1:], "sh", "-ec", 'mount -t tmpfs -o ro tmpfs "$0"; exec "$@"', str(tmp_path),
+                                       str(BIN / "vextool"), "--local_console", "--cli_port=0"], timeout=LIMIT_S,
+                            encoding="utf-8", env=dict(plain, HOME=str(tmp_path), TERM="xterm",
+                                                       KLBASE_LOG_FILE=str(tmp_path / "log")))
+    started.append(session)
+    session.expect_exact(f"can't write the log file '{tmp_path}/log': Read-only file system")
+    session.expect_exact(f"history file '{tmp_path}/.local/state/vextool/history' is not used")
+    session.expect("main> ")
+    session.send("core show version\r")
+    session.expect("git-version: v0.0.1")
+    session.send("\x1b[A\r")  # the history is kept in memory
+    session.expect("git-version: v0.0.1")
+    session.send("exit\r")
+    session.expect(pexpect.EOF)
+    session.close()
+    assert session.exitstatus == 0
+
+
+@pytest.mark.parametrize("home", [None, "", "/proc/no/such/home"])
+def test_without_a_home_folder_the_history_is_kept_in_memory(tmp_path, started, home):
+    environment = {name: value for name, value in os.environ.items()
+                   if name not in ("HOME", "KLBASE_HISTORY_FILE", "XDG_STATE_HOME")}
+    environment.update({"TERM": "xterm", "KLBASE_LOG_FILE": str(tmp_path / "log")}, **({} if home is None else {"HOME": home}))
+    session = pexpect.spawn(str(BIN / "vextool"), ["--local_console", "--cli_port=0"], timeout=LIMIT_S, encoding="utf-8",
+                            env=environment, cwd=str(tmp_path))
+    started.append(session)
+    session.expect("main> ")
+    session.send("core show version\r")
+    session.expect("git-version: v0.0.1")
+    session.send("\x1b[A\r")
+    session.expect("git-version: v0.0.1")
+    session.send("exit\r")
+    session.expect(pexpect.EOF)
+    session.close()
+    assert session.exitstatus == 0
+    assert not (tmp_path / ".local").exists()
+
+
 def test_sigint_unloads_the_modules_ends_logging_and_exits_with_1(tool):
     tool.port()
     assert interrupt_and_wait(tool) == 1

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -33,12 +34,14 @@ Tracks RecordTracks(RecordFormat format, bool audio, bool video) {
 
 Recorder::Recorder(const std::string& path, RecordFormat format, Tracks tracks, PacketQueue::Limits limits)
     : path_(path),
+      file_(path),
       queue_(std::make_shared<PacketQueue>(tracks, limits)),
       mux_(std::make_unique<MuxPipeline>(LayoutFor(format), tracks, kMaxPending)) {
-  g_object_set(mux_->pipeline().Find("file").get(), "location", path.c_str(), nullptr);
-  // This opens the file, so a path that can't be written to is refused here.
+  if (file_.Error() != 0) throw std::runtime_error(std::strerror(file_.Error()));
+  g_object_set(mux_->pipeline().Find("file").get(), "location", file_.Name().c_str(), nullptr);
   if (!mux_->pipeline().SetState(GST_STATE_PLAYING)) {
     const std::string& error = mux_->Error();
+    unlink(path.c_str());
     throw std::runtime_error(error.empty() ? "can't open " + path : error);
   }
   thread_ = std::thread([this] { Run(); });

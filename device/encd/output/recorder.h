@@ -11,6 +11,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
+#include "base/new_file.h"
 #include "encd/output/mux_pipeline.h"
 #include "encd/packet/packet_queue.h"
 #include "klbase/steady_cond_var.h"
@@ -60,6 +61,7 @@ class Recorder {
   Report Complete();
 
   const std::string path_;
+  const device::NewFile file_;
   const std::shared_ptr<PacketQueue> queue_;
   std::unique_ptr<MuxPipeline> mux_;  // the thread's own once it runs
   absl::Mutex mutex_;

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "base/hand_over.h"
+#include "base/new_file.h"
 #include "klbase/steady_cond_var.h"
 #include "playd/canvas/window.h"
 
@@ -76,7 +77,13 @@ device::SamplePtr Convert(GstSample* sample, const char* caps_text, std::chrono:
 }
 
 bool WriteWhole(const std::string& path, const GstMapInfo& map) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  unlink(path.c_str());  // of a run that was killed
+  const device::NewFile created(path);
+  if (created.Error() != 0) {
+    errno = created.Error();
+    return false;
+  }
+  std::ofstream file(created.Name(), std::ios::binary | std::ios::trunc);
   file.write(reinterpret_cast<const char*>(map.data), static_cast<std::streamsize>(map.size));
   file.close();
   return !file.fail();
@@ -215,7 +222,7 @@ Outcome Canvas::SavePng(const std::string& path, std::chrono::milliseconds timeo
   const int reason = errno;
   gst_buffer_unmap(gst_sample_get_buffer(png.get()), &map);
   if (written) return Outcome::Ok();
-  unlink(partial.c_str());
+  if (reason != EEXIST) unlink(partial.c_str());
   return Outcome::Error(ErrorCode::kInvalidArgument, "can't write " + path + ": " + std::strerror(reason));
 }
 

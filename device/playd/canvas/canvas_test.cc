@@ -170,6 +170,16 @@ TEST(CanvasTest, SavesAPngThatAppearsWhole) {
   EXPECT_FALSE(std::filesystem::exists(folder / "canvas.png.part"));
 }
 
+TEST(CanvasTest, APngIsNotWrittenThroughALinkInItsFolder) {
+  Canvas canvas(false);
+  const vextest::ScratchFolder folder;
+  const std::string other = folder.Write("other", "kept");
+  std::filesystem::create_symlink(other, folder / "canvas.png.part");
+  EXPECT_TRUE(canvas.SavePng(folder / "canvas.png", kLimit).ok());
+  EXPECT_EQ(vextest::ReadFile(other), "kept");
+  EXPECT_FALSE(std::filesystem::is_symlink(folder / "canvas.png"));
+}
+
 TEST(CanvasTest, SaysWhyAPngCannotBeSaved) {
   Canvas canvas(false);
   const Outcome outcome = canvas.SavePng("/nonexistent/canvas.png", kLimit);

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "base/gst.h"
+#include "base/new_file.h"
 
 namespace playd {
 namespace {
@@ -43,9 +44,12 @@ std::string Pipeline(const SampleClip& clip) {
 
 void Produce(const std::string& description, const std::string& path) {
   const std::string partial = path + ".part";
+  unlink(partial.c_str());  // of a run that was killed
   {
+    const device::NewFile file(partial);
+    if (file.Error() != 0) throw std::runtime_error("can't make " + path + ": " + std::strerror(file.Error()));
     device::Pipeline pipeline(description);
-    g_object_set(pipeline.Find("file").get(), "location", partial.c_str(), nullptr);
+    g_object_set(pipeline.Find("file").get(), "location", file.Name().c_str(), nullptr);
     pipeline.SetState(GST_STATE_PLAYING);
     const auto message = pipeline.WaitFor(static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR), kLimit);
     if (message == nullptr || GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ERROR) {

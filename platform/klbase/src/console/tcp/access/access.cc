@@ -9,13 +9,16 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <string>
 
 namespace cli::internal {
 namespace {
 
 class File {
  public:
-  explicit File(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+  // Not through a link, which others may have put there; and without waiting for the other end of a FIFO.
+  explicit File(const std::string& path)
+      : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY)) {}
   ~File() {
     if (fd_ >= 0) ::close(fd_);
   }
@@ -38,15 +41,29 @@ std::string Crypt(const std::string& password, const std::string& hash) {
   return result == nullptr || result[0] == '*' ? "" : result;
 }
 
+// Of the file that was opened, whatever its name may lead to by now: a password that others may set or read keeps
+// nobody out.
+void CheckRights(const std::string& path, const File& file) {
+  struct stat status {};
+  if (::fstat(file.Fd(), &status) != 0) Refuse(path, std::string("can't be looked at: ") + std::strerror(errno));
+  if (!S_ISREG(status.st_mode)) Refuse(path, "is not a regular file");
+  if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+    Refuse(path, "belongs to user " + std::to_string(status.st_uid) + ", who could change it; give it to user " +
+                     std::to_string(::geteuid()) + ", who runs the console, or to root: chown " +
+                     std::to_string(::geteuid()) + " " + path);
+  }
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    Refuse(path, "is open to its group or to others; take their rights away: chmod 600 " + path);
+  }
+}
+
 }  // namespace
 
 std::string ReadPasswordHash(const std::string& path) {
   const File file(path);
+  if (file.Fd() < 0 && errno == ELOOP) Refuse(path, "is a link; name the file itself");
   if (file.Fd() < 0) Refuse(path, std::string("can't be opened: ") + std::strerror(errno));
-  struct stat status {};
-  if (::fstat(file.Fd(), &status) != 0) Refuse(path, std::string("can't be looked at: ") + std::strerror(errno));
-  if (!S_ISREG(status.st_mode)) Refuse(path, "is not a regular file");
-  if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0) Refuse(path, "may be read by others; set its mode to 0600");
+  CheckRights(path, file);
   char buffer[1024];
   const ssize_t count = ::read(file.Fd(), buffer, sizeof buffer);
   if (count < 0) Refuse(path, std::string("can't be read: ") + std::strerror(errno));

@@ -7,7 +7,8 @@
 namespace cli::internal {
 
 // The password's crypt(3) hash: the first line of `file`. Throws std::runtime_error, with a text for the operator, when
-// the file can't be read, may be read by its group or others, or holds no usable hash.
+// the file can't be read, is a link, belongs to neither root nor this process's user, gives any right to its group or
+// to others, or holds no usable hash.
 std::string ReadPasswordHash(const std::string& file);
 
 // Takes as long as the hash's method wants: tens of milliseconds and more. Any thread.

@@ -2,6 +2,8 @@
 
 #include <crypt.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <stdexcept>
 #include <string>
@@ -39,12 +41,46 @@ TEST(AccessTest, OnlyThePasswordMatches) {
   EXPECT_FALSE(PasswordMatches("secret", ""));
 }
 
-TEST(AccessTest, AFileThatOthersMayReadIsRefused) {
+TEST(AccessTest, AnyRightOfTheGroupOrOfOthersIsRefused) {
   const vextest::ScratchFolder folder;
-  const std::string file = folder.Write("pw", Hash("secret") + "\n", 0644);
-  EXPECT_EQ(Refusal(file),
-            "password file " + file + " (KLBASE_CONSOLE_PASSWORD_FILE): may be read by others; set its mode to 0600");
-  EXPECT_NE(Refusal(folder.Write("group", Hash("secret"), 0640)).find("set its mode to 0600"), std::string::npos);
+  for (const unsigned int mode : {0644U, 0640U, 0604U, 0622U, 0620U, 0602U, 0610U, 0601U}) {
+    const std::string file = folder.Write("pw", Hash("secret") + "\n", static_cast<mode_t>(mode));
+    EXPECT_EQ(Refusal(file), "password file " + file +
+                                 " (KLBASE_CONSOLE_PASSWORD_FILE): is open to its group or to others; "
+                                 "take their rights away: chmod 600 " +
+                                 file)
+        << std::oct << mode;
+  }
+  for (const unsigned int mode : {0600U, 0400U, 0700U}) {
+    EXPECT_EQ(Refusal(folder.Write("pw", Hash("secret"), static_cast<mode_t>(mode))), "none") << std::oct << mode;
+  }
+}
+
+TEST(AccessTest, AFileOfAnotherUserIsRefused) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a file away";
+  const vextest::ScratchFolder folder;
+  const std::string file = folder.Write("pw", Hash("secret"));
+  ASSERT_EQ(::chown(file.c_str(), 4711, 0), 0);
+  EXPECT_EQ(Refusal(file), "password file " + file +
+                               " (KLBASE_CONSOLE_PASSWORD_FILE): belongs to user 4711, who could "
+                               "change it; give it to user 0, who runs the console, or to root: chown 0 " +
+                               file);
+}
+
+TEST(AccessTest, ALinkIsRefused) {
+  const vextest::ScratchFolder folder;
+  const std::string file = folder.Write("pw", Hash("secret"));
+  const std::string link = folder / "link";
+  ASSERT_EQ(::symlink(file.c_str(), link.c_str()), 0);
+  EXPECT_EQ(Refusal(link),
+            "password file " + link + " (KLBASE_CONSOLE_PASSWORD_FILE): is a link; name the file itself");
+}
+
+TEST(AccessTest, AFifoIsRefusedWithoutWaiting) {
+  const vextest::ScratchFolder folder;
+  const std::string fifo = folder / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_NE(Refusal(fifo).find("is not a regular file"), std::string::npos);
 }
 
 TEST(AccessTest, AMissingFileIsNamed) {

@@ -47,9 +47,12 @@ TEST(PasswordCheckerTest, AFileThatBecameUselessLetsNobodyInAndLeavesARecord) {
   folder.Write("pw", Hash("secret"), 0644);
   const LogCapture log(30);
   EXPECT_FALSE(checker.Check("secret"));
-  EXPECT_EQ(log.Count("50 console: password file " + file +
-                      " (KLBASE_CONSOLE_PASSWORD_FILE): may be read by others; set its mode to 0600"),
-            1U);
+  EXPECT_EQ(
+      log.Count(
+          "50 console: password file " + file +
+          " (KLBASE_CONSOLE_PASSWORD_FILE): is open to its group or to others; take their rights away: chmod 600 " +
+          file),
+      1U);
 }
 
 }  // namespace
