@@ -113,11 +113,18 @@ TEST(MenuTest, ABadConversionLetsTheNextCommandOfTheNameTry) {
 
 TEST(MenuTest, WhenNoneTakesTheLineTheFirstConversionErrorIsThrown) {
   Menu root("main");
-  root.Insert(MakeCommand(
-      "a", [](std::ostream&, const unsigned int&) {}, ""));
+  for (const char* parameter : {"first", "second"}) {
+    root.Insert(MakeCommand("a", [](std::ostream&, const unsigned int&) {}, "", {parameter}));
+  }
   root.Insert(Say("b", ""));
   FakeSession session(root);
-  EXPECT_THROW(root.Dispatch({"a", "x"}, session), bad_conversion);
+  std::string refused = "nothing";
+  try {
+    root.Dispatch({"a", "x"}, session);
+  } catch (const bad_conversion& error) {
+    refused = *error.Parameter();
+  }
+  EXPECT_EQ(refused, "first");
   EXPECT_FALSE(root.Dispatch({"c"}, session));
 }
 

@@ -138,6 +138,19 @@ TEST(OutputBufferTest, AWriterWaitsForRoomUntilTheReaderReads) {
   EXPECT_LE(output.Pending(), OutputBuffer::kMaxPending);
 }
 
+TEST(OutputBufferTest, AReaderThatHasTakenSomeIsNotStalledAnyMore) {
+  const SocketPair pair;
+  OutputBuffer output(pair.fds[0], OutputBuffer::Target::kSocket, {});
+  output.Append(std::string(8 << 20, 'x'));
+  ASSERT_FALSE(output.Flush());
+  EXPECT_TRUE(vextest::WaitFor([&] { return output.StalledFor() > 50ms; }));
+  const auto before = OutputBuffer::Clock::now();
+  while (!pair.Read().empty()) {
+  }
+  ASSERT_FALSE(output.Flush());
+  EXPECT_LE(output.StalledFor(), OutputBuffer::Clock::now() - before);
+}
+
 // With a system call for each piece, the writers of a few readers that are stuck kept everybody else waiting for
 // seconds.
 TEST(OutputBufferTest, APrinterLeavesAStuckReaderToTheTransport) {

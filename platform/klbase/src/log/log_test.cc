@@ -1,5 +1,6 @@
 #include "klbase/log.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -74,6 +76,14 @@ class LogTest : public testing::Test {
       KlLogDestory();
     });
     return child.WaitExit();
+  }
+  // The descriptor by which this process has a file open; -1 when it hasn't.
+  static int DescriptorOf(const std::string& path) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      if (std::filesystem::read_symlink(entry, gone) == path) return std::stoi(entry.path().filename());
+    }
+    return -1;
   }
   std::size_t FilesInFolder() const {
     const std::filesystem::directory_iterator files(folder_);
@@ -153,9 +163,10 @@ TEST_F(LogTest, ASuppressedRecordEvaluatesNothing) {
 
 TEST_F(LogTest, ErrnoIsKept) {
   ASSERT_TRUE(Open());
-  errno = ENOENT;
+  std::filesystem::remove(file_);  // the record then meets an error of its own
+  errno = EPERM;
   KL_LOG(30, "open");
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(errno, EPERM);
 }
 
 TEST_F(LogTest, RecordsBelow30ReachTheFileSoon) {
@@ -249,6 +260,17 @@ TEST_F(LogTest, AFullDiskIsSaidOnceAndStopsNobody) {
   EXPECT_EQ(said.find("klbase:", 1), std::string::npos);
   EXPECT_THAT(said, EndsWith(": refused\n"));
   EXPECT_THAT(said, Not(HasSubstr("progress")));
+  // The next try fails like the first, and is not told of.
+  EXPECT_TRUE(WaitFor([this] { return DescriptorOf(file_) >= 0; }));
+  KL_LOG(40, "refused again");
+  EXPECT_THAT(errors.Text().substr(said.size()), MatchesRegex("[^\n]*: refused again\n"));
+}
+
+TEST_F(LogTest, AProgramThatACommandStartsDoesNotGetTheFile) {
+  ASSERT_TRUE(Open());
+  const int descriptor = DescriptorOf(file_);
+  ASSERT_GE(descriptor, 0);
+  EXPECT_EQ(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
 TEST_F(LogTest, TheLogGoesOnWhenItsFolderIsBack) {

@@ -193,6 +193,28 @@ TEST_F(ApiServerTest, ASocketFileInUseIsRefusedAndKept) {
   EXPECT_TRUE(Connect(address)->Call(StatusOf(1), reply_));
 }
 
+TEST_F(ApiServerTest, TheSocketFileIsForItsOwnerAloneUnlessOthersMayConnect) {
+  const ScratchFolder folder;
+  const auto own = Serve("unix:" + folder / "own");
+  const ScopedVariable allowed("KLRPC_ALLOW_UID", "65534");
+  const auto shared = Serve("unix:" + folder / "shared");
+  const auto mode = [&](const char* name) {
+    return static_cast<unsigned>(std::filesystem::status(folder / name).permissions());
+  };
+  EXPECT_EQ(mode("own"), 0600u);
+  EXPECT_EQ(mode("shared"), 0666u);
+}
+
+TEST_F(ApiServerTest, TheSocketFileOfALaterServerStays) {
+  const ScratchFolder folder;
+  const std::string address = "unix:" + folder / "s";
+  auto first = Serve(address);
+  ASSERT_TRUE(std::filesystem::remove(folder / "s"));
+  const auto later = Serve(address);
+  first.reset();
+  EXPECT_TRUE(Connect(address)->Call(StatusOf(1), reply_));
+}
+
 TEST_F(ApiServerTest, TheSocketFileOfADeadServerIsReplaced) {
   const ScratchFolder folder;
   const std::string address = "unix:" + folder / "s";
@@ -339,6 +361,19 @@ TEST_F(ApiServerTest, StoppingTakesLessThanASecondWhileASubscriberIsFrozen) {
   const auto start = steady_clock::now();
   server.reset();
   EXPECT_LT(steady_clock::now() - start, 1s);
+}
+
+TEST_F(ApiServerTest, AtMost64MebibytesWaitForASubscriberThatDoesNotRead) {
+  const auto server = ServeEvents(address_);
+  ChildServer frozen("--subscribe", address_);
+  klrpc::v1::PubsubMessage event = LargeEvent();
+  event.set_payload(std::string(4u << 20, 'x').substr(100));
+  ASSERT_TRUE(vextest::WaitFor([&] { return server->Publish(event) == 1; }));
+  frozen.Signal(SIGSTOP);
+  int taken = 0;
+  while (taken < 100 && server->Publish(event) == 1) ++taken;
+  EXPECT_GE(taken, 15);
+  EXPECT_LE(taken, 18);  // and two that are on their way already
 }
 
 TEST_F(ApiServerTest, StoppingTakesLessThanASecondWhileClientsAreBusy) {

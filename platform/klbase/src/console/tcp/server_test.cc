@@ -570,6 +570,16 @@ TEST_F(ServerTest, ALongQueueBehindACommandIsBoundedAndRunsWhole) {
   EXPECT_EQ(counted_, kLines);
 }
 
+TEST_F(ServerTest, AClientThatDoesNotCloseItsSideIsClosedAfterAWhile) {
+  options_.linger = 100ms;
+  Open();
+  const LogCapture log(30);
+  TestClient client = Connect();
+  client.ReceiveUntil("main> ");
+  client.Send("exit\r");
+  EXPECT_TRUE(log.WaitForText("30 console session 1 closes"));  // it still has its end open
+}
+
 // --- readers that don't read
 
 TEST_F(ServerTest, AReaderThatTakesNothingIsClosedAndOthersGoOn) {

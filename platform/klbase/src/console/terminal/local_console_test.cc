@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -495,6 +496,29 @@ TEST_F(TerminalTest, LinesPrintedByOthersStandAboveThePrompt) {
   Tell();
   EXPECT_NE(pty_.Until("ent\r\n").find("ev"), std::string::npos);
   EXPECT_NE(pty_.Until("main> ").find("main> "), std::string::npos);
+}
+
+TEST_F(TerminalTest, ALineThatOthersPrintInPiecesIsShownWhole) {
+  StartWithDeed([] {
+    std::cout << "one ";
+    std::cout << "line\n";
+  });
+  pty_.Until("main> ");
+  Tell();
+  EXPECT_NE(pty_.Until("line\r\n").find("one line"), std::string::npos);
+}
+
+TEST_F(TerminalTest, HalfALineOfOthersIsShownWhenTheConsoleEnds) {
+  const std::string printed = folder_ / "printed";
+  StartWithDeed([printed] {
+    std::cout << "half a line";
+    vextest::WriteFile(printed, "");
+  });
+  pty_.Until("main> ");
+  Tell();
+  EXPECT_TRUE(vextest::WaitFor([&printed] { return std::filesystem::exists(printed); }));
+  pty_.Type("exit\r");
+  pty_.Until("half a line");
 }
 
 TEST_F(TerminalTest, NeitherCommandsNorOtherThreadsDriveTheTerminal) {
