@@ -1,8 +1,9 @@
 // The settings functions with any answers of the device's tools: any bytes, in any pieces.
 //
-// Linked so that popen and pclose come here. The input: operations, each with a name, a value and a line per answer,
-// whose
-// "\n" for a line end, "\0" for a NUL and "\\" are written so.
+// Linked so that the start and the end of a tool come here. The input: operations, each with a name, a value and a line
+// per answer, whose "\n" for a line end, "\0" for a NUL and "\\" are written so.
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -41,19 +42,22 @@ extern "C" {
 
 // The names are the linker's.
 // NOLINTBEGIN(bugprone-reserved-identifier)
-FILE* __wrap_popen(const char* command, const char* mode) {
-  FUZZ_CHECK_EQUAL(std::string(mode), std::string("r"));
+FILE* __wrap_OpenSettingsTool(const char* command, std::int64_t limit_ms) {
+  FUZZ_CHECK(limit_ms > 0 && limit_ms <= 10'000, "a limit that it must not have");
   commands.emplace_back(command);
   FUZZ_CHECK(commands.size() <= answers.size(), "more attempts than there may be");
   Answer& answer = answers[commands.size() - 1];
-  if (!answer.starts) return nullptr;
+  if (!answer.starts) {
+    errno = EAGAIN;
+    return nullptr;
+  }
   ++open_pipes;
   return fopencookie(&answer, "r", {&ReadAnswer, nullptr, nullptr, nullptr});
 }
 
-int __wrap_pclose(FILE* pipe) {
+bool __wrap_CloseSettingsTool(FILE* pipe) {
   --open_pipes;
-  return std::fclose(pipe);
+  return std::fclose(pipe) == 0;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 

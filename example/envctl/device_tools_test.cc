@@ -2,6 +2,7 @@
 // mount namespace of its own, so that nothing of it shows on this machine.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -9,12 +10,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "example/envctl/sysconf.h"
 #include "platform/testing/captured_output.h"
@@ -142,6 +146,91 @@ TEST_F(DeviceToolsTest, BootLoaderVariableIsRead) {
   EXPECT_STREQ(fw_getenv("bootargs", buffer_), "console=ttyS0 root=/dev/mmcblk0p2");
   EXPECT_STREQ(fw_getenv("empty", buffer_), "");
   EXPECT_EQ(fw_getenv("nothing", buffer_), nullptr);
+}
+
+// A tool in place of the real one, until the test ends.
+class HangingToolTest : public DeviceToolsTest {
+ protected:
+  static constexpr char kTool[] = "/usr/kelo/bin/sysconfig";
+  static constexpr auto kToolsLimit = std::chrono::seconds(10);
+
+  void SetUp() override {
+    DeviceToolsTest::SetUp();
+    if (IsSkipped()) return;
+    fs::rename(kTool, real_);
+  }
+  void TearDown() override {
+    if (fs::exists(real_)) fs::rename(real_, kTool);
+  }
+
+  // Each of its processes holds the write end, so that the read end tells of the last one's end.
+  void Install(const std::string& script) {
+    ASSERT_EQ(pipe2(alive_, 0), 0);
+    fcntl(alive_[0], F_SETFD, FD_CLOEXEC);
+    WriteProgram(kTool, "#!/bin/sh\n" + script);
+  }
+  // Nothing of the tool runs any more. Also tells whether there was anything.
+  bool ToolIsGone() {
+    close(alive_[1]);
+    pollfd end{alive_[0], POLLIN, 0};
+    const bool gone = poll(&end, 1, 5000) == 1 && (end.revents & POLLHUP) != 0;
+    close(alive_[0]);
+    return gone && waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
+  }
+  static std::chrono::steady_clock::duration TimeOf(const std::function<void()>& call) {
+    const auto begin = std::chrono::steady_clock::now();
+    call();
+    return std::chrono::steady_clock::now() - begin;
+  }
+
+  const std::string real_ = std::string(kTool) + ".real";
+  int alive_[2] = {-1, -1};
+};
+
+TEST_F(HangingToolTest, IsGivenUpAfterTenSecondsWithAllThatItStarted) {
+  Install("sleep 600 &\n(sleep 600 >/dev/null &)\nsleep 600\n");
+  const auto time = TimeOf([this] { EXPECT_EQ(sysconf_getenv_safe("test", buffer_), nullptr); });
+  EXPECT_GE(time, kToolsLimit);
+  EXPECT_LT(time, 2 * kToolsLimit);  // there is no second attempt
+  EXPECT_TRUE(ToolIsGone());
+}
+
+TEST_F(HangingToolTest, IsNotHeardAlthoughItPrintedAnAnswer) {
+  Install("echo test=17; trap '' TERM PIPE HUP; while :; do sleep 600; done\n");
+  EXPECT_EQ(sysconf_getenv_safe("test", buffer_), nullptr);
+  EXPECT_TRUE(ToolIsGone());
+}
+
+TEST_F(HangingToolTest, IsAToolThatFailedForTheSetterAndTheListing) {
+  Install("printf 'a=1\\nb='; sleep 600\n");
+  vextest::CapturedOutput errors(STDERR_FILENO);
+  std::thread setter([] { EXPECT_EQ(sysconf_setenv("test", "1"), 0); });
+  EXPECT_EQ(sysconf_printenv(), 0);
+  setter.join();
+  EXPECT_EQ(errors.Text(), "a=1\n");
+  EXPECT_TRUE(ToolIsGone());
+}
+
+TEST_F(HangingToolTest, IsKilledWhenTheProcessExits) {
+  Install("echo started >&2; sleep 600 & sleep 600\n");
+  int told[2];
+  ASSERT_EQ(pipe2(told, O_CLOEXEC), 0);
+  const pid_t child = fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    dup2(told[1], STDERR_FILENO);
+    std::thread([] { sysconf_setenv("test", "1"); }).detach();
+    char word = 0;
+    (void)!read(told[0], &word, 1);
+    std::exit(7);
+  }
+  int status = 0;
+  const auto time = TimeOf([&] { EXPECT_EQ(waitpid(child, &status, 0), child); });
+  EXPECT_EQ(WEXITSTATUS(status), 7);
+  EXPECT_LT(time, kToolsLimit);
+  EXPECT_TRUE(ToolIsGone());
+  close(told[0]);
+  close(told[1]);
 }
 
 TEST_F(DeviceToolsTest, NoChildIsLeft) {

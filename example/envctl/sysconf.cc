@@ -1,13 +1,19 @@
 #include "example/envctl/sysconf.h"
 
+#include <cerrno>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
+#include "example/envctl/tool_process.h"
 
 namespace {
+
+using Deadline = std::chrono::steady_clock::time_point;
 
 constexpr std::size_t kCommandSize = 128;
 constexpr std::size_t kReplySize = 128;
@@ -24,9 +30,18 @@ constexpr int kBootLoaderMark = 163;
 ABSL_CONST_INIT absl::Mutex val_mutex(absl::kConstInit);
 char val[kValSize] ABSL_GUARDED_BY(val_mutex);
 
-FILE* Start(const char* command, int mark) {
-  FILE* const pipe = popen(command, "r");
-  if (pipe == nullptr) {
+// For an operation with all its attempts: a tool that hangs must not hold a session for ever.
+constexpr std::chrono::seconds kLimit{10};
+
+Deadline LimitFromNow() { return std::chrono::steady_clock::now() + kLimit; }
+std::int64_t MillisecondsTo(Deadline deadline) {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
+}
+bool IsOver(Deadline deadline) { return MillisecondsTo(deadline) <= 0; }
+
+FILE* Start(const char* command, Deadline deadline, int mark) {
+  FILE* const pipe = OpenSettingsTool(command, MillisecondsTo(deadline));
+  if (pipe == nullptr && errno != ECANCELED) {
     std::printf("<%d>popen read_device_info", mark);
     std::fflush(stdout);  // it ends no line, so nothing else would show it soon
   }
@@ -53,30 +68,29 @@ int ReadValue(FILE* pipe, char* dst) {
       result = 0;
     }
   }
-  pclose(pipe);
-  return result;
+  return CloseSettingsTool(pipe) ? result : -1;
 }
 
 bool Fits(int length) { return length >= 0 && static_cast<std::size_t>(length) < kCommandSize; }
 
 // One attempt.
-int get_value(const char* name, char* dst) {
+int get_value(const char* name, char* dst, Deadline deadline) {
   if (name == nullptr) return -1;
   char command[kCommandSize];
   if (!Fits(std::snprintf(command, sizeof command, "/usr/kelo/bin/sysconfig get %s", name))) return -1;
-  FILE* const pipe = Start(command, kGetMark);
+  FILE* const pipe = Start(command, deadline, kGetMark);
   return pipe == nullptr ? -1 : ReadValue(pipe, dst);
 }
 
 int print_all() {
-  FILE* const pipe = Start("/usr/kelo/bin/sysconfig print", kPrintMark);
+  FILE* const pipe = Start("/usr/kelo/bin/sysconfig print", LimitFromNow(), kPrintMark);
   if (pipe == nullptr) return -1;
   char line[kListLineSize];
   while (std::fgets(line, sizeof line, pipe) != nullptr) {
     CutLineEnd(line);
     std::fprintf(stderr, "%s\n", line);
   }
-  pclose(pipe);
+  CloseSettingsTool(pipe);
   return 0;
 }
 
@@ -86,8 +100,9 @@ extern "C" {
 
 char* sysconf_getenv_safe(const char* name, char* buffer) {
   if (name == nullptr || buffer == nullptr) return nullptr;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    if (get_value(name, buffer) == 0) return buffer;
+  const Deadline deadline = LimitFromNow();
+  for (int attempt = 0; attempt < kAttempts && !IsOver(deadline); ++attempt) {
+    if (get_value(name, buffer, deadline) == 0) return buffer;
   }
   return nullptr;
 }
@@ -108,10 +123,11 @@ char* sysconf_getenv(const char* name) {
 
 char* fw_getenv(const char* name, char* buffer) {
   if (name == nullptr || buffer == nullptr) return nullptr;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+  const Deadline deadline = LimitFromNow();
+  for (int attempt = 0; attempt < kAttempts && !IsOver(deadline); ++attempt) {
     char command[kCommandSize];
     std::snprintf(command, sizeof command, "fw_printenv %s", name);
-    FILE* const pipe = Start(command, kBootLoaderMark);
+    FILE* const pipe = Start(command, deadline, kBootLoaderMark);
     if (pipe != nullptr && ReadValue(pipe, buffer) == 0) return buffer;
   }
   return nullptr;
@@ -124,9 +140,9 @@ int sysconf_setenv(const char* name, const char* value) {
                          ? std::snprintf(command, sizeof command, "/usr/kelo/bin/sysconfig set %s", name)
                          : std::snprintf(command, sizeof command, "/usr/kelo/bin/sysconfig set %s %s", name, value);
   if (!Fits(length)) return -1;
-  FILE* const pipe = Start(command, kSetMark);
+  FILE* const pipe = Start(command, LimitFromNow(), kSetMark);
   if (pipe == nullptr) return -1;
-  pclose(pipe);
+  CloseSettingsTool(pipe);
   return 0;
 }
 

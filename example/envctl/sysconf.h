@@ -4,12 +4,13 @@
 // Names and values go to the shell as they are, without quoting: pass none that come from strangers. A name or value
 // that makes the command longer than 127 characters is refused before anything is started.
 //
-// Each attempt costs one child process. None of these functions throws. Each waits for the tool it started, however
-// long that takes. A tool that cannot be started is reported on standard output as "<N>popen read_device_info", where N
-// tells the operation: 54 get, 93 print, 122 set, 163 boot loader.
+// Each attempt costs one child process. None of these functions throws. Each waits for its tool for 10 s, its attempts
+// together; then the tool is killed with all that it started, and counts as one that failed. No tool outlives this
+// process, unless that is killed itself. A tool that cannot be started is reported on standard output as "<N>popen
+// read_device_info", where N tells the operation: 54 get, 93 print, 122 set, 163 boot loader.
 //
-// A tool inherits the calling thread's signal mask: where SIGINT is blocked, Ctrl-C doesn't end it. (To open SIGINT for
-// the time of the start would have the interrupt handler run on the calling thread, in the middle of popen.)
+// A tool has a process group of its own: Ctrl-C at the terminal doesn't reach it, but the end of this process does. In
+// everything else it is started as popen starts one.
 #ifndef EXAMPLE_ENVCTL_SYSCONF_H_
 #define EXAMPLE_ENVCTL_SYSCONF_H_
 
@@ -29,7 +30,7 @@ char* fw_getenv(const char* name, char* buffer);
 char* sysconf_getenv(const char* name);
 
 // Writes the setting `name`; with a NULL `value` the tool gets the name alone. Returns 0 when the tool was started,
-// also when it failed; -1 when it was not, or when `name` is NULL. Any thread.
+// also when it failed or hung; -1 when it was not, or when `name` is NULL. Any thread.
 int sysconf_setenv(const char* name, const char* value);
 
 // Writes all settings to standard error, one per line. Returns 0, or -1 when the tool could not be started. Any thread.
