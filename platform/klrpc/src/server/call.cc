@@ -9,7 +9,7 @@
 
 namespace klrpc {
 
-void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag) {
+grpc_call_error EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag) {
   const Slice text(result.text);
   grpc_slice raw_text = text.Get();
   // The order of a batch's operations does not matter to gRPC, so the one that may be left out stands last.
@@ -18,7 +18,7 @@ void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, vo
   ops[0].data.send_status_from_server.status = result.code;
   ops[0].data.send_status_from_server.status_details = &raw_text;
   ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
-  grpc_call_start_batch(call, ops.data(), metadata_sent ? 1 : 2, tag, nullptr);
+  return grpc_call_start_batch(call, ops.data(), metadata_sent ? 1 : 2, tag, nullptr);
 }
 
 CallResult RefusalOfSize(std::size_t size, grpc_call* call, klbase::CollapsedRecords& records) {

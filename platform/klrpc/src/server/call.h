@@ -28,8 +28,9 @@ struct CallResult {
 
 inline CallResult Failure(grpc_status_code code, std::string text) { return {code, std::move(text), Slice()}; }
 
-// Ends a stream of replies. `metadata_sent`: its first answer, which carries the metadata, is under way.
-void EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag);
+// Ends a stream of replies. `metadata_sent`: its first answer, which carries the metadata, is under way. On an error
+// the tag never comes back.
+grpc_call_error EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag);
 
 // Counts the calls that a server waits for or answers, so that its end can wait until there are none.
 class WaitGroup {

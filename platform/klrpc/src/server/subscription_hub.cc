@@ -1,8 +1,11 @@
 #include "server/subscription_hub.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
-#include <vector>
+#include <iterator>
+#include <string_view>
+#include <unordered_set>
 
 #include "klbase/log.h"
 
@@ -13,6 +16,9 @@ namespace {
 // before its last is queued.
 constexpr unsigned int kMessagesPerFlush = 32;
 
+// A subscriber of so many topics that their positions take more isn't told: metadata has a limit of its own.
+constexpr std::size_t kMaxPositionsBytes = 4096;
+
 }  // namespace
 
 std::size_t SubscriptionHub::Publish(const std::string& topic, const Slice& message) {
@@ -20,11 +26,12 @@ std::size_t SubscriptionHub::Publish(const std::string& topic, const Slice& mess
   std::vector<std::shared_ptr<SubscriberStream>> kicked;
   {
     const absl::MutexLock lock(&mutex_);
+    const Delivery delivery = rings_.Append(topic, message);
     const auto found = by_topic_.find(topic);
     if (found == by_topic_.end()) return 0;
     for (const auto& stream : found->second) {
       bool kick = false;
-      if (stream->Enqueue(message, kick)) ++reached;
+      if (stream->Enqueue(delivery, kick)) ++reached;
       if (kick) kicked.push_back(stream);
     }
   }
@@ -37,7 +44,7 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
   bool kick = false;
   {
     const absl::MutexLock lock(&mutex_);
-    if (closed_) return false;
+    if (closed_ || stream->left) return false;
     if (!stream->Owner().empty()) {
       auto& place = by_owner_[{stream->Owner(), stream->Request().client_id()}];
       if (place != nullptr && place->Number() > stream->Number()) return false;
@@ -48,6 +55,7 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
       kick = predecessor->EndAfterQueue(GRPC_STATUS_OK, "");
       RemoveLocked(predecessor);
     }
+    stream->Begin(MissedLocked(stream->Request()), PositionsLocked(stream->Request()));
     all_.insert(stream);
     for (const std::string& topic : stream->Request().topics()) by_topic_[topic].insert(stream);
   }
@@ -58,9 +66,43 @@ bool SubscriptionHub::Join(const std::shared_ptr<SubscriberStream>& stream) {
 
 void SubscriptionHub::Leave(const std::shared_ptr<SubscriberStream>& stream) {
   const absl::MutexLock lock(&mutex_);
+  stream->left = true;
   const auto place = by_owner_.find({stream->Owner(), stream->Request().client_id()});
   if (place != by_owner_.end() && place->second == stream) by_owner_.erase(place);
   RemoveLocked(stream);
+}
+
+bool SubscriptionHub::Empty() const {
+  const absl::MutexLock lock(&mutex_);
+  return all_.empty() && by_topic_.empty() && by_owner_.empty();
+}
+
+std::vector<Delivery> SubscriptionHub::MissedLocked(const klrpc::v1::SubscribeRequest& request) const {
+  const std::unordered_set<std::string_view> topics(request.topics().begin(), request.topics().end());
+  std::map<std::string_view, const klrpc::v1::Position*> seen;  // each topic once, whatever a stranger wrote
+  for (const klrpc::v1::Position& position : request.seen()) {
+    if (topics.count(position.topic()) > 0) seen[position.topic()] = &position;
+  }
+  std::vector<Delivery> missed;
+  for (const auto& [topic, position] : seen) {
+    std::vector<Delivery> after = rings_.After(*position);
+    missed.insert(missed.end(), std::make_move_iterator(after.begin()), std::make_move_iterator(after.end()));
+  }
+  std::sort(missed.begin(), missed.end(),
+            [](const Delivery& one, const Delivery& other) { return one.sequence < other.sequence; });
+  return missed;
+}
+
+// "EPOCH:NUMBER" for each topic of the request, in its order, with commas between.
+std::string SubscriptionHub::PositionsLocked(const klrpc::v1::SubscribeRequest& request) const {
+  std::string text;
+  for (const std::string& topic : request.topics()) {
+    const klrpc::v1::Position last = rings_.Last(topic);
+    if (!text.empty()) text += ',';
+    text += std::to_string(last.epoch()) + ":" + std::to_string(last.number());
+    if (text.size() > kMaxPositionsBytes) return "";
+  }
+  return text;
 }
 
 void SubscriptionHub::RemoveLocked(const std::shared_ptr<SubscriberStream>& stream) {
@@ -110,8 +152,8 @@ void SubscriberStream::Start(const Method& method) {
 void SubscriberStream::OnCall(bool ok) {
   if (!ok) return;  // the server is stopping
   Start(method_);
-  // The call's end, however it comes, is told through this.
-  WaitForClose();
+  // The call's end, however it comes, is told through this. Without it nobody would take the stream out of the hub.
+  if (!WaitForClose()) return;
   if (!ReadRequest()) {
     Finish(GRPC_STATUS_INVALID_ARGUMENT, "a subscription needs a client id and topics");
   } else if (!method_.hub.Join(shared_from_this())) {
@@ -142,32 +184,55 @@ void SubscriberStream::ReadOwner() {
   }
 }
 
-void SubscriberStream::WaitForClose() {
+bool SubscriberStream::StartBatch(const grpc_op& op, Completion<SubscriberStream>& completion) {
+  const grpc_call_error error = grpc_call_start_batch(call_, &op, 1, completion.Begin(), nullptr);
+  if (error == GRPC_CALL_OK) return true;
+  completion.Abandon();
+  KL_LOG(40, "subscription of %s is cut off: %s", request_.client_id().c_str(), grpc_call_error_to_string(error));
+  grpc_call_cancel(call_, nullptr);
+  return false;
+}
+
+bool SubscriberStream::WaitForClose() {
   grpc_op op{};
   op.op = GRPC_OP_RECV_CLOSE_ON_SERVER;
   op.data.recv_close_on_server.cancelled = &cancelled_;
-  grpc_call_start_batch(call_, &op, 1, closed_.Begin(), nullptr);
+  return StartBatch(op, closed_);
 }
 
 // The metadata is the confirmation. It goes alone: a message that asks to be gathered with others would hold it back,
 // and itself wait for it.
 void SubscriberStream::Confirm() {
   confirmed_ = true;
-  // The entry tells it from the metadata that comes with a refusal.
-  grpc_metadata accepted{};
-  accepted.key = grpc_slice_from_static_string(kStreamKey);
-  accepted.value = grpc_slice_from_static_string("accepted");
+  std::string positions;
+  {
+    const absl::MutexLock lock(&mutex_);
+    positions = std::move(positions_);
+  }
+  const Slice value(positions);
+  std::array<grpc_metadata, 2> metadata{};
+  // The entry tells our client that it need not look whether a refusal follows.
+  metadata[0].key = grpc_slice_from_static_string(kStreamKey);
+  metadata[0].value = grpc_slice_from_static_string("accepted");
+  metadata[1].key = grpc_slice_from_static_string(kPositionsKey);
+  metadata[1].value = value.Get();
   grpc_op op{};
   op.op = GRPC_OP_SEND_INITIAL_METADATA;
-  op.data.send_initial_metadata.count = 1;
-  op.data.send_initial_metadata.metadata = &accepted;
-  grpc_call_start_batch(call_, &op, 1, sent_.Begin(), nullptr);
+  op.data.send_initial_metadata.count = positions.empty() ? 1 : 2;
+  op.data.send_initial_metadata.metadata = metadata.data();
+  StartBatch(op, sent_);
 }
 
-bool SubscriberStream::Enqueue(const Slice& message, bool& kick) {
+void SubscriberStream::Begin(std::vector<Delivery> missed, std::string positions) {
+  const absl::MutexLock lock(&mutex_);
+  missed_.assign(std::make_move_iterator(missed.begin()), std::make_move_iterator(missed.end()));
+  positions_ = std::move(positions);
+}
+
+bool SubscriberStream::Enqueue(const Delivery& message, bool& kick) {
   const absl::MutexLock lock(&mutex_);
   if (gone_ || ending_) return false;
-  const std::size_t size = message.View().size();
+  const std::size_t size = message.Size();
   if (queue_.size() >= kMaxQueued || queued_bytes_ + size > kMaxQueuedBytes) {
     ++dropped_;
     return false;
@@ -195,6 +260,7 @@ void SubscriberStream::OnSent(bool ok) {
   }
   const absl::MutexLock lock(&mutex_);
   gone_ = true;
+  missed_.clear();
   queue_.clear();
 }
 
@@ -211,23 +277,29 @@ void SubscriberStream::SendNext() {
   if (!report.empty()) KL_LOG(40, "%s", report.c_str());
   if (step.kind == Step::kEnd) Finish(step.code, step.text);
   if (step.kind != Step::kMessage) return;
-  const Buffer buffer(step.message);
+  const Buffer buffer(step.message.message, step.message.place);
   grpc_op op{};
   op.op = GRPC_OP_SEND_MESSAGE;
   op.flags = step.gather ? GRPC_WRITE_BUFFER_HINT : 0;
   op.data.send_message.send_message = buffer.Get();
-  grpc_call_start_batch(call_, &op, 1, sent_.Begin(), nullptr);
+  StartBatch(op, sent_);
+}
+
+Delivery SubscriberStream::TakeMessageLocked() {
+  std::deque<Delivery>& from = missed_.empty() ? queue_ : missed_;
+  Delivery message = std::move(from.front());
+  from.pop_front();
+  if (&from == &queue_) queued_bytes_ -= message.Size();
+  return message;
 }
 
 SubscriberStream::Step SubscriberStream::NextStepLocked() {
   Step step;
   if (gone_) return step;
-  if (!queue_.empty()) {
+  if (!missed_.empty() || !queue_.empty()) {
     step.kind = Step::kMessage;
-    step.message = std::move(queue_.front());
-    queue_.pop_front();
-    queued_bytes_ -= step.message.View().size();
-    step.gather = !queue_.empty() && ++unflushed_ < kMessagesPerFlush;
+    step.message = TakeMessageLocked();
+    step.gather = (!missed_.empty() || !queue_.empty()) && ++unflushed_ < kMessagesPerFlush;
     if (!step.gather) unflushed_ = 0;
   } else if (ending_) {
     step.kind = Step::kEnd;
@@ -240,7 +312,10 @@ SubscriberStream::Step SubscriberStream::NextStepLocked() {
 }
 
 void SubscriberStream::Finish(grpc_status_code code, const std::string& text) {
-  EndStream(call_, {code, text, {}}, confirmed_, ended_.Begin());
+  const grpc_call_error error = EndStream(call_, {code, text, {}}, confirmed_, ended_.Begin());
+  if (error == GRPC_CALL_OK) return;
+  ended_.Abandon();
+  grpc_call_cancel(call_, nullptr);
 }
 
 void SubscriberStream::OnClosed(bool) {
@@ -248,6 +323,7 @@ void SubscriberStream::OnClosed(bool) {
   {
     const absl::MutexLock lock(&mutex_);
     gone_ = true;
+    missed_.clear();
     queue_.clear();
     report = TakeDropReportLocked();
   }

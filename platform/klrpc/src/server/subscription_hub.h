@@ -13,11 +13,13 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "server/call.h"
+#include "server/topic_rings.h"
 #include "transport/grpc_core.h"
 
 namespace klrpc {
@@ -27,15 +29,20 @@ class SubscriberStream;
 // The subscribers of one server. Any thread.
 class SubscriptionHub {
  public:
-  // Queues the serialised message for each subscriber of `topic`; returns their number, without those whose queue is
-  // full.
+  // Numbers the serialised message, keeps it in the topic's ring, and queues it for each subscriber of `topic`; returns
+  // their number, without those whose queue is full.
   std::size_t Publish(const std::string& topic, const Slice& message);
 
   // From now on `stream` gets the messages on its topics, and the stream of the same owner and client id that came
-  // before it gets no more: it ends after its queued messages. Each message goes to one of the two. False when the
-  // server is stopping or a later stream is there already.
+  // before it gets no more: it ends after its queued messages. Each message that comes goes to one of the two. What the
+  // request says that it has missed is queued first. False when the server is stopping, when a later stream is there
+  // already, or when it has left before.
   bool Join(const std::shared_ptr<SubscriberStream>& stream);
+  // For good: on another thread, a stream's end may overtake its beginning.
   void Leave(const std::shared_ptr<SubscriberStream>& stream);
+
+  // Whether no stream has joined that has not left.
+  bool Empty() const;
 
   // Ends all streams, each after its queued messages, and refuses later ones.
   void Close();
@@ -45,8 +52,13 @@ class SubscriptionHub {
 
   void RemoveLocked(const std::shared_ptr<SubscriberStream>& stream) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
-  absl::Mutex mutex_;
+  std::vector<Delivery> MissedLocked(const klrpc::v1::SubscribeRequest& request) const
+      ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  std::string PositionsLocked(const klrpc::v1::SubscribeRequest& request) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
+  mutable absl::Mutex mutex_;
   bool closed_ ABSL_GUARDED_BY(mutex_) = false;
+  TopicRings rings_ ABSL_GUARDED_BY(mutex_);
   std::unordered_map<std::string, StreamSet> by_topic_ ABSL_GUARDED_BY(mutex_);
   // By owner and client id.
   std::map<std::pair<std::string, std::string>, std::shared_ptr<SubscriberStream>> by_owner_ ABSL_GUARDED_BY(mutex_);
@@ -80,8 +92,13 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   const std::string& Owner() const { return owner_; }
   std::uint64_t Number() const { return number_; }
 
-  // For the hub, under its lock: neither starts anything. `kick`, or true: Kick() is to be called without the lock.
-  bool Enqueue(const Slice& message, bool& kick);
+  // Guarded by the hub's lock: it has left.
+  bool left = false;
+
+  // For the hub, under its lock: none starts anything. `kick`, or true: Kick() is to be called without the lock.
+  // Once, before the first message: those that it missed, and where it stands now.
+  void Begin(std::vector<Delivery> missed, std::string positions);
+  bool Enqueue(const Delivery& message, bool& kick);
   bool EndAfterQueue(grpc_status_code code, const std::string& text);
   void Kick();
 
@@ -90,7 +107,7 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   struct Step {
     enum Kind { kNothing, kMessage, kEnd };
     Kind kind = kNothing;
-    Slice message;
+    Delivery message;
     bool gather = false;  // more follows, so it need not be sent at once
     grpc_status_code code = GRPC_STATUS_OK;
     std::string text;
@@ -104,8 +121,11 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   bool ReadRequest();
   void ReadOwner();
   void Confirm();
-  void WaitForClose();
+  bool WaitForClose();
   void SendNext();
+  // False, with the call cut off, when gRPC refuses.
+  bool StartBatch(const grpc_op& op, Completion<SubscriberStream>& completion);
+  Delivery TakeMessageLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   Step NextStepLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void Finish(grpc_status_code code, const std::string& text);
   // The record of the messages dropped since the queue was last full, empty when there are none.
@@ -128,7 +148,10 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   Completion<SubscriberStream> ended_{this, &SubscriberStream::OnEnded};
 
   absl::Mutex mutex_;
-  std::deque<Slice> queue_ ABSL_GUARDED_BY(mutex_);
+  std::string positions_ ABSL_GUARDED_BY(mutex_);
+  // Goes out before the queue, and doesn't count for its limits: its bytes are the rings'.
+  std::deque<Delivery> missed_ ABSL_GUARDED_BY(mutex_);
+  std::deque<Delivery> queue_ ABSL_GUARDED_BY(mutex_);
   std::size_t queued_bytes_ ABSL_GUARDED_BY(mutex_) = 0;
   // An operation sends, or a thread is about to start one: gRPC takes one at a time. True until the confirmation is
   // out.

@@ -158,6 +158,11 @@ Buffer::Buffer(const Slice& slice) {
   buffer_ = grpc_raw_byte_buffer_create(&raw, 1);
 }
 
+Buffer::Buffer(const Slice& first, const Slice& second) {
+  std::array<grpc_slice, 2> raw = {first.Get(), second.Get()};
+  buffer_ = grpc_raw_byte_buffer_create(raw.data(), raw.size());
+}
+
 grpc_byte_buffer** Buffer::Reset() {
   if (buffer_ != nullptr) grpc_byte_buffer_destroy(buffer_);
   buffer_ = nullptr;

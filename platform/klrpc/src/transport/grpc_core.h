@@ -31,6 +31,8 @@ constexpr char kSubscribeMethod[] = "/klrpc.v1.Transport/Subscribe";
 // Metadata of a subscription, "OWNER/NUMBER": which client object it belongs to and which of its streams it is. A
 // stream with a higher number takes the place of the one before, see SubscriptionHub.
 constexpr char kStreamKey[] = "klrpc-stream";
+// Metadata of a confirmation: the last message of each topic of the request, see SubscriptionHub.
+constexpr char kPositionsKey[] = "klrpc-positions";
 
 // "the request has 5000000 bytes, more than the 4194304 that can be sent".
 std::string TooLarge(const char* what, std::size_t size);
@@ -104,6 +106,8 @@ class Buffer {
  public:
   Buffer() = default;
   explicit Buffer(const Slice& slice);
+  // One behind the other.
+  Buffer(const Slice& first, const Slice& second);
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
   Buffer(Buffer&& other) noexcept : buffer_(std::exchange(other.buffer_, nullptr)) {}
