@@ -77,7 +77,9 @@ class KLRPC_EXPORT APIClient {
   virtual bool PublishMessage(const klrpc::v1::PubsubMessage& message);
 
   // Asks that messages published on `topics` be delivered to this client, in addition to those that `client_id` has
-  // already. Returns at once; waits for the server as long as it takes. Returns false when an argument is empty.
+  // already. Returns at once; waits for the server as long as it takes. Topics on which a confirmed subscription of
+  // `client_id` has stood before go on where it ended: what was published meanwhile comes first, once and in order, as
+  // far as the server has kept it. Returns false when an argument is empty.
   virtual bool SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics);
 
   // Emitted on two threads of the client: publications' outcomes on one, which the first publication starts, all about
@@ -93,8 +95,9 @@ class KLRPC_EXPORT APIClient {
   sigslot::signal<const klrpc::v1::SubscribeState&> SignalSubscribeState;
   sigslot::signal<bool, const std::string&> SignalPublishState;
 
-  // `count` messages of `topic` will not come, because more waited for the slots than there was room for. Emitted once
-  // for each burst, where the first of them would have come, with a level-40 record.
+  // `count` messages of `topic` will not come: more waited for the slots than there was room for, or the server had no
+  // longer kept them when the client came back or read too slowly. Emitted once for each burst, where the first of them
+  // would have come, with a level-40 record.
   sigslot::signal<const std::string& /*topic*/, std::uint64_t /*count*/> SignalSubscribeLoss;
 
   // As long as the client.

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "klbase/log.h"
@@ -18,16 +21,27 @@ constexpr int kEnded = 2;
 // far as the server's queue holds it, and slots that are stuck lose what comes.
 constexpr std::chrono::milliseconds kLongestPause{1000};
 
+// A refusal can come with metadata that has no entry of ours, just as another program's confirmation. gRPC tells them
+// apart, but not its users: the end of a refused stream follows at once, that of a confirmed one doesn't.
+constexpr std::chrono::milliseconds kRefusalFollows{50};
+
+// A server that takes a stream confirms it at once. One that doesn't was perhaps written without knowing that it has
+// to.
+constexpr std::chrono::milliseconds kConfirmationLimit{3000};
+
 constexpr double kBackOffFactor = 1.6;  // as gRPC's own
 
 bool Contains(const std::vector<std::string>& list, const std::string& item) {
   return std::find(list.begin(), list.end(), item) != list.end();
 }
 
-bool HasKey(const grpc_metadata_array& metadata, const char* key) {
-  const grpc_metadata* begin = metadata.metadata;
-  return std::any_of(begin, begin + metadata.count,
-                     [key](const grpc_metadata& entry) { return grpc_slice_str_cmp(entry.key, key) == 0; });
+// None when there is no such entry.
+std::optional<std::string> ValueOf(const grpc_metadata_array& metadata, const char* key) {
+  for (std::size_t i = 0; i < metadata.count; ++i) {
+    if (grpc_slice_str_cmp(metadata.metadata[i].key, key) != 0) continue;
+    return std::string(Slice(grpc_slice_ref(metadata.metadata[i].value)).View());
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -35,12 +49,11 @@ bool HasKey(const grpc_metadata_array& metadata, const char* key) {
 // One stream, from its call to its end. Its operations keep it alive.
 class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
  public:
-  Stream(Subscriptions& owner, Connection connection, std::string client_id, std::vector<std::string> topics,
-         std::uint64_t number)
+  Stream(Subscriptions& owner, Connection connection, klrpc::v1::SubscribeRequest request, std::uint64_t number)
       : owner_(owner),
         connection_(std::move(connection)),
-        client_id_(std::move(client_id)),
-        topics_(std::move(topics)),
+        request_(std::move(request)),
+        topics_(request_.topics().begin(), request_.topics().end()),
         name_(owner.owner_ + "/" + std::to_string(number)),
         call_(grpc_channel_create_call(connection_.Channel().get(), nullptr, GRPC_PROPAGATE_DEFAULTS,
                                        owner.loop_.Queue(), grpc_slice_from_static_string(kSubscribeMethod), nullptr,
@@ -56,15 +69,17 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
     grpc_call_unref(call_);
   }
 
-  const std::string& ClientId() const { return client_id_; }
+  const klrpc::v1::SubscribeRequest& Request() const { return request_; }
+  const std::string& ClientId() const { return request_.client_id(); }
   const std::vector<std::string>& Topics() const { return topics_; }
   const ChannelPtr& Channel() const { return connection_.Channel(); }
   // Whether its connection was made, as far as that is known at once.
   bool Reached() const { return connection_.Outcome().code == GRPC_STATUS_OK; }
   grpc_status_code Code() const { return status_; }
   std::string Text() const { return std::string(text_.View()); }
-  // Metadata comes with a refusal too, then without the entry.
-  bool Accepted() const { return HasKey(initial_metadata_, kStreamKey); }
+  // Confirmed by a server that lets a wider stream take an earlier one's place.
+  bool Accepted() const { return ValueOf(initial_metadata_, kStreamKey).has_value(); }
+  std::string Positions() const { return ValueOf(initial_metadata_, kPositionsKey).value_or(""); }
 
   void Start();
   void Read();
@@ -73,10 +88,14 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   // Guarded by the owner's mutex.
   bool confirmed = false;
   std::chrono::steady_clock::time_point confirmed_at;
+  std::optional<std::chrono::steady_clock::time_point> ready_since;  // its connection
+  bool told_unconfirmed = false;
 
  private:
   void OnConfirmed(bool ok) {
-    if (ok && Accepted()) owner_.OnConfirmed(*this);
+    if (!ok) return;
+    if (Accepted()) return owner_.OnConfirmed(*this);
+    owner_.loop_.RunAfter(kRefusalFollows, [self = shared_from_this()] { self->owner_.OnConfirmed(*self); });
   }
   void OnMessage(bool ok) {
     if (!ok || !message_) return;  // the end, which comes with its reason
@@ -87,7 +106,7 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
 
   Subscriptions& owner_;
   const Connection connection_;
-  const std::string client_id_;
+  const klrpc::v1::SubscribeRequest request_;
   const std::vector<std::string> topics_;
   const std::string name_;
   grpc_call* const call_;
@@ -110,10 +129,7 @@ void Subscriptions::Stream::Start() {
   if (!owner_.loop_.StartBatch(call_, &end, 1, ended_.Begin())) return ended_.Abandon();
   // The end is asked for first, so that a failure of the operations below is reported by it.
 
-  klrpc::v1::SubscribeRequest request;
-  request.set_client_id(client_id_);
-  for (const std::string& topic : topics_) request.add_topics(topic);
-  const Buffer message(Serialize(request));
+  const Buffer message(Serialize(request_));
   grpc_metadata name{};
   name.key = grpc_slice_from_static_string(kStreamKey);
   name.value = grpc_slice_from_static_buffer(name_.data(), name_.size());
@@ -169,12 +185,22 @@ void Subscriptions::Open(const std::string& client_id) {
   {
     const absl::MutexLock lock(&mutex_);
     if (!NeedsStreamLocked(client_id)) return;  // another thread was quicker
-    Subscription& subscription = by_client_[client_id];
-    stream = std::make_shared<Stream>(*this, std::move(connection), client_id, subscription.topics, ++opened_);
-    subscription.streams.push_back(stream);
+    stream = std::make_shared<Stream>(*this, std::move(connection), RequestLocked(client_id), ++opened_);
+    by_client_[client_id].streams.push_back(stream);
     all_.insert(stream);
   }
   stream->Start();
+}
+
+// The positions are named also while an earlier stream stands: should that one break, nothing of its rest is lost, and
+// what comes twice is left out.
+klrpc::v1::SubscribeRequest Subscriptions::RequestLocked(const std::string& client_id) {
+  const Subscription& subscription = by_client_[client_id];
+  klrpc::v1::SubscribeRequest request;
+  request.set_client_id(client_id);
+  for (const std::string& topic : subscription.topics) request.add_topics(topic);
+  subscription.positions.AddTo(request);
+  return request;
 }
 
 bool Subscriptions::NeedsStreamLocked(const std::string& client_id) {
@@ -186,9 +212,11 @@ bool Subscriptions::NeedsStreamLocked(const std::string& client_id) {
 
 void Subscriptions::OnConfirmed(Stream& stream) {
   bool read = false;
+  std::vector<StreamPtr> replaced;
   {
     const absl::MutexLock lock(&mutex_);
-    const auto& streams = by_client_[stream.ClientId()].streams;
+    Subscription& subscription = by_client_[stream.ClientId()];
+    const auto& streams = subscription.streams;
     const auto found = std::find_if(streams.begin(), streams.end(),
                                     [&stream](const StreamPtr& each) { return each.get() == &stream; });
     if (found == streams.end()) return;  // ended already
@@ -196,21 +224,30 @@ void Subscriptions::OnConfirmed(Stream& stream) {
     stream.confirmed = true;
     stream.confirmed_at = std::chrono::steady_clock::now();
     read = found == streams.begin();
+    const std::string positions = stream.Positions();
+    if (!positions.empty() || !stream.Accepted()) subscription.positions.Confirmed(stream.Request(), positions);
+    if (!stream.Accepted()) replaced.assign(streams.begin(), found);
   }
   events_.AddState(StateMessage(stream, kConfirmed));
+  // A server that is not ours doesn't end them by itself.
+  for (const StreamPtr& each : replaced) each->Cancel();
   if (read) stream.Read();
   Open(stream.ClientId());  // topics may have been added while it waited
 }
 
 void Subscriptions::OnMessage(const Buffer& bytes, const StreamPtr& stream) {
   klrpc::v1::PubsubMessage message;
-  bool room = true;
-  if (bytes.ParseInto(message)) {
-    room = events_.AddMessage(std::move(message));
-  } else {
+  if (!bytes.ParseInto(message)) {
     KL_LOG(40, "%s: dropped an event that does not parse", options_.Address().c_str());
+    return stream->Read();
   }
-  ReadOrPause(room, stream);
+  Positions::Verdict verdict;
+  {
+    const absl::MutexLock lock(&mutex_);
+    verdict = by_client_[stream->ClientId()].positions.Take(message);
+  }
+  if (verdict.missed > 0) events_.AddLoss(message.topic(), verdict.missed);
+  ReadOrPause(!verdict.fresh || events_.AddMessage(std::move(message)), stream);
 }
 
 // Only the asking for messages pauses. The loop goes on with all else, so the connection is kept alive.
@@ -315,24 +352,35 @@ std::chrono::milliseconds Subscriptions::BackOff(int failures) const {
 }
 
 bool Subscriptions::Tick() {
-  if (connector_.Local()) return false;
-  std::vector<ChannelPtr> waiting;
+  std::vector<StreamPtr> waiting;
   {
     const absl::MutexLock lock(&mutex_);
     waiting.reserve(all_.size());
     for (const StreamPtr& stream : all_) {
-      if (!stream->confirmed) waiting.push_back(stream->Channel());
+      if (!stream->confirmed) waiting.push_back(stream);
     }
     // A stream that is added while the loop sleeps doesn't wake it, so it sleeps deeply only with one established.
     if (waiting.empty() && !all_.empty()) return false;
   }
-  // gRPC's back-offs, that of name resolution above all, can be longer than an operator's patience.
-  for (const ChannelPtr& channel : waiting) {
-    if (grpc_channel_check_connectivity_state(channel.get(), 0) == GRPC_CHANNEL_TRANSIENT_FAILURE) {
-      grpc_channel_reset_connect_backoff(channel.get());
-    }
-  }
+  for (const StreamPtr& stream : waiting) LookAfter(*stream);
   return true;
+}
+
+void Subscriptions::LookAfter(Stream& stream) {
+  const bool local = connector_.Local();
+  const auto state = local ? GRPC_CHANNEL_READY : grpc_channel_check_connectivity_state(stream.Channel().get(), 0);
+  // gRPC's back-offs, that of name resolution above all, can be longer than an operator's patience.
+  if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) grpc_channel_reset_connect_backoff(stream.Channel().get());
+  if (state != GRPC_CHANNEL_READY || !stream.Reached()) return;
+  const auto now = std::chrono::steady_clock::now();
+  {
+    const absl::MutexLock lock(&mutex_);
+    if (!stream.ready_since) stream.ready_since = now;
+    const bool late = !stream.confirmed && now - *stream.ready_since >= kConfirmationLimit;
+    if (!late || std::exchange(stream.told_unconfirmed, true)) return;
+  }
+  KL_LOG(40, "subscription of %s at %s is not confirmed: the server has sent no initial metadata for %d s, waiting on",
+         stream.ClientId().c_str(), options_.Address().c_str(), static_cast<int>(kConfirmationLimit.count() / 1000));
 }
 
 void Subscriptions::Cancel() {

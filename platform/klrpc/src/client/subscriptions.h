@@ -23,6 +23,7 @@
 #include "client/connector.h"
 #include "client/event_queue.h"
 #include "client/loop.h"
+#include "client/positions.h"
 #include "client/slot_thread.h"
 #include "klrpc/api_client.h"
 #include "transport/grpc_core.h"
@@ -40,7 +41,8 @@ class Subscriptions {
   // Any thread. None of the arguments is empty.
   void Subscribe(const std::string& client_id, const std::vector<std::string>& topics);
 
-  // Hastens streams that wait for gRPC to reach their server; false when none does. On the loop's thread.
+  // Hastens streams that wait for gRPC to reach their server, and says which ones a server leaves unconfirmed; false
+  // when none waits. On the loop's thread.
   bool Tick();
 
   // After the loop's Stop(): cuts off all streams.
@@ -53,9 +55,11 @@ class Subscriptions {
     std::vector<std::string> topics;
     std::deque<StreamPtr> streams;  // the first is read, the last is over all topics
     int failures = 0;               // in a row
+    Positions positions;            // stays when the topics are gone
   };
 
   void Open(const std::string& client_id);
+  klrpc::v1::SubscribeRequest RequestLocked(const std::string& client_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   bool NeedsStreamLocked(const std::string& client_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void OnConfirmed(Stream& stream);
   void OnMessage(const Buffer& message, const StreamPtr& stream);
@@ -63,6 +67,8 @@ class Subscriptions {
   void ReadOrPause(bool room, const StreamPtr& stream);
   void EndPause(std::uint64_t pause);
   void ReadPaused();
+  // Once a second while it waits to be confirmed.
+  void LookAfter(Stream& stream);
   void OnEnded(const StreamPtr& stream);
   void OnLastEnded(const StreamPtr& stream, int failures);
   static klrpc::v1::SubscribeState StateMessage(const Stream& stream, int state);

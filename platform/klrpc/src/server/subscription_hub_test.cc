@@ -15,7 +15,9 @@ namespace {
 
 // A subscription that is cancelled as it comes: the end may be told on another thread before the beginning.
 TEST(SubscriptionHubTest, AStreamWhoseEndOvertookItsBeginningDoesNotStay) {
-  ServerContext context;
+  WaitGroup calls;
+  klbase::CollapsedRecords refused(40, "test");
+  ServerContext context(nullptr, ServerParts{nullptr, calls, refused});
   SubscriptionHub hub;
   const SubscriberStream::Method method{context, hub};
   const auto stream = std::make_shared<SubscriberStream>(method);
