@@ -162,6 +162,7 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     session_ = std::make_shared<ConsoleSession>(std::move(config));
     return session_;
   }
+  klbase::CollapsedRecords& ClosingRecords() override { return closings_; }
   void CommandStarted() override {}
   void Closed(Connection&) override {
     closed_ = true;
@@ -169,9 +170,11 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
   }
 
   std::vector<cli::internal::SessionInfo> Sessions() override { return {}; }
+  std::string Disconnect(int, const std::string&) override { return ""; }
   void RequestShutdown() override {}
   void ThreadEnded(int) override {}
 
+  klbase::CollapsedRecords closings_{40, "console connections closed"};
   asio::io_context io_;
   cli::internal::ConsoleOptions options_;
   std::string read_buffer_ = std::string(16384, '\0');

@@ -158,13 +158,13 @@ def test_a_thousand_connections_at_once(tool, connect):
         one.settimeout(LIMIT_S)
         one.sendall(b"core show version\n")
     for one in sockets:
-        one.shutdown(socket.SHUT_WR)
         data = b""
         try:
+            one.shutdown(socket.SHUT_WR)
             while chunk := one.recv(65536):
                 data += chunk
-        except ConnectionResetError:
-            pass
+        except OSError:
+            pass  # so many are refused that not all of them are waited for
         refused += b"git-version" not in data
         one.close()
     assert refused <= 1000 - 64

@@ -2,13 +2,16 @@
 
 import collections
 import crypt
+import os
+import re
 import socket
+import subprocess
 import threading
 import time
 
 import pytest
 
-from conftest import LIMIT_S, Connection, wait_until
+from conftest import LIMIT_S, wait_until
 
 VERSION_END = "git-version: v0.0.1\n"
 
@@ -98,3 +101,68 @@ def test_silent_connections_push_out_no_operator_at_another_address(password_too
         log_in(port, "127.0.0.2", seconds_to_type=2)
     for connection in kept:
         connection.close()
+
+
+def as_nobody(run):
+    """Runs it in a child process of another user; returns what that prints."""
+    code = f"import socket, sys, time\nport = int(sys.argv[1])\n{run}"
+    def visit(port):
+        child = subprocess.run(["/usr/bin/python3", "-c", code, str(port)], user=65534, group=65534, extra_groups=[],
+                               cwd="/", capture_output=True, text=True, timeout=LIMIT_S, check=True)
+        return child.stdout
+    return visit
+
+
+needs_root = pytest.mark.skipif(os.getuid() != 0, reason="needs root to become another user")
+SHUT_DOWN = as_nobody("""
+console = socket.create_connection(("127.0.0.1", port), 20)
+console.sendall(b"core set debug 9\\nshutdown\\n")
+while data := console.recv(4096):
+    print(data.decode(), end="")
+""")
+
+
+@needs_root
+def test_another_user_gets_in_only_where_he_is_allowed(start_tool, connect):
+    tool = start_tool()
+    assert SHUT_DOWN(tool.port()) == "Refused: user 65534 may not use this console (KLBASE_CONSOLE_ALLOW).\n"
+    wait_until(lambda: "refused: user 65534 may not use it" in tool.log(), "the refusal is logged")
+    assert connect(tool.port()).run("core show version", VERSION_END)
+
+
+@needs_root
+@pytest.mark.parametrize("allow", ["1,65534", "@nogroup", "any"])
+def test_another_user_who_is_allowed_gets_in(start_tool, allow):
+    tool = start_tool(environment={"KLBASE_CONSOLE_ALLOW": allow})
+    assert "The console ends for all." in SHUT_DOWN(tool.port())
+    assert tool.wait() == 0
+
+
+@needs_root
+def test_another_user_cannot_fill_the_log(tool, connect):
+    port = tool.port()
+    begin = tool.log().count("\n")
+    as_nobody("""
+for _ in range(3000):
+    console = socket.create_connection(("127.0.0.1", port), 20)
+    try:
+        console.sendall(b"x\\n")
+    except OSError:
+        pass
+    console.close()
+""")(port)
+    assert connect(port).run("core show version", VERSION_END)
+    assert tool.log().count("\n") - begin < 60
+
+
+def test_an_allow_list_that_is_none_is_refused_at_the_start(start_tool):
+    tool = start_tool(environment={"KLBASE_CONSOLE_ALLOW": "root"})
+    assert tool.wait() == 255
+    assert 'KLBASE_CONSOLE_ALLOW has "root"' in tool.errors()
+
+
+def test_a_session_ends_another(tool, connect):
+    other = connect(tool.port())
+    number = re.search(r"\* (\d+)", other.run("who", "\n* ") + other.until("\n")).group(1)
+    assert connect(tool.port()).run(f"disconnect {number}") == f"Session {number} ends.\n"
+    assert "has ended this one.\n" in other.rest()

@@ -2,8 +2,11 @@
 #ifndef PLATFORM_KLBASE_TESTING_FAKE_CONNECTION_H_
 #define PLATFORM_KLBASE_TESTING_FAKE_CONNECTION_H_
 
+#include <unistd.h>
+
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,6 +27,7 @@ class FakeConnection : public ServedConnection, public std::enable_shared_from_t
 
   const std::string& Peer() const override { return peer; }
   const std::string& Address() const override { return address; }
+  std::optional<uid_t> User() const override { return user; }
   Standing StandingBeforeLogin() override { return standing; }
   bool LoggedIn() const override { return logged_in; }
   bool CommandRunning() const override { return command_running; }
@@ -41,6 +45,7 @@ class FakeConnection : public ServedConnection, public std::enable_shared_from_t
 
   std::string peer = "192.0.2.1:4321";
   std::string address = "192.0.2.1";
+  std::optional<uid_t> user = ::geteuid();
   Standing standing = Standing::kSilent;
   bool logged_in = false;
   bool command_running = false;

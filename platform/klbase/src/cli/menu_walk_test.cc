@@ -43,7 +43,8 @@ class MenuWalkTest : public ::testing::Test {
 };
 
 TEST_F(MenuWalkTest, AnEmptyLineOffersEverything) {
-  EXPECT_EQ(Tab(""), (Strings{"encd", "playd", "help", "?", "history", "who", "main", "..", "exit", "shutdown"}));
+  EXPECT_EQ(Tab(""),
+            (Strings{"encd", "playd", "help", "?", "history", "who", "disconnect", "main", "..", "exit", "shutdown"}));
 }
 
 TEST_F(MenuWalkTest, TabCompletesTheMenusCommandsBeforeTheBuiltInOnes) {

@@ -1,6 +1,7 @@
 #include "console/builtins.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <limits>
@@ -72,6 +73,23 @@ void Shutdown(const Call& call, const Arguments&) {
   call.session.OutStream() << "The console ends for all.\n";
   call.session.End();
   call.session.ShutDownConsole();
+}
+
+void Disconnect(const Call& call, const Arguments& words) {
+  std::ostream& out = call.session.OutStream();
+  if (words.size() != 1) {
+    out << "disconnect takes 1 word, not " << words.size() << ". Usage: disconnect <id>\n";
+    return;
+  }
+  const std::string& word = words.front();
+  int id = 0;
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), id);
+  if (error != std::errc() || end != word.data() + word.size()) {
+    out << "disconnect: \"" << word << "\" is not a session's number; \"who\" lists them. Usage: disconnect <id>\n";
+    return;
+  }
+  const std::string refusal = call.session.Disconnect(id);
+  out << (refusal.empty() ? "Session " + word + " ends." : refusal) << '\n';
 }
 
 std::string ClockTime(std::chrono::system_clock::time_point time) {
@@ -167,6 +185,7 @@ Builtins::Builtins(const std::string& root_name) {
       {"?", "command", "show the commands, or one of them", true, Help},
       {"history", nullptr, "show the lines typed", false, ShowHistory},
       {"who", nullptr, "show the open sessions", false, Who},
+      {"disconnect", "id", "end another session", true, Disconnect},
       {root_name.c_str(), nullptr, "go back to the first menu", true, GoToRoot},
       {"..", nullptr, "go back to the menu before", false, GoUp},
       {"exit", nullptr, "end this session", false, Exit},

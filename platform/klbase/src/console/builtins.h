@@ -1,4 +1,4 @@
-// The commands that every menu has: help, history, who, exit, shutdown and the way back.
+// The commands that every menu has: help, history, who, disconnect, exit, shutdown and the way back.
 #ifndef KLBASE_CONSOLE_BUILTINS_H_
 #define KLBASE_CONSOLE_BUILTINS_H_
 

@@ -46,6 +46,7 @@ class BuiltinsTest : public testing::Test, private SessionHost {
 
  private:
   std::vector<SessionInfo> Sessions() override { return {}; }
+  std::string Disconnect(int, const std::string&) override { return ""; }
   void RequestShutdown() override {}
   void ThreadEnded(int) override {}
 };

@@ -111,6 +111,18 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
     return infos;
   }
 
+  std::string Disconnect(int session_id, const std::string& farewell) override {
+    for (const auto& session : table_.All()) {
+      if (session->Id() != session_id || !session->Info()) continue;
+      const bool own = session->Kind() == SessionKind::kTerminal || session->Kind() == SessionKind::kPlain;
+      if (own) return "Session " + std::to_string(session_id) + " is the tool's own; \"shutdown\" ends the tool.";
+      KL_LOG(30, "console session %d is disconnected\n", session_id);
+      session->Finish(farewell);
+      return "";
+    }
+    return "There is no session " + std::to_string(session_id) + "; \"who\" lists them.";
+  }
+
   void RequestShutdown() override {
     {
       absl::MutexLock lock(&mutex_);

@@ -16,15 +16,15 @@ std::string Environment(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-int SessionLimit(const std::string& text) {
+int Number(const char* name, const std::string& text) {
   constexpr int kMost = 100'000;
-  int limit = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), limit);
-  if (error != std::errc() || end != text.data() + text.size() || limit < 1 || limit > kMost) {
-    throw std::runtime_error("KLBASE_CONSOLE_MAX_SESSIONS is \"" + text + "\"; set it to a number from 1 to " +
+  int number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || number < 1 || number > kMost) {
+    throw std::runtime_error(std::string(name) + " is \"" + text + "\"; set it to a number from 1 to " +
                              std::to_string(kMost));
   }
-  return limit;
+  return number;
 }
 
 }  // namespace
@@ -35,8 +35,12 @@ ConsoleOptions OptionsFromEnvironment(bool local_console, int port) {
   options.port = port;
   if (const auto address = Environment("KLBASE_CONSOLE_ADDRESS"); !address.empty()) options.address = address;
   options.password_file = Environment("KLBASE_CONSOLE_PASSWORD_FILE");
+  options.allow = Environment("KLBASE_CONSOLE_ALLOW");
   if (const auto limit = Environment("KLBASE_CONSOLE_MAX_SESSIONS"); !limit.empty()) {
-    options.max_sessions = SessionLimit(limit);
+    options.max_sessions = Number("KLBASE_CONSOLE_MAX_SESSIONS", limit);
+  }
+  if (const auto limit = Environment("KLBASE_CONSOLE_IDLE_MINUTES"); !limit.empty()) {
+    options.idle = std::chrono::minutes(Number("KLBASE_CONSOLE_IDLE_MINUTES", limit));
   }
   if (local_console) options.history_file = DefaultHistoryFile();
   return options;

@@ -14,11 +14,13 @@ struct ConsoleOptions {
   int port = 0;
   std::string address = "127.0.0.1";
   std::string password_file;  // "": no password is asked for
+  std::string allow;          // the users of this machine that may come, where no password is asked for
   int max_sessions = 64;      // on connections; the local terminal is not counted
   std::string history_file;   // of the local terminal
   int input_fd = STDIN_FILENO;
   int output_fd = STDOUT_FILENO;
 
+  std::chrono::milliseconds idle{0};           // a session without input ends; 0: never
   std::chrono::milliseconds sniff{100};        // a program speaks first
   std::chrono::milliseconds reader{30'000};    // an operator who reads nothing for so long is gone
   std::chrono::milliseconds login{60'000};     // to give the password
@@ -28,8 +30,9 @@ struct ConsoleOptions {
   std::chrono::milliseconds drain{1000};       // for readers when the console ends
 };
 
-// The options, with those that the environment sets: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE and
-// KLBASE_CONSOLE_MAX_SESSIONS. Throws std::runtime_error for a value that makes no sense.
+// The options, with those that the environment sets: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE,
+// KLBASE_CONSOLE_ALLOW, KLBASE_CONSOLE_MAX_SESSIONS and KLBASE_CONSOLE_IDLE_MINUTES. Throws std::runtime_error for a
+// value that makes no sense.
 ConsoleOptions OptionsFromEnvironment(bool local_console, int port);
 
 }  // namespace cli::internal

@@ -17,16 +17,22 @@ TEST(ConsoleOptionsTest, DefaultsAreLoopbackAnd64Sessions) {
   EXPECT_EQ(options.port, 50000);
   EXPECT_EQ(options.max_sessions, 64);
   EXPECT_EQ(options.password_file, "");
+  EXPECT_EQ(options.allow, "");
+  EXPECT_EQ(options.idle.count(), 0);
 }
 
 TEST(ConsoleOptionsTest, TheEnvironmentIsTaken) {
   const Variable address("KLBASE_CONSOLE_ADDRESS", "::1");
   const Variable file("KLBASE_CONSOLE_PASSWORD_FILE", "/etc/pw");
   const Variable sessions("KLBASE_CONSOLE_MAX_SESSIONS", "500");
+  const Variable allow("KLBASE_CONSOLE_ALLOW", "1000,@staff");
+  const Variable idle("KLBASE_CONSOLE_IDLE_MINUTES", "15");
   const ConsoleOptions options = OptionsFromEnvironment(false, 0);
   EXPECT_EQ(options.address, "::1");
   EXPECT_EQ(options.password_file, "/etc/pw");
   EXPECT_EQ(options.max_sessions, 500);
+  EXPECT_EQ(options.allow, "1000,@staff");
+  EXPECT_EQ(options.idle, std::chrono::minutes(15));
 }
 
 TEST(ConsoleOptionsTest, ASessionLimitThatIsNoneIsRefused) {

@@ -40,6 +40,8 @@ class SessionControl : public Session {
   virtual void End() = 0;
   // All sessions of the console.
   virtual std::vector<SessionInfo> OpenSessions() = 0;
+  // Ends another session after its command. "", or why it can't be.
+  virtual std::string Disconnect(int session_id) = 0;
   // Ends the console for all; returns at once.
   virtual void ShutDownConsole() = 0;
 };

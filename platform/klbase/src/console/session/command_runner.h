@@ -53,6 +53,10 @@ class CommandRunner : private SessionControl {
   const std::vector<std::string>& History() const override { return config_.history->Lines(); }
   void End() override { config_.end(); }
   std::vector<SessionInfo> OpenSessions() override { return config_.host->Sessions(); }
+  std::string Disconnect(int session_id) override {
+    return config_.host->Disconnect(session_id,
+                                    "Session " + std::to_string(config_.session_id) + " has ended this one.\n");
+  }
   void ShutDownConsole() override { config_.host->RequestShutdown(); }
 
   void RunWords(const std::vector<std::string>& words);

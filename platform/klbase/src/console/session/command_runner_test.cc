@@ -86,6 +86,7 @@ class CommandRunnerTest : public testing::Test, private SessionHost {
 
  private:
   std::vector<SessionInfo> Sessions() override { return {{7, SessionKind::kTelnet, "here", "playd", {}, {}}}; }
+  std::string Disconnect(int, const std::string&) override { return ""; }
   void RequestShutdown() override { ++shutdowns_; }
   void ThreadEnded(int) override {}
 };

@@ -89,9 +89,13 @@ void ConsoleSession::Close() {
 
 std::optional<SessionInfo> ConsoleSession::Info() const {
   if (!LoggedIn() || queue_.Ended()) return std::nullopt;
-  const auto idle = std::chrono::steady_clock::duration(Now() - last_input_.load());
   return SessionInfo{config_.id,         config_.kind, config_.peer,
-                     runner_.MenuName(), since_,       std::chrono::duration_cast<std::chrono::seconds>(idle)};
+                     runner_.MenuName(), since_,       std::chrono::duration_cast<std::chrono::seconds>(IdleFor())};
+}
+
+std::chrono::milliseconds ConsoleSession::IdleFor() const {
+  const auto idle = std::chrono::steady_clock::duration(Now() - last_input_.load());
+  return std::chrono::duration_cast<std::chrono::milliseconds>(idle);
 }
 
 // --- the holder of the lease
@@ -237,6 +241,7 @@ void ConsoleSession::RunLine(const std::string& line) {
   if (config_.kind == SessionKind::kTerminal) config_.output->Flush();
   history_.Add(line);
   runner_.Run(line);
+  last_input_ = Now();
   notices_.CommandEnds();
   if (!queue_.Ended()) BeginLine();
 }

@@ -84,6 +84,8 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void Close();
   bool CommandRunning() const { return queue_.Leased() && thread_.Running(); }
   bool LoggedIn() const { return login_.LoggedIn(); }
+  // Since the last input, or the end of the last command.
+  std::chrono::milliseconds IdleFor() const;
   // None before the login, and once no further line runs.
   std::optional<SessionInfo> Info() const;
   // To be joined, once the session was closed and it is done.

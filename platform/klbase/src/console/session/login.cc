@@ -27,7 +27,9 @@ Login::Answer Login::Take(PasswordVerdict verdict) {
 
 Login::Answer Login::Refuse() {
   ++failures_;
-  KL_LOG(40, "console session %d from %s: wrong password\n", operator_.session_id, operator_.peer.c_str());
+  if (rules_->wrong_passwords == nullptr || rules_->wrong_passwords->Admit()) {
+    KL_LOG(40, "console session %d from %s: wrong password\n", operator_.session_id, operator_.peer.c_str());
+  }
   output_->Append("Wrong password.\n");
   return failures_ >= rules_->tries || !operator_.interactive ? Answer::kRefused : Answer::kAskAgain;
 }

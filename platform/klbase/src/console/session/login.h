@@ -8,6 +8,7 @@
 #include <string>
 
 #include "console/output_buffer.h"
+#include "klbase/collapsed_records.h"
 
 namespace cli::internal {
 
@@ -24,6 +25,7 @@ struct LoginRules {
   std::function<void(std::string password, std::function<void(PasswordVerdict)> answer)> check;
   std::function<bool()> admit;
   int tries = 3;
+  klbase::CollapsedRecords* wrong_passwords = nullptr;  // none: each leaves a record; outlives the session
 };
 
 // Owned by the session, and used by the holder of its lease; LoggedIn() by any thread.
@@ -48,7 +50,7 @@ class Login {
   // Starts the check; not when logged in. The lease goes with it, and comes back with `answer`, which is to be passed
   // to Take().
   void Check(std::string password, std::function<void(PasswordVerdict)> answer);
-  // Leaves a record of each wrong password.
+  // Leaves a record of each wrong password, as far as there are not many.
   Answer Take(PasswordVerdict verdict);
 
  private:

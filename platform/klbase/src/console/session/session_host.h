@@ -2,6 +2,7 @@
 #ifndef KLBASE_CONSOLE_SESSION_SESSION_HOST_H_
 #define KLBASE_CONSOLE_SESSION_SESSION_HOST_H_
 
+#include <string>
 #include <vector>
 
 #include "console/session_control.h"
@@ -13,6 +14,8 @@ class SessionHost {
  public:
   virtual ~SessionHost() = default;
   virtual std::vector<SessionInfo> Sessions() = 0;
+  // Ends another session after its command, and tells it `farewell`. "", or why it can't be.
+  virtual std::string Disconnect(int session_id, const std::string& farewell) = 0;
   // Ends the console for all; returns at once.
   virtual void RequestShutdown() = 0;
   // The session's command thread does nothing more and can be joined.

@@ -94,23 +94,37 @@ Connection::~Connection() {
 void Connection::Start(SessionSlot slot) {
   slot_ = std::move(slot);
   SetOptions(socket_.native_handle());
-  // Weak, because the session shares the buffer and may outlive the connection; posted, because the call comes on
-  // whatever thread has written.
-  output_ =
-      std::make_shared<OutputBuffer>(socket_.native_handle(), OutputBuffer::Target::kSocket, [self = weak_from_this()] {
-        const auto connection = self.lock();
-        if (!connection) return;
-        asio::post(connection->io_, [connection] { connection->OnAttention(); });
-      });
+  output_ = MakeOutput();
   AwaitReadable();
   After(owner_.Options().sniff, &Connection::OnSniffEnd);
 }
 
-void Connection::Refuse(std::string_view text) {
-  Start(SessionSlot());
+void Connection::Refuse(std::string_view text, bool at_once) {
+  refused_ = true;
+  output_ = MakeOutput();
   output_->SetText(OutputBuffer::Text::kCrLf);
   output_->Append(text);
-  Drain();
+  if (!at_once) return Drain();
+  output_->Flush();
+  Close();
+}
+
+std::shared_ptr<OutputBuffer> Connection::MakeOutput() {
+  // Weak, because the session shares the buffer and may outlive the connection; posted, because the call comes on
+  // whatever thread has written.
+  auto attention = [self = weak_from_this()] {
+    const auto connection = self.lock();
+    if (!connection) return;
+    asio::post(connection->io_, [connection] { connection->OnAttention(); });
+  };
+  return std::make_shared<OutputBuffer>(socket_.native_handle(), OutputBuffer::Target::kSocket, std::move(attention));
+}
+
+std::optional<uid_t> Connection::User() const {
+  std::error_code error;
+  const auto own = socket_.local_endpoint(error);
+  if (error || peer_endpoint_.port() == 0) return std::nullopt;
+  return UserOfPeer(peer_endpoint_, own);
 }
 
 Connection::Standing Connection::StandingBeforeLogin() {
@@ -134,7 +148,7 @@ void Connection::Finish(std::string_view notice) {
 
 void Connection::Abort(const char* why) {
   if (phase_ == Phase::kClosed) return;
-  KL_LOG(40, "console connection from %s closed: %s\n", peer_.c_str(), why);
+  KL_LOG_COLLAPSED(owner_.ClosingRecords(), "console connection from %s closed: %s\n", peer_.c_str(), why);
   Close();
 }
 
@@ -219,6 +233,7 @@ void Connection::Serve(SessionKind kind, bool offer) {
   // Echo begins when the client agrees that it is ours.
   session_->Start(operates ? LineEditor::Display::kPrompt : LineEditor::Display::kNone);
   if (!session_->LoggedIn()) After(owner_.Options().login, &Connection::OnLoginEnd);
+  if (owner_.Options().idle.count() > 0) After(owner_.Options().idle, &Connection::OnIdleCheck);
 }
 
 void Connection::OnLoginEnd() {
@@ -237,7 +252,9 @@ void Connection::Read() {
   } else if (count == 0) {
     input_ = Input::kEnded;  // it may still read: the lines that have come are run and answered
     client_->ended = true;
-    if (phase_ == Phase::kLingering || (!LoggedIn() && ClientIsGone())) return Close();
+    // A client that sends no more may still read. On this machine the kernel knows whether anybody has its socket.
+    const bool gone = !LoggedIn() && IsLoopback(peer_endpoint_.address()) && !User();
+    if (phase_ == Phase::kLingering || gone) return Close();
     if (session_) session_->OnEndOfInput();
     return;
   } else if (errno != EAGAIN && errno != EINTR) {
@@ -327,11 +344,13 @@ bool Connection::NothingUnread() {
   return ::ioctl(socket_.native_handle(), FIONREAD, &unread) == 0 && unread == 0;
 }
 
-// A client that sends no more may still read. On this machine the kernel knows whether anybody has its socket.
-bool Connection::ClientIsGone() const {
-  std::error_code error;
-  const auto own = socket_.local_endpoint(error);
-  return !error && IsLoopback(peer_endpoint_.address()) && !UserOfPeer(peer_endpoint_, own);
+void Connection::OnIdleCheck() {
+  if (phase_ != Phase::kServing) return;
+  const auto limit = owner_.Options().idle;
+  const auto idle = CommandRunning() ? std::chrono::milliseconds(0) : session_->IdleFor();
+  // The earliest time at which the limit can have passed.
+  if (idle < limit) return After(limit - idle + std::chrono::milliseconds(1), &Connection::OnIdleCheck);
+  session_->Finish("This session was idle for too long and ends.\n");
 }
 
 void Connection::OnLingerEnd() { Close(); }

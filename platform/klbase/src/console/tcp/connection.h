@@ -23,6 +23,7 @@
 #include "console/tcp/access/login_queue.h"
 #include "console/tcp/served_connection.h"
 #include "console/tcp/telnet_filter.h"
+#include "klbase/collapsed_records.h"
 
 namespace cli::internal {
 
@@ -36,6 +37,8 @@ class ConnectionOwner {
   // Input is read into one buffer for all connections: an idle one keeps none.
   virtual std::string& ReadBuffer() = 0;
   virtual std::shared_ptr<ConsoleSession> OpenSession(Connection& connection, SessionKind kind) = 0;
+  // Strangers cause closings as often as they like.
+  virtual klbase::CollapsedRecords& ClosingRecords() = 0;
   // A command runs: its output must be written meanwhile.
   virtual void CommandStarted() = 0;
   // The socket is closed. `connection` is forgotten.
@@ -53,8 +56,10 @@ class Connection : public std::enable_shared_from_this<Connection>,
   // Comes first, or Refuse() does: waits for the client's first byte, then serves. `slot` is kept for the session; none
   // when the session has yet to log in.
   void Start(SessionSlot slot);
-  // Says `text` and closes.
-  void Refuse(std::string_view text);
+  // Says `text` and closes. `at_once`: without waiting for the client, which then may lose the text.
+  void Refuse(std::string_view text, bool at_once);
+  // Refused, and not closed yet.
+  bool Refused() const { return refused_; }
 
   const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
   // For the check of its password.
@@ -65,6 +70,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   // --- ServedConnection
   const std::string& Peer() const override { return peer_; }
   const std::string& Address() const override { return address_; }
+  std::optional<uid_t> User() const override;
   Standing StandingBeforeLogin() override;
   bool LoggedIn() const override { return session_ != nullptr && session_->LoggedIn(); }
   bool CommandRunning() const override { return session_ != nullptr && session_->CommandRunning(); }
@@ -100,6 +106,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   };
 
   void After(std::chrono::milliseconds time, void (Connection::*then)());
+  std::shared_ptr<OutputBuffer> MakeOutput();
   void AwaitReadable();
   void AwaitWritable();
   void OnReadable();
@@ -108,6 +115,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   void OnLoginEnd();
   void OnStallCheck();
   void OnLingerEnd();
+  void OnIdleCheck();
   void Serve(SessionKind kind, bool offer);
   void Read();
   void Deliver(std::string_view bytes);
@@ -117,7 +125,6 @@ class Connection : public std::enable_shared_from_this<Connection>,
   void Drain();
   void Linger();
   bool NothingUnread();
-  bool ClientIsGone() const;
   void Close();
 
   void OnData(std::string_view bytes) override;
@@ -142,6 +149,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
   Phase phase_ = Phase::kSniffing;
   Input input_ = Input::kWanted;
   Pending pending_;
+  bool refused_ = false;
   bool heard_ = false;  // something has been read
   bool dumb_terminal_ = false;
   bool console_ends_ = false;  // a client whose input is all read is not waited for

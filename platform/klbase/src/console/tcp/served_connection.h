@@ -2,7 +2,10 @@
 #ifndef KLBASE_CONSOLE_TCP_SERVED_CONNECTION_H_
 #define KLBASE_CONSOLE_TCP_SERVED_CONNECTION_H_
 
+#include <sys/types.h>
+
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -27,6 +30,8 @@ class ServedConnection {
     kHeard,
   };
   virtual Standing StandingBeforeLogin() = 0;
+  // The user of this machine at the other end; none when that isn't known.
+  virtual std::optional<uid_t> User() const = 0;
   // Its session may run commands.
   virtual bool LoggedIn() const = 0;
   virtual bool CommandRunning() const = 0;

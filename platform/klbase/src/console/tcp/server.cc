@@ -10,6 +10,8 @@
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
@@ -25,6 +27,7 @@
 #include "console/tcp/http_sniff.h"
 #include "console/tcp/listener.h"
 #include "console/tcp/output_tick.h"
+#include "klbase/collapsed_records.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -33,10 +36,11 @@ namespace {
 using Tcp = asio::ip::tcp;
 
 // A browser that was lured to the port must not drive the console. On the I/O thread.
-bool AcceptFirstLine(int session_id, const std::string& peer, std::string_view line, bool whole) {
+bool AcceptFirstLine(klbase::CollapsedRecords& records, int session_id, const std::string& peer, std::string_view line,
+                     bool whole) {
   if (!SpeaksHttp(line, whole)) return true;
-  KL_LOG(40, "console session %d from %s closed: %s\n", session_id, peer.c_str(),
-         whole ? "it speaks HTTP" : "its first line is too long");
+  KL_LOG_COLLAPSED(records, "console session %d from %s closed: %s\n", session_id, peer.c_str(),
+                   whole ? "it speaks HTTP" : "its first line is too long");
   return false;
 }
 
@@ -98,16 +102,31 @@ class ServerImpl : public Server, public ConnectionOwner {
 
  private:
   static constexpr std::size_t kReadSize = 16 << 10;
+  // Refused connections that are waited for, so that the reason arrives; more are closed at once.
+  static constexpr int kMaxRefused = 256;
 
   void Admit(Tcp::socket socket) {
     const auto connection = std::make_shared<Connection>(io_, std::move(socket), *this);
     Admission::Decision decision = admission_.Decide(connection);
     connections_.insert(connection);
-    if (decision.refusal.empty()) {
-      connection->Start(std::move(decision.slot));
-    } else {
-      connection->Refuse(decision.refusal);
-    }
+    TellRecordsLater();
+    if (decision.refusal.empty()) return connection->Start(std::move(decision.slot));
+    const bool many = lingering_ >= kMaxRefused;
+    ++lingering_;
+    connection->Refuse(decision.refusal, many);
+  }
+
+  // A storm's last count is told also when nothing comes behind it.
+  void TellRecordsLater() {
+    if (std::exchange(telling_, true)) return;
+    telling_timer_.expires_after(std::chrono::minutes(1));
+    telling_timer_.async_wait([this](const std::error_code& error) {
+      if (error) return;
+      telling_ = false;
+      bool more = admission_.TellRefusals();
+      for (auto* records : {&openings_, &ends_, &closings_, &browsers_, &wrong_passwords_}) more |= records->Tell();
+      if (more) TellRecordsLater();
+    });
   }
 
   // --- ConnectionOwner
@@ -121,8 +140,8 @@ class ServerImpl : public Server, public ConnectionOwner {
     config.kind = kind;
     config.peer = connection.Peer();
     config.output = connection.Output();
-    config.accept_first_line = [id, peer = config.peer](std::string_view line, bool whole) {
-      return AcceptFirstLine(id, peer, line, whole);
+    config.accept_first_line = [this, id, peer = config.peer](std::string_view line, bool whole) {
+      return AcceptFirstLine(browsers_, id, peer, line, whole);
     };
     config.want_input = [weak = connection.weak_from_this()] {
       if (const auto self = weak.lock()) self->PostResume();
@@ -133,12 +152,14 @@ class ServerImpl : public Server, public ConnectionOwner {
     if (passwords_) config.login = Login(id, connection);
     auto session = std::make_shared<ConsoleSession>(std::move(config));
     parts_.table->Add(session, connection.TakeSlotAlong());
-    KL_LOG(30, "console session %d opens: %s from %s\n", id, KindName(kind), connection.Peer().c_str());
+    KL_LOG_COLLAPSED(openings_, "console session %d opens: %s from %s\n", id, KindName(kind),
+                     connection.Peer().c_str());
     return session;
   }
 
   LoginRules Login(int id, const Connection& connection) {
     LoginRules rules;
+    rules.wrong_passwords = &wrong_passwords_;
     rules.check = [this, address = connection.Address(), client = connection.Client()](std::string password,
                                                                                        auto answer) {
       logins_.Post(std::move(password), address, client, [this, answer = std::move(answer)](PasswordVerdict verdict) {
@@ -149,13 +170,15 @@ class ServerImpl : public Server, public ConnectionOwner {
     return rules;
   }
 
+  klbase::CollapsedRecords& ClosingRecords() override { return closings_; }
   void CommandStarted() override { tick_.Start(); }
 
   void Closed(Connection& connection) override {
     if (const auto& session = connection.Session()) {
-      KL_LOG(30, "console session %d closes\n", session->Id());
+      KL_LOG_COLLAPSED(ends_, "console session %d closes\n", session->Id());
       parts_.table->Reap(session->Id());
     }
+    if (connection.Refused()) --lingering_;
     connections_.erase(connection.shared_from_this());
   }
 
@@ -163,7 +186,16 @@ class ServerImpl : public Server, public ConnectionOwner {
   const Parts parts_;
   const std::unique_ptr<PasswordChecker> passwords_;
   Admission admission_;
+  // A working day's sessions are told one by one, a storm's are not.
+  klbase::CollapsedRecords openings_{30, "opened console sessions", {20, std::chrono::minutes(1)}};
+  klbase::CollapsedRecords ends_{30, "closed console sessions", {20, std::chrono::minutes(1)}};
+  klbase::CollapsedRecords closings_{40, "console connections closed"};
+  klbase::CollapsedRecords browsers_{40, "console sessions closed for their first line"};
+  klbase::CollapsedRecords wrong_passwords_{40, "wrong console passwords", {3, std::chrono::minutes(1)}};
+  int lingering_ = 0;  // refused connections that are not closed yet
+  bool telling_ = false;
   asio::io_context io_{1};
+  asio::steady_timer telling_timer_{io_};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_{asio::make_work_guard(io_)};
   ServedConnections connections_;
   Listener listener_;

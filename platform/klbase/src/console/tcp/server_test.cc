@@ -629,7 +629,9 @@ TEST_F(ServerTest, ABrowserIsClosedWithARecord) {
     EXPECT_EQ(Program(std::string(method) + " /core HTTP/1.1\r\nHost: x\r\n\r\ncore count\r\n"), "") << method;
   }
   EXPECT_EQ(counted_, 0);
-  EXPECT_EQ(log.Count("40 console session "), 6U);
+  EXPECT_EQ(log.Count("40 console session "), 1U);
+  console_.reset();
+  EXPECT_EQ(log.Count("40 5 more in the last minute: console sessions closed for their first line"), 1U);
 }
 
 TEST_F(ServerTest, AnOverlongFirstLineMayBeABrowsersAndEndsTheSession) {
@@ -652,7 +654,7 @@ TEST_F(ServerTest, AClientThatBeginsWithAByteThatNobodyTypesIsClosed) {
   slow.Send(std::string_view("\x16\x03\x01\rcore count\r"));
   slow.ReceiveAll();
   EXPECT_EQ(counted_, 0);
-  EXPECT_EQ(log.Count("40 console connection from 127.0.0.1:"), 2U);
+  EXPECT_EQ(log.Count("40 console connection from 127.0.0.1:"), 1U);  // the other is counted
 }
 
 TEST_F(ServerTest, ABrowserThatIsSlowIsClosedToo) {
@@ -676,6 +678,64 @@ TEST_F(ServerTest, SessionsAboveTheLimitAreToldSo) {
   first.ReceiveAll();
   first.Close();
   EXPECT_TRUE(WaitFor([this] { return Program("core set 1\n") == "1\n"; }));
+}
+
+TEST_F(ServerTest, ASessionEndsAnother) {
+  Open();
+  TestClient operator_session = Operator();
+  EXPECT_EQ(Program("disconnect 1\n"), "Session 1 ends.\n");
+  EXPECT_NE(operator_session.ReceiveAll().find("Session 2 has ended this one.\r\n"), std::string::npos);
+  EXPECT_EQ(Program("disconnect 1\n"), "There is no session 1; \"who\" lists them.\n");
+  EXPECT_EQ(Program("disconnect one\n"),
+            "disconnect: \"one\" is not a session's number; \"who\" lists them. Usage: disconnect <id>\n");
+  EXPECT_EQ(Program("disconnect\n"), "disconnect takes 1 word, not 0. Usage: disconnect <id>\n");
+  EXPECT_EQ(Program("disconnect 6\ncore count\n"), "Session 6 ends.\nSession 6 has ended this one.\n");
+  EXPECT_EQ(counted_, 0);
+}
+
+TEST_F(ServerTest, AnIdleSessionIsToldAndEnds) {
+  options_.idle = 500ms;
+  Open();
+  TestClient busy = Operator();
+  busy.Send("core wait\r");
+  EXPECT_TRUE(gate_.WaitUntilReached());
+  TestClient idle = Operator();
+  EXPECT_NE(idle.ReceiveAll().find("This session was idle for too long and ends.\r\n"), std::string::npos);
+  gate_.Open();
+  busy.ReceiveUntil("done\r\n");
+}
+
+TEST_F(ServerTest, AnotherUserIsRefusedAndToldSo) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  Open();
+  const LogCapture log(30);
+  const int port = console_->Port();
+  ForkedChild child([port] {
+    if (::setuid(65534) != 0) ::_exit(1);
+    TestClient client(port);
+    client.Send("core count\nshutdown\n");
+    const std::string text = client.ReceiveAll();
+    ::_exit(text == "Refused: user 65534 may not use this console (KLBASE_CONSOLE_ALLOW).\r\n" ? 0 : 2);
+  });
+  EXPECT_EQ(child.WaitExit(), ExitState{});
+  EXPECT_EQ(counted_, 0);
+  EXPECT_TRUE(log.WaitForText("40 console connection from 127.0.0.1:"));
+  EXPECT_EQ(Program("core set 1\n"), "1\n");
+}
+
+TEST_F(ServerTest, AnotherUserWhoIsListedGetsIn) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  options_.allow = "65534";
+  Open();
+  const int port = console_->Port();
+  ForkedChild child([port] {
+    if (::setuid(65534) != 0) ::_exit(1);
+    TestClient client(port);
+    client.Send("core set 1\n");
+    client.EndSending();
+    ::_exit(client.ReceiveAll() == "1\n" ? 0 : 2);
+  });
+  EXPECT_EQ(child.WaitExit(), ExitState{});
 }
 
 TEST_F(ServerTest, AThousandConnectionsAtOnce) {

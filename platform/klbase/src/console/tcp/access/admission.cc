@@ -9,7 +9,10 @@
 namespace cli::internal {
 
 Admission::Admission(const ConsoleOptions& options, SessionTable* table)
-    : max_sessions_(options.max_sessions), asks_password_(!options.password_file.empty()), table_(table) {}
+    : max_sessions_(options.max_sessions),
+      asks_password_(!options.password_file.empty()),
+      allowed_(options.allow),
+      table_(table) {}
 
 Admission::Decision Admission::Decide(const std::shared_ptr<ServedConnection>& connection) {
   if (asks_password_) {
@@ -17,10 +20,11 @@ Admission::Decision Admission::Decide(const std::shared_ptr<ServedConnection>& c
     logging_in_.push_back(connection);
     return {};
   }
+  if (std::string refusal = UserRefusal(*connection); !refusal.empty()) return {SessionSlot(), std::move(refusal)};
   SessionSlot slot = table_->TakeSlot();
   if (slot) return {std::move(slot), ""};
-  KL_LOG(40, "console connection from %s refused: all %d sessions are in use\n", connection->Peer().c_str(),
-         max_sessions_);
+  KL_LOG_COLLAPSED(refusals_, "console connection from %s refused: all %d sessions are in use\n",
+                   connection->Peer().c_str(), max_sessions_);
   return {SessionSlot(), Refusal()};
 }
 
@@ -36,6 +40,21 @@ bool Admission::AdmitLoggedIn(int session_id, OutputBuffer& output) {
 
 std::string Admission::Refusal() const {
   return "Too many sessions: all " + std::to_string(max_sessions_) + " are in use. Try again later.\n";
+}
+
+// "" for a user who may use the console. One that isn't known may be anybody.
+std::string Admission::UserRefusal(const ServedConnection& connection) {
+  if (allowed_.Any()) return "";
+  const auto user = connection.User();
+  if (!user) {
+    KL_LOG_COLLAPSED(refusals_, "console connection from %s refused: its user is not known\n",
+                     connection.Peer().c_str());
+    return "Refused: your user is not known to this console.\n";
+  }
+  if (allowed_.Allows(*user)) return "";
+  KL_LOG_COLLAPSED(refusals_, "console connection from %s refused: user %u may not use it\n", connection.Peer().c_str(),
+                   *user);
+  return "Refused: user " + std::to_string(*user) + " may not use this console (KLBASE_CONSOLE_ALLOW).\n";
 }
 
 void Admission::ForgetOthers() {

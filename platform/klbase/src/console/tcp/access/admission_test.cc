@@ -51,6 +51,28 @@ TEST_F(AdmissionTest, ASlotIsFreeAgainWhenItIsGivenUp) {
   EXPECT_TRUE(Decide().slot);
 }
 
+TEST_F(AdmissionTest, AUserWhoMayNotUseTheConsoleIsRefusedWithARecord) {
+  const auto stranger = FakeConnection::In(open_);
+  stranger->user = 54321;
+  const LogCapture log(30);
+  const auto decision = admission_.Decide(stranger);
+  EXPECT_FALSE(decision.slot);
+  EXPECT_EQ(decision.refusal, "Refused: user 54321 may not use this console (KLBASE_CONSOLE_ALLOW).\n");
+  stranger->user = std::nullopt;
+  EXPECT_EQ(admission_.Decide(stranger).refusal, "Refused: your user is not known to this console.\n");
+  EXPECT_EQ(log.Texts(),
+            std::vector<std::string>{"40 console connection from 192.0.2.1:4321 refused: user 54321 may not use it\n"});
+}
+
+TEST_F(AdmissionTest, AnyUserMayAlsoBeUnknown) {
+  ConsoleOptions options = OptionsWith("");
+  options.allow = "any";
+  Admission admission(options, &table_);
+  const auto unknown = FakeConnection::In(open_);
+  unknown->user = std::nullopt;
+  EXPECT_TRUE(admission.Decide(unknown).slot);
+}
+
 class LoginAdmissionTest : public AdmissionTest {
  protected:
   LoginAdmissionTest() : AdmissionTest("/pw") {}
