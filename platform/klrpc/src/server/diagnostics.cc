@@ -2,98 +2,173 @@
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
+#include <google/protobuf/unknown_field_set.h>
 
 #include <algorithm>
 #include <array>
 #include <set>
 
-#include "grpc/health/v1/health.pb.h"
-#include "grpc/reflection/v1alpha/reflection.pb.h"
-#include "klrpc/v1/transport.pb.h"
+#include "server/service_schemas.h"
 
 namespace klrpc {
 namespace {
 
-namespace health = grpc::health::v1;
-namespace reflection = grpc::reflection::v1alpha;
 using google::protobuf::DescriptorPool;
 using google::protobuf::FileDescriptor;
+// A message as its numbered fields. Generated code of these schemas would be one more of the process, see
+// ServiceSchemas().
+using google::protobuf::UnknownFieldSet;
 
 constexpr std::array kServices = {"klrpc.v1.Transport", "grpc.health.v1.Health",
                                   "grpc.reflection.v1alpha.ServerReflection"};
+
+namespace health {
+constexpr int kService = 1;  // of HealthCheckRequest
+constexpr int kStatus = 1;   // of HealthCheckResponse
+enum ServingStatus { kServing = 1, kServiceUnknown = 3 };
+}  // namespace health
+
+namespace reflection {
+// Of ServerReflectionRequest.
+constexpr int kHost = 1;
+constexpr int kFileByFilename = 3;
+constexpr int kFileContainingSymbol = 4;
+constexpr int kListServices = 7;
+// Of ServerReflectionResponse.
+constexpr int kValidHost = 1;
+constexpr int kOriginalRequest = 2;
+constexpr int kFileDescriptorResponse = 4;
+constexpr int kListServicesResponse = 6;
+constexpr int kErrorResponse = 7;
+// Of the messages in the response.
+constexpr int kFileDescriptorProto = 1;
+constexpr int kService = 1;
+constexpr int kName = 1;
+constexpr int kErrorCode = 1;
+constexpr int kErrorMessage = 2;
+}  // namespace reflection
+
+bool Parse(const Buffer& bytes, UnknownFieldSet& fields) {
+  const Slice all = bytes.Flat();
+  return fields.ParseFromArray(all.View().data(), static_cast<int>(all.View().size()));
+}
+
+// The string with this number, the last of several; empty when there is none.
+std::string Text(const UnknownFieldSet& fields, int number) {
+  std::string text;
+  for (int i = 0; i < fields.field_count(); ++i) {
+    const auto& field = fields.field(i);
+    const bool is_text = field.type() == google::protobuf::UnknownField::TYPE_LENGTH_DELIMITED;
+    if (is_text && field.number() == number) text = field.length_delimited();
+  }
+  return text;
+}
+
+CallResult Answer(const UnknownFieldSet& reply) {
+  std::string bytes;
+  reply.SerializeToString(&bytes);
+  return {GRPC_STATUS_OK, "", Slice(bytes)};
+}
+
+void AddPart(UnknownFieldSet& fields, int number, const UnknownFieldSet& part) {
+  part.SerializeToString(fields.AddLengthDelimited(number));
+}
+
+CallResult HealthIs(health::ServingStatus status) {
+  UnknownFieldSet response;
+  response.AddVarint(health::kStatus, status);
+  return Answer(response);
+}
 
 bool Serves(const std::string& service) {
   return service.empty() || std::find(kServices.begin(), kServices.end(), service) != kServices.end();
 }
 
 CallResult CheckHealth(const Buffer& bytes) {
-  health::HealthCheckRequest request;
-  if (!bytes.ParseInto(request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a health check");
-  if (!Serves(request.service())) return Failure(GRPC_STATUS_NOT_FOUND, "no service " + request.service());
-  health::HealthCheckResponse response;
-  response.set_status(health::HealthCheckResponse::SERVING);
-  return {GRPC_STATUS_OK, "", Serialize(response)};
+  UnknownFieldSet request;
+  if (!Parse(bytes, request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a health check");
+  const std::string service = Text(request, health::kService);
+  if (!Serves(service)) return Failure(GRPC_STATUS_NOT_FOUND, "no service " + service);
+  return HealthIs(health::kServing);
 }
 
 // A server that answers serves, so the first answer is the last.
 CallResult WatchHealth(const Buffer& bytes) {
-  health::HealthCheckRequest request;
-  if (!bytes.ParseInto(request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a health check");
-  health::HealthCheckResponse response;
-  response.set_status(Serves(request.service()) ? health::HealthCheckResponse::SERVING
-                                                : health::HealthCheckResponse::SERVICE_UNKNOWN);
-  return {GRPC_STATUS_OK, "", Serialize(response)};
+  UnknownFieldSet request;
+  if (!Parse(bytes, request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a health check");
+  return HealthIs(Serves(Text(request, health::kService)) ? health::kServing : health::kServiceUnknown);
 }
 
 // The file and all that it imports, each once.
-void AddFiles(const FileDescriptor* file, std::set<const FileDescriptor*>& added,
-              reflection::FileDescriptorResponse& response) {
+void AddFiles(const FileDescriptor* file, std::set<const FileDescriptor*>& added, UnknownFieldSet& response) {
   if (!added.insert(file).second) return;
   google::protobuf::FileDescriptorProto proto;
   file->CopyTo(&proto);
-  response.add_file_descriptor_proto(proto.SerializeAsString());
+  response.AddLengthDelimited(reflection::kFileDescriptorProto, proto.SerializeAsString());
   for (int i = 0; i < file->dependency_count(); ++i) AddFiles(file->dependency(i), added, response);
 }
 
-void SetFile(const FileDescriptor* file, reflection::ServerReflectionResponse& response) {
-  if (file == nullptr) {
-    response.mutable_error_response()->set_error_code(GRPC_STATUS_NOT_FOUND);
-    response.mutable_error_response()->set_error_message("not found");
-    return;
-  }
+void AddFile(const FileDescriptor* file, UnknownFieldSet& response) {
   std::set<const FileDescriptor*> added;
-  AddFiles(file, added, *response.mutable_file_descriptor_response());
+  UnknownFieldSet files;
+  AddFiles(file, added, files);
+  AddPart(response, reflection::kFileDescriptorResponse, files);
 }
 
-// Knows every schema that is linked into the process, also those of the messages inside an Any.
-CallResult Reflect(const Buffer& bytes) {
-  using Request = reflection::ServerReflectionRequest;
-  Request request;
-  if (!bytes.ParseInto(request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a reflection request");
-  reflection::ServerReflectionResponse response;
-  response.set_valid_host(request.host());
-  *response.mutable_original_request() = request;
-  const DescriptorPool& pool = *DescriptorPool::generated_pool();
-  switch (request.message_request_case()) {
-    case Request::kListServices:
-      for (const char* name : kServices) response.mutable_list_services_response()->add_service()->set_name(name);
-      break;
-    case Request::kFileByFilename:
-      SetFile(pool.FindFileByName(request.file_by_filename()), response);
-      break;
-    case Request::kFileContainingSymbol:
-      SetFile(pool.FindFileContainingSymbol(request.file_containing_symbol()), response);
-      break;
-    case Request::kFileContainingExtension:
-    case Request::kAllExtensionNumbersOfType:
-      SetFile(nullptr, response);  // these schemas have no extensions
-      break;
-    case Request::MESSAGE_REQUEST_NOT_SET:
-      response.mutable_error_response()->set_error_code(GRPC_STATUS_INVALID_ARGUMENT);
-      response.mutable_error_response()->set_error_message("the request asks for nothing");
-      break;
+void AddError(grpc_status_code code, const char* text, UnknownFieldSet& response) {
+  UnknownFieldSet error;
+  error.AddVarint(reflection::kErrorCode, code);
+  error.AddLengthDelimited(reflection::kErrorMessage, text);
+  AddPart(response, reflection::kErrorResponse, error);
+}
+
+void AddServices(UnknownFieldSet& response) {
+  UnknownFieldSet list;
+  for (const char* name : kServices) {
+    UnknownFieldSet service;
+    service.AddLengthDelimited(reflection::kName, name);
+    AddPart(list, reflection::kService, service);
   }
-  return {GRPC_STATUS_OK, "", Serialize(response)};
+  AddPart(response, reflection::kListServicesResponse, list);
+}
+
+const FileDescriptor* FindIn(const DescriptorPool& pool, int question, const std::string& name) {
+  // These schemas have no extensions.
+  if (question == reflection::kFileByFilename) return pool.FindFileByName(name);
+  return question == reflection::kFileContainingSymbol ? pool.FindFileContainingSymbol(name) : nullptr;
+}
+
+// The number of the last question, 0 for none.
+int Question(const UnknownFieldSet& request) {
+  int question = 0;
+  for (int i = 0; i < request.field_count(); ++i) {
+    const int number = request.field(i).number();
+    if (number >= reflection::kFileByFilename && number <= reflection::kListServices) question = number;
+  }
+  return question;
+}
+
+// Knows its own services and every schema that is linked into the process, also those of the messages inside an Any.
+CallResult Reflect(const Buffer& bytes) {
+  UnknownFieldSet request;
+  if (!Parse(bytes, request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "not a reflection request");
+  const int question = Question(request);
+  UnknownFieldSet response;
+  response.AddLengthDelimited(reflection::kValidHost, Text(request, reflection::kHost));
+  AddPart(response, reflection::kOriginalRequest, request);
+  if (question == 0) {
+    AddError(GRPC_STATUS_INVALID_ARGUMENT, "the request asks for nothing", response);
+    return Answer(response);
+  }
+  if (question == reflection::kListServices) {
+    AddServices(response);
+    return Answer(response);
+  }
+  const std::string name = Text(request, question);
+  const FileDescriptor* file = FindIn(ServiceSchemas(), question, name);
+  if (file == nullptr) file = FindIn(*DescriptorPool::generated_pool(), question, name);
+  file != nullptr ? AddFile(file, response) : AddError(GRPC_STATUS_NOT_FOUND, "not found", response);
+  return Answer(response);
 }
 
 // Not registered with gRPC: calls of any other method need an answer too, and come the same way.
