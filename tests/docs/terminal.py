@@ -38,9 +38,9 @@ class Terminal:
         except pexpect.EOF:
             self.ended = True
 
-    def wait(self, condition):
+    def wait(self, condition, limit_s=None):
         """Reads until the condition holds or the program has ended or the time is over; whether it holds."""
-        limit = time.monotonic() + self.limit_s
+        limit = time.monotonic() + (limit_s or self.limit_s)
         while not condition():
             if self.ended or time.monotonic() > limit:
                 return False
