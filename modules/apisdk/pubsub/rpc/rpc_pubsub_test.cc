@@ -11,9 +11,12 @@
 #include "absl/synchronization/notification.h"
 #include "absl/time/time.h"
 #include "apisdk/pubsub_sdk.h"
+#include "cli/console.h"
+#include "cli/menu.h"
 #include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/network/tcp_client.h"
 
 namespace apis {
 namespace {
@@ -247,6 +250,24 @@ TEST(ApiPubSubSdkTest, ReplacesAnObjectThatWasThere) {
   EXPECT_EQ(second.published.size(), 1u);
   first.SignalSubscribeState.emit(StateOf(2));
   EXPECT_THAT(first.subscribed, IsEmpty());
+}
+
+TEST(ApiPubSubSdkTest, AnOperatorIsToldOnceOfEventsThatAreMissed) {
+  const auto console = cli::ConsoleFactory::Create(std::make_unique<cli::Menu>("main"), false, 0);
+  vextest::TcpClient terminal(console->Port());
+  ASSERT_TRUE(terminal.Expect("main> "));
+  RecordingClient client;
+  const ClientGetter getter = [&client]() -> klrpc::APIClient& { return client; };
+  ApiPubSubSdk sdk;
+  sdk.InitPubSubPlayd(getter);
+  sdk.InitPubSubPlayd(getter);
+  client.SignalSubscribeLoss.emit("layer/a", 3);
+  client.SignalSubscribeLoss.emit("layer/b", 4);
+  const auto shown = terminal.TakeUntil("4 events of layer/b were missed\r\n");
+  ASSERT_TRUE(shown.has_value());
+  const auto first = shown->find("3 events of layer/a were missed\r\n");
+  EXPECT_NE(first, std::string::npos);
+  EXPECT_EQ(shown->find("3 events", first + 1), std::string::npos);
 }
 
 }  // namespace

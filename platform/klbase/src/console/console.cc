@@ -15,6 +15,7 @@
 #include "cli/plugin.h"
 #include "console/builtins.h"
 #include "console/exit_guard.h"
+#include "console/notice.h"
 #include "console/session/session_table.h"
 #include "console/tcp/server.h"
 #include "console/terminal/local_console.h"
@@ -28,7 +29,10 @@ namespace {
 
 // The state that the console's threads share. Kept alive by the console, by a thread in Run() or in the exit handler,
 // and for good when a command could not be ended.
-class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enable_shared_from_this<ConsoleRuntime> {
+class ConsoleRuntime : public SessionHost,
+                       public StopsAtExit,
+                       public ShowsNotices,
+                       public std::enable_shared_from_this<ConsoleRuntime> {
  public:
   ConsoleRuntime(std::unique_ptr<Menu> root, const ConsoleOptions& options)
       : options_(options), root_(std::move(root)), table_(options.max_sessions) {
@@ -134,6 +138,17 @@ class ConsoleRuntime : public SessionHost, public StopsAtExit, public std::enabl
 
   void ThreadEnded(int session_id) override { server_->PostReap(session_id); }
 
+  // --- ShowsNotices
+
+  void ShowNotice(std::string_view line) override {
+    for (const auto& session : table_.All()) {
+      const bool interactive = session->Kind() == SessionKind::kTelnet || session->Kind() == SessionKind::kTerminal;
+      // Without a reader they would pile up.
+      const bool read = session->Output()->Pending() <= OutputBuffer::kBusyPending;
+      if (interactive && read && session->LoggedIn()) session->Notice(line);
+    }
+  }
+
   // --- StopsAtExit
 
   bool StopForExit() override {
@@ -224,6 +239,7 @@ std::unique_ptr<Console> MakeConsole(std::unique_ptr<Menu> root, const ConsoleOp
   auto runtime = std::make_shared<ConsoleRuntime>(std::move(root), options);
   runtime->Start();
   StopAtExit(runtime);
+  AddToNotices(runtime);
   return std::make_unique<ConsoleHandle>(std::move(runtime));
 }
 
