@@ -14,6 +14,7 @@ MINUTES = 4
 
 CONNECTIONS = 1000
 WORK_S = 45
+BESIDE_LIMIT_S = 5.0  # far more than it takes where each connection gets its turn
 PACE_S = 2.0  # each worker's pause, on average: operators, not a benchmark
 MEMORY_BOUND_KIB = 32768  # the allocator keeps a varying part of the stalled readers' buffers
 KEPT = 2 * 16  # descriptors that the two daemons' clients keep for calls to come
@@ -105,6 +106,22 @@ async def one_crowd(soak, tool, port, replies, each, seconds):
     return quiet, busy, did, most
 
 
+async def beside(soak, port, replies, operator, each, seconds):
+    """The latencies of one operator who works beside those that disturb, with nobody else at work."""
+    crowd = Crowd(soak, port, each)
+    await crowd.started()
+    latencies = []
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        soak.require(await replies.encoder(operator), "the operator beside the crowd was told of a failure")
+        latencies.append(operator.latency if operator.latency is not None else float("inf"))
+        await asyncio.sleep(0.02)
+    await crowd.ended()
+    if not soak.sanitized:
+        soak.require(max(latencies) <= BESIDE_LIMIT_S, f"the operator beside the crowd waited {milliseconds(max(latencies))}")
+    return latencies
+
+
 async def run(soak):
     limit = free_sockets()
     each = soak.count(CONNECTIONS, 30) // 3
@@ -134,6 +151,7 @@ async def run(soak):
         memory.append(tool.rss_kib())
         if number == 0:
             report(soak, each, baseline, quiet, busy, did, most)
+    soak.number("one operator beside the others", show(await beside(soak, port, replies, first, each, seconds / 2)))
     soak.uptime_check(tool)
     soak.require(await replies.encoder(first), "the first session does not work any more")
     first.close()

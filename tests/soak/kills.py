@@ -133,13 +133,13 @@ async def balance(soak, tool, replies, events, encoder, player):
     player.ended_in_order.append(last)
     await asyncio.sleep(1.0)  # for events still under way; no signal marks the last one
     sent, unshown = replies.balance(encoder.daemons + player.daemons)
-    queued, printed, gone = events.balance(player.daemons, player.ended_in_order)
+    published, printed, gone = events.balance(player.daemons, player.ended_in_order)
     failures = replies.lost["e"] + replies.lost["p"]
     logged = len(re.findall(r" 50 \d+ modules/apisdk/(?:encoder|player)/", tool.log()))
     soak.require(logged == failures, f"{failures} commands failed and {logged} level-50 records say so")
     soak.number("replies sent / shown / lost with the daemon and reported", f"{sent} / {len(replies.shown)} / {unshown}")
     soak.number("commands that reported a failure", failures)
-    soak.number("events accepted / printed / gone with the daemon", f"{queued} / {printed} / {gone}")
+    soak.number("events published / printed / gone with the daemon", f"{published} / {printed} / {gone}")
 
 
 async def real(soak):

@@ -73,9 +73,9 @@ async def run(soak):
     await daemons[1].ended(soak.limit_s)
     await asyncio.sleep(1.0)  # for events still under way; no signal marks the last one
     replies.balance(daemons)
-    queued, printed, _ = events.balance(daemons[1:], daemons[1:])
-    soak.number("commands / sessions / events accepted / printed",
-                f"{len(replies.shown)} / {visits + STEADY} / {queued} / {printed}")
+    published, printed, _ = events.balance(daemons[1:], daemons[1:])
+    soak.number("commands / sessions / events published / printed",
+                f"{len(replies.shown)} / {visits + STEADY} / {published} / {printed}")
     if not soak.sanitized:
         judge(soak, samples)
     await end_in_order(soak, tool)
