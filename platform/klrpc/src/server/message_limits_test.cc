@@ -5,6 +5,7 @@
 #include <grpcpp/impl/codegen/client_unary_call.h>
 #include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/security/credentials.h>
+#include <grpcpp/support/sync_stream.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -30,15 +31,18 @@ constexpr std::size_t kMiB = 1u << 20;
 constexpr std::size_t kLargest = 4 * kMiB;
 constexpr std::size_t kEndless = 100 * kMiB;
 
+grpc::ChannelArguments OwnConnection() {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  arguments.SetMaxReceiveMessageSize(-1);
+  return arguments;
+}
+
 // A client of another make, on a connection of its own.
 class ForeignClient {
  public:
-  explicit ForeignClient(const std::string& address) {
-    grpc::ChannelArguments own;
-    own.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-    own.SetMaxReceiveMessageSize(-1);
-    channel_ = grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), own);
-  }
+  explicit ForeignClient(const std::string& address)
+      : channel_(grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), OwnConnection())) {}
 
   grpc::Status Call(std::size_t size, grpc_compression_algorithm compression = GRPC_COMPRESS_NONE) {
     Any request;
@@ -47,9 +51,9 @@ class ForeignClient {
     return Send("/klrpc.v1.Transport/Call", request, reply, compression);
   }
   // A message of `size` bytes.
-  grpc::Status Publish(std::size_t size) {
+  grpc::Status Publish(std::size_t size, const std::string& topic = "topic") {
     v1::PubsubMessage message;
-    message.set_topic("topic");
+    message.set_topic(topic);
     message.set_msg_id("id");
     message.set_payload(std::string(size, 'x'));
     if (message.ByteSizeLong() > size) message.set_payload(std::string(size - (message.ByteSizeLong() - size), 'x'));
@@ -230,6 +234,37 @@ class ReceivingMemoryTest : public ::testing::Test {
   ChildServer server_{address_};
 };
 
+// A subscriber that takes its confirmation and reads nothing.
+class StillSubscriber {
+ public:
+  StillSubscriber(const std::string& address, const std::string& topic)
+      : channel_(grpc::CreateCustomChannel(address, grpc::InsecureChannelCredentials(), OwnConnection())) {
+    v1::SubscribeRequest request;
+    request.set_client_id("still");
+    request.add_topics(topic);
+    reader_.reset(grpc::internal::ClientReaderFactory<v1::PubsubMessage>::Create(
+        channel_.get(),
+        grpc::internal::RpcMethod("/klrpc.v1.Transport/Subscribe", grpc::internal::RpcMethod::SERVER_STREAMING,
+                                  channel_),
+        &context_, request));
+    reader_->WaitForInitialMetadata();
+  }
+  ~StillSubscriber() {
+    context_.TryCancel();
+    v1::PubsubMessage message;
+    while (reader_->Read(&message)) {
+    }
+    reader_->Finish();
+  }
+  StillSubscriber(const StillSubscriber&) = delete;
+  StillSubscriber& operator=(const StillSubscriber&) = delete;
+
+ private:
+  grpc::ClientContext context_;
+  std::shared_ptr<grpc::Channel> channel_;
+  std::unique_ptr<grpc::ClientReader<v1::PubsubMessage>> reader_;
+};
+
 #ifdef VEXTEST_SANITIZED
 constexpr long kSanitizersOwnKb = 1L << 30;  // it keeps freed memory and marks all of it
 #else
@@ -242,6 +277,26 @@ TEST_F(ReceivingMemoryTest, ARequestThatDoesNotEndCostsLessThan24MiB) {
 
 TEST_F(ReceivingMemoryTest, SendersOfTooMuchCostNoMoreThanTheirQuotas) {
   EXPECT_LT(RaisedByKb(8), (8 + 1) * 16 * 1024 + kSanitizersOwnKb);
+}
+
+// Each has a topic of its own, so that they share no message.
+TEST_F(ReceivingMemoryTest, ManySubscribersThatStandStillCostABoundedAmount) {
+  constexpr int kSubscribers = 64;
+  constexpr int kMessages = 14;
+  constexpr long kBoundKb = (128 + kSubscribers * (4 + 2) + 32 + 32) * 1024;  // all, their shares, the rings, the rest
+  const auto topic = [](int i) { return "topic" + std::to_string(i); };
+  std::vector<std::unique_ptr<StillSubscriber>> subscribers;
+  subscribers.reserve(kSubscribers);
+  for (int i = 0; i < kSubscribers; ++i) {
+    subscribers.push_back(std::make_unique<StillSubscriber>(address_, topic(i)));
+  }
+  const long before = PeakKb(server_.Pid());
+  ForeignClient publisher(address_);
+  for (int message = 0; message < kMessages; ++message) {
+    for (int i = 0; i < kSubscribers; ++i) ASSERT_TRUE(publisher.Publish(kMiB, topic(i)).ok());
+  }
+  EXPECT_LT(PeakKb(server_.Pid()) - before, kBoundKb + kSanitizersOwnKb);
+  EXPECT_TRUE(publisher.Call(1000).ok());
 }
 
 }  // namespace

@@ -233,14 +233,27 @@ bool SubscriberStream::Enqueue(const Delivery& message, bool& kick) {
   const absl::MutexLock lock(&mutex_);
   if (gone_ || ending_) return false;
   const std::size_t size = message.Size();
-  if (queue_.size() >= kMaxQueued || queued_bytes_ + size > kMaxQueuedBytes) {
+  if (queue_.size() >= kMaxQueued || !HasRoomLocked(size)) {
     ++dropped_;
     return false;
   }
   queue_.push_back(message);
   queued_bytes_ += size;
+  method_.hub.QueuedBytes() += size;
   kick = !std::exchange(sending_, true);
   return true;
+}
+
+bool SubscriberStream::HasRoomLocked(std::size_t size) const {
+  const std::size_t own = queued_bytes_ + size;
+  if (own <= kShareBytes) return true;
+  return own <= kMaxQueuedBytes && method_.hub.QueuedBytes() + size <= kMaxQueuedBytesOfAll;
+}
+
+void SubscriberStream::DropQueueLocked() {
+  missed_.clear();
+  queue_.clear();
+  method_.hub.QueuedBytes() -= std::exchange(queued_bytes_, 0);
 }
 
 bool SubscriberStream::EndAfterQueue(grpc_status_code code, const std::string& text) {
@@ -260,8 +273,7 @@ void SubscriberStream::OnSent(bool ok) {
   }
   const absl::MutexLock lock(&mutex_);
   gone_ = true;
-  missed_.clear();
-  queue_.clear();
+  DropQueueLocked();
 }
 
 // For the thread that set sending_.
@@ -289,7 +301,10 @@ Delivery SubscriberStream::TakeMessageLocked() {
   std::deque<Delivery>& from = missed_.empty() ? queue_ : missed_;
   Delivery message = std::move(from.front());
   from.pop_front();
-  if (&from == &queue_) queued_bytes_ -= message.Size();
+  if (&from == &queue_) {
+    queued_bytes_ -= message.Size();
+    method_.hub.QueuedBytes() -= message.Size();
+  }
   return message;
 }
 
@@ -323,8 +338,7 @@ void SubscriberStream::OnClosed(bool) {
   {
     const absl::MutexLock lock(&mutex_);
     gone_ = true;
-    missed_.clear();
-    queue_.clear();
+    DropQueueLocked();
     report = TakeDropReportLocked();
   }
   if (!report.empty()) KL_LOG(40, "%s", report.c_str());

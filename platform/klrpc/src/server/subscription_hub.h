@@ -4,6 +4,7 @@
 
 #include <grpc/grpc.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -47,6 +48,9 @@ class SubscriptionHub {
   // Ends all streams, each after its queued messages, and refuses later ones.
   void Close();
 
+  // The bytes that wait for all subscribers together.
+  std::atomic<std::size_t>& QueuedBytes() { return queued_bytes_; }
+
  private:
   using StreamSet = std::set<std::shared_ptr<SubscriberStream>>;
 
@@ -56,6 +60,7 @@ class SubscriptionHub {
       ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   std::string PositionsLocked(const klrpc::v1::SubscribeRequest& request) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
 
+  std::atomic<std::size_t> queued_bytes_ = 0;
   mutable absl::Mutex mutex_;
   bool closed_ ABSL_GUARDED_BY(mutex_) = false;
   TopicRings rings_ ABSL_GUARDED_BY(mutex_);
@@ -79,6 +84,11 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
 
   // The most bytes that wait: fewer messages when they are large.
   static constexpr std::size_t kMaxQueuedBytes = 64u << 20;
+
+  // When more than this waits for all subscribers together, each has room for its share only: many that stand still
+  // take no memory without end, and no room from one that reads.
+  static constexpr std::size_t kMaxQueuedBytesOfAll = 128u << 20;
+  static constexpr std::size_t kShareBytes = kMaxFrameBytes;  // at least one message
 
   // Waits for a subscription, serves it, and starts to wait for the next. `method` outlives the context.
   static void Start(const Method& method);
@@ -125,6 +135,8 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   void SendNext();
   // False, with the call cut off, when gRPC refuses.
   bool StartBatch(const grpc_op& op, Completion<SubscriberStream>& completion);
+  bool HasRoomLocked(std::size_t size) const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  void DropQueueLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   Delivery TakeMessageLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   Step NextStepLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void Finish(grpc_status_code code, const std::string& text);
