@@ -126,6 +126,61 @@ def test_a_crash_is_followed_by_a_new_start(installed):
     assert "git-version:" in ask(installed, "core show version")
 
 
+# Holds the console's port, so that a start fails.
+HOLDER = """
+import signal, socket
+holder = socket.socket()
+holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+holder.bind(("127.0.0.1", 50000))
+holder.listen()
+signal.pause()
+"""
+
+
+def test_a_start_that_fails_is_tried_again_until_it_works(installed):
+    installed.inside("systemctl", "stop", "vextool.service")
+    installed.inside("systemctl", "reset-failed")
+    installed.inside("systemd-run", "--unit=holder", "python3", "-c", HOLDER)
+    wait_until(lambda: ":C350 " in installed.inside("cat", "/proc/net/tcp"), "the port is held")
+    installed.inside("systemctl", "start", "--no-block", "vextool.service")
+    wait_until(lambda: int(installed.unit("vextool.service", "NRestarts")["NRestarts"]) >= 2, "two more starts")
+    assert "Exception caugth in main: " in journal(installed, "vextool.service")
+    installed.inside("systemctl", "stop", "holder.service")
+    wait_until(lambda: state(installed, "vextool.service") == "active", "a start that works")
+    assert "git-version:" in ask(installed, "core show version")
+
+
+def test_a_log_elsewhere_is_refused_by_the_read_only_file_system_and_the_console_works(installed):
+    (installed.path / "etc/default/vextool").write_text("KLBASE_LOG_FILE=/srv/vextool.log\n", encoding="ascii")
+    installed.inside("systemctl", "restart", "vextool.service")
+    assert "git-version:" in ask(installed, "core show version")
+    assert "'/srv/vextool.log': Read-only file system" in journal(installed, "vextool.service")
+    assert not (installed.path / "srv/vextool.log").exists()
+
+
+def test_the_services_have_limits_and_the_console_its_group(installed):
+    limits = {unit: installed.unit(unit, "MemoryMax", "TasksMax") for unit in UNITS}
+    assert limits == {"vextool.service": {"MemoryMax": str(256 << 20), "TasksMax": "256"},
+                      "encd.service": {"MemoryMax": str(512 << 20), "TasksMax": "256"},
+                      "playd.service": {"MemoryMax": str(2 << 30), "TasksMax": "1024"}}
+    assert installed.inside("id", "--group", "--name", "vextool") == "vextool\n"
+    environment = installed.inside("cat", f"/proc/{main_process(installed, 'vextool.service')}/environ").split("\0")
+    assert "KLBASE_CONSOLE_ALLOW=@vextool" in environment
+
+
+def test_of_other_users_the_members_of_the_group_may_use_the_console(installed):
+    def ask_as(user):
+        return installed.inside("runuser", "-u", user, "--", "python3", "-c", CLIENT + "\n", 50000, "core show version")
+    assert "git-version:" in ask(installed, "core show version")  # root
+    assert "git-version:" in ask_as("vextool")
+    refused = installed.inside("sh", "-c", 'runuser -u games -- python3 -c "$0" 50000 "core show version" || true', CLIENT)
+    assert "git-version:" not in refused
+    installed.inside("adduser", "--quiet", "games", "vextool")
+    installed.inside("systemctl", "restart", "vextool.service")
+    assert "git-version:" in ask_as("games")
+    installed.inside("deluser", "--quiet", "games", "vextool")
+
+
 def test_flags_and_environment_come_from_the_defaults_file(installed):
     defaults = installed.path / "etc/default/vextool"
     defaults.write_text("VEXTOOL_FLAGS=--cli_port=50123\nKLBASE_LOG_LEVEL=30\n", encoding="ascii")
