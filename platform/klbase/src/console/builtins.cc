@@ -63,7 +63,7 @@ void ShowHistory(const Call& call, const Arguments&) {
   for (const auto& line : call.session.History()) {
     char prefix[32];
     std::snprintf(prefix, sizeof prefix, "%5zu  ", ++number);
-    call.session.OutStream() << prefix << DisplayPrefix(line, std::numeric_limits<int>::max()) << '\n';
+    call.session.OutStream() << prefix + DisplayPrefix(line, std::numeric_limits<int>::max()) + '\n';
   }
 }
 

@@ -234,6 +234,11 @@ class ConsoleHandle : public Console {
 }  // namespace
 
 std::unique_ptr<Console> MakeConsole(std::unique_ptr<Menu> root, const ConsoleOptions& options) {
+#ifdef NDEBUG
+  // Debian's Abseil looks for cycles of locks with each lock, in a table that all threads share: a crowd of sessions
+  // would wait for that most of the time. Debug builds look on.
+  absl::SetMutexDeadlockDetectionMode(absl::OnDeadlockCycle::kIgnore);
+#endif
   // A reader that goes away is an error of the write, not the end of the process.
   ::signal(SIGPIPE, SIG_IGN);
   auto runtime = std::make_shared<ConsoleRuntime>(std::move(root), options);

@@ -240,9 +240,13 @@ void Connection::OnLoginEnd() {
   if (phase_ == Phase::kServing && !session_->LoggedIn()) Abort("it did not log in in time");
 }
 
+// Once for each turn: the other connections have theirs before the rest is read.
 void Connection::Read() {
+  // An operator's bytes go through the line editor, on this thread: some hundred of them take a millisecond.
+  constexpr std::size_t kEditedAtOnce = 256;
   std::string& buffer = owner_.ReadBuffer();
-  const ssize_t count = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+  const std::size_t most = filter_ ? kEditedAtOnce : buffer.size();
+  const ssize_t count = ::recv(socket_.native_handle(), buffer.data(), most, MSG_DONTWAIT);
   if (count > 0) {
     const bool first = !std::exchange(heard_, true);
     if (first && IsForeignFirstByte(static_cast<unsigned char>(buffer.front()))) {

@@ -30,7 +30,7 @@ class Listener {
   using Accepted = std::function<void(asio::ip::tcp::socket socket)>;
 
   // Connections that are accepted in a row before others, which are served already, have their turn.
-  static constexpr int kAtOnce = 64;
+  static constexpr int kAtOnce = 16;
 
   // `accepted` gets each connection's socket, non-blocking and closed on exec. Throws std::runtime_error, with a text
   // for the operator, when the endpoint can't be used. `io` must outlive it.

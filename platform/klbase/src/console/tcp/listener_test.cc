@@ -99,9 +99,9 @@ TEST_F(ListenerTest, ManyConnectionsAreAcceptedInBatches) {
   Connect(Listener::kAtOnce + 3);
   listener_.Start();
   Step();
-  EXPECT_EQ(accepted_.size(), 64U);
+  EXPECT_EQ(accepted_.size(), std::size_t{Listener::kAtOnce});
   Step();
-  EXPECT_EQ(accepted_.size(), 67U);
+  EXPECT_EQ(accepted_.size(), std::size_t{Listener::kAtOnce + 3});
 }
 
 TEST_F(ListenerTest, ItsAddressIsTheOneThatWasBound) {

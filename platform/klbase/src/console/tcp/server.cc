@@ -4,6 +4,7 @@
 #include "console/tcp/asio_setup.h"
 // clang-format on
 
+#include <malloc.h>
 #include <signal.h>
 
 #include <asio/executor_work_guard.hpp>
@@ -116,6 +117,18 @@ class ServerImpl : public Server, public ConnectionOwner {
     connection->Refuse(decision.refusal, many);
   }
 
+  // What sessions have used stays with the allocator, which gives little of it back by itself.
+  void TrimMemoryLater() {
+    constexpr auto kCalm = std::chrono::seconds(5);
+    if (std::exchange(trimming_, true)) return;
+    trim_timer_.expires_after(kCalm);
+    trim_timer_.async_wait([this](const std::error_code& error) {
+      if (error) return;
+      trimming_ = false;
+      ::malloc_trim(0);
+    });
+  }
+
   // A storm's last count is told also when nothing comes behind it.
   void TellRecordsLater() {
     if (std::exchange(telling_, true)) return;
@@ -179,6 +192,7 @@ class ServerImpl : public Server, public ConnectionOwner {
       parts_.table->Reap(session->Id());
     }
     if (connection.Refused()) --lingering_;
+    TrimMemoryLater();
     connections_.erase(connection.shared_from_this());
   }
 
@@ -196,6 +210,8 @@ class ServerImpl : public Server, public ConnectionOwner {
   bool telling_ = false;
   asio::io_context io_{1};
   asio::steady_timer telling_timer_{io_};
+  bool trimming_ = false;
+  asio::steady_timer trim_timer_{io_};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_{asio::make_work_guard(io_)};
   ServedConnections connections_;
   Listener listener_;
