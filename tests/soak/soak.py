@@ -25,7 +25,7 @@ sys.path[:0] = [str(HERE), str(ROOT / "platform" / "testing" / "network")]
 import private_network  # noqa: E402
 
 FULL_MINUTES = 30  # with which the full counts are reached
-SCENARIOS = ["kills", "interrupt", "crowd", "memory", "disk", "logfile", "descriptors", "clock", "vanished", "unread", "restarts", "logins", "strangers"]
+SCENARIOS = ["kills", "interrupt", "crowd", "memory", "disk", "logfile", "descriptors", "clock", "vanished", "unread", "restarts", "logins", "strangers", "foreign"]
 # A sanitizer's build is some ten times slower, and there are two of them: they get a share.
 SHARES = {"release": 1.0, "asan-ubsan": 0.1, "tsan": 0.08}
 SANITIZED = ["kills", "interrupt", "crowd", "memory"]
