@@ -234,6 +234,25 @@ TEST_F(PubsubTest, APublicationToAFrozenServerFailsAfterTheTimeLimit) {
   EXPECT_TRUE(listener.published.WaitFor([](const Texts& list) { return Has(list, "failed id-2"); }));
 }
 
+// Each of them used to wait for the time limit anew.
+TEST_F(PubsubTest, AFrozenServerDelaysAllPublicationsByOneTimeLimit) {
+  const ScopedVariable limit("KLRPC_CALL_TIMEOUT_MS", "1000");
+  const std::string address = UniqueAddress();
+  const auto client = Connect(address);
+  Listener listener(*client);
+  ChildServer server(address);
+  server.Signal(SIGSTOP);
+  constexpr int kMessages = 2 * kLimit / 1000ms;
+  Texts wanted;
+  wanted.reserve(kMessages);
+  for (int i = 0; i < kMessages; ++i) {
+    EXPECT_TRUE(client->PublishMessage(Message("a", "x", std::to_string(i))));
+    wanted.push_back("failed " + std::to_string(i));
+  }
+  EXPECT_TRUE(listener.published.WaitFor([](const Texts& list) { return list.size() == kMessages; }));
+  EXPECT_EQ(listener.published.Get(), wanted);
+}
+
 TEST_F(PubsubTest, AMessageThatCannotBeSentIsRefusedWithTheReason) {
   EXPECT_FALSE(client_->PublishMessage(Message("", "x")));
   EXPECT_FALSE(client_->PublishMessage(Message("a", std::string(4u << 20, 'x'))));

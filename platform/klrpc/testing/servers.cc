@@ -8,6 +8,7 @@
 #include <iterator>
 #include <utility>
 
+#include "platform/klrpc/testing/large_sender.h"
 #include "platform/testing/environment.h"
 #include "transport/unix_address.h"
 
@@ -138,6 +139,7 @@ int RunChild(int argc, char** argv) {
   if (argc != 3) return -1;
   const std::string mode = argv[1];
   if (mode == "--serve") return ServeUntilKilled(argv[2]);
+  if (mode == "--send-without-limit") return SendWithoutLimit(argv[2], SayReady);
   if (mode == "--serve-as-nobody") return ServeAsNobody(argv[2]);
   if (mode == "--call-as-nobody") return CallAsNobody(argv[2]);
   if (mode == "--subscribe") return SubscribeUntilKilled(argv[2]);

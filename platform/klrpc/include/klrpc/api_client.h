@@ -52,7 +52,7 @@ class KLRPC_EXPORT APIClientOptions {
 // Construction connects nothing and never fails; the first operation connects. All operations may be called from any
 // thread at the same time; errors are returned and logged. Destruction ends every publication, stream and thread of the
 // client within 1 s, also when the peer is dead or hung; only a slot that runs longer than that is waited for. No other
-// thread may still use the client then, and it is not for a slot of its own signals.
+// thread may still use the client then. A slot of its own signals that destroys it stops the program with a message.
 class KLRPC_EXPORT APIClient {
  public:
   explicit APIClient(std::unique_ptr<APIClientOptions> options);
@@ -63,8 +63,9 @@ class KLRPC_EXPORT APIClient {
   // Sends `request` (as it is, not packed; an Any travels as it stands) and waits for the reply: 3 s at most, or
   // KLRPC_CALL_TIMEOUT_MS of the environment. Returns true when a reply was received. Returns false, with `reply`
   // untouched and one level-40 record that names address, code and text, when nobody listens (at once), when time is
-  // up, when a message is larger than 4 MiB or when the server refused. Never retried. Don't call it from a slot of
-  // this client's signals.
+  // up, when a message, also the reply, is larger than 4 MiB, or when the server refused. A compressed reply is not
+  // taken either. The server is told the deadline. Nothing is sent twice. Don't call it from a slot of this client's
+  // signals.
   virtual bool Call(const google::protobuf::Message& request, google::protobuf::Any& reply);
 
   // The same with a time limit of its own. A limit of 0 or less fails at once.

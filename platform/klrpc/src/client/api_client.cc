@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <utility>
@@ -91,9 +92,26 @@ class PubSub {
   Subscriptions subscriptions_;
 };
 
+// The clients whose slots run on this thread, the innermost first.
+struct Emission {
+  const APIClient* client;
+  const Emission* outer;
+};
+thread_local const Emission* t_emission = nullptr;
+
+// The destruction would wait for the slot, and the slot for the destruction.
+void RefuseInOwnSlot(const APIClient* client) {
+  for (const Emission* each = t_emission; each != nullptr; each = each->outer) {
+    if (each->client != client) continue;
+    std::fputs("klrpc::APIClient: destroyed in a slot of its own signals; let another thread do it\n", stderr);
+    std::abort();
+  }
+}
+
 // Emits a signal on a thread of this library, which an exception must not end.
 template <typename Signal, typename... Args>
-void EmitSafely(const Signal& signal, const char* name, const Args&... args) {
+void EmitSafely(const APIClient& client, const Signal& signal, const char* name, const Args&... args) {
+  const Emission emission{&client, std::exchange(t_emission, &emission)};
   try {
     signal.emit(args...);
   } catch (const std::exception& error) {
@@ -101,6 +119,7 @@ void EmitSafely(const Signal& signal, const char* name, const Args&... args) {
   } catch (...) {
     KL_LOG(50, "a slot of %s: an exception of unknown type", name);
   }
+  t_emission = emission.outer;
 }
 
 }  // namespace
@@ -126,17 +145,17 @@ class APIClient::Impl {
     APIClient& client = client_;
     EventQueue::Slots slots;
     slots.message = [&client](const klrpc::v1::PubsubMessage& message) {
-      EmitSafely(client.SignalSubscribeMessage, "SignalSubscribeMessage", message);
+      EmitSafely(client, client.SignalSubscribeMessage, "SignalSubscribeMessage", message);
     };
     slots.state = [&client](const klrpc::v1::SubscribeState& state) {
-      EmitSafely(client.SignalSubscribeState, "SignalSubscribeState", state);
+      EmitSafely(client, client.SignalSubscribeState, "SignalSubscribeState", state);
     };
     slots.loss = [&client](const std::string& topic, std::uint64_t count) {
-      EmitSafely(client.SignalSubscribeLoss, "SignalSubscribeLoss", topic, count);
+      EmitSafely(client, client.SignalSubscribeLoss, "SignalSubscribeLoss", topic, count);
     };
     return std::make_unique<PubSub>(*options_, connector_, timeout_, std::move(slots),
                                     [&client](bool ok, const std::string& msg_id) {
-                                      EmitSafely(client.SignalPublishState, "SignalPublishState", ok, msg_id);
+                                      EmitSafely(client, client.SignalPublishState, "SignalPublishState", ok, msg_id);
                                     });
   }
 
@@ -152,7 +171,7 @@ class APIClient::Impl {
 APIClient::APIClient(std::unique_ptr<APIClientOptions> options)
     : impl_(std::make_unique<Impl>(*this, std::move(options))) {}
 
-APIClient::~APIClient() = default;
+APIClient::~APIClient() { RefuseInOwnSlot(this); }
 
 bool APIClient::Call(const google::protobuf::Message& request, google::protobuf::Any& reply) {
   return CallWithin(request, reply, impl_->Timeout());

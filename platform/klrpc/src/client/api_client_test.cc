@@ -391,6 +391,32 @@ TEST_F(ApiClientTest, DestructionWithoutAServerIsQuick) {
   EXPECT_LT(steady_clock::now() - start, 1s);
 }
 
+class Suicidal : public sigslot::has_slots<sigslot::multi_threaded_global> {
+ public:
+  explicit Suicidal(std::unique_ptr<APIClient> client) : client_(std::move(client)) {
+    client_->SignalPublishState.connect(this, &Suicidal::OnPublished);
+    v1::PubsubMessage message;
+    message.set_topic("topic");
+    client_->PublishMessage(message);
+  }
+  ~Suicidal() override { disconnect_all(); }
+
+ private:
+  void OnPublished(bool, const std::string&) { client_.reset(); }
+
+  std::unique_ptr<APIClient> client_;
+};
+
+TEST(ApiClientDeathTest, ASlotThatDestroysItsClientStopsTheProgram) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        const Suicidal slot(Connect(UniqueAddress()));
+        pause();
+      },
+      "klrpc::APIClient: destroyed in a slot of its own signals");
+}
+
 TEST_F(ApiClientTest, AProcessThatEndsWhileItServesAndListensEndsCleanly) {
   for (int round = 0; round < 5; ++round) {
     ChildServer process("--exit-while-serving", UniqueAddress());

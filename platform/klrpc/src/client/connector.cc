@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <stdexcept>
 #include <utility>
 
@@ -28,13 +29,25 @@ constexpr Keepalive kRemote = {20000, 10000};
 // A server refused this long after the last time is news again.
 constexpr auto kBurst = std::chrono::minutes(1);
 
+// What may have arrived on a connection without being taken over: twice the largest message, because gRPC begins to
+// stop a sender before. A message that is larger than that is given up by gRPC, unread and at the cost of this.
+constexpr std::size_t kQuotaBytes = 2 * kMaxMessageBytes;
+
+using QuotaPtr = std::shared_ptr<grpc_resource_quota>;
+
+QuotaPtr MakeQuota() {
+  grpc_resource_quota* quota = grpc_resource_quota_create("connection");
+  grpc_resource_quota_resize(quota, kQuotaBytes);
+  return QuotaPtr(quota, grpc_resource_quota_unref);
+}
+
 void SetCommon(ChannelArgs& args, const APIClientOptions& options, Connector::Use use) {
   const Keepalive keepalive = options.Remote() ? kRemote : kLocal;
   args.Set(GRPC_ARG_KEEPALIVE_TIME_MS, keepalive.time_ms)
       .Set(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, keepalive.timeout_ms)
       .Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 0)
       .Set(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0)
-      // Without the filters for compression and limits: sizes are checked by the sender.
+      // Without the filters for compression and limits: the calls and streams look at both themselves.
       .Set(GRPC_ARG_MINIMAL_STACK, 1);
   // Time limits go with them. They are kept for publications, which no thread waits for.
   if (use == Connector::Use::kPublications) args.Set(GRPC_ARG_ENABLE_DEADLINE_CHECKS, 1);
@@ -64,25 +77,28 @@ void SetReconnect(ChannelArgs& args, const APIClientOptions& options) {
       .Set(GRPC_ARG_SERVICE_CONFIG_DISABLE_RESOLUTION, 1);
 }
 
-ChannelPtr Owned(grpc_channel* channel) { return ChannelPtr(channel, grpc_channel_destroy); }
+// A channel on a connection keeps no reference to its quota, which does nothing any more when the last one is gone.
+ChannelPtr Owned(grpc_channel* channel, const QuotaPtr& quota) {
+  return ChannelPtr(channel, [quota](grpc_channel* owned) { grpc_channel_destroy(owned); });
+}
 
 // `socket` then belongs to gRPC.
-ChannelPtr ChannelOn(Descriptor socket, const std::string& address, ChannelArgs& args) {
+ChannelPtr ChannelOn(Descriptor socket, const std::string& address, ChannelArgs& args, const QuotaPtr& quota) {
   grpc_channel_credentials* insecure = grpc_insecure_credentials_create();
   grpc_channel* channel = grpc_channel_create_from_fd(address.c_str(), socket.Release(), insecure, args.Get());
   grpc_channel_credentials_release(insecure);
-  return Owned(channel);
+  return Owned(channel, quota);
 }
 
-ChannelPtr ChannelTo(const std::string& address, ChannelArgs& args) {
+ChannelPtr ChannelTo(const std::string& address, ChannelArgs& args, const QuotaPtr& quota) {
   grpc_channel_credentials* insecure = grpc_insecure_credentials_create();
   grpc_channel* channel = grpc_channel_create(address.c_str(), insecure, args.Get());
   grpc_channel_credentials_release(insecure);
-  return Owned(channel);
+  return Owned(channel, quota);
 }
 
 ChannelPtr FailingChannel(const std::string& address, const CallOutcome& outcome) {
-  return Owned(grpc_lame_client_channel_create(address.c_str(), outcome.code, outcome.text.c_str()));
+  return Owned(grpc_lame_client_channel_create(address.c_str(), outcome.code, outcome.text.c_str()), nullptr);
 }
 
 CallOutcome WhyNotConnected(int error) {
@@ -112,7 +128,8 @@ bool Connection::Usable(grpc_completion_queue* polled) const {
 
 bool Connection::SpentBy(grpc_status_code code) const {
   // Its server may be about to close it, or it may have carried all the calls that one can.
-  if (socket_) return code == GRPC_STATUS_UNAVAILABLE;
+  // After a message that was too large, the rest of it may still be on its way.
+  if (socket_) return code == GRPC_STATUS_UNAVAILABLE || code == GRPC_STATUS_RESOURCE_EXHAUSTED;
   // An attempt to connect that is still under way: the next call must not fail with one that began long before it.
   return code == GRPC_STATUS_DEADLINE_EXCEEDED &&
          grpc_channel_check_connectivity_state(channel_.get(), 0) != GRPC_CHANNEL_READY;
@@ -132,10 +149,12 @@ Connection Connector::Connect(Use use, Clock::time_point patience) {
   StartGrpc();
   if (local_) return ConnectLocally(use, patience);
   ChannelArgs args;
+  const QuotaPtr quota = MakeQuota();
+  args.SetQuota(quota.get());
   SetCommon(args, options_, use);
   SetReconnect(args, options_);
   Connection made;
-  made.channel_ = ChannelTo(options_.Address(), args);
+  made.channel_ = ChannelTo(options_.Address(), args, quota);
   return made;
 }
 
@@ -152,9 +171,11 @@ Connection Connector::ConnectLocally(Use use, Clock::time_point patience) {
     return made;
   }
   ChannelArgs args;
+  const QuotaPtr quota = MakeQuota();
+  args.SetQuota(quota.get());
   SetCommon(args, options_, use);
   args.Set(GRPC_ARG_DEFAULT_AUTHORITY, "localhost");
-  made.channel_ = ChannelOn(std::move(socket), options_.Address(), args);
+  made.channel_ = ChannelOn(std::move(socket), options_.Address(), args, quota);
   return made;
 }
 

@@ -22,7 +22,12 @@ void ClientLoop::Start() { thread_ = std::thread(&ClientLoop::Run, this); }
 
 bool ClientLoop::StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag) {
   const absl::MutexLock lock(&mutex_);
-  return !stopped_ && grpc_call_start_batch(call, ops, count, tag, nullptr) == GRPC_CALL_OK;
+  if (stopped_) return false;
+  const grpc_call_error error = grpc_call_start_batch(call, ops, count, tag, nullptr);
+  if (error == GRPC_CALL_OK) return true;
+  // Operations that the call has under way then end, so nobody waits for those that were refused.
+  grpc_call_cancel(call, nullptr);
+  return false;
 }
 
 void ClientLoop::RunAfter(std::chrono::milliseconds time, std::function<void()> function) {

@@ -33,8 +33,8 @@ class ClientLoop {
 
   grpc_completion_queue* Queue() { return queue_; }
 
-  // Starts a batch whose completion comes back as the event `tag`. Any thread. False after Stop(): the tag then never
-  // comes back.
+  // Starts a batch whose completion comes back as the event `tag`. Any thread. False after Stop(), and when gRPC
+  // refuses it and the call is cancelled: the tag then never comes back.
   bool StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag);
 
   // Runs `function` later on the loop's thread, unless the loop is stopped before. Only on the loop's thread.

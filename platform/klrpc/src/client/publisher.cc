@@ -7,6 +7,14 @@
 
 namespace klrpc {
 
+namespace {
+
+std::chrono::milliseconds Left(Connector::Clock::time_point deadline) {
+  return std::chrono::ceil<std::chrono::milliseconds>(deadline - Connector::Clock::now());
+}
+
+}  // namespace
+
 // One publication on its way. Its batch keeps it alive.
 class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> {
  public:
@@ -14,9 +22,9 @@ class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> 
       : publisher_(publisher),
         pending_(std::move(pending)),
         channel_(publisher.UsableChannel()),
-        exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(publisher.timeout_)) {}
+        exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(Left(pending_.deadline))) {}
 
-  // False when the client ends: nothing was sent then.
+  // False when the client ends or gRPC refuses it: nothing was sent then.
   bool Start() {
     const Buffer message(pending_.bytes);
     const UnaryExchange::Batch batch = exchange_.Operations(message);
@@ -68,7 +76,7 @@ bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
     if (!full) {
       overflow_ = false;
       if (named.msg_id().empty()) named.set_msg_id(name_ + "-" + std::to_string(++count_));
-      pending_.push_back({named.msg_id(), named.topic(), Serialize(named)});
+      pending_.push_back({named.msg_id(), named.topic(), Serialize(named), Connector::Clock::now() + timeout_});
       first = !std::exchange(sending_, true);
     }
   }
@@ -79,23 +87,39 @@ bool Publisher::Publish(const klrpc::v1::PubsubMessage& message) {
 
 // One at a time: calls on one channel may overtake each other, and the server publishes in the order of their arrival.
 void Publisher::SendNext() {
-  Pending next;
-  {
-    const absl::MutexLock lock(&mutex_);
-    if (pending_.empty()) {
-      sending_ = false;
-      return;
+  while (std::optional<Pending> next = TakeNext()) {
+    // Made without the lock: this may connect.
+    const auto call = std::make_shared<PublishCall>(*this, *std::move(next));
+    {
+      const absl::MutexLock lock(&mutex_);
+      current_ = call;
     }
-    next = std::move(pending_.front());
-    pending_.pop_front();
+    if (call->Start()) return;
+    Tell(false, call->Id());
   }
-  // Made without the lock: this may connect.
-  const auto call = std::make_shared<PublishCall>(*this, std::move(next));
+}
+
+std::optional<Publisher::Pending> Publisher::TakeNext() {
+  std::deque<Pending> late;
+  std::optional<Pending> next;
   {
+    const auto now = Connector::Clock::now();
     const absl::MutexLock lock(&mutex_);
-    current_ = call;
+    for (; !pending_.empty() && !next; pending_.pop_front()) {
+      if (pending_.front().deadline > now) {
+        next = std::move(pending_.front());
+      } else {
+        late.push_back(std::move(pending_.front()));
+      }
+    }
+    sending_ = next.has_value();
   }
-  if (!call->Start()) Tell(false, call->Id());
+  if (!late.empty()) {
+    KL_LOG(40, "publications to %s: %zu were not sent, because those before them took %d ms", address_.c_str(),
+           late.size(), static_cast<int>(timeout_.count()));
+  }
+  for (const Pending& each : late) Tell(false, each.msg_id);
+  return next;
 }
 
 const ChannelPtr& Publisher::UsableChannel() {

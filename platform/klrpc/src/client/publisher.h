@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "absl/base/thread_annotations.h"
@@ -50,10 +51,13 @@ class Publisher {
     std::string msg_id;
     std::string topic;
     Slice bytes;
+    Connector::Clock::time_point deadline;
   };
 
   // For the thread that set sending_: one publication travels at a time.
   void SendNext();
+  // The first one whose time is not up; the others fail together.
+  std::optional<Pending> TakeNext();
   void Tell(bool ok, const std::string& msg_id);
   const ChannelPtr& UsableChannel();
   void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);

@@ -237,6 +237,10 @@ void Subscriptions::OnConfirmed(Stream& stream) {
 
 void Subscriptions::OnMessage(const Buffer& bytes, const StreamPtr& stream) {
   klrpc::v1::PubsubMessage message;
+  if (const std::string why = WhyRefused("an event", bytes); !why.empty()) {
+    KL_LOG(40, "%s: dropped an event of %s: %s", options_.Address().c_str(), stream->ClientId().c_str(), why.c_str());
+    return stream->Read();
+  }
   if (!bytes.ParseInto(message)) {
     KL_LOG(40, "%s: dropped an event that does not parse", options_.Address().c_str());
     return stream->Read();
@@ -321,6 +325,9 @@ bool Subscriptions::LostItsServer(const Stream& stream) const {
 // when the subscriber asks for it again; one that found no server or was refused is opened again here.
 void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
   const std::string& client_id = stream->ClientId();
+  if (stream->Code() == GRPC_STATUS_RESOURCE_EXHAUSTED && stream->Text() == kQuotaText) {
+    KL_LOG(40, "%s: refused an event of %s: %s", options_.Address().c_str(), client_id.c_str(), TooMuch("it").c_str());
+  }
   if (stream->confirmed) {
     KL_LOG(30, "subscription of %s at %s ended: %s: %s", client_id.c_str(), options_.Address().c_str(),
            StatusName(stream->Code()), stream->Text().c_str());

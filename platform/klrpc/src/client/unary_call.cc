@@ -45,13 +45,32 @@ CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Sli
   {
     const Buffer message(request);
     const UnaryExchange::Batch batch = exchange.Operations(message);
-    grpc_call_start_batch(exchange.Call(), batch.data(), batch.size(), &exchange, nullptr);
+    const grpc_call_error error =
+        grpc_call_start_batch(exchange.Call(), batch.data(), batch.size(), &exchange, nullptr);
+    if (error != GRPC_CALL_OK) return {GRPC_STATUS_INTERNAL, grpc_call_error_to_string(error)};
   }
   if (grpc_completion_queue_pluck(queue, &exchange, deadline, nullptr).type == GRPC_QUEUE_TIMEOUT) {
     CancelAndWait(exchange, queue, WhyNoReply(deadline, timeout));
   }
   if (exchange.Code() == GRPC_STATUS_OK) return {};
+  // A server that was told the deadline may end the call for it.
+  const bool ended = exchange.Code() == GRPC_STATUS_CANCELLED || exchange.Code() == GRPC_STATUS_DEADLINE_EXCEEDED;
+  if (ended && gpr_time_cmp(gpr_now(GPR_CLOCK_MONOTONIC), deadline) >= 0) return WhyNoReply(deadline, timeout);
+  if (exchange.Code() == GRPC_STATUS_RESOURCE_EXHAUSTED && exchange.Text() == kQuotaText) {
+    return {exchange.Code(), TooMuch("the reply")};
+  }
   return {exchange.Code(), exchange.Text()};
+}
+
+// A reply that is refused leaves the caller's untouched.
+CallOutcome TakeReply(const Buffer& bytes, google::protobuf::Any& reply) {
+  if (std::string why = WhyRefused("the reply", bytes); !why.empty()) {
+    return {GRPC_STATUS_RESOURCE_EXHAUSTED, std::move(why)};
+  }
+  google::protobuf::Any received;
+  if (!bytes.ParseInto(received)) return {GRPC_STATUS_INTERNAL, "the reply is not a packed message"};
+  reply.Swap(&received);
+  return {};
 }
 
 // gRPC refused to begin the call on this connection, because its server has announced that it will close it or because
@@ -130,17 +149,11 @@ CallOutcome UnaryCaller::Exchange(Line& line, const Slice& request, google::prot
   }
   CallOutcome outcome;
   {
-    UnaryExchange exchange(line.connection.Channel().get(), line.queue, kCallMethod, Never());
-    outcome = Run(exchange, line.queue, request, timeout, DeadlineIn(LeftUntil(deadline)));
-    // Parsed apart: a reply that does not parse leaves the caller's untouched.
-    google::protobuf::Any received;
-    if (outcome.code == GRPC_STATUS_OK) {
-      if (exchange.Reply().ParseInto(received)) {
-        reply.Swap(&received);
-      } else {
-        outcome = {GRPC_STATUS_INTERNAL, "the reply is not a packed message"};
-      }
-    }
+    // gRPC tells the server the deadline. It doesn't keep it itself: the channel has no filter for that.
+    const gpr_timespec end = DeadlineIn(LeftUntil(deadline));
+    UnaryExchange exchange(line.connection.Channel().get(), line.queue, kCallMethod, end);
+    outcome = Run(exchange, line.queue, request, timeout, end);
+    if (outcome.code == GRPC_STATUS_OK) outcome = TakeReply(exchange.Reply(), reply);
   }
   if (line.connection.SpentBy(outcome.code)) line.connection = Connection();
   return outcome;

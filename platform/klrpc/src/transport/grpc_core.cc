@@ -77,6 +77,19 @@ std::string TooLarge(const char* what, std::size_t size) {
          std::to_string(kMaxMessageBytes) + " that can be sent";
 }
 
+std::string WhyRefused(const char* what, const Buffer& message) {
+  if (const char* name = message.Compression()) {
+    return std::string(what) + " is compressed (" + name + "), which is not supported";
+  }
+  if (message.Size() <= kMaxFrameBytes) return "";
+  return std::string(what) + " has " + std::to_string(message.Size()) + " bytes, more than the " +
+         std::to_string(kMaxMessageBytes) + " that can be received";
+}
+
+std::string TooMuch(const char* what) {
+  return std::string(what) + " is larger than the " + std::to_string(kMaxMessageBytes) + " bytes that can be received";
+}
+
 void StartGrpc() {
   static std::once_flag once;
   std::call_once(once, [] {

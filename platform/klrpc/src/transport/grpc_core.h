@@ -37,6 +37,17 @@ constexpr char kPositionsKey[] = "klrpc-positions";
 // "the request has 5000000 bytes, more than the 4194304 that can be sent".
 std::string TooLarge(const char* what, std::size_t size);
 
+// Why a message that was received, "the reply" for example, is not taken: it is compressed, which only a sender that
+// keeps to no agreement does, or too large. Empty when it may be parsed.
+class Buffer;
+std::string WhyRefused(const char* what, const Buffer& message);
+
+// "the reply is larger than the 4194304 bytes that can be received", for one that gRPC gave up.
+std::string TooMuch(const char* what);
+
+// gRPC's words for a call whose memory quota is used up.
+constexpr char kQuotaText[] = "Buffers full";
+
 // Starts gRPC when this is the process's first use of it and routes its log lines to the log. gRPC is never shut down:
 // its threads may be busy with connections of others until the process is gone.
 void StartGrpc();
