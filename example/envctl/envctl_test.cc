@@ -1,11 +1,10 @@
-// Linked so that the start of a tool comes here: the command is looked at, and the tool's answer comes from a real
-// child process.
+// Linked so that calls of popen come here: the command is looked at, and the tool's answer comes from a
+// real child process.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <memory>
@@ -18,7 +17,6 @@
 #include "absl/synchronization/mutex.h"
 #include "example/envctl/envctl_cli.h"
 #include "example/envctl/sysconf.h"
-#include "example/envctl/tool_process.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/fake_session.h"
 #include "platform/testing/log_capture.h"
@@ -50,15 +48,16 @@ std::string NextAnswer(const char* command) {
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names
 extern "C" {
 
-FILE* __real_OpenSettingsTool(const char* command, std::int64_t limit_ms);
+FILE* __real_popen(const char* command, const char* mode);
 
-FILE* __wrap_OpenSettingsTool(const char* command, std::int64_t limit_ms) {
+FILE* __wrap_popen(const char* command, const char* mode) {
+  EXPECT_STREQ(mode, "r");
   const std::string answer = NextAnswer(command);
   if (answer == kNoStart) {
     errno = EAGAIN;
     return nullptr;
   }
-  return __real_OpenSettingsTool(("printf '%b' '" + answer + "'").c_str(), limit_ms);
+  return __real_popen(("printf '%b' '" + answer + "'").c_str(), mode);
 }
 
 }  // extern "C"

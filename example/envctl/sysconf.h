@@ -9,8 +9,9 @@
 // process, unless that is killed itself. A tool that cannot be started is reported on standard output as "<N>popen
 // read_device_info", where N tells the operation: 54 get, 93 print, 122 set, 163 boot loader.
 //
-// A tool has a process group of its own: Ctrl-C at the terminal doesn't reach it, but the end of this process does. In
-// everything else it is started as popen starts one.
+// A tool inherits the calling thread's signal mask: where SIGINT is blocked, Ctrl-C doesn't end it, but the end of this
+// process does. (To open SIGINT for the time of the start would have the interrupt handler run on the calling thread,
+// in the middle of popen.)
 #ifndef EXAMPLE_ENVCTL_SYSCONF_H_
 #define EXAMPLE_ENVCTL_SYSCONF_H_
 

@@ -1,8 +1,9 @@
 #include "example/envctl/tool_process.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -11,12 +12,20 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <new>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "absl/synchronization/mutex.h"
 
 namespace {
 
@@ -26,39 +35,79 @@ using std::chrono::steady_clock;
 
 // Between a kill and the end that it brings. A process may hang in the kernel, where no signal reaches it.
 constexpr milliseconds kKillTakes{1000};
-constexpr milliseconds kTick{10};  // where the kernel can't tell of an end (before Linux 5.3)
+constexpr milliseconds kTick{10};  // a process that was being started may have been missed
+
+// popen tells no process number and makes no group. So all that comes of a command inherits the write end of a pipe,
+// its mark, which nothing else has; who has it is in /proc. The read end stays with us: it keeps the mark's number from
+// being given to another pipe, and it tells when the last process is gone.
+using Mark = ino_t;
+constexpr Mark kNoMark = 0;
+constexpr Mark kTaken = static_cast<Mark>(-1);  // by a tool that is about to start
 
 // The tools that run now, for the exit handler, which must not wait for a lock of a thread that is gone. More at once
 // than there can be sessions.
 constexpr std::size_t kMostTools = 256;
-std::array<std::atomic<pid_t>, kMostTools> running;
-constexpr pid_t kTaken = -1;  // by a tool that is about to start
+std::array<std::atomic<Mark>, kMostTools> running;
 std::atomic<bool> exiting{false};
+std::atomic<pid_t> owner{0};  // the process that started them, not a fork of it
 
-void KillGroup(pid_t leader) {
-  if (leader > 0) ::kill(-leader, SIGKILL);
+// Held while a command is started, so that it inherits no other one's mark.
+ABSL_CONST_INIT absl::Mutex start_mutex(absl::kConstInit);
+
+// The numbers that a folder of /proc has for entries.
+template <typename Visit>
+void ForEachNumber(const std::string& folder, Visit visit) {
+  const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
+  if (entries == nullptr) return;  // the process has ended
+  while (const dirent* const entry = ::readdir(entries.get())) {
+    if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) != 0) visit(entry->d_name);
+  }
 }
 
-// The process that started them, not a fork of it.
-std::atomic<pid_t> owner{0};
+bool HasMark(const std::string& process, Mark mark) {
+  const std::string folder = "/proc/" + process + "/fd";
+  const std::string wanted = "pipe:[" + std::to_string(mark) + "]";
+  bool found = false;
+  ForEachNumber(folder, [&](const char* descriptor) {
+    const std::string link = folder + "/" + descriptor;
+    char target[64];
+    const ssize_t size = ::readlink(link.c_str(), target, sizeof target);
+    struct stat ends {};
+    // The link of a write end can be written.
+    found = found || (size > 0 && wanted == std::string_view(target, static_cast<std::size_t>(size)) &&
+                      ::lstat(link.c_str(), &ends) == 0 && (ends.st_mode & S_IWUSR) != 0);
+  });
+  return found;
+}
+
+void KillMarked(Mark mark) {
+  const pid_t own = ::getpid();
+  ForEachNumber("/proc", [&](const char* process) {
+    const pid_t pid = std::atoi(process);
+    if (pid != own && HasMark(process, mark)) ::kill(pid, SIGKILL);
+  });
+}
 
 void KillAll() {
   if (::getpid() != owner) return;
   exiting = true;
-  for (const auto& leader : running) KillGroup(leader);
+  for (const auto& place : running) {
+    const Mark mark = place;
+    if (mark != kNoMark && mark != kTaken) KillMarked(mark);
+  }
 }
 
-// One tool: the cookie of its stream. As long as its leader has not been waited for, no other group has its number.
+// One tool: the cookie of its stream.
 class Tool {
  public:
   explicit Tool(Deadline deadline) : deadline_(deadline) {}
   Tool(const Tool&) = delete;
   Tool& operator=(const Tool&) = delete;
   ~Tool() {
-    for (const int fd : {output_, ended_}) {
+    for (const int fd : {alive_, ended_}) {
       if (fd >= 0) ::close(fd);
     }
-    if (place_ != nullptr) *place_ = 0;
+    if (place_ != nullptr) *place_ = kNoMark;
   }
 
   // 0 or an errno.
@@ -68,31 +117,36 @@ class Tool {
   bool End();
 
  private:
-  int Spawn(const char* command, int output);
+  int StartMarked(const char* command, int mark);
   bool WaitEnd(Deadline until) const;
-  milliseconds Left(Deadline until) const {
+  void Kill();
+  static int Left(Deadline until) {
     const auto left = std::chrono::ceil<milliseconds>(until - steady_clock::now());
-    return std::max(left, milliseconds(0));
-  }
-  void Kill() {
-    killed_ = true;
-    KillGroup(leader_);
+    return static_cast<int>(std::max(left, milliseconds(0)).count());
   }
 
   const Deadline deadline_;
-  std::atomic<pid_t>* place_ = nullptr;
-  pid_t leader_ = -1;
-  int output_ = -1;
-  int ended_ = -1;  // readable when the leader has ended; -1 where the kernel has no such thing
+  std::atomic<Mark>* place_ = nullptr;
+  Mark mark_ = kNoMark;
+  FILE* pipe_ = nullptr;
+  pid_t shell_ = 0;  // popen's child; 0 where the kernel doesn't tell
+  int ended_ = -1;   // readable when the shell has ended; -1 where the kernel has no such thing (before Linux 5.3)
+  int alive_ = -1;   // the mark's read end
   bool killed_ = false;
 };
+
+// The children that the calling thread has started. Empty where the kernel was built without the list.
+std::set<pid_t> ChildrenOfThread() {
+  std::ifstream list("/proc/thread-self/children");
+  return {std::istream_iterator<pid_t>(list), std::istream_iterator<pid_t>()};
+}
 
 int Tool::Start(const char* command) {
   // Registered late, so that it runs before the exit handler of the console, which waits for its commands.
   [[maybe_unused]] static const int registered = std::atexit(&KillAll);
   owner = ::getpid();
   for (auto& place : running) {
-    pid_t none = 0;
+    Mark none = kNoMark;
     if (place.compare_exchange_strong(none, kTaken)) {
       place_ = &place;
       break;
@@ -101,73 +155,87 @@ int Tool::Start(const char* command) {
   if (place_ == nullptr) return EAGAIN;
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return errno;
-  output_ = ends[0];
-  const int error = exiting ? ECANCELED : Spawn(command, ends[1]);
+  alive_ = ends[0];
+  const int error = exiting ? ECANCELED : StartMarked(command, ends[1]);
   ::close(ends[1]);
-  if (error != 0) return error;
-  *place_ = leader_;
-  ended_ = static_cast<int>(::syscall(SYS_pidfd_open, leader_, 0));
-  if (exiting) Kill();  // the exit handler may have looked before
-  return 0;
-}
-
-int Tool::Spawn(const char* command, int output) {
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_init(&attributes);
-  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
-  posix_spawnattr_setpgroup(&attributes, 0);
-  const std::array<const char*, 4> words = {"sh", "-c", command, nullptr};
-  const int error =
-      ::posix_spawn(&leader_, "/bin/sh", &actions, &attributes, const_cast<char* const*>(words.data()), environ);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
+  if (error == 0 && exiting) Kill();  // the exit handler may have looked before
   return error;
 }
 
+int Tool::StartMarked(const char* command, int mark) {
+  struct stat pipe {};
+  if (::fstat(mark, &pipe) != 0) return errno;
+  absl::MutexLock lock(&start_mutex);
+  const std::set<pid_t> before = ChildrenOfThread();
+  ::fcntl(mark, F_SETFD, 0);
+  pipe_ = ::popen(command, "r");
+  const int error = errno;
+  ::fcntl(mark, F_SETFD, FD_CLOEXEC);
+  if (pipe_ == nullptr) return error != 0 ? error : EAGAIN;
+  ::fcntl(::fileno(pipe_), F_SETFD, FD_CLOEXEC);
+  for (const pid_t child : ChildrenOfThread()) {
+    if (before.count(child) == 0) shell_ = child;
+  }
+  if (shell_ != 0) ended_ = static_cast<int>(::syscall(SYS_pidfd_open, shell_, 0));
+  mark_ = pipe.st_ino;
+  *place_ = mark_;
+  return 0;
+}
+
+void Tool::Kill() {
+  killed_ = true;
+  const Deadline until = steady_clock::now() + kKillTakes;
+  pollfd gone{alive_, 0, 0};  // POLLHUP comes without being asked for
+  do {
+    KillMarked(mark_);
+  } while (::poll(&gone, 1, static_cast<int>(kTick.count())) != 1 && steady_clock::now() < until);
+}
+
 ssize_t Tool::Read(char* buffer, std::size_t size) {
+  const int output = ::fileno(pipe_);
   while (true) {
-    pollfd readable{output_, POLLIN, 0};
-    const int ready = ::poll(&readable, 1, static_cast<int>(Left(deadline_).count()));
+    pollfd readable{output, POLLIN, 0};
+    const int ready = ::poll(&readable, 1, Left(deadline_));
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) {
       Kill();
       errno = ETIMEDOUT;
     }
-    return ready <= 0 ? -1 : ::read(output_, buffer, size);
+    return ready <= 0 ? -1 : ::read(output, buffer, size);
   }
 }
 
-// The leader stays a zombie, whose number is nobody else's.
+// Whether popen's child has ended. It stays a zombie, for pclose to find.
 bool Tool::WaitEnd(Deadline until) const {
   while (true) {
     siginfo_t info{};
-    const int looked = ::waitid(P_PID, static_cast<id_t>(leader_), &info, WEXITED | WNOHANG | WNOWAIT);
-    if ((looked == 0 && info.si_pid == leader_) || (looked != 0 && errno == ECHILD)) return true;
-    const milliseconds left = Left(until);
-    if (left.count() == 0) return false;
+    const int looked = ::waitid(P_PID, static_cast<id_t>(shell_), &info, WEXITED | WNOHANG | WNOWAIT);
+    if ((looked == 0 && info.si_pid == shell_) || (looked != 0 && errno == ECHILD)) return true;
+    const int left = Left(until);
+    if (left == 0) return false;
     pollfd end{ended_, POLLIN, 0};
-    ::poll(&end, 1, static_cast<int>(ended_ >= 0 ? left.count() : std::min(left, kTick).count()));
+    ::poll(&end, 1, ended_ >= 0 ? left : std::min<int>(left, kTick.count()));
   }
 }
 
 bool Tool::End() {
-  ::close(output_);  // a tool that still prints ends by that, as with pclose
-  output_ = -1;
-  bool ended = WaitEnd(deadline_);
+  // A tool that still prints must end by that, as with pclose: a stream in the place of its output would hold it.
+  const int nowhere = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (nowhere >= 0) {
+    ::dup3(nowhere, ::fileno(pipe_), O_CLOEXEC);
+    ::close(nowhere);
+  }
+  bool ended = shell_ == 0 || WaitEnd(deadline_);
   if (!ended) {
     Kill();
     ended = WaitEnd(steady_clock::now() + kKillTakes);
   }
   if (!ended) {
-    place_ = nullptr;  // it hangs in the kernel: left to the exit handler
+    place_ = nullptr;  // it hangs in the kernel: left to the exit handler, with its mark
+    alive_ = -1;
     return false;
   }
-  *place_ = 0;  // before its number is free for others
-  place_ = nullptr;
-  ::waitpid(leader_, nullptr, 0);
+  ::pclose(pipe_);
   return !killed_ && !exiting;
 }
 

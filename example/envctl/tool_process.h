@@ -9,10 +9,9 @@
 // By C's names, by which tests put themselves in their place.
 extern "C" {
 
-// Starts `command` in the shell, with a process group of its own, and returns a stream that reads its output; null,
-// with errno, when it can't be started. After `limit_ms` milliseconds the group is killed, and reading fails with
-// ETIMEDOUT. It is killed as well when this process exits; ECANCELED is the answer from then on. Any thread; a stream
-// belongs to one.
+// Starts `command` with popen and returns a stream that reads its output; null, with errno, when it can't be started.
+// After `limit_ms` milliseconds it is killed with all that it started, and reading fails with ETIMEDOUT. It is killed
+// as well when this process exits; ECANCELED is the answer from then on. Any thread; a stream belongs to one.
 FILE* OpenSettingsTool(const char* command, std::int64_t limit_ms);
 
 // Closes the stream and waits for the tool until the limit. True when the tool ended by itself before; false when it
