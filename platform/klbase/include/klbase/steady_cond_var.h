@@ -11,6 +11,21 @@
 
 namespace klbase {
 
+// Waits until `changed`, a standard condition variable, is notified or `deadline` has passed. False when it has.
+template <typename Condition, typename Lock>
+bool WaitOnSteadyClock(Condition& changed, Lock& lock, std::chrono::steady_clock::time_point deadline) {
+  using Clock = std::chrono::steady_clock;
+#ifdef __SANITIZE_THREAD__
+  // g++'s thread sanitizer does not see waits on the steady clock. The limit keeps "for ever" from running over.
+  const auto left = std::min<Clock::duration>(deadline - Clock::now(), std::chrono::hours(1));
+  changed.wait_until(
+      lock, std::chrono::system_clock::now() + std::chrono::duration_cast<std::chrono::system_clock::duration>(left));
+#else
+  changed.wait_until(lock, deadline);
+#endif
+  return Clock::now() < deadline;
+}
+
 // absl::CondVar and absl::Mutex::AwaitWithTimeout() wait until a time of the wall clock: a device that sets its clock
 // back by an hour after start-up would wait that hour. Use this one for waits with a limit, absl::CondVar for all
 // others. Any thread. A wait may end early: test its condition in a loop.
@@ -26,15 +41,7 @@ class SteadyCondVar {
   // False when `deadline` has passed.
   bool WaitUntil(absl::Mutex* held, Clock::time_point deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(held) {
     Relockable lock{held};
-#ifdef __SANITIZE_THREAD__
-    // g++'s thread sanitizer does not see waits on the steady clock. The limit keeps "for ever" from running over.
-    const auto left = std::min<Clock::duration>(deadline - Clock::now(), std::chrono::hours(1));
-    changed_.wait_until(
-        lock, std::chrono::system_clock::now() + std::chrono::duration_cast<std::chrono::system_clock::duration>(left));
-#else
-    changed_.wait_until(lock, deadline);
-#endif
-    return Clock::now() < deadline;
+    return WaitOnSteadyClock(changed_, lock, deadline);
   }
 
   void SignalAll() { changed_.notify_all(); }

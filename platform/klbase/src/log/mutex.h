@@ -7,10 +7,11 @@
 
 #include <absl/base/thread_annotations.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+
+#include "klbase/steady_cond_var.h"
 
 namespace klbase_internal {
 
@@ -56,16 +57,9 @@ class Condition {
   // False when `deadline` has passed. Jumps of the wall clock change nothing.
   bool WaitUntil(Mutex& held, Clock::time_point deadline) ABSL_EXCLUSIVE_LOCKS_REQUIRED(held) {
     std::unique_lock<std::mutex> lock(held.mutex_, std::adopt_lock);
-#ifdef __SANITIZE_THREAD__
-    // g++'s thread sanitizer does not see waits on the steady clock. The limit keeps "for ever" from running over.
-    const auto left = std::min<Clock::duration>(deadline - Clock::now(), std::chrono::hours(1));
-    changed_.wait_until(
-        lock, std::chrono::system_clock::now() + std::chrono::duration_cast<std::chrono::system_clock::duration>(left));
-#else
-    changed_.wait_until(lock, deadline);
-#endif
+    const bool in_time = klbase::WaitOnSteadyClock(changed_, lock, deadline);
     lock.release();
-    return Clock::now() < deadline;
+    return in_time;
   }
 
   void NotifyAll() { changed_.notify_all(); }
