@@ -162,7 +162,7 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     session_ = std::make_shared<ConsoleSession>(std::move(config));
     return session_;
   }
-  klbase::CollapsedRecords& ClosingRecords() override { return closings_; }
+  klbase::CollapsedRecords& ClosingRecords() override { return closing_records_; }
   void CommandStarted() override {}
   void Closed(Connection&) override {
     closed_ = true;
@@ -174,7 +174,7 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
   void RequestShutdown() override {}
   void ThreadEnded(int) override {}
 
-  klbase::CollapsedRecords closings_{40, "console connections closed"};
+  klbase::CollapsedRecords closing_records_{40, "console connections closed"};
   asio::io_context io_;
   cli::internal::ConsoleOptions options_;
   std::string read_buffer_ = std::string(16384, '\0');
