@@ -207,7 +207,8 @@ TEST_F(VextoolTest, AModuleThatNeverUnloadsDelaysTheEndForFiveSecondsOnly) {
 TEST_F(VextoolTest, AnInterruptAtTheMomentOfTheNormalEndGivesOneOfBothStatuses) {
   for (int round = 0; round < 20; ++round) {
     ChildProcess& tool = StartAndWaitUntilItServes("");
-    vextest::TcpClient(Port()).Send("shutdown\n");
+    vextest::TcpClient client(Port());
+    client.Send("shutdown\n");
     tool.Signal(SIGINT);
     const auto end = tool.WaitExit();
     ASSERT_TRUE(end);
@@ -217,7 +218,8 @@ TEST_F(VextoolTest, AnInterruptAtTheMomentOfTheNormalEndGivesOneOfBothStatuses) 
 
 TEST_F(VextoolTest, AnInterruptDuringTheNormalEndGivesStatusOne) {
   ChildProcess& tool = StartAndWaitUntilItServes("wait in its end");
-  vextest::TcpClient(Port()).Send("shutdown\n");
+  vextest::TcpClient client(Port());  // stays: a client that is gone at once has no user who could be asked for
+  client.Send("shutdown\n");
   ASSERT_TRUE(tool.WaitForError("scripted module ends\n"));
   tool.Signal(SIGINT);
   tool.Write("x");
@@ -226,7 +228,8 @@ TEST_F(VextoolTest, AnInterruptDuringTheNormalEndGivesStatusOne) {
 
 TEST_F(VextoolTest, AnInterruptDuringAnEndThatTakesTooLongGivesStatusOne) {
   ChildProcess& tool = StartAndWaitUntilItServes("wait in its end");
-  vextest::TcpClient(Port()).Send("shutdown\n");
+  vextest::TcpClient client(Port());  // stays: a client that is gone at once has no user who could be asked for
+  client.Send("shutdown\n");
   ASSERT_TRUE(tool.WaitForError("scripted module ends\n"));
   tool.Signal(SIGINT);
   EXPECT_EQ(tool.WaitExit(), kInterrupted);

@@ -50,7 +50,7 @@ def test_every_command_stands_in_the_guide_as_help_shows_it(demo):
 
 def test_commands_that_are_everywhere_are_in_their_table(demo):
     table = re.search(r"\| Everywhere \|.*?\n\n", GUIDE.text(), re.DOTALL).group(0)
-    named = set(re.findall(r"`([\w.?]+)`", " ".join(row.split("|")[1] for row in table.splitlines()[2:] if "|" in row)))
+    named = set(re.findall(r"`([\w.?]+)(?: \w+)?`", " ".join(row.split("|")[1] for row in table.splitlines()[2:] if "|" in row)))
     demo.top = demo.screen.cursor.y
     demo.send("core\rhelp\r")
     assert demo.wait(lambda: demo.rows(demo.top).count("core> help") and demo.rows(demo.top)[-1] == "core>")

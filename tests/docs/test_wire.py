@@ -50,7 +50,7 @@ def test_the_tool_talks_with_a_daemon_that_is_written_from_the_page(reader):
     tool = None
     try:
         assert daemon.wait(lambda: daemon.rows(0)[:1] == ["serving"]), daemon.rows(0)
-        tool = reader.open(["build/bin/vextool", "--local_console", "--cli_port=0"])
+        tool = reader.open([reader.checkout / "build/bin/vextool", "--local_console", "--cli_port=0"])
         assert tool.wait(lambda: tool.row(tool.screen.cursor.y) == "main>"), tool.rows(0)
         tool.send("playd CreateUplayer 0\r")
         assert tool.wait(lambda: shows(tool, ["result     :1", "error_code :0"])), tool.rows(0)

@@ -223,12 +223,12 @@ TEST_F(SubscribersTest, EventsComeAgainAfterThePlayerWasRestartedAndNoneTwice) {
   output.Clear();
   daemon_.Stop();
   daemon_.Start();
-  ASSERT_NO_FATAL_FAILURE(Establish(daemon_, kReportTopic, output));
-  ASSERT_NO_FATAL_FAILURE(Establish(daemon_, kSeekTopic, output));
+  // Nobody has subscribed yet: what is published meanwhile comes as well.
   daemon_.Publish(kReportTopic, Event("after"));
   daemon_.Publish(kSeekTopic, Event("last"));
   ASSERT_TRUE(output.WaitFor(Block(kSeekTopic, "last")));
-  EXPECT_EQ(output.Text(), Block(kReportTopic, "after") + Block(kSeekTopic, "last"));
+  ASSERT_TRUE(output.WaitFor(Block(kReportTopic, "after")));
+  EXPECT_EQ(CountOf(output.Text(), "layerId"), 2u);  // of two topics, in any order
 }
 
 TEST_F(SubscribersTest, PrintsAStreamOfEventsWholeAndInOrder) {
