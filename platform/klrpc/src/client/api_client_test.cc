@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -328,6 +330,23 @@ TEST_F(ApiClientTest, WithoutAFileDescriptorToWaitWithACallFailsAtOnce) {
   EXPECT_TRUE(
       log_.WaitFor(FailedCall(address_, "RESOURCE_EXHAUSTED: no file descriptor is left to wait for the reply with")));
   EXPECT_TRUE(Call(StatusOf(2)));
+}
+
+int EpollDescriptors() {
+  int count = 0;
+  for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;  // the folder's own descriptor
+    if (std::filesystem::read_symlink(file, gone).string().find("eventpoll") != std::string::npos) ++count;
+  }
+  return count;
+}
+
+TEST_F(ApiClientTest, TheThreadThatCallsPollsAndChildrenAreNotToldTo) {
+  if (std::getenv("GRPC_POLL_STRATEGY") != nullptr) GTEST_SKIP() << "GRPC_POLL_STRATEGY is set";
+  const auto server = Serve(address_, Echo);
+  EXPECT_TRUE(Call(StatusOf(1)));
+  EXPECT_EQ(EpollDescriptors(), 0);
+  EXPECT_EQ(std::getenv("GRPC_POLL_STRATEGY"), nullptr);
 }
 
 int OpenFiles() {

@@ -55,19 +55,27 @@ void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int
   KlLog(level, path.data(), path.size(), line, kFunction, sizeof(kFunction) - 1, "%s", text.c_str());
 }
 
-// The choice of gRPC's poller. With its default one a single thread watches the connections of the whole process and
-// hands arriving data to the others, so a call's reply would wake two threads of the tool, and pass through a third
-// when the service host or a subscription happens to be the watcher. With "poll" the thread that waits for a reply
-// reads it itself. A value that the environment brings is kept. gRPC takes the choice from the environment only; it is
-// made while the library is loaded, when no other thread can be reading the environment.
-[[maybe_unused]] const int g_poller_chosen = setenv("GRPC_POLL_STRATEGY", "poll", 0);
-
 // gRPC makes its event engine, with threads and file descriptors, when there is a channel and ends it with the last
 // one. A process that makes connections again and again would make the engine again and again, and gRPC stops the
 // process when there is no descriptor for it. So one channel stays.
 void KeepEventEngine() {
   [[maybe_unused]] static grpc_channel* const channel =
       grpc_lame_client_channel_create("none", GRPC_STATUS_UNAVAILABLE, "");
+}
+
+// The choice of gRPC's poller. With its default one a single thread watches the connections of the whole process and
+// hands arriving data to the others, so a call's reply would wake two threads of the tool, and pass through a third
+// when the service host or a subscription happens to be the watcher. With "poll" the thread that waits for a reply
+// reads it itself. A value that the environment brings is kept. gRPC takes the choice from the environment only, when
+// it is initialised and when it makes its event engine. It stands there no longer than that takes: programs that this
+// process starts choose for themselves.
+void InitWithPoller() {
+  constexpr char kVariable[] = "GRPC_POLL_STRATEGY";
+  const bool chosen = std::getenv(kVariable) != nullptr;
+  if (!chosen) setenv(kVariable, "poll", 1);
+  grpc_init();
+  KeepEventEngine();
+  if (!chosen) unsetenv(kVariable);
 }
 
 }  // namespace
@@ -95,9 +103,8 @@ void StartGrpc() {
   std::call_once(once, [] {
     gpr_set_log_function(WriteGrpcLog);
     google::protobuf::SetLogHandler(WriteProtobufLog);
-    grpc_init();
+    InitWithPoller();
     g_details_wanted = gpr_should_log(GPR_LOG_SEVERITY_INFO) != 0;
-    KeepEventEngine();
   });
 }
 

@@ -49,7 +49,8 @@ std::string TooMuch(const char* what);
 constexpr char kQuotaText[] = "Buffers full";
 
 // Starts gRPC when this is the process's first use of it and routes its log lines to the log. gRPC is never shut down:
-// its threads may be busy with connections of others until the process is gone.
+// its threads may be busy with connections of others until the process is gone. Changes the environment for that time:
+// the first client or server is made while no other thread changes it.
 void StartGrpc();
 
 // Calls `report` for each call that gRPC gives up because a memory quota is used up, with the name of its connection.
