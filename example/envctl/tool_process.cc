@@ -24,6 +24,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "absl/synchronization/mutex.h"
 
@@ -35,19 +36,20 @@ using std::chrono::steady_clock;
 
 // Between a kill and the end that it brings. A process may hang in the kernel, where no signal reaches it.
 constexpr milliseconds kKillTakes{1000};
-constexpr milliseconds kTick{10};  // a process that was being started may have been missed
+constexpr milliseconds kTick{10};  // between two looks at what is left
 
 // popen tells no process number and makes no group. So all that comes of a command inherits the write end of a pipe,
 // its mark, which nothing else has; who has it is in /proc. The read end stays with us: it keeps the mark's number from
 // being given to another pipe, and it tells when the last process is gone.
 using Mark = ino_t;
 constexpr Mark kNoMark = 0;
-constexpr Mark kTaken = static_cast<Mark>(-1);  // by a tool that is about to start
+constexpr Mark kTaken = static_cast<Mark>(-1);  // by a tool that has none yet
 
 // The tools that run now, for the exit handler, which must not wait for a lock of a thread that is gone. More at once
 // than there can be sessions.
 constexpr std::size_t kMostTools = 256;
 std::array<std::atomic<Mark>, kMostTools> running;
+std::atomic<int> starting{0};  // threads that may start one without having seen `exiting`
 std::atomic<bool> exiting{false};
 std::atomic<pid_t> owner{0};  // the process that started them, not a fork of it
 
@@ -80,20 +82,34 @@ bool HasMark(const std::string& process, Mark mark) {
   return found;
 }
 
-void KillMarked(Mark mark) {
+// Whether there was anything to kill.
+bool KillMarked(Mark mark) {
   const pid_t own = ::getpid();
+  bool found = false;
   ForEachNumber("/proc", [&](const char* process) {
     const pid_t pid = std::atoi(process);
-    if (pid != own && HasMark(process, mark)) ::kill(pid, SIGKILL);
+    if (pid == own || !HasMark(process, mark)) return;
+    found = true;
+    ::kill(pid, SIGKILL);
   });
+  return found;
 }
 
+// A process that was being started while the others were looked at is found the next time, also when the thread that
+// waited for its tool has seen that end.
 void KillAll() {
   if (::getpid() != owner) return;
   exiting = true;
-  for (const auto& place : running) {
-    const Mark mark = place;
-    if (mark != kNoMark && mark != kTaken) KillMarked(mark);
+  const Deadline until = steady_clock::now() + kKillTakes;
+  std::set<Mark> marks;
+  bool again = true;
+  while (again && steady_clock::now() < until) {
+    again = starting > 0;
+    for (const auto& place : running) marks.insert(place);
+    for (const Mark mark : marks) {
+      if (mark != kNoMark && mark != kTaken && KillMarked(mark)) again = true;
+    }
+    if (again) std::this_thread::sleep_for(kTick);
   }
 }
 
@@ -156,15 +172,18 @@ int Tool::Start(const char* command) {
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return errno;
   alive_ = ends[0];
+  ++starting;
   const int error = exiting ? ECANCELED : StartMarked(command, ends[1]);
+  --starting;
   ::close(ends[1]);
-  if (error == 0 && exiting) Kill();  // the exit handler may have looked before
   return error;
 }
 
 int Tool::StartMarked(const char* command, int mark) {
   struct stat pipe {};
   if (::fstat(mark, &pipe) != 0) return errno;
+  mark_ = pipe.st_ino;
+  *place_ = mark_;
   absl::MutexLock lock(&start_mutex);
   const std::set<pid_t> before = ChildrenOfThread();
   ::fcntl(mark, F_SETFD, 0);
@@ -177,8 +196,6 @@ int Tool::StartMarked(const char* command, int mark) {
     if (before.count(child) == 0) shell_ = child;
   }
   if (shell_ != 0) ended_ = static_cast<int>(::syscall(SYS_pidfd_open, shell_, 0));
-  mark_ = pipe.st_ino;
-  *place_ = mark_;
   return 0;
 }
 
