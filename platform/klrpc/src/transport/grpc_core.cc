@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -58,10 +59,9 @@ void WriteProtobufLog(google::protobuf::LogLevel severity, const char* file, int
 // gRPC makes its event engine, with threads and file descriptors, when there is a channel and ends it with the last
 // one. A process that makes connections again and again would make the engine again and again, and gRPC stops the
 // process when there is no descriptor for it. So one channel stays.
-void KeepEventEngine() {
-  [[maybe_unused]] static grpc_channel* const channel =
-      grpc_lame_client_channel_create("none", GRPC_STATUS_UNAVAILABLE, "");
-}
+std::atomic<grpc_channel*> g_kept_channel = nullptr;
+
+void KeepEventEngine() { g_kept_channel = grpc_lame_client_channel_create("none", GRPC_STATUS_UNAVAILABLE, ""); }
 
 // The choice of gRPC's poller. With its default one a single thread watches the connections of the whole process and
 // hands arriving data to the others, so a call's reply would wake two threads of the tool, and pass through a third
