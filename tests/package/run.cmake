@@ -6,3 +6,16 @@ function(run output)
   endif()
   set(${output} "${text}" PARENT_SCOPE)
 endfunction()
+
+# build_program(SOURCE WORK OPTION...): builds a program outside the tree against WORK/prefix, as this build was made.
+function(build_program source work)
+  set(flags "")
+  if(SANITIZE)
+    set(flags "-fsanitize=${SANITIZE}")
+  elseif(COVERAGE)
+    set(flags "--coverage")
+  endif()
+  run(ignored ${CMAKE_COMMAND} -G Ninja -S ${source} -B ${work}/build -DCMAKE_PREFIX_PATH=${work}/prefix
+      -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_CXX_FLAGS=${flags} -DSANITIZE=${SANITIZE} ${ARGN})
+  run(ignored ${CMAKE_COMMAND} --build ${work}/build)
+endfunction()
