@@ -26,6 +26,7 @@
 #include "console/tcp/http_sniff.h"
 #include "fuzz/fuzz.h"
 #include "klbase/options.h"
+#include "platform/klbase/testing/test_host.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ std::shared_ptr<cli::Menu> MakeMenu() {
 }
 
 // The server and the console, for one connection.
-class Server : private cli::internal::ConnectionOwner, private cli::internal::SessionHost {
+class Server : private cli::internal::ConnectionOwner, private cli::internal::TestHost {
  public:
   explicit Server(bool client_speaks_first) {
     options_.sniff = client_speaks_first ? std::chrono::milliseconds(60'000) : std::chrono::milliseconds(0);
@@ -168,11 +169,6 @@ class Server : private cli::internal::ConnectionOwner, private cli::internal::Se
     closed_ = true;
     ++closings_;
   }
-
-  std::vector<cli::internal::SessionInfo> Sessions() override { return {}; }
-  std::string Disconnect(int, const std::string&) override { return ""; }
-  void RequestShutdown() override {}
-  void ThreadEnded(int) override {}
 
   klbase::CollapsedRecords closing_records_{40, "console connections closed"};
   asio::io_context io_;

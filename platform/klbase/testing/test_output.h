@@ -11,6 +11,7 @@
 #include <string>
 
 #include "console/output_buffer.h"
+#include "platform/testing/sync.h"
 
 namespace cli::internal {
 
@@ -29,12 +30,23 @@ class TestOutput {
   TestOutput& operator=(const TestOutput&) = delete;
 
   OutputBuffer* Buffer() { return buffer_.get(); }
+  const std::shared_ptr<OutputBuffer>& Shared() { return buffer_; }
   // The bytes appended since the last call; less than 64 KiB.
   std::string Take() {
     EXPECT_TRUE(buffer_->Flush());
     char bytes[1 << 16];
     const ssize_t count = ::recv(ends_[1], bytes, sizeof bytes, MSG_DONTWAIT);
     return {bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+  }
+  // Reads until `size` bytes have come. False when they don't.
+  bool Read(std::size_t size) {
+    return vextest::WaitFor([&] {
+      buffer_->Flush();
+      char bytes[1 << 16];
+      const ssize_t count = ::recv(ends_[1], bytes, std::min(size, sizeof bytes), MSG_DONTWAIT);
+      size -= static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+      return size == 0;
+    });
   }
 
  private:

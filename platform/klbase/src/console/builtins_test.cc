@@ -8,13 +8,14 @@
 #include <string>
 
 #include "console/session/console_session.h"
+#include "platform/klbase/testing/test_host.h"
 #include "platform/testing/sync.h"
 
 namespace cli::internal {
 namespace {
 
 // Runs `lines` in a session of its own and returns its output.
-class BuiltinsTest : public testing::Test, private SessionHost {
+class BuiltinsTest : public testing::Test, private TestHost {
  protected:
   std::string Run(std::string_view lines) {
     int ends[2];
@@ -43,12 +44,6 @@ class BuiltinsTest : public testing::Test, private SessionHost {
     ::close(ends[1]);
     return {printed, size > 0 ? static_cast<std::size_t>(size) : 0};
   }
-
- private:
-  std::vector<SessionInfo> Sessions() override { return {}; }
-  std::string Disconnect(int, const std::string&) override { return ""; }
-  void RequestShutdown() override {}
-  void ThreadEnded(int) override {}
 };
 
 TEST_F(BuiltinsTest, HistoryWritesOutWhatNoTerminalShouldGet) {

@@ -16,6 +16,7 @@
 #include "console/builtins.h"
 #include "console/exit_guard.h"
 #include "console/notice.h"
+#include "console/session/line_turns.h"
 #include "console/session/session_table.h"
 #include "console/tcp/server.h"
 #include "console/terminal/local_console.h"
@@ -136,6 +137,8 @@ class ConsoleRuntime : public SessionHost,
     if (local_) local_->Stop();
   }
 
+  LineTurns& Turns() override { return turns_; }
+
   void ThreadEnded(int session_id) override { server_->PostReap(session_id); }
 
   // --- ShowsNotices
@@ -193,6 +196,7 @@ class ConsoleRuntime : public SessionHost,
   const ConsoleOptions options_;
   // Destroyed from the last to the first: the transports, then the plugins, then the menus that these worked on.
   const std::shared_ptr<Menu> root_;
+  LineTurns turns_;
   SessionTable table_;
   std::shared_ptr<const Builtins> builtins_;
   std::vector<std::unique_ptr<Plugin>> plugins_;

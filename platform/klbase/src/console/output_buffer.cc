@@ -114,7 +114,6 @@ void OutputBuffer::FlushUnlessBlocked() {
 }
 
 void OutputBuffer::WriteLocked() {
-  const bool was_full = PendingLocked() > kMaxPending;
   bool blocked = false;
   bool progress = false;
   while (fd_ >= 0 && !blocked && PendingLocked() > 0) {
@@ -144,14 +143,12 @@ void OutputBuffer::WriteLocked() {
   // A reader that has taken some of it is slow, not stalled: its time begins anew.
   if (blocked && (progress || !blocked_)) blocked_since_ = Clock::now();
   blocked_ = blocked;
-  // Two kinds of waiters: WaitForRoom() waits for less than the limit, WaitUntilWritten() for an empty buffer.
-  const bool emptied = progress && PendingLocked() == 0;
-  if (fd_ < 0 || emptied || (was_full && PendingLocked() <= kMaxPending)) room_.SignalAll();
+  if (fd_ < 0 || progress) room_.SignalAll();
 }
 
-bool OutputBuffer::WaitForRoom() {
+bool OutputBuffer::WaitForRoom(std::size_t most) {
   absl::MutexLock lock(&mutex_);
-  while (fd_ >= 0 && PendingLocked() > kMaxPending) room_.Wait(&mutex_);
+  while (fd_ >= 0 && PendingLocked() > most) room_.Wait(&mutex_);
   return fd_ >= 0;
 }
 

@@ -25,7 +25,7 @@ class OutputBuffer {
 
   // A command that prints waits above this.
   static constexpr std::size_t kMaxPending = 1 << 20;
-  // Above this a transport takes no more input, so that echo and prompts can't pile up.
+  // Above this a transport takes no more input, so that echo and prompts can't pile up, and no further line is run.
   static constexpr std::size_t kBusyPending = 256 << 10;
   // Enough to make a write worth its system call.
   static constexpr std::size_t kFlushSize = 16 << 10;
@@ -61,8 +61,8 @@ class OutputBuffer {
   bool Flush();
   // The same, unless the reader takes nothing and the transport waits for it.
   void FlushUnlessBlocked();
-  // Blocks while more than kMaxPending bytes wait. False once closed.
-  bool WaitForRoom();
+  // Blocks while more than `most` bytes wait. False once closed.
+  bool WaitForRoom(std::size_t most = kMaxPending);
   // Blocks until all is written, for a reader that must have it before anything else happens. False once closed, or
   // when ReleaseWriters() has been called.
   bool WaitUntilWritten();

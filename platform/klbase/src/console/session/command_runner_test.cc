@@ -12,13 +12,14 @@
 #include "cli/command.h"
 #include "cli/words.h"
 #include "platform/klbase/testing/console_test.h"
+#include "platform/klbase/testing/test_host.h"
 #include "platform/klbase/testing/test_output.h"
 #include "platform/testing/fake_session.h"
 
 namespace cli::internal {
 namespace {
 
-class CommandRunnerTest : public testing::Test, private SessionHost {
+class CommandRunnerTest : public testing::Test, private TestHost {
  protected:
   CommandRunnerTest() {
     auto playd = std::make_unique<Menu>("playd");
@@ -86,9 +87,7 @@ class CommandRunnerTest : public testing::Test, private SessionHost {
 
  private:
   std::vector<SessionInfo> Sessions() override { return {{7, SessionKind::kTelnet, "here", "playd", {}, {}}}; }
-  std::string Disconnect(int, const std::string&) override { return ""; }
   void RequestShutdown() override { ++shutdowns_; }
-  void ThreadEnded(int) override {}
 };
 
 TEST_F(CommandRunnerTest, ACommandsOutputGoesToItsStream) { EXPECT_EQ(Run("say hello"), "hello"); }

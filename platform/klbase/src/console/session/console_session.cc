@@ -224,14 +224,22 @@ void ConsoleSession::End() {
 // --- the command thread
 
 void ConsoleSession::RunLines(std::string line) {
-  std::optional<std::string> next = std::move(line);
-  while (next) {
+  RunLine(line);
+  while (auto next = NextLineWhenRead()) {
+    const LineTurns::Turn turn(config_.host->Turns());
     RunLine(*next);
-    // A file or a pipe may be shared with programs that the next command starts: their output must come behind this.
-    config_.kind == SessionKind::kPlain ? config_.output->WaitUntilWritten() : config_.output->WaitForRoom();
-    next = NextLine();
   }
   config_.output->Flush();
+}
+
+std::optional<std::string> ConsoleSession::NextLineWhenRead() {
+  if (config_.kind == SessionKind::kPlain) {
+    // A file or a pipe may be shared with programs that the next command starts: their output must come behind this.
+    config_.output->WaitUntilWritten();
+  } else {
+    config_.output->WaitForRoom(OutputBuffer::kBusyPending);
+  }
+  return NextLine();
 }
 
 void ConsoleSession::RunLine(const std::string& line) {

@@ -121,6 +121,8 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void RunLines(std::string line) override;
   void ThreadEnded() override { config_.host->ThreadEnded(config_.id); }
   void RunLine(const std::string& line);
+  // The next line that waits, once the reader has taken the output of those before.
+  std::optional<std::string> NextLineWhenRead();
 
   const SessionConfig config_;
   const std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();

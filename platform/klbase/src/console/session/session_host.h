@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "console/session/line_turns.h"
 #include "console/session_control.h"
 
 namespace cli::internal {
@@ -18,6 +19,8 @@ class SessionHost {
   virtual std::string Disconnect(int session_id, const std::string& farewell) = 0;
   // Ends the console for all; returns at once.
   virtual void RequestShutdown() = 0;
+  // For the lines that wait behind others.
+  virtual LineTurns& Turns() = 0;
   // The session's command thread does nothing more and can be joined.
   virtual void ThreadEnded(int session_id) = 0;
 };

@@ -45,11 +45,10 @@ TEST(AccessTest, AnyRightOfTheGroupOrOfOthersIsRefused) {
   const vextest::ScratchFolder folder;
   for (const unsigned int mode : {0644U, 0640U, 0604U, 0622U, 0620U, 0602U, 0610U, 0601U}) {
     const std::string file = folder.Write("pw", Hash("secret") + "\n", static_cast<mode_t>(mode));
-    EXPECT_EQ(Refusal(file), "password file " + file +
-                                 " (KLBASE_CONSOLE_PASSWORD_FILE): is open to its group or to others; "
-                                 "take their rights away: chmod 600 " +
-                                 file)
-        << std::oct << mode;
+    std::string refusal = "password file " + file;
+    refusal += " (KLBASE_CONSOLE_PASSWORD_FILE): is open to its group or to others; ";
+    refusal += "take their rights away: chmod 600 " + file;
+    EXPECT_EQ(Refusal(file), refusal) << std::oct << mode;
   }
   for (const unsigned int mode : {0600U, 0400U, 0700U}) {
     EXPECT_EQ(Refusal(folder.Write("pw", Hash("secret"), static_cast<mode_t>(mode))), "none") << std::oct << mode;
