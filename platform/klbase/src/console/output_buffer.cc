@@ -62,20 +62,23 @@ bool OutputBuffer::Print(std::string_view text) {
 void OutputBuffer::AppendConvertedLocked(std::string_view text) {
   if (text_ == Text::kPlain) {
     pending_.append(text);
-    return;
+  } else {
+    char last = '\0';  // a "\r\n" that the command wrote itself stays one line end
+    for (const char c : text) {
+      if (c == '\n' && last != '\r') pending_ += '\r';
+      if (text_ == Text::kTelnet && static_cast<unsigned char>(c) == kTelnetIac) pending_ += c;
+      pending_ += c;
+      last = c;
+    }
   }
-  char last = '\0';  // a "\r\n" that the command wrote itself stays one line end
-  for (const char c : text) {
-    if (c == '\n' && last != '\r') pending_ += '\r';
-    if (text_ == Text::kTelnet && static_cast<unsigned char>(c) == kTelnetIac) pending_ += c;
-    pending_ += c;
-    last = c;
-  }
+  pending_size_ = PendingLocked();
 }
 
 void OutputBuffer::AppendRaw(std::string_view bytes) {
   absl::MutexLock lock(&mutex_);
-  if (fd_ >= 0) pending_.append(bytes);
+  if (fd_ < 0) return;
+  pending_.append(bytes);
+  pending_size_ = PendingLocked();
 }
 
 void OutputBuffer::FreshLine() {
@@ -140,6 +143,7 @@ void OutputBuffer::WriteLocked() {
     // Now and then only: dropping the written part with each write would move the rest each time.
     pending_.erase(0, std::exchange(written_, 0));
   }
+  pending_size_ = PendingLocked();
   // A reader that has taken some of it is slow, not stalled: its time begins anew.
   if (blocked && (progress || !blocked_)) blocked_since_ = Clock::now();
   blocked_ = blocked;
@@ -170,6 +174,7 @@ void OutputBuffer::Close() {
   fd_ = -1;
   std::string().swap(pending_);
   written_ = 0;
+  pending_size_ = 0;
   blocked_ = false;
   room_.SignalAll();
 }
@@ -182,11 +187,6 @@ bool OutputBuffer::Closed() const {
 std::uint64_t OutputBuffer::Printed() const {
   absl::MutexLock lock(&mutex_);
   return printed_;
-}
-
-std::size_t OutputBuffer::Pending() const {
-  absl::MutexLock lock(&mutex_);
-  return PendingLocked();
 }
 
 OutputBuffer::Clock::duration OutputBuffer::StalledFor() const {

@@ -2,6 +2,7 @@
 #ifndef KLBASE_CONSOLE_OUTPUT_BUFFER_H_
 #define KLBASE_CONSOLE_OUTPUT_BUFFER_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -74,7 +75,8 @@ class OutputBuffer {
   bool Closed() const;
   // How many times Print() was called.
   std::uint64_t Printed() const;
-  std::size_t Pending() const;
+  // Takes no lock, so the transport's thread does not wait while a command's output is written.
+  std::size_t Pending() const { return pending_size_; }
   // How long bytes have been waiting without one of them being taken; zero when none wait.
   Clock::duration StalledFor() const;
 
@@ -94,6 +96,7 @@ class OutputBuffer {
   bool blocked_ ABSL_GUARDED_BY(mutex_) = false;
   std::string pending_ ABSL_GUARDED_BY(mutex_);
   std::size_t written_ ABSL_GUARDED_BY(mutex_) = 0;
+  std::atomic<std::size_t> pending_size_{0};  // changed under the lock
   std::uint64_t printed_ ABSL_GUARDED_BY(mutex_) = 0;
   Clock::time_point blocked_since_ ABSL_GUARDED_BY(mutex_);
 };

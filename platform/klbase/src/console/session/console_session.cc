@@ -111,7 +111,9 @@ void ConsoleSession::Pump() {
       CheckPassword(std::move(*line));
       break;
     }
-    if (thread_.Post(std::move(*line), host)) break;  // the lease went with it
+    // Before the command thread writes: this one would wait for its lock.
+    config_.output->Flush();
+    if (thread_.Post(std::move(*line), host)) return;  // the lease went with it
     config_.output->Append("The line was not run: no thread can be started for it. Try again later.\n");
     BeginLine();
   }
