@@ -24,6 +24,12 @@ TEST(EventBlockTest, ABlockIsOneWrite) {
   EXPECT_THAT(output.Writes(), ElementsAre(kAsterisks + " a:1\n b:\n"));
 }
 
+std::string BlockOf(const std::string& name) {
+  std::string block = kAsterisks;
+  for (const char* field : {" x:", " y:"}) block.append(field).append(name).append("\n");
+  return block;
+}
+
 TEST(EventBlockTest, BlocksOfSeveralThreadsStayWhole) {
   constexpr std::size_t kBlocks = 200;
   const std::vector<std::string> names = {"one", "two", "three", "four"};
@@ -35,13 +41,14 @@ TEST(EventBlockTest, BlocksOfSeveralThreadsStayWhole) {
       for (std::size_t i = 0; i < kBlocks; ++i) PrintEventBlock({{" x:", name}, {" y:", name}});
     });
   }
-  const std::size_t bytes = kBlocks * (names.size() * (kAsterisks.size() + 2 * 4) + 2 * 15);
+  std::size_t bytes = 0;
+  for (const std::string& name : names) bytes += kBlocks * BlockOf(name).size();
   EXPECT_TRUE(output.WaitForBytes(bytes));
   for (auto& thread : threads) thread.join();
   std::string text = output.Text();
   ASSERT_EQ(text.size(), bytes);
   for (const std::string& name : names) {
-    const std::string block = kAsterisks + " x:" + name + "\n y:" + name + "\n";
+    const std::string block = BlockOf(name);
     std::size_t whole = 0;
     for (auto at = text.find(block); at != std::string::npos; at = text.find(block, at)) {
       text.erase(at, block.size());
