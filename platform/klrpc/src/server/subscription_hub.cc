@@ -251,6 +251,7 @@ bool SubscriberStream::HasRoomLocked(std::size_t size) const {
 }
 
 void SubscriberStream::DropQueueLocked() {
+  if (ending_ && end_code_ != GRPC_STATUS_OK) unsent_ += missed_.size() + queue_.size();
   missed_.clear();
   queue_.clear();
   method_.hub.QueuedBytes() -= std::exchange(queued_bytes_, 0);
@@ -335,13 +336,19 @@ void SubscriberStream::Finish(grpc_status_code code, const std::string& text) {
 
 void SubscriberStream::OnClosed(bool) {
   std::string report;
+  std::size_t unsent = 0;
   {
     const absl::MutexLock lock(&mutex_);
     gone_ = true;
     DropQueueLocked();
     report = TakeDropReportLocked();
+    unsent = unsent_;
   }
   if (!report.empty()) KL_LOG(40, "%s", report.c_str());
+  if (unsent > 0) {
+    KL_LOG(40, "subscriber %s: %zu messages were not sent before the server's end", request_.client_id().c_str(),
+           unsent);
+  }
   method_.hub.Leave(shared_from_this());
 }
 

@@ -173,6 +173,7 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   grpc_status_code end_code_ ABSL_GUARDED_BY(mutex_) = GRPC_STATUS_OK;
   std::string end_text_ ABSL_GUARDED_BY(mutex_);
   std::uint64_t dropped_ ABSL_GUARDED_BY(mutex_) = 0;
+  std::size_t unsent_ ABSL_GUARDED_BY(mutex_) = 0;  // when the server stopped: no ring keeps them for later
   unsigned int unflushed_ ABSL_GUARDED_BY(mutex_) = 0;
 };
 
