@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "platform/testing/captured_output.h"
 #include "platform/testing/environment.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/open_files.h"
 #include "platform/testing/sync.h"
 
 namespace klrpc::testing {
@@ -29,6 +29,7 @@ using vextest::ExitState;
 using vextest::kLimit;
 using vextest::LogCapture;
 using vextest::LogRecord;
+using vextest::OpenFiles;
 using vextest::ScopedVariable;
 using vextest::Watched;
 
@@ -347,11 +348,6 @@ TEST_F(ApiClientTest, TheThreadThatCallsPollsAndChildrenAreNotToldTo) {
   EXPECT_TRUE(Call(StatusOf(1)));
   EXPECT_EQ(EpollDescriptors(), 0);
   EXPECT_EQ(std::getenv("GRPC_POLL_STRATEGY"), nullptr);
-}
-
-int OpenFiles() {
-  const std::filesystem::directory_iterator files("/proc/self/fd");
-  return static_cast<int>(std::distance(begin(files), end(files)));
 }
 
 // One for each of the most calls at once that there ever were used to stay open.

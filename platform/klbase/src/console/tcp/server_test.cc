@@ -40,6 +40,7 @@
 #include "platform/testing/captured_output.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/open_files.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
 
@@ -51,6 +52,7 @@ using vextest::ExitState;
 using vextest::ForkedChild;
 using vextest::Gate;
 using vextest::LogCapture;
+using vextest::OpenFiles;
 using vextest::ScratchFolder;
 using vextest::WaitFor;
 using namespace std::chrono_literals;
@@ -758,6 +760,24 @@ TEST_F(ServerTest, AThousandConnectionsAtOnce) {
   EXPECT_EQ(refused, 936);
   clients.clear();
   EXPECT_TRUE(WaitFor([this] { return Program("core set 1\n") == "1\n"; }));
+}
+
+TEST_F(ServerTest, AtMost256RefusedConnectionsAreWaitedFor) {
+  constexpr int kRefused = 300;
+  constexpr int kWaitedFor = 256;
+  options_.max_sessions = 1;
+  options_.linger = 1h;
+  Open();
+  TestClient first = Operator();
+  const int before = OpenFiles();
+  std::deque<TestClient> clients;
+  for (int i = 0; i < kRefused; ++i) {
+    clients.push_back(Connect());
+    EXPECT_EQ(clients.back().ReceiveAll(), "Too many sessions: all 1 are in use. Try again later.\r\n");
+  }
+  EXPECT_TRUE(WaitFor([&] { return OpenFiles() == before + kRefused + kWaitedFor; })) << OpenFiles() - before;
+  clients.clear();
+  EXPECT_TRUE(WaitFor([&] { return OpenFiles() == before; }));
 }
 
 TEST_F(ServerTest, SilentAndVanishingConnectionsAreForgotten) {
