@@ -151,6 +151,7 @@ TEST_F(RegistryTest, ThreadsMayBeTheFirstUsersTogether) {
   registry_.Register(&constant, Making("thing"));
   std::vector<std::string> made(4);
   std::vector<std::thread> users;
+  users.reserve(made.size());
   for (auto& product : made) users.emplace_back([this, &product] { product = Make("constant"); });
   for (auto& user : users) user.join();
   EXPECT_THAT(made, ElementsAre("thing", "thing", "thing", "thing"));

@@ -45,7 +45,7 @@ TEST(CollapsedRecordsTest, TheNextMinutesFirstIsWrittenBehindTheCount) {
   KL_LOG_COLLAPSED(refusals, "b\n");
   const auto written = [&log] { return log.Count("40 c"); };
   EXPECT_TRUE(vextest::WaitFor([&] {
-    KL_LOG_COLLAPSED(refusals, "c\n");
+    KL_LOG_COLLAPSED(refusals, "c\n");  // NOLINT(bugprone-lambda-function-name): nobody reads it
     return written() == 1;
   }));
   const auto texts = log.Texts();
