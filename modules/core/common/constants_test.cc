@@ -7,21 +7,23 @@
 namespace core {
 namespace {
 
+using namespace core::LogConf;
+
 TEST(LogConfTest, NamesTheDaemonsLogFilesAndConfigurations) {
-  EXPECT_EQ(LogConf::log_dir, "/userdata/log/");
-  EXPECT_EQ(LogConf::log_syncd_, "/usr/kelo/etc/logconf/log_syncd.conf");
-  EXPECT_EQ(LogConf::log_file_syncd_, "/userdata/log/syncd/syncd.log");
-  EXPECT_EQ(LogConf::log_osd_, "/usr/kelo/etc/logconf/log_osd.conf");
-  EXPECT_EQ(LogConf::log_file_osd_, "/userdata/log/osd/osd.log");
-  EXPECT_EQ(LogConf::log_encd_, "/usr/kelo/etc/logconf/log_encd.conf");
-  EXPECT_EQ(LogConf::log_file_encd_, "/userdata/log/encd/encd.log");
-  EXPECT_EQ(LogConf::log_playd_, "/usr/kelo/etc/logconf/log_playd.conf");
-  EXPECT_EQ(LogConf::log_file_playd_, "/userdata/log/playd/playd.log");
+  EXPECT_EQ(log_dir, "/userdata/log/");
+  EXPECT_EQ(log_syncd_, "/usr/kelo/etc/logconf/log_syncd.conf");
+  EXPECT_EQ(log_file_syncd_, "/userdata/log/syncd/syncd.log");
+  EXPECT_EQ(log_osd_, "/usr/kelo/etc/logconf/log_osd.conf");
+  EXPECT_EQ(log_file_osd_, "/userdata/log/osd/osd.log");
+  EXPECT_EQ(log_encd_, "/usr/kelo/etc/logconf/log_encd.conf");
+  EXPECT_EQ(log_file_encd_, "/userdata/log/encd/encd.log");
+  EXPECT_EQ(log_playd_, "/usr/kelo/etc/logconf/log_playd.conf");
+  EXPECT_EQ(log_file_playd_, "/userdata/log/playd/playd.log");
 }
 
 TEST(LogConfTest, KeepsFiveFilesOfFiftyMebibytes) {
-  EXPECT_EQ(LogConf::log_default_max_log_file, 5);
-  EXPECT_EQ(LogConf::log_default_max_file_size_kb, 51200);
+  EXPECT_EQ(log_default_max_log_file, 5);
+  EXPECT_EQ(log_default_max_file_size_kb, 51200);
 }
 
 TEST(RpcUrlTest, NamesTheDaemonsAddresses) {

@@ -12,10 +12,10 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <sstream>
 #include <string>
-#include <string_view>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
@@ -28,12 +28,17 @@
 namespace cli {
 
 // Thrown when a word cannot be converted to a parameter's type. It knows the word and the type's name when from_string
-// threw it, and the parameter once it has left a handler command, so that the operator can be told which word it was.
+// threw it, the word's place once it has left the conversion chain, and the parameter once it has left a handler
+// command, so that the operator can be told which word it was.
 class KLBASE_EXPORT bad_conversion : public std::bad_cast, public about_word {
  public:
   bad_conversion() = default;
   bad_conversion(const std::string& word_to_convert, const char* type_name)
       : word(std::make_shared<const std::string>(word_to_convert)), type(type_name) {}
+  // The same error, of the word behind which so many others follow.
+  bad_conversion(const bad_conversion& error, std::size_t words_behind) : bad_conversion(error) {
+    behind = words_behind;
+  }
   // The same error, of the parameter that help shows as `parameter_name`.
   bad_conversion(const bad_conversion& error, const std::string& parameter_name)
       : word(error.word), type(error.type), parameter(std::make_shared<const std::string>(parameter_name)) {}
@@ -44,12 +49,15 @@ class KLBASE_EXPORT bad_conversion : public std::bad_cast, public about_word {
   const std::string* Word() const noexcept override { return word.get(); }
   // The name of the type that was asked for, as help shows it; "" when it is not known. A static text.
   const char* Type() const noexcept { return type; }
+  // How many of the chain's words follow the one that did not convert; none outside of a chain.
+  std::optional<std::size_t> WordsBehind() const noexcept { return behind; }
   // How help shows the parameter; null when it is not known. Lives as long as the exception or a copy of it.
   const std::string* Parameter() const noexcept { return parameter.get(); }
 
  private:
   std::shared_ptr<const std::string> word;
   const char* type = "";
+  std::optional<std::size_t> behind;
   std::shared_ptr<const std::string> parameter;
 };
 
@@ -91,20 +99,63 @@ class KLBASE_EXPORT Command {
   std::atomic<bool> enabled{true};
 };
 
-// The name under which help shows a parameter that has no description.
+// The name under which help shows a parameter that has no description. A type of a menu's own has "value", unless the
+// menu gives it another one in the same way.
 template <typename T>
-struct TypeName;
+struct TypeName {
+  static constexpr const char* kValue = "value";
+};
 template <>
 struct TypeName<std::string> {
   static constexpr const char* kValue = "string";
+};
+template <>
+struct TypeName<bool> {
+  static constexpr const char* kValue = "bool";
+};
+template <>
+struct TypeName<char> {
+  static constexpr const char* kValue = "char";
+};
+template <>
+struct TypeName<signed char> {
+  static constexpr const char* kValue = "signed char";
+};
+template <>
+struct TypeName<unsigned char> {
+  static constexpr const char* kValue = "unsigned char";
+};
+template <>
+struct TypeName<short> {
+  static constexpr const char* kValue = "short";
+};
+template <>
+struct TypeName<unsigned short> {
+  static constexpr const char* kValue = "unsigned short";
+};
+template <>
+struct TypeName<int> {
+  static constexpr const char* kValue = "int";
 };
 template <>
 struct TypeName<unsigned int> {
   static constexpr const char* kValue = "unsigned int";
 };
 template <>
-struct TypeName<int> {
-  static constexpr const char* kValue = "int";
+struct TypeName<long> {
+  static constexpr const char* kValue = "long";
+};
+template <>
+struct TypeName<unsigned long> {
+  static constexpr const char* kValue = "unsigned long";
+};
+template <>
+struct TypeName<long long> {
+  static constexpr const char* kValue = "long long";
+};
+template <>
+struct TypeName<unsigned long long> {
+  static constexpr const char* kValue = "unsigned long long";
 };
 template <>
 struct TypeName<float> {
@@ -115,49 +166,34 @@ struct TypeName<double> {
   static constexpr const char* kValue = "double";
 };
 template <>
-struct TypeName<bool> {
-  static constexpr const char* kValue = "bool";
+struct TypeName<long double> {
+  static constexpr const char* kValue = "long double";
 };
-
-namespace internal {
-
-template <typename T>
-constexpr const char* NameOfType() {
-  if constexpr (requires { TypeName<T>::kValue; }) return TypeName<T>::kValue;
-  return "";
-}
-
-template <typename T>
-[[noreturn]] void ThrowBadConversion(const std::string& word) {
-  throw bad_conversion(word, NameOfType<T>());
-}
-
-}  // namespace internal
 
 // Converts a word: standard formatted extraction that must use up the whole word (blanks around it are allowed). An
 // unsigned integer has no minus: the extraction would take "-1" for the largest value. Throws bad_conversion.
 template <typename T>
 T from_string(const std::string& word) {
+  constexpr bool kUnsignedNumber = std::is_unsigned_v<T> && (sizeof(T) > 1);
+  const bad_conversion refusal(word, TypeName<T>::kValue);
   std::istringstream stream(word);
-  if (!stream) internal::ThrowBadConversion<T>(word);
-  if constexpr (std::is_unsigned_v<T> && !std::is_same_v<T, bool>) {
-    if ((stream >> std::ws).peek() == '-') internal::ThrowBadConversion<T>(word);
-  }
+  if (!stream) throw refusal;
+  if (kUnsignedNumber && (stream >> std::ws).peek() == '-') throw refusal;
   T value{};
-  if (!(stream >> value)) internal::ThrowBadConversion<T>(word);
-  if (!(stream >> std::ws).eof()) internal::ThrowBadConversion<T>(word);
+  if (!(stream >> value)) throw refusal;
+  if (!(stream >> std::ws).eof()) throw refusal;
   return value;
 }
 
 // The conversion chain: each link converts one word, keeps the value and hands the rest of the words to the next link;
-// the last one calls `handler` with all values.
+// the last one calls `handler` with all values, which are the handler's to keep.
 template <typename... Params>
 struct Select;
 
 template <>
 struct Select<> {
   template <typename Handler, typename Iterator>
-  static void Exec(const Handler& handler, Iterator, Iterator) {
+  static void Exec(Handler&& handler, Iterator, Iterator) {
     handler();
   }
 };
@@ -165,16 +201,26 @@ struct Select<> {
 template <typename First, typename... Rest>
 struct Select<First, Rest...> {
   template <typename Handler, typename Iterator>
-  static void Exec(const Handler& handler, Iterator word, Iterator end) {
+  static void Exec(Handler&& handler, Iterator word, Iterator end) {
     if (word == end) throw bad_conversion();
-    const First value = from_string<First>(*word);
-    const auto with_value = [&handler, &value](const auto&... rest) { handler(value, rest...); };
+    First value = Convert(*word);
+    const auto with_value = [&handler, &value](Rest&&... rest) { handler(std::move(value), std::move(rest)...); };
     Select<Rest...>::Exec(with_value, std::next(word), end);
+  }
+
+ private:
+  static First Convert(const std::string& word) {
+    try {
+      return from_string<First>(word);
+    } catch (const bad_conversion& error) {
+      throw bad_conversion(error, sizeof...(Rest));
+    }
   }
 };
 
-// A command that converts its words to Params and calls `Handler(std::ostream&, Params...)` on the thread that runs the
-// session. `parameter_descriptions` holds one text per parameter, or none.
+// A command that converts its words to Params and calls `handler(std::ostream&, Params&&...)` on the thread that runs
+// the session: a handler may take each value, a constant reference to it, or the value to keep. A handler with state of
+// its own must guard it. `parameter_descriptions` holds one text per parameter, or none.
 template <typename Handler, typename... Params>
 class VariadicFunctionCommand : public Command {
  public:
@@ -190,14 +236,14 @@ class VariadicFunctionCommand : public Command {
     if (words.size() != sizeof...(Params) + 1) return false;
     if (words.front() != Name()) return false;
     bool converted = false;
-    const auto call = [this, &session, &converted](const Params&... values) {
+    const auto call = [this, &session, &converted](Params&&... values) {
       converted = true;
-      handler(session.OutStream(), values...);
+      handler(session.OutStream(), std::move(values)...);
     };
     try {
       Select<Params...>::Exec(call, std::next(words.begin()), words.end());
     } catch (const bad_conversion& error) {
-      if (!converted) ThrowWithParameter(error, words);
+      if (!converted) ThrowWithParameter(error);
       throw;
     }
     return true;
@@ -216,35 +262,22 @@ class VariadicFunctionCommand : public Command {
   }
 
  private:
-  // Words are converted in order: the first one that reads like the refused one, for the same type, is it.
-  void ThrowWithParameter(const bad_conversion& error, const std::vector<std::string>& words) const {
-    const std::vector<std::string_view> types = {internal::NameOfType<Params>()...};
+  void ThrowWithParameter(const bad_conversion& error) const {
     const std::vector<std::string> names = ParameterNames();
-    if (error.Word() == nullptr) return;
-    for (std::size_t i = 0; i < types.size() && i < names.size(); ++i) {
-      if (types[i] == error.Type() && words[i + 1] == *error.Word()) throw bad_conversion(error, names[i]);
-    }
+    const std::size_t at = sizeof...(Params) - 1 - error.WordsBehind().value_or(0);
+    if (at < names.size()) throw bad_conversion(error, names[at]);
   }
 
-  const Handler handler;
+  Handler handler;
   const std::string description;
   const std::vector<std::string> parameter_descriptions;
 };
 
 namespace internal {
 
-template <typename Signature>
-struct HandlerTraits;
-template <typename Class, typename... Args>
-struct HandlerTraits<void (Class::*)(std::ostream&, Args...) const> {
-  template <typename Handler>
-  using CommandType = VariadicFunctionCommand<Handler, std::decay_t<Args>...>;
-};
-template <typename... Args>
-struct HandlerTraits<void (*)(std::ostream&, Args...)> {
-  template <typename Handler>
-  using CommandType = VariadicFunctionCommand<Handler, std::decay_t<Args>...>;
-};
+// For decltype: the command of a handler with this signature.
+template <typename Handler, typename... Args>
+VariadicFunctionCommand<Handler, std::decay_t<Args>...> CommandOf(std::function<void(std::ostream&, Args...)>);
 
 }  // namespace internal
 
@@ -253,14 +286,9 @@ struct HandlerTraits<void (*)(std::ostream&, Args...)> {
 template <typename Handler>
 std::unique_ptr<Command> MakeCommand(std::string name, Handler handler, std::string help_text,
                                      std::vector<std::string> parameter_descriptions = {}) {
-  if constexpr (std::is_pointer_v<Handler>) {
-    using Type = typename internal::HandlerTraits<Handler>::template CommandType<Handler>;
-    return std::make_unique<Type>(std::move(name), handler, std::move(help_text), std::move(parameter_descriptions));
-  } else {
-    using Type = typename internal::HandlerTraits<decltype(&Handler::operator())>::template CommandType<Handler>;
-    return std::make_unique<Type>(std::move(name), std::move(handler), std::move(help_text),
-                                  std::move(parameter_descriptions));
-  }
+  using Type = decltype(internal::CommandOf<Handler>(std::function{handler}));
+  return std::make_unique<Type>(std::move(name), std::move(handler), std::move(help_text),
+                                std::move(parameter_descriptions));
 }
 
 }  // namespace cli

@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <istream>
 #include <limits>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/testing/fake_session.h"
@@ -138,6 +142,130 @@ TEST(CommandTest, AFunctionPointerIsAHandlerToo) {
   FakeSession session;
   EXPECT_TRUE(MakeCommand("say", handler, "")->Exec({"say", "yes"}, session));
   EXPECT_EQ(session.TakeText(), "yes");
+}
+
+// As a menu outside of this tree may build one: without MakeCommand().
+template <typename... Params, typename Handler>
+std::string RunWith(Handler handler, const std::vector<std::string>& words) {
+  FakeSession session;
+  VariadicFunctionCommand<Handler, Params...> command("x", std::move(handler), "help");
+  std::vector<std::string> line = {"x"};
+  line.insert(line.end(), words.begin(), words.end());
+  EXPECT_TRUE(command.Exec(line, session));
+  return session.TakeText();
+}
+
+TEST(CommandTest, AHandlerMayTakeEachValueToKeep) {
+  std::string kept;
+  EXPECT_EQ((RunWith<std::string, unsigned int>(
+                [&kept](std::ostream& out, std::string&& text, unsigned int number) {
+                  kept = std::move(text);
+                  out << number;
+                },
+                {"a", "7"})),
+            "7");
+  EXPECT_EQ(kept, "a");
+}
+
+TEST(CommandTest, AHandlerMayTakeOtherTypesThanItsParameters) {
+  EXPECT_EQ((RunWith<std::string, unsigned int>(
+                [](std::ostream& out, std::string_view text, const std::uint64_t& number) { out << text << number; },
+                {"a", "7"})),
+            "a7");
+  EXPECT_EQ((RunWith<unsigned int>([](std::ostream& out, const auto& any) { out << any; }, {"7"})), "7");
+}
+
+TEST(CommandTest, AHandlerMayHaveAState) {
+  FakeSession session;
+  const auto count = [number = 0](std::ostream& out) mutable { out << ++number; };
+  const auto counter = MakeCommand("count", count, "");
+  EXPECT_TRUE(counter->Exec({"count"}, session));
+  EXPECT_TRUE(counter->Exec({"count"}, session));
+  EXPECT_EQ(session.TakeText(), "12");
+}
+
+struct Adder {
+  void operator()(std::ostream& out, int value) { out << (sum += value) << ' '; }
+  int sum = 0;
+};
+
+TEST(CommandTest, AHandlersCallOperatorNeedNotBeConst) {
+  FakeSession session;
+  const auto adder = MakeCommand("add", Adder(), "");
+  EXPECT_TRUE(adder->Exec({"add", "3"}, session));
+  EXPECT_TRUE(adder->Exec({"add", "-1"}, session));
+  EXPECT_EQ(session.TakeText(), "3 2 ");
+}
+
+TEST(CommandTest, AHandlerThatCanOnlyBeMovedIsAHandlerToo) {
+  FakeSession session;
+  auto handler = [text = std::make_unique<std::string>("owned")](std::ostream& out) { out << *text; };
+  VariadicFunctionCommand<decltype(handler)> command("x", std::move(handler), "");
+  EXPECT_TRUE(command.Exec({"x"}, session));
+  EXPECT_EQ(session.TakeText(), "owned");
+}
+
+// "4:3", read by the stream like any other type.
+struct Ratio {
+  int width = 0;
+  int height = 0;
+  friend std::istream& operator>>(std::istream& in, Ratio& ratio) {
+    char colon = 0;
+    if (!(in >> ratio.width >> colon >> ratio.height) || colon != ':') in.setstate(std::ios::failbit);
+    return in;
+  }
+};
+
+TEST(CommandTest, AnyTypeThatTheStreamCanReadIsAParameter) {
+  const auto handler = [](std::ostream& out, std::int64_t a, unsigned short b, char c, const Ratio& d) {
+    out << a << ' ' << b << ' ' << c << ' ' << d.width << '/' << d.height;
+  };
+  FakeSession session;
+  const auto command = MakeCommand("x", handler, "help");
+  EXPECT_TRUE(command->Exec({"x", "-9000000000", "65535", "q", "4:3"}, session));
+  EXPECT_EQ(session.TakeText(), "-9000000000 65535 q 4/3");
+  EXPECT_THROW(command->Exec({"x", "1", "65536", "q", "4:3"}, session), bad_conversion);
+  EXPECT_THROW(command->Exec({"x", "1", "-1", "q", "4:3"}, session), bad_conversion);
+  EXPECT_THROW(command->Exec({"x", "1", "1", "q", "4:"}, session), bad_conversion);
+  EXPECT_EQ(HelpText(*command), " - x <long> <unsigned short> <char> <value>\n\thelp\n");
+  const auto described = MakeCommand("x", handler, "help", {"a", "b", "c", "d"});
+  EXPECT_EQ(HelpText(*described), " - x <a> <b> <c> <d>\n\thelp\n");
+}
+
+TEST(CommandTest, OfTwoWordsThatDoNotConvertTheFirstIsNamed) {
+  const auto command = MakeCommand("x", [](std::ostream&, unsigned int, unsigned int, unsigned int) {}, "",
+                                   {"first", "second", "third"});
+  FakeSession session;
+  try {
+    command->Exec({"x", "1", "bad", "bad"}, session);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const bad_conversion& e) {
+    EXPECT_EQ(*e.Parameter(), "second");
+  }
+}
+
+// Reads no word that is the one before it.
+struct NoRepetition {
+  static inline std::string last;
+  std::string text;
+  friend std::istream& operator>>(std::istream& in, NoRepetition& word) {
+    if (in >> word.text && word.text == last) in.setstate(std::ios::failbit);
+    last = word.text;
+    return in;
+  }
+};
+
+TEST(CommandTest, ThePlaceOfAWordThatDoesNotConvertIsKnownNotGuessed) {
+  const auto command =
+      MakeCommand("x", [](std::ostream&, const NoRepetition&, const NoRepetition&) {}, "", {"first", "second"});
+  FakeSession session;
+  NoRepetition::last.clear();
+  try {
+    command->Exec({"x", "same", "same"}, session);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const bad_conversion& e) {
+    EXPECT_EQ(*e.Parameter(), "second");
+  }
 }
 
 TEST(CommandTest, ExceptionsOfTheHandlerPassThrough) {
