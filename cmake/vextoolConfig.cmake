@@ -1,4 +1,5 @@
-# find_package(vextool CONFIG): vextool::klbase, vextool::klrpc, vextool::schema, vextool::core, vextool::apisdk.
+# find_package(vextool CONFIG): vextool::klbase, vextool::klrpc, vextool::schema, vextool::core, vextool::apisdk,
+# vextool::envctl.
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
 find_dependency(Protobuf)

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "example/envctl/sysconf.h"
+#include "envctl/sysconf.h"
 #include "fuzz/fuzz.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "cli/command.h"
-#include "example/envctl/sysconf.h"
+#include "envctl/sysconf.h"
 
 namespace {
 

@@ -178,7 +178,7 @@ FIGURES = [
     (r"TCP port (50\d+)", "example/vextool.cc", r"cli_port, (\d+),", 1),
     (r"TCP port (7\d+)", "modules/apisdk/apisdk.cc", r"kNodePort = ([^;]+);", 1),
     (r"It ends within (\d+) s", "example/exit_handling.h", r"kEndLimit\{([^}]+)\}", 1),
-    (r"hangs is killed after (\d+) s", "example/envctl/sysconf.cc", r"kLimit\{([^}]+)\}", 1),
+    (r"hangs is killed after (\d+) s", "modules/envctl/sysconf.cc", r"kLimit\{([^}]+)\}", 1),
     (r"service may take (\d+) MiB", "packaging/debian/vextool.service", r"MemoryMax=(\d+)M", 1),
     (r"of memory and (\d+) tasks", "packaging/debian/vextool.service", r"TasksMax=(\d+)", 1),
     (r"at most (\d+) players", "device/playd/player/player_table.h", r"kMaxPlayers = ([^;]+);", 1),

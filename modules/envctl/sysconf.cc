@@ -1,4 +1,4 @@
-#include "example/envctl/sysconf.h"
+#include "envctl/sysconf.h"
 
 #include <cerrno>
 #include <chrono>
@@ -9,7 +9,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "example/envctl/tool_process.h"
+#include "tool_process.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 // A tool inherits the calling thread's signal mask: where SIGINT is blocked, Ctrl-C doesn't end it, but the end of this
 // process does. (To open SIGINT for the time of the start would have the interrupt handler run on the calling thread,
 // in the middle of popen.)
-#ifndef EXAMPLE_ENVCTL_SYSCONF_H_
-#define EXAMPLE_ENVCTL_SYSCONF_H_
+#ifndef ENVCTL_SYSCONF_H_
+#define ENVCTL_SYSCONF_H_
 
 #ifdef __cplusplus
 extern "C" {
@@ -45,4 +45,4 @@ int sysconf_closeenv(void);
 }
 #endif
 
-#endif  // EXAMPLE_ENVCTL_SYSCONF_H_
+#endif  // ENVCTL_SYSCONF_H_

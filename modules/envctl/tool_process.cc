@@ -1,4 +1,4 @@
-#include "example/envctl/tool_process.h"
+#include "tool_process.h"
 
 #include <dirent.h>
 #include <fcntl.h>

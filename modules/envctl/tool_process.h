@@ -1,7 +1,7 @@
 // popen and pclose for the device's settings tools: the same, but a tool that hangs neither holds its caller for ever
 // nor is left behind.
-#ifndef EXAMPLE_ENVCTL_TOOL_PROCESS_H_
-#define EXAMPLE_ENVCTL_TOOL_PROCESS_H_
+#ifndef ENVCTL_TOOL_PROCESS_H_
+#define ENVCTL_TOOL_PROCESS_H_
 
 #include <cstdint>
 #include <cstdio>
@@ -21,4 +21,4 @@ bool CloseSettingsTool(FILE* stream);
 
 }  // extern "C"
 
-#endif  // EXAMPLE_ENVCTL_TOOL_PROCESS_H_
+#endif  // ENVCTL_TOOL_PROCESS_H_

@@ -1,67 +1,16 @@
-// Linked so that calls of popen come here: the command is looked at, and the tool's answer comes from a
-// real child process.
+#include "envctl/sysconf.h"
+
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <deque>
-#include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "absl/base/thread_annotations.h"
-#include "absl/synchronization/mutex.h"
-#include "example/envctl/envctl_cli.h"
-#include "example/envctl/sysconf.h"
+#include "modules/envctl/testing/fake_tools.h"
 #include "platform/testing/captured_output.h"
-#include "platform/testing/fake_session.h"
-#include "platform/testing/log_capture.h"
-
-namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StrEq;
-using vextest::CapturedOutput;
-
-constexpr char kNoStart[] = "(cannot be started)";
-
-absl::Mutex fake_mutex(absl::kConstInit);
-std::vector<std::string> commands ABSL_GUARDED_BY(fake_mutex);
-std::deque<std::string> answers ABSL_GUARDED_BY(fake_mutex);
-
-std::string NextAnswer(const char* command) {
-  absl::MutexLock lock(&fake_mutex);
-  commands.emplace_back(command);
-  if (answers.empty()) return "";
-  std::string answer = answers.front();
-  if (answers.size() > 1) answers.pop_front();
-  return answer;
-}
-
-}  // namespace
-
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names
-extern "C" {
-
-FILE* __real_popen(const char* command, const char* mode);
-
-FILE* __wrap_popen(const char* command, const char* mode) {
-  EXPECT_STREQ(mode, "r");
-  const std::string answer = NextAnswer(command);
-  if (answer == kNoStart) {
-    errno = EAGAIN;
-    return nullptr;
-  }
-  return __real_popen(("printf '%b' '" + answer + "'").c_str(), mode);
-}
-
-}  // extern "C"
-// NOLINTEND(bugprone-reserved-identifier)
 
 // The same functions by the names that the linker sees: as C has them.
 char* GetByName(const char* name, char* buffer) asm("sysconf_getenv_safe");
@@ -74,6 +23,13 @@ int CloseByName() asm("sysconf_closeenv");
 
 namespace {
 
+using envctl::testing::FakeTools;
+using envctl::testing::kNoStart;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StrEq;
+using vextest::CapturedOutput;
+
 TEST(SysconfNamesTest, AreThoseOfC) {
   EXPECT_EQ(&GetByName, &sysconf_getenv_safe);
   EXPECT_EQ(&SharedByName, &sysconf_getenv);
@@ -84,24 +40,8 @@ TEST(SysconfNamesTest, AreThoseOfC) {
   EXPECT_EQ(&CloseByName, &sysconf_closeenv);
 }
 
-class SysconfTest : public testing::Test {
+class SysconfTest : public FakeTools {
  protected:
-  SysconfTest() {
-    Answers({});
-    absl::MutexLock lock(&fake_mutex);
-    commands.clear();
-  }
-
-  // The tool's output for each of its runs, in the notation of printf(1); the last one stays.
-  static void Answers(const std::deque<std::string>& texts) {
-    absl::MutexLock lock(&fake_mutex);
-    answers = texts;
-  }
-  static std::vector<std::string> Commands() {
-    absl::MutexLock lock(&fake_mutex);
-    return commands;
-  }
-
   char buffer_[128] = "untouched";
 };
 
@@ -359,57 +299,6 @@ TEST_F(SysconfTest, OpenAndCloseDoNothing) {
   EXPECT_EQ(sysconf_openenv(), 0);
   EXPECT_EQ(sysconf_closeenv(), 0);
   EXPECT_THAT(Commands(), IsEmpty());
-}
-
-TEST(EnvCTLCliTest, RegistersItselfAsEnvctl) { EXPECT_THAT(cli::Registration::Names(), testing::Contains("envctl")); }
-
-TEST(EnvCTLCliTest, AddsOneMenuWithOneCommand) {
-  cli::Menu root("main");
-  const EnvCTLCli plugin(&root);
-  EXPECT_EQ(plugin.PluginName(), "envctl");
-  ASSERT_EQ(root.Commands().size(), 1u);
-  const auto menu = std::dynamic_pointer_cast<cli::Menu>(root.Commands().front());
-  ASSERT_NE(menu, nullptr);
-  EXPECT_EQ(menu->Name(), "envctl");
-  EXPECT_EQ(menu->Description(), "(menu)");
-  ASSERT_EQ(menu->Commands().size(), 1u);
-  std::ostringstream help;
-  menu->Commands().front()->Help(help);
-  EXPECT_EQ(help.str(), " - description\n\tapisdk tools\n");
-}
-
-TEST_F(SysconfTest, DescriptionProbesASettingAndPrintsItsTextWithoutAnEndOfLine) {
-  Answers({"test=17\\n"});
-  cli::Menu root("main");
-  const EnvCTLCli plugin(&root);
-  vextest::FakeSession session(root);
-  EXPECT_TRUE(session.Run({"envctl", "description"}));
-  EXPECT_EQ(session.TakeText(), "apisdk tools");
-  EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig get test"));
-}
-
-TEST_F(SysconfTest, DescriptionSaysNothingOfAProbeThatFails) {
-  cli::Menu root("main");
-  const EnvCTLCli plugin(&root);
-  vextest::FakeSession session(root);
-  const vextest::LogCapture log;
-  CapturedOutput output;
-  CapturedOutput errors(STDERR_FILENO);
-  EXPECT_TRUE(session.Run({"envctl", "description"}));
-  EXPECT_EQ(session.TakeText(), "apisdk tools");
-  EXPECT_THAT(Commands(), testing::SizeIs(3)) << "it was not probed";
-  EXPECT_EQ(output.Text(), "");
-  EXPECT_EQ(errors.Text(), "");
-  EXPECT_THAT(log.Records(), IsEmpty());
-}
-
-TEST(EnvCTLCliTest, DescriptionTakesNoParameter) {
-  cli::Menu root("main");
-  const EnvCTLCli plugin(&root);
-  const auto menu = std::dynamic_pointer_cast<cli::Menu>(root.Commands().front());
-  vextest::FakeSession session(*menu);
-  EXPECT_FALSE(session.Run({"description", "x"}));
-  EXPECT_EQ(session.TakeText(), "");
 }
 
 }  // namespace

@@ -20,7 +20,7 @@
 #include <string>
 #include <thread>
 
-#include "example/envctl/sysconf.h"
+#include "envctl/sysconf.h"
 #include "platform/testing/captured_output.h"
 
 namespace {
