@@ -9,8 +9,8 @@ namespace internal {
 // Never destroyed: registrations come from static initialisers of any file, in any order.
 template <>
 RegistryOf<ModuleFactory>*& CurrentRegistry<ModuleFactory>() {
-  static auto* current = new RegistryOf<ModuleFactory>("module");
-  return current;
+  static auto* register_method_ = new RegistryOf<ModuleFactory>("module");
+  return register_method_;
 }
 
 }  // namespace internal

@@ -10,8 +10,8 @@ namespace internal {
 // Never destroyed: registrations come from static initialisers of any file, in any order.
 template <>
 RegistryOf<RpcServiceFactory>*& CurrentRegistry<RpcServiceFactory>() {
-  static auto* current = new RegistryOf<RpcServiceFactory>("service");
-  return current;
+  static auto* register_method_ = new RegistryOf<RpcServiceFactory>("service");
+  return register_method_;
 }
 
 }  // namespace internal
