@@ -21,6 +21,7 @@
 #include "platform/testing/child_process.h"
 #include "platform/testing/sync.h"
 #include "player/v1/player.pb.h"
+#include "player/v1/topics.h"
 #include "samples.h"
 #include "sigslot/sigslot.h"
 
@@ -30,7 +31,6 @@ using Clock = std::chrono::steady_clock;
 using vextest::ChildProcess;
 
 constexpr char kAddress[] = "unix-abstract:playd@default";
-constexpr char kTopic[] = "layer/result_repor";
 constexpr auto kPublishPause = std::chrono::milliseconds(1);  // of a restarted daemon
 constexpr int kMaxQuietMs = 300;                              // between two events, and of a daemon that is away
 
@@ -47,7 +47,7 @@ klrpc::v1::PubsubMessage Event(std::size_t number) {
   report.set_url("/media/clip.mp4");
   report.set_play_state(static_cast<std::uint32_t>(number));
   klrpc::v1::PubsubMessage message;
-  message.set_topic(kTopic);
+  message.set_topic(lp::v1::kResultReporTopic);
   message.set_payload(report.SerializeAsString());
   return message;
 }
@@ -124,7 +124,7 @@ int Subscribe() {
                                                     Options::reconnect_default_initial_backoff_ms_, false));
   Writer writer;
   client.SignalSubscribeMessage.connect(&writer, &Writer::OnMessage);
-  client.SubscribeTopics("bench", {kTopic});
+  client.SubscribeTopics("bench", {lp::v1::kResultReporTopic});
   std::getchar();  // until the terminal goes
   return 0;
 }

@@ -16,6 +16,7 @@
 
 #include "klrpc/api_server.h"
 #include "player/v1/player.pb.h"
+#include "player/v1/topics.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ klrpc::v1::PubsubMessage Report() {
   report.set_url("/media/clip.mp4");
   report.set_play_state(1);
   klrpc::v1::PubsubMessage message;
-  message.set_topic("layer/result_repor");
+  message.set_topic(lp::v1::kResultReporTopic);
   message.set_payload(report.SerializeAsString());
   return message;
 }

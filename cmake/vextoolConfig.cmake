@@ -14,6 +14,7 @@ if(NOT TARGET vextool::core)
     add_library(vextool::${library} INTERFACE IMPORTED)
     target_link_libraries(vextool::${library} INTERFACE ${library}::${library})
   endforeach()
+  klbase_log_headers_as(vextool::core_archive core modules/core/include)
   # Linked whole: the linker drops a file that only registers itself, because nothing refers to it.
   foreach(library core apisdk)
     add_library(vextool::${library} INTERFACE IMPORTED)

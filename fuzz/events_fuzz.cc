@@ -10,6 +10,7 @@
 
 #include "apisdk/api_player.h"
 #include "apisdk/pubsub_sdk.h"
+#include "apisdk/rpc_player.h"
 #include "core/rpc_url.h"
 #include "example/rpcservice/pubsub/get_seek_resp.h"
 #include "example/rpcservice/pubsub/result_report.h"
@@ -17,7 +18,7 @@
 #include "klbase/log_sink.h"
 #include "klbase/options.h"
 #include "klrpc/api_client.h"
-#include "modules/apisdk/player/rpc_player.h"
+#include "player/v1/topics.h"
 
 namespace {
 
@@ -92,8 +93,8 @@ Outcome OutcomeOf(const std::string& payload, std::string (*block)(const Message
 }
 
 Outcome ExpectedOutcome(const std::string& topic, const std::string& payload) {
-  if (topic == "layer/get_seek_of_uplayer") return OutcomeOf<lp::v1::GetSeekOfUplayerResp>(payload, &SeekBlock);
-  if (topic == "layer/result_repor") return OutcomeOf<lp::v1::ResultRepor>(payload, &ReportBlock);
+  if (topic == lp::v1::kGetSeekOfUplayerTopic) return OutcomeOf<lp::v1::GetSeekOfUplayerResp>(payload, &SeekBlock);
+  if (topic == lp::v1::kResultReporTopic) return OutcomeOf<lp::v1::ResultRepor>(payload, &ReportBlock);
   return {"", {"40 receive publish message but not found any topic func. will missing some message"}};
 }
 

@@ -14,13 +14,13 @@ sys.path.insert(0, str(STUBS))
 import grpc  # noqa: E402
 from google.protobuf import any_pb2  # noqa: E402
 
+import topics  # noqa: E402
 from example.v1 import rpc_test_pb2  # noqa: E402
 from klrpc.v1 import pubsub_pb2, transport_pb2_grpc  # noqa: E402
 from player.v1 import player_pb2  # noqa: E402
 
 TOOL = "unix-abstract:example@default"
 PLAYER = "unix-abstract:playd@default"
-REPORTS = "layer/result_repor"
 TIMEOUT_S = 3
 # A proxy of the environment is no way to a local socket.
 OPTIONS = [("grpc.enable_http_proxy", 0)]
@@ -38,7 +38,7 @@ def call():
 
 
 def events(count):
-    wanted = pubsub_pb2.SubscribeRequest(client_id="python-client", topics=[REPORTS])
+    wanted = pubsub_pb2.SubscribeRequest(client_id="python-client", topics=[topics.RESULT_REPOR])
     with grpc.insecure_channel(PLAYER, OPTIONS) as channel:
         stream = transport_pb2_grpc.TransportStub(channel).Subscribe(wanted, wait_for_ready=True)
         stream.initial_metadata()  # it arrives when the server has confirmed the subscription

@@ -7,9 +7,9 @@
 #include "absl/strings/str_format.h"
 #include "apisdk/pubsub_sdk.h"
 #include "core/rpc_url.h"
-#include "encoder/rpc_enc.h"
+#include "apisdk/rpc_enc.h"
 #include "klbase/log.h"
-#include "player/rpc_player.h"
+#include "apisdk/rpc_player.h"
 
 namespace apis {
 namespace {

@@ -26,10 +26,11 @@ import grpc, sys
 sys.path.insert(0, sys.argv[1])
 from klrpc.v1 import pubsub_pb2, transport_pb2_grpc
 from player.v1 import player_pb2
+import topics
 with grpc.insecure_channel("unix-abstract:playd@default", [("grpc.enable_http_proxy", 0)]) as channel:
     for state in (1, 2):
         report = player_pb2.ResultRepor(unique_id="5", url=sys.argv[2], play_state=state)
-        message = pubsub_pb2.PubsubMessage(topic="layer/result_repor", payload=report.SerializeToString(), msg_id=str(state))
+        message = pubsub_pb2.PubsubMessage(topic=topics.RESULT_REPOR, payload=report.SerializeToString(), msg_id=str(state))
         assert transport_pb2_grpc.TransportStub(channel).Publish(message, timeout=10).ok
 """
 

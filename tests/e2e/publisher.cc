@@ -11,11 +11,10 @@
 
 #include "klrpc/api_server.h"
 #include "player/v1/player.pb.h"
+#include "player/v1/topics.h"
 
 namespace {
 
-constexpr const char* kReports = "layer/result_repor";
-constexpr const char* kSeeks = "layer/get_seek_of_uplayer";
 constexpr auto kGroupPause = std::chrono::milliseconds(100);  // 1000 events each: 10,000 events a second
 
 void Publish(klrpc::APIServer& server, const std::string& topic, const std::string& payload) {
@@ -30,7 +29,7 @@ void PublishReport(klrpc::APIServer& server, const std::string& id, const std::s
   report.set_unique_id(id);
   report.set_url(url);
   report.set_play_state(state);
-  Publish(server, kReports, report.SerializeAsString());
+  Publish(server, lp::v1::kResultReporTopic, report.SerializeAsString());
 }
 
 void PublishSeek(klrpc::APIServer& server, std::istream& words) {
@@ -45,7 +44,7 @@ void PublishSeek(klrpc::APIServer& server, std::istream& words) {
   seek.mutable_result()->set_unique_id(id);
   seek.mutable_result()->set_result(true);
   seek.mutable_result()->set_error_code(-1);
-  Publish(server, kSeeks, seek.SerializeAsString());
+  Publish(server, lp::v1::kGetSeekOfUplayerTopic, seek.SerializeAsString());
 }
 
 void PublishBurst(klrpc::APIServer& server, std::istream& words) {
@@ -67,7 +66,7 @@ void Obey(klrpc::APIServer& server, const std::string& line) {
   words >> what;
   if (what == "report" && words >> id >> url >> state) PublishReport(server, id, url, state);
   if (what == "seek") PublishSeek(server, words);
-  if (what == "garbage") Publish(server, kReports, "\xff\xff\xff");
+  if (what == "garbage") Publish(server, lp::v1::kResultReporTopic, "\xff\xff\xff");
   if (what == "burst") PublishBurst(server, words);
 }
 

@@ -29,6 +29,7 @@
 #include "common/v1/status.pb.h"
 #include "klrpc/api_server.h"
 #include "player/v1/player.pb.h"
+#include "player/v1/topics.h"
 
 namespace {
 
@@ -131,7 +132,7 @@ void PublishEvents(klrpc::APIServer& server, const Settings& settings, const Led
     report.set_url("numbered");
     report.set_play_state(number);
     klrpc::v1::PubsubMessage message;
-    message.set_topic("layer/result_repor");
+    message.set_topic(lp::v1::kResultReporTopic);
     message.set_payload(report.SerializeAsString());
     ledger.Write("try " + std::to_string(number));
     const std::size_t subscribers = server.Publish(message);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "player/v1/player.pb.h"
+#include "player/v1/topics.h"
 
 namespace playd {
 
@@ -17,7 +18,7 @@ void EventPublisher::OnPlayState(const std::string& id, const std::string& url, 
   event.set_unique_id(id);
   event.set_url(url);
   event.set_play_state(static_cast<std::uint32_t>(state));
-  Publish(kReportTopic, event);
+  Publish(lp::v1::kResultReporTopic, event);
 }
 
 void EventPublisher::OnSeekDone(const std::string& id, const Position& position, const Outcome& outcome) {
@@ -29,7 +30,7 @@ void EventPublisher::OnSeekDone(const std::string& id, const Position& position,
   event.mutable_result()->set_result(outcome.ok());
   event.mutable_result()->set_error_code(static_cast<std::int32_t>(outcome.code));
   event.mutable_result()->set_error_infor(outcome.text);
-  Publish(kSeekTopic, event);
+  Publish(lp::v1::kGetSeekOfUplayerTopic, event);
 }
 
 void EventPublisher::Publish(const char* topic, const google::protobuf::Message& event) {

@@ -13,14 +13,11 @@
 
 namespace playd {
 
-// Publishes lp.v1.ResultRepor on "layer/result_repor" and lp.v1.GetSeekOfUplayerResp on "layer/get_seek_of_uplayer".
+// Publishes lp.v1.ResultRepor and lp.v1.GetSeekOfUplayerResp on their topics (player/v1/topics.h).
 // Events that come while nothing is attached are dropped. Any thread.
 class EventPublisher : public PlayerListener {
  public:
   using Sink = std::function<void(const klrpc::v1::PubsubMessage&)>;
-
-  static constexpr char kSeekTopic[] = "layer/get_seek_of_uplayer";
-  static constexpr char kReportTopic[] = "layer/result_repor";
 
   // The place that messages go to from now on; null: none. A sink that was replaced may still be in use for moments,
   // so it owns the objects that it refers to.

@@ -1,4 +1,4 @@
-#include "encoder/rpc_enc.h"
+#include "apisdk/rpc_enc.h"
 
 #include <optional>
 
@@ -24,6 +24,8 @@ std::optional<encoder::v1::Qulity> WireQuality(ApiEncoder::Qulity quality) {
   return std::nullopt;
 }
 
+ApiStatus NoReply() { return {500, ""}; }
+
 // The status that a reply carries: itself, or its field (the default one when the field is absent).
 const common::v1::Status& StatusOf(const common::v1::Status& reply) { return reply; }
 const common::v1::Status& StatusOf(const encoder::v1::GetEncoderBitrateReply& reply) { return reply.status(); }
@@ -33,10 +35,7 @@ const common::v1::Status& StatusOf(const encoder::v1::GetEncoderBitrateReply& re
 template <typename Reply>
 bool RpcEncoder::Ask(const google::protobuf::Message& request, ApiStatus& status) const {
   Reply reply;
-  if (!Exchange(client_getter_, request, reply)) {
-    status = {500, ""};
-    return false;
-  }
+  if (!Exchange(client_getter_, request, reply)) return false;
   status = {StatusOf(reply).code(), StatusOf(reply).message()};
   return true;
 }
@@ -50,7 +49,9 @@ void RpcEncoder::SetVideoQuality(const Qulity& quality, ApiStatus& status) const
   }
   encoder::v1::SetVideoQualityRequest request;
   request.set_qulity(*wire);
-  if (!Ask<common::v1::Status>(request, status)) KL_LOG(50, "request set video quality failure");
+  if (Ask<common::v1::Status>(request, status)) return;
+  KL_LOG(50, "request set video quality failure");
+  status = NoReply();
 }
 
 void RpcEncoder::CreateStream(LiveStream stream, ApiStatus& status) const {
@@ -59,25 +60,33 @@ void RpcEncoder::CreateStream(LiveStream stream, ApiStatus& status) const {
   platform.set_unique_id(stream.unique_id);
   platform.set_url(stream.url);
   platform.set_key(stream.key);
-  if (!Ask<common::v1::Status>(request, status)) KL_LOG(50, "request screate stream failure");
+  if (Ask<common::v1::Status>(request, status)) return;
+  KL_LOG(50, "request screate stream failure");
+  status = NoReply();
 }
 
 void RpcEncoder::DeleteStream(std::string unique_id, ApiStatus& status) const {
   encoder::v1::DeleteStreamRequest request;
   request.set_unique_id(unique_id);
-  if (!Ask<common::v1::Status>(request, status)) KL_LOG(50, "request delete stream failure");
+  if (Ask<common::v1::Status>(request, status)) return;
+  KL_LOG(50, "request delete stream failure");
+  status = NoReply();
 }
 
 void RpcEncoder::SetEncoderBitrate(int bitrate_kbps, ApiStatus& status) const {
   encoder::v1::SetEncoderBitrateRequest request;
   request.set_bitrate_kbps(bitrate_kbps);
-  if (!Ask<common::v1::Status>(request, status)) KL_LOG(50, "request set encoder bitrate failure");
+  if (Ask<common::v1::Status>(request, status)) return;
+  KL_LOG(50, "request set encoder bitrate failure");
+  status = NoReply();
 }
 
 // The daemon takes an empty GetEncoderBitrateReply for this; the delay doesn't travel.
 void RpcEncoder::SetPushDelay(const int&, ApiStatus& status) const {
   const encoder::v1::GetEncoderBitrateReply request;
-  if (!Ask<encoder::v1::GetEncoderBitrateReply>(request, status)) KL_LOG(50, "request set pushdeley failure");
+  if (Ask<encoder::v1::GetEncoderBitrateReply>(request, status)) return;
+  KL_LOG(50, "request set pushdeley failure");
+  status = NoReply();
 }
 
 }  // namespace apis

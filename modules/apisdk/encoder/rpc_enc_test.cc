@@ -1,12 +1,14 @@
-#include "encoder/rpc_enc.h"
+#include "apisdk/rpc_enc.h"
 
 #include <gmock/gmock.h>
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "common/v1/status.pb.h"
 #include "encoder/v1/encoder.pb.h"
+#include "klbase/log_sink.h"
 #include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
@@ -49,6 +51,22 @@ class RpcEncoderTest : public testing::Test {
   const RpcEncoder encoder_{[this]() -> klrpc::APIClient& { return *client_; }};
   ApiStatus status_{-1, "before"};
 };
+
+// Whoever looks at the record sees the status that the caller gave.
+TEST_F(RpcEncoderTest, AFailureIsLoggedBeforeTheStatusIsSet) {
+  std::vector<int> codes;
+  KlLogSetObserver([&](const KlLogRecord& record) {
+    if (record.source_file == kFile) codes.push_back(status_.code);
+  });
+  const auto client = ClientOfNobody();
+  const RpcEncoder nobody([&client]() -> klrpc::APIClient& { return *client; });
+  nobody.SetVideoQuality(ApiEncoder::kLow, status_);
+  EXPECT_EQ(status_.code, 500);
+  nobody.SetVideoQuality(static_cast<ApiEncoder::Qulity>(3), status_);
+  KlLogSetObserver(nullptr);
+  EXPECT_EQ(status_.code, 400);
+  EXPECT_EQ(codes, (std::vector<int>{-1, 500}));
+}
 
 TEST(ApiEncoderTest, QualitiesAreZeroOneTwo) {
   EXPECT_EQ(ApiEncoder::kLow, 0);

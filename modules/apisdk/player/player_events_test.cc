@@ -8,11 +8,11 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "apisdk/pubsub_sdk.h"
+#include "apisdk/rpc_player.h"
 #include "modules/apisdk/testing/clients.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/sync.h"
-#include "player/rpc_player.h"
 #include "player/v1/player.pb.h"
 
 namespace apis {

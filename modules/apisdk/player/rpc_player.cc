@@ -1,4 +1,4 @@
-#include "player/rpc_player.h"
+#include "apisdk/rpc_player.h"
 
 #include "apisdk/pubsub_sdk.h"
 #include "exchange.h"

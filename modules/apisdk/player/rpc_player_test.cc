@@ -1,4 +1,4 @@
-#include "player/rpc_player.h"
+#include "apisdk/rpc_player.h"
 
 #include <gmock/gmock.h>
 

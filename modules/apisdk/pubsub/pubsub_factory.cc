@@ -1,7 +1,7 @@
 #include <utility>
 
 #include "apisdk/api_pubsub.h"
-#include "pubsub/rpc/rpc_pubsub.h"
+#include "apisdk/rpc_pubsub.h"
 
 namespace apis {
 

@@ -3,17 +3,24 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
 
 #include "apisdk/api_encoder.h"
 #include "apisdk/apisdk.h"
+#include "apisdk/rpc_enc.h"
+#include "apisdk/rpc_player.h"
+#include "apisdk/rpc_pubsub.h"
 #include "cli/plugin.h"
 #include "common/v1/status.pb.h"
 #include "core/module_loader.h"
+#include "core/rpc_service.h"
 #include "encoder/v1/encoder.pb.h"
 #include "klbase/log.h"
+#include "klbase/log_sink.h"
+#include "klbase/registry.h"
 #include "klrpc/api_client.h"
 #include "klrpc/api_server.h"
 
@@ -26,6 +33,18 @@ bool AnswerWithCodeSeven(const google::protobuf::Any& request, google::protobuf:
   status.set_message("seven");
   reply.PackFrom(status);
   return true;
+}
+
+// The source files that the records of this program's code name: its own and those of installed headers.
+std::string NamedFiles() {
+  std::string names;
+  KlLogSetObserver([&names](const KlLogRecord& record) { names.append(record.source_file).append(" "); });
+  KL_LOG(40, "of its own");
+  klbase::Registry<std::function<void()>> registry("thing");
+  registry.Register("", nullptr);
+  registry.Names();
+  KlLogSetObserver(nullptr);
+  return names;
 }
 
 }  // namespace
@@ -48,6 +67,7 @@ int main() {
   const auto names = cli::Registration::Names();
   const bool has_core = std::find(names.begin(), names.end(), "core") != names.end();
   std::cout << "code=" << status.code() << " core=" << has_core
-            << " encd=" << apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::ApiModule::kEncd) << std::endl;
+            << " encd=" << apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::ApiModule::kEncd)
+            << " topic=" << apis::RpcPlayer::result_repor_topic_ << " files=" << NamedFiles() << std::endl;
   return 0;
 }

@@ -33,7 +33,7 @@ class ApiSdk {
   ApiSdk();
   ApiSdk(const ApiSdk&) = delete;
   ApiSdk& operator=(const ApiSdk&) = delete;
-  virtual ~ApiSdk();
+  ~ApiSdk();
 
   // Creates the API objects, clients and publish/subscribe objects of `modules`, once: a call after one that got a set
   // is refused with a level-40 record, an empty set with a level-50 record. Unknown values are kept and create nothing.

@@ -1,4 +1,4 @@
-#include "pubsub/rpc/rpc_pubsub.h"
+#include "apisdk/rpc_pubsub.h"
 
 #include <optional>
 #include <utility>

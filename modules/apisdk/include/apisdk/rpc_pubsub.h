@@ -1,6 +1,6 @@
 // Publish/subscribe over one RPC client.
-#ifndef MODULES_APISDK_PUBSUB_RPC_RPC_PUBSUB_H_
-#define MODULES_APISDK_PUBSUB_RPC_RPC_PUBSUB_H_
+#ifndef APISDK_RPC_PUBSUB_H_
+#define APISDK_RPC_PUBSUB_H_
 
 #include <string>
 
@@ -31,4 +31,4 @@ class RpcPubSub : public ApiPubSub, public sigslot::has_slots<sigslot::multi_thr
 
 }  // namespace apis
 
-#endif  // MODULES_APISDK_PUBSUB_RPC_RPC_PUBSUB_H_
+#endif  // APISDK_RPC_PUBSUB_H_

@@ -1,6 +1,6 @@
 // The player API over message RPC and publish/subscribe.
-#ifndef MODULES_APISDK_PLAYER_RPC_PLAYER_H_
-#define MODULES_APISDK_PLAYER_RPC_PLAYER_H_
+#ifndef APISDK_RPC_PLAYER_H_
+#define APISDK_RPC_PLAYER_H_
 
 #include <string>
 #include <utility>
@@ -8,6 +8,7 @@
 #include "apisdk/api_player.h"
 #include "apisdk/api_pubsub.h"
 #include "apisdk/client_getter.h"
+#include "player/v1/topics.h"
 
 namespace apis {
 
@@ -15,8 +16,8 @@ namespace apis {
 // ApiPubSubSdk::instance_'s object for the player daemon, which must have been initialised.
 class RpcPlayer : public ApiPlayer {
  public:
-  inline static const std::string get_seek_of_uplayer_topic_ = "layer/get_seek_of_uplayer";
-  inline static const std::string result_repor_topic_ = "layer/result_repor";
+  inline static const std::string get_seek_of_uplayer_topic_ = lp::v1::kGetSeekOfUplayerTopic;
+  inline static const std::string result_repor_topic_ = lp::v1::kResultReporTopic;
 
   explicit RpcPlayer(ClientGetter getter) : client_getter_(std::move(getter)) {}
 
@@ -64,4 +65,4 @@ extern template TopicFunc RpcPlayer::EventHandler(const std::string&, void (*)(c
 
 }  // namespace apis
 
-#endif  // MODULES_APISDK_PLAYER_RPC_PLAYER_H_
+#endif  // APISDK_RPC_PLAYER_H_

@@ -1,6 +1,6 @@
 // The encoder API over message RPC.
-#ifndef MODULES_APISDK_ENCODER_RPC_ENC_H_
-#define MODULES_APISDK_ENCODER_RPC_ENC_H_
+#ifndef APISDK_RPC_ENC_H_
+#define APISDK_RPC_ENC_H_
 
 #include <google/protobuf/message.h>
 
@@ -24,7 +24,7 @@ class RpcEncoder : public ApiEncoder {
   void SetPushDelay(const int& delay, ApiStatus& status) const override;
 
  private:
-  // Sends `request` and fills `status` from a reply of type Reply; returns false, with code 500, when none came.
+  // Sends `request` and fills `status` from a reply of type Reply; returns false, with it unchanged, when none came.
   template <typename Reply>
   bool Ask(const google::protobuf::Message& request, ApiStatus& status) const;
 
@@ -33,4 +33,4 @@ class RpcEncoder : public ApiEncoder {
 
 }  // namespace apis
 
-#endif  // MODULES_APISDK_ENCODER_RPC_ENC_H_
+#endif  // APISDK_RPC_ENC_H_
