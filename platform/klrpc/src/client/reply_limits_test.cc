@@ -21,7 +21,7 @@ using vextest::LogRecord;
 using vextest::Watched;
 
 constexpr int kMiB = 1 << 20;
-constexpr long kMostKb = 24 * 1024;
+constexpr long kMostKb = 24L * 1024;
 
 long OfThisProcessKb(const std::string& name) {
   std::ifstream status("/proc/self/status");
