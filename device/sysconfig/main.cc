@@ -19,7 +19,7 @@ constexpr int kRefused = 2;  // wrong words, a bad name or a bad value
 
 constexpr char kUsage[] =
     "usage: sysconfig [--file=FILE] COMMAND\n"
-    "  get NAME          write NAME=VALUE; status 1 when there is no such setting\n"
+    "  get NAME          write NAME=VALUE; nothing, with status 1, when there is no such setting\n"
     "  set NAME VALUE... write the setting; several words are joined with blanks\n"
     "  set NAME          take the setting away\n"
     "  print             write all settings, NAME=VALUE, sorted by name\n"
@@ -46,7 +46,7 @@ int Finish() {
 
 int Get(const sysconfig::Settings& settings, const std::string& name) {
   const std::optional<std::string> value = settings.Get(name);
-  if (!value) throw sysconfig::Error("there is no setting '" + name + "'", false);
+  if (!value) return kFailed;  // silent: who asks may only want to know whether it is set
   std::printf("%s=%s\n", name.c_str(), value->c_str());
   return Finish();
 }
