@@ -157,6 +157,13 @@ TEST_F(VextoolTest, ACrashOfAStackThatIsUsedUpIsReportedToo) {
   EXPECT_THAT(Log(), InOrder({"operator(): Program Exit:", "SIGSEGV"}));
 }
 
+TEST_F(VextoolTest, AboveLevel50TheFailureWriterWritesNothing) {
+  Start("crash", {}, {"KLBASE_LOG_LEVEL=60"});
+  EXPECT_EQ(tool_->WaitExit(), (ExitState{0, SIGABRT}));
+  EXPECT_EQ(Log(), "");
+  EXPECT_THAT(tool_->Errors(), Not(HasSubstr("Program Exit")));
+}
+
 // As a disk that hangs.
 TEST_F(VextoolTest, ACrashWhoseReportCannotBeWrittenEndsAllTheSame) {
   ASSERT_EQ(mkfifo(LogFile().c_str(), 0600), 0);
@@ -287,6 +294,20 @@ TEST_F(VextoolTest, TheStartRecordNeedsTheDebugOption) {
   Start("", {"--local_console"}, {"KLBASE_DEBUG=1"}).CloseInput();
   EXPECT_EQ(tool_->WaitExit(), kConsoleEnded);
   EXPECT_THAT(Log(), ContainsRegex(" 20 [0-9]+ example/vextool:[0-9]+ main: debug_flag:1, telent port: 0\n"));
+}
+
+TEST_F(VextoolTest, TheStartRecordHasThePortAndTheFlagAsTheyWereGiven) {
+  StartAndWaitUntilItServes("");
+  const int port = Port();
+  tool_->Signal(SIGINT);
+  EXPECT_EQ(tool_->WaitExit(), kInterrupted);
+  Start("", {"--cli_port=" + std::to_string(port)}, {"KLBASE_DEBUG=1"});
+  EXPECT_TRUE(tool_->WaitForError("console listens on 127.0.0.1:" + std::to_string(port))) << tool_->Errors();
+  EXPECT_THAT(Log(), HasSubstr("main: debug_flag:0, telent port: " + std::to_string(port) + "\n"));
+}
+
+TEST_F(VextoolTest, TheInterruptHandlerIsAPlainOne) {
+  EXPECT_TRUE(Start("tell of the interrupt handler").WaitForError("a plain handler\n")) << tool_->Errors();
 }
 
 TEST_F(VextoolTest, TheStartRecordNeedsLevel20) {

@@ -220,6 +220,7 @@ TEST(SchemaTest, HasPackagesImportsAndOptionsOfTheContract) {
     EXPECT_EQ(file.syntax(), FileDescriptor::SYNTAX_PROTO3) << file.name();
     EXPECT_EQ(file.service_count(), 0) << file.name();
     EXPECT_EQ(file.options().has_cc_enable_arenas(), expected.says_arenas) << file.name();
+    EXPECT_TRUE(file.options().cc_enable_arenas()) << file.name();
     EXPECT_EQ(file.options().has_go_package(), expected.package == "example.v1") << file.name();
   }
 }

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -389,6 +391,21 @@ TEST_F(RpcServerTest, ServicesOutliveTheRequestsInThem) {
   owner.join();
   caller.join();
   EXPECT_TRUE(destroyed_after_leaving);
+}
+
+TEST_F(RpcServerTest, TheServicesGoBeforeTheServer) {
+  const auto listens = [] {
+    std::ifstream sockets("/proc/net/unix");
+    const std::string all((std::istreambuf_iterator<char>(sockets)), {});
+    return all.find(" @example@default\n") != std::string::npos;
+  };
+  bool listened = false;
+  const ScriptedRegistry registry({{"a", Named("a", [&] { listened = listens(); })}});
+  auto server = std::make_unique<RpcServer>();
+  server->StartRpcServer();
+  server.reset();
+  EXPECT_TRUE(listened);
+  EXPECT_FALSE(listens());
 }
 
 TEST_F(RpcServerTest, EndsWhileRequestsPourIn) {

@@ -1,5 +1,6 @@
 // A module that loads and unloads as VEXTEST_MODULE says. Linked into a build of the tool to test its start and its
 // ends.
+#include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -48,6 +49,18 @@ bool ExhaustStack() {
 // Faults in this very function, so that a crash report can name it.
 [[gnu::noinline]] bool Trap() { __builtin_trap(); }
 
+constexpr int kRestorer = 0x04000000;  // the C library's own flag
+
+// Whether it interrupts calls, and blocks nothing while it runs.
+bool TellOfTheInterruptHandler() {
+  struct sigaction action = {};
+  sigaction(SIGINT, nullptr, &action);
+  const bool has_handler = action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
+  const bool plain = (action.sa_flags & ~kRestorer) == 0 && sigisemptyset(&action.sa_mask) == 1;
+  Say(has_handler && plain ? "a plain handler\n" : "another handler\n");
+  return true;
+}
+
 class ScriptedModule : public core::Module {
  public:
   ~ScriptedModule() override {
@@ -63,6 +76,7 @@ class ScriptedModule : public core::Module {
     if (Script() == "crash") std::abort();
     if (Script() == "trap") return Trap();
     if (Script() == "exhaust the stack") return ExhaustStack();
+    if (Script() == "tell of the interrupt handler") return TellOfTheInterruptHandler();
     if (Script() == "wait for a byte") return WaitForByte("scripted module loads\n");
     return Script() != "fail";
   }

@@ -8,7 +8,7 @@
 #include "apisdk/api_player.h"
 #include "apisdk/api_pubsub.h"
 #include "klrpc/api_client.h"
-#include "modules/core/testing/virtual_slot.h"
+#include "platform/testing/virtual_slot.h"
 
 namespace apis {
 namespace {

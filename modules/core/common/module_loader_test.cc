@@ -17,6 +17,7 @@
 #include "modules/core/testing/scripted_registry.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/sync.h"
+#include "platform/testing/virtual_slot.h"
 
 namespace core {
 namespace {
@@ -92,6 +93,25 @@ TEST_F(ModuleLoaderTest, LoadsByAscendingPriorityWithARecordEach) {
   EXPECT_THAT(calls_, ElementsAre("load early", "load Late"));
   EXPECT_THAT(log.Records(), ElementsAre(Loading(30, "Load 2 Modules"), Loading(30, "Load Module ***early***."),
                                          Loading(30, "Load Module ***Late***.")));
+}
+
+TEST_F(ModuleLoaderTest, CreatesAllModulesBeforeItLoadsTheFirst) {
+  for (const char* name : {"a", "b"}) {
+    ModuleFactory::Register(name, [this, name] {
+      calls_.push_back(std::string("create ") + name);
+      return std::make_unique<ScriptedModule>(ScriptedModule::Script{.name = name}, calls_);
+    });
+  }
+  ModuleLoader loader;
+  loader.Initialize();
+  EXPECT_THAT(calls_, ElementsAre("create a", "create b", "load a", "load b"));
+}
+
+TEST(ModuleTest, VirtualOperationsStandInTheirOrder) {
+  EXPECT_EQ(vextest::VirtualSlot(&Module::Name), 2u);  // the destructor has two places
+  EXPECT_EQ(vextest::VirtualSlot(&Module::Load), 3u);
+  EXPECT_EQ(vextest::VirtualSlot(&Module::Unload), 4u);
+  EXPECT_EQ(vextest::VirtualSlot(&Module::Priority), 5u);
 }
 
 TEST_F(ModuleLoaderTest, LoadsModulesOfEqualPriorityInOrderOfName) {

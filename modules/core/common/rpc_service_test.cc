@@ -11,7 +11,7 @@
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
 #include "modules/core/testing/scripted_registry.h"
-#include "modules/core/testing/virtual_slot.h"
+#include "platform/testing/virtual_slot.h"
 #include "platform/testing/log_capture.h"
 
 namespace core {

@@ -22,7 +22,6 @@ namespace {
 
 using std::chrono::steady_clock;
 using vextest::kLimit;
-using vextest::LogCapture;
 using vextest::LogRecord;
 using vextest::ScopedVariable;
 using vextest::Watched;

@@ -95,6 +95,33 @@ TEST_F(RpcPubSubTest, DropsAMessageOfATopicWithoutACallback) {
                                  "receive publish message but not found any topic func. will missing some message")));
 }
 
+// At each call of the getter all signals are emitted: the slots that are connected then leave their records.
+TEST(RpcPubSubSignalsTest, AreConnectedAndDisconnectedOneAfterTheOther) {
+  RecordingClient client;
+  LogCapture log(20, 1);
+  std::vector<std::vector<std::string>> connected;
+  const auto getter = [&]() -> klrpc::APIClient& {
+    log.Clear();
+    client.SignalSubscribeMessage.emit(MessageOn("unknown", ""));
+    client.SignalSubscribeState.emit(StateOf(1));
+    client.SignalPublishState.emit(true, "1");
+    connected.emplace_back();
+    for (const LogRecord& record : log.Records()) {
+      if (connected.back().empty() || connected.back().back() != record.function) {
+        connected.back().push_back(record.function);
+      }
+    }
+    return client;
+  };
+  constexpr char kMessage[] = "OnSignalSubscribeMessage";
+  constexpr char kState[] = "OnSignalSubscribeState";
+  constexpr char kOutcome[] = "OnSignalPublishState";
+  { const RpcPubSub pubsub(getter); }
+  EXPECT_THAT(connected, ElementsAre(IsEmpty(), ElementsAre(kMessage), ElementsAre(kMessage, kState),
+                                     ElementsAre(kMessage, kState, kOutcome), ElementsAre(kState, kOutcome),
+                                     ElementsAre(kOutcome)));
+}
+
 // Delivers a message of the topic before the request for it returns.
 class QuickClient : public RecordingClient {
  public:

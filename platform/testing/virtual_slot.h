@@ -1,7 +1,7 @@
 // Where a class's virtual operations stand in its table: programs that were built against an earlier header call them
 // by that place, so it is part of the contract.
-#ifndef MODULES_CORE_TESTING_VIRTUAL_SLOT_H_
-#define MODULES_CORE_TESTING_VIRTUAL_SLOT_H_
+#ifndef PLATFORM_TESTING_VIRTUAL_SLOT_H_
+#define PLATFORM_TESTING_VIRTUAL_SLOT_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -21,4 +21,4 @@ std::size_t VirtualSlot(Member member) {
 
 }  // namespace vextest
 
-#endif  // MODULES_CORE_TESTING_VIRTUAL_SLOT_H_
+#endif  // PLATFORM_TESTING_VIRTUAL_SLOT_H_
