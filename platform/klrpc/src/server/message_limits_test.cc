@@ -25,9 +25,9 @@ namespace {
 
 using google::protobuf::Any;
 using vextest::LogCapture;
-using vextest::LogRecord;
 
 constexpr std::size_t kMiB = 1u << 20;
+constexpr long kKbOfAMiB = 1024;
 constexpr std::size_t kLargest = 4 * kMiB;
 constexpr std::size_t kEndless = 100 * kMiB;
 
@@ -272,18 +272,19 @@ constexpr long kSanitizersOwnKb = 0;
 #endif
 
 TEST_F(ReceivingMemoryTest, ARequestThatDoesNotEndCostsLessThan24MiB) {
-  EXPECT_LT(RaisedByKb(1), 24 * 1024 + kSanitizersOwnKb);
+  EXPECT_LT(RaisedByKb(1), 24 * kKbOfAMiB + kSanitizersOwnKb);
 }
 
 TEST_F(ReceivingMemoryTest, SendersOfTooMuchCostNoMoreThanTheirQuotas) {
-  EXPECT_LT(RaisedByKb(8), (8 + 1) * 16 * 1024 + kSanitizersOwnKb);
+  EXPECT_LT(RaisedByKb(8), (8 + 1) * 16 * kKbOfAMiB + kSanitizersOwnKb);
 }
 
 // Each has a topic of its own, so that they share no message.
 TEST_F(ReceivingMemoryTest, ManySubscribersThatStandStillCostABoundedAmount) {
   constexpr int kSubscribers = 64;
   constexpr int kMessages = 14;
-  constexpr long kBoundKb = (128 + kSubscribers * (4 + 2) + 32 + 32) * 1024;  // all, their shares, the rings, the rest
+  constexpr long kBoundKb =
+      (128 + kSubscribers * (4 + 2) + 32 + 32) * kKbOfAMiB;  // all, their shares, the rings, the rest
   const auto topic = [](int i) { return "topic" + std::to_string(i); };
   std::vector<std::unique_ptr<StillSubscriber>> subscribers;
   subscribers.reserve(kSubscribers);
