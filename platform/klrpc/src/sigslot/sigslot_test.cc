@@ -14,7 +14,6 @@
 namespace {
 
 using vextest::Notification;
-using vextest::Watched;
 
 template <typename Policy = sigslot::multi_threaded_global>
 class Listener : public sigslot::has_slots<Policy> {
