@@ -6,10 +6,10 @@
 
 #include "absl/strings/str_format.h"
 #include "apisdk/pubsub_sdk.h"
-#include "core/rpc_url.h"
 #include "apisdk/rpc_enc.h"
-#include "klbase/log.h"
 #include "apisdk/rpc_player.h"
+#include "core/rpc_url.h"
+#include "klbase/log.h"
 
 namespace apis {
 namespace {

@@ -23,7 +23,7 @@ ScratchFolder::~ScratchFolder() {
 }
 
 std::string ScratchFolder::Write(std::string_view name, std::string_view content, mode_t mode) const {
-  const std::string path = *this / name;
+  std::string path = *this / name;
   WriteFile(path, content);
   chmod(path.c_str(), mode);
   return path;

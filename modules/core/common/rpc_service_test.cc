@@ -11,8 +11,8 @@
 #include "common/v1/status.pb.h"
 #include "core/rpc_url.h"
 #include "modules/core/testing/scripted_registry.h"
-#include "platform/testing/virtual_slot.h"
 #include "platform/testing/log_capture.h"
+#include "platform/testing/virtual_slot.h"
 
 namespace core {
 namespace {
