@@ -90,7 +90,13 @@ class Program:
         return self.process.poll() is None
 
     def signal(self, number):
+        """SIGSTOP: returns when it has stopped; its threads may answer until then."""
         self.process.send_signal(number)
+        end = time.monotonic() + 5
+        while number == signal.SIGSTOP and time.monotonic() < end:
+            if os.waitid(os.P_PID, self.process.pid, os.WSTOPPED | os.WNOWAIT | os.WNOHANG):
+                break
+            time.sleep(0.001)
 
     async def ended(self, limit_s):
         await until(lambda: not self.running(), limit_s, f"{self.name} ends")
