@@ -379,7 +379,8 @@ TEST_F(EncoderTest, AServerThatCameBackGetsTheStreamAgain) {
   WaitPushed("one", Stream("one").frames + kFps);
   ASSERT_TRUE(encoder_.DeleteStream("one").ok());
   MediaFacts facts;
-  EXPECT_TRUE(WaitFor([&] { return (facts = ProbeMedia(server.Recordings().back())).video_frames >= kFps; }));
+  EXPECT_TRUE(WaitFor([&] { return (facts = ProbeMedia(server.Recordings().back())).video_frames >= kFps; }))
+      << facts.video_frames << " frames in the last of " << ::testing::PrintToString(server.Recordings());
   EXPECT_EQ(facts.error, "");
 }
 

@@ -126,6 +126,7 @@ void PushStream::PushNext() {
     return;
   }
   if (taken.gap) mux_->CloseGap();
+  const std::uint64_t before = mux_->Frames();
   auto result = mux_->Push(*taken.packet);
   // A slow server: the queue holds the packets that arrive meanwhile, and drops the old ones up to a keyframe.
   const auto deadline = steady_clock::now() + kStalled;
@@ -135,7 +136,7 @@ void PushStream::PushNext() {
   }
   if (result == MuxPipeline::PushResult::kBusy) return Break("the server takes no more data");
   if (result == MuxPipeline::PushResult::kBroken) return Break(mux_->Error());
-  if (taken.packet->track == Track::kVideo) ++frames_;
+  frames_ += mux_->Frames() - before;  // of what waited for the connection, it leaves out what comes before a keyframe
 }
 
 void PushStream::Break(const std::string& why) {
