@@ -197,10 +197,20 @@ TEST(CommandTest, AHandlersCallOperatorNeedNotBeConst) {
   EXPECT_EQ(session.TakeText(), "3 2 ");
 }
 
+struct MoveOnly {
+  explicit MoveOnly(std::string text_to_write) : text(std::move(text_to_write)) {}
+  MoveOnly(const MoveOnly&) = delete;
+  MoveOnly& operator=(const MoveOnly&) = delete;
+  MoveOnly(MoveOnly&&) = default;
+  MoveOnly& operator=(MoveOnly&&) = default;
+  ~MoveOnly() = default;
+  void operator()(std::ostream& out) const { out << text; }
+  std::string text;
+};
+
 TEST(CommandTest, AHandlerThatCanOnlyBeMovedIsAHandlerToo) {
   FakeSession session;
-  auto handler = [text = std::make_unique<std::string>("owned")](std::ostream& out) { out << *text; };
-  VariadicFunctionCommand<decltype(handler)> command("x", std::move(handler), "");
+  VariadicFunctionCommand<MoveOnly> command("x", MoveOnly("owned"), "");
   EXPECT_TRUE(command.Exec({"x"}, session));
   EXPECT_EQ(session.TakeText(), "owned");
 }

@@ -80,7 +80,7 @@ TEST_F(ConsoleSessionTest, NoFurtherLineRunsForAReaderThatTakesNothing) {
                                 std::chrono::milliseconds(50)));
   EXPECT_GT(printed_, most);
   EXPECT_LT(printed_, kLines);
-  EXPECT_TRUE(output_.Read(kLines * kBytes));
+  EXPECT_TRUE(output_.Read(std::size_t{kLines} * kBytes));
   EXPECT_TRUE(WaitUntilPrinted(kLines));
 }
 
