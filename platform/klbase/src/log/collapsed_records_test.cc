@@ -38,6 +38,8 @@ TEST(CollapsedRecordsTest, SeveralMayBeWrittenAtOnce) {
   EXPECT_EQ(log.Texts(), (Texts{"30 opened\n", "30 opened\n", "30 opened\n"}));
 }
 
+void Refuse(CollapsedRecords& refusals) { KL_LOG_COLLAPSED(refusals, "c\n"); }
+
 TEST(CollapsedRecordsTest, TheNextMinutesFirstIsWrittenBehindTheCount) {
   const LogCapture log(30);
   CollapsedRecords refusals(40, "refusals", {1, 200ms});
@@ -45,7 +47,7 @@ TEST(CollapsedRecordsTest, TheNextMinutesFirstIsWrittenBehindTheCount) {
   KL_LOG_COLLAPSED(refusals, "b\n");
   const auto written = [&log] { return log.Count("40 c"); };
   EXPECT_TRUE(vextest::WaitFor([&] {
-    KL_LOG_COLLAPSED(refusals, "c\n");  // NOLINT(bugprone-lambda-function-name): nobody reads it
+    Refuse(refusals);
     return written() == 1;
   }));
   const auto texts = log.Texts();
