@@ -276,7 +276,7 @@ TEST_F(ReceivingMemoryTest, ARequestThatDoesNotEndCostsLessThan24MiB) {
 }
 
 TEST_F(ReceivingMemoryTest, SendersOfTooMuchCostNoMoreThanTheirQuotas) {
-  EXPECT_LT(RaisedByKb(8), (8 + 1) * 16 * kKbOfAMiB + kSanitizersOwnKb);
+  EXPECT_LT(RaisedByKb(8), (8L + 1) * 16 * kKbOfAMiB + kSanitizersOwnKb);
 }
 
 // Each has a topic of its own, so that they share no message.
