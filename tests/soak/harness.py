@@ -92,10 +92,11 @@ class Program:
     def signal(self, number):
         """SIGSTOP: returns when it has stopped; its threads may answer until then."""
         self.process.send_signal(number)
+        if number != signal.SIGSTOP:
+            return
         end = time.monotonic() + 5
-        while number == signal.SIGSTOP and time.monotonic() < end:
-            if os.waitid(os.P_PID, self.process.pid, os.WSTOPPED | os.WNOWAIT | os.WNOHANG):
-                break
+        while not os.waitid(os.P_PID, self.process.pid, os.WSTOPPED | os.WNOWAIT | os.WNOHANG):
+            assert time.monotonic() < end, f"{self.name} does not stop"
             time.sleep(0.001)
 
     async def ended(self, limit_s):
