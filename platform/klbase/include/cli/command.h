@@ -99,75 +99,36 @@ class KLBASE_EXPORT Command {
   std::atomic<bool> enabled{true};
 };
 
-// The name under which help shows a parameter that has no description. A type of a menu's own has "value", unless the
-// menu gives it another one in the same way.
+namespace internal {
+
+template <typename T>
+constexpr const char* NameOfType() {
+  if constexpr (std::is_same_v<T, std::string>) return "string";
+  if constexpr (std::is_same_v<T, bool>) return "bool";
+  if constexpr (std::is_same_v<T, char>) return "char";
+  if constexpr (std::is_same_v<T, signed char>) return "signed char";
+  if constexpr (std::is_same_v<T, unsigned char>) return "unsigned char";
+  if constexpr (std::is_same_v<T, short>) return "short";
+  if constexpr (std::is_same_v<T, unsigned short>) return "unsigned short";
+  if constexpr (std::is_same_v<T, int>) return "int";
+  if constexpr (std::is_same_v<T, unsigned int>) return "unsigned int";
+  if constexpr (std::is_same_v<T, long>) return "long";
+  if constexpr (std::is_same_v<T, unsigned long>) return "unsigned long";
+  if constexpr (std::is_same_v<T, long long>) return "long long";
+  if constexpr (std::is_same_v<T, unsigned long long>) return "unsigned long long";
+  if constexpr (std::is_same_v<T, float>) return "float";
+  if constexpr (std::is_same_v<T, double>) return "double";
+  if constexpr (std::is_same_v<T, long double>) return "long double";
+  return "value";
+}
+
+}  // namespace internal
+
+// The name under which help shows a parameter that has no description. A menu may give its own types one by a
+// specialisation; else they have "value".
 template <typename T>
 struct TypeName {
-  static constexpr const char* kValue = "value";
-};
-template <>
-struct TypeName<std::string> {
-  static constexpr const char* kValue = "string";
-};
-template <>
-struct TypeName<bool> {
-  static constexpr const char* kValue = "bool";
-};
-template <>
-struct TypeName<char> {
-  static constexpr const char* kValue = "char";
-};
-template <>
-struct TypeName<signed char> {
-  static constexpr const char* kValue = "signed char";
-};
-template <>
-struct TypeName<unsigned char> {
-  static constexpr const char* kValue = "unsigned char";
-};
-template <>
-struct TypeName<short> {
-  static constexpr const char* kValue = "short";
-};
-template <>
-struct TypeName<unsigned short> {
-  static constexpr const char* kValue = "unsigned short";
-};
-template <>
-struct TypeName<int> {
-  static constexpr const char* kValue = "int";
-};
-template <>
-struct TypeName<unsigned int> {
-  static constexpr const char* kValue = "unsigned int";
-};
-template <>
-struct TypeName<long> {
-  static constexpr const char* kValue = "long";
-};
-template <>
-struct TypeName<unsigned long> {
-  static constexpr const char* kValue = "unsigned long";
-};
-template <>
-struct TypeName<long long> {
-  static constexpr const char* kValue = "long long";
-};
-template <>
-struct TypeName<unsigned long long> {
-  static constexpr const char* kValue = "unsigned long long";
-};
-template <>
-struct TypeName<float> {
-  static constexpr const char* kValue = "float";
-};
-template <>
-struct TypeName<double> {
-  static constexpr const char* kValue = "double";
-};
-template <>
-struct TypeName<long double> {
-  static constexpr const char* kValue = "long double";
+  static constexpr const char* kValue = internal::NameOfType<T>();
 };
 
 // Converts a word: standard formatted extraction that must use up the whole word (blanks around it are allowed). An
