@@ -32,7 +32,7 @@ def main(build, *files):
     if tried.returncode != 0:
         skip(f"this machine allows no private root: {tried.stderr.strip()}")
     os.environ["VEX_BUILD"] = build
-    os.execvp(ALONE[0], [*ALONE, *FIRST, sys.executable, "-B", "-m", "pytest", "-q", "-p", "no:cacheprovider", "--tb=short", *files])
+    os.execvp(ALONE[0], [*ALONE, *FIRST, sys.executable, "-B", "-m", "pytest", "-q", "-rs", "-p", "no:cacheprovider", "--tb=short", *files])
 
 
 if __name__ == "__main__":

@@ -20,9 +20,10 @@ import traceback
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
-sys.path[:0] = [str(HERE), str(ROOT / "platform" / "testing" / "network")]
+sys.path[:0] = [str(HERE), str(HERE.parent), str(ROOT / "platform" / "testing" / "network")]
 
 import private_network  # noqa: E402
+from progress import Progress, in_words  # noqa: E402
 
 FULL_MINUTES = 30  # with which the full counts are reached
 SCENARIOS = ["kills", "interrupt", "crowd", "memory", "disk", "logfile", "descriptors", "clock", "vanished", "unread", "restarts", "logins", "strangers", "foreign"]
@@ -99,8 +100,20 @@ def start_child(options, scenario, preset, folder):
                                 start_new_session=True)
 
 
-def run_scenario(options, scenario, preset):
-    """Its result and duration. Its files are kept if there was a violation."""
+def wait_shown(process, limit_s, show):
+    """Waits for the process; TimeoutExpired when it takes longer."""
+    end = time.monotonic() + limit_s
+    while True:
+        show()
+        try:
+            return process.wait(min(1, max(0, end - time.monotonic())))
+        except subprocess.TimeoutExpired:
+            if time.monotonic() >= end:
+                raise
+
+
+def run_scenario(options, scenario, preset, show):
+    """Its result and duration; `show` is called while it runs. Its files are kept if there was a violation."""
     module = importlib.import_module(scenario)
     folder = options.out / preset / scenario
     # A scenario ends by itself; a harness that hangs must not.
@@ -108,7 +121,7 @@ def run_scenario(options, scenario, preset):
     started = time.monotonic()
     process = start_child(options, scenario, preset, folder)
     try:
-        process.wait(limit_s)
+        wait_shown(process, limit_s, show)
     except BaseException as failure:
         with contextlib.suppress(OSError):
             os.killpg(process.pid, signal.SIGKILL)  # its children die with it
@@ -180,6 +193,40 @@ def plain(markdown):
     return "\n".join(lines)
 
 
+class Shown:
+    """Where a run is: a line for each scenario that has ended, and one that says what goes on."""
+
+    def __init__(self, options, plan):
+        self.plan, self.progress, self.began = plan, Progress(sys.stdout), time.monotonic()
+        full = [importlib.import_module(scenario).MINUTES * SHARES[preset] for scenario, preset in plan]
+        self.seconds = [60 * minutes * options.minutes / FULL_MINUTES for minutes in full]
+
+    def going_on(self, at, began):
+        scenario, preset = self.plan[at]
+        rest = sum(self.seconds[at:]) - (time.monotonic() - began)
+        left = f", {in_words(rest)}" if rest > sum(self.seconds[at + 1:]) else ""
+        self.progress.show(f"soak: {preset} {scenario}, {at + 1} of {len(self.plan)}{left}")
+
+    def ended(self, at, result):
+        scenario, preset = self.plan[at]
+        self.progress.clear()
+        print(f"soak: {preset} {scenario}: {len(result['violations']) or 'no'} violations, {result['seconds']:.0f} s")
+        for text in result["skipped"]:
+            print(f"skipped: {scenario}: {text}")
+        sys.stdout.flush()
+
+
+def run_all(options, presets):
+    plan = [(scenario, preset) for preset in presets for scenario in options.only
+            if preset == "release" or scenario in SANITIZED]
+    shown, results = Shown(options, plan), []
+    for at, (scenario, preset) in enumerate(plan):
+        began = time.monotonic()
+        results.append(run_scenario(options, scenario, preset, lambda: shown.going_on(at, began)))
+        shown.ended(at, results[-1])
+    return results
+
+
 PAGE = """# Reliability: the last full run
 
 Written by `./vex soak --write-doc`. [Reliability](reliability.md) says what a run does and what must hold.
@@ -196,14 +243,7 @@ def main():
     presets = list(SHARES) if options.preset == "all" else [options.preset]
     if options.print_presets:
         return print(*presets)
-    results = []
-    for preset in presets:
-        for scenario in options.only:
-            if preset != "release" and scenario not in SANITIZED:
-                continue
-            print(f"soak: {preset} {scenario} …", end=" ", flush=True)
-            results.append(run_scenario(options, scenario, preset))
-            print(f"{len(results[-1]['violations']) or 'no'} violations, {results[-1]['seconds']:.0f} s", flush=True)
+    results = run_all(options, presets)
     text = report(options, results)
     (options.out / "report.md").write_text("# Fault and load run\n\n" + text, encoding="utf-8")
     if options.write_doc:

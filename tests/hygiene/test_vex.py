@@ -1,0 +1,200 @@
+"""What ./vex says while it works, and how the tests' run ends."""
+
+import os
+import pathlib
+import pty
+import re
+import shutil
+import subprocess
+import sys
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+LIMIT_S = 60
+
+# As if all packages were installed. `missing` names those that are not.
+DPKG_QUERY = """for name; do case $name in -*) ;; *) grep -qsx "$name" missing || echo "$name installed";; esac; done"""
+APT_GET = """[ "$2" = update ] && { echo "Get:1 http://deb.debian.org bookworm InRelease"; exit; }
+echo "0 upgraded, 2 newly installed, 0 to remove and 0 not upgraded."
+echo "Get:1 one"; echo "Get:2 two"; echo "Unpacking one"; echo "Unpacking two"; echo "Setting up one"; echo "Setting up two"
+echo "$*" >asked
+"""
+
+
+@pytest.fixture
+def checkout(tmp_path):
+    """A tree with nothing in it but the script, whose builders are scripts too."""
+    folder = tmp_path / "tree"
+    (folder / "cmake").mkdir(parents=True)
+    shutil.copy(ROOT / "vex", folder)
+    shutil.copy(ROOT / "cmake" / "progress.sh", folder / "cmake")
+    fake(folder, "dpkg-query", DPKG_QUERY)
+    fake(folder, "sudo", '"$@"')
+    fake(folder, "apt-get", APT_GET)
+    fake(folder, "cmake", 'echo "$*" >>asked; touch build/build.ninja')
+    fake(folder, "ninja", 'echo "ninja: no work to do."')
+    return folder
+
+
+def fake(folder, name, text):
+    program = folder / "programs" / name
+    program.parent.mkdir(exist_ok=True)
+    program.write_text(f"#!/bin/bash\n{text}\n", encoding="ascii")
+    program.chmod(0o755)
+
+
+def vex(checkout, *words):
+    environment = dict(os.environ, PATH=f"{checkout / 'programs'}:{os.environ['PATH']}")
+    return subprocess.run([checkout / "vex", *words], capture_output=True, text=True, timeout=LIMIT_S, check=False,
+                          env=environment, stdin=subprocess.DEVNULL)
+
+
+def bash(text, **options):
+    return subprocess.run(["bash", "-c", f"set -euo pipefail; source {ROOT}/cmake/progress.sh; {text}"], timeout=LIMIT_S,
+                          check=True, text=True, **options)
+
+
+def at_a_terminal(text):
+    """What the shell's lines write to a terminal of 40 columns."""
+    master, slave = pty.openpty()
+    subprocess.run(["stty", "cols", "40"], stdin=slave, check=True)
+    bash(text, stderr=slave, env=dict(os.environ, TERM="xterm"))
+    os.close(slave)
+    seen = os.read(master, 65536).decode()
+    os.close(master)
+    return seen
+
+
+# Progress
+
+def test_progress_is_one_plain_line_in_ten_seconds():
+    done = bash("for n in 1 2 3; do progress $n of 3; done; SECONDS=10; progress late; progress_clear", stderr=subprocess.PIPE)
+    assert done.stderr == "vex: 1 of 3\nvex: late\n"
+
+
+def test_progress_at_a_terminal_rewrites_its_line_and_leaves_nothing():
+    assert at_a_terminal("progress 1 of 2; progress 2 of 2; progress_clear; progress_clear") == \
+        "\r\033[Kvex: 1 of 2\r\033[Kvex: 2 of 2\r\033[K"
+
+
+def test_progress_never_fills_the_terminals_last_column():
+    assert at_a_terminal("progress $(printf '%050d' 0)") == "\r\033[Kvex: " + 34 * "0"
+
+
+@pytest.mark.parametrize("elapsed, done, text", [(2, 50, ""), (60, 1, ""), (60, 50, ", about 1 min left"), (60, 25, ", about 3 min left"),
+                                                 (30, 50, ", about 35 s left"), (60, 99, ", about 5 s left")])
+def test_the_time_left_is_told_from_what_was_done(elapsed, done, text):
+    assert bash(f"SECONDS={elapsed}; left 0 {done} 100", stdout=subprocess.PIPE).stdout.strip("\n") == text
+
+
+# Steps
+
+def test_steps_with_nothing_to_do_say_nothing(checkout):
+    assert vex(checkout, "build").returncode == 0
+    again = vex(checkout, "build")
+    assert (again.returncode, again.stdout, again.stderr) == (0, "", "")
+
+
+def test_a_build_tells_its_steps_and_no_log(checkout):
+    vex(checkout, "build")
+    fake(checkout, "ninja", 'echo "[0/3] Re-checking globbed directories..."; echo "[1/3] Building CXX object"')
+    assert vex(checkout, "build").stderr == "vex: building build: 1 of 3 steps\n"
+
+
+def test_a_build_that_fails_shows_its_end_and_names_its_log(checkout):
+    fake(checkout, "ninja", 'echo "a.cc:1: error: no"; exit 1')
+    done = vex(checkout, "build")
+    assert done.returncode == 1
+    assert done.stderr.endswith("a.cc:1: error: no\nvex: the build failed (all of it: build/build.log)\n")
+    assert "error: no" in (checkout / "build" / "build.log").read_text()
+
+
+def test_missing_packages_are_counted(checkout):
+    (checkout / "missing").write_text("cmake\nccache\n", encoding="ascii")
+    done = vex(checkout, "build")
+    assert done.stderr.startswith("vex: installing cmake ccache\nvex: reading the lists of packages\n")
+    assert (checkout / "asked").read_text().splitlines()[0] == "-q -y --no-install-recommends install cmake ccache"
+
+
+def test_packages_that_cannot_be_installed_end_it_with_what_apt_said(checkout):
+    (checkout / "missing").write_text("cmake\n", encoding="ascii")
+    fake(checkout, "apt-get", 'echo "E: Unable to locate package cmake"; exit 100')
+    done = vex(checkout, "build")
+    assert done.returncode == 1
+    assert done.stderr.endswith("E: Unable to locate package cmake\n"
+                                "vex: apt-get could not install: cmake (its last lines stand above)\n")
+
+
+# The demo
+
+def demo(checkout):
+    """Its device does not start here; what it built stands."""
+    fake(checkout, "ninja", 'echo "$*" >>asked')
+    assert vex(checkout, "demo").returncode == 1
+    return (checkout / "asked").read_text()
+
+
+def test_the_demo_builds_only_what_it_runs(checkout):
+    assert demo(checkout) == ("--preset release -DVEX_BUILD_TESTS=OFF\n"
+                              "-C build vextool encd playd sysconfig make_sample_clip\n")
+
+
+def test_the_demo_needs_no_test_packages(checkout):
+    (checkout / "missing").write_text("libgtest-dev\nnginx-light\npython3-pytest\n", encoding="ascii")
+    assert "install" not in demo(checkout)
+
+
+def test_the_tests_are_configured_after_a_demo(checkout):
+    demo(checkout)
+    (checkout / "build" / "CMakeCache.txt").write_text("VEX_BUILD_TESTS:BOOL=OFF\n", encoding="ascii")
+    vex(checkout, "build")
+    assert (checkout / "asked").read_text().splitlines()[2:] == ["--preset release -DVEX_BUILD_TESTS=ON", "-C build"]
+
+
+# The tests' run
+
+SUITE = r"""
+add_test(good echo fine)
+add_test(bad sh -c "echo this went wrong; exit 1")
+add_test(program sh -c "echo 'skipped: needs root'; exit 77")
+set_tests_properties(program PROPERTIES SKIP_RETURN_CODE 77)
+add_test(unit.Case.Of printf "[ RUN      ] Case.Of\\nfile.cc:59: Skipped\\nonly root can\\n\\n[  SKIPPED ] Case.Of (0 ms)\\n")
+set_tests_properties(unit.Case.Of PROPERTIES SKIP_REGULAR_EXPRESSION "\\[  SKIPPED \\]")
+add_test(pages printf "SKIPPED [1] ../tests/test_pages.py:5: no printer\\n1 passed, 1 skipped\\n")
+"""
+
+
+def run_suite(tmp_path, *words, suite=SUITE):
+    (tmp_path / "CTestTestfile.cmake").write_text(suite, encoding="ascii")
+    return subprocess.run([sys.executable, "-B", ROOT / "tests" / "run.py", tmp_path, *words], capture_output=True, text=True,
+                          timeout=LIMIT_S, check=False)
+
+
+@pytest.mark.parametrize("words", [[], ["-R", "."]], ids=["all", "chosen"])
+def test_skipped_tests_are_listed_with_their_reasons(tmp_path, words):
+    assert run_suite(tmp_path, *words).stdout.endswith(
+        "Skipped, and why:\n  needs root\n      program\n  only root can\n      unit.Case.Of\n"
+        "  test_pages.py:5: no printer\n      pages\n")
+
+
+def test_what_failed_is_shown_and_nothing_else(tmp_path):
+    done = run_suite(tmp_path)
+    assert done.returncode != 0
+    assert "this went wrong" in done.stdout and "bad (Failed)" in done.stdout
+    assert not re.search("Passed|fine|did not run", done.stdout)
+
+
+def test_a_run_that_passes_tells_how_many(tmp_path):
+    done = run_suite(tmp_path, suite="add_test(good echo fine)\n")
+    assert (done.returncode, done.stderr) == (0, "vex: tests: 1, about 5 s left\n")
+    assert "100% tests passed, 0 tests failed out of 1" in done.stdout and "kipped" not in done.stdout
+
+
+# The scripts
+
+@pytest.mark.skipif(shutil.which("shellcheck") is None, reason="there is no shellcheck")
+def test_shell_is_clean():
+    scripts = ["vex", *(str(path.relative_to(ROOT)) for path in [*ROOT.glob("cmake/*.sh"), *ROOT.glob("tests/*.sh")])]
+    done = subprocess.run(["shellcheck", "-x", *scripts], cwd=ROOT, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stdout
