@@ -1,5 +1,6 @@
 """What ./vex says while it works, and how the tests' run ends."""
 
+import contextlib
 import os
 import pathlib
 import pty
@@ -61,9 +62,14 @@ def at_a_terminal(text):
     subprocess.run(["stty", "cols", "40"], stdin=slave, check=True)
     bash(text, stderr=slave, env=dict(os.environ, TERM="xterm"))
     os.close(slave)
-    seen = os.read(master, 65536).decode()
-    os.close(master)
-    return seen
+    with open(master, "rb", buffering=0) as terminal:
+        return "".join(read_to_end(terminal))
+
+
+def read_to_end(terminal):
+    with contextlib.suppress(OSError):  # its other end is closed
+        while data := terminal.read(4096):
+            yield data.decode()
 
 
 # Progress
