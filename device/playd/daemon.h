@@ -40,6 +40,9 @@ class Daemon {
   // Ends play and service. False when a player hangs longer than `limit`; the daemon can't be destroyed in order then.
   bool Stop(std::chrono::milliseconds limit);
 
+  // The state of all that requests can set, as lines of text: timings and players.
+  std::string Report() { return service_.Describe() + players_.Describe(); }
+
   Canvas& GetCanvas() { return canvas_; }
   Mixer& GetMixer() { return mixer_; }
   // The port when the address is TCP, else 0.

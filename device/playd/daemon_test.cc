@@ -187,13 +187,14 @@ TEST_F(DaemonTest, RefusesEveryPlayerOperationOnAnUnknownPlayer) {
   ExpectRefused(Ask<lp::v1::GetMediaInfoOfUplayerResp>(info).result(), ErrorCode::kUnknownPlayer, text);
 }
 
-TEST_F(DaemonTest, InitialisesALiveSystemOnce) {
-  EXPECT_TRUE(AskFor<lp::v1::LiveSystemInitReq>("live").result());
-  ExpectRefused(AskFor<lp::v1::LiveSystemInitReq>("live"), ErrorCode::kLiveSystemState,
-                "live system live is initialised already");
-  EXPECT_TRUE(AskFor<lp::v1::LiveSystemUnInitReq>("live").result());
-  ExpectRefused(AskFor<lp::v1::LiveSystemUnInitReq>("live"), ErrorCode::kLiveSystemState,
-                "live system live is not initialised");
+TEST_F(DaemonTest, HasNoLiveSystem) {
+  for (const char* id : {"live", ""}) {
+    const auto reply = AskFor<lp::v1::LiveSystemInitReq>(id);
+    EXPECT_EQ(reply.unique_id(), id);
+    ExpectRefused(reply, ErrorCode::kUnsupported, "unsupported request lp.v1.LiveSystemInitReq");
+    ExpectRefused(AskFor<lp::v1::LiveSystemUnInitReq>(id), ErrorCode::kUnsupported,
+                  "unsupported request lp.v1.LiveSystemUnInitReq");
+  }
 }
 
 template <typename Request>
@@ -230,6 +231,34 @@ TEST_F(DaemonTest, AnswersUnservedMessagesOfTheSchemaWithUnsupported) {
   EXPECT_EQ(reply.unique_id(), "live");
   ExpectRefused(reply, ErrorCode::kUnsupported, "unsupported request lp.v1.CreateLiveReq");
   ExpectRefused(Ask(lp::v1::VideoTiming()), ErrorCode::kUnsupported, "unsupported request lp.v1.VideoTiming");
+}
+
+TEST_F(DaemonTest, RefusesARequestInItsOwnReply) {
+  lp::v1::GetStreamInforOfRpsReq stream;
+  stream.set_unique_id("rps");
+  const auto of_stream = Ask<lp::v1::GetStreamInforOfRpsResp>(stream);
+  EXPECT_EQ(of_stream.unique_id(), "rps");
+  EXPECT_EQ(of_stream.result().unique_id(), "rps");
+  ExpectRefused(of_stream.result(), ErrorCode::kUnsupported, "unsupported request lp.v1.GetStreamInforOfRpsReq");
+  lp::v1::GetUvccInforOfUvccReq camera;
+  camera.set_unique_id("uvcc");
+  const auto of_camera = Ask<lp::v1::GetUvccInforOfUvccResp>(camera);
+  EXPECT_EQ(of_camera.unique_id(), "uvcc");
+  ExpectRefused(of_camera.result(), ErrorCode::kUnsupported, "unsupported request lp.v1.GetUvccInforOfUvccReq");
+}
+
+TEST_F(DaemonTest, ReportsWhatRequestsHaveSet) {
+  EXPECT_EQ(daemon_->Report(), "output timing: 1920x1080 at 60 Hz\ninput timing: none\n");
+  ASSERT_TRUE(Ask(TimingRequest<lp::v1::SetIntputTimingReq>(4000, 3840, 1111, 1080)).result());
+  ASSERT_TRUE(Ask(TimingRequest<lp::v1::SetOutputTimingReq>(4400, 3840, 2250, 2160)).result());
+  ASSERT_TRUE(AskFor<lp::v1::CreateUplayerReq>("0").result());
+  lp::v1::SetUsbLinkReq usb;
+  usb.set_unique_id("0");
+  usb.set_usb_state(1);
+  ASSERT_TRUE(Ask(usb).result());
+  EXPECT_EQ(daemon_->Report(),
+            "output timing: 3840x2160 at 60 Hz\ninput timing: 3840x1080 at 60 Hz\n"
+            "player \"0\": closed, speed 1, volume 100, usb plugged in\n");
 }
 
 TEST_F(DaemonTest, RefusesMessagesOfOtherSchemas) {
@@ -317,7 +346,11 @@ TEST_F(DaemonTest, PlaysTwoPlayersAndDeletesOneWhileItPlays) {
   EXPECT_TRUE(ShowsWithin(canvas, 100, 150, kRed));
   EXPECT_TRUE(ShowsWithin(canvas, 300, 150, kRed));
   EXPECT_TRUE(ShowsWithin(canvas, 500, 150, kBlue));
+  Subscriber subscriber(*client_);
+  ASSERT_TRUE(subscriber.WaitReady());
   ASSERT_TRUE(AskFor<lp::v1::DeleteUplayerReq>("red").result());
+  EXPECT_EQ(subscriber.WaitFor(1), std::vector<std::string>{"layer/result_repor unique_id: \"red\" url: \"" +
+                                                            red.media_info().url() + "\" play_state: 4"});
   EXPECT_TRUE(ShowsWithin(canvas, 300, 150, kBlue));
   EXPECT_TRUE(ShowsWithin(canvas, 100, 150, 0x000000));
 }
@@ -405,11 +438,12 @@ TEST_F(PlaydProgramTest, RefusesToStartTwice) {
   EXPECT_EQ(first.WaitExit(), (ExitState{0, 0}));
 }
 
-TEST_F(PlaydProgramTest, SavesTheComposedPictureOnRequest) {
+TEST_F(PlaydProgramTest, SavesTheComposedPictureAndAReportOnRequest) {
   ChildProcess playd(Words(), Environment());
   ASSERT_TRUE(playd.WaitFor("playd listens on ")) << playd.Output();
   playd.Signal(SIGUSR1);
   EXPECT_TRUE(vextest::WaitFor([&] { return std::filesystem::exists(folder_ / "canvas-0001.png"); }));
+  EXPECT_EQ(vextest::ReadFile(folder_ / "canvas-0001.txt"), "output timing: 1920x1080 at 60 Hz\ninput timing: none\n");
   playd.Signal(SIGTERM);
   EXPECT_EQ(playd.WaitExit(), (ExitState{0, 0}));
 }

@@ -1,5 +1,8 @@
 #include "playd/service.h"
 
+#include <absl/strings/str_cat.h>
+#include <absl/strings/str_format.h>
+#include <absl/strings/strip.h>
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
@@ -12,7 +15,7 @@ namespace {
 
 using google::protobuf::Any;
 
-constexpr std::size_t kMaxLiveSystems = 64;
+constexpr double kHundredths = 100;  // of a hertz, in which frequencies come
 
 void Fill(const std::string& id, const Outcome& outcome, lp::v1::UniversalResp& reply) {
   reply.set_unique_id(id);
@@ -67,21 +70,42 @@ MediaRequest ToMediaRequest(const Request& request, const lp::v1::DisplayPositio
   return media;
 }
 
+using Prototype = std::unique_ptr<google::protobuf::Message>;
+
+Prototype NewMessage(const google::protobuf::Descriptor& type) {
+  return Prototype(google::protobuf::MessageFactory::generated_factory()->GetPrototype(&type)->New());
+}
+
+// The id that a message names, empty when it has none.
+std::string IdIn(const google::protobuf::Descriptor& type, const Any& packed) {
+  const auto* field = type.FindFieldByName("unique_id");
+  const Prototype request = NewMessage(type);
+  if (field == nullptr || !request->ParseFromString(packed.value())) return "";
+  return request->GetReflection()->GetString(*request, field);
+}
+
+// A request XReq with a reply XResp of its own is answered by that, with the outcome in its field "result"; the others
+// are answered by UniversalResp.
+Prototype OwnReply(const google::protobuf::Descriptor& type, const std::string& id, const Outcome& outcome) {
+  lp::v1::UniversalResp result;
+  Fill(id, outcome, result);
+  const std::string name = absl::StrCat(absl::StripSuffix(type.name(), "Req"), "Resp");
+  const auto* reply_type = type.file()->FindMessageTypeByName(name);
+  if (reply_type == nullptr) return std::make_unique<lp::v1::UniversalResp>(result);
+  Prototype reply = NewMessage(*reply_type);
+  const auto& fields = *reply->GetReflection();
+  fields.SetString(reply.get(), reply_type->FindFieldByName("unique_id"), id);
+  fields.MutableMessage(reply.get(), reply_type->FindFieldByName("result"))->CopyFrom(result);
+  return reply;
+}
+
 // Refuses a message of the player's schema that is not served. Most of them name a player, and their senders look for
 // their own id in the reply.
 bool RefuseUnserved(const google::protobuf::Descriptor& type, const Any& packed, Any& packed_reply) {
-  const std::unique_ptr<google::protobuf::Message> request(
-      google::protobuf::MessageFactory::generated_factory()->GetPrototype(&type)->New());
-  const auto* id_field = type.FindFieldByName("unique_id");
-  std::string id;
-  if (id_field != nullptr && request->ParseFromString(packed.value())) {
-    id = request->GetReflection()->GetString(*request, id_field);
-  }
+  const std::string id = IdIn(type, packed);
   const Outcome outcome = Outcome::Error(ErrorCode::kUnsupported, "unsupported request " + type.full_name());
   LogRefusal(type, id, outcome);
-  lp::v1::UniversalResp reply;
-  Fill(id, outcome, reply);
-  packed_reply.PackFrom(reply);
+  packed_reply.PackFrom(*OwnReply(type, id, outcome));
   return false;
 }
 
@@ -115,8 +139,6 @@ void Service::Serve() {
 Service::Service(PlayerTable& players, Canvas& canvas)
     : players_(players), canvas_(canvas), table_("lp.v1", RefuseUnserved) {
   using namespace lp::v1;  // NOLINT: the table is all about these names
-  Serve<LiveSystemInitReq>();
-  Serve<LiveSystemUnInitReq>();
   Serve<SetIntputTimingReq>();
   Serve<SetOutputTimingReq>();
   Serve<CreateUplayerReq>();
@@ -142,28 +164,7 @@ Outcome Service::With(const std::string& id, Operation operation) {
   return operation(*player);
 }
 
-// A live system carries live channels, which are not served here; it is kept account of, so that its users find
-// mistakes in their order of calls.
-Outcome Service::Do(const lp::v1::LiveSystemInitReq& request) {
-  const absl::MutexLock lock(&mutex_);
-  if (live_systems_.contains(request.unique_id())) {
-    return Outcome::Error(ErrorCode::kLiveSystemState,
-                          "live system " + request.unique_id() + " is initialised already");
-  }
-  if (live_systems_.size() >= kMaxLiveSystems) {
-    return Outcome::Error(ErrorCode::kLiveSystemState, "too many live systems; take one down first");
-  }
-  live_systems_.insert(request.unique_id());
-  return Outcome::Ok();
-}
-
-Outcome Service::Do(const lp::v1::LiveSystemUnInitReq& request) {
-  const absl::MutexLock lock(&mutex_);
-  if (live_systems_.erase(request.unique_id()) > 0) return Outcome::Ok();
-  return Outcome::Error(ErrorCode::kLiveSystemState, "live system " + request.unique_id() + " is not initialised");
-}
-
-// There is no input to capture from; the timing is checked and kept.
+// There is no input to capture from: the timing is checked, kept and shown in Describe().
 Outcome Service::Do(const lp::v1::SetIntputTimingReq& request) {
   const Timing timing = ToTiming(request);
   if (auto outcome = CheckTiming(timing); !outcome.ok()) return outcome;
@@ -233,6 +234,17 @@ Outcome Service::Get(const lp::v1::GetMediaInfoOfUplayerReq& request, lp::v1::Ge
   reply.set_heigh(info.height);
   reply.set_duration_ms(info.duration_ms);
   return outcome;
+}
+
+std::string Service::Describe() {
+  const CanvasMode output = canvas_.Mode();
+  std::string text =
+      absl::StrFormat("output timing: %dx%d at %g Hz\n", output.width, output.height, output.frequency / kHundredths);
+  const absl::MutexLock lock(&mutex_);
+  if (!input_timing_) return text + "input timing: none\n";
+  const CanvasMode input = ModeOf(*input_timing_);
+  return text +
+         absl::StrFormat("input timing: %dx%d at %g Hz\n", input.width, input.height, input.frequency / kHundredths);
 }
 
 }  // namespace playd

@@ -4,7 +4,7 @@
 
 #include <google/protobuf/any.pb.h>
 
-#include <set>
+#include <optional>
 #include <string>
 
 #include "absl/base/thread_annotations.h"
@@ -32,6 +32,9 @@ class Service {
     return table_.Handle(request, reply);
   }
 
+  // The timings that are set, a line each, for an operator.
+  std::string Describe();
+
  private:
   // Puts a request into the table: with Do() and a UniversalResp, or with Get() and a reply of its own.
   template <typename Request>
@@ -40,8 +43,6 @@ class Service {
   void Serve();
 
   // One for each message that is answered with lp.v1.UniversalResp.
-  Outcome Do(const lp::v1::LiveSystemInitReq& request);
-  Outcome Do(const lp::v1::LiveSystemUnInitReq& request);
   Outcome Do(const lp::v1::SetIntputTimingReq& request);
   Outcome Do(const lp::v1::SetOutputTimingReq& request);
   Outcome Do(const lp::v1::CreateUplayerReq& request);
@@ -67,8 +68,7 @@ class Service {
   Canvas& canvas_;
   device::RequestTable table_;
   absl::Mutex mutex_;
-  std::set<std::string> live_systems_ ABSL_GUARDED_BY(mutex_);
-  Timing input_timing_ ABSL_GUARDED_BY(mutex_);
+  std::optional<Timing> input_timing_ ABSL_GUARDED_BY(mutex_);  // none: none was set
 };
 
 }  // namespace playd

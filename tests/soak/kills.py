@@ -149,7 +149,7 @@ async def real(soak):
     operators = [await Operator(port, limit_s=soak.limit_s).open() for _ in range(3)]
     kinds = {"encd": [soak.bin / "encd", f"--record_dir={soak.folder}"], "playd": [soak.bin / "playd", "--headless"]}
     commands = {"encd": ("encd SetQulity high", re.compile(r"code= 0 result=.+")),
-                "playd": ("playd LiveSystemInit x", re.compile(r"(?s).*\nresult     :1\n.*"))}
+                "playd": ("playd CreateUplayer x", re.compile(r"(?s).*\nresult     :1\n.*"))}
     kills = 0
     back = []
     for number in range(soak.count(REAL_KILLS, 2)):

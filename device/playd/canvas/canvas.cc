@@ -3,19 +3,16 @@
 #include <absl/strings/str_cat.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/video/video.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cstring>
-#include <fstream>
 #include <stdexcept>
 #include <utility>
 
 #include "base/hand_over.h"
-#include "base/new_file.h"
 #include "klbase/steady_cond_var.h"
+#include "playd/canvas/whole_file.h"
 #include "playd/canvas/window.h"
 
 namespace playd {
@@ -41,6 +38,19 @@ std::string CanvasPipeline() {
   return "compositor name=compositor background=black force-live=true ignore-inactive-pads=true "
          "zero-size-is-unscaled=false ! capsfilter name=filter caps=" +
          ModeCaps(CanvasMode()) + " ! fakesink sync=true enable-last-sample=false qos=false";
+}
+
+std::string FrameCapsOf(const Rectangle& place) {
+  return absl::StrCat(kFormat, ",width=", place.width, ",height=", place.height);
+}
+
+// A source of a layer's frames. Leaky: when frames come faster than they are composed, older ones go.
+device::ElementPtr MakeSource() {
+  device::ElementPtr source(gst_element_factory_make("appsrc", nullptr));
+  gst_object_ref_sink(source.get());
+  g_object_set(source.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE, "max-buffers",
+               guint64{2}, "max-bytes", guint64{0}, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM, nullptr);
+  return source;
 }
 
 // One composed picture, taken as it comes by.
@@ -76,19 +86,6 @@ device::SamplePtr Convert(GstSample* sample, const char* caps_text, std::chrono:
   return device::SamplePtr(gst_video_convert_sample(sample, caps.get(), static_cast<GstClockTime>(limit), nullptr));
 }
 
-bool WriteWhole(const std::string& path, const GstMapInfo& map) {
-  unlink(path.c_str());  // of a run that was killed
-  const device::NewFile created(path);
-  if (created.Error() != 0) {
-    errno = created.Error();
-    return false;
-  }
-  std::ofstream file(created.Name(), std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(map.data), static_cast<std::streamsize>(map.size));
-  file.close();
-  return !file.fail();
-}
-
 // Rows of a mapped frame may be padded; those of the result are not.
 bool CopyRows(GstSample* sample, Picture& picture) {
   GstVideoInfo info;
@@ -116,34 +113,29 @@ Picture::Pixel Picture::At(int x, int y) const {
   return {rgb.at(at), rgb.at(at + 1), rgb.at(at + 2)};
 }
 
-Layer::Layer(GstElement* pipeline, GstElement* compositor, const Rectangle& rectangle, std::uint32_t priority)
-    : pipeline_(pipeline),
-      compositor_(compositor),
-      frame_caps_(absl::StrCat(kFormat, ",width=", rectangle.width, ",height=", rectangle.height)),
-      source_(gst_element_factory_make("appsrc", nullptr)) {
-  gst_object_ref_sink(source_.get());
+Layer::Layer(Canvas& canvas, const Rectangle& rectangle, std::uint32_t priority)
+    : canvas_(canvas),
+      source_(MakeSource()),
+      pad_(gst_element_request_pad_simple(canvas.compositor_.get(), "sink_%u")),
+      frame_caps_(FrameCapsOf(canvas.Place(pad_.get(), rectangle))) {
   // No frame rate: each frame is shown until the next one comes.
   const device::CapsPtr caps(gst_caps_from_string((frame_caps_ + ",framerate=0/1").c_str()));
-  g_object_set(source_.get(), "caps", caps.get(), "format", GST_FORMAT_TIME, "is-live", TRUE, "do-timestamp", TRUE,
-               "max-buffers", guint64{2}, "max-bytes", guint64{0}, "leaky-type", GST_APP_LEAKY_TYPE_DOWNSTREAM,
-               nullptr);
-  pad_.reset(gst_element_request_pad_simple(compositor_, "sink_%u"));
-  g_object_set(pad_.get(), "xpos", rectangle.x, "ypos", rectangle.y, "width", static_cast<int>(rectangle.width),
-               "height", static_cast<int>(rectangle.height), "zorder", std::min(priority, kTopPriority), "alpha", 0.0,
-               nullptr);
-  gst_bin_add(GST_BIN(pipeline_), source_.get());
+  g_object_set(source_.get(), "caps", caps.get(), nullptr);
+  g_object_set(pad_.get(), "zorder", std::min(priority, kTopPriority), "alpha", 0.0, nullptr);
+  gst_bin_add(GST_BIN(canvas_.pipeline_.get()), source_.get());
   const device::PadPtr from(gst_element_get_static_pad(source_.get(), "src"));
   gst_pad_link(from.get(), pad_.get());
   gst_element_sync_state_with_parent(source_.get());
 }
 
 Layer::~Layer() {
+  canvas_.Forget(pad_.get());
   // The pad goes first: that frees the source's thread, should it be waiting for the compositor to take a frame.
-  gst_element_release_request_pad(compositor_, pad_.get());
+  gst_element_release_request_pad(canvas_.compositor_.get(), pad_.get());
   // Locked, so that the canvas, should it change its state just now, does not start the source again.
   gst_element_set_locked_state(source_.get(), TRUE);
   gst_element_set_state(source_.get(), GST_STATE_NULL);
-  gst_bin_remove(GST_BIN(pipeline_), source_.get());
+  gst_bin_remove(GST_BIN(canvas_.pipeline_.get()), source_.get());
 }
 
 void Layer::Push(GstBuffer* frame) {
@@ -165,11 +157,28 @@ Canvas::~Canvas() = default;
 
 void Canvas::SetMode(const CanvasMode& mode) {
   const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode).c_str()));
-  {
-    const absl::MutexLock lock(&mutex_);
-    mode_ = mode;
-  }
+  // Held throughout, so that modes that are set at the same time do not mix; nothing here calls back.
+  const absl::MutexLock lock(&mutex_);
+  mode_ = mode;
   g_object_set(filter_.get(), "caps", caps.get(), nullptr);
+  for (GstPad* pad : whole_) g_object_set(pad, "width", mode.width, "height", mode.height, nullptr);
+}
+
+Rectangle Canvas::Place(GstPad* pad, const Rectangle& rectangle) {
+  const absl::MutexLock lock(&mutex_);
+  Rectangle place = rectangle;
+  if (rectangle.IsWhole()) {
+    place = {0, 0, static_cast<std::uint32_t>(mode_.width), static_cast<std::uint32_t>(mode_.height)};
+    whole_.insert(pad);
+  }
+  g_object_set(pad, "xpos", place.x, "ypos", place.y, "width", static_cast<int>(place.width), "height",
+               static_cast<int>(place.height), nullptr);
+  return place;
+}
+
+void Canvas::Forget(GstPad* pad) {
+  const absl::MutexLock lock(&mutex_);
+  whole_.erase(pad);
 }
 
 CanvasMode Canvas::Mode() const {
@@ -178,7 +187,7 @@ CanvasMode Canvas::Mode() const {
 }
 
 std::unique_ptr<Layer> Canvas::AddLayer(const Rectangle& rectangle, std::uint32_t priority) {
-  return std::make_unique<Layer>(pipeline_.get(), compositor_.get(), rectangle, priority);
+  return std::make_unique<Layer>(*this, rectangle, priority);
 }
 
 device::SamplePtr Canvas::NextSample(std::chrono::milliseconds timeout) {
@@ -216,14 +225,9 @@ Outcome Canvas::SavePng(const std::string& path, std::chrono::milliseconds timeo
   if (!gst_buffer_map(gst_sample_get_buffer(png.get()), &map, GST_MAP_READ)) {
     return Outcome::Error(ErrorCode::kMediaFailed, "the picture can't be read");
   }
-  // Under another name until it is whole: readers of `path` see the old picture or the new one.
-  const std::string partial = path + ".part";
-  const bool written = WriteWhole(partial, map) && std::rename(partial.c_str(), path.c_str()) == 0;
-  const int reason = errno;
+  auto outcome = SaveWhole(path, {reinterpret_cast<const char*>(map.data), map.size});
   gst_buffer_unmap(gst_sample_get_buffer(png.get()), &map);
-  if (written) return Outcome::Ok();
-  if (reason != EEXIST) unlink(partial.c_str());
-  return Outcome::Error(ErrorCode::kInvalidArgument, "can't write " + path + ": " + std::strerror(reason));
+  return outcome;
 }
 
 }  // namespace playd

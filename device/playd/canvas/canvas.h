@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 
 namespace playd {
 
+class Canvas;
 class Window;
 
 // A composed picture, for a look at its pixels. Rows from top to bottom, 3 bytes a pixel.
@@ -34,12 +36,12 @@ struct Picture {
 // destruction, without a pause for other layers. The canvas must outlive it. Any thread.
 class Layer {
  public:
-  Layer(GstElement* pipeline, GstElement* compositor, const Rectangle& rectangle, std::uint32_t priority);
+  Layer(Canvas& canvas, const Rectangle& rectangle, std::uint32_t priority);
   Layer(const Layer&) = delete;
   Layer& operator=(const Layer&) = delete;
   ~Layer();
 
-  // Caps of the frames that Push() takes: I420 in the rectangle's size.
+  // Caps of the frames that Push() takes: I420 in the rectangle's size; for the whole canvas, in the size that it had.
   const std::string& FrameCaps() const { return frame_caps_; }
 
   // Shows a copy of `frame` (sharing its memory) from now on. Never waits: when frames come faster than they are
@@ -49,11 +51,10 @@ class Layer {
   void Show();
 
  private:
-  GstElement* const pipeline_;
-  GstElement* const compositor_;
+  Canvas& canvas_;
+  const device::ElementPtr source_;
+  const device::PadPtr pad_;
   const std::string frame_caps_;
-  device::ElementPtr source_;
-  device::PadPtr pad_;
 };
 
 // A live pipeline that composes at a steady rate whether or not there are layers, and whether or not their players
@@ -72,7 +73,7 @@ class Canvas {
   // Every layer must be gone.
   ~Canvas();
 
-  // Takes effect within a few pictures; layers stay where they are.
+  // Takes effect within a few pictures; layers stay where they are, those of the whole canvas grow and shrink with it.
   void SetMode(const CanvasMode& mode);
   CanvasMode Mode() const;
 
@@ -86,6 +87,12 @@ class Canvas {
   Outcome SavePng(const std::string& path, std::chrono::milliseconds timeout);
 
  private:
+  friend class Layer;
+
+  // Puts a layer's pad into its place, and keeps it there when the mode changes; returns that place.
+  Rectangle Place(GstPad* pad, const Rectangle& rectangle);
+  void Forget(GstPad* pad);
+
   device::SamplePtr NextSample(std::chrono::milliseconds timeout);
 
   device::Pipeline pipeline_;
@@ -96,6 +103,7 @@ class Canvas {
 
   mutable absl::Mutex mutex_;
   CanvasMode mode_ ABSL_GUARDED_BY(mutex_);
+  std::set<GstPad*> whole_ ABSL_GUARDED_BY(mutex_);  // of layers that fill the canvas
 };
 
 }  // namespace playd

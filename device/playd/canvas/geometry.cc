@@ -38,6 +38,7 @@ Outcome CheckAxis(const char* name, const TimingAxis& axis) {
 }  // namespace
 
 Outcome CheckRectangle(const Rectangle& r) {
+  if (r.IsWhole()) return Outcome::Ok();
   if (r.width == 0 || r.height == 0 || r.width > kMaxSide || r.height > kMaxSide) {
     return Outcome::Error(
         ErrorCode::kBadRectangle,

@@ -9,15 +9,18 @@
 namespace playd {
 
 // In pixels of the canvas; x and y may be negative and the rectangle may reach beyond the canvas, which shows the
-// part inside. Positions are rounded to even numbers when composed, as in most display hardware.
+// part inside. Positions are rounded to even numbers when composed, as in most display hardware. A rectangle of 0x0 is
+// the whole canvas, whatever its size and wherever it is said to be.
 struct Rectangle {
   std::int32_t x = 0;
   std::int32_t y = 0;
   std::uint32_t width = 0;
   std::uint32_t height = 0;
+
+  bool IsWhole() const { return width == 0 && height == 0; }
 };
 
-// Refuses an empty rectangle and sizes and positions that no display has (kBadRectangle).
+// Refuses a rectangle without height or width rectangle and sizes and positions that no display has (kBadRectangle).
 Outcome CheckRectangle(const Rectangle& rectangle);
 
 // One direction of a display timing, in pixels or lines. The rest of the total, after sync, active and front porch, is

@@ -29,6 +29,7 @@ class Branches {
   void Connect(GstElement* decoder);
 
   bool HasAny() const;
+  bool HasVideo() const { return VideoPad() != nullptr; }
   // The decoder's pad of the picture stream; null when there is none.
   device::PadPtr VideoPad() const;
   // True when the medium is a still picture, which has no end and no positions.

@@ -142,6 +142,11 @@ Position Media::GetPosition() const {
   return {std::min(ToMs(position), info_.duration_ms), info_.duration_ms};
 }
 
+MediaKind Media::Kind() const {
+  if (IsPicture()) return MediaKind::kPicture;
+  return branches_->HasVideo() ? MediaKind::kVideo : MediaKind::kSound;
+}
+
 bool Media::IsPicture() const { return branches_->IsPicture(); }
 
 bool Media::IsSeekable() const {

@@ -26,6 +26,9 @@ struct MediaInfo {
   std::uint32_t duration_ms = 0;
 };
 
+// What a medium is, as it turned out when it was opened.
+enum class MediaKind { kVideo, kPicture, kSound };
+
 // The place of play in a medium.
 struct Position {
   std::uint32_t position_ms = 0;
@@ -69,6 +72,7 @@ class Media {
 
   Position GetPosition() const;
   const MediaInfo& Info() const { return info_; }
+  MediaKind Kind() const;
   bool IsPicture() const;
   bool IsSeekable() const;
 

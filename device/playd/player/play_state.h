@@ -8,13 +8,16 @@ namespace playd {
 
 // | Number | Name     | Published when                                                                          |
 // |--------|----------|-----------------------------------------------------------------------------------------|
-// | 1      | kStarted | an opened or switched-to medium begins to play, at once or by its first resume          |
+// | 1      | kStarted | a medium begins to play: at once, by its first resume, or by a resume at its end        |
 // | 2      | kPaused  | play was halted                                                                         |
 // | 3      | kResumed | play goes on: after a pause, or by a seek out of the end                                |
-// | 4      | kEnded   | the medium was played to its end; its last picture stays, a seek plays on from there    |
+// | 4      | kEnded   | the medium was played to its end, where its last picture stays and from where a resume  |
+// |        |          | or a seek plays it again; or it was closed, or its player deleted, before its end       |
 // | 5      | kFailed  | the named medium can't be opened, or broke off while it played and was closed           |
 //
-// 0 is never published. A picture has no end. A pause while paused and a resume while playing publish nothing.
+// 0 is never published. A medium that another one replaces has no end of its own, the other's start tells; and of one
+// that is refused while another plays on only the caller hears. A picture has no end but its closing. A pause while
+// paused and a resume while playing publish nothing.
 enum class PlayState : std::uint32_t {
   kStarted = 1,
   kPaused = 2,

@@ -1,11 +1,13 @@
 #include "playd/player/player.h"
 
+#include <absl/strings/escaping.h>
 #include <absl/strings/str_format.h>
 
 #include <exception>
 #include <utility>
 
 #include "playd/media/media_url.h"
+#include "player/v1/player.pb.h"
 
 namespace playd {
 namespace {
@@ -24,6 +26,48 @@ Outcome CheckRequest(const MediaRequest& request) {
                           absl::StrFormat("unsupported se_type %u; 0 shows the picture at once", request.effect));
   }
   return CheckRectangle(request.rectangle);
+}
+
+// The enumerators of lp.v1.FileType and lp.v1.MediaType that a kind of medium goes by. There is no media type for
+// sound: it goes by that of what plays on, video.
+struct KindWords {
+  const char* name;
+  std::int32_t file_type;
+  std::int32_t media_type;
+};
+
+KindWords WordsOf(MediaKind kind) {
+  switch (kind) {
+    case MediaKind::kVideo:
+      return {"a video", lp::v1::VIDEO, lp::v1::VIDEO_TYPE};
+    case MediaKind::kPicture:
+      return {"a picture", lp::v1::PICTURE, lp::v1::PICTURE_TYPE};
+    case MediaKind::kSound:
+      break;
+  }
+  return {"sound alone", lp::v1::AUDIO, lp::v1::VIDEO_TYPE};
+}
+
+Outcome Contradiction(const MediaRequest& request, MediaKind kind, const char* field, const std::string& type) {
+  return Outcome::Error(ErrorCode::kContradiction,
+                        absl::StrFormat("%s is %s, but %s says %s", request.url, WordsOf(kind).name, field, type));
+}
+
+Outcome CheckKind(const MediaRequest& request, MediaKind kind) {
+  const KindWords words = WordsOf(kind);
+  if (request.file_type != lp::v1::UNSPECIFIED_FILETYPE && request.file_type != words.file_type) {
+    return Contradiction(request, kind, "file_type", lp::v1::FileType_Name(request.file_type));
+  }
+  if (request.media_type != lp::v1::UNSPECIFIED_MEDIATYPE && request.media_type != lp::v1::VIDEO_PICTURE_TYPE &&
+      request.media_type != words.media_type) {
+    return Contradiction(request, kind, "media_type", lp::v1::MediaType_Name(request.media_type));
+  }
+  return Outcome::Ok();
+}
+
+// Refusals of what was asked for, not of the medium, which is fine.
+bool IsRequestsFault(ErrorCode code) {
+  return code == ErrorCode::kSeekBehindEnd || code == ErrorCode::kNotSeekable || code == ErrorCode::kContradiction;
 }
 
 }  // namespace
@@ -75,8 +119,7 @@ Outcome Player::Close(bool keep_picture) {
     }
     if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
     if (keep_picture) kept_layer_ = media_->ReleaseLayer();
-    media_.reset();
-    state_ = State::kClosed;
+    CloseMedia();
     return Outcome::Ok();
   });
 }
@@ -150,14 +193,21 @@ Outcome Player::NeedMedia() const {
 
 void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Info().url, state); }
 
-// A medium that can't be played is refused and also reported, for operators who follow the reports. A wrong start
-// position is only refused: the medium itself is fine.
+// A medium that is closed while it plays, or stands paused, ends there, for those who follow the reports.
+void Player::CloseMedia() {
+  if (media_ != nullptr && (state_ == State::kPlaying || state_ == State::kPaused)) Report(PlayState::kEnded);
+  media_.reset();
+  state_ = State::kClosed;
+}
+
+// A medium that can't be played is refused and also reported, for those who follow the reports. Not so while another
+// one plays on: the player has not failed then.
 Outcome Player::DoOpen(const MediaRequest& request) {
   const auto deadline = std::chrono::steady_clock::now() + limits_.media;
   std::unique_ptr<Media> media;
   auto outcome = Prepare(request, deadline, media);
   if (outcome.ok()) outcome = Adopt(std::move(media), request.play_immediately, deadline);
-  if (!outcome.ok() && outcome.code != ErrorCode::kSeekBehindEnd && outcome.code != ErrorCode::kNotSeekable) {
+  if (!outcome.ok() && media_ == nullptr && !IsRequestsFault(outcome.code)) {
     listener_.OnPlayState(id_, request.url, PlayState::kFailed);
   }
   return outcome;
@@ -170,6 +220,7 @@ Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, s
   media = std::make_unique<Media>(
       request.url, uri, request.rectangle, request.priority, canvas_, mixer_, [this] { worker_.Wake(); }, stop_);
   if (auto outcome = media->Preroll(deadline); !outcome.ok()) return outcome;
+  if (auto outcome = CheckKind(request, media->Kind()); !outcome.ok()) return outcome;
   media->SetVolume(volume_);
   const bool moved = request.start_ms != 0 || speed_ != 1.0;
   if (media->IsPicture() || !moved) return Outcome::Ok();
@@ -194,7 +245,7 @@ Outcome Player::Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline d
 Outcome Player::DoPause(Media::Deadline deadline) {
   if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
   if (state_ == State::kEnded) {
-    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; seek to play it again");
+    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; resume or seek to play it again");
   }
   if (state_ != State::kPlaying) return Outcome::Ok();
   if (auto outcome = media_->Pause(deadline); !outcome.ok()) return outcome;
@@ -205,15 +256,24 @@ Outcome Player::DoPause(Media::Deadline deadline) {
 
 Outcome Player::DoResume(Media::Deadline deadline) {
   if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
-  if (state_ == State::kEnded) {
-    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; seek to play it again");
-  }
+  if (state_ == State::kEnded) return Restart(deadline);
   if (state_ == State::kPlaying) return Outcome::Ok();
   if (auto outcome = media_->Play(deadline); !outcome.ok()) return outcome;
   // The first resume of a medium that was opened paused is its start.
   const PlayState report = state_ == State::kOpened ? PlayState::kStarted : PlayState::kResumed;
   state_ = State::kPlaying;
   Report(report);
+  return Outcome::Ok();
+}
+
+// The pipeline plays still, if at its end: it goes on from the position that it is given.
+Outcome Player::Restart(Media::Deadline deadline) {
+  if (!media_->IsSeekable()) {
+    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; open it again to play it again");
+  }
+  if (auto outcome = media_->Seek(0, speed_, deadline); !outcome.ok()) return outcome;
+  state_ = State::kPlaying;
+  Report(PlayState::kStarted);
   return Outcome::Ok();
 }
 
@@ -232,8 +292,7 @@ Outcome Player::DoSeek(std::uint32_t position_ms, Media::Deadline deadline) {
 
 // GStreamer sets a speed by a seek. At the end it only counts for the seek that plays on from there.
 Outcome Player::DoSetSpeed(double speed, Media::Deadline deadline) {
-  if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
-  if (speed != speed_ && state_ != State::kEnded) {
+  if (media_ != nullptr && speed != speed_ && state_ != State::kEnded) {
     const Position now = media_->GetPosition();
     if (auto outcome = media_->Seek(now.position_ms, speed, deadline); !outcome.ok()) return outcome;
   }
@@ -255,14 +314,38 @@ void Player::OnWake() {
       return;
     case Media::Event::kFailed:
       Report(PlayState::kFailed);  // with the address, which goes with the medium
-      media_.reset();
       state_ = State::kClosed;
+      CloseMedia();
       return;
   }
 }
 
+std::string Player::Describe(std::chrono::milliseconds limit) {
+  const auto found = std::make_shared<std::string>();
+  const auto outcome = worker_.Run(
+      [this, found] {
+        *found = DescribeNow();
+        return Outcome::Ok();
+      },
+      limit);
+  return absl::StrFormat("player \"%s\": %s", absl::Utf8SafeCEscape(id_), outcome.ok() ? *found : "busy");
+}
+
+std::string Player::DescribeNow() const {
+  static constexpr const char* kStates[] = {"closed", "opened", "playing", "paused", "ended"};
+  std::string text = kStates[static_cast<int>(state_)];
+  if (media_ != nullptr) {
+    const Position at = media_->GetPosition();
+    text += absl::StrFormat(" %s at %u of %u ms", absl::Utf8SafeCEscape(media_->Info().url), at.position_ms,
+                            at.duration_ms);
+  }
+  text += absl::StrFormat(", speed %g, volume %g", speed_, volume_ * kMaxVolume);
+  if (usb_state_) text += *usb_state_ == 0 ? ", usb unplugged" : ", usb plugged in";
+  return text;
+}
+
 void Player::OnStop() {
-  media_.reset();
+  CloseMedia();
   kept_layer_.reset();
 }
 

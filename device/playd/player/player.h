@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "playd/canvas/canvas.h"
@@ -31,7 +32,7 @@ class PlayerListener {
 // A medium to play, its place on the canvas and in time.
 struct MediaRequest {
   std::string url;
-  std::int32_t media_type = 0;   // 0 to 3, lp.v1.MediaType; a hint: the medium itself says more
+  std::int32_t media_type = 0;   // 0 to 3, lp.v1.MediaType: what the medium must be; 0: anything
   std::int32_t file_type = 0;    // 0 to 3, lp.v1.FileType; likewise
   bool play_immediately = true;  // false: opened and shown, paused at its first picture
   std::uint64_t start_ms = 0;    // where play begins; without meaning for a picture
@@ -64,29 +65,33 @@ class Player {
   // Opens a medium and shows its first picture; plays from there if asked to. Refused while one is open.
   Outcome Open(const MediaRequest& request);
 
-  // Replaces the open medium. The old one plays on until the new one is ready, also when the new one is refused. Speed
-  // and volume stay.
+  // Replaces the open medium. The old one plays on until the new one is ready, also when the new one is refused, of
+  // which only the caller hears then. Speed and volume stay.
   Outcome Switch(const MediaRequest& request);
 
-  // Closes the medium. With `keep_picture` only the file is let go: the last picture stays where it is until the next
-  // medium is opened or this is called without.
+  // Closes the medium, which ends its play. With `keep_picture` only the file is let go: the last picture stays where
+  // it is until the next medium is opened or this is called without.
   Outcome Close(bool keep_picture);
 
+  // Refused at the end of play when `pause`; else play begins again there.
   Outcome SetPause(bool pause);
   Outcome Seek(std::uint32_t position_ms);
 
-  // 0.1 to 16 times normal speed, forward. Stays until set anew, also for media opened later.
+  // 0.1 to 16 times normal speed, forward. Stays until set anew, also for media opened later; needs no open medium.
   Outcome SetSpeed(float speed);
 
   // 0 to 100 percent of the medium's loudness. Stays until set anew; needs no open medium.
   Outcome SetVolume(std::uint32_t volume);
 
-  // Whether the USB storage that media come from is plugged in (1) or not (0). Noted only: a medium that goes missing
-  // fails by itself.
+  // Whether the USB storage that media come from is plugged in (1) or not (0). Shown in Describe(); a medium that goes
+  // missing fails by itself.
   Outcome SetUsbLink(std::uint32_t state);
 
   Outcome GetPosition(Position& position);
   Outcome GetMediaInfo(MediaInfo& info);
+
+  // One line for an operator: what is played and how. Says "busy" when the player is, after `limit`.
+  std::string Describe(std::chrono::milliseconds limit);
 
   // Takes no more operations and ends play as soon as possible; does not wait.
   void Stop() {
@@ -107,6 +112,9 @@ class Player {
   Outcome DoResume(Media::Deadline deadline);
   Outcome DoSeek(std::uint32_t position_ms, Media::Deadline deadline);
   Outcome DoSetSpeed(double speed, Media::Deadline deadline);
+  Outcome Restart(Media::Deadline deadline);
+  void CloseMedia();
+  std::string DescribeNow() const;
   void OnWake();
   void OnStop();
 
@@ -126,7 +134,7 @@ class Player {
   std::unique_ptr<Layer> kept_layer_;  // the picture that Close(true) left
   double speed_ = 1.0;
   double volume_ = 1.0;
-  std::uint32_t usb_state_ = 0;
+  std::optional<std::uint32_t> usb_state_;  // none: nobody said
 
   Worker worker_;  // last: its thread uses all of the above
 };

@@ -10,6 +10,8 @@ using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+constexpr auto kDescribeLimit = milliseconds(200);  // for a player that hangs
+
 }  // namespace
 
 PlayerTable::PlayerTable(Canvas& canvas, Mixer& mixer, PlayerListener& listener, const PlayerLimits& limits)
@@ -54,6 +56,17 @@ std::shared_ptr<Player> PlayerTable::Find(const std::string& id) const {
   const absl::MutexLock lock(&mutex_);
   const auto found = players_.find(id);
   return found == players_.end() ? nullptr : found->second;
+}
+
+std::string PlayerTable::Describe() const {
+  std::map<std::string, std::shared_ptr<Player>> players;
+  {
+    const absl::MutexLock lock(&mutex_);
+    players = players_;
+  }
+  std::string text;
+  for (const auto& [id, player] : players) text += player->Describe(kDescribeLimit) + "\n";
+  return text;
 }
 
 void PlayerTable::ClearAwayStopped() {

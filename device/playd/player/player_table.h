@@ -38,6 +38,9 @@ class PlayerTable {
   // Null when there is none. Shared, because another caller may delete it while this one works with it.
   std::shared_ptr<Player> Find(const std::string& id) const;
 
+  // One line for each player, in the order of their ids; see Player::Describe().
+  std::string Describe() const;
+
   // Stops all players and takes no new ones. False when one of them still hangs after `limit`: destroying the table
   // would then wait for it.
   bool StopAll(std::chrono::milliseconds limit);

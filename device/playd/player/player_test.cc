@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/testing/scratch_folder.h"
+#include "player/v1/player.pb.h"
 #include "testing/http_file.h"
 #include "testing/player.h"
 #include "testing/rtmp_server.h"
@@ -108,7 +109,17 @@ TEST_F(PlayerTest, PlaysToItsEndAndReportsIt) {
   EXPECT_EQ(events_.WaitFor(2), (Events{"0 started " + clip, "0 ended " + clip}));
   EXPECT_NEAR(PositionMs(), 1000, 100);
   EXPECT_EQ(player_.SetPause(true).code, ErrorCode::kEnded);
-  EXPECT_EQ(player_.SetPause(false).code, ErrorCode::kEnded);
+  EXPECT_EQ(player_.SetPause(true).text, clip + " is at its end; resume or seek to play it again");
+}
+
+TEST_F(PlayerTest, PlaysAgainFromTheBeginningWhenItIsResumedAtTheEnd) {
+  const std::string clip = Clip("short.mp4", SmallClip(1));
+  ASSERT_TRUE(player_.Open(Request(clip)).ok());
+  ASSERT_EQ(events_.WaitFor(2).size(), 2u);
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  EXPECT_LT(PositionMs(), 900u);
+  EXPECT_EQ(events_.WaitFor(4),
+            (Events{"0 started " + clip, "0 ended " + clip, "0 started " + clip, "0 ended " + clip}));
 }
 
 TEST_F(PlayerTest, PlaysOnAfterASeekOutOfTheEnd) {
@@ -267,7 +278,8 @@ TEST_F(PlayerTest, PlaysOnWhenTheNextSourceIsRefused) {
   ASSERT_TRUE(player_.GetMediaInfo(info).ok());
   EXPECT_EQ(info.url, clip);
   EXPECT_TRUE(Reaches(PositionMs() + 100));
-  EXPECT_EQ(events_.WaitFor(2), (Events{"0 started " + clip, "0 failed " + notes}));
+  ASSERT_TRUE(player_.SetPause(true).ok());
+  EXPECT_EQ(events_.WaitFor(2), (Events{"0 started " + clip, "0 paused " + clip})) << "nothing failed";
 }
 
 TEST_F(PlayerTest, ShowsAPictureThatHasNoEnd) {
@@ -358,7 +370,7 @@ TEST_F(PlayerTest, RefusesEveryOperationThatNeedsAMedium) {
   MediaInfo info;
   for (const Outcome& outcome :
        {player_.Close(false), player_.Close(true), player_.SetPause(true), player_.SetPause(false), player_.Seek(0),
-        player_.SetSpeed(2), player_.GetPosition(position), player_.GetMediaInfo(info), player_.Switch(Request("x"))}) {
+        player_.GetPosition(position), player_.GetMediaInfo(info), player_.Switch(Request("x"))}) {
     EXPECT_EQ(outcome.code, ErrorCode::kNoMedia);
     EXPECT_EQ(outcome.text, "player 0 has no open media; open one first");
   }
@@ -377,6 +389,91 @@ TEST_F(PlayerTest, RefusesRectanglesAndWordsThatMeanNothing) {
   EXPECT_EQ(player_.Open(request).text, "unsupported se_type 1; 0 shows the picture at once");
   EXPECT_EQ(player_.SetUsbLink(2).code, ErrorCode::kInvalidArgument);
   EXPECT_TRUE(player_.SetUsbLink(1).ok());
+}
+
+TEST_F(PlayerTest, RefusesAMediumOfAnotherKindThanItWasSaidToBe) {
+  const std::string clip = Clip();
+  MediaRequest request = Request(clip);
+  request.file_type = lp::v1::PICTURE;
+  EXPECT_EQ(player_.Open(request).code, ErrorCode::kContradiction);
+  EXPECT_EQ(player_.Open(request).text, clip + " is a video, but file_type says PICTURE");
+  request.file_type = lp::v1::VIDEO;
+  request.media_type = lp::v1::PICTURE_TYPE;
+  EXPECT_EQ(player_.Open(request).text, clip + " is a video, but media_type says PICTURE_TYPE");
+  request.media_type = lp::v1::VIDEO_PICTURE_TYPE;
+  EXPECT_TRUE(player_.Open(request).ok());
+  EXPECT_EQ(events_.WaitFor(1), Events{"0 started " + clip}) << "the medium had not failed";
+}
+
+TEST_F(PlayerTest, KnowsPicturesAndSoundFromVideos) {
+  MakeSamplePicture(folder_ / "red.png", 64, 48, kRed);
+  SampleClip tone = SmallClip(2);
+  tone.video = false;
+  MediaRequest picture = Request(folder_ / "red.png");
+  MediaRequest sound = Request(Clip("tone.m4a", tone));
+  picture.file_type = lp::v1::AUDIO;
+  sound.file_type = lp::v1::VIDEO;
+  EXPECT_EQ(player_.Open(picture).text, picture.url + " is a picture, but file_type says AUDIO");
+  EXPECT_EQ(player_.Open(sound).text, sound.url + " is sound alone, but file_type says VIDEO");
+  picture.file_type = lp::v1::PICTURE;
+  picture.media_type = lp::v1::PICTURE_TYPE;
+  EXPECT_TRUE(player_.Open(picture).ok());
+  sound.file_type = lp::v1::AUDIO;
+  EXPECT_TRUE(player_.Switch(sound).ok());
+}
+
+TEST_F(PlayerTest, FillsTheCanvasWhateverItsSizeWithARectangleOfNoSize) {
+  MediaRequest request = Request(ColorClip("red.mp4", kRed), false);
+  request.rectangle = {100, 100, 0, 0};
+  ASSERT_TRUE(player_.Open(request).ok());
+  EXPECT_TRUE(ShowsWithin(canvas_, 1, 1, kRed));
+  EXPECT_TRUE(ShowsWithin(canvas_, 1918, 1078, kRed));
+  canvas_.SetMode({3840, 2160, 6000});
+  EXPECT_TRUE(ShowsWithin(canvas_, 3838, 2158, kRed));
+}
+
+TEST_F(PlayerTest, ReportsTheEndOfAMediumThatIsClosedWhileItPlaysOrIsPaused) {
+  const std::string clip = Clip();
+  ASSERT_TRUE(player_.Open(Request(clip)).ok());
+  ASSERT_TRUE(player_.Close(false).ok());
+  ASSERT_TRUE(player_.Open(Request(clip)).ok());
+  ASSERT_TRUE(player_.SetPause(true).ok());
+  ASSERT_TRUE(player_.Close(true).ok());
+  EXPECT_EQ(events_.WaitFor(5), (Events{"0 started " + clip, "0 ended " + clip, "0 started " + clip, "0 paused " + clip,
+                                        "0 ended " + clip}));
+}
+
+TEST_F(PlayerTest, ReportsTheEndOfAMediumWhosePlayerGoesAndNoneThatNeverStarted) {
+  const std::string clip = Clip();
+  {
+    Player playing("1", canvas_, mixer_, events_, kPatient);
+    ASSERT_TRUE(playing.Open(Request(clip)).ok());
+    Player waiting("2", canvas_, mixer_, events_, kPatient);
+    ASSERT_TRUE(waiting.Open(Request(clip, false)).ok());
+  }
+  EXPECT_EQ(events_.WaitFor(2), (Events{"1 started " + clip, "1 ended " + clip}));
+}
+
+TEST_F(PlayerTest, TakesSpeedAndVolumeWithoutAMediumForTheNextOne) {
+  ASSERT_TRUE(player_.SetSpeed(8.0f).ok());
+  ASSERT_TRUE(player_.SetVolume(0).ok());
+  ASSERT_TRUE(player_.Open(Request(Clip("long.mp4", SmallClip(8)))).ok());
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(mixer_.Peak(milliseconds(200)), 0);
+  ASSERT_TRUE(Reaches(6000));
+  EXPECT_LT(steady_clock::now() - begin, milliseconds(4500));
+}
+
+TEST_F(PlayerTest, DescribesItselfInALine) {
+  EXPECT_EQ(player_.Describe(kPatient.reply), "player \"0\": closed, speed 1, volume 100");
+  const std::string clip = Clip();
+  OpenPaused(clip);
+  ASSERT_TRUE(player_.SetUsbLink(1).ok());
+  ASSERT_TRUE(player_.SetVolume(30).ok());
+  EXPECT_EQ(player_.Describe(kPatient.reply),
+            "player \"0\": opened " + clip + " at 0 of 4000 ms, speed 1, volume 30, usb plugged in");
+  ASSERT_TRUE(player_.SetUsbLink(0).ok());
+  EXPECT_TRUE(player_.Describe(kPatient.reply).ends_with(", usb unplugged"));
 }
 
 TEST_F(PlayerTest, ClosesTheMediumAndTakesItsPictureAway) {
