@@ -1,5 +1,5 @@
 # find_package(vextool CONFIG): vextool::klbase, vextool::klrpc, vextool::schema, vextool::core, vextool::apisdk,
-# vextool::envctl.
+# vextool::rpcservice, vextool::envctl.
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
 find_dependency(Protobuf)
@@ -16,7 +16,7 @@ if(NOT TARGET vextool::core)
   endforeach()
   klbase_log_headers_as(vextool::core_archive core modules/core/include)
   # Linked whole: the linker drops a file that only registers itself, because nothing refers to it.
-  foreach(library core apisdk)
+  foreach(library core apisdk rpcservice)
     add_library(vextool::${library} INTERFACE IMPORTED)
     target_link_libraries(vextool::${library} INTERFACE
                           "$<LINK_LIBRARY:WHOLE_ARCHIVE,vextool::${library}_archive>")
@@ -26,4 +26,5 @@ if(NOT TARGET vextool::core)
   list(REMOVE_ITEM vextool_apisdk_links vextool::core_archive)
   set_target_properties(vextool::apisdk_archive PROPERTIES INTERFACE_LINK_LIBRARIES "${vextool_apisdk_links}")
   target_link_libraries(vextool::apisdk INTERFACE vextool::core)
+  target_link_libraries(vextool::rpcservice INTERFACE vextool::apisdk)
 endif()
