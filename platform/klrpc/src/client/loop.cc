@@ -20,14 +20,14 @@ ClientLoop::~ClientLoop() { grpc_completion_queue_destroy(queue_); }
 
 void ClientLoop::Start() { thread_ = std::thread(&ClientLoop::Run, this); }
 
-bool ClientLoop::StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag) {
+grpc_call_error ClientLoop::StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag) {
   const absl::MutexLock lock(&mutex_);
-  if (stopped_) return false;
+  if (stopped_) return GRPC_CALL_ERROR_COMPLETION_QUEUE_SHUTDOWN;
   const grpc_call_error error = grpc_call_start_batch(call, ops, count, tag, nullptr);
-  if (error == GRPC_CALL_OK) return true;
+  if (error == GRPC_CALL_OK) return error;
   // Operations that the call has under way then end, so nobody waits for those that were refused.
-  grpc_call_cancel(call, nullptr);
-  return false;
+  grpc_call_cancel_with_status(call, GRPC_STATUS_INTERNAL, WhyNotStarted(error).c_str(), nullptr);
+  return error;
 }
 
 void ClientLoop::RunAfter(std::chrono::milliseconds time, std::function<void()> function) {

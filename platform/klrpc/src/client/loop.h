@@ -33,9 +33,10 @@ class ClientLoop {
 
   grpc_completion_queue* Queue() { return queue_; }
 
-  // Starts a batch whose completion comes back as the event `tag`. Any thread. False after Stop(), and when gRPC
-  // refuses it and the call is cancelled: the tag then never comes back.
-  bool StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag);
+  // Starts a batch whose completion comes back as the event `tag`; one without operations is complete at once. Any
+  // thread. After an error, GRPC_CALL_ERROR_COMPLETION_QUEUE_SHUTDOWN after Stop(), the tag never comes back; a call
+  // whose batch gRPC refuses is cancelled with the reason.
+  grpc_call_error StartBatch(grpc_call* call, const grpc_op* ops, std::size_t count, void* tag);
 
   // Runs `function` later on the loop's thread, unless the loop is stopped before. Only on the loop's thread.
   void RunAfter(std::chrono::milliseconds time, std::function<void()> function);

@@ -24,15 +24,15 @@ class Publisher::PublishCall : public std::enable_shared_from_this<PublishCall> 
         channel_(publisher.UsableChannel()),
         exchange_(channel_.get(), publisher.loop_.Queue(), kPublishMethod, DeadlineIn(Left(pending_.deadline))) {}
 
-  // False when the client ends or gRPC refuses it: nothing was sent then.
-  bool Start() {
+  // After an error, because the client ends or gRPC refuses it, nothing was sent.
+  grpc_call_error Start() {
     const Buffer message(pending_.bytes);
     const UnaryExchange::Batch batch = exchange_.Operations(message);
-    const bool started = publisher_.loop_.StartBatch(exchange_.Call(), batch.data(), batch.size(), done_.Begin());
-    if (!started) done_.Abandon();
-    return started;
+    const auto error = publisher_.loop_.StartBatch(exchange_.Call(), batch.data(), batch.size(), done_.Begin());
+    if (error != GRPC_CALL_OK) done_.Abandon();
+    return error;
   }
-  const std::string& Id() const { return pending_.msg_id; }
+  const Pending& Message() const { return pending_; }
 
   void Cancel() { grpc_call_cancel(exchange_.Call(), nullptr); }
 
@@ -94,8 +94,13 @@ void Publisher::SendNext() {
       const absl::MutexLock lock(&mutex_);
       current_ = call;
     }
-    if (call->Start()) return;
-    Tell(false, call->Id());
+    const grpc_call_error error = call->Start();
+    if (error == GRPC_CALL_OK) return;
+    if (error == GRPC_CALL_ERROR_COMPLETION_QUEUE_SHUTDOWN) {
+      Tell(false, call->Message().msg_id);  // the client ends
+    } else {
+      TellFailure(call->Message(), GRPC_STATUS_INTERNAL, WhyNotStarted(error));
+    }
   }
 }
 
@@ -131,11 +136,17 @@ void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std:
   klrpc::v1::PublishReply answer;
   const bool answered = code == GRPC_STATUS_OK && reply.ParseInto(answer);
   if (!answered || !answer.ok()) {
-    KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(code),
-           answered ? "the server refused the message" : text.c_str());
+    TellFailure(pending, code, answered ? "the server refused the message" : text);
+  } else {
+    Tell(true, pending.msg_id);
   }
-  Tell(answer.ok(), pending.msg_id);
   SendNext();
+}
+
+void Publisher::TellFailure(const Pending& pending, grpc_status_code code, const std::string& why) {
+  KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(code),
+         why.c_str());
+  Tell(false, pending.msg_id);
 }
 
 void Publisher::Tell(bool ok, const std::string& msg_id) {

@@ -59,6 +59,8 @@ class Publisher {
   // The first one whose time is not up; the others fail together.
   std::optional<Pending> TakeNext();
   void Tell(bool ok, const std::string& msg_id);
+  // With a record.
+  void TellFailure(const Pending& pending, grpc_status_code code, const std::string& why);
   const ChannelPtr& UsableChannel();
   void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);
 

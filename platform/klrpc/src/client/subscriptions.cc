@@ -92,6 +92,7 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   bool told_unconfirmed = false;
 
  private:
+  void EndUnstarted(grpc_call_error error);
   void OnConfirmed(bool ok) {
     if (!ok) return;
     if (Accepted()) return owner_.OnConfirmed(*this);
@@ -126,7 +127,8 @@ void Subscriptions::Stream::Start() {
   end.data.recv_status_on_client.trailing_metadata = &trailing_metadata_;
   end.data.recv_status_on_client.status = &status_;
   end.data.recv_status_on_client.status_details = text_.Reset();
-  if (!owner_.loop_.StartBatch(call_, &end, 1, ended_.Begin())) return ended_.Abandon();
+  const grpc_call_error error = owner_.loop_.StartBatch(call_, &end, 1, ended_.Begin());
+  if (error != GRPC_CALL_OK) return EndUnstarted(error);
   // The end is asked for first, so that a failure of the operations below is reported by it.
 
   const Buffer message(Serialize(request_));
@@ -143,14 +145,21 @@ void Subscriptions::Stream::Start() {
   ops[2].op = GRPC_OP_SEND_CLOSE_FROM_CLIENT;
   ops[3].op = GRPC_OP_RECV_INITIAL_METADATA;
   ops[3].data.recv_initial_metadata.recv_initial_metadata = &initial_metadata_;
-  if (!owner_.loop_.StartBatch(call_, ops.data(), ops.size(), confirmed_.Begin())) confirmed_.Abandon();
+  if (owner_.loop_.StartBatch(call_, ops.data(), ops.size(), confirmed_.Begin()) != GRPC_CALL_OK) confirmed_.Abandon();
+}
+
+// The end is told on the loop's thread, like any other: it comes with a batch of nothing.
+void Subscriptions::Stream::EndUnstarted(grpc_call_error error) {
+  status_ = GRPC_STATUS_INTERNAL;
+  text_ = Slice(WhyNotStarted(error));
+  if (owner_.loop_.StartBatch(call_, nullptr, 0, ended_.Arm()) != GRPC_CALL_OK) ended_.Abandon();
 }
 
 void Subscriptions::Stream::Read() {
   grpc_op op{};
   op.op = GRPC_OP_RECV_MESSAGE;
   op.data.recv_message.recv_message = message_.Reset();
-  if (!owner_.loop_.StartBatch(call_, &op, 1, received_.Begin())) received_.Abandon();
+  if (owner_.loop_.StartBatch(call_, &op, 1, received_.Begin()) != GRPC_CALL_OK) received_.Abandon();
 }
 
 Subscriptions::Subscriptions(const APIClientOptions& options, Connector& connector, ClientLoop& loop,

@@ -47,7 +47,7 @@ CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Sli
     const UnaryExchange::Batch batch = exchange.Operations(message);
     const grpc_call_error error =
         grpc_call_start_batch(exchange.Call(), batch.data(), batch.size(), &exchange, nullptr);
-    if (error != GRPC_CALL_OK) return {GRPC_STATUS_INTERNAL, grpc_call_error_to_string(error)};
+    if (error != GRPC_CALL_OK) return {GRPC_STATUS_INTERNAL, WhyNotStarted(error)};
   }
   if (grpc_completion_queue_pluck(queue, &exchange, deadline, nullptr).type == GRPC_QUEUE_TIMEOUT) {
     CancelAndWait(exchange, queue, WhyNoReply(deadline, timeout));

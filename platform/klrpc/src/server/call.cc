@@ -21,16 +21,27 @@ grpc_call_error EndStream(grpc_call* call, const CallResult& result, bool metada
   return grpc_call_start_batch(call, ops.data(), metadata_sent ? 1 : 2, tag, nullptr);
 }
 
+std::string CallerOf(grpc_call* call) {
+  const std::unique_ptr<char, void (*)(void*)> peer(grpc_call_get_peer(call), gpr_free);
+  return DescribePeer(peer.get());
+}
+
+void CutOff(grpc_call* call, const std::string& what, grpc_call_error error) {
+  KL_LOG(40, "%s is cut off: %s", what.c_str(), grpc_call_error_to_string(error));
+  grpc_call_cancel_with_status(call, GRPC_STATUS_INTERNAL, WhyNotStarted(error).c_str(), nullptr);
+}
+
 CallResult RefusalOfSize(std::size_t size, grpc_call* call, klbase::CollapsedRecords& records) {
   const std::string text = "has " + std::to_string(size) + " bytes, more than the " + std::to_string(kMaxMessageBytes) +
                            " that can be received";
-  const std::unique_ptr<char, void (*)(void*)> peer(grpc_call_get_peer(call), gpr_free);
-  KL_LOG_COLLAPSED(records, "refused a message of %s: it %s", DescribePeer(peer.get()).c_str(), text.c_str());
+  KL_LOG_COLLAPSED(records, "refused a message of %s: it %s", CallerOf(call).c_str(), text.c_str());
   return Failure(GRPC_STATUS_RESOURCE_EXHAUSTED, "the message " + text);
 }
 
 std::optional<CallResult> RefusalOf(const Buffer& message, grpc_call* call, klbase::CollapsedRecords& records) {
   if (const char* name = message.Compression()) {
+    KL_LOG_COLLAPSED(records, "refused a message of %s: it is compressed (%s), which is not supported",
+                     CallerOf(call).c_str(), name);
     return Failure(GRPC_STATUS_UNIMPLEMENTED, std::string("compression ") + name + " is not supported");
   }
   if (message.Size() > kMaxFrameBytes) return RefusalOfSize(message.Size(), call, records);
@@ -86,7 +97,10 @@ void UnaryMethodCall::Reply(const CallResult& result) {
   ops[2].data.recv_close_on_server.cancelled = &cancelled_;
   ops[3].op = GRPC_OP_SEND_MESSAGE;
   ops[3].data.send_message.send_message = message.Get();
-  grpc_call_start_batch(call_, ops.data(), with_message ? 4 : 3, Arm(), nullptr);
+  const auto error = grpc_call_start_batch(call_, ops.data(), with_message ? 4 : 3, Arm(), nullptr);
+  if (error == GRPC_CALL_OK) return;
+  CutOff(call_, "a call of " + CallerOf(call_), error);
+  delete this;
 }
 
 }  // namespace klrpc

@@ -32,6 +32,13 @@ inline CallResult Failure(grpc_status_code code, std::string text) { return {cod
 // the tag never comes back.
 grpc_call_error EndStream(grpc_call* call, const CallResult& result, bool metadata_sent, void* tag);
 
+// The process at the other end, for records.
+std::string CallerOf(grpc_call* call);
+
+// For a call one of whose batches was not started: tells the caller, and leaves a record. `what` is "a call of user id
+// 0", for example. Operations that are under way end.
+void CutOff(grpc_call* call, const std::string& what, grpc_call_error error);
+
 // Counts the calls that a server waits for or answers, so that its end can wait until there are none.
 class WaitGroup {
  public:

@@ -212,7 +212,7 @@ void DiagnosticCall::OnCall(bool ok) {
   grpc_op op{};
   op.op = GRPC_OP_RECV_CLOSE_ON_SERVER;
   op.data.recv_close_on_server.cancelled = &cancelled_;
-  grpc_call_start_batch(call_, &op, 1, closed_.Begin(), nullptr);
+  if (!StartBatch(&op, 1, closed_)) return;
 
   // A reference of its own: the details keep theirs.
   const Slice path(grpc_slice_ref(details_.method));
@@ -229,7 +229,7 @@ void DiagnosticCall::Read() {
   ops[0].op = GRPC_OP_RECV_MESSAGE;
   ops[0].data.recv_message.recv_message = request_.Reset();
   ops[1].op = GRPC_OP_SEND_INITIAL_METADATA;
-  grpc_call_start_batch(call_, ops.data(), std::exchange(started_, true) ? 1 : 2, read_.Begin(), nullptr);
+  StartBatch(ops.data(), std::exchange(started_, true) ? 1 : 2, read_);
 }
 
 void DiagnosticCall::OnRead(bool ok) {
@@ -242,7 +242,7 @@ void DiagnosticCall::OnRead(bool ok) {
   grpc_op op{};
   op.op = GRPC_OP_SEND_MESSAGE;
   op.data.send_message.send_message = reply.Get();
-  grpc_call_start_batch(call_, &op, 1, written_.Begin(), nullptr);
+  StartBatch(&op, 1, written_);
 }
 
 void DiagnosticCall::OnWritten(bool ok) {
@@ -252,7 +252,18 @@ void DiagnosticCall::OnWritten(bool ok) {
 }
 
 void DiagnosticCall::Finish(grpc_status_code code, const std::string& text) {
-  EndStream(call_, {code, text, {}}, started_, finished_.Begin());
+  CheckStarted(EndStream(call_, {code, text, {}}, started_, finished_.Begin()), finished_);
+}
+
+bool DiagnosticCall::StartBatch(const grpc_op* ops, std::size_t count, Completion<DiagnosticCall>& completion) {
+  return CheckStarted(grpc_call_start_batch(call_, ops, count, completion.Begin(), nullptr), completion);
+}
+
+bool DiagnosticCall::CheckStarted(grpc_call_error error, Completion<DiagnosticCall>& completion) {
+  if (error == GRPC_CALL_OK) return true;
+  completion.Abandon();
+  CutOff(call_, "a call of " + CallerOf(call_), error);
+  return false;
 }
 
 }  // namespace klrpc

@@ -46,6 +46,9 @@ class DiagnosticCall : public std::enable_shared_from_this<DiagnosticCall> {
   void OnWritten(bool ok);
   void OnDone(bool) {}
 
+  // False, with the call cut off, when gRPC refuses.
+  bool StartBatch(const grpc_op* ops, std::size_t count, Completion<DiagnosticCall>& completion);
+  bool CheckStarted(grpc_call_error error, Completion<DiagnosticCall>& completion);
   void Read();
   void Finish(grpc_status_code code, const std::string& text);
 

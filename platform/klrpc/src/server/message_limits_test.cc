@@ -51,14 +51,31 @@ class ForeignClient {
     return Send("/klrpc.v1.Transport/Call", request, reply, compression);
   }
   // A message of `size` bytes.
-  grpc::Status Publish(std::size_t size, const std::string& topic = "topic") {
+  grpc::Status Publish(std::size_t size, const std::string& topic = "topic",
+                       grpc_compression_algorithm compression = GRPC_COMPRESS_NONE) {
     v1::PubsubMessage message;
     message.set_topic(topic);
     message.set_msg_id("id");
     message.set_payload(std::string(size, 'x'));
     if (message.ByteSizeLong() > size) message.set_payload(std::string(size - (message.ByteSizeLong() - size), 'x'));
     v1::PublishReply reply;
-    return Send("/klrpc.v1.Transport/Publish", message, reply, GRPC_COMPRESS_NONE);
+    return Send("/klrpc.v1.Transport/Publish", message, reply, compression);
+  }
+  // Returns when the stream has ended.
+  grpc::Status Subscribe(grpc_compression_algorithm compression) {
+    v1::SubscribeRequest request;
+    request.set_client_id(std::string(1000, 'x'));  // a short one would not be compressed
+    request.add_topics("topic");
+    grpc::ClientContext context;
+    context.set_compression_algorithm(compression);
+    context.set_deadline(std::chrono::system_clock::now() + vextest::kLimit);
+    const grpc::internal::RpcMethod method("/klrpc.v1.Transport/Subscribe", grpc::internal::RpcMethod::SERVER_STREAMING,
+                                           channel_);
+    const std::unique_ptr<grpc::ClientReader<v1::PubsubMessage>> reader(
+        grpc::internal::ClientReaderFactory<v1::PubsubMessage>::Create(channel_.get(), method, &context, request));
+    v1::PubsubMessage message;
+    EXPECT_FALSE(reader->Read(&message));
+    return reader->Finish();
   }
 
  private:
@@ -95,6 +112,13 @@ class MessageLimitsTest : public ::testing::Test {
     EXPECT_EQ(status.error_message(), "the message " + text);
     EXPECT_EQ(hooked_, 0);
     ExpectRecord("call", "RefusalOfSize", "refused a message of " + Self() + ": it " + text);
+  }
+  void ExpectRefusedAsCompressed(const grpc::Status& status, const std::string& name) {
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(status.error_message(), "compression " + name + " is not supported");
+    EXPECT_EQ(hooked_, 0);
+    ExpectRecord("call", "RefusalOf",
+                 "refused a message of " + Self() + ": it is compressed (" + name + "), which is not supported");
   }
   void ExpectRefusedUnread(const grpc::Status& status) {
     EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED) << status.error_message();
@@ -145,11 +169,19 @@ TEST_F(MessageLimitsTest, AStrangerWhoRepeatsHimselfWritesOneRecord) {
 }
 
 TEST_F(MessageLimitsTest, ACompressedRequestIsRefusedByName) {
-  const grpc::Status gzip = client_.Call(1000, GRPC_COMPRESS_GZIP);
-  EXPECT_EQ(gzip.error_code(), grpc::StatusCode::UNIMPLEMENTED);
-  EXPECT_EQ(gzip.error_message(), "compression gzip is not supported");
+  ExpectRefusedAsCompressed(client_.Call(1000, GRPC_COMPRESS_GZIP), "gzip");
   EXPECT_EQ(client_.Call(1000, GRPC_COMPRESS_DEFLATE).error_message(), "compression deflate is not supported");
-  EXPECT_EQ(hooked_, 0);
+}
+
+TEST_F(MessageLimitsTest, ACompressedPublicationIsRefusedByName) {
+  ExpectRefusedAsCompressed(client_.Publish(1000, "topic", GRPC_COMPRESS_GZIP), "gzip");
+}
+
+TEST_F(MessageLimitsTest, ACompressedSubscriptionIsRefusedByName) {
+  ExpectRefusedAsCompressed(client_.Subscribe(GRPC_COMPRESS_DEFLATE), "deflate");
+  v1::PubsubMessage message;
+  message.set_topic("topic");
+  EXPECT_EQ(server_->Publish(message), 0u);
 }
 
 class Subscriber : public sigslot::has_slots<sigslot::multi_threaded_global> {

@@ -154,7 +154,10 @@ void SubscriberStream::OnCall(bool ok) {
   Start(method_);
   // The call's end, however it comes, is told through this. Without it nobody would take the stream out of the hub.
   if (!WaitForClose()) return;
-  if (!ReadRequest()) {
+  const std::optional<CallResult> refusal = RefusalOf(bytes_, call_, method_.context.refused_messages);
+  if (refusal) {
+    Finish(refusal->code, refusal->text);
+  } else if (!ReadRequest()) {
     Finish(GRPC_STATUS_INVALID_ARGUMENT, "a subscription needs a client id and topics");
   } else if (!method_.hub.Join(shared_from_this())) {
     Finish(GRPC_STATUS_UNAVAILABLE, "the server is stopping, or a later subscription took this one's place");
@@ -188,9 +191,14 @@ bool SubscriberStream::StartBatch(const grpc_op& op, Completion<SubscriberStream
   const grpc_call_error error = grpc_call_start_batch(call_, &op, 1, completion.Begin(), nullptr);
   if (error == GRPC_CALL_OK) return true;
   completion.Abandon();
-  KL_LOG(40, "subscription of %s is cut off: %s", request_.client_id().c_str(), grpc_call_error_to_string(error));
-  grpc_call_cancel(call_, nullptr);
+  CutOff(call_, Name(), error);
   return false;
+}
+
+// For the time before the client's id is known too.
+std::string SubscriberStream::Name() const {
+  return request_.client_id().empty() ? "a subscription of " + CallerOf(call_)
+                                      : "subscription of " + request_.client_id();
 }
 
 bool SubscriberStream::WaitForClose() {
@@ -331,7 +339,7 @@ void SubscriberStream::Finish(grpc_status_code code, const std::string& text) {
   const grpc_call_error error = EndStream(call_, {code, text, {}}, confirmed_, ended_.Begin());
   if (error == GRPC_CALL_OK) return;
   ended_.Abandon();
-  grpc_call_cancel(call_, nullptr);
+  CutOff(call_, Name(), error);
 }
 
 void SubscriberStream::OnClosed(bool) {

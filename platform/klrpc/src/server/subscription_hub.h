@@ -128,6 +128,7 @@ class SubscriberStream : public std::enable_shared_from_this<SubscriberStream> {
   void OnClosed(bool ok);
   void OnEnded(bool) {}
 
+  std::string Name() const;
   bool ReadRequest();
   void ReadOwner();
   void Confirm();

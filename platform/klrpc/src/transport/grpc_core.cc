@@ -124,6 +124,10 @@ const char* StatusName(grpc_status_code code) {
   return index < kNames.size() ? kNames[index] : "UNKNOWN";
 }
 
+std::string WhyNotStarted(grpc_call_error error) {
+  return std::string("gRPC refused an operation: ") + grpc_call_error_to_string(error);
+}
+
 gpr_timespec DeadlineIn(std::chrono::milliseconds time) {
   return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_millis(time.count(), GPR_TIMESPAN));
 }

@@ -60,6 +60,9 @@ void OnQuotaUsedUp(void (*report)(std::string_view connection));
 // "UNAVAILABLE" for 14.
 const char* StatusName(grpc_status_code code);
 
+// "gRPC refused an operation: GRPC_CALL_ERROR_NOT_INVOKED": for a batch that was not started.
+std::string WhyNotStarted(grpc_call_error error);
+
 // Points in time for the core: `time` from now; one that has passed, for a look without a wait; one that never comes.
 gpr_timespec DeadlineIn(std::chrono::milliseconds time);
 gpr_timespec Past();
