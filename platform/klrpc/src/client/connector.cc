@@ -105,7 +105,7 @@ CallOutcome WhyNotConnected(int error) {
   if (error == EMFILE || error == ENFILE) {
     return {GRPC_STATUS_RESOURCE_EXHAUSTED, "no file descriptor is left to connect with"};
   }
-  if (error == EAGAIN) return {GRPC_STATUS_UNAVAILABLE, "the server has more connections waiting than it takes"};
+  if (error == EAGAIN) return {GRPC_STATUS_UNAVAILABLE, kNoRoomText};
   return {GRPC_STATUS_UNAVAILABLE, "can't connect: " + ErrorText(error)};
 }
 

@@ -27,6 +27,9 @@ struct CallOutcome {
   std::string text;
 };
 
+// The outcome of a connect to a local server that does not accept the connections that wait for it.
+constexpr char kNoRoomText[] = "the server has more connections waiting than it takes";
+
 // A gRPC channel. To a local server it is one connection, which stands or has failed from the beginning; to another one
 // gRPC connects when a call needs it. Movable; used by one thread at a time, the channel by any.
 class Connection {

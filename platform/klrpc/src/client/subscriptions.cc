@@ -75,8 +75,10 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   const ChannelPtr& Channel() const { return connection_.Channel(); }
   // Whether its connection was made, as far as that is known at once.
   bool Reached() const { return connection_.Outcome().code == GRPC_STATUS_OK; }
-  grpc_status_code Code() const { return status_; }
-  std::string Text() const { return std::string(text_.View()); }
+  bool FoundNoRoom() const { return connection_.Outcome().text == kNoRoomText; }
+  // How it ended. gRPC doesn't hand on why a connection was not made.
+  grpc_status_code Code() const { return Reached() ? status_ : connection_.Outcome().code; }
+  std::string Text() const { return Reached() ? std::string(text_.View()) : connection_.Outcome().text; }
   // Confirmed by a server that lets a wider stream take an earlier one's place.
   bool Accepted() const { return ValueOf(initial_metadata_, kStreamKey).has_value(); }
   std::string Positions() const { return ValueOf(initial_metadata_, kPositionsKey).value_or(""); }
@@ -298,6 +300,7 @@ void Subscriptions::ReadPaused() {
 void Subscriptions::OnEnded(const StreamPtr& stream) {
   StreamPtr next;
   bool was_last = false;
+  bool news = false;
   int failures = 0;
   {
     const absl::MutexLock lock(&mutex_);
@@ -310,19 +313,12 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
     was_last = stream == streams.back();
     streams.erase(found);
     if (was_first && !streams.empty() && streams.front()->confirmed) next = streams.front();
-    if (was_last && stream->confirmed) {
-      // Topics that were added meanwhile stay: their Subscribe() is about to open a stream for them.
-      std::erase_if(subscription.topics,
-                    [&stream](const std::string& topic) { return Contains(stream->Topics(), topic); });
-      const auto lived = std::chrono::steady_clock::now() - stream->confirmed_at;
-      if (lived > std::chrono::milliseconds(options_.MaxBackoffMs()) || LostItsServer(*stream)) {
-        subscription.failures = 0;
-      }
-    }
+    if (was_last && stream->confirmed) DropTopicsLocked(*stream);
     if (was_last && stream->Reached()) failures = subscription.failures++;
+    news = FailureIsNewsLocked(*stream, failures);
   }
   if (next != nullptr) next->Read();
-  if (was_last) OnLastEnded(stream, failures);
+  if (was_last) OnLastEnded(stream, failures, news);
 }
 
 // A daemon that ended or was killed, rather than one that refuses: asking the next one at once is no burden to anybody.
@@ -332,7 +328,7 @@ bool Subscriptions::LostItsServer(const Stream& stream) const {
 
 // For a stream without a successor. An established one is announced with state 2, after the back-off, and comes back
 // when the subscriber asks for it again; one that found no server or was refused is opened again here.
-void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
+void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures, bool news) {
   const std::string& client_id = stream->ClientId();
   if (stream->Code() == GRPC_STATUS_RESOURCE_EXHAUSTED && stream->Text() == kQuotaText) {
     KL_LOG(40, "%s: refused an event of %s: %s", options_.Address().c_str(), client_id.c_str(), TooMuch("it").c_str());
@@ -343,12 +339,28 @@ void Subscriptions::OnLastEnded(const StreamPtr& stream, int failures) {
     loop_.RunAfter(BackOff(failures), [this, stream] { events_.AddState(StateMessage(*stream, kEnded)); });
     return;
   }
-  if (!stream->Reached()) return loop_.RunAfter(Connector::kLocalRetry, [this, client_id] { Open(client_id); });
-  if (failures == 0) {
+  if (news) {
     KL_LOG(40, "subscription of %s at %s failed, trying again: %s: %s", client_id.c_str(), options_.Address().c_str(),
            StatusName(stream->Code()), stream->Text().c_str());
   }
-  loop_.RunAfter(BackOff(failures), [this, client_id] { Open(client_id); });
+  loop_.RunAfter(stream->Reached() ? BackOff(failures) : Connector::kLocalRetry,
+                 [this, client_id] { Open(client_id); });
+}
+
+void Subscriptions::DropTopicsLocked(const Stream& stream) {
+  Subscription& subscription = by_client_[stream.ClientId()];
+  // Topics that were added meanwhile stay: their Subscribe() is about to open a stream for them.
+  std::erase_if(subscription.topics, [&stream](const std::string& topic) { return Contains(stream.Topics(), topic); });
+  const auto lived = std::chrono::steady_clock::now() - stream.confirmed_at;
+  if (lived > std::chrono::milliseconds(options_.MaxBackoffMs()) || LostItsServer(stream)) subscription.failures = 0;
+}
+
+// A daemon that is not there is waited for in silence. One that takes no connection hangs: that is said once.
+bool Subscriptions::FailureIsNewsLocked(const Stream& stream, int failures) {
+  bool& told = by_client_[stream.ClientId()].no_room;
+  if (!stream.Reached()) return stream.FoundNoRoom() && !std::exchange(told, true);
+  told = false;
+  return failures == 0;
 }
 
 klrpc::v1::SubscribeState Subscriptions::StateMessage(const Stream& stream, int state) {

@@ -55,6 +55,7 @@ class Subscriptions {
     std::vector<std::string> topics;
     std::deque<StreamPtr> streams;  // the first is read, the last is over all topics
     int failures = 0;               // in a row
+    bool no_room = false;           // the server takes no connections, which has been said
     Positions positions;            // stays when the topics are gone
   };
 
@@ -70,7 +71,11 @@ class Subscriptions {
   // Once a second while it waits to be confirmed.
   void LookAfter(Stream& stream);
   void OnEnded(const StreamPtr& stream);
-  void OnLastEnded(const StreamPtr& stream, int failures);
+  void OnLastEnded(const StreamPtr& stream, int failures, bool news);
+  // Of an established stream that ended.
+  void DropTopicsLocked(const Stream& stream) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  // Whether a stream that was not established leaves a record.
+  bool FailureIsNewsLocked(const Stream& stream, int failures) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   static klrpc::v1::SubscribeState StateMessage(const Stream& stream, int state);
   std::chrono::milliseconds BackOff(int failures) const;
   bool LostItsServer(const Stream& stream) const;

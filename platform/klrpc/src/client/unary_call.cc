@@ -145,7 +145,11 @@ CallOutcome UnaryCaller::Exchange(Line& line, const Slice& request, google::prot
   if (idled || !line.connection.Usable(line.queue)) {
     line.connection = connector_.Connect(Connector::Use::kCalls, deadline);
     const CallOutcome& made = line.connection.Outcome();
-    if (made.code != GRPC_STATUS_OK) return Clock::now() < deadline ? made : NoReply(timeout);
+    if (made.code != GRPC_STATUS_OK) {
+      return Clock::now() < deadline
+                 ? made
+                 : CallOutcome{GRPC_STATUS_DEADLINE_EXCEEDED, NoReply(timeout).text + ": " + made.text};
+    }
   }
   CallOutcome outcome;
   {
