@@ -61,14 +61,6 @@ GstFlowReturn OnFirstPicture(GstAppSink* sink, gpointer layer) {
 
 GstFlowReturn OnPicture(GstAppSink* sink, gpointer layer) { return PushPicture(gst_app_sink_pull_sample(sink), layer); }
 
-GstFlowReturn OnSound(GstAppSink* sink, gpointer track) {
-  const device::SamplePtr sample(gst_app_sink_pull_sample(sink));
-  if (sample == nullptr) return GST_FLOW_EOS;
-  const device::HandedOver track_of_other_thread(track);
-  static_cast<Track*>(track)->Push(gst_sample_get_buffer(sample.get()), DueTime(GST_ELEMENT(sink), sample.get()));
-  return GST_FLOW_OK;
-}
-
 // Called on a streaming thread, which runs already: the new elements catch up with the pipeline's state by themselves.
 void AttachBranch(GstElement* pipeline, GstElement* branch, GstPad* pad) {
   gst_bin_add(GST_BIN(pipeline), branch);
@@ -83,6 +75,16 @@ void Branches::Connect(GstElement* decoder) {
   g_signal_connect(decoder, "pad-added", G_CALLBACK(OnPad), this);
   g_signal_connect(decoder, "autoplug-continue", G_CALLBACK(OnType), this);
   device::HandOver(this);
+}
+
+GstFlowReturn Branches::OnSound(GstAppSink* sink, gpointer data) {
+  const device::SamplePtr sample(gst_app_sink_pull_sample(sink));
+  if (sample == nullptr) return GST_FLOW_EOS;
+  const device::HandedOver branches_of_other_thread(data);
+  auto& branches = *static_cast<Branches*>(data);
+  if (branches.muted_) return GST_FLOW_OK;
+  branches.track_->Push(gst_sample_get_buffer(sample.get()), DueTime(GST_ELEMENT(sink), sample.get()));
+  return GST_FLOW_OK;
 }
 
 // Called on a streaming thread for each stream that is decoded; the pad has caps by then.
@@ -139,8 +141,8 @@ void Branches::LinkAudio(GstElement* pipeline, GstPad* pad) {
   g_object_set(sink.get(), "max-buffers", 1u, "enable-last-sample", FALSE, nullptr);
   GstAppSinkCallbacks callbacks = {};
   callbacks.new_sample = OnSound;  // no preroll: a paused medium is silent
-  device::HandOver(track_.get());
-  gst_app_sink_set_callbacks(GST_APP_SINK(sink.get()), &callbacks, track_.get(), nullptr);
+  device::HandOver(this);
+  gst_app_sink_set_callbacks(GST_APP_SINK(sink.get()), &callbacks, this, nullptr);
   AttachBranch(pipeline, branch, pad);
 }
 

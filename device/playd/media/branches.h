@@ -5,6 +5,7 @@
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 
+#include <atomic>
 #include <memory>
 #include <utility>
 
@@ -36,6 +37,8 @@ class Branches {
   bool IsPicture() const;
 
   void Show() { layer_->Show(); }
+  // Whether the sound is dropped instead of mixed.
+  void Mute(bool mute) { muted_ = mute; }
   // After the pipeline is gone.
   std::unique_ptr<Layer> ReleaseLayer() { return std::move(layer_); }
 
@@ -43,11 +46,14 @@ class Branches {
   static void OnPad(GstElement* decoder, GstPad* pad, gpointer branches);
   static gboolean OnType(GstElement* decoder, GstPad* pad, GstCaps* caps, gpointer branches);
 
+  static GstFlowReturn OnSound(GstAppSink* sink, gpointer branches);
+
   void LinkVideo(GstElement* pipeline, GstPad* pad);
   void LinkAudio(GstElement* pipeline, GstPad* pad);
 
   Mixer& mixer_;
   std::unique_ptr<Layer> layer_;
+  std::atomic<bool> muted_{false};
   std::unique_ptr<Track> track_;  // made once, by the thread that found the sound
   mutable absl::Mutex mutex_;
   device::PadPtr video_pad_ ABSL_GUARDED_BY(mutex_);

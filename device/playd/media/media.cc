@@ -3,6 +3,7 @@
 #include <gst/video/video.h>
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <stdexcept>
 #include <utility>
@@ -109,15 +110,28 @@ Outcome Media::Seek(std::uint64_t position_ms, double rate, Deadline deadline) {
                                                          " ms is behind the end at " +
                                                          std::to_string(info_.duration_ms) + " ms");
   }
-  // Flushed, so that the old position's pictures don't come out first; accurate to the picture, not to the keyframe.
-  constexpr auto kFlags = static_cast<GstSeekFlags>(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
-  if (!gst_element_seek(pipeline_->get(), rate, GST_FORMAT_TIME, kFlags, GST_SEEK_TYPE_SET,
-                        static_cast<gint64>(position_ms * GST_MSECOND), GST_SEEK_TYPE_NONE, -1)) {
+  if (!SendSeek(position_ms, rate)) {
     return Outcome::Error(ErrorCode::kMediaFailed, info_.url + " could not be positioned");
   }
+  rate_ = rate;
+  sought_ms_ = position_ms;
   // An end that was reached before the flush is not this position's end.
   mailbox_->TakeEnded();
   return WaitSettled(deadline, "positioning");
+}
+
+// Backward play runs from its stop to its start.
+bool Media::SendSeek(std::uint64_t position_ms, double rate) {
+  // Flushed, so that the old position's pictures don't come out first; accurate to the picture, not to the keyframe.
+  int flags = GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE;
+  const bool only_key_pictures = std::abs(rate) > kDenseSpeed && branches_->HasVideo();
+  if (only_key_pictures) {
+    flags |= GST_SEEK_FLAG_TRICKMODE | GST_SEEK_FLAG_TRICKMODE_KEY_UNITS | GST_SEEK_FLAG_TRICKMODE_NO_AUDIO;
+  }
+  branches_->Mute(only_key_pictures);
+  const auto position = static_cast<gint64>(position_ms * GST_MSECOND);
+  return gst_element_seek(pipeline_->get(), rate, GST_FORMAT_TIME, static_cast<GstSeekFlags>(flags), GST_SEEK_TYPE_SET,
+                          rate > 0 ? position : 0, GST_SEEK_TYPE_SET, rate > 0 ? -1 : position) != FALSE;
 }
 
 // Without sound there is no element of that name.
@@ -136,7 +150,20 @@ Media::Event Media::TakeEvent(std::string& text) {
   return mailbox_->TakeEnded() && !IsPicture() ? Event::kEnded : Event::kNone;
 }
 
+// The sinks' own answer is wrong for sound that scaletempo has turned round. Running time is 0 at each flushing seek.
+std::uint32_t Media::BackwardPositionMs() const {
+  GstElement* const pipeline = pipeline_->get();
+  GstClockTime running = gst_element_get_start_time(pipeline);  // when it last stopped
+  if (GST_STATE(pipeline) == GST_STATE_PLAYING) {
+    const device::ElementPtr clock(GST_ELEMENT_CAST(gst_system_clock_obtain()));
+    running = gst_clock_get_time(GST_CLOCK_CAST(clock.get())) - gst_element_get_base_time(pipeline);
+  }
+  const double gone_ms = static_cast<double>(running / GST_MSECOND) * -rate_;
+  return static_cast<std::uint32_t>(std::max(0.0, static_cast<double>(sought_ms_) - gone_ms));
+}
+
 Position Media::GetPosition() const {
+  if (rate_ < 0) return {BackwardPositionMs(), info_.duration_ms};
   gint64 position = 0;
   if (IsPicture() || !gst_element_query_position(pipeline_->get(), GST_FORMAT_TIME, &position)) position = 0;
   return {std::min(ToMs(position), info_.duration_ms), info_.duration_ms};

@@ -59,8 +59,12 @@ class Media {
   Outcome Pause(Deadline deadline);
 
   // Goes to a position (accurate to the picture) at a rate, and returns when the picture there was decoded. Refuses
-  // positions behind the end and media without positions. Play goes on or stays paused, as before.
+  // positions behind the end and media without positions. Play goes on or stays paused, as before; at a negative rate
+  // it goes back from there and ends at the medium's beginning. Above kDenseSpeed, either way, only key pictures are
+  // shown, and there is no sound.
   Outcome Seek(std::uint64_t position_ms, double rate, Deadline deadline);
+
+  static constexpr double kDenseSpeed = 8;
 
   // 0 is silence, 1 the medium's own loudness. After Preroll(); without sound it does nothing.
   void SetVolume(double factor);
@@ -81,11 +85,15 @@ class Media {
   std::unique_ptr<Layer> ReleaseLayer();
 
  private:
+  bool SendSeek(std::uint64_t position_ms, double rate);
+  std::uint32_t BackwardPositionMs() const;
   Outcome WaitSettled(Deadline deadline, const char* what);
   Outcome ChangeState(GstState state, Deadline deadline, const char* what);
   void ReadInfo();
 
   MediaInfo info_;
+  double rate_ = 1;              // of the last seek
+  std::uint64_t sought_ms_ = 0;  // where it went
   const std::atomic<bool>& stop_;
   const std::shared_ptr<Mailbox> mailbox_;
   const std::unique_ptr<Branches> branches_;

@@ -3,6 +3,7 @@
 #include <absl/strings/escaping.h>
 #include <absl/strings/str_format.h>
 
+#include <cmath>
 #include <exception>
 #include <utility>
 
@@ -133,11 +134,12 @@ Outcome Player::Seek(std::uint32_t position_ms) {
 }
 
 Outcome Player::SetSpeed(float speed) {
-  // Compared as it is written, so that the float nearest to 0.1 passes. Not-a-number fails both comparisons.
-  if (!(speed >= static_cast<float>(kMinSpeed) && speed <= static_cast<float>(kMaxSpeed))) {
-    return Outcome::Error(
-        ErrorCode::kBadSpeed,
-        absl::StrFormat("speed is %g; it must be %g to %g, backward play is unsupported", speed, kMinSpeed, kMaxSpeed));
+  // Compared as it is written, so that the float nearest to 0.03 passes. Not-a-number fails both comparisons.
+  const float size = std::abs(speed);
+  if (!(size >= static_cast<float>(kMinSpeed) && size <= static_cast<float>(kMaxSpeed))) {
+    return Outcome::Error(ErrorCode::kBadSpeed,
+                          absl::StrFormat("speed is %g; it must be %g to %g, or %g to %g backward", speed, kMinSpeed,
+                                          kMaxSpeed, -kMinSpeed, -kMaxSpeed));
   }
   return Run([this, speed](Media::Deadline deadline) { return DoSetSpeed(speed, deadline); });
 }
@@ -222,12 +224,16 @@ Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, s
   if (auto outcome = media->Preroll(deadline); !outcome.ok()) return outcome;
   if (auto outcome = CheckKind(request, media->Kind()); !outcome.ok()) return outcome;
   media->SetVolume(volume_);
-  const bool moved = request.start_ms != 0 || speed_ != 1.0;
+  const std::uint64_t start_ms = request.start_ms != 0 ? request.start_ms : BeginningOf(*media);
+  const bool moved = start_ms != 0 || speed_ != 1.0;
   if (media->IsPicture() || !moved) return Outcome::Ok();
   // A medium without positions plays from where it is at its own speed, if nothing else was asked for.
   if (!media->IsSeekable() && request.start_ms == 0) return Outcome::Ok();
-  return media->Seek(request.start_ms, speed_, deadline);
+  return media->Seek(start_ms, speed_, deadline);
 }
+
+// Of play, at the player's speed: backward play begins at the end of the medium.
+std::uint64_t Player::BeginningOf(const Media& media) const { return speed_ < 0 ? media.Info().duration_ms : 0; }
 
 Outcome Player::Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline deadline) {
   if (play) {
@@ -271,7 +277,7 @@ Outcome Player::Restart(Media::Deadline deadline) {
   if (!media_->IsSeekable()) {
     return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; open it again to play it again");
   }
-  if (auto outcome = media_->Seek(0, speed_, deadline); !outcome.ok()) return outcome;
+  if (auto outcome = media_->Seek(BeginningOf(*media_), speed_, deadline); !outcome.ok()) return outcome;
   state_ = State::kPlaying;
   Report(PlayState::kStarted);
   return Outcome::Ok();

@@ -51,8 +51,8 @@ struct PlayerLimits {
 // returns within the reply limit: a medium that hangs delays its own player only.
 class Player {
  public:
-  static constexpr double kMinSpeed = 0.1;
-  static constexpr double kMaxSpeed = 16.0;
+  static constexpr double kMinSpeed = 0.03;
+  static constexpr double kMaxSpeed = 32.0;
   static constexpr std::uint32_t kMaxVolume = 100;
 
   // Canvas, mixer and listener must outlive the player.
@@ -77,7 +77,8 @@ class Player {
   Outcome SetPause(bool pause);
   Outcome Seek(std::uint32_t position_ms);
 
-  // 0.1 to 16 times normal speed, forward. Stays until set anew, also for media opened later; needs no open medium.
+  // 0.03 to 32 times normal speed, backward when negative: play then begins at the end of a medium and ends at its
+  // beginning. Stays until set anew, also for media opened later; needs no open medium.
   Outcome SetSpeed(float speed);
 
   // 0 to 100 percent of the medium's loudness. Stays until set anew; needs no open medium.
@@ -112,6 +113,7 @@ class Player {
   Outcome DoResume(Media::Deadline deadline);
   Outcome DoSeek(std::uint32_t position_ms, Media::Deadline deadline);
   Outcome DoSetSpeed(double speed, Media::Deadline deadline);
+  std::uint64_t BeginningOf(const Media& media) const;
   Outcome Restart(Media::Deadline deadline);
   void CloseMedia();
   std::string DescribeNow() const;

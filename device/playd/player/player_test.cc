@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "platform/testing/scratch_folder.h"
 #include "player/v1/player.pb.h"
+#include "testing/brightness.h"
 #include "testing/http_file.h"
 #include "testing/player.h"
 #include "testing/rtmp_server.h"
@@ -227,12 +229,88 @@ TEST_F(PlayerTest, PlaysFasterAndSlower) {
 
 TEST_F(PlayerTest, RefusesSpeedsThatAreNone) {
   OpenPaused(Clip());
-  for (const float speed : {0.0f, -1.0f, 100.0f, 0.01f, std::stof("nan"), std::stof("inf")}) {
+  for (const float speed : {0.0f, -33.0f, 100.0f, 0.02f, -0.02f, std::stof("nan"), std::stof("inf")}) {
     EXPECT_EQ(player_.SetSpeed(speed).code, ErrorCode::kBadSpeed) << speed;
   }
-  EXPECT_EQ(player_.SetSpeed(0.0f).text, "speed is 0; it must be 0.1 to 16, backward play is unsupported");
-  EXPECT_TRUE(player_.SetSpeed(0.1f).ok());
-  EXPECT_TRUE(player_.SetSpeed(16.0f).ok());
+  EXPECT_EQ(player_.SetSpeed(0.0f).text, "speed is 0; it must be 0.03 to 32, or -0.03 to -32 backward");
+  for (const float speed : {0.03f, 0.1f, 16.0f, 32.0f, -0.03f, -1.0f, -32.0f}) {
+    EXPECT_TRUE(player_.SetSpeed(speed).ok()) << speed;
+  }
+}
+
+TEST_F(PlayerTest, ShowsThePicturesInDescendingOrderWhenItPlaysBackward) {
+  const std::string ramp = folder_ / "ramp.mp4";
+  MakeBrighteningClip(ramp, 3);
+  OpenPaused(ramp);
+  ASSERT_TRUE(player_.Seek(2500).ok());
+  ASSERT_TRUE(player_.SetSpeed(-1.0f).ok());
+  ASSERT_TRUE(ShowsWithin(canvas_, 160, 120, BrightnessAt(2500)));
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  const std::vector<int> seen = DistinctBrightness(canvas_, [this] { return PositionMs() > 0; });
+  EXPECT_GT(seen.size(), 20u);
+  EXPECT_TRUE(std::is_sorted(seen.rbegin(), seen.rend()));
+  EXPECT_EQ(events_.WaitFor(3).back(), "0 ended " + ramp);
+  EXPECT_EQ(PositionMs(), 0u);
+}
+
+TEST_F(PlayerTest, PlaysBackwardFromTheEndOfWhatIsOpenedOrResumedThere) {
+  ASSERT_TRUE(player_.SetSpeed(-4.0f).ok());
+  const std::string clip = Clip("short.mp4", SmallClip(2));
+  ASSERT_TRUE(player_.Open(Request(clip, false)).ok());
+  EXPECT_EQ(PositionMs(), 2000u);
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  ASSERT_EQ(events_.WaitFor(2), (Events{"0 started " + clip, "0 ended " + clip}));
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  EXPECT_EQ(events_.WaitFor(4),
+            (Events{"0 started " + clip, "0 ended " + clip, "0 started " + clip, "0 ended " + clip}));
+}
+
+TEST_F(PlayerTest, TurnsRoundWhereItIs) {
+  ASSERT_TRUE(player_.Open(Request(Clip())).ok());
+  ASSERT_TRUE(Reaches(1000));
+  ASSERT_TRUE(player_.SetSpeed(-1.0f).ok());
+  const std::uint32_t turned = PositionMs();
+  EXPECT_GT(turned, 700u);
+  EXPECT_TRUE(vextest::WaitFor([&] { return PositionMs() + 300 < turned; }));
+  ASSERT_TRUE(player_.SetSpeed(1.0f).ok());
+  EXPECT_TRUE(Reaches(turned + 500)) << "beyond the place where it went back";
+}
+
+TEST_F(PlayerTest, KnowsItsPositionInSoundThatIsPlayedBackward) {
+  SampleClip tone = SmallClip(8);
+  tone.video = false;
+  OpenPaused(Clip("tone.m4a", tone));
+  ASSERT_TRUE(player_.Seek(6000).ok());
+  ASSERT_TRUE(player_.SetSpeed(-4.0f).ok());
+  EXPECT_NEAR(PositionMs(), 6000, 1);
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  EXPECT_TRUE(vextest::WaitFor([&] { return PositionMs() < 4000; }));
+  EXPECT_GT(PositionMs(), 0u);
+  EXPECT_EQ(events_.WaitFor(3).back(), "0 ended " + (folder_ / "tone.m4a"));
+}
+
+TEST_F(PlayerTest, PlaysThirtyTwoTimesAsFastBothWays) {
+  const std::string clip = Clip("long.mp4", SmallClip(32));
+  ASSERT_TRUE(player_.SetSpeed(32.0f).ok());
+  auto begin = steady_clock::now();
+  ASSERT_TRUE(player_.Open(Request(clip)).ok());
+  ASSERT_EQ(events_.WaitFor(2).back(), "0 ended " + clip);
+  EXPECT_LT(steady_clock::now() - begin, milliseconds(4000));
+  EXPECT_GE(steady_clock::now() - begin, milliseconds(900));
+  ASSERT_TRUE(player_.SetSpeed(-32.0f).ok());
+  begin = steady_clock::now();
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  ASSERT_EQ(events_.WaitFor(4).back(), "0 ended " + clip);
+  EXPECT_LT(steady_clock::now() - begin, milliseconds(4000));
+  EXPECT_GE(steady_clock::now() - begin, milliseconds(900));
+}
+
+TEST_F(PlayerTest, PlaysAtThreeHundredthsOfItsSpeed) {
+  ASSERT_TRUE(player_.SetSpeed(0.03f).ok());
+  ASSERT_TRUE(player_.Open(Request(Clip())).ok());
+  const auto begin = steady_clock::now();
+  ASSERT_TRUE(Reaches(30));
+  EXPECT_GE(steady_clock::now() - begin, milliseconds(600));
 }
 
 TEST_F(PlayerTest, ChangesTheLoudnessOfWhatIsMixed) {
