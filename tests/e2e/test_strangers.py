@@ -4,6 +4,7 @@ import collections
 import crypt
 import os
 import re
+import resource
 import socket
 import subprocess
 import threading
@@ -153,6 +154,35 @@ for _ in range(3000):
 """)(port)
     assert connect(port).run("core show version", VERSION_END)
     assert tool.log().count("\n") - begin < 60
+
+
+def lowest_free_descriptor(tool):
+    taken = {int(name) for name in os.listdir(f"/proc/{tool.process.pid}/fd")}
+    return next(number for number in range(len(taken) + 1) if number not in taken)
+
+
+def processor_seconds(tool):
+    with open(f"/proc/{tool.process.pid}/stat", encoding="ascii") as stat:
+        user, system = stat.read().rpartition(")")[2].split()[11:13]
+    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+
+def test_without_descriptors_connections_wait_at_no_cost_and_are_served_when_there_are_some(tool, connect):
+    port = tool.port()
+    assert connect(port).run("core show version", VERSION_END)
+    before = resource.prlimit(tool.process.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(tool.process.pid, resource.RLIMIT_NOFILE, (lowest_free_descriptor(tool), before[1]))
+    with connect_from(port) as waiting:
+        wait_until(lambda: "console cannot accept connections: Too many open files" in tool.log(), "the tool says so")
+        used, begin = processor_seconds(tool), time.monotonic()
+        wait_until(lambda: time.monotonic() > begin + 2, "two seconds pass")
+        assert processor_seconds(tool) - used < 0.2
+        assert "console accepts connections again" not in tool.log()
+        resource.prlimit(tool.process.pid, resource.RLIMIT_NOFILE, before)
+        waiting.sendall(b"core show version\n")
+        receive_until(waiting, VERSION_END.strip().encode())
+    assert tool.log().count("console cannot accept connections") == 1
+    assert tool.log().count("console accepts connections again") == 1
 
 
 def test_an_allow_list_that_is_none_is_refused_at_the_start(start_tool):
