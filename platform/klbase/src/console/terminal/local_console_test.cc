@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iomanip>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -53,6 +54,16 @@ constexpr std::string_view kOddShown = "\\x1b]0;t\\x07\\xc2\\x9b2J\\x9b2J\\x7f\\
 
 int g_port = 0;  // of the console in a child process
 
+// The descriptors that a program has which this process starts now.
+std::string FilesOfAProgram() {
+  std::string list;
+  FILE* const program = ::popen("echo $(ls /proc/self/fd)", "r");
+  char line[4096];
+  if (program != nullptr && std::fgets(line, sizeof line, program) != nullptr) list = line;
+  if (program != nullptr) ::pclose(program);
+  return list;
+}
+
 std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
   auto root = std::make_unique<Menu>("main");
   auto core = std::make_unique<Menu>("core");
@@ -73,6 +84,8 @@ std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
         EXPECT_EQ(::write(fd, (text + "\n").data(), text.size() + 1), std::ssize(text) + 1);
       },
       ""));
+  core->Insert(MakeCommand(
+      "program", [](std::ostream& out) { out << "in between: " << FilesOfAProgram() << "end\n"; }, ""));
   core->Insert(MakeCommand(
       "odd", [](std::ostream& out) { out << kOdd; }, ""));
   core->Insert(MakeCommand(
@@ -145,6 +158,23 @@ class PlainTest : public ::testing::Test {
         ""));
   }
 
+  // All that comes up to and including `end`.
+  static std::string ReadUntil(int fd, const std::string& end) {
+    std::string received;
+    char buffer[65536];
+    pollfd readable{fd, POLLIN, 0};
+    while (!received.ends_with(end)) {
+      const bool ready = ::poll(&readable, 1, static_cast<int>(vextest::kLimit.count())) == 1;
+      const ssize_t count = ready ? ::read(fd, buffer, sizeof buffer) : 0;
+      if (count <= 0) {
+        ADD_FAILURE() << end << " did not come";
+        break;
+      }
+      received.append(buffer, static_cast<std::size_t>(count));
+    }
+    return received;
+  }
+
   ScratchFolder folder_;
   int output_fd_ = -1;
   std::thread printer_;
@@ -208,6 +238,39 @@ TEST_F(PlainTest, AReaderThatTakesNothingDoesNotKeepTheConsoleFromEnding) {
   runner.join();
   EXPECT_LT(std::chrono::steady_clock::now() - begin, options.stop);
   for (const int fd : {fds[0], fds[1], options.input_fd}) ::close(fd);
+}
+
+TEST_F(PlainTest, AThreadThatPrintsMoreThanTheReaderTakesWaitsForRoom) {
+  int fds[2];
+  int in[2];
+  ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0);
+  ASSERT_EQ(::pipe2(in, O_CLOEXEC), 0);
+  ConsoleOptions options;
+  options.local_console = true;
+  options.input_fd = in[0];
+  options.output_fd = fds[1];
+  const auto console = MakeConsole(TestRoot(), options);
+  std::thread runner([&] { console->Run(); });
+  ASSERT_EQ(::write(in[1], "core show x\n", 12), 12);
+  std::string received = ReadUntil(fds[0], "two\n");  // the console serves
+
+  constexpr int kLines = 4000;  // of a KiB each
+  vextest::Watched<int> printed;
+  std::thread printer([&] {
+    for (int i = 0; i < kLines; ++i) {
+      std::cout << std::setw(1023) << i << std::endl;
+      printed.Update([](int& lines) { ++lines; });
+    }
+  });
+  // What the pipe and the console's own memory hold.
+  EXPECT_TRUE(printed.WaitFor([](int lines) { return lines >= 1024; }));
+  EXPECT_FALSE(printed.WaitFor([](int lines) { return lines > 1024 + 64 + 1; }, 200ms));
+  received += ReadUntil(fds[0], std::to_string(kLines - 1) + "\n");
+  EXPECT_EQ(received.size(), std::string("one\ntwo\n").size() + kLines * 1024U);
+  printer.join();
+  ::close(in[1]);
+  runner.join();
+  for (const int fd : {fds[0], fds[1], in[0]}) ::close(fd);
 }
 
 TEST_F(PlainTest, LinesRunInOrderWithoutPromptEchoOrColour) {
@@ -387,6 +450,7 @@ class TerminalTest : public ::testing::Test {
   ScratchFolder folder_;
   std::optional<vextest::ForkedChild> child_;
   bool under_shell_ = false;
+  bool in_background_ = false;  // under the shell, as with "&"
   bool local_console_ = true;
   std::string lines_;  // a file as standard input in place of the pty
   const char* term_ = "xterm";
@@ -419,7 +483,7 @@ class TerminalTest : public ::testing::Test {
     const int terminal = pty_.Slave();
     if (job == 0) {
       ::setpgid(0, 0);
-      ::tcsetpgrp(terminal, ::getpid());
+      if (!in_background_) ::tcsetpgrp(terminal, ::getpid());
       ::signal(SIGTTOU, SIG_DFL);
       return;
     }
@@ -477,6 +541,16 @@ TEST_F(TerminalTest, WhatACommandsProgramWritesComesAfterTheTypedLine) {
   for (int i = 0; i < kLines && !HasFailure(); ++i) {
     EXPECT_NE(pty_.Until("\x1b[?2004lprogram").find("core direct 1 program"), std::string::npos);
   }
+}
+
+TEST_F(TerminalTest, ACommandsProgramGetsNoFileOfTheConsole) {
+  Start([] { std::cout << "before: " << FilesOfAProgram() << "end\n" << std::flush; });
+  pty_.Until("before: ");
+  const std::string before = pty_.Until("end");
+  pty_.Until("main> ");
+  pty_.Type("core program\r");
+  pty_.Until("in between: ");
+  EXPECT_EQ(pty_.Until("end"), before);
 }
 
 TEST_F(TerminalTest, ThePromptStartsOnAFreshLine) {
@@ -559,6 +633,42 @@ TEST_F(TerminalTest, TypedTextSurvivesAStop) {
   EXPECT_NE(pty_.Until("two").find("one"), std::string::npos);
   pty_.Type("exit\r");
   EXPECT_EQ(Wait(), 0);
+}
+
+// As the shell's "fg" does it.
+void BringToForeground() {
+  sigset_t change;
+  sigemptyset(&change);
+  sigaddset(&change, SIGTTOU);
+  ::pthread_sigmask(SIG_BLOCK, &change, nullptr);
+  ::tcsetpgrp(STDIN_FILENO, ::getpgrp());
+  ::kill(::getpid(), SIGCONT);
+}
+
+TEST_F(TerminalTest, AJobInTheBackgroundLeavesTheTerminalAloneUntilItIsBroughtBack) {
+  under_shell_ = true;
+  in_background_ = true;
+  StartWithDeed(BringToForeground);
+  EXPECT_EQ(pty_.Until("main> ").find("[stopped"), std::string::npos);
+  EXPECT_FALSE(pty_.IsRaw());
+  Tell();
+  pty_.Until("main> ");
+  EXPECT_TRUE(pty_.IsRaw());
+  pty_.Type("core show x\rexit\r");
+  EXPECT_NE(pty_.Until("two").find("one"), std::string::npos);
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_FALSE(pty_.IsRaw());
+}
+
+TEST_F(TerminalTest, AJobInTheBackgroundEndsWithoutTheTerminal) {
+  under_shell_ = true;
+  in_background_ = true;
+  StartWithDeed([] { ::kill(::getpid(), SIGTERM); });
+  EXPECT_EQ(pty_.Until("main> ").find("[stopped"), std::string::npos);
+  Tell();
+  EXPECT_EQ(Wait(), 100);  // the shell's word for a signal
+  pty_.CloseSlave();
+  EXPECT_EQ(pty_.Rest().find("[stopped"), std::string::npos);
 }
 
 TEST_F(TerminalTest, AResizeIsNoticed) {
