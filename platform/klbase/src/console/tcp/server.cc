@@ -138,6 +138,7 @@ class ServerImpl : public Server, public ConnectionOwner {
       telling_ = false;
       bool more = admission_.TellRefusals();
       for (auto* records : {&openings_, &ends_, &closings_, &browsers_, &wrong_passwords_}) more |= records->Tell();
+      if (passwords_ != nullptr) more |= passwords_->TellFailures();
       if (more) TellRecordsLater();
     });
   }

@@ -2,10 +2,15 @@
 #ifndef KLBASE_CONSOLE_TCP_ACCESS_PASSWORD_CHECKER_H_
 #define KLBASE_CONSOLE_TCP_ACCESS_PASSWORD_CHECKER_H_
 
+#include <absl/base/thread_annotations.h>
+#include <absl/synchronization/mutex.h>
+
 #include <functional>
+#include <map>
 #include <string>
 
 #include "console/tcp/access/access.h"
+#include "klbase/collapsed_records.h"
 
 namespace cli::internal {
 
@@ -19,12 +24,20 @@ class PasswordChecker {
   explicit PasswordChecker(std::string path, Matcher matches = &PasswordMatches);
 
   // Whether `password` is the one whose hash is in the file now: a new password needs no restart. Blocks for tens of
-  // milliseconds and more. A file that can't be used any more lets nobody in and leaves a record of level 50.
+  // milliseconds and more. A file that can't be used any more lets nobody in and leaves a record of level 50,
+  // one in a minute for each cause: strangers may try as often as they like.
   bool Check(const std::string& password);
+  // Tells how many such records were left out. Returns whether a count still waits for its minute to end. Any thread.
+  bool TellFailures();
 
  private:
+  klbase::CollapsedRecords& RecordsOf(const std::string& cause);
+
   const std::string path_;
   const Matcher matches_;
+  absl::Mutex mutex_;
+  // By their text, of which there are few: none is taken out.
+  std::map<std::string, klbase::CollapsedRecords> failures_ ABSL_GUARDED_BY(mutex_);
 };
 
 }  // namespace cli::internal

@@ -55,5 +55,24 @@ TEST(PasswordCheckerTest, AFileThatBecameUselessLetsNobodyInAndLeavesARecord) {
       1U);
 }
 
+TEST(PasswordCheckerTest, AStrangerWhoTriesAgainAndAgainWritesOneRecordForEachCause) {
+  const ScratchFolder folder;
+  const std::string file = folder.Write("pw", Hash("secret"));
+  const LogCapture log(30);
+  {
+    PasswordChecker checker(file);
+    for (int round = 0; round < 2; ++round) {
+      folder.Write("pw", Hash("secret"), 0644);
+      for (int i = 0; i < 100; ++i) EXPECT_FALSE(checker.Check("guess"));
+      folder.Write("pw", "clear text", 0600);
+      for (int i = 0; i < 10; ++i) EXPECT_FALSE(checker.Check("guess"));
+    }
+    EXPECT_TRUE(checker.TellFailures());
+    EXPECT_EQ(log.Count("50 "), 2U) << ::testing::PrintToString(log.Texts());
+  }
+  EXPECT_EQ(log.Count("50 199 more in the last minute: console passwords that could not be checked"), 1U);
+  EXPECT_EQ(log.Count("50 19 more in the last minute: console passwords that could not be checked"), 1U);
+}
+
 }  // namespace
 }  // namespace cli::internal
