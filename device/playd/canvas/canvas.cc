@@ -18,6 +18,8 @@
 namespace playd {
 namespace {
 
+using std::chrono::steady_clock;
+
 constexpr int kMaxFrequency = 2500;  // 25 pictures per second
 constexpr std::size_t kBytesPerPixel = 3;
 
@@ -115,6 +117,7 @@ Picture::Pixel Picture::At(int x, int y) const {
 
 Layer::Layer(Canvas& canvas, const Rectangle& rectangle, std::uint32_t priority)
     : canvas_(canvas),
+      priority_(priority),
       source_(MakeSource()),
       pad_(gst_element_request_pad_simple(canvas.compositor_.get(), "sink_%u")),
       frame_caps_(FrameCapsOf(canvas.Place(pad_.get(), rectangle))) {
@@ -142,7 +145,22 @@ void Layer::Push(GstBuffer* frame) {
   gst_app_src_push_buffer(GST_APP_SRC(source_.get()), device::CopyAt(frame, {}).release());
 }
 
-void Layer::Show() { g_object_set(pad_.get(), "alpha", 1.0, nullptr); }
+void Layer::Show() { canvas_.SetAlpha(pad_.get(), 1.0); }
+
+void Layer::Fade(double to, std::chrono::milliseconds delay, std::chrono::milliseconds length) {
+  canvas_.StartFade(pad_.get(), to, delay, length);
+}
+
+bool Layer::IsFading() const { return canvas_.IsFading(pad_.get()); }
+
+Rectangle Layer::Place() const {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+  g_object_get(pad_.get(), "xpos", &x, "ypos", &y, "width", &width, "height", &height, nullptr);
+  return {x, y, static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height)};
+}
 
 Canvas::Canvas(bool window)
     : pipeline_(CanvasPipeline()),
@@ -151,9 +169,54 @@ Canvas::Canvas(bool window)
       output_(gst_element_get_static_pad(filter_.get(), "src")) {
   if (!pipeline_.SetState(GST_STATE_PLAYING)) throw std::runtime_error("the canvas can't be started");
   if (window) window_ = std::make_unique<Window>(output_.get());
+  device::HandOver(this);
+  probe_ = gst_pad_add_probe(output_.get(), GST_PAD_PROBE_TYPE_BUFFER, OnComposed, this, nullptr);
 }
 
-Canvas::~Canvas() = default;
+Canvas::~Canvas() {
+  window_.reset();
+  pipeline_.SetState(GST_STATE_NULL);  // ends the thread that composes
+  gst_pad_remove_probe(output_.get(), probe_);
+}
+
+// Called on the compositor's streaming thread for each picture, before the next one is composed.
+GstPadProbeReturn Canvas::OnComposed(GstPad*, GstPadProbeInfo*, gpointer data) {
+  const device::HandedOver canvas_of_other_thread(data);
+  static_cast<Canvas*>(data)->StepFades();
+  return GST_PAD_PROBE_OK;
+}
+
+double Canvas::Fade::AlphaAt(steady_clock::time_point now) const {
+  if (now <= begin) return from;
+  if (now >= end) return to;
+  return from + (to - from) * (std::chrono::duration<double>(now - begin) / (end - begin));
+}
+
+void Canvas::StepFades() {
+  const auto now = steady_clock::now();
+  const absl::MutexLock lock(&fade_mutex_);
+  for (const auto& [pad, fade] : fades_) g_object_set(pad, "alpha", fade.AlphaAt(now), nullptr);
+  std::erase_if(fades_, [now](const auto& fade) { return now >= fade.second.end; });
+}
+
+void Canvas::SetAlpha(GstPad* pad, double alpha) {
+  const absl::MutexLock lock(&fade_mutex_);
+  fades_.erase(pad);
+  g_object_set(pad, "alpha", alpha, nullptr);
+}
+
+void Canvas::StartFade(GstPad* pad, double to, std::chrono::milliseconds delay, std::chrono::milliseconds length) {
+  double from = 0;
+  const absl::MutexLock lock(&fade_mutex_);
+  g_object_get(pad, "alpha", &from, nullptr);
+  const auto begin = steady_clock::now() + delay;
+  fades_[pad] = {from, to, begin, begin + length};
+}
+
+bool Canvas::IsFading(GstPad* pad) const {
+  const absl::MutexLock lock(&fade_mutex_);
+  return fades_.contains(pad);
+}
 
 void Canvas::SetMode(const CanvasMode& mode) {
   const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode).c_str()));
@@ -177,8 +240,12 @@ Rectangle Canvas::Place(GstPad* pad, const Rectangle& rectangle) {
 }
 
 void Canvas::Forget(GstPad* pad) {
-  const absl::MutexLock lock(&mutex_);
-  whole_.erase(pad);
+  {
+    const absl::MutexLock lock(&mutex_);
+    whole_.erase(pad);
+  }
+  const absl::MutexLock lock(&fade_mutex_);
+  fades_.erase(pad);
 }
 
 CanvasMode Canvas::Mode() const {

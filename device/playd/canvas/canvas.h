@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -48,10 +49,21 @@ class Layer {
   // composed, older ones are dropped.
   void Push(GstBuffer* frame);
 
+  // Visible at once, whatever fade is under way.
   void Show();
+
+  // Grows or shrinks in visibility, from what it is now to `to` (0: invisible, 1: all visible), within `length` after
+  // `delay`, a step with each composed picture. Replaces a fade under way.
+  void Fade(double to, std::chrono::milliseconds delay, std::chrono::milliseconds length);
+  bool IsFading() const;
+
+  // Where it is on the canvas just now.
+  Rectangle Place() const;
+  std::uint32_t Priority() const { return priority_; }
 
  private:
   Canvas& canvas_;
+  const std::uint32_t priority_;
   const device::ElementPtr source_;
   const device::PadPtr pad_;
   const std::string frame_caps_;
@@ -89,9 +101,25 @@ class Canvas {
  private:
   friend class Layer;
 
+  struct Fade {
+    double from;
+    double to;
+    std::chrono::steady_clock::time_point begin;
+    std::chrono::steady_clock::time_point end;
+
+    double AlphaAt(std::chrono::steady_clock::time_point now) const;
+  };
+
   // Puts a layer's pad into its place, and keeps it there when the mode changes; returns that place.
   Rectangle Place(GstPad* pad, const Rectangle& rectangle);
   void Forget(GstPad* pad);
+
+  // The visibility of layers, by their pads.
+  void SetAlpha(GstPad* pad, double alpha);
+  void StartFade(GstPad* pad, double to, std::chrono::milliseconds delay, std::chrono::milliseconds length);
+  bool IsFading(GstPad* pad) const;
+  void StepFades();
+  static GstPadProbeReturn OnComposed(GstPad* pad, GstPadProbeInfo* info, gpointer canvas);
 
   device::SamplePtr NextSample(std::chrono::milliseconds timeout);
 
@@ -100,10 +128,13 @@ class Canvas {
   const device::ElementPtr filter_;
   const device::PadPtr output_;  // where composed pictures come by
   std::unique_ptr<Window> window_;
+  gulong probe_ = 0;
 
   mutable absl::Mutex mutex_;
   CanvasMode mode_ ABSL_GUARDED_BY(mutex_);
   std::set<GstPad*> whole_ ABSL_GUARDED_BY(mutex_);  // of layers that fill the canvas
+  mutable absl::Mutex fade_mutex_;
+  std::map<GstPad*, Fade> fades_ ABSL_GUARDED_BY(fade_mutex_);
 };
 
 }  // namespace playd

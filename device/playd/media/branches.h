@@ -36,7 +36,8 @@ class Branches {
   // True when the medium is a still picture, which has no end and no positions.
   bool IsPicture() const;
 
-  void Show() { layer_->Show(); }
+  // Not after ReleaseLayer().
+  Layer& GetLayer() { return *layer_; }
   // Whether the sound is dropped instead of mixed.
   void Mute(bool mute) { muted_ = mute; }
   // After the pipeline is gone.

@@ -140,8 +140,6 @@ void Media::SetVolume(double factor) {
   if (volume != nullptr) g_object_set(volume.get(), "volume", factor, nullptr);
 }
 
-void Media::Show() { branches_->Show(); }
-
 Media::Event Media::TakeEvent(std::string& text) {
   if (auto failure = mailbox_->Failure()) {
     text = failure->text;

@@ -45,7 +45,7 @@ class Media {
 
   // Prepares to decode `uri` into `rectangle`; `wake` is called on GStreamer's threads, any number of times, when
   // TakeEvent() may have something new. Once `stop` is set, waits end within moments as if their time were up. Nothing
-  // is shown before Show().
+  // is shown until its layer is.
   Media(const std::string& url, const std::string& uri, const Rectangle& rectangle, std::uint32_t priority,
         Canvas& canvas, Mixer& mixer, std::function<void()> wake, const std::atomic<bool>& stop);
   Media(const Media&) = delete;
@@ -69,7 +69,10 @@ class Media {
   // 0 is silence, 1 the medium's own loudness. After Preroll(); without sound it does nothing.
   void SetVolume(double factor);
 
-  void Show();
+  // On which the medium is shown; not after ReleaseLayer().
+  Layer& GetLayer() { return branches_->GetLayer(); }
+  // Without sound from now on.
+  void Mute() { branches_->Mute(true); }
 
   // The event since the last call; kFailed comes with a text.
   Event TakeEvent(std::string& text);

@@ -8,12 +8,14 @@
 #include <utility>
 
 #include "playd/media/media_url.h"
+#include "playd/player/effects.h"
 #include "player/v1/player.pb.h"
 
 namespace playd {
 namespace {
 
 constexpr std::int32_t kLastType = 3;  // of MediaType and of FileType
+constexpr auto kFadePoll = std::chrono::milliseconds(20);
 
 Outcome CheckRequest(const MediaRequest& request) {
   if (request.media_type < 0 || request.media_type > kLastType || request.file_type < 0 ||
@@ -22,9 +24,14 @@ Outcome CheckRequest(const MediaRequest& request) {
                           absl::StrFormat("media_type is %d and file_type %d; both must be 0 to %d", request.media_type,
                                           request.file_type, kLastType));
   }
-  if (request.effect != 0) {
+  if (request.effect > kLastEffect) {
+    return Outcome::Error(
+        ErrorCode::kInvalidArgument,
+        absl::StrFormat("unsupported se_type %u; it must be 0 (at once), 1 (fade) or 2 (cross-fade)", request.effect));
+  }
+  if (request.effect != 0 && request.effect_ms > kMaxEffectMs) {
     return Outcome::Error(ErrorCode::kInvalidArgument,
-                          absl::StrFormat("unsupported se_type %u; 0 shows the picture at once", request.effect));
+                          absl::StrFormat("se_time_ms is %u; it must be 0 to %u", request.effect_ms, kMaxEffectMs));
   }
   return CheckRectangle(request.rectangle);
 }
@@ -199,6 +206,7 @@ void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->
 void Player::CloseMedia() {
   if (media_ != nullptr && (state_ == State::kPlaying || state_ == State::kPaused)) Report(PlayState::kEnded);
   media_.reset();
+  leaving_ = {};
   state_ = State::kClosed;
 }
 
@@ -208,7 +216,7 @@ Outcome Player::DoOpen(const MediaRequest& request) {
   const auto deadline = std::chrono::steady_clock::now() + limits_.media;
   std::unique_ptr<Media> media;
   auto outcome = Prepare(request, deadline, media);
-  if (outcome.ok()) outcome = Adopt(std::move(media), request.play_immediately, deadline);
+  if (outcome.ok()) outcome = Adopt(std::move(media), request, deadline);
   if (!outcome.ok() && media_ == nullptr && !IsRequestsFault(outcome.code)) {
     listener_.OnPlayState(id_, request.url, PlayState::kFailed);
   }
@@ -235,17 +243,43 @@ Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, s
 // Of play, at the player's speed: backward play begins at the end of the medium.
 std::uint64_t Player::BeginningOf(const Media& media) const { return speed_ < 0 ? media.Info().duration_ms : 0; }
 
-Outcome Player::Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline deadline) {
+Outcome Player::Adopt(std::unique_ptr<Media> media, const MediaRequest& request, Media::Deadline deadline) {
+  const bool play = request.play_immediately;
   if (play) {
     if (auto outcome = media->Play(deadline); !outcome.ok()) return outcome;
   }
-  // The new picture is shown before the old one goes, so that nothing else shows through between them.
-  media->Show();
-  kept_layer_.reset();
+  ShowInPlaceOfTheOld(*media, request);
   media_ = std::move(media);
   state_ = play ? State::kPlaying : State::kOpened;
   if (play) Report(PlayState::kStarted);
   return Outcome::Ok();
+}
+
+// The new picture is shown before the old one goes, so that nothing else shows through between them.
+void Player::ShowInPlaceOfTheOld(Media& media, const MediaRequest& request) {
+  Leaving old{std::move(media_), std::move(kept_layer_)};
+  Layer* const old_layer = old.media != nullptr ? &old.media->GetLayer() : old.layer.get();
+  const auto length = std::chrono::milliseconds(request.effect_ms);
+  const bool goes_on = Appear(static_cast<Effect>(request.effect), length, old_layer, media.GetLayer());
+  leaving_ = {};
+  if (!goes_on || old_layer == nullptr) return;
+  if (old.media != nullptr) old.media->Mute();
+  leaving_ = std::move(old);
+  worker_.WakeAt(std::chrono::steady_clock::now() + length);
+}
+
+bool Player::Leaving::IsFading() const {
+  return (media != nullptr && media->GetLayer().IsFading()) || (layer != nullptr && layer->IsFading());
+}
+
+// Again and again when the last picture of the effect is late.
+void Player::ClearAwayLeaving() {
+  if (leaving_.media == nullptr && leaving_.layer == nullptr) return;
+  if (leaving_.IsFading() || (media_ != nullptr && media_->GetLayer().IsFading())) {
+    worker_.WakeAt(std::chrono::steady_clock::now() + kFadePoll);
+  } else {
+    leaving_ = {};
+  }
 }
 
 Outcome Player::DoPause(Media::Deadline deadline) {
@@ -309,6 +343,7 @@ Outcome Player::DoSetSpeed(double speed, Media::Deadline deadline) {
 // On the player's thread, where a medium may be destroyed: on GStreamer's, which told of the event, it would wait for
 // itself.
 void Player::OnWake() {
+  ClearAwayLeaving();
   if (media_ == nullptr) return;
   std::string text;
   switch (media_->TakeEvent(text)) {

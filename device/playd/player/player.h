@@ -36,8 +36,8 @@ struct MediaRequest {
   std::int32_t file_type = 0;    // 0 to 3, lp.v1.FileType; likewise
   bool play_immediately = true;  // false: opened and shown, paused at its first picture
   std::uint64_t start_ms = 0;    // where play begins; without meaning for a picture
-  std::uint32_t effect = 0;      // how the picture appears: 0, at once, is the only one here
-  std::uint64_t effect_ms = 0;   // how long the effect takes; without meaning for effect 0
+  std::uint32_t effect = 0;      // how the picture appears, 0 to 2: see Effect
+  std::uint64_t effect_ms = 0;   // how long that takes, 0 to 60000; without meaning for effect 0
   Rectangle rectangle;
   std::uint32_t priority = 0;
 };
@@ -66,7 +66,8 @@ class Player {
   Outcome Open(const MediaRequest& request);
 
   // Replaces the open medium. The old one plays on until the new one is ready, also when the new one is refused, of
-  // which only the caller hears then. Speed and volume stay.
+  // which only the caller hears then. Speed and volume stay. While an effect goes on the old medium's pictures move
+  // still, but its sound has ended.
   Outcome Switch(const MediaRequest& request);
 
   // Closes the medium, which ends its play. With `keep_picture` only the file is let go: the last picture stays where
@@ -108,7 +109,9 @@ class Player {
   // The following run on the worker's thread, to which all state below but `stop_` belongs.
   Outcome DoOpen(const MediaRequest& request);
   Outcome Prepare(const MediaRequest& request, Media::Deadline deadline, std::unique_ptr<Media>& media);
-  Outcome Adopt(std::unique_ptr<Media> media, bool play, Media::Deadline deadline);
+  Outcome Adopt(std::unique_ptr<Media> media, const MediaRequest& request, Media::Deadline deadline);
+  void ShowInPlaceOfTheOld(Media& media, const MediaRequest& request);
+  void ClearAwayLeaving();
   Outcome DoPause(Media::Deadline deadline);
   Outcome DoResume(Media::Deadline deadline);
   Outcome DoSeek(std::uint32_t position_ms, Media::Deadline deadline);
@@ -134,6 +137,14 @@ class Player {
   State state_ = State::kClosed;
   std::unique_ptr<Media> media_;       // null when closed
   std::unique_ptr<Layer> kept_layer_;  // the picture that Close(true) left
+  // What an effect lets go of, until that is over.
+  struct Leaving {
+    std::unique_ptr<Media> media;
+    std::unique_ptr<Layer> layer;
+
+    bool IsFading() const;
+  };
+  Leaving leaving_;
   double speed_ = 1.0;
   double volume_ = 1.0;
   std::optional<std::uint32_t> usb_state_;  // none: nobody said

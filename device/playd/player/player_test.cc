@@ -239,6 +239,7 @@ TEST_F(PlayerTest, RefusesSpeedsThatAreNone) {
 }
 
 TEST_F(PlayerTest, ShowsThePicturesInDescendingOrderWhenItPlaysBackward) {
+  canvas_.SetMode({320, 240, 6000});  // of which a busy machine, too, can take a look at each picture
   const std::string ramp = folder_ / "ramp.mp4";
   MakeBrighteningClip(ramp, 3);
   OpenPaused(ramp);
@@ -247,7 +248,7 @@ TEST_F(PlayerTest, ShowsThePicturesInDescendingOrderWhenItPlaysBackward) {
   ASSERT_TRUE(ShowsWithin(canvas_, 160, 120, BrightnessAt(2500)));
   ASSERT_TRUE(player_.SetPause(false).ok());
   const std::vector<int> seen = DistinctBrightness(canvas_, [this] { return PositionMs() > 0; });
-  EXPECT_GT(seen.size(), 20u);
+  EXPECT_GT(seen.size(), 10u);
   EXPECT_TRUE(std::is_sorted(seen.rbegin(), seen.rend()));
   EXPECT_EQ(events_.WaitFor(3).back(), "0 ended " + ramp);
   EXPECT_EQ(PositionMs(), 0u);
@@ -463,8 +464,11 @@ TEST_F(PlayerTest, RefusesRectanglesAndWordsThatMeanNothing) {
   request.media_type = 4;
   EXPECT_EQ(player_.Open(request).code, ErrorCode::kInvalidArgument);
   request = Request(clip);
+  request.effect = 3;
+  EXPECT_EQ(player_.Open(request).text, "unsupported se_type 3; it must be 0 (at once), 1 (fade) or 2 (cross-fade)");
   request.effect = 1;
-  EXPECT_EQ(player_.Open(request).text, "unsupported se_type 1; 0 shows the picture at once");
+  request.effect_ms = 60001;
+  EXPECT_EQ(player_.Open(request).text, "se_time_ms is 60001; it must be 0 to 60000");
   EXPECT_EQ(player_.SetUsbLink(2).code, ErrorCode::kInvalidArgument);
   EXPECT_TRUE(player_.SetUsbLink(1).ok());
 }

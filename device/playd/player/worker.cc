@@ -54,6 +54,12 @@ void Worker::Wake() {
   changed_.SignalAll();
 }
 
+void Worker::WakeAt(steady_clock::time_point time) {
+  const absl::MutexLock lock(&mutex_);
+  wake_at_ = time;
+  changed_.SignalAll();
+}
+
 void Worker::Stop() {
   const absl::MutexLock lock(&mutex_);
   stopping_ = true;
@@ -76,13 +82,26 @@ void Worker::RunJob(Job& job) {
   changed_.SignalAll();
 }
 
+// Until there is something to do.
+void Worker::WaitLocked() {
+  while (true) {
+    const auto now = steady_clock::now();
+    if (wake_at_ && *wake_at_ <= now) {
+      woken_ = true;
+      wake_at_.reset();
+    }
+    if (stopping_ || woken_ || !jobs_.empty()) return;
+    changed_.WaitUntil(&mutex_, wake_at_.value_or(now + kIdle));
+  }
+}
+
 void Worker::Loop() {
   while (true) {
     std::shared_ptr<Job> job;
     bool woken = false;
     {
       const absl::MutexLock lock(&mutex_);
-      while (!stopping_ && !woken_ && jobs_.empty()) changed_.WaitUntil(&mutex_, steady_clock::now() + kIdle);
+      WaitLocked();
       if (stopping_) break;
       woken = std::exchange(woken_, false);
       if (!jobs_.empty()) {

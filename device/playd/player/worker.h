@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "absl/base/thread_annotations.h"
@@ -36,6 +37,9 @@ class Worker {
   // Any thread; never waits.
   void Wake();
 
+  // Wakes at that time, instead of one that was set before.
+  void WakeAt(std::chrono::steady_clock::time_point time);
+
   // Starts no further task and ends the thread as soon as the one under way is done. Does not wait.
   void Stop();
 
@@ -46,6 +50,7 @@ class Worker {
   struct Job;
 
   void Loop();
+  void WaitLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void RunJob(Job& job);
 
   const std::function<void()> on_wake_;
@@ -54,6 +59,7 @@ class Worker {
   klbase::SteadyCondVar changed_;
   std::deque<std::shared_ptr<Job>> jobs_ ABSL_GUARDED_BY(mutex_);
   bool woken_ ABSL_GUARDED_BY(mutex_) = false;
+  std::optional<std::chrono::steady_clock::time_point> wake_at_ ABSL_GUARDED_BY(mutex_);
   bool stopping_ ABSL_GUARDED_BY(mutex_) = false;
   bool stopped_ ABSL_GUARDED_BY(mutex_) = false;
   std::thread thread_;  // last: it uses all of the above

@@ -52,6 +52,18 @@ TEST(WorkerTest, RunsTheWakeAndTheStopFunction) {
   EXPECT_EQ(stopped, 1);
 }
 
+TEST(WorkerTest, WakesAtTheTimeThatWasSetLast) {
+  std::atomic<int> woken{0};
+  Worker worker([&] { ++woken; }, [] {});
+  const auto begin = std::chrono::steady_clock::now();
+  worker.WakeAt(begin + std::chrono::hours(1));
+  worker.WakeAt(begin + milliseconds(50));
+  while (woken == 0) std::this_thread::yield();
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(50));
+  EXPECT_TRUE(worker.Run([] { return Outcome::Ok(); }, kLimit).ok());
+  EXPECT_EQ(woken, 1) << "once";
+}
+
 TEST(WorkerTest, RefusesTasksAfterStop) {
   Worker worker([] {}, [] {});
   worker.Stop();
