@@ -35,10 +35,12 @@ constexpr device::NeededElement kNeeded[] = {
     {"audioresample", "gstreamer1.0-plugins-base"}, {"audiotestsrc", "gstreamer1.0-plugins-base"},
     {"compositor", "gstreamer1.0-plugins-base"},    {"playbin", "gstreamer1.0-plugins-base"},
     {"videoconvert", "gstreamer1.0-plugins-base"},  {"videorate", "gstreamer1.0-plugins-base"},
-    {"videotestsrc", "gstreamer1.0-plugins-base"},  {"flvmux", "gstreamer1.0-plugins-good"},
-    {"mp4mux", "gstreamer1.0-plugins-good"},        {"wavenc", "gstreamer1.0-plugins-good"},
-    {"rtmp2sink", "gstreamer1.0-plugins-bad"},      {"voaacenc", "gstreamer1.0-plugins-bad"},
-    {"x264enc", "gstreamer1.0-plugins-ugly"}};
+    {"videoscale", "gstreamer1.0-plugins-base"},    {"videotestsrc", "gstreamer1.0-plugins-base"},
+    {"flvmux", "gstreamer1.0-plugins-good"},        {"mp4mux", "gstreamer1.0-plugins-good"},
+    {"wavenc", "gstreamer1.0-plugins-good"},        {"aacparse", "gstreamer1.0-plugins-good"},
+    {"h264parse", "gstreamer1.0-plugins-bad"},      {"mpegtsmux", "gstreamer1.0-plugins-bad"},
+    {"srtsink", "gstreamer1.0-plugins-bad"},        {"rtmp2sink", "gstreamer1.0-plugins-bad"},
+    {"voaacenc", "gstreamer1.0-plugins-bad"},       {"x264enc", "gstreamer1.0-plugins-ugly"}};
 
 Outcome BadValue(std::string text) { return Outcome::Error(ErrorCode::kBadValue, std::move(text)); }
 Outcome WrongState(std::string text) { return Outcome::Error(ErrorCode::kWrongState, std::move(text)); }
@@ -149,10 +151,8 @@ int Encoder::BitrateKbps() const { return pipeline_->Bitrate(); }
 // Checks the words and takes the id, with a null entry for as long as the stream connects.
 Outcome Encoder::ReserveStream(const std::string& id, const std::string& url) {
   if (id.empty()) return BadValue("the stream has no unique_id; give it one");
-  if (url.empty()) return BadValue("stream " + id + " has no url; use rtmp://HOST[:PORT]/APP");
-  if (url.rfind("rtmp://", 0) != 0 && url.rfind("rtmps://", 0) != 0) {
-    return BadValue("url " + url + " is not an RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
-  }
+  if (url.empty()) return BadValue("stream " + id + " has no url; use rtmp://HOST[:PORT]/APP or srt://HOST:PORT");
+  if (std::string wrong = PushTarget::Check(url); !wrong.empty()) return BadValue(std::move(wrong));
   const absl::MutexLock lock(&mutex_);
   if (streams_.size() >= kMaxStreams) {
     return WrongState(absl::StrFormat("%d streams are pushed already; delete one first", kMaxStreams));
@@ -165,25 +165,26 @@ Outcome Encoder::ReserveStream(const std::string& id, const std::string& url) {
 
 Outcome Encoder::AddStream(const std::string& id, const std::string& url, const std::string& key) {
   if (Outcome reserved = ReserveStream(id, url); !reserved.ok()) return reserved;
-  auto stream = std::make_shared<PushStream>(id, url, key, [this] { pipeline_->RequestKeyframe(); });
+  const PushTarget target(url, key);
+  auto stream = std::make_shared<PushStream>(id, target, [this] { pipeline_->RequestKeyframe(); });
   // Without the lock: a server that doesn't answer keeps this caller, and nobody else, for the whole limit. The id is
   // taken meanwhile by the null entry that ReserveStream() made.
   const std::string error = stream->Connect(kConnectLimit);
   if (!error.empty()) {
-    KL_LOG(40, "stream %s to %s is refused: %s", id.c_str(), url.c_str(), error.c_str());
+    KL_LOG(40, "stream %s to %s is refused: %s", id.c_str(), target.Shown().c_str(), error.c_str());
     const absl::MutexLock lock(&mutex_);
     streams_.erase(id);
-    return Outcome::Error(ErrorCode::kUnreachable, "can't push to " + url + ": " + error);
+    return Outcome::Error(ErrorCode::kUnreachable, "can't push to " + target.Shown() + ": " + error);
   }
   // Only now: a stream that was refused never takes a packet.
   fanout_.Add(stream->queue());
   stream->Start();
-  KL_LOG(30, "stream %s is pushed to %s", id.c_str(), url.c_str());
+  KL_LOG(30, "stream %s is pushed to %s", id.c_str(), target.Shown().c_str());
   const absl::MutexLock lock(&mutex_);
   // With the lock held until the stream is in the map: a SetPushDelay() meanwhile would pass over its null entry.
   stream->queue()->SetDelay(std::chrono::seconds(push_delay_s_));
   streams_[id] = std::move(stream);
-  return Outcome::Ok("stream " + id + " is pushed to " + url);
+  return Outcome::Ok("stream " + id + " is pushed to " + target.Shown());
 }
 
 Outcome Encoder::DeleteStream(const std::string& id) {

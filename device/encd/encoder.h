@@ -72,7 +72,7 @@ class Encoder {
   Outcome SetBitrate(int kbps);
   int BitrateKbps() const;  // of the running encoder
 
-  // Pushes to `url` + "/" + `key` (an empty key adds nothing). Waits up to 2 s for the server to accept.
+  // Pushes to `url` with `key`, which may be empty; see PushTarget. Waits up to 2 s for the server to accept.
   Outcome AddStream(const std::string& id, const std::string& url, const std::string& key);
   Outcome DeleteStream(const std::string& id);
   // How much later than encoded everything is pushed, for present and future streams.

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "encd/testing/encoder_fixture.h"
 #include "platform/testing/scratch_folder.h"
 #include "platform/testing/sync.h"
 #include "testing/media_probe.h"
@@ -32,17 +33,6 @@ using ::testing::StartsWith;
 using vextest::ScratchFolder;
 using vextest::WaitFor;
 
-constexpr std::uint64_t kFps = 25;
-constexpr Encoder::RecordSpec kBoth{true, true, static_cast<int>(RecordFormat::kMp4)};
-constexpr Encoder::RecordSpec kSoundOnly{true, false, static_cast<int>(RecordFormat::kMp4)};
-constexpr Encoder::RecordSpec kPictureOnly{false, true, static_cast<int>(RecordFormat::kMp4)};
-constexpr Encoder::RecordSpec kWave{true, false, static_cast<int>(RecordFormat::kWav)};
-
-void WaitFrames(const Encoder& encoder, std::uint64_t count) {
-  const auto target = encoder.Count().video_frames + count;
-  ASSERT_TRUE(WaitFor([&] { return encoder.Count().video_frames >= target; }));
-}
-
 // The encoder's output, in kbit/s of programme time, once its rate control, which evens out over 0.6 s, has had
 // time to follow the last change.
 double MeasureKbps(const Encoder& encoder) {
@@ -52,47 +42,6 @@ double MeasureKbps(const Encoder& encoder) {
   const auto after = encoder.Count();
   return static_cast<double>(after.video_bytes - before.video_bytes) * 8 / 1000 * kFps /
          static_cast<double>(after.video_frames - before.video_frames);
-}
-
-// A running encoder of the test picture, small, so that two cores carry several tests at a time.
-class EncoderTest : public ::testing::Test {
- protected:
-  Encoder::Options Options() {
-    Encoder::Options options;
-    options.width = 320;
-    options.height = 180;
-    options.fps = kFps;
-    options.record_dir = dir_.Path();
-    return options;
-  }
-
-  void WaitFrames(std::uint64_t count) { encd::WaitFrames(encoder_, count); }
-
-  Encoder::StreamState Stream(const std::string& id) {
-    for (const auto& stream : encoder_.Streams()) {
-      if (stream.id == id) return stream;
-    }
-    return {};
-  }
-
-  void WaitPushed(const std::string& id, std::uint64_t frames) {
-    ASSERT_TRUE(WaitFor([&] { return Stream(id).frames >= frames; })) << Stream(id).frames;
-  }
-
-  // The one file with this suffix.
-  MediaFacts ProbeOnly(const std::string& suffix) {
-    const auto files = dir_.Files(suffix);
-    EXPECT_THAT(files, SizeIs(1));
-    return files.empty() ? MediaFacts{} : ProbeMedia(files.front());
-  }
-
-  ScratchFolder dir_;
-  Encoder encoder_{Options()};
-};
-
-void ExpectResult(const Outcome& result, ErrorCode code, const std::string& text) {
-  EXPECT_EQ(result.code, code) << result.text;
-  EXPECT_EQ(result.text, text);
 }
 
 TEST_F(EncoderTest, StartsAtMiddleQuality) {
@@ -328,9 +277,11 @@ TEST_F(EncoderTest, StreamsThatMakeNoSenseAreRefusedWithTheReason) {
   ExpectResult(encoder_.AddStream("", "rtmp://127.0.0.1/live", "k"), ErrorCode::kBadValue,
                "the stream has no unique_id; give it one");
   ExpectResult(encoder_.AddStream("x", "", "k"), ErrorCode::kBadValue,
-               "stream x has no url; use rtmp://HOST[:PORT]/APP");
-  ExpectResult(encoder_.AddStream("x", "http://127.0.0.1/live", "k"), ErrorCode::kBadValue,
-               "url http://127.0.0.1/live is not an RTMP address; use rtmp://HOST[:PORT]/APP or rtmps://…");
+               "stream x has no url; use rtmp://HOST[:PORT]/APP or srt://HOST:PORT");
+  ExpectResult(
+      encoder_.AddStream("x", "http://127.0.0.1/live", "k"), ErrorCode::kBadValue,
+      "url http://127.0.0.1/live is neither an RTMP nor an SRT address; use rtmp://HOST[:PORT]/APP, rtmps://… or "
+      "srt://HOST:PORT");
   EXPECT_EQ(encoder_.AddStream("x", "rtmp://", "").code, ErrorCode::kUnreachable);
   ExpectResult(encoder_.DeleteStream("x"), ErrorCode::kUnknown, "there is no stream x");
   ExpectResult(encoder_.DeleteStream(""), ErrorCode::kBadValue, "which stream? unique_id is empty");

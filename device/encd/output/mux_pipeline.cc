@@ -10,8 +10,10 @@ namespace encd {
 // holds while a delay is in effect.
 std::string MuxPipeline::Describe(const Layout& layout, Tracks tracks) {
   std::string text = layout.output;
-  if (tracks.video) text += " appsrc name=video format=time max-bytes=0 ! mux." + layout.video_pad;
-  if (tracks.audio || tracks.pcm) text += " appsrc name=sound format=time max-bytes=0 ! mux." + layout.audio_pad;
+  if (tracks.video)
+    text += " appsrc name=video format=time max-bytes=0 ! " + layout.video_parser + "mux." + layout.video_pad;
+  if (tracks.audio || tracks.pcm)
+    text += " appsrc name=sound format=time max-bytes=0 ! " + layout.audio_parser + "mux." + layout.audio_pad;
   return text;
 }
 

@@ -23,11 +23,14 @@ class MuxPipeline {
   };
 
   // `output` is the part of the pipeline from the muxer on, in gst-launch syntax, the muxer named "mux". `video_pad`
-  // and `audio_pad` are the names of its request pads.
+  // and `audio_pad` are the names of its request pads, "" for any. The parsers stand before them, each with its
+  // "! ".
   struct Layout {
     std::string output;
-    std::string video_pad;
-    std::string audio_pad;
+    std::string video_pad = {};
+    std::string audio_pad = {};
+    std::string video_parser = {};
+    std::string audio_parser = {};
   };
 
   // Throws std::runtime_error when the pipeline can't be built.

@@ -23,37 +23,11 @@ constexpr milliseconds kPoll{20};  // between looks at the connection or a full 
 constexpr milliseconds kTick{100};
 constexpr milliseconds kFarewell{300};  // for "delete stream" to reach the server
 
-MuxPipeline::Layout RtmpLayout() {
-  return {"flvmux name=mux streamable=true ! rtmp2sink name=server sync=false async=false chunk-size=4096", "video",
-          "audio"};
-}
-
-// Bytes sent to the server after it has accepted the stream; 0 before. The sink connects on a thread of its own and
-// has no message for the success, so its statistics are asked.
-guint64 BytesSent(GstElement* server) {
-  GstStructure* stats = nullptr;
-  g_object_get(server, "stats", &stats, nullptr);
-  if (stats == nullptr) return 0;
-  guint64 bytes = 0;
-  gst_structure_get_uint64(stats, "out-bytes-total", &bytes);
-  gst_structure_free(stats);
-  return bytes;
-}
-
-std::string SetAddress(GstElement* server, const std::string& address) {
-  GError* error = nullptr;
-  if (gst_uri_handler_set_uri(GST_URI_HANDLER(server), address.c_str(), &error)) return "";
-  std::string text = error != nullptr ? error->message : "not an RTMP address";
-  g_clear_error(&error);
-  return text;
-}
-
 }  // namespace
 
-PushStream::PushStream(std::string id, std::string url, std::string key, std::function<void()> request_keyframe)
+PushStream::PushStream(std::string id, PushTarget target, std::function<void()> request_keyframe)
     : id_(std::move(id)),
-      url_(std::move(url)),
-      key_(std::move(key)),
+      target_(std::move(target)),
       request_keyframe_(std::move(request_keyframe)),
       queue_(std::make_shared<PacketQueue>(Tracks{.video = true, .audio = true}, kQueue)),
       backoff_(kFirstBackoff) {}
@@ -74,11 +48,10 @@ void PushStream::RequestStop() {
 
 std::string PushStream::Connect(milliseconds limit) {
   try {
-    auto mux = std::make_unique<MuxPipeline>(RtmpLayout(), Tracks{.video = true, .audio = true}, kMaxPending);
-    const auto server = mux->pipeline().Find("server");
-    std::string error = SetAddress(server.get(), key_.empty() ? url_ : url_ + "/" + key_);
+    auto mux = std::make_unique<MuxPipeline>(target_.Layout(), Tracks{.video = true, .audio = true}, kMaxPending);
+    std::string error = target_.SetAddress(mux->pipeline().Find("server").get());
     if (error.empty()) error = WaitConnected(*mux, limit);
-    if (!error.empty()) return WithoutKey(error);
+    if (!error.empty()) return target_.WithoutKey(error);
     mux_ = std::move(mux);
   } catch (const std::runtime_error& e) {
     return e.what();
@@ -93,7 +66,7 @@ std::string PushStream::WaitConnected(MuxPipeline& mux, milliseconds limit) {
   const auto server = mux.pipeline().Find("server");
   mux.pipeline().SetState(GST_STATE_PLAYING);  // does not wait for the connection
   while (mux.Error().empty()) {
-    if (BytesSent(server.get()) > 0) return "";
+    if (target_.Connected(server.get())) return "";
     if (steady_clock::now() >= deadline)
       return "the server did not answer within " + std::to_string(limit.count()) + " ms";
     if (WaitForStop(kPoll)) return "stopped";
@@ -122,7 +95,12 @@ void PushStream::Run() {
 void PushStream::PushNext() {
   const auto taken = queue_->Take(kTick);
   if (!taken.packet) {
-    if (!mux_->Error().empty()) Break(mux_->Error());
+    // An SRT sink learns of a lost connection only when it writes, and that may be a minute away.
+    if (!mux_->Error().empty()) {
+      Break(mux_->Error());
+    } else if (!target_.Connected(mux_->pipeline().Find("server").get())) {
+      Break("the connection was lost");
+    }
     return;
   }
   if (taken.gap) mux_->CloseGap();
@@ -140,8 +118,9 @@ void PushStream::PushNext() {
 }
 
 void PushStream::Break(const std::string& why) {
-  KL_LOG(40, "stream %s to %s broke: %s; connecting again in %lld ms", id_.c_str(), url_.c_str(),
-         WithoutKey(why.empty() ? "the output was closed" : why).c_str(), static_cast<long long>(backoff_.count()));
+  KL_LOG(40, "stream %s to %s broke: %s; connecting again in %lld ms", id_.c_str(), target_.Shown().c_str(),
+         target_.WithoutKey(why.empty() ? "the output was closed" : why).c_str(),
+         static_cast<long long>(backoff_.count()));
   connected_ = false;
   mux_.reset();
 }
@@ -150,13 +129,13 @@ void PushStream::Reconnect() {
   if (WaitForStop(backoff_)) return;
   const std::string error = Connect(kReconnectLimit);
   if (error.empty()) {
-    KL_LOG(30, "stream %s to %s is connected again", id_.c_str(), url_.c_str());
+    KL_LOG(30, "stream %s to %s is connected again", id_.c_str(), target_.Shown().c_str());
     backoff_ = kFirstBackoff;
     request_keyframe_();
     return;
   }
   backoff_ = std::min(backoff_ * 2, kMaxBackoff);
-  KL_LOG(40, "stream %s to %s: %s; trying again in %lld ms", id_.c_str(), url_.c_str(), error.c_str(),
+  KL_LOG(40, "stream %s to %s: %s; trying again in %lld ms", id_.c_str(), target_.Shown().c_str(), error.c_str(),
          static_cast<long long>(backoff_.count()));
 }
 
@@ -166,15 +145,6 @@ bool PushStream::WaitForStop(milliseconds limit) {
   const absl::MutexLock lock(&mutex_);
   while (!stop_ && steady_clock::now() < deadline) stop_changed_.WaitUntil(&mutex_, deadline);
   return stop_;
-}
-
-// GStreamer's texts show the whole address; the key is the operator's secret and has no place in logs and replies.
-std::string PushStream::WithoutKey(std::string text) const {
-  if (key_.empty()) return text;
-  for (auto at = text.find(key_); at != std::string::npos; at = text.find(key_, at + 3)) {
-    text.replace(at, key_.size(), "***");
-  }
-  return text;
 }
 
 }  // namespace encd

@@ -1,4 +1,4 @@
-// A live stream pushed to an RTMP server.
+// A live stream pushed to a server.
 #ifndef DEVICE_ENCD_OUTPUT_PUSH_STREAM_H_
 #define DEVICE_ENCD_OUTPUT_PUSH_STREAM_H_
 
@@ -13,6 +13,7 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "encd/output/mux_pipeline.h"
+#include "encd/output/push_target.h"
 #include "encd/packet/packet_queue.h"
 #include "klbase/steady_cond_var.h"
 
@@ -22,9 +23,9 @@ namespace encd {
 // and up to 10 s later, until the stream is destroyed; that takes less than a second, also with a server that hangs.
 class PushStream {
  public:
-  // `url` and `key` are joined with "/" to the address. `request_keyframe` is called whenever a new connection needs a
+  // `request_keyframe` is called whenever a new connection needs a
   // picture to start with; it must be callable until destruction, on any thread.
-  PushStream(std::string id, std::string url, std::string key, std::function<void()> request_keyframe);
+  PushStream(std::string id, PushTarget target, std::function<void()> request_keyframe);
   PushStream(const PushStream&) = delete;
   PushStream& operator=(const PushStream&) = delete;
   ~PushStream();
@@ -50,11 +51,9 @@ class PushStream {
   void Reconnect();
   bool WaitForStop(std::chrono::milliseconds limit);
   std::string WaitConnected(MuxPipeline& mux, std::chrono::milliseconds limit);
-  std::string WithoutKey(std::string text) const;
 
   const std::string id_;
-  const std::string url_;
-  const std::string key_;
+  const PushTarget target_;
   const std::function<void()> request_keyframe_;
   const std::shared_ptr<PacketQueue> queue_;
 
