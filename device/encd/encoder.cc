@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -21,13 +22,21 @@ constexpr milliseconds kRecordLimit{2500};
 // Somewhat above the longest span at the highest bitrate.
 constexpr std::size_t kMaxForwardBytes = 96 << 20;
 
+constexpr int kMaxWidth = 1920;
+constexpr int kMaxHeight = 1080;
+constexpr int kMaxFps = 60;
+constexpr int kKeyframeSeconds = 2;  // the longest a new viewer waits for a picture
+
 struct QualityRow {
   Quality quality;
   const char* name;
+  double scale;     // of the width and the height at "middle"
+  int rate_fifths;  // of the rate at "middle"
   int kbps;
 };
-constexpr QualityRow kQualities[] = {
-    {Quality::kLow, "low", 500}, {Quality::kMiddle, "middle", 2000}, {Quality::kHigh, "high", 6000}};
+constexpr QualityRow kQualities[] = {{Quality::kLow, "low", 0.5, 3, 500},
+                                     {Quality::kMiddle, "middle", 1, 5, 2000},
+                                     {Quality::kHigh, "high", 2, 6, 6000}};
 
 constexpr device::NeededElement kNeeded[] = {
     {"appsink", "gstreamer1.0-plugins-base"},       {"appsrc", "gstreamer1.0-plugins-base"},
@@ -58,7 +67,9 @@ Outcome CheckSpec(const Encoder::RecordSpec& spec) {
 }
 
 std::string Summary(const std::string& path, const Recorder::Report& report) {
-  std::string text = absl::StrFormat("%s: %.1f s", path, report.seconds);
+  std::string text = path;
+  if (report.files > 1) absl::StrAppend(&text, " to ", report.path, ", ", report.files, " files");
+  absl::StrAppendFormat(&text, ": %.1f s", report.seconds);
   if (report.frames > 0) absl::StrAppend(&text, ", ", report.frames, " frames");
   if (report.dropped > 0) absl::StrAppend(&text, ", ", report.dropped, " packets lost (the disk is too slow)");
   return text;
@@ -68,7 +79,7 @@ Outcome Complete(Recorder& recorder) {
   recorder.End();
   const auto report = recorder.WaitDone(kRecordLimit);
   if (!report) return Failed("recording " + recorder.path() + " could not be completed in time");
-  if (!report->error.empty()) return Failed("recording " + recorder.path() + " failed: " + report->error);
+  if (!report->error.empty()) return Failed("recording " + report->failed_path + " failed: " + report->error);
   return Outcome::Ok("recorded " + Summary(recorder.path(), *report));
 }
 
@@ -76,14 +87,27 @@ Outcome Complete(Recorder& recorder) {
 
 std::span<const device::NeededElement> NeededElements() { return kNeeded; }
 
-// kQualities[1] is MIDDLE, the quality that an encoder has until it is set.
-Encoder::Encoder(const Options& options) : options_(options), bitrate_kbps_(kQualities[1].kbps) {
+EncodePipeline::Format FormatOf(Quality quality, int middle_width, int middle_height, int middle_fps) {
+  const QualityRow& row = kQualities[static_cast<int>(quality) - 1];
+  const double most = std::max(1.0, std::min(1.0 * kMaxWidth / middle_width, 1.0 * kMaxHeight / middle_height));
+  const double scale = std::min(row.scale, most);
+  const auto even = [scale](int size) { return static_cast<int>(size * scale) & ~1; };
+  const int fps = std::clamp(middle_fps * row.rate_fifths / 5, 1, kMaxFps);
+  return {even(middle_width), even(middle_height), fps, row.kbps};
+}
+
+Encoder::Encoder(const Options& options)
+    : options_(options), format_(FormatOf(Quality::kMiddle, options.width, options.height, options.fps)) {
   const auto failed = [this](const std::string& why) {
     if (options_.on_failure) options_.on_failure(why);
   };
+  const auto low = FormatOf(Quality::kLow, options.width, options.height, options.fps);
+  const auto middle = FormatOf(Quality::kMiddle, options.width, options.height, options.fps);
+  const auto high = FormatOf(Quality::kHigh, options.width, options.height, options.fps);
+  // For all qualities, because the encoder can't change its keyframes' distance while it runs.
+  const int keyframe_every = low.fps * kKeyframeSeconds;
   pipeline_ = std::make_unique<EncodePipeline>(
-      EncodePipeline::Options{options.input, options.width, options.height, options.fps, kQualities[1].kbps}, fanout_,
-      failed);
+      EncodePipeline::Options{options.input, middle, high.width, high.height, keyframe_every}, fanout_, failed);
 }
 
 Encoder::~Encoder() {
@@ -107,9 +131,9 @@ Outcome Encoder::SetQuality(int quality) {
     {
       const absl::MutexLock lock(&mutex_);
       quality_ = row.quality;
-      bitrate_kbps_ = row.kbps;
+      format_ = FormatOf(row.quality, options_.width, options_.height, options_.fps);
     }
-    ApplyBitrate();
+    ApplyFormat();
     return Outcome::Ok(absl::StrFormat("quality %s, %d kbit/s", row.name, row.kbps));
   }
   return BadValue(absl::StrFormat("quality %d is unknown; use LOW (1), MIDDLE (2) or HIGH (3)", quality));
@@ -127,22 +151,22 @@ Outcome Encoder::SetBitrate(int kbps) {
   }
   {
     const absl::MutexLock lock(&mutex_);
-    bitrate_kbps_ = kbps;
+    format_.bitrate_kbps = kbps;
   }
-  ApplyBitrate();
+  ApplyFormat();
   return Outcome::Ok(absl::StrFormat("bitrate %d kbit/s", kbps));
 }
 
-// Sets the bitrate that was asked for last. The encoder element is foreign code and is not called with the lock held,
-// so two callers can cross; the one that set an old value sees the new one afterwards and sets it.
-void Encoder::ApplyBitrate() {
-  for (int applied = -1;;) {
+// Sets the format that was asked for last. The pipeline is foreign code and is not called with the lock held, so two
+// callers can cross; the one that set an old format sees the new one afterwards and sets it.
+void Encoder::ApplyFormat() {
+  for (EncodePipeline::Format applied{};;) {
     {
       const absl::MutexLock lock(&mutex_);
-      if (applied == bitrate_kbps_) return;
-      applied = bitrate_kbps_;
+      if (applied == format_) return;
+      applied = format_;
     }
-    pipeline_->SetBitrate(applied);
+    pipeline_->SetFormat(applied);
   }
 }
 
@@ -267,8 +291,9 @@ Outcome Encoder::StartRecord(const RecordSpec& spec) {
   const auto format = static_cast<RecordFormat>(spec.format);
   const std::string path = NewFile(format, "record");
   try {
-    auto recorder =
-        std::make_shared<Recorder>(path, format, RecordTracks(format, spec.audio, spec.video), kLiveRecording);
+    auto recorder = std::make_shared<Recorder>(
+        path, [this, format] { return NewFile(format, "record"); }, format,
+        RecordTracks(format, spec.audio, spec.video), kLiveRecording);
     fanout_.Add(recorder->queue());
     pipeline_->RequestKeyframe();  // a file begins with one; the next by itself may be 2 s away
     const absl::MutexLock lock(&mutex_);
@@ -349,7 +374,8 @@ Outcome Encoder::WriteForward(const ForwardBuffer& buffer, RecordFormat format, 
   if (packets.empty()) return WrongState("nothing is in memory yet; try again in a second");
   const std::string path = NewFile(format, "forward");
   try {
-    Recorder recorder(path, format, tracks, kStoredRecording);
+    Recorder recorder(
+        path, [this, format] { return NewFile(format, "forward"); }, format, tracks, kStoredRecording);
     for (const PacketPtr& packet : packets) recorder.queue()->Put(packet);
     return Complete(recorder);
   } catch (const std::runtime_error& error) {

@@ -24,6 +24,11 @@ namespace encd {
 
 enum class Quality { kLow = 1, kMiddle = 2, kHigh = 3 };
 
+// The picture at a quality, for an encoder whose picture at "middle" is as given: "low" has half its width and height
+// and three fifths of its rate, "high" twice its width and height, but no more than 1920x1080, and six fifths of its
+// rate, but no more than 60.
+EncodePipeline::Format FormatOf(Quality quality, int middle_width, int middle_height, int middle_fps);
+
 inline constexpr int kMinBitrateKbps = 100;
 inline constexpr int kMaxBitrateKbps = 10'000;
 inline constexpr int kMaxPushDelaySeconds = 60;
@@ -38,9 +43,9 @@ class Encoder {
  public:
   struct Options {
     std::string input;  // file or URI; "" for the test picture
-    int width = 640;
+    int width = 640;    // of the picture at quality "middle", even
     int height = 360;
-    int fps = 25;
+    int fps = 25;  // at quality "middle"
     std::string record_dir;
     // Called once, on a thread of the encoder, when encoding has ended for good. May be empty.
     std::function<void(const std::string& why)> on_failure;
@@ -66,7 +71,7 @@ class Encoder {
   // Completes recordings, ends streams and encoding.
   ~Encoder();
 
-  // A quality sets the bitrate that goes with it; a bitrate leaves the quality as it is.
+  // A quality sets the picture's size, its rate and the bitrate that go with it; a bitrate leaves the quality as it is.
   Outcome SetQuality(int quality);  // a Quality; other numbers are refused
   Quality GetQuality() const;
   Outcome SetBitrate(int kbps);
@@ -79,7 +84,8 @@ class Encoder {
   Outcome SetPushDelay(int seconds);
   std::vector<StreamState> Streams() const;
 
-  // One recording at a time. The texts name the file.
+  // One recording at a time. The texts name the file; it goes on in another one when the picture's size or rate
+  // changes, and the text of the stop then names the first and the last.
   Outcome StartRecord(const RecordSpec& spec);
   Outcome StopRecord();
 
@@ -90,7 +96,7 @@ class Encoder {
   EncodePipeline::Counters Count() const { return pipeline_->Count(); }
 
  private:
-  void ApplyBitrate();
+  void ApplyFormat();
   Outcome ReserveStream(const std::string& id, const std::string& url);
   Outcome ReserveRecording();
   std::string NewFile(RecordFormat format, const char* kind) const;
@@ -100,7 +106,7 @@ class Encoder {
   Fanout fanout_;
   mutable absl::Mutex mutex_;
   Quality quality_ ABSL_GUARDED_BY(mutex_) = Quality::kMiddle;
-  int bitrate_kbps_ ABSL_GUARDED_BY(mutex_);
+  EncodePipeline::Format format_ ABSL_GUARDED_BY(mutex_);
   int push_delay_s_ ABSL_GUARDED_BY(mutex_) = 0;
   std::map<std::string, std::shared_ptr<PushStream>> streams_ ABSL_GUARDED_BY(mutex_);  // null while it connects
   bool recording_ ABSL_GUARDED_BY(mutex_) = false;  // also while a recording starts or ends

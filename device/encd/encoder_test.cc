@@ -35,12 +35,12 @@ using vextest::WaitFor;
 
 // The encoder's output, in kbit/s of programme time, once its rate control, which evens out over 0.6 s, has had
 // time to follow the last change.
-double MeasureKbps(const Encoder& encoder) {
-  WaitFrames(encoder, kFps / 2);
+double MeasureKbps(const Encoder& encoder, std::uint64_t fps = kFps) {
+  WaitFrames(encoder, fps / 2);
   const auto before = encoder.Count();
-  WaitFrames(encoder, 2 * kFps);
+  WaitFrames(encoder, 2 * fps);
   const auto after = encoder.Count();
-  return static_cast<double>(after.video_bytes - before.video_bytes) * 8 / 1000 * kFps /
+  return static_cast<double>(after.video_bytes - before.video_bytes) * 8 / 1000 * fps /
          static_cast<double>(after.video_frames - before.video_frames);
 }
 
@@ -167,18 +167,6 @@ TEST_F(EncoderTest, AWavRecordingPlaysForAsLongAsItWasRecorded) {
   EXPECT_EQ(facts.error, "");
   EXPECT_NEAR(facts.audio_seconds, 1.0, 0.3);
   EXPECT_NEAR(facts.seconds, facts.audio_seconds, 0.01);
-}
-
-TEST_F(EncoderTest, AChangeOfQualityInTheMiddleLeavesTheRecordingWhole) {
-  ASSERT_TRUE(encoder_.StartRecord(kBoth).ok());
-  for (int quality : {3, 1, 2}) {
-    ASSERT_TRUE(encoder_.SetQuality(quality).ok());
-    WaitFrames(kFps / 3);
-  }
-  ASSERT_TRUE(encoder_.StopRecord().ok());
-  const MediaFacts facts = ProbeOnly(".mp4");
-  EXPECT_EQ(facts.error, "");
-  EXPECT_GE(facts.video_frames, kFps - 5u);
 }
 
 TEST_F(EncoderTest, BadRecordingRequestsAreRefusedWithTheReason) {
@@ -391,9 +379,9 @@ TEST_F(EncoderTest, MoreStreamsThanTheLimitAreRefused) {
 TEST(EncoderQualityTest, HighQualityGivesMoreBitsPerSecondThanLow) {
   Encoder encoder{Encoder::Options()};  // of the usual size: a small picture has no use for the bits of "high"
   ExpectResult(encoder.SetQuality(1), ErrorCode::kOk, "quality low, 500 kbit/s");
-  const double low = MeasureKbps(encoder);
+  const double low = MeasureKbps(encoder, 15);
   ExpectResult(encoder.SetQuality(3), ErrorCode::kOk, "quality high, 6000 kbit/s");
-  const double high = MeasureKbps(encoder);
+  const double high = MeasureKbps(encoder, 30);
   RecordProperty("low_kbps", std::to_string(low));
   RecordProperty("high_kbps", std::to_string(high));
   EXPECT_NEAR(low, 500, 200);

@@ -16,9 +16,9 @@
 ABSL_FLAG(std::string, address, "unix-abstract:encd@default", "where to listen, a gRPC address");
 ABSL_FLAG(std::string, input, "",
           "file or URI to encode, played again from the start at its end; none: a test picture");
-ABSL_FLAG(int, width, 640, "width of the encoded picture, even, 64 to 1920");
-ABSL_FLAG(int, height, 360, "height of the encoded picture, even, 64 to 1080");
-ABSL_FLAG(int, fps, 25, "pictures per second, 1 to 60");
+ABSL_FLAG(int, width, 640, "width of the picture at quality middle, even, 64 to 1920");
+ABSL_FLAG(int, height, 360, "height of the picture at quality middle, even, 64 to 1080");
+ABSL_FLAG(int, fps, 25, "pictures per second at quality middle, 1 to 60");
 ABSL_FLAG(std::string, record_dir, "/var/lib/encd", "folder of the recordings, made when it is missing");
 ABSL_FLAG(int, stats_seconds, 0, "print the counts of encoded and pushed pictures every so many seconds; 0: never");
 

@@ -32,18 +32,24 @@ Tracks RecordTracks(RecordFormat format, bool audio, bool video) {
   return {.video = video, .audio = audio};
 }
 
-Recorder::Recorder(const std::string& path, RecordFormat format, Tracks tracks, PacketQueue::Limits limits)
+Recorder::File::File(const std::string& file_path, RecordFormat format, Tracks tracks)
+    : path(file_path), file(file_path), mux(LayoutFor(format), tracks, kMaxPending) {
+  if (file.Error() != 0) throw std::runtime_error(std::strerror(file.Error()));
+  g_object_set(mux.pipeline().Find("file").get(), "location", file.Name().c_str(), nullptr);
+  if (mux.pipeline().SetState(GST_STATE_PLAYING)) return;
+  const std::string& error = mux.Error();
+  unlink(path.c_str());
+  throw std::runtime_error(error.empty() ? "can't open " + path : error);
+}
+
+Recorder::Recorder(const std::string& path, NextPath next_path, RecordFormat format, Tracks tracks,
+                   PacketQueue::Limits limits)
     : path_(path),
-      file_(path),
+      next_path_(std::move(next_path)),
+      format_(format),
+      tracks_(tracks),
       queue_(std::make_shared<PacketQueue>(tracks, limits)),
-      mux_(std::make_unique<MuxPipeline>(LayoutFor(format), tracks, kMaxPending)) {
-  if (file_.Error() != 0) throw std::runtime_error(std::strerror(file_.Error()));
-  g_object_set(mux_->pipeline().Find("file").get(), "location", file_.Name().c_str(), nullptr);
-  if (!mux_->pipeline().SetState(GST_STATE_PLAYING)) {
-    const std::string& error = mux_->Error();
-    unlink(path.c_str());
-    throw std::runtime_error(error.empty() ? "can't open " + path : error);
-  }
+      file_(std::make_unique<File>(path, format, tracks)) {
   thread_ = std::thread([this] { Run(); });
 }
 
@@ -62,50 +68,83 @@ std::optional<Recorder::Report> Recorder::WaitDone(milliseconds limit) {
 void Recorder::Run() {
   while (WriteNext()) {
   }
-  Report report = Complete();
-  mux_.reset();  // closes the file, before the report says that it is complete
-  if (report.error.empty()) {
-    KL_LOG(30, "recorded %s: %llu frames, %.1f s", path_.c_str(), static_cast<unsigned long long>(report.frames),
-           report.seconds);
-  } else {
-    KL_LOG(50, "recording %s failed: %s", path_.c_str(), report.error.c_str());
-  }
+  if (file_) Complete(std::move(file_));
+  so_far_.dropped = queue_->Dropped();
   const absl::MutexLock lock(&mutex_);
-  report_ = std::move(report);
+  report_ = so_far_;
   done_.SignalAll();
 }
 
 // False when there is nothing more to write.
 bool Recorder::WriteNext() {
   const auto taken = queue_->Take(kTick);
-  if (!taken.packet) return !queue_->ClosedAndEmpty() && mux_->Error().empty();
-  auto result = mux_->Push(*taken.packet);
-  if (result == MuxPipeline::PushResult::kBusy) WaitWhileBusy(*taken.packet, &result);
-  return result == MuxPipeline::PushResult::kOk;
+  if (taken.packet) return Write(*taken.packet);
+  return !queue_->ClosedAndEmpty() && file_->mux.Error().empty();
+}
+
+bool Recorder::Write(const Packet& packet) {
+  if (packet.track == Track::kVideo && !(picture_ && gst_caps_is_equal(picture_.get(), packet.caps.get()))) {
+    if (!packet.keyframe) return true;  // its keyframe was dropped
+    if (picture_ && !Turn()) return false;
+    picture_.reset(gst_caps_ref(packet.caps.get()));
+  }
+  return Push(packet) == MuxPipeline::PushResult::kOk;
+}
+
+// Goes on in another file. Sound and picture reach the recorder within a few hundredths of a second of each other; what
+// of the sound is early ends the file before.
+bool Recorder::Turn() {
+  if (!Complete(std::move(file_))) return false;
+  const std::string path = next_path_();
+  try {
+    file_ = std::make_unique<File>(path, format_, tracks_);
+  } catch (const std::runtime_error& error) {
+    return Fail(path, error.what());
+  }
+  KL_LOG(30, "recording goes on in %s, with a picture of another size or rate", path.c_str());
+  return true;
 }
 
 // The queue takes packets meanwhile and drops those that it can't hold; at its limit of time the disk counts as failed.
-void Recorder::WaitWhileBusy(const Packet& packet, MuxPipeline::PushResult* result) {
+MuxPipeline::PushResult Recorder::Push(const Packet& packet) {
+  auto result = file_->mux.Push(packet);
   const auto deadline = std::chrono::steady_clock::now() + kLiveRecording.lag;
-  while (*result == MuxPipeline::PushResult::kBusy && std::chrono::steady_clock::now() < deadline) {
+  while (result == MuxPipeline::PushResult::kBusy && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(kBusyPause);
-    *result = mux_->Push(packet);
+    result = file_->mux.Push(packet);
   }
+  return result;
 }
 
-Recorder::Report Recorder::Complete() {
-  Report report;
-  const bool finished = mux_->Finish(kCompletion);
-  report.frames = mux_->Frames();
-  report.seconds = mux_->Seconds();
-  report.dropped = queue_->Dropped();
-  if (!finished) {
-    report.error = mux_->Error();
-  } else if (report.seconds == 0) {
-    report.error = "no picture or sound arrived; the empty file is removed";
-    unlink(path_.c_str());
+// Closes the file too. False when it is not whole.
+bool Recorder::Complete(std::unique_ptr<File> file) {
+  const std::string path = file->path;
+  const bool finished = file->mux.Finish(kCompletion);
+  const std::string error = file->mux.Error();
+  const double seconds = file->mux.Seconds();
+  const auto frames = file->mux.Frames();
+  file.reset();
+  if (!finished) return Fail(path, error);
+  if (seconds == 0) {
+    unlink(path.c_str());
+    return Fail(path, "no picture or sound arrived; the empty file is removed");
   }
-  return report;
+  KL_LOG(30, "recorded %s: %llu frames, %.1f s", path.c_str(), static_cast<unsigned long long>(frames), seconds);
+  so_far_.path = path;
+  ++so_far_.files;
+  so_far_.frames += frames;
+  so_far_.seconds += seconds;
+  return true;
+}
+
+// The first failure is the recording's.
+bool Recorder::Fail(const std::string& path, const std::string& why) {
+  KL_LOG(50, "recording %s failed: %s", path.c_str(), why.c_str());
+  if (so_far_.error.empty()) {
+    so_far_.error = why;
+    so_far_.failed_path = path;
+  }
+  return false;
 }
 
 }  // namespace encd

@@ -20,7 +20,6 @@ using std::chrono::steady_clock;
 
 constexpr int kSoundRate = 48'000;
 constexpr int kSoundChannels = 2;
-constexpr int kKeyframeSeconds = 2;  // the longest a new viewer waits for a picture
 constexpr milliseconds kStartLimit{5000};
 constexpr milliseconds kTick{100};  // the watching thread looks for the end this often
 
@@ -30,25 +29,28 @@ struct TapName {
 };
 constexpr TapName kTaps[] = {{"video", Track::kVideo}, {"audio", Track::kAudio}, {"pcm", Track::kPcm}};
 
+// The filters whose caps a format sets.
+constexpr char kBars[] = "bars_format";
+constexpr char kPlate[] = "plate_format";
+constexpr char kPicture[] = "picture_format";
+
 // Colour bars that drift, for colour and motion; a moving zone plate, whose fine detail never repeats and takes
-// any bitrate that it is given; and the time, where the plugin that draws text is installed.
-std::string TestPicture(const EncodePipeline::Options& options) {
-  const std::string bars = absl::StrFormat("width=%d,height=%d", options.width, options.height);
-  const std::string plate = absl::StrFormat("width=%d,height=%d", options.width * 3 / 8 & ~1, options.height / 2 & ~1);
-  const std::string rate = absl::StrFormat("video/x-raw,format=I420,framerate=%d/1,", options.fps);
-  return absl::StrCat("videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! ", rate, bars, " ! mix.sink_0 ",
-                      "videotestsrc is-live=true pattern=zone-plate kx2=20 ky2=20 kt=3 ! ", rate, plate,
-                      " ! mix.sink_1 compositor name=mix background=black sink_1::xpos=", options.width / 2,
-                      " sink_1::ypos=", options.height / 4, " ! ", rate, bars, " ! ",
-                      device::HasElement("timeoverlay") ? "timeoverlay ! " : "");
+// any bitrate that it is given; and the time, where the plugin that draws text is installed. They are drawn in the
+// format that is encoded, so a small picture costs little.
+std::string TestPicture() {
+  return absl::StrCat(
+      "videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! capsfilter name=", kBars,
+      " ! mix.sink_0 videotestsrc is-live=true pattern=zone-plate kx2=20 ky2=20 kt=3 ! capsfilter name=", kPlate,
+      " ! mix.sink_1 compositor name=mix background=black ! capsfilter name=", kPicture, " ! ",
+      device::HasElement("timeoverlay") ? "timeoverlay ! " : "");
 }
 
 // The input's pictures are stamped as they come in; the gaps of a restart are filled with the last picture.
-std::string InputPicture(const EncodePipeline::Options& options) {
-  return absl::StrFormat(
+std::string InputPicture() {
+  return absl::StrCat(
       "appsrc name=picture is-live=true do-timestamp=true format=time max-buffers=8 max-bytes=0 "
-      "leaky-type=downstream ! videorate max-duplication-time=2000000000 ! video/x-raw,framerate=%d/1 ! ",
-      options.fps);
+      "leaky-type=downstream ! videorate max-duplication-time=2000000000 ! videoscale ! capsfilter name=",
+      kPicture, " ! ");
 }
 
 // The queue gives the encoder a thread of its own; a machine that is too slow loses pictures there, not time. The caps
@@ -59,7 +61,7 @@ std::string VideoTail(const EncodePipeline::Options& options) {
       "queue max-size-buffers=4 max-size-bytes=0 max-size-time=0 leaky=downstream ! "
       "x264enc name=encoder tune=zerolatency speed-preset=superfast threads=2 key-int-max=%d bitrate=%d ! "
       "video/x-h264,stream-format=avc,alignment=au,profile=main ! appsink name=video sync=false ",
-      options.fps * kKeyframeSeconds, options.bitrate_kbps);
+      options.keyframe_every, options.format.bitrate_kbps);
 }
 
 // The same sound twice, encoded for streams and MP4, plain for WAV; both run always, so that a recording can begin with
@@ -102,7 +104,7 @@ EncodePipeline::~EncodePipeline() {
 }
 
 void EncodePipeline::OpenInput(const Options& options) {
-  const InputSource::Format format{options.width, options.height, kSoundRate, kSoundChannels};
+  const InputSource::Format format{options.max_width, options.max_height, kSoundRate, kSoundChannels};
   const auto feeder = [](device::ElementPtr& source) {
     return [&source](GstSample* sample) { Feed(source.get(), sample); };
   };
@@ -111,9 +113,10 @@ void EncodePipeline::OpenInput(const Options& options) {
 
 void EncodePipeline::Build(const Options& options) {
   const bool input_sound = input_ && input_->HasSound();
-  pipeline_ = std::make_unique<device::Pipeline>(absl::StrCat(input_ ? InputPicture(options) : TestPicture(options),
-                                                              VideoTail(options), Sound(options, input_sound)));
+  pipeline_ = std::make_unique<device::Pipeline>(
+      absl::StrCat(input_ ? InputPicture() : TestPicture(), VideoTail(options), Sound(options, input_sound)));
   video_encoder_ = pipeline_->Find("encoder");
+  SetFormat(options.format);
   if (input_) picture_source_ = pipeline_->Find("picture");
   if (input_sound) sound_source_ = pipeline_->Find("sound");
   for (std::size_t i = 0; i < taps_.size(); ++i) {
@@ -170,8 +173,32 @@ PacketPtr EncodePipeline::ToPacket(GstSample* sample, Track track) {
   return packet;
 }
 
-void EncodePipeline::SetBitrate(int kbps) {
-  g_object_set(video_encoder_.get(), "bitrate", static_cast<guint>(kbps), nullptr);
+void EncodePipeline::SetFormat(const Format& format) {
+  g_object_set(video_encoder_.get(), "bitrate", static_cast<guint>(format.bitrate_kbps), nullptr);
+  if (!input_) PlaceTestPicture(format);
+  SetCaps(kPicture, format.width, format.height, format.fps);
+}
+
+// Setting caps that a filter has already changes nothing downstream.
+void EncodePipeline::SetCaps(const char* filter, int width, int height, int fps) {
+  const device::CapsPtr caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT,
+                                                 width, "height", G_TYPE_INT, height, "framerate", GST_TYPE_FRACTION,
+                                                 fps, 1, nullptr));
+  g_object_set(pipeline_->Find(filter).get(), "caps", caps.get(), nullptr);
+}
+
+// The mixer scales what comes from a source that has not followed yet, so that every picture is whole.
+void EncodePipeline::PlaceTestPicture(const Format& format) {
+  const auto mixer = pipeline_->Find("mix");
+  const device::PadPtr bars(gst_element_get_static_pad(mixer.get(), "sink_0"));
+  const device::PadPtr plate(gst_element_get_static_pad(mixer.get(), "sink_1"));
+  const int plate_width = format.width * 3 / 8 & ~1;
+  const int plate_height = format.height / 2 & ~1;
+  g_object_set(bars.get(), "width", format.width, "height", format.height, nullptr);
+  g_object_set(plate.get(), "xpos", format.width / 2, "ypos", format.height / 4, "width", plate_width, "height",
+               plate_height, nullptr);
+  SetCaps(kBars, format.width, format.height, format.fps);
+  SetCaps(kPlate, plate_width, plate_height, format.fps);
 }
 
 int EncodePipeline::Bitrate() const {

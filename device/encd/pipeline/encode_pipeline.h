@@ -20,12 +20,22 @@ namespace encd {
 
 class EncodePipeline {
  public:
+  // The encoded picture.
+  struct Format {
+    int width;   // even
+    int height;  // even
+    int fps;
+    int bitrate_kbps;
+
+    bool operator==(const Format&) const = default;
+  };
+
   struct Options {
     std::string input;  // a file's path or a URI; "" for the test picture
-    int width;          // of the encoded picture, even
-    int height;         // even
-    int fps;
-    int bitrate_kbps;  // to start with
+    Format format;      // to start with
+    int max_width;      // of all formats to come; the input is decoded to this size
+    int max_height;
+    int keyframe_every;  // pictures
   };
 
   // The encoders' output since the start.
@@ -43,8 +53,10 @@ class EncodePipeline {
   EncodePipeline& operator=(const EncodePipeline&) = delete;
   ~EncodePipeline();
 
-  // Any thread. The encoder follows from its next picture on.
-  void SetBitrate(int kbps);
+  // Any thread; a call that crosses another one leaves a mixture of the two, so the later one is to be repeated. The
+  // encoder follows from its next pictures on. A new size or rate makes new caps, and with them a keyframe; a new
+  // bitrate alone does not.
+  void SetFormat(const Format& format);
   int Bitrate() const;
 
   // Makes the next picture a keyframe. Any thread.
@@ -66,6 +78,8 @@ class EncodePipeline {
   void OpenInput(const Options& options);
   void Build(const Options& options);
   static void Feed(GstElement* source, GstSample* sample);
+  void SetCaps(const char* filter, int width, int height, int fps);
+  void PlaceTestPicture(const Format& format);
   void WaitForFirstPacket();
   void Watch();
 
