@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "common/v1/status.pb.h"
+#include "encd/testing/daemon_fixture.h"
 #include "encoder/v1/encoder.pb.h"
 #include "klrpc/api_client.h"
 #include "platform/testing/child_process.h"
@@ -32,84 +33,6 @@ using ::testing::StartsWith;
 using vextest::ChildProcess;
 using vextest::ExitState;
 using vextest::WaitFor;
-
-class DaemonTest : public ::testing::Test {
- protected:
-  // Whatever a test had its daemon do, it stops in order afterwards.
-  void TearDown() override {
-    if (daemon_ && !daemon_->WaitExit(milliseconds(0))) ExpectStops(SIGTERM);
-  }
-
-  std::unique_ptr<ChildProcess> Launch(std::vector<std::string> flags, std::vector<std::string> environment = {}) {
-    flags.insert(flags.begin(),
-                 {ENCD_PROGRAM, "--address=" + address_, "--record_dir=" + dir_.Path(), "--width=320", "--height=180"});
-    environment.push_back("KLBASE_LOG_FILE=" + (dir_ / "encd.log"));
-    return std::make_unique<ChildProcess>(
-        flags, ChildProcess::Options{environment, "", /*pty=*/false, /*errors_with_output=*/true});
-  }
-
-  void StartDaemon(const std::vector<std::string>& flags = {}) {
-    daemon_ = Launch(flags);
-    ASSERT_TRUE(daemon_->WaitFor("encd: listens on " + address_ + "\n")) << daemon_->Output();
-    client_ =
-        std::make_unique<klrpc::APIClient>(std::make_unique<klrpc::APIClientOptions>(address_, 1500, 200, 500, false));
-  }
-
-  template <typename Reply>
-  Reply Call(const google::protobuf::Message& request) {
-    Any packed;
-    Reply reply;
-    EXPECT_TRUE(client_->Call(request, packed)) << request.GetTypeName();
-    EXPECT_TRUE(packed.UnpackTo(&reply)) << packed.type_url();
-    return reply;
-  }
-
-  // The reply as the console prints it.
-  std::string Ask(const google::protobuf::Message& request) {
-    const auto status = Call<common::v1::Status>(request);
-    return std::to_string(status.code()) + " " + status.message();
-  }
-
-  std::string SetQuality(int quality) {
-    pb::SetVideoQualityRequest request;
-    request.set_qulity(static_cast<pb::Qulity>(quality));
-    return Ask(request);
-  }
-
-  std::string StartRecord() {
-    pb::StartStorageRecordRequest request;
-    request.set_enable_audio(true);
-    request.set_enable_video(true);
-    request.set_format(pb::RECORD_MP4);
-    return Ask(request);
-  }
-
-  std::string AddStream(const std::string& id, const std::string& url) {
-    pb::AddStreamRequest request;
-    request.mutable_live_platform()->set_unique_id(id);
-    request.mutable_live_platform()->set_url(url);
-    request.mutable_live_platform()->set_key("key");
-    return Ask(request);
-  }
-
-  void ExpectStops(int signal, const ExitState& end = {0, 0}) {
-    daemon_->Signal(signal);
-    EXPECT_EQ(daemon_->WaitExit(milliseconds(6000)), end) << daemon_->Output();
-  }
-
-  // True once the file at the recording's place is longer than `bytes`.
-  bool WaitRecorded(std::size_t bytes) {
-    return WaitFor([&] {
-      const auto files = dir_.Files(".mp4");
-      return !files.empty() && vextest::ReadFile(files.front()).size() > bytes;
-    });
-  }
-
-  vextest::ScratchFolder dir_;
-  const std::string address_ = "unix-abstract:" + vextest::UniqueName("encd-test");
-  std::unique_ptr<ChildProcess> daemon_;
-  std::unique_ptr<klrpc::APIClient> client_;
-};
 
 TEST_F(DaemonTest, SaysWhereItListensAndStopsOnSigterm) {
   StartDaemon();
@@ -153,11 +76,16 @@ TEST_F(DaemonTest, BitrateIsSetAndTold) {
   EXPECT_EQ(Ask(request), "1 bitrate 0 kbit/s is out of range; use 100 to 10000");
 }
 
-TEST_F(DaemonTest, AnEmptyBitrateReplySentAsARequestIsAnsweredInKind) {
+TEST_F(DaemonTest, AnEmptyBitrateReplySentAsARequestIsAnsweredInKindThatNoDelayArrived) {
   StartDaemon();
   const auto reply = Call<pb::GetEncoderBitrateReply>(pb::GetEncoderBitrateReply());
-  EXPECT_EQ(reply.status().code(), 0);
+  EXPECT_EQ(reply.status().code(), 1);
+  EXPECT_EQ(
+      reply.status().message(),
+      "no delay arrived: the request was a GetEncoderBitrateReply, which has none; the push delay stays as it was "
+      "(SetPushDelayRequest sets it)");
   EXPECT_EQ(reply.bitrate_kbps(), 2000);
+  EXPECT_THAT(vextest::ReadFile(dir_ / "encd.log"), HasSubstr(reply.status().message()));
 }
 
 TEST_F(DaemonTest, PushDelayIsRangeChecked) {

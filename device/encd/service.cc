@@ -14,10 +14,14 @@ namespace {
 namespace pb = encoder::v1;
 using google::protobuf::Any;
 
-void Answer(const Outcome& outcome, Any& reply) {
-  common::v1::Status status;
+void Fill(const Outcome& outcome, common::v1::Status& status) {
   status.set_code(static_cast<int>(outcome.code));
   status.set_message(outcome.text);
+}
+
+void Answer(const Outcome& outcome, Any& reply) {
+  common::v1::Status status;
+  Fill(outcome, status);
   reply.PackFrom(status);
 }
 
@@ -47,10 +51,17 @@ pb::GetEncoderBitrateReply GetBitrate(Encoder& encoder, const pb::GetEncoderBitr
   return CurrentBitrate(encoder);
 }
 
-// The console's push-delay command sends the reply message, empty, as its request, and reads the status of the same
-// message in the answer. It carries no delay, so there is none to set.
-pb::GetEncoderBitrateReply EchoBitrate(Encoder& encoder, const pb::GetEncoderBitrateReply&) {
-  return CurrentBitrate(encoder);
+// The client API's push-delay operation sends the reply message, empty, as its request, and reads the status of the
+// same message in the answer. It carries no delay, so none is set, and its caller must not take it for done.
+pb::GetEncoderBitrateReply RefuseDelay(Encoder& encoder, const pb::GetEncoderBitrateReply&) {
+  pb::GetEncoderBitrateReply reply = CurrentBitrate(encoder);
+  Fill(
+      Outcome::Error(ErrorCode::kBadValue,
+                     "no delay arrived: the request was a GetEncoderBitrateReply, which has none; the push delay stays "
+                     "as it was (SetPushDelayRequest sets it)"),
+      *reply.mutable_status());
+  KL_LOG(40, "%s", reply.status().message().c_str());
+  return reply;
 }
 
 Outcome AddStream(Encoder& encoder, const pb::AddStreamRequest& request) {
@@ -83,8 +94,8 @@ Outcome SetForwardRecord(Encoder& encoder, const pb::SetForwardRecordRequest& re
 
 Outcome ForwardRecord(Encoder& encoder, const pb::ForwardRecordRequest&) { return encoder.ForwardRecord(); }
 
-void AnswerUnparsable(const google::protobuf::Descriptor& type, Any& reply) {
-  Answer(Outcome::Error(ErrorCode::kBadValue, type.full_name() + " can't be parsed"), reply);
+Outcome Unparsable(const google::protobuf::Descriptor& type) {
+  return Outcome::Error(ErrorCode::kBadValue, type.full_name() + " can't be parsed");
 }
 
 bool RefuseUnserved(const google::protobuf::Descriptor& type, const Any&, Any& reply) {
@@ -101,7 +112,7 @@ void Service::Serve(Outcome (*operation)(Encoder&, const Request&)) {
     if (parsed) {
       Answer(operation(encoder_, request), reply);
     } else {
-      AnswerUnparsable(*Request::descriptor(), reply);
+      Answer(Unparsable(*Request::descriptor()), reply);
     }
     return true;
   });
@@ -113,7 +124,9 @@ void Service::Serve(Reply (*operation)(Encoder&, const Request&)) {
     if (parsed) {
       reply.PackFrom(operation(encoder_, request));
     } else {
-      AnswerUnparsable(*Request::descriptor(), reply);
+      Reply refusal;
+      Fill(Unparsable(*Request::descriptor()), *refusal.mutable_status());
+      reply.PackFrom(refusal);
     }
     return true;
   });
@@ -126,7 +139,7 @@ Service::Service(Encoder& encoder) : encoder_(encoder), table_("encoder.v1", Ref
   Serve(DeleteStream);
   Serve(SetBitrate);
   Serve(GetBitrate);
-  Serve(EchoBitrate);
+  Serve(RefuseDelay);
   Serve(SetPushDelay);
   Serve(StartRecord);
   Serve(StopRecord);

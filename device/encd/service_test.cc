@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "common/v1/status.pb.h"
+#include "encoder/v1/encoder.pb.h"
 
 namespace encd {
 namespace {
 
+namespace pb = encoder::v1;
 using google::protobuf::Any;
 
 class ServiceTest : public ::testing::Test {
@@ -32,6 +34,22 @@ TEST_F(ServiceTest, AMessageThatCannotBeParsedIsRefused) {
   ASSERT_TRUE(reply_.UnpackTo(&status));
   EXPECT_EQ(status.code(), 1);
   EXPECT_EQ(status.message(), "encoder.v1.SetVideoQualityRequest can't be parsed");
+}
+
+TEST_F(ServiceTest, ARefusalComesInTheRequestsOwnReply) {
+  Any request;
+  request.set_value("\xff\xff\xff");
+  request.set_type_url("type.googleapis.com/encoder.v1.GetVideoQualityRequest");
+  EXPECT_TRUE(service_.Handle(request, reply_));
+  pb::GetVideoQualityReplay quality;
+  ASSERT_TRUE(reply_.UnpackTo(&quality)) << reply_.type_url();
+  EXPECT_EQ(quality.status().code(), 1);
+  EXPECT_EQ(quality.status().message(), "encoder.v1.GetVideoQualityRequest can't be parsed");
+  request.set_type_url("type.googleapis.com/encoder.v1.GetEncoderBitrateRequest");
+  EXPECT_TRUE(service_.Handle(request, reply_));
+  pb::GetEncoderBitrateReply bitrate;
+  ASSERT_TRUE(reply_.UnpackTo(&bitrate)) << reply_.type_url();
+  EXPECT_EQ(bitrate.status().message(), "encoder.v1.GetEncoderBitrateRequest can't be parsed");
 }
 
 TEST_F(ServiceTest, TypesOfOtherPackagesAndUnknownOnesAreLeftAlone) {
