@@ -9,6 +9,8 @@ import transcript
 from reader import Reader
 
 GUIDE = markdown.document("docs/guide.md")
+# Line and what it is said to do.
+PLAYERS_EXAMPLES = re.findall(r"^\| `(playd \w+ .*?)` \| (.*) \|$", GUIDE.text(), re.MULTILINE)
 
 
 @pytest.fixture(scope="module")
@@ -60,8 +62,35 @@ def test_commands_that_are_everywhere_are_in_their_table(demo):
     assert named == {row.split()[1] for row in rows} - {"set", "show"} | {"?"}
 
 
+def test_each_command_of_the_player_has_its_example_in_the_guide(demo):
+    names = [usage.split()[0] for usage, text in entries(run(demo, "help playd")) if text != "(menu)"]
+    assert sorted(line.split()[1] for line, _ in PLAYERS_EXAMPLES) == sorted(names)
+    for line, _ in PLAYERS_EXAMPLES:
+        assert run(demo, f"help playd {line.split()[1]}")[-1].strip() == f"for example: {line}"
+
+
 def test_each_word_of_the_players_commands_is_explained(demo):
     words = {word for usage, _ in entries(run(demo, "help playd")) for word in re.findall(r"<(\w+)>", usage)}
     table = re.search(r"\| Word \|.*?\n\n", GUIDE.text(), re.DOTALL).group(0)
     explained = {word for row in table.splitlines()[2:] if "|" in row for word in row.split("|")[1].replace(",", " ").split()}
     assert explained == words
+
+
+def result_of(demo, line):
+    """What the player's answer to a line says. Events of earlier lines may come before it."""
+    head = f"**************{line.split()[1]}**********"
+    demo.top = demo.screen.cursor.y
+    demo.send(line + "\r")
+
+    def block():
+        rows = demo.rows(demo.top)
+        return rows[rows.index(head):] if head in rows and rows[-1] == "main>" else []
+
+    assert demo.wait(lambda: any(row.startswith("error_infor") for row in block())), demo.rows(demo.top)
+    return next(row.split(":")[1] for row in block() if row.startswith("result "))
+
+
+# The last one: events may still come behind it.
+def test_the_players_examples_work_one_after_another(demo):
+    for line, does in PLAYERS_EXAMPLES:
+        assert result_of(demo, line) == ("0" if "refuses" in does else "1"), line

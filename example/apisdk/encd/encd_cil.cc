@@ -28,6 +28,6 @@ void SetQuality(std::ostream& out, const std::string& word) {
 EncdCli::EncdCli(cli::Menu* parent) : RegisteredPlugin(kEncdCliName) {
   KL_LOG(30, "install rpc cli\n");
   auto menu = std::make_unique<cli::Menu>(kEncdCliName);
-  menu->Insert(cli::MakeCommand("SetQulity", &SetQuality, "send a proto message", {"qulity<low middle high>"}));
+  menu->Insert(cli::MakeCommand("SetQulity", &SetQuality, "send a proto message", {"qulity<low middle high>"}, "high"));
   menu_ = parent->Insert(std::move(menu));
 }

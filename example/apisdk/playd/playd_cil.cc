@@ -184,10 +184,11 @@ void SetVolumeOfUplayer(std::ostream& out, Word id, Word volume) {
   Call(out, "SetVolumeOfUplayer", &ApiPlayer::SetVolumeOfUplayer, {id, ToInt<uint32_t>(volume)});
 }
 
-// Inserts a command, or logs under the name of its factory that the menu is missing.
+// Inserts a command whose example has the words `example`, or logs under the name of its factory that the menu is
+// missing.
 template <typename Handler>
 void InsertCommand(cli::Menu* menu, const char* factory, const char* name, Handler handler, const char* usage,
-                   std::vector<std::string> parameters) {
+                   std::vector<std::string> parameters, const char* example) {
   if (menu == nullptr) {
     constexpr std::string_view kFile = klbase_internal::SourceName(__FILE__);
     if (kOptionLogLevel <= 50) {
@@ -195,7 +196,7 @@ void InsertCommand(cli::Menu* menu, const char* factory, const char* name, Handl
     }
     return;
   }
-  menu->Insert(cli::MakeCommand(name, handler, usage, std::move(parameters)));
+  menu->Insert(cli::MakeCommand(name, handler, usage, std::move(parameters), example));
 }
 
 }  // namespace
@@ -221,67 +222,76 @@ PlaydCli::PlaydCli(cli::Menu* parent) : RegisteredPlugin(kPlaydCliName) {
   menu_ = parent->Insert(std::move(menu));
 }
 
-// The usage examples are as operators know them, blanks and missing words included.
+// The usage texts are as operators know them, blanks and missing words included. The examples behind the parameters
+// work as they stand where there is a file build/demo/clip.mp4, some of them once a player 0 is there and has opened
+// it.
 
 void PlaydCli::CreatLiveSystemInitAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "LiveSystemInit", &LiveSystemInit, "LiveSystemInit xxx ", {"id"});
+  InsertCommand(pMenu, __func__, "LiveSystemInit", &LiveSystemInit, "LiveSystemInit xxx ", {"id"}, "0");
 }
 
 void PlaydCli::CreatLiveSystemUnInitAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "LiveSystemUnInit", &LiveSystemUnInit, "LiveSystemUnInit xxx ", {"id"});
+  InsertCommand(pMenu, __func__, "LiveSystemUnInit", &LiveSystemUnInit, "LiveSystemUnInit xxx ", {"id"}, "0");
 }
 
 void PlaydCli::CreatSetIntputTimingAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "SetIntputTiming", &SetIntputTiming, "SetIntputTiming xxx 0 ", {"id", "type"});
+  InsertCommand(pMenu, __func__, "SetIntputTiming", &SetIntputTiming, "SetIntputTiming xxx 0 ", {"id", "type"}, "0 0");
 }
 
 void PlaydCli::CreatSetOutputTimingAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "SetOutputTiming", &SetOutputTiming, "SetOutputTiming xxx 0", {"id", "type"});
+  InsertCommand(pMenu, __func__, "SetOutputTiming", &SetOutputTiming, "SetOutputTiming xxx 0", {"id", "type"}, "0 0");
 }
 
 void PlaydCli::CreatCreateUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "CreateUplayer", &CreateUplayer, "CreateUplayer xxx ", {"id"});
+  InsertCommand(pMenu, __func__, "CreateUplayer", &CreateUplayer, "CreateUplayer xxx ", {"id"}, "0");
 }
 
 void PlaydCli::CreatDeleteUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "DeleteUplayer", &DeleteUplayer, "DeleteUplayer xxx ", {"id"});
+  InsertCommand(pMenu, __func__, "DeleteUplayer", &DeleteUplayer, "DeleteUplayer xxx ", {"id"}, "0");
 }
 
 void PlaydCli::CreatOpenMediaOfUplayerAction(cli::Menu* pMenu) {
   InsertCommand(pMenu, __func__, "OpenMediaOfUplayer", &OpenMediaOfUplayer,
-                "OpenMediaOfUplayer 0 1 1 1 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0", MediaParameters());
+                "OpenMediaOfUplayer 0 1 1 1 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0", MediaParameters(),
+                "0 1 1 1 0 0 0 build/demo/clip.mp4 0 0 1280 720 0");
 }
 
 void PlaydCli::CreatCloseMediaOfUplayerAction(cli::Menu* pMenu) {
   InsertCommand(pMenu, __func__, "CloseMediaOfUplayer", &CloseMediaOfUplayer, "CloseMediaOfUplayer 0 0",
-                {"id", "only_release_fd"});
+                {"id", "only_release_fd"}, "0 0");
 }
 
 void PlaydCli::CreatSwitchSourceOfUplayerAction(cli::Menu* pMenu) {
   InsertCommand(pMenu, __func__, "SwitchSourceOfUplayer", &SwitchSourceOfUplayer,
-                "SwitchSourceOfUplayer 0 1 0 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0", MediaParameters());
+                "SwitchSourceOfUplayer 0 1 0 100 100 0  /usr/kelo/bin/test.mp4 0 0 1920 1080 0", MediaParameters(),
+                "0 1 1 1 0 0 0 build/demo/clip.mp4 640 360 640 360 0");
 }
 
 void PlaydCli::CreatGetMediaInfoOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "GetMediaInfoOfUplayer", &GetMediaInfoOfUplayer, "GetMediaInfoOfUplayer 0 ", {"id"});
+  InsertCommand(pMenu, __func__, "GetMediaInfoOfUplayer", &GetMediaInfoOfUplayer, "GetMediaInfoOfUplayer 0 ", {"id"},
+                "0");
 }
 
 void PlaydCli::CreatGetSeekOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "GetSeekOfUplayer", &GetSeekOfUplayer, "GetSeekOfUplayer 0 ", {"id"});
+  InsertCommand(pMenu, __func__, "GetSeekOfUplayer", &GetSeekOfUplayer, "GetSeekOfUplayer 0 ", {"id"}, "0");
 }
 
 void PlaydCli::CreatSetPauseOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "SetPauseOfUplayer", &SetPauseOfUplayer, "SetPauseOfUplayer 0 0 ", {"id", "state"});
+  InsertCommand(pMenu, __func__, "SetPauseOfUplayer", &SetPauseOfUplayer, "SetPauseOfUplayer 0 0 ", {"id", "state"},
+                "0 1");
 }
 
 void PlaydCli::CreatSetSeekOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "SetSeekOfUplayer", &SetSeekOfUplayer, "SetSeekOfUplayer 0 1000", {"id", "seek_ms"});
+  InsertCommand(pMenu, __func__, "SetSeekOfUplayer", &SetSeekOfUplayer, "SetSeekOfUplayer 0 1000", {"id", "seek_ms"},
+                "0 5000");
 }
 
 void PlaydCli::CreatSetSpeedOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "SetSpeedOfUplayer", &SetSpeedOfUplayer, "SetSpeedOfUplayer 0 0.3", {"id", "speed"});
+  InsertCommand(pMenu, __func__, "SetSpeedOfUplayer", &SetSpeedOfUplayer, "SetSpeedOfUplayer 0 0.3", {"id", "speed"},
+                "0 2");
 }
 
 void PlaydCli::CreatSetVolumeOfUplayerAction(cli::Menu* pMenu) {
-  InsertCommand(pMenu, __func__, "SetVolumeOfUplayer", &SetVolumeOfUplayer, "SetVolumeOfUplayer 0 ", {"id", "volume"});
+  InsertCommand(pMenu, __func__, "SetVolumeOfUplayer", &SetVolumeOfUplayer, "SetVolumeOfUplayer 0 ", {"id", "volume"},
+                "0 50");
 }

@@ -32,8 +32,8 @@ void ShowVersion(std::ostream& out, const std::string&) {
 
 CommonCli::CommonCli(cli::Menu* parent) : RegisteredPlugin(kCoreCli) {
   auto menu = std::make_unique<cli::Menu>(kCoreCli);
-  menu->Insert(cli::MakeCommand("set", &SetDebugLevel, "set debug level", {"debug", "level(int)"}));
-  menu->Insert(cli::MakeCommand("show", &ShowVersion, "show version", {"version"}));
+  menu->Insert(cli::MakeCommand("set", &SetDebugLevel, "set debug level", {"debug", "level(int)"}, "debug 1"));
+  menu->Insert(cli::MakeCommand("show", &ShowVersion, "show version", {"version"}, "version"));
   parent->Insert(std::move(menu));
 }
 

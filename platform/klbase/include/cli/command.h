@@ -1,9 +1,11 @@
 // Commands: the entries of a menu, and the way from an operator's words to a handler's typed arguments.
 //
-// A handler command is made from its name, a callable, its help text and its parameter descriptions:
+// A handler command is made from its name, a callable, its help text, its parameter descriptions and the words of an
+// example:
 //
 //   menu->Insert(cli::MakeCommand(
-//       "SetQulity", [](std::ostream& out, const std::string& quality) { ... }, "send a proto message", {"qulity"}));
+//       "SetQulity", [](std::ostream& out, const std::string& quality) { ... }, "send a proto message", {"qulity"},
+//       "high"));
 #ifndef CLI_COMMAND_H_
 #define CLI_COMMAND_H_
 
@@ -94,6 +96,10 @@ class KLBASE_EXPORT Command {
   // How each parameter is shown, without its brackets, in order; empty when the command takes none.
   virtual std::vector<std::string> ParameterNames() const { return {}; }
 
+  // A line that runs the command, as an operator types it in the command's menu; empty when there is none. It is shown
+  // by help of this command alone, not in listings.
+  virtual std::string Example() const { return ""; }
+
  protected:
   const std::string name;
   std::atomic<bool> enabled{true};
@@ -181,16 +187,18 @@ struct Select<First, Rest...> {
 
 // A command that converts its words to Params and calls `handler(std::ostream&, Params&&...)` on the thread that runs
 // the session: a handler may take each value, a constant reference to it, or the value to keep. A handler with state of
-// its own must guard it. `parameter_descriptions` holds one text per parameter, or none.
+// its own must guard it. `parameter_descriptions` holds one text per parameter, or none; `example_words` are the words
+// behind the name in an example, or empty. A command without parameters is its own example.
 template <typename Handler, typename... Params>
 class VariadicFunctionCommand : public Command {
  public:
   VariadicFunctionCommand(std::string name_of_command, Handler function, std::string help_text,
-                          std::vector<std::string> descriptions = {})
+                          std::vector<std::string> descriptions = {}, std::string words_of_example = "")
       : Command(std::move(name_of_command)),
         handler(std::move(function)),
         description(std::move(help_text)),
-        parameter_descriptions(std::move(descriptions)) {}
+        parameter_descriptions(std::move(descriptions)),
+        example_words(std::move(words_of_example)) {}
 
   bool Exec(const std::vector<std::string>& words, Session& session) override {
     if (!IsEnabled()) return false;
@@ -222,6 +230,11 @@ class VariadicFunctionCommand : public Command {
     return {TypeName<Params>::kValue...};
   }
 
+  std::string Example() const override {
+    if constexpr (sizeof...(Params) == 0) return Name();
+    return example_words.empty() ? "" : Name() + " " + example_words;
+  }
+
  private:
   void ThrowWithParameter(const bad_conversion& error) const {
     const std::vector<std::string> names = ParameterNames();
@@ -232,6 +245,7 @@ class VariadicFunctionCommand : public Command {
   Handler handler;
   const std::string description;
   const std::vector<std::string> parameter_descriptions;
+  const std::string example_words;
 };
 
 namespace internal {
@@ -246,10 +260,11 @@ VariadicFunctionCommand<Handler, std::decay_t<Args>...> CommandOf(std::function<
 // (not generic) that takes std::ostream& and the parameters and returns nothing.
 template <typename Handler>
 std::unique_ptr<Command> MakeCommand(std::string name, Handler handler, std::string help_text,
-                                     std::vector<std::string> parameter_descriptions = {}) {
+                                     std::vector<std::string> parameter_descriptions = {},
+                                     std::string example_words = "") {
   using Type = decltype(internal::CommandOf<Handler>(std::function{handler}));
   return std::make_unique<Type>(std::move(name), std::move(handler), std::move(help_text),
-                                std::move(parameter_descriptions));
+                                std::move(parameter_descriptions), std::move(example_words));
 }
 
 }  // namespace cli

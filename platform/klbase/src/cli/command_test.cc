@@ -52,6 +52,22 @@ TEST(CommandTest, HelpKeepsBracketsInsideADescription) {
   EXPECT_EQ(HelpText(*command), " - SetQulity <qulity<low middle high>>\n\tsend a proto message\n");
 }
 
+TEST(CommandTest, AnExampleIsTheNameWithTheWordsGiven) {
+  const auto command = MakeCommand(
+      "go", [](std::ostream&, const std::string&, int) {}, "help", {"where", "times"}, "up 2");
+  EXPECT_EQ(command->Example(), "go up 2");
+  EXPECT_EQ(HelpText(*command), " - go <where> <times>\n\thelp\n");
+}
+
+TEST(CommandTest, WithoutWordsForItThereIsNoExample) { EXPECT_EQ(SetCommand()->Example(), ""); }
+
+TEST(CommandTest, ACommandWithoutParametersIsItsOwnExample) {
+  EXPECT_EQ(MakeCommand(
+                "description", [](std::ostream&) {}, "apisdk tools")
+                ->Example(),
+            "description");
+}
+
 TEST(CommandTest, ExecRunsTheHandlerWithConvertedWords) {
   FakeSession session;
   EXPECT_TRUE(SetCommand()->Exec({"set", "x", "3"}, session));

@@ -16,6 +16,8 @@ TEST(VirtualOrderTest, OfACommand) {
   EXPECT_EQ(VirtualSlot(&Command::Exec), 4u);
   EXPECT_EQ(VirtualSlot(&Command::Help), 5u);
   EXPECT_EQ(VirtualSlot(&Command::GetCompletionRecursive), 6u);
+  EXPECT_EQ(VirtualSlot(&Command::ParameterNames), 7u);
+  EXPECT_EQ(VirtualSlot(&Command::Example), 8u);
 }
 
 TEST(VirtualOrderTest, OfTheConsole) { EXPECT_EQ(VirtualSlot(&Console::Run), 2u); }

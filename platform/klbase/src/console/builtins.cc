@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/words.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
@@ -28,6 +29,16 @@ struct Call {
   const CommandVector& builtins;
 };
 
+// A command's entry, and an example that works where the operator stands: behind `menus`, the words that led there.
+void ShowCommand(const Command& command, const Arguments& menus, std::ostream& out) {
+  command.Help(out);
+  const std::string example = command.Example();
+  if (example.empty()) return;
+  out << "\tfor example: ";
+  for (const auto& menu : menus) out << QuoteWord(menu) << " ";
+  out << example << "\n";
+}
+
 // Finds the entries of `words` (a command, or menus and a command) and shows them; for a menu also its commands.
 void HelpOn(const Call& call, const Arguments& words) {
   const Walk walk = FollowMenus(call.session.Path(), call.builtins, words);
@@ -38,7 +49,7 @@ void HelpOn(const Call& call, const Arguments& words) {
       if (!command->IsEnabled() || command->Name() != words.back()) continue;
       found = true;
       const auto* menu = dynamic_cast<const Menu*>(command.get());
-      menu != nullptr ? ListMenu(*menu, out) : command->Help(out);
+      menu != nullptr ? ListMenu(*menu, out) : ShowCommand(*command, {words.begin(), words.end() - 1}, out);
     }
   }
   if (!found) out << ExplainRefusal(call.session.Path(), call.builtins, words);

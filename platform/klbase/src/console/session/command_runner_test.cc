@@ -146,6 +146,38 @@ TEST_F(CommandRunnerTest, HelpBehindAMenusNameListsThatMenu) {
   EXPECT_TRUE(runner_.Path().AtRoot());
 }
 
+TEST_F(CommandRunnerTest, HelpOfACommandShowsAnExampleThatWorksWhereTheOperatorStands) {
+  const std::string entry = " - go <where>\n\thelp\n\tfor example: ";
+  playd_->Insert(MakeCommand(
+      "go", [](std::ostream&, const std::string&) {}, "help", {"where"}, "up"));
+  EXPECT_EQ(Run("help playd go"), entry + "playd go up\n");
+  EXPECT_EQ(Run("playd help go"), entry + "playd go up\n");
+  Run("playd");
+  EXPECT_EQ(Run("help go"), entry + "go up\n");
+  EXPECT_EQ(Run("help main playd go"), entry + "main playd go up\n");
+}
+
+TEST_F(CommandRunnerTest, AnExampleQuotesItsMenusName) {
+  auto menu = std::make_unique<Menu>("the player");
+  menu->Insert(MakeCommand(
+      "go", [](std::ostream&) {}, "help"));
+  root_->Insert(std::move(menu));
+  EXPECT_EQ(Run("help \"the player\" go"), " - go\n\thelp\n\tfor example: \"the player\" go\n");
+}
+
+TEST_F(CommandRunnerTest, ListingsShowNoExamples) {
+  playd_->Insert(MakeCommand(
+      "go", [](std::ostream&, const std::string&) {}, "help", {"where"}, "up"));
+  EXPECT_EQ(Run("help playd"), " - playd\n\t(menu)\n - open <id>\n\thelp\n - go <where>\n\thelp\n");
+  EXPECT_EQ(Run("playd help"), Run("help playd"));
+  EXPECT_EQ(Run("help").find("for example"), std::string::npos);
+}
+
+TEST_F(CommandRunnerTest, HelpOfACommandWithoutAnExampleIsItsEntry) {
+  EXPECT_EQ(Run("help say"), " - say <text>\n\thelp\n");
+  EXPECT_EQ(Run("help who"), " - who\n\tshow the open sessions\n");
+}
+
 TEST_F(CommandRunnerTest, AMenusCommandComesBeforeTheBuiltInOneOfThatName) {
   root_->Insert(MakeCommand(
       "exit", [](std::ostream& out) { out << "mine\n"; }, "help"));
