@@ -10,7 +10,10 @@ std::span<const device::NeededElement> NeededElements() {
       {"audioconvert", "gstreamer1.0-plugins-base"}, {"audioresample", "gstreamer1.0-plugins-base"},
       {"volume", "gstreamer1.0-plugins-base"},       {"scaletempo", "gstreamer1.0-plugins-good"},
       {"qtdemux", "gstreamer1.0-plugins-good"},      {"avdec_h264", "gstreamer1.0-libav"},
-      {"pngenc", "gstreamer1.0-plugins-good"},
+      {"pngenc", "gstreamer1.0-plugins-good"},       {"rtspsrc", "gstreamer1.0-plugins-good"},
+      {"udpsrc", "gstreamer1.0-plugins-good"},       {"flvdemux", "gstreamer1.0-plugins-good"},
+      {"rtmp2src", "gstreamer1.0-plugins-bad"},      {"srtsrc", "gstreamer1.0-plugins-bad"},
+      {"tsdemux", "gstreamer1.0-plugins-bad"},
   };
   return kNeeded;
 }

@@ -44,22 +44,10 @@ GstClockTime DueTime(GstElement* sink, GstSample* sample) {
   return gst_element_get_base_time(sink) + running;
 }
 
-// The following are called on the streaming thread of their stream. A seek or the end of the pipeline waits for them,
-// so they only hand the buffer on.
-GstFlowReturn PushPicture(GstSample* raw, gpointer layer) {
-  const device::HandedOver layer_of_other_thread(layer);
-  const device::SamplePtr sample(raw);
-  if (sample == nullptr) return GST_FLOW_EOS;
-  static_cast<Layer*>(layer)->Push(gst_sample_get_buffer(sample.get()));
-  return GST_FLOW_OK;
+GstClockTime Now() {
+  const device::ElementPtr clock(GST_ELEMENT_CAST(gst_system_clock_obtain()));
+  return gst_clock_get_time(GST_CLOCK_CAST(clock.get()));
 }
-
-// A paused pipeline decodes one picture and stops there, at the start and after a seek: it is shown as well.
-GstFlowReturn OnFirstPicture(GstAppSink* sink, gpointer layer) {
-  return PushPicture(gst_app_sink_pull_preroll(sink), layer);
-}
-
-GstFlowReturn OnPicture(GstAppSink* sink, gpointer layer) { return PushPicture(gst_app_sink_pull_sample(sink), layer); }
 
 // Called on a streaming thread, which runs already: the new elements catch up with the pipeline's state by themselves.
 void AttachBranch(GstElement* pipeline, GstElement* branch, GstPad* pad) {
@@ -74,7 +62,30 @@ void AttachBranch(GstElement* pipeline, GstElement* branch, GstPad* pad) {
 void Branches::Connect(GstElement* decoder) {
   g_signal_connect(decoder, "pad-added", G_CALLBACK(OnPad), this);
   g_signal_connect(decoder, "autoplug-continue", G_CALLBACK(OnType), this);
+  g_signal_connect(decoder, "no-more-pads", G_CALLBACK(OnNoMorePads), this);
   device::HandOver(this);
+}
+
+// The following are called on the streaming thread of their stream. A seek or the end of the pipeline waits for them,
+// so they only hand the buffer on.
+GstFlowReturn Branches::PushPicture(GstSample* raw) {
+  const device::SamplePtr sample(raw);
+  if (sample == nullptr) return GST_FLOW_EOS;
+  delivered_ = true;
+  if (pictured_.exchange(true) && held_) return GST_FLOW_OK;
+  layer_->Push(gst_sample_get_buffer(sample.get()));
+  return GST_FLOW_OK;
+}
+
+// A paused pipeline decodes one picture and stops there, at the start and after a seek: it is shown as well.
+GstFlowReturn Branches::OnFirstPicture(GstAppSink* sink, gpointer data) {
+  const device::HandedOver branches_of_other_thread(data);
+  return static_cast<Branches*>(data)->PushPicture(gst_app_sink_pull_preroll(sink));
+}
+
+GstFlowReturn Branches::OnPicture(GstAppSink* sink, gpointer data) {
+  const device::HandedOver branches_of_other_thread(data);
+  return static_cast<Branches*>(data)->PushPicture(gst_app_sink_pull_sample(sink));
 }
 
 GstFlowReturn Branches::OnSound(GstAppSink* sink, gpointer data) {
@@ -82,9 +93,16 @@ GstFlowReturn Branches::OnSound(GstAppSink* sink, gpointer data) {
   if (sample == nullptr) return GST_FLOW_EOS;
   const device::HandedOver branches_of_other_thread(data);
   auto& branches = *static_cast<Branches*>(data);
-  if (branches.muted_) return GST_FLOW_OK;
-  branches.track_->Push(gst_sample_get_buffer(sample.get()), DueTime(GST_ELEMENT(sink), sample.get()));
+  branches.delivered_ = true;
+  if (branches.muted_ || branches.held_) return GST_FLOW_OK;
+  const GstClockTime when = branches.live_ ? Now() : DueTime(GST_ELEMENT(sink), sample.get());
+  branches.track_->Push(gst_sample_get_buffer(sample.get()), when);
   return GST_FLOW_OK;
+}
+
+void Branches::OnNoMorePads(GstElement*, gpointer data) {
+  const device::HandedOver branches_of_other_thread(data);
+  static_cast<Branches*>(data)->complete_ = true;
 }
 
 // Called on a streaming thread for each stream that is decoded; the pad has caps by then.
@@ -105,8 +123,7 @@ gboolean Branches::OnType(GstElement*, GstPad*, GstCaps* caps, gpointer data) {
   auto& branches = *static_cast<Branches*>(data);
   const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
   const absl::MutexLock lock(&branches.mutex_);
-  if (!branches.typed_) branches.picture_ = name.starts_with("image/");
-  branches.typed_ = true;
+  if (branches.types_++ == 0) branches.picture_ = name.starts_with("image/");
   return TRUE;  // go on decoding
 }
 
@@ -120,13 +137,13 @@ void Branches::LinkVideo(GstElement* pipeline, GstPad* pad) {
   }
   GstElement* branch = MakeBranch(VideoBranch(layer_->FrameCaps()));
   const device::ElementPtr sink(gst_bin_get_by_name(GST_BIN(branch), "sink"));
-  g_object_set(sink.get(), "max-buffers", 1u, "enable-last-sample", FALSE, "qos", TRUE, "max-lateness", kMaxLatenessNs,
-               nullptr);
+  g_object_set(sink.get(), "max-buffers", 1u, "enable-last-sample", FALSE, "sync", !live_, "qos", !live_,
+               "max-lateness", kMaxLatenessNs, nullptr);
   GstAppSinkCallbacks callbacks = {};
   callbacks.new_preroll = OnFirstPicture;
   callbacks.new_sample = OnPicture;
-  device::HandOver(layer_.get());
-  gst_app_sink_set_callbacks(GST_APP_SINK(sink.get()), &callbacks, layer_.get(), nullptr);
+  device::HandOver(this);
+  gst_app_sink_set_callbacks(GST_APP_SINK(sink.get()), &callbacks, this, nullptr);
   AttachBranch(pipeline, branch, pad);
 }
 
@@ -138,7 +155,7 @@ void Branches::LinkAudio(GstElement* pipeline, GstPad* pad) {
   track_ = mixer_.AddTrack();
   GstElement* branch = MakeBranch(AudioBranch());
   const device::ElementPtr sink(gst_bin_get_by_name(GST_BIN(branch), "sink"));
-  g_object_set(sink.get(), "max-buffers", 1u, "enable-last-sample", FALSE, nullptr);
+  g_object_set(sink.get(), "max-buffers", 1u, "enable-last-sample", FALSE, "sync", !live_, nullptr);
   GstAppSinkCallbacks callbacks = {};
   callbacks.new_sample = OnSound;  // no preroll: a paused medium is silent
   device::HandOver(this);
@@ -149,6 +166,12 @@ void Branches::LinkAudio(GstElement* pipeline, GstPad* pad) {
 bool Branches::HasAny() const {
   const absl::MutexLock lock(&mutex_);
   return video_pad_ != nullptr || has_audio_;
+}
+
+// The first type is the container's, which the source of an RTMP address has before anything came.
+bool Branches::HasStreams() const {
+  const absl::MutexLock lock(&mutex_);
+  return types_ > 1;
 }
 
 device::PadPtr Branches::VideoPad() const {

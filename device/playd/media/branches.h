@@ -22,7 +22,9 @@ namespace playd {
 // the mixer must outlive it. Any thread may ask.
 class Branches {
  public:
-  Branches(std::unique_ptr<Layer> layer, Mixer& mixer) : mixer_(mixer), layer_(std::move(layer)) {}
+  // `live`: what arrives is shown and heard at once, whatever times it bears.
+  Branches(std::unique_ptr<Layer> layer, Mixer& mixer, bool live)
+      : mixer_(mixer), live_(live), layer_(std::move(layer)) {}
   Branches(const Branches&) = delete;
   Branches& operator=(const Branches&) = delete;
 
@@ -30,6 +32,10 @@ class Branches {
   void Connect(GstElement* decoder);
 
   bool HasAny() const;
+  // Whether streams were found in what has arrived.
+  bool HasStreams() const;
+  // Whether all streams are known, and the first picture or sound is decoded.
+  bool HasBegun() const { return complete_ && delivered_; }
   bool HasVideo() const { return VideoPad() != nullptr; }
   // The decoder's pad of the picture stream; null when there is none.
   device::PadPtr VideoPad() const;
@@ -40,6 +46,8 @@ class Branches {
   Layer& GetLayer() { return *layer_; }
   // Whether the sound is dropped instead of mixed.
   void Mute(bool mute) { muted_ = mute; }
+  // Whether pictures, once one was shown, and sound are dropped.
+  void Hold(bool hold) { held_ = hold; }
   // After the pipeline is gone.
   std::unique_ptr<Layer> ReleaseLayer() { return std::move(layer_); }
 
@@ -47,19 +55,28 @@ class Branches {
   static void OnPad(GstElement* decoder, GstPad* pad, gpointer branches);
   static gboolean OnType(GstElement* decoder, GstPad* pad, GstCaps* caps, gpointer branches);
 
+  static void OnNoMorePads(GstElement* decoder, gpointer branches);
+  static GstFlowReturn OnFirstPicture(GstAppSink* sink, gpointer branches);
+  static GstFlowReturn OnPicture(GstAppSink* sink, gpointer branches);
   static GstFlowReturn OnSound(GstAppSink* sink, gpointer branches);
 
+  GstFlowReturn PushPicture(GstSample* raw);
   void LinkVideo(GstElement* pipeline, GstPad* pad);
   void LinkAudio(GstElement* pipeline, GstPad* pad);
 
   Mixer& mixer_;
+  const bool live_;
   std::unique_ptr<Layer> layer_;
   std::atomic<bool> muted_{false};
-  std::unique_ptr<Track> track_;  // made once, by the thread that found the sound
+  std::atomic<bool> held_{false};
+  std::atomic<bool> pictured_{false};   // a picture was shown
+  std::atomic<bool> complete_{false};   // no further stream will be found
+  std::atomic<bool> delivered_{false};  // a picture or sound came through
+  std::unique_ptr<Track> track_;        // made once, by the thread that found the sound
   mutable absl::Mutex mutex_;
   device::PadPtr video_pad_ ABSL_GUARDED_BY(mutex_);
   bool has_audio_ ABSL_GUARDED_BY(mutex_) = false;
-  bool typed_ ABSL_GUARDED_BY(mutex_) = false;
+  int types_ ABSL_GUARDED_BY(mutex_) = 0;  // that the decoder came upon
   bool picture_ ABSL_GUARDED_BY(mutex_) = false;
 };
 

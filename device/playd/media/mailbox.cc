@@ -19,7 +19,8 @@ ErrorCode CodeOf(GstMessage* message) {
     code = ErrorCode::kNotMedia;
   }
   if (error != nullptr && error->domain == GST_RESOURCE_ERROR &&
-      (error->code == GST_RESOURCE_ERROR_NOT_FOUND || error->code == GST_RESOURCE_ERROR_OPEN_READ)) {
+      (error->code == GST_RESOURCE_ERROR_NOT_FOUND || error->code == GST_RESOURCE_ERROR_OPEN_READ ||
+       error->code == GST_RESOURCE_ERROR_OPEN_READ_WRITE)) {
     code = ErrorCode::kFileMissing;
   }
   g_clear_error(&error);

@@ -8,11 +8,15 @@
 #include <stdexcept>
 #include <utility>
 
+#include "playd/media/media_url.h"
+
 namespace playd {
 namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+
+constexpr auto kLivePollInterval = milliseconds(5);  // nobody tells of the first picture
 
 // After this long the state and the wish to stop are looked at again, even if no message announced a change.
 constexpr auto kPollInterval = milliseconds(50);
@@ -28,9 +32,10 @@ std::uint32_t ToMs(gint64 ns) {
 
 Media::Media(const std::string& url, const std::string& uri, const Rectangle& rectangle, std::uint32_t priority,
              Canvas& canvas, Mixer& mixer, std::function<void()> wake, const std::atomic<bool>& stop)
-    : stop_(stop),
+    : live_(playd::IsLive(uri)),
+      stop_(stop),
       mailbox_(std::make_shared<Mailbox>(std::move(wake))),
-      branches_(std::make_unique<Branches>(canvas.AddLayer(rectangle, priority), mixer)) {
+      branches_(std::make_unique<Branches>(canvas.AddLayer(rectangle, priority), mixer, live_)) {
   info_.url = url;
   device::ElementPtr top(gst_pipeline_new(nullptr));
   gst_object_ref_sink(top.get());
@@ -59,7 +64,7 @@ Outcome Media::WaitSettled(Deadline deadline, const char* what) {
     const GstStateChangeReturn state = gst_element_get_state(pipeline_->get(), nullptr, nullptr, 0);
     if (state == GST_STATE_CHANGE_SUCCESS) return Outcome::Ok();
     if (state == GST_STATE_CHANGE_NO_PREROLL) {
-      return Outcome::Error(ErrorCode::kInvalidArgument, info_.url + " is a live source; only files can be played");
+      return Outcome::Error(ErrorCode::kInvalidArgument, info_.url + " is a live source of a kind that is not known");
     }
     const auto now = steady_clock::now();
     if (now >= deadline || stop_.load()) {
@@ -76,7 +81,22 @@ Outcome Media::ChangeState(GstState state, Deadline deadline, const char* what) 
   return WaitSettled(deadline, what);
 }
 
+// Most live sources deliver nothing while they are paused.
+Outcome Media::PrerollLive(Deadline deadline) {
+  branches_->Mute(true);
+  pipeline_->SetState(GST_STATE_PLAYING);
+  while (!branches_->HasBegun()) {
+    if (auto failure = mailbox_->Failure()) return *failure;
+    const auto now = steady_clock::now();
+    if (now >= deadline || stop_.load()) break;
+    mailbox_->WaitBeyond(mailbox_->WaitBeyond(0, now), std::min(deadline, now + kLivePollInterval));
+  }
+  if (branches_->HasStreams() && !stop_.load()) return Outcome::Ok();
+  return Outcome::Error(ErrorCode::kTimeout, "opening " + info_.url + " took too long; given up");
+}
+
 Outcome Media::Preroll(Deadline deadline) {
+  if (live_) return PrerollLive(deadline);
   if (auto outcome = ChangeState(GST_STATE_PAUSED, deadline, "opening"); !outcome.ok()) return outcome;
   ReadInfo();
   if (!branches_->HasAny()) {
@@ -87,7 +107,7 @@ Outcome Media::Preroll(Deadline deadline) {
 
 void Media::ReadInfo() {
   gint64 duration = 0;
-  if (!IsPicture() && gst_element_query_duration(pipeline_->get(), GST_FORMAT_TIME, &duration)) {
+  if (!IsPicture() && !live_ && gst_element_query_duration(pipeline_->get(), GST_FORMAT_TIME, &duration)) {
     info_.duration_ms = ToMs(duration);
   }
   // The size before scaling, from the caps that the decoder has set by now.
@@ -99,9 +119,22 @@ void Media::ReadInfo() {
   info_.height = static_cast<std::uint32_t>(GST_VIDEO_INFO_HEIGHT(&video));
 }
 
-Outcome Media::Play(Deadline deadline) { return ChangeState(GST_STATE_PLAYING, deadline, "playing"); }
+Outcome Media::Play(Deadline deadline) {
+  return live_ ? HoldLive(false) : ChangeState(GST_STATE_PLAYING, deadline, "playing");
+}
 
-Outcome Media::Pause(Deadline deadline) { return ChangeState(GST_STATE_PAUSED, deadline, "pausing"); }
+Outcome Media::Pause(Deadline deadline) {
+  return live_ ? HoldLive(true) : ChangeState(GST_STATE_PAUSED, deadline, "pausing");
+}
+
+// The stream is received on: a server would take a client that reads nothing for dead, and not every one can pause.
+Outcome Media::HoldLive(bool hold) {
+  if (hold) held_at_ms_ = GetPosition().position_ms;
+  held_ = hold;
+  branches_->Hold(hold);
+  branches_->Mute(false);
+  return mailbox_->Failure().value_or(Outcome::Ok());
+}
 
 Outcome Media::Seek(std::uint64_t position_ms, double rate, Deadline deadline) {
   if (!IsSeekable()) return Outcome::Error(ErrorCode::kNotSeekable, info_.url + " has no positions to go to");
@@ -164,10 +197,18 @@ Position Media::GetPosition() const {
   if (rate_ < 0) return {BackwardPositionMs(), info_.duration_ms};
   gint64 position = 0;
   if (IsPicture() || !gst_element_query_position(pipeline_->get(), GST_FORMAT_TIME, &position)) position = 0;
+  if (live_) return {held_ ? held_at_ms_ : ToMs(position), 0};
   return {std::min(ToMs(position), info_.duration_ms), info_.duration_ms};
 }
 
-MediaKind Media::Kind() const {
+// The streams of a live medium may have come since.
+const MediaInfo& Media::Info() {
+  if (live_ && info_.width == 0) ReadInfo();
+  return info_;
+}
+
+std::optional<MediaKind> Media::Kind() const {
+  if (live_ && !branches_->HasBegun()) return std::nullopt;
   if (IsPicture()) return MediaKind::kPicture;
   return branches_->HasVideo() ? MediaKind::kVideo : MediaKind::kSound;
 }
@@ -175,7 +216,7 @@ MediaKind Media::Kind() const {
 bool Media::IsPicture() const { return branches_->IsPicture(); }
 
 bool Media::IsSeekable() const {
-  if (IsPicture()) return false;
+  if (IsPicture() || live_) return false;
   GstQuery* query = gst_query_new_seeking(GST_FORMAT_TIME);
   gboolean seekable = FALSE;
   if (gst_element_query(pipeline_->get(), query)) gst_query_parse_seeking(query, nullptr, &seekable, nullptr, nullptr);

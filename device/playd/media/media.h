@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/gst.h"
@@ -52,9 +53,12 @@ class Media {
   Media& operator=(const Media&) = delete;
   ~Media();
 
-  // Opens the medium and decodes its first picture. Afterwards it stands paused at its beginning.
+  // Opens the medium and decodes its first picture. Afterwards it stands paused at its beginning; a live one runs,
+  // unheard. A live one whose first picture is not there in time, because its sender sends a key picture now and then
+  // only, is open all the same once it has sent something.
   Outcome Preroll(Deadline deadline);
 
+  // A live medium that is paused is received on, unseen and unheard, and goes on from the present.
   Outcome Play(Deadline deadline);
   Outcome Pause(Deadline deadline);
 
@@ -78,8 +82,11 @@ class Media {
   Event TakeEvent(std::string& text);
 
   Position GetPosition() const;
-  const MediaInfo& Info() const { return info_; }
-  MediaKind Kind() const;
+  const MediaInfo& Info();
+  const std::string& Url() const { return info_.url; }
+  // Nothing while no stream of a live medium is known.
+  std::optional<MediaKind> Kind() const;
+  bool IsLive() const { return live_; }
   bool IsPicture() const;
   bool IsSeekable() const;
 
@@ -88,13 +95,18 @@ class Media {
   std::unique_ptr<Layer> ReleaseLayer();
 
  private:
+  Outcome PrerollLive(Deadline deadline);
+  Outcome HoldLive(bool hold);
   bool SendSeek(std::uint64_t position_ms, double rate);
   std::uint32_t BackwardPositionMs() const;
   Outcome WaitSettled(Deadline deadline, const char* what);
   Outcome ChangeState(GstState state, Deadline deadline, const char* what);
   void ReadInfo();
 
+  const bool live_;
   MediaInfo info_;
+  bool held_ = false;  // live and paused, there
+  std::uint32_t held_at_ms_ = 0;
   double rate_ = 1;              // of the last seek
   std::uint64_t sought_ms_ = 0;  // where it went
   const std::atomic<bool>& stop_;

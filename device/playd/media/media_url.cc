@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 
 namespace playd {
 namespace {
@@ -23,8 +25,8 @@ Outcome CheckLocalFile(const std::string& path) {
   return Outcome::Ok();
 }
 
-// The local file that `url` names. Any other scheme is refused: depending on its plugins GStreamer takes
-// "v4l2:", "rtsp:" and more, live sources without positions.
+// The local file that `url` names. Any other scheme is refused: depending on its plugins GStreamer takes "v4l2:" and
+// more.
 Outcome ToPath(const std::string& url, std::string& path) {
   path = url;
   if (url.starts_with("file://")) {
@@ -33,19 +35,27 @@ Outcome ToPath(const std::string& url, std::string& path) {
     path = name;
     g_free(name);
   } else if (gst_uri_is_valid(url.c_str())) {
-    return Outcome::Error(ErrorCode::kInvalidArgument, url + " is neither a file nor a file:, http: or https: address");
+    return Outcome::Error(
+        ErrorCode::kInvalidArgument,
+        url + " is neither a file nor an address of file:, http:, https:, rtsp:, rtmp:, udp: or srt:");
   }
   return Outcome::Ok();
 }
 
 }  // namespace
 
+bool IsLive(const std::string& uri) {
+  static constexpr const char* kSchemes[] = {"rtsp://", "rtsps://", "rtmp://", "rtmps://", "udp://", "srt://"};
+  return std::any_of(std::begin(kSchemes), std::end(kSchemes),
+                     [&uri](const char* scheme) { return uri.starts_with(scheme); });
+}
+
 Outcome ResolveUrl(const std::string& url, std::string& uri) {
   if (url.empty()) return Outcome::Error(ErrorCode::kInvalidArgument, "the url is empty");
   if (url.find('\0') != std::string::npos) {
     return Outcome::Error(ErrorCode::kInvalidArgument, "the url holds a zero byte");
   }
-  if (url.starts_with("http://") || url.starts_with("https://")) {
+  if (url.starts_with("http://") || url.starts_with("https://") || IsLive(url)) {
     uri = url;
     return Outcome::Ok();
   }

@@ -105,8 +105,7 @@ Outcome Player::Open(const MediaRequest& request) {
   if (auto outcome = CheckRequest(request); !outcome.ok()) return outcome;
   return Run([this, request](Media::Deadline) {
     if (media_ == nullptr) return DoOpen(request);
-    return Outcome::Error(ErrorCode::kMediaOpen,
-                          media_->Info().url + " is open already; close it or switch the source");
+    return Outcome::Error(ErrorCode::kMediaOpen, media_->Url() + " is open already; close it or switch the source");
   });
 }
 
@@ -200,7 +199,7 @@ Outcome Player::NeedMedia() const {
   return Outcome::Error(ErrorCode::kNoMedia, "player " + id_ + " has no open media; open one first");
 }
 
-void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Info().url, state); }
+void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Url(), state); }
 
 // A medium that is closed while it plays, or stands paused, ends there, for those who follow the reports.
 void Player::CloseMedia() {
@@ -230,7 +229,8 @@ Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, s
   media = std::make_unique<Media>(
       request.url, uri, request.rectangle, request.priority, canvas_, mixer_, [this] { worker_.Wake(); }, stop_);
   if (auto outcome = media->Preroll(deadline); !outcome.ok()) return outcome;
-  if (auto outcome = CheckKind(request, media->Kind()); !outcome.ok()) return outcome;
+  const auto kind = media->Kind();
+  if (auto outcome = kind ? CheckKind(request, *kind) : Outcome::Ok(); !outcome.ok()) return outcome;
   media->SetVolume(volume_);
   const std::uint64_t start_ms = request.start_ms != 0 ? request.start_ms : BeginningOf(*media);
   const bool moved = start_ms != 0 || speed_ != 1.0;
@@ -241,12 +241,12 @@ Outcome Player::Prepare(const MediaRequest& request, Media::Deadline deadline, s
 }
 
 // Of play, at the player's speed: backward play begins at the end of the medium.
-std::uint64_t Player::BeginningOf(const Media& media) const { return speed_ < 0 ? media.Info().duration_ms : 0; }
+std::uint64_t Player::BeginningOf(const Media& media) const { return speed_ < 0 ? media.GetPosition().duration_ms : 0; }
 
 Outcome Player::Adopt(std::unique_ptr<Media> media, const MediaRequest& request, Media::Deadline deadline) {
   const bool play = request.play_immediately;
-  if (play) {
-    if (auto outcome = media->Play(deadline); !outcome.ok()) return outcome;
+  if (play || media->IsLive()) {
+    if (auto outcome = play ? media->Play(deadline) : media->Pause(deadline); !outcome.ok()) return outcome;
   }
   ShowInPlaceOfTheOld(*media, request);
   media_ = std::move(media);
@@ -285,7 +285,7 @@ void Player::ClearAwayLeaving() {
 Outcome Player::DoPause(Media::Deadline deadline) {
   if (auto outcome = NeedMedia(); !outcome.ok()) return outcome;
   if (state_ == State::kEnded) {
-    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; resume or seek to play it again");
+    return Outcome::Error(ErrorCode::kEnded, media_->Url() + " is at its end; resume or seek to play it again");
   }
   if (state_ != State::kPlaying) return Outcome::Ok();
   if (auto outcome = media_->Pause(deadline); !outcome.ok()) return outcome;
@@ -309,7 +309,7 @@ Outcome Player::DoResume(Media::Deadline deadline) {
 // The pipeline plays still, if at its end: it goes on from the position that it is given.
 Outcome Player::Restart(Media::Deadline deadline) {
   if (!media_->IsSeekable()) {
-    return Outcome::Error(ErrorCode::kEnded, media_->Info().url + " is at its end; open it again to play it again");
+    return Outcome::Error(ErrorCode::kEnded, media_->Url() + " is at its end; open it again to play it again");
   }
   if (auto outcome = media_->Seek(BeginningOf(*media_), speed_, deadline); !outcome.ok()) return outcome;
   state_ = State::kPlaying;
@@ -377,8 +377,7 @@ std::string Player::DescribeNow() const {
   std::string text = kStates[static_cast<int>(state_)];
   if (media_ != nullptr) {
     const Position at = media_->GetPosition();
-    text += absl::StrFormat(" %s at %u of %u ms", absl::Utf8SafeCEscape(media_->Info().url), at.position_ms,
-                            at.duration_ms);
+    text += absl::StrFormat(" %s at %u of %u ms", absl::Utf8SafeCEscape(media_->Url()), at.position_ms, at.duration_ms);
   }
   text += absl::StrFormat(", speed %g, volume %g", speed_, volume_ * kMaxVolume);
   if (usb_state_) text += *usb_state_ == 0 ? ", usb unplugged" : ", usb plugged in";

@@ -631,7 +631,10 @@ TEST_F(PlayerTest, AnswersAndEndsWhileAMediumHangs) {
 
 TEST_F(PlayerTest, RefusesAddressesItCannotOpenAtOnce) {
   EXPECT_EQ(player_.Open(Request("")).code, ErrorCode::kInvalidArgument);
-  EXPECT_EQ(player_.Open(Request("rtsp://127.0.0.1/live")).code, ErrorCode::kInvalidArgument);
+  EXPECT_EQ(player_.Open(Request("v4l2:///dev/video0")).code, ErrorCode::kInvalidArgument);
+  EXPECT_EQ(
+      player_.Open(Request("gopher://127.0.0.1/live")).text,
+      "gopher://127.0.0.1/live is neither a file nor an address of file:, http:, https:, rtsp:, rtmp:, udp: or srt:");
   EXPECT_EQ(player_.Open(Request(folder_ / "")).text, folder_ / "" + " is not a regular file");
   const std::string pipe = folder_ / "pipe";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
