@@ -1,11 +1,11 @@
 #!/bin/sh
-# demo_mount.sh PROGRAMS SETTINGS COMMAND [WORD...]: runs a command that finds the reference device's settings tools where a device
-# has them.
+# demo_mount.sh PROGRAMS SETTINGS COMMAND [WORD...]: runs a command that finds the reference device's settings tools where a
+# device has them.
 #
 # The command gets a view of its own of the file system, in which /usr/kelo/bin holds sysconfig, from the folder PROGRAMS, and
-# fw_printenv, and /usr/kelo/etc is the folder SETTINGS. Nobody else sees any of it, and it goes when the command ends. A machine that
-# doesn't allow such a view runs the command without. The command replaces this script, so its process id, terminal and status are those
-# of the script.
+# fw_printenv, and /usr/kelo/etc is the folder SETTINGS. Nobody else sees any of it, and it goes when the command ends. A machine
+# that doesn't allow such a view runs the command without. The command replaces this script, so its process id, terminal and
+# status are those of the script.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
