@@ -116,6 +116,12 @@ void EncodePipeline::Build(const Options& options) {
   pipeline_ = std::make_unique<device::Pipeline>(
       absl::StrCat(input_ ? InputPicture() : TestPicture(), VideoTail(options), Sound(options, input_sound)));
   video_encoder_ = pipeline_->Find("encoder");
+  picture_filter_ = pipeline_->Find(kPicture);
+  if (!input_) {
+    mixer_ = pipeline_->Find("mix");
+    bars_filter_ = pipeline_->Find(kBars);
+    plate_filter_ = pipeline_->Find(kPlate);
+  }
   SetFormat(options.format);
   if (input_) picture_source_ = pipeline_->Find("picture");
   if (input_sound) sound_source_ = pipeline_->Find("sound");
@@ -173,32 +179,39 @@ PacketPtr EncodePipeline::ToPacket(GstSample* sample, Track track) {
   return packet;
 }
 
+// What stays the same is not set again: the elements would negotiate anew, or convert anew, for each repeated request.
 void EncodePipeline::SetFormat(const Format& format) {
   g_object_set(video_encoder_.get(), "bitrate", static_cast<guint>(format.bitrate_kbps), nullptr);
   if (!input_) PlaceTestPicture(format);
-  SetCaps(kPicture, format.width, format.height, format.fps);
+  SetCaps(picture_filter_.get(), format.width, format.height, format.fps);
 }
 
-// Setting caps that a filter has already changes nothing downstream.
-void EncodePipeline::SetCaps(const char* filter, int width, int height, int fps) {
+void EncodePipeline::SetCaps(GstElement* filter, int width, int height, int fps) {
   const device::CapsPtr caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT,
                                                  width, "height", G_TYPE_INT, height, "framerate", GST_TYPE_FRACTION,
                                                  fps, 1, nullptr));
-  g_object_set(pipeline_->Find(filter).get(), "caps", caps.get(), nullptr);
+  GstCaps* set = nullptr;
+  g_object_get(filter, "caps", &set, nullptr);
+  const device::CapsPtr before(set);
+  if (!gst_caps_is_equal(before.get(), caps.get())) g_object_set(filter, "caps", caps.get(), nullptr);
+}
+
+void EncodePipeline::PlaceInMixer(const char* pad_name, const Place& place) {
+  const device::PadPtr pad(gst_element_get_static_pad(mixer_.get(), pad_name));
+  Place set{};
+  g_object_get(pad.get(), "xpos", &set.x, "ypos", &set.y, "width", &set.width, "height", &set.height, nullptr);
+  if (set == place) return;
+  g_object_set(pad.get(), "xpos", place.x, "ypos", place.y, "width", place.width, "height", place.height, nullptr);
 }
 
 // The mixer scales what comes from a source that has not followed yet, so that every picture is whole.
 void EncodePipeline::PlaceTestPicture(const Format& format) {
-  const auto mixer = pipeline_->Find("mix");
-  const device::PadPtr bars(gst_element_get_static_pad(mixer.get(), "sink_0"));
-  const device::PadPtr plate(gst_element_get_static_pad(mixer.get(), "sink_1"));
-  const int plate_width = format.width * 3 / 8 & ~1;
-  const int plate_height = format.height / 2 & ~1;
-  g_object_set(bars.get(), "width", format.width, "height", format.height, nullptr);
-  g_object_set(plate.get(), "xpos", format.width / 2, "ypos", format.height / 4, "width", plate_width, "height",
-               plate_height, nullptr);
-  SetCaps(kBars, format.width, format.height, format.fps);
-  SetCaps(kPlate, plate_width, plate_height, format.fps);
+  const Place bars{0, 0, format.width, format.height};
+  const Place plate{format.width / 2, format.height / 4, format.width * 3 / 8 & ~1, format.height / 2 & ~1};
+  PlaceInMixer("sink_0", bars);
+  PlaceInMixer("sink_1", plate);
+  SetCaps(bars_filter_.get(), bars.width, bars.height, format.fps);
+  SetCaps(plate_filter_.get(), plate.width, plate.height, format.fps);
 }
 
 int EncodePipeline::Bitrate() const {

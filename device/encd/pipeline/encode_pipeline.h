@@ -65,6 +65,16 @@ class EncodePipeline {
   Counters Count() const;
 
  private:
+  // Of a source in the mixer's picture.
+  struct Place {
+    int x;
+    int y;
+    int width;
+    int height;
+
+    bool operator==(const Place&) const = default;
+  };
+
   // The state of a sink's callback; lives as long as the pipeline.
   struct Tap {
     EncodePipeline* owner;
@@ -78,7 +88,8 @@ class EncodePipeline {
   void OpenInput(const Options& options);
   void Build(const Options& options);
   static void Feed(GstElement* source, GstSample* sample);
-  void SetCaps(const char* filter, int width, int height, int fps);
+  static void SetCaps(GstElement* filter, int width, int height, int fps);
+  void PlaceInMixer(const char* pad_name, const Place& place);
   void PlaceTestPicture(const Format& format);
   void WaitForFirstPacket();
   void Watch();
@@ -88,6 +99,10 @@ class EncodePipeline {
   std::array<Tap, 3> taps_;
   std::unique_ptr<device::Pipeline> pipeline_;
   device::ElementPtr video_encoder_;
+  device::ElementPtr picture_filter_;
+  device::ElementPtr mixer_;  // of the test picture, as the two filters; null with an input
+  device::ElementPtr bars_filter_;
+  device::ElementPtr plate_filter_;
   device::ElementPtr picture_source_;  // where the input's pictures go in; null for the test picture
   device::ElementPtr sound_source_;
   std::unique_ptr<InputSource> input_;
