@@ -3,13 +3,14 @@
 
     run.py BUILD                  all tests: says how far they are, and prints what fails
     run.py BUILD --user-too       the same; when root runs them, those that behave differently run as an ordinary user, too
+    run.py BUILD --only PATTERN   those whose names fit; what was skipped is in BUILD/Testing/results.xml only
     run.py BUILD CTEST_ARG...     ctest with these words, which prints for itself
 """
 
 import os
 import pathlib
 import re
-import shutil
+import select
 import subprocess
 import sys
 import time
@@ -36,54 +37,68 @@ def ctest(build, *words):
 
 
 def durations(build):
-    """Test to seconds, of the last run: ctest's own file, by which it also begins with the long ones. Before the first run
-    it's told of those that take more than a moment."""
+    """Test to seconds, of their last run: ctest's own file, by which it also begins with the long ones. It's told of those
+    that take more than a moment and haven't run here."""
     file = build / "Testing" / "Temporary" / "CTestCostData.txt"
-    if not file.exists():
-        file.parent.mkdir(parents=True, exist_ok=True)
-        rows = (HERE / "durations.txt").read_text(encoding="ascii").split("\n")
-        file.write_text("".join(f"{name} 1 {seconds}\n" for name, seconds in map(str.split, filter(None, rows))) + "---\n",
-                        encoding="ascii")
-    rows = file.read_text(encoding="utf-8").split("---\n")[0].splitlines()
-    return {name: float(seconds) for name, _, seconds in (row.rsplit(" ", 2) for row in rows)}
+    text = file.read_text(encoding="utf-8") if file.exists() else "---\n"
+    known = {name: float(seconds) for name, _, seconds in (row.rsplit(" ", 2) for row in text.split("---\n")[0].splitlines())}
+    usual = dict(row.split() for row in (HERE / "durations.txt").read_text(encoding="ascii").splitlines())
+    new = {name: float(seconds) for name, seconds in usual.items() if name not in known}
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text("".join(f"{name} 1 {seconds}\n" for name, seconds in new.items()) + text, encoding="utf-8")
+    return known | new
 
 
 class Watch:
     """Follows what ctest prints: one line that says how far it is, and all of what failed."""
 
-    ENDED = re.compile(r"\s*(\d+)/(\d+) Test +#\d+: (\S+) [ .]*(?:\*\*\*)?(\S.*?) +[\d.]+ sec")
-    STARTED = re.compile(r" +Start +\d+: ")
+    ENDED = re.compile(r"\s*\d+/\d+ Test +#\d+: (.*?) \.+(?:\*\*\*| +)([A-Z].*?) +[\d.]+ sec")
+    STARTED = re.compile(r" +Start +\d+: (.*\S)")
 
     def __init__(self, whose, names, seconds):
         self.whose, self.progress, self.began = whose, Progress(), time.monotonic()
         self.weights = {name: max(seconds.get(name, 0), SHORT_S) for name in names}
         self.all_s, self.done_s = sum(self.weights.values()), 0.0
-        self.failed = 0
+        self.running = []
+        self.ended = self.failed = 0
         self.in_tests = self.in_skipped = False
+        self.head = []  # what comes before the tests: of use if none comes
 
     def line(self, text):
-        ended = self.ENDED.match(text)
-        if ended:
-            self.ended(text, *ended.groups())
-        elif self.STARTED.match(text):
+        started, ended = self.STARTED.match(text), self.ENDED.match(text)
+        if started:
             self.in_tests = True
-        elif self.in_tests and not self.is_list_of_skipped(text):
-            self.progress.clear()
-            print(text, flush=True)
+            self.running.append(started.group(1))
+        elif ended:
+            self.end(text, *ended.groups())
+        elif not self.in_tests:
+            self.head.append(text)
+        elif not self.is_list_of_skipped(text):
+            self.print(text)
 
-    def ended(self, text, number, count, name, outcome):
+    def end(self, text, name, outcome):
+        self.ended += 1
+        self.running = [each for each in self.running if each != name]
         self.done_s += self.weights.get(name, SHORT_S)
         if outcome not in ("Passed", "Skipped"):
             self.failed += 1
-            self.progress.clear()
-            print(text, flush=True)
+            self.print(text)
+
+    def print(self, text):
+        self.progress.clear()
+        print(text, flush=True)
+
+    def show(self):
+        if self.ended == len(self.weights):
+            return
         failed = f", {self.failed} failed" if self.failed else ""
-        self.progress.show(f"vex: {self.whose}{number} of {count} tests{failed}{self.left()}")
+        now = f" ({', '.join(self.running[:2])})" if self.running else ""
+        self.progress.show(f"vex: {self.whose}tests: {self.ended} of {len(self.weights)}{failed}{self.left()}{now}")
 
     def left(self):
         """As long as little is done, by the last run's durations; then by this run's speed."""
         elapsed, rest = time.monotonic() - self.began, self.all_s - self.done_s
-        seconds = elapsed * rest / self.done_s if self.done_s > 0.3 * self.all_s else max(rest, self.all_s - elapsed * JOBS) / JOBS
+        seconds = elapsed * rest / self.done_s if self.done_s > 0.3 * self.all_s else self.all_s / JOBS - elapsed
         return f", {in_words(seconds)}" if seconds > 0 and self.done_s < self.all_s else ""
 
     def is_list_of_skipped(self, text):
@@ -94,42 +109,55 @@ class Watch:
 
 def names_of(command):
     listed = subprocess.run([*command, "-N"], capture_output=True, text=True, errors="replace", check=False).stdout
-    return re.findall(r"^ +Test +#\d+: (\S+)$", listed, re.MULTILINE)
+    return re.findall(r"^ +Test +#\d+: (.*\S)$", listed, re.MULTILINE)
 
 
 def run_watched(build, whose, *words):
     command = ctest(build, *words)
     watch = Watch(whose, names_of(command), durations(build))
-    watch.progress.show(f"vex: {whose}tests: {len(watch.weights)}{watch.left()}")
-    with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                          errors="replace") as running:
-        for line in running.stdout:
-            watch.line(line.rstrip("\n"))
+    with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as running:
+        for lines in lines_of(running.stdout.fileno()):
+            for line in lines:
+                watch.line(line)
+            watch.show()
     watch.progress.clear()
+    if not watch.in_tests:
+        print("\n".join(watch.head))
     return running.returncode
+
+
+def lines_of(descriptor):
+    """What comes in whole lines; none about once a second, when nothing comes."""
+    rest = b""
+    while True:
+        data = os.read(descriptor, 65536) if select.select([descriptor], [], [], 1)[0] else None
+        if data == b"":
+            return
+        *lines, rest = (rest + (data or b"")).split(b"\n")
+        yield [line.decode(errors="replace") for line in lines]
 
 
 # --- what was skipped
 
 
 def reasons(output):
-    """Why a test, or parts of it, didn't run: GoogleTest's, pytest's and our own words."""
-    found = re.findall(r"^\S+:\d+: Skipped\n(.*)", output, re.MULTILINE)
-    found += re.findall(r"^SKIPPED \[\d+\] (?:\S+/)?(\S+: .*)", output, re.MULTILINE)
-    return found + re.findall(r"^skipped: (.*)", output, re.MULTILINE)
+    """Why a test, or parts of it, didn't run, and which parts: GoogleTest's, pytest's and our own words."""
+    found = [(why, "") for why in re.findall(r"^\S+:\d+: Skipped\n(.*)", output, re.MULTILINE)]
+    found += [(why, where) for where, why in re.findall(r"^SKIPPED \[\d+\] (?:\S+/)?(\S+): (.*)", output, re.MULTILINE)]
+    return found + [(why, "") for why in re.findall(r"^skipped: (.*)", output, re.MULTILINE)]
 
 
 def skipped(results):
-    """Reason to names of tests, of a file in JUnit's format."""
+    """Reason to the tests' names and parts, of a file in JUnit's format."""
     by_reason = {}
     if not results.exists():
         return by_reason
     for case in ElementTree.parse(results).getroot().iter("testcase"):
-        why = reasons(case.findtext("system-out") or "")
-        if not why and case.get("status") in ("notrun", "disabled"):
-            why = [case.find("skipped").get("message") if case.find("skipped") is not None else "no reason given"]
-        for reason in why:
-            by_reason.setdefault(reason, []).append(case.get("name"))
+        found = reasons(case.findtext("system-out") or "")
+        if not found and case.get("status") in ("notrun", "disabled"):
+            found = [("no reason given", "")]
+        for why, part in found:
+            by_reason.setdefault(why, []).append((case.get("name"), part))
     return by_reason
 
 
@@ -137,38 +165,44 @@ def print_skipped(results, head):
     found = skipped(results)
     if found:
         print(f"\n{head}")
-    for reason, names in sorted(found.items()):
+    for reason, tests in sorted(found.items()):
         print(f"  {reason}")
-        for name in names:
-            print(f"      {name}")
+        for name, part in tests:
+            print(f"      {name} {part}".rstrip())
 
 
 # --- all of it
 
 
-def as_ordinary_user(build, results, user_results):
+def as_ordinary_user(build, results):
     """Those that behave differently, and those that root skipped. Their status."""
-    once_more = {re.escape(name) for names in skipped(results).values() for name in names}
+    once_more = {re.escape(name) for tests in skipped(results).values() for name, _ in tests}
     pattern = "|".join([USER_ALSO, *(f"^{name}$" for name in sorted(once_more))])
-    return subprocess.run([HERE / "as_user.sh", ROOT, build, user_results, pattern], check=False).returncode
+    return subprocess.run([HERE / "as_user.sh", ROOT, build, "python3", "-B", HERE / "run.py", build, "--only", pattern],
+                          check=False).returncode
+
+
+def run_all(build, results, user_too):
+    user_results = results.with_name("results-of-the-user.xml")
+    user_results.unlink(missing_ok=True)
+    status = run_watched(build, "", "--output-junit", str(results))
+    user_status = as_ordinary_user(build, results) if user_too else 0
+    print_skipped(results, "Skipped, and why:")
+    print_skipped(user_results, "Skipped as an ordinary user, and why:")
+    return status or user_status
 
 
 def main(build, *words):
     build = pathlib.Path(build).resolve()
     results = build / "Testing" / "results.xml"
-    user_results = results.with_name("results-of-the-user.xml")
-    user_too = words == ("--user-too",) and os.geteuid() == 0
-    for file in (results, user_results):
-        file.unlink(missing_ok=True)
-    if words and words != ("--user-too",):
-        status = subprocess.run([*ctest(build, "--output-junit", str(results)), *words], check=False).returncode
-        print_skipped(results, "Skipped, and why:")
-        return status
-    status = run_watched(build, "", "--output-junit", str(results))
-    user_status = as_ordinary_user(build, results, user_results) if user_too else 0
+    results.unlink(missing_ok=True)
+    if not words or words == ("--user-too",):
+        return run_all(build, results, words and os.geteuid() == 0)
+    if words[0] == "--only":
+        return run_watched(build, "as an ordinary user: ", "-R", words[1], "--output-junit", str(results))
+    status = subprocess.run([*ctest(build, "--output-junit", str(results)), *words], check=False).returncode
     print_skipped(results, "Skipped, and why:")
-    print_skipped(user_results, "Skipped as an ordinary user, and why:")
-    return status or user_status
+    return status
 
 
 if __name__ == "__main__":

@@ -8,6 +8,7 @@ import re
 import shutil
 import subprocess
 import sys
+import tempfile
 
 import pytest
 
@@ -180,8 +181,8 @@ def run_suite(tmp_path, *words, suite=SUITE):
 @pytest.mark.parametrize("words", [[], ["-R", "."]], ids=["all", "chosen"])
 def test_skipped_tests_are_listed_with_their_reasons(tmp_path, words):
     assert run_suite(tmp_path, *words).stdout.endswith(
-        "Skipped, and why:\n  needs root\n      program\n  only root can\n      unit.Case.Of\n"
-        "  test_pages.py:5: no printer\n      pages\n")
+        "Skipped, and why:\n  needs root\n      program\n  no printer\n      pages test_pages.py:5\n"
+        "  only root can\n      unit.Case.Of\n")
 
 
 def test_what_failed_is_shown_and_nothing_else(tmp_path):
@@ -192,9 +193,83 @@ def test_what_failed_is_shown_and_nothing_else(tmp_path):
 
 
 def test_a_run_that_passes_tells_how_many(tmp_path):
-    done = run_suite(tmp_path, suite="add_test(good echo fine)\n")
-    assert (done.returncode, done.stderr) == (0, "vex: tests: 1, about 5 s left\n")
-    assert "100% tests passed, 0 tests failed out of 1" in done.stdout and "kipped" not in done.stdout
+    done = run_suite(tmp_path, suite="add_test(good echo fine)\nadd_test([[with a parameter/0  # GetParam() = 64 ...]] echo)\n")
+    assert done.returncode == 0 and re.fullmatch(r"vex: tests: \d of 2.*\n", done.stderr)
+    assert " sec\n" not in done.stdout.split("Total")[0]
+    assert "100% tests passed, 0 tests failed out of 2" in done.stdout and "kipped" not in done.stdout
+
+
+def test_ctest_is_told_how_long_tests_take_that_have_not_run_here(tmp_path):
+    """It begins with the long ones."""
+    file = tmp_path / "Testing" / "Temporary" / "CTestCostData.txt"
+    file.parent.mkdir(parents=True)
+    file.write_text("docs 3 1.5\n---\ndocs\n", encoding="ascii")
+    run_suite(tmp_path, suite="add_test(good echo fine)\n")
+    rows = file.read_text().splitlines()
+    assert "docs 3 1.5" in rows and any(re.match(r"soak 1 \d\d", row) for row in rows)
+
+
+# An ordinary user
+
+def can_make_a_user():
+    mounts = ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc", "true"]
+    return os.geteuid() == 0 and subprocess.run(mounts, capture_output=True, check=False).returncode == 0
+
+
+needs_a_user = pytest.mark.skipif(not can_make_a_user(), reason="only root can make a user, where it may mount")
+
+
+@pytest.fixture(params=["/tmp", "/var/tmp"])
+def roots_tree(request):
+    """A tree that only root can enter, as one below root's home."""
+    with tempfile.TemporaryDirectory(dir=request.param) as folder:
+        (pathlib.Path(folder) / "tree" / "build" / "Testing").mkdir(parents=True)
+        yield pathlib.Path(folder) / "tree"
+
+
+def as_user(tree, text, **environment):
+    return subprocess.run([ROOT / "tests" / "as_user.sh", tree, tree / "build", "bash", "-c", text], capture_output=True,
+                          text=True, timeout=LIMIT_S, check=False, env=dict(os.environ, **environment))
+
+
+@needs_a_user
+def test_an_ordinary_user_owns_a_copy_of_the_tree_in_its_place(roots_tree):
+    done = as_user(roots_tree, 'id -u; pwd; touch mine "$HOME/mine" && stat -c %U mine')
+    assert done.returncode == 0, done.stderr
+    user, folder, owner = done.stdout.split()
+    assert int(user) != 0 and folder == str(roots_tree) and owner.startswith("vextest")
+    assert os.listdir(roots_tree) == ["build"]
+
+
+@needs_a_user
+def test_nothing_is_left_of_the_user(roots_tree):
+    done = as_user(roots_tree, "sleep 1000 & echo $USER $HOME $!; exit 3")
+    user, home, _ = done.stdout.split()
+    assert done.returncode == 3
+    assert user not in pathlib.Path("/etc/passwd").read_text() and not pathlib.Path(home).parent.exists()
+    assert not subprocess.run(["pgrep", "-u", user], capture_output=True, check=False).stdout
+
+
+@needs_a_user
+def test_the_users_tmp_is_another_file_system(roots_tree):
+    done = as_user(roots_tree, "stat -c %d /tmp . && touch /tmp/mine")
+    tmp, tree = done.stdout.split()
+    assert tmp != tree
+
+
+@needs_a_user
+def test_the_users_results_are_kept(roots_tree):
+    as_user(roots_tree, "echo results >build/Testing/results.xml")
+    assert (roots_tree / "build" / "Testing" / "results-of-the-user.xml").read_text() == "results\n"
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root makes a user")
+@pytest.mark.parametrize("program", ["useradd", "unshare"])
+def test_a_machine_that_makes_no_user_is_told_and_no_failure(roots_tree, tmp_path, program):
+    fake(tmp_path, program, f"echo {program} is not allowed >&2; exit 1")
+    done = as_user(roots_tree, "echo ran", PATH=f"{tmp_path}/programs:{os.environ['PATH']}")
+    assert (done.returncode, done.stdout) == (0, "")
+    assert done.stderr == f"vex: no tests as an ordinary user: {program} is not allowed\n"
 
 
 # The scripts

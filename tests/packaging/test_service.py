@@ -1,10 +1,13 @@
 """The packages' life under a real service manager: installed, used, upgraded, removed, purged."""
 
+import os
 import re
 
 import pytest
 
 from private_root import PrivateRoot, wait_until
+
+pytestmark = pytest.mark.skipif(bool(os.environ["VEX_NO_PRIVATE_ROOT"]), reason=os.environ["VEX_NO_PRIVATE_ROOT"])
 
 UNITS = ["vextool.service", "encd.service", "playd.service"]
 OWN_WORDS = ["vextool", "klbase", "klrpc", "encd", "playd", "kelo", "make_sample_clip", "apisdk"]
