@@ -238,8 +238,10 @@ Outcome Service::Get(const lp::v1::GetMediaInfoOfUplayerReq& request, lp::v1::Ge
 
 std::string Service::Describe() {
   const CanvasMode output = canvas_.Mode();
+  const int composed = canvas_.ComposedFrequency();
   std::string text =
       absl::StrFormat("output timing: %dx%d at %g Hz\n", output.width, output.height, output.frequency / kHundredths);
+  if (composed < output.frequency) text += absl::StrFormat("composed at: %g Hz\n", composed / kHundredths);
   const absl::MutexLock lock(&mutex_);
   if (!input_timing_) return text + "input timing: none\n";
   const CanvasMode input = ModeOf(*input_timing_);

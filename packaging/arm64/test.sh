@@ -20,7 +20,7 @@ plugins_needed=(
   test_a_real_file_from_opening_to_its_end test_sigterm_of_the_player_while_it_plays
 )
 # The device's parts that need no plugin.
-plugins_not_needed='^encd_test\.PacketQueue|^playd_test\.(Geometry|Worker)'
+plugins_not_needed='^encd_test\.PacketQueue|^playd_test\.(Geometry|Pace|Worker)'
 
 names=${plugins_needed[*]}
 export PYTEST_ADDOPTS="-k 'not (${names// / or })'"

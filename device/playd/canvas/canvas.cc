@@ -1,6 +1,7 @@
 #include "playd/canvas/canvas.h"
 
 #include <absl/strings/str_cat.h>
+#include <absl/strings/str_format.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/video/video.h>
 
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "base/hand_over.h"
+#include "klbase/log.h"
 #include "klbase/steady_cond_var.h"
 #include "playd/canvas/whole_file.h"
 #include "playd/canvas/window.h"
@@ -20,8 +22,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr int kMaxFrequency = 2500;  // 25 pictures per second
 constexpr std::size_t kBytesPerPixel = 3;
+constexpr double kHundredths = 100;  // of a hertz
 
 // The compositor compares by signed subtraction.
 constexpr std::uint32_t kTopPriority = INT_MAX;
@@ -30,16 +32,15 @@ constexpr std::uint32_t kTopPriority = INT_MAX;
 constexpr char kFormat[] =
     "video/x-raw,format=I420,pixel-aspect-ratio=1/1,interlace-mode=progressive,colorimetry=bt709";
 
-std::string ModeCaps(const CanvasMode& mode) {
-  return absl::StrCat(kFormat, ",width=", mode.width, ",height=", mode.height,
-                      ",framerate=", std::min(mode.frequency, kMaxFrequency), "/100");
+std::string ModeCaps(const CanvasMode& mode, int frequency) {
+  return absl::StrCat(kFormat, ",width=", mode.width, ",height=", mode.height, ",framerate=", frequency, "/100");
 }
 
 // force-live: pictures come out on time without any layer, and without waiting for one that has nothing new.
 std::string CanvasPipeline() {
   return "compositor name=compositor background=black force-live=true ignore-inactive-pads=true "
          "zero-size-is-unscaled=false ! capsfilter name=filter caps=" +
-         ModeCaps(CanvasMode()) + " ! fakesink sync=true enable-last-sample=false qos=false";
+         ModeCaps(CanvasMode(), CanvasMode().frequency) + " ! fakesink sync=true enable-last-sample=false qos=false";
 }
 
 std::string FrameCapsOf(const Rectangle& place) {
@@ -183,6 +184,7 @@ Canvas::~Canvas() {
 GstPadProbeReturn Canvas::OnComposed(GstPad*, GstPadProbeInfo*, gpointer data) {
   const device::HandedOver canvas_of_other_thread(data);
   static_cast<Canvas*>(data)->StepFades();
+  static_cast<Canvas*>(data)->KeepPace();
   return GST_PAD_PROBE_OK;
 }
 
@@ -219,12 +221,41 @@ bool Canvas::IsFading(GstPad* pad) const {
 }
 
 void Canvas::SetMode(const CanvasMode& mode) {
-  const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode).c_str()));
   // Held throughout, so that modes that are set at the same time do not mix; nothing here calls back.
   const absl::MutexLock lock(&mutex_);
   mode_ = mode;
-  g_object_set(filter_.get(), "caps", caps.get(), nullptr);
+  pace_.Ask(mode.frequency);
+  noted_ = 0;
+  ApplyModeLocked();
   for (GstPad* pad : whole_) g_object_set(pad, "width", mode.width, "height", mode.height, nullptr);
+}
+
+void Canvas::ApplyModeLocked() {
+  const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode_, pace_.Frequency()).c_str()));
+  g_object_set(filter_.get(), "caps", caps.get(), nullptr);
+}
+
+int Canvas::ComposedFrequency() const {
+  const absl::MutexLock lock(&mutex_);
+  return pace_.Frequency();
+}
+
+// On the streaming thread, like every change of the rate by itself.
+void Canvas::KeepPace() {
+  std::string text;
+  bool reduced = false;
+  {
+    const absl::MutexLock lock(&mutex_);
+    const auto finding = pace_.OnPicture(steady_clock::now());
+    if (!finding) return;
+    if (finding->changed) ApplyModeLocked();
+    if (std::exchange(noted_, finding->frequency) == finding->frequency) return;
+    reduced = pace_.IsReduced();
+    text = absl::StrFormat("the canvas, %dx%d, is composed at %g of the %g Hz asked for; %.1f pictures/s were counted",
+                           mode_.width, mode_.height, finding->frequency / kHundredths, mode_.frequency / kHundredths,
+                           finding->measured / kHundredths);
+  }
+  KL_LOG(reduced ? 40 : 30, "%s", text.c_str());
 }
 
 Rectangle Canvas::Place(GstPad* pad, const Rectangle& rectangle) {

@@ -15,6 +15,7 @@
 #include "absl/synchronization/mutex.h"
 #include "base/gst.h"
 #include "playd/canvas/geometry.h"
+#include "playd/canvas/pace.h"
 #include "playd/error_code.h"
 
 namespace playd {
@@ -73,8 +74,8 @@ class Layer {
 // run. Layers of greater priority cover those of smaller; among equals the one added later is on top. Where there is
 // no layer the canvas is black. Any thread.
 //
-// Composed at the mode's frequency, at most 25 pictures per second: more would cost processor time that
-// the players need.
+// Composed at the mode's frequency where the machine keeps up with it, else at a part of it: see Pace. The log says at
+// which, and how many pictures a second were counted, after each change.
 class Canvas {
  public:
   // Starts composing at CanvasMode's defaults. With `window` it is also shown on the display, if that can be opened;
@@ -88,6 +89,8 @@ class Canvas {
   // Takes effect within a few pictures; layers stay where they are, those of the whole canvas grow and shrink with it.
   void SetMode(const CanvasMode& mode);
   CanvasMode Mode() const;
+  // In hundredths of a hertz: the mode's, or less where the machine does not keep up.
+  int ComposedFrequency() const;
 
   // A checked rectangle (CheckRectangle).
   std::unique_ptr<Layer> AddLayer(const Rectangle& rectangle, std::uint32_t priority);
@@ -119,6 +122,8 @@ class Canvas {
   void StartFade(GstPad* pad, double to, std::chrono::milliseconds delay, std::chrono::milliseconds length);
   bool IsFading(GstPad* pad) const;
   void StepFades();
+  void KeepPace();
+  void ApplyModeLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   static GstPadProbeReturn OnComposed(GstPad* pad, GstPadProbeInfo* info, gpointer canvas);
 
   device::SamplePtr NextSample(std::chrono::milliseconds timeout);
@@ -132,6 +137,8 @@ class Canvas {
 
   mutable absl::Mutex mutex_;
   CanvasMode mode_ ABSL_GUARDED_BY(mutex_);
+  Pace pace_ ABSL_GUARDED_BY(mutex_){CanvasMode().frequency};
+  int noted_ ABSL_GUARDED_BY(mutex_) = 0;            // the rate that the log knows of
   std::set<GstPad*> whole_ ABSL_GUARDED_BY(mutex_);  // of layers that fill the canvas
   mutable absl::Mutex fade_mutex_;
   std::map<GstPad*, Fade> fades_ ABSL_GUARDED_BY(fade_mutex_);

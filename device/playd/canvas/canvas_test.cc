@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "platform/testing/log_capture.h"
 #include "platform/testing/scratch_folder.h"
 #include "playd/canvas/window.h"
 #include "playd/sound/mixer.h"
@@ -145,6 +146,50 @@ TEST(CanvasTest, FollowsTheModeAndKeepsItsLayers) {
     EXPECT_TRUE(Near(picture.At(100, 100), kRed));
     EXPECT_EQ(canvas.Mode().width, mode.width);
   }
+}
+
+// The pictures that pass in a second.
+int PicturesInASecond(Canvas& canvas) {
+  Picture picture;
+  int count = 0;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (std::chrono::steady_clock::now() < end && canvas.Snapshot(kLimit, picture)) ++count;
+  return count;
+}
+
+TEST(CanvasTest, ComposesAsManyPicturesASecondAsTheModeAsksFor) {
+  Canvas canvas(false);
+  canvas.SetMode({64, 64, 6000});
+  EXPECT_TRUE(vextest::WaitFor([&] {
+    const int count = PicturesInASecond(canvas);
+    return count > 50 && count <= 66;
+  }));
+  EXPECT_EQ(canvas.ComposedFrequency(), 6000);
+  canvas.SetMode({64, 64, 2400});
+  EXPECT_TRUE(vextest::WaitFor([&] {
+    const int count = PicturesInASecond(canvas);
+    return count > 20 && count <= 26;
+  }));
+}
+
+TEST(CanvasTest, SaysInTheLogWhatItComposes) {
+  const vextest::LogCapture log;
+  Canvas canvas(false);
+  canvas.SetMode({64, 64, 6000});
+  EXPECT_TRUE(log.WaitForText("30 the canvas, 64x64, is composed at 60 of the 60 Hz asked for; "));
+}
+
+TEST(CanvasTest, ComposesLessOftenWhereTheMachineDoesNotKeepUpAndSaysSo) {
+  const vextest::LogCapture log;
+  Canvas canvas(false);
+  canvas.SetMode({64, 64, 6000});
+  const auto stretched = ShowColor(canvas, {0, 0, 0, 0}, 0, kRed);
+  canvas.SetMode({8000, 4000, 24000});
+  EXPECT_TRUE(vextest::WaitFor([&] { return canvas.ComposedFrequency() < 24000; }));
+  EXPECT_TRUE(log.WaitForText("40 the canvas, 8000x4000, is composed at "));
+  canvas.SetMode({64, 64, 6000});
+  EXPECT_EQ(canvas.ComposedFrequency(), 6000);
+  EXPECT_TRUE(ShowsWithin(canvas, 32, 32, kRed)) << "pictures come on";
 }
 
 TEST(CanvasTest, GoesOnWhileLayersComeAndGo) {
