@@ -41,9 +41,13 @@ if [ "$1" = --inside ]; then
   exec setpriv --inh-caps=-all --ambient-caps=-all -- "$@"
 fi
 
-mkdir -p "$2"
-programs=$(cd "$1" && pwd) settings=$(cd "$2" && pwd)
+programs=$(cd "$1" && pwd) folder=$2
 shift 2
+if ! { mkdir -p "$folder" && [ -w "$folder" ]; } 2>/dev/null; then
+  echo "demo_mount: $folder can't be written to; the settings tools are not where a device has them" >&2
+  exec "$@"
+fi
+settings=$(cd "$folder" && pwd)
 [ -f "$settings/fw_env.conf" ] || cp "$here/fw_env.conf" "$settings/"
 export PATH="/usr/kelo/bin:$PATH"
 for own in "--mount" "--mount --user --map-current-user --keep-caps"; do

@@ -99,6 +99,13 @@ def test_a_machine_that_allows_no_view_runs_the_command_without(tmp_path):
     assert (done.returncode, done.stdout, done.stderr) == (0, "" if os.path.exists(SYSCONFIG) else "none\n", "")
 
 
+def test_a_folder_that_cannot_be_written_costs_the_settings_and_not_the_command(tmp_path):
+    (tmp_path / "file").touch()
+    done = run(tmp_path / "file" / "settings", "echo", "runs")
+    assert (done.returncode, done.stdout) == (0, "runs\n")
+    assert "can't be written to" in done.stderr
+
+
 @pytest.mark.skipif(BIN.resolve() != ROOT / "build" / "bin", reason="the demo runs the release build only")
 def test_the_demos_tool_has_the_view(settings):
     done = test_demo.demo("envctl description\n", "--cli_port=0")
