@@ -179,8 +179,6 @@ FIGURES = [
     (r"TCP port (7\d+)", "modules/apisdk/apisdk.cc", r"kNodePort = ([^;]+);", 1),
     (r"It ends within (\d+) s", "example/exit_handling.h", r"kEndLimit\{([^}]+)\}", 1),
     (r"hangs is killed after (\d+) s", "modules/envctl/sysconf.cc", r"kLimit\{([^}]+)\}", 1),
-    (r"service may take (\d+) MiB", "packaging/debian/vextool.service", r"MemoryMax=(\d+)M", 1),
-    (r"of memory and (\d+) tasks", "packaging/debian/vextool.service", r"TasksMax=(\d+)", 1),
     (r"at most (\d+) players", "device/playd/player/player_table.h", r"kMaxPlayers = ([^;]+);", 1),
     (r"name, 1 to (\d+) characters", "device/playd/player/player_table.h", r"kMaxIdLength = ([^;]+);", 1),
     (r"1 to (\d+) a side", "device/playd/canvas/geometry.cc", r"kMaxSide = ([^;]+);", 1),
@@ -197,6 +195,20 @@ def test_figures_are_the_codes(claim, file, definition, unit):
     assert stated, "no page says it any more: take it out of FIGURES, or say it"
     for figure in stated:
         assert float(figure) * unit == value or float(figure) == value * unit, f"{file} says {defined.group(0)}"
+
+
+def test_the_services_limits_and_needs_are_the_units():
+    limits = read("docs/operations.md").split("\n## Limits")[1].split("\n## ")[0]
+    rows = re.findall(r"^\| `(\w+)` \| (\d+) \| (\d+) \| (.*) \|$", limits, re.MULTILINE)
+    assert [row[0] for row in rows] == ["vextool", "encd", "playd"]
+    for name, memory, tasks, needs in rows:
+        unit = read(f"packaging/debian/{name}.service")
+        limit, scale = re.search(r"^MemoryMax=(\d+)([MG])$", unit, re.MULTILINE).groups()
+        assert int(memory) == int(limit) * {"M": 1, "G": 1024}[scale]
+        assert re.search(rf"^TasksMax={tasks}$", unit, re.MULTILINE)
+        comment = re.search(r"^# Measured[^=]*", unit, re.MULTILINE)[0].replace("\n#", "")
+        figures = r"(\d+) MiB and (\d+) threads"
+        assert re.findall(figures, needs) == re.findall(figures, comment)
 
 
 def test_counted_things_are_as_many():

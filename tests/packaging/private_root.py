@@ -102,6 +102,7 @@ class PrivateRoot:
         run("mount", "-t", "tmpfs", "tmpfs", "/run")
         # Two test runs differ in the process id space that they have to themselves.
         name = f"vextest-{os.readlink('/proc/self/ns/pid').strip('pid:[]')}-{next(self._numbers)}"
+        self.name = name
         self.group = ControlGroup(name)
         masks = [f"systemd.mask={unit}" for unit in OFF]
         self.output = open(self.changed.parent / "boot.log", "w+b")
@@ -144,6 +145,20 @@ class PrivateRoot:
     def inside(self, *command):
         """Runs a command in the booted system."""
         return run(*self._inside(*command))
+
+    def seen_from_here(self, process):
+        """The id that a process of the booted system has outside of it."""
+        for status in pathlib.Path("/proc").glob("[0-9]*/status"):
+            try:
+                ids = next(line.split()[1:] for line in status.read_text().splitlines() if line.startswith("NSpid:"))
+            except (FileNotFoundError, ProcessLookupError):
+                continue  # it has ended
+            if len(ids) > 1 and ids[-1] == str(process) and self._is_inside(int(ids[0])):
+                return int(ids[0])
+        raise AssertionError(f"there is no process {process} inside")
+
+    def _is_inside(self, process):
+        return os.readlink(f"/proc/{process}/ns/pid") == os.readlink(f"/proc/{self.first}/ns/pid")
 
     def install(self, *packages):
         """dpkg --install in the booted system; the packages are files of this machine."""

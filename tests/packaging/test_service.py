@@ -5,6 +5,8 @@ import re
 
 import pytest
 
+from conftest import SOURCE
+from control_limits import ControlLimits
 from private_root import PrivateRoot, wait_until
 
 pytestmark = pytest.mark.skipif(bool(os.environ["VEX_NO_PRIVATE_ROOT"]), reason=os.environ["VEX_NO_PRIVATE_ROOT"])
@@ -169,6 +171,86 @@ def test_the_services_have_limits_and_the_console_its_group(installed):
     assert installed.inside("id", "--group", "--name", "vextool") == "vextool\n"
     environment = installed.inside("cat", f"/proc/{main_process(installed, 'vextool.service')}/environ").split("\0")
     assert "KLBASE_CONSOLE_ALLOW=@vextool" in environment
+
+
+def measured(unit):
+    """The figures that the unit's page says were measured: pairs of MiB and threads."""
+    text = (SOURCE / "packaging/debian" / unit).read_text(encoding="ascii").replace("\n#", "")
+    return [(int(memory), int(threads)) for memory, threads in re.findall(r"(\d+) MiB and (\d+) threads", text)]
+
+
+def needs(root, unit):
+    """MiB and threads of the unit's process."""
+    status = root.inside("cat", f"/proc/{main_process(root, unit)}/status")
+    return (int(re.search(r"VmRSS:\s+(\d+) kB", status)[1]) >> 10, int(re.search(r"Threads:\s+(\d+)", status)[1]))
+
+
+def check(found, stated, root, unit):
+    """A figure is about what was measured, and the limits leave room for as much again."""
+    limits = root.unit(unit, "MemoryMax", "TasksMax")
+    assert 0.6 * stated[0] <= found[0] <= 1.4 * stated[0], f"{unit}: {found}, its unit says {stated}"
+    assert abs(found[1] - stated[1]) <= max(2, os.cpu_count()), f"{unit}: {found}, its unit says {stated}"
+    assert 2 * found[0] << 20 <= int(limits["MemoryMax"]) and 2 * found[1] <= int(limits["TasksMax"])
+
+
+def test_the_kernel_keeps_the_limits_where_it_can(installed):
+    for unit in UNITS:
+        group = installed.unit(unit, "ControlGroup")["ControlGroup"]
+        limits = installed.unit(unit, "MemoryMax", "TasksMax")
+        for file, limit in (("memory.max", limits["MemoryMax"]), ("pids.max", limits["TasksMax"])):
+            found = installed.inside("sh", "-c", f"cat /sys/fs/cgroup{group}/{file} 2>/dev/null || true").strip()
+            assert found in ("", limit), f"{unit}: {file}"  # "": no such controller in this container
+
+
+# Sixty clients that send commands and read nothing, until none of them can send more.
+STILL = """
+import select, socket
+clients = [socket.create_connection(("127.0.0.1", 50000)) for _ in range(60)]
+for client in clients:
+    client.setblocking(False)
+idle = 0
+while idle < 20:
+    sent = 0
+    for client in clients:
+        try:
+            sent += client.send(b"help\\n" * 20000)
+        except BlockingIOError:
+            pass
+    idle = 0 if sent else idle + 1
+    select.select([], [], [], 0.05)
+print("all are full", flush=True)
+select.select([], [], [])
+"""
+
+
+def test_the_console_needs_what_its_unit_says_and_lives_within_its_limits(installed):
+    unit = "vextool.service"
+    installed.inside("systemctl", "restart", unit)
+    at_rest, full = measured(unit)
+    limits = installed.unit(unit, "MemoryMax", "TasksMax")
+    process = main_process(installed, unit)
+    with ControlLimits(f"{installed.name}-limits", installed.seen_from_here(process),
+                       limits["MemoryMax"], limits["TasksMax"]):
+        wait_until(lambda: "git-version:" in ask(installed, "core show version"), "the console answers")
+        wait_until(lambda: needs(installed, unit)[1] <= at_rest[1] + 2, "the session's end")
+        check(needs(installed, unit), at_rest, installed, unit)
+        installed.inside("systemd-run", "--unit=still", "python3", "-c", STILL)
+        wait_until(lambda: "all are full" in journal(installed, "still.service"), "nobody can send more")
+        found = needs(installed, unit)
+        assert "git-version:" in ask(installed, "core show version")
+        installed.inside("systemctl", "stop", "still.service")
+        check(found, full, installed, unit)
+    assert main_process(installed, unit) == process
+
+
+def test_the_daemons_at_rest_need_less_than_half_of_their_limits(installed):
+    for unit in ("encd.service", "playd.service"):
+        installed.inside("systemctl", "restart", unit)
+        wait_until(lambda unit=unit: state(installed, unit) == "active", unit)
+        memory, threads = needs(installed, unit)
+        limits = installed.unit(unit, "MemoryMax", "TasksMax")
+        assert 2 * memory << 20 <= int(limits["MemoryMax"]) and 2 * threads <= int(limits["TasksMax"])
+        assert (memory, threads) <= max(measured(unit))
 
 
 def test_of_other_users_the_members_of_the_group_may_use_the_console(installed):
