@@ -1,18 +1,10 @@
 #include "klrpc/api_server.h"
 
-#include <netdb.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <exception>
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "klbase/log.h"
@@ -20,6 +12,7 @@
 #include "server/connection_groups.h"
 #include "server/peers.h"
 #include "server/subscription_hub.h"
+#include "server/tcp_listener.h"
 #include "server/unix_listener.h"
 #include "server/worker_pool.h"
 #include "transport/grpc_core.h"
@@ -32,27 +25,6 @@ using std::chrono::steady_clock;
 
 // Time for calls under way to end by themselves when the server stops.
 constexpr std::chrono::milliseconds kGrace{200};
-
-// The reason why a TCP address can't be listened on; gRPC tells it to its log only.
-std::string WhyNotTcp(const std::string& address) {
-  const auto colon = address.rfind(':');
-  if (colon == std::string::npos) return "write it as HOST:PORT, unix:PATH or unix-abstract:NAME";
-  std::string host = address.substr(0, colon);
-  if (host.size() > 1 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-  addrinfo hints{};
-  hints.ai_flags = AI_PASSIVE;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const int error = getaddrinfo(host.empty() ? nullptr : host.c_str(), address.c_str() + colon + 1, &hints, &found);
-  if (error != 0) return gai_strerror(error);
-  const int fd = socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int one = 1;  // as gRPC sets it: connections of an earlier server that still end are not in the way
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-  const int why = fd < 0 || bind(fd, found->ai_addr, found->ai_addrlen) != 0 ? errno : EADDRINUSE;
-  close(fd);
-  freeaddrinfo(found);
-  return why == EADDRINUSE ? "the address is in use" : std::system_category().message(why);
-}
 
 }  // namespace
 
@@ -67,10 +39,9 @@ class GrpcServer : public APIServer {
   ~GrpcServer() override;
 
   std::size_t Publish(const klrpc::v1::PubsubMessage& message) override;
-  int Port() const override { return port_; }
+  int Port() const override { return tcp_listener_ == nullptr ? 0 : tcp_listener_->Port(); }
 
  private:
-  void Listen();
   void Stop();
   CallResult Answer(const Buffer& bytes, grpc_call* call);
   CallResult Hooked(const google::protobuf::Any& request);
@@ -89,8 +60,8 @@ class GrpcServer : public APIServer {
   std::atomic<std::uint64_t> published_{0};
   grpc_completion_queue* queue_ = nullptr;
   std::unique_ptr<ConnectionGroups> groups_;
-  std::unique_ptr<UnixListener> listener_;
-  int port_ = 0;
+  std::unique_ptr<UnixListener> unix_listener_;
+  std::unique_ptr<TcpListener> tcp_listener_;
   std::unique_ptr<WorkerPool> workers_;
 };
 
@@ -98,17 +69,18 @@ GrpcServer::GrpcServer(std::unique_ptr<APIServerOptions> options, std::unique_pt
     : options_(std::move(options)), hooks_(std::move(hooks)) {
   StartGrpc();
   OnQuotaUsedUp(ReportNoRoom);
-  if (IsUnixAddress(options_->Address())) listener_ = std::make_unique<UnixListener>(options_->Address());
+  const std::string& address = options_->Address();
+  if (IsUnixAddress(address)) {
+    unix_listener_ = std::make_unique<UnixListener>(address);
+  } else {
+    tcp_listener_ = std::make_unique<TcpListener>(address);
+  }
   queue_ = grpc_completion_queue_create_for_next(nullptr);
   groups_ = std::make_unique<ConnectionGroups>(service_, ServerParts{queue_, calls_, *refused_messages_});
-  // Before listening: Stop() needs threads that empty the queue.
   workers_ = std::make_unique<WorkerPool>(queue_, options_->Threads());
-  try {
-    Listen();
-  } catch (...) {
-    Stop();
-    throw;
-  }
+  const Acceptor::Accepted serve = [this](int fd) { return groups_->Add(fd); };
+  if (unix_listener_ != nullptr) unix_listener_->Start(serve, refused_messages_);
+  if (tcp_listener_ != nullptr) tcp_listener_->Start(serve, refused_messages_);
 }
 
 GrpcServer::~GrpcServer() { Stop(); }
@@ -123,19 +95,10 @@ Service GrpcServer::MakeService() {
   return service;
 }
 
-void GrpcServer::Listen() {
-  const std::string& address = options_->Address();
-  if (listener_ != nullptr) {
-    listener_->Start([this](int fd) { return groups_->Add(fd); }, refused_messages_);
-    return;
-  }
-  port_ = groups_->ListenAndStart(address);
-  if (port_ == 0) throw std::runtime_error("can't serve on \"" + address + "\": " + WhyNotTcp(address));
-}
-
 void GrpcServer::Stop() {
-  listener_.reset();  // no connection comes any more
-  hub_.Close();       // each subscriber gets its queue and the reason
+  unix_listener_.reset();  // no connection comes any more
+  tcp_listener_.reset();
+  hub_.Close();  // each subscriber gets its queue and the reason
   groups_->Shutdown();
   if (!calls_.WaitUntil(steady_clock::now() + kGrace)) {
     groups_->CancelCalls();

@@ -301,7 +301,7 @@ TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenTher
   for (int& client : clients) client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   AllDescriptorsUsed used;
   for (const int client : clients) ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&name), size), 0);
-  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/server/unix_listener", "AcceptOne",
+  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/server/acceptor", "AcceptOne",
                             address_ + ": can't accept a connection: Too many open files"}));
   used.Free();
   for (const int client : clients) {

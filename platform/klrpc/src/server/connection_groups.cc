@@ -20,9 +20,7 @@ grpc_server* CreateServer() {
   grpc_resource_quota* quota = grpc_resource_quota_create("connections");
   grpc_resource_quota_resize(quota, ConnectionGroups::kQuotaBytes);
   ChannelArgs args;
-  // With a shared port two servers would each get some of the connections, and neither would know.
-  args.Set(GRPC_ARG_ALLOW_REUSEPORT, 0)
-      .Set(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveTimeMs)
+  args.Set(GRPC_ARG_KEEPALIVE_TIME_MS, kKeepaliveTimeMs)
       .Set(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, kKeepaliveTimeoutMs)
       .Set(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1)
       .Set(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0)
@@ -76,10 +74,6 @@ void ConnectionGroup::Register() {
   subscribe_.registration = method(kSubscribeMethod);
 }
 
-int ConnectionGroup::AddPort(const std::string& address) {
-  return grpc_server_add_http2_port(context_.server, address.c_str(), InsecureCredentials().Get());
-}
-
 void ConnectionGroup::Start() {
   grpc_server_start(context_.server);
   // One more call than there are threads is asked for ahead, so that an arriving one never waits to be taken.
@@ -96,14 +90,6 @@ void ConnectionGroup::Add(int fd) { grpc_server_add_channel_from_fd(context_.ser
 
 void ConnectionGroup::Shutdown() {
   grpc_server_shutdown_and_notify(context_.server, context_.queue, (new Stopped(context_.calls))->Arm());
-}
-
-int ConnectionGroups::ListenAndStart(const std::string& address) {
-  const Use group = std::make_shared<ConnectionGroup>(service_, parts_);
-  groups_.push_back(group);
-  const int port = group->AddPort(address);
-  if (port != 0) group->Start();
-  return port;
 }
 
 ConnectionGroups::Use ConnectionGroups::Add(int fd) {

@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "server/call.h"
@@ -37,8 +36,6 @@ class ConnectionGroup {
   // After Shutdown() has completed.
   ~ConnectionGroup() { grpc_server_destroy(context_.server); }
 
-  // Listens, before Start(); returns the port, 0 when that can't be.
-  int AddPort(const std::string& address);
   void Start();
   // Takes the descriptor.
   void Add(int fd);
@@ -65,9 +62,6 @@ class ConnectionGroups {
 
   // All that is passed in outlives this object.
   ConnectionGroups(const Service& service, const ServerParts& parts) : service_(service), parts_(parts) {}
-
-  // Listens on a TCP address and starts; returns the port, 0 when that can't be. Its connections are one group.
-  int ListenAndStart(const std::string& address);
 
   // Serves a connection, whose descriptor it takes. The result stands for the connection: let it go at its end.
   using Use = std::shared_ptr<ConnectionGroup>;

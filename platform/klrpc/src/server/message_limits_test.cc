@@ -235,6 +235,31 @@ TEST_F(MessageLimitsTest, OtherConnectionsGoOnBesideSendersOfTooMuch) {
   EXPECT_EQ(subscriber.lost, 0);
 }
 
+// Of a server for other machines too, where the senders can be anybody's.
+TEST_F(MessageLimitsTest, OtherTcpConnectionsGoOnBesideSendersOfTooMuch) {
+  const auto server = MakeServer("127.0.0.1:0", hooked_);
+  const std::string address = "127.0.0.1:" + std::to_string(server->Port());
+  ForeignClient friendly(address);
+  EXPECT_TRUE(friendly.Call(kMiB).ok());
+  std::atomic<int> refused = 0;
+  constexpr int kSenders = 6;
+  std::vector<std::thread> senders;
+  senders.reserve(kSenders);
+  for (int i = 0; i < kSenders; ++i) {
+    senders.emplace_back([&] {
+      if (ForeignClient(address).Call(kEndless).error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED) ++refused;
+    });
+  }
+  int calls = 1;
+  // Each as large as may be: under a quota that others use up, none of them would find room.
+  while (refused < kSenders && calls < 1000 && friendly.Call(kLargest).ok()) ++calls;
+  for (std::thread& sender : senders) sender.join();
+  EXPECT_EQ(refused, kSenders);
+  EXPECT_EQ(hooked_, calls);
+  EXPECT_GT(calls, 1);
+  EXPECT_TRUE(log_.WaitForText("40 refused a message of ipv4:127.0.0.1:"));
+}
+
 // The most that a process has had in memory, in KiB.
 long PeakKb(pid_t process) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");

@@ -44,10 +44,8 @@ std::string Text(const EntryPtr& entry, std::string_view name) {
 
 RefusedMessages MakeRefusedMessages() { return std::make_shared<klbase::CollapsedRecords>(40, "refused messages"); }
 
-KnownPeer::KnownPeer(int fd, const ucred& peer, RefusedMessages records)
-    : fd_(fd),
-      entry_(std::make_shared<const Entry>(Entry{
-          "user id " + std::to_string(peer.uid) + " (process " + std::to_string(peer.pid) + ")", std::move(records)})) {
+KnownPeer::KnownPeer(int fd, const std::string& text, RefusedMessages records)
+    : fd_(fd), entry_(std::make_shared<const Entry>(Entry{text, std::move(records)})) {
   Registry& known = Known();
   const absl::MutexLock lock(&known.mutex);
   known.by_descriptor[fd] = entry_;
@@ -63,10 +61,10 @@ KnownPeer::~KnownPeer() {
 std::string DescribePeer(std::string_view name) { return Text(Find(name), name); }
 
 void ReportNoRoom(std::string_view name) {
-  // For peers of TCP connections, which come past our own listener. Never destroyed, like the registry.
-  static auto& remote = *new RefusedMessages(MakeRefusedMessages());
+  // For connections that have just ended. Never destroyed, like the registry.
+  static auto& others = *new RefusedMessages(MakeRefusedMessages());
   const EntryPtr entry = Find(name);
-  KL_LOG_COLLAPSED(*(entry == nullptr ? remote : entry->records),
+  KL_LOG_COLLAPSED(*(entry == nullptr ? others : entry->records),
                    "refused a message of %s: more than %zu bytes have arrived that are not yet a whole message",
                    Text(entry, name).c_str(), ConnectionGroups::kQuotaBytes);
 }

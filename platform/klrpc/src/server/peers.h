@@ -1,11 +1,8 @@
-// The processes at the other ends of local connections.
+// The other ends of connections.
 //
-// gRPC names a local connection by its descriptor, "fd:7", and can't tell whose it is; a remote one it names by its
-// address.
+// gRPC names a connection that it was handed by its descriptor, "fd:7", and can't tell whose it is.
 #ifndef KLRPC_SERVER_PEERS_H_
 #define KLRPC_SERVER_PEERS_H_
-
-#include <sys/socket.h>
 
 #include <memory>
 #include <string>
@@ -19,10 +16,11 @@ namespace klrpc {
 using RefusedMessages = std::shared_ptr<klbase::CollapsedRecords>;
 RefusedMessages MakeRefusedMessages();
 
-// The peer of one local connection, known to this process while it lives. Any thread.
+// The peer of one connection, known to this process while it lives. Any thread.
 class KnownPeer {
  public:
-  KnownPeer(int fd, const ucred& peer, RefusedMessages records);
+  // `text` is how records name it.
+  KnownPeer(int fd, const std::string& text, RefusedMessages records);
   KnownPeer(const KnownPeer&) = delete;
   KnownPeer& operator=(const KnownPeer&) = delete;
   // The descriptor may be another connection's by now: that one stays known.

@@ -1,25 +1,18 @@
 #include "server/unix_listener.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdint>
-#include <optional>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "klbase/log.h"
 
 namespace klrpc {
 namespace {
-
-constexpr int kOutOfDescriptorsPauseMs = 100;
-constexpr int kCollapsedGlanceMs = 1000;  // how late a count of refusals may be told
 
 [[noreturn]] void CannotServe(const std::string& address, const std::string& why) {
   throw std::runtime_error("can't serve on \"" + address + "\": " + why);
@@ -36,38 +29,32 @@ UnixName NameOf(const std::string& address) {
 }  // namespace
 
 UnixListener::UnixListener(const std::string& address) : address_(address), name_(NameOf(address)) {
-  stop_ = eventfd(0, EFD_CLOEXEC);
-  listening_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  try {
-    if (stop_ < 0 || listening_ < 0) CannotServe(address_, ErrorText(errno));
-    Bind();
-  } catch (...) {
-    close(stop_);
-    close(listening_);
-    throw;
-  }
+  std::vector<Descriptor> listening;
+  listening.push_back(Listen());
+  acceptor_.emplace(address, std::move(listening));
 }
 
 UnixListener::~UnixListener() {
-  const std::uint64_t one = 1;
-  if (thread_.joinable() && write(stop_, &one, sizeof(one)) == sizeof(one)) thread_.join();
   // Only our own file: a later server may have put its own in its place.
   struct stat now {};
   if (file_ != 0 && lstat(name_.Path(), &now) == 0 && now.st_ino == file_) unlink(name_.Path());
-  for (const Connection& connection : connections_) close(connection.watched);
-  close(listening_);
-  close(stop_);
 }
 
-void UnixListener::Start(Accepted accepted, RefusedMessages messages) {
-  accepted_ = std::move(accepted);
-  refused_messages_ = std::move(messages);
-  thread_ = std::thread(&UnixListener::AcceptUntilStopped, this);
+void UnixListener::Start(Acceptor::Accepted accepted, RefusedMessages messages) {
+  acceptor_->Start([this](int fd) { return Admit(fd); }, std::move(accepted),
+                   [this] { return refused_connections_.Tell(); }, std::move(messages));
 }
 
-void UnixListener::Bind() {
+Descriptor UnixListener::Listen() {
+  Descriptor listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!listening) CannotServe(address_, ErrorText(errno));
+  Bind(listening.Get());
+  return listening;
+}
+
+void UnixListener::Bind(int listening) {
   if (name_.IsFile()) RemoveStaleFile();
-  if (bind(listening_, name_.Get(), name_.size) != 0) {
+  if (bind(listening, name_.Get(), name_.size) != 0) {
     CannotServe(address_, errno == EADDRINUSE ? "the address is in use" : ErrorText(errno));
   }
   if (name_.IsFile()) {
@@ -76,7 +63,7 @@ void UnixListener::Bind() {
     // Access is decided by the peer's user id; the file's mode only keeps strangers further away.
     chmod(name_.Path(), policy_.AllowsOthers() ? 0666 : 0600);
   }
-  if (listen(listening_, SOMAXCONN) != 0) CannotServe(address_, ErrorText(errno));
+  if (listen(listening, SOMAXCONN) != 0) CannotServe(address_, ErrorText(errno));
 }
 
 // A server that was killed leaves its file behind, and connecting to it is refused. Any other file is left alone:
@@ -91,64 +78,10 @@ void UnixListener::RemoveStaleFile() const {
   if (dead) unlink(name_.Path());
 }
 
-void UnixListener::AcceptUntilStopped() {
-  while (Wait()) {
-  }
-}
-
-bool UnixListener::Wait() {
-  std::vector<pollfd> waits = {{stop_, POLLIN, 0}, {listening_, POLLIN, 0}};
-  waits.reserve(waits.size() + connections_.size());
-  for (const Connection& connection : connections_) waits.push_back({connection.watched, 0, 0});
-  if (poll(waits.data(), waits.size(), TellCollapsed() ? kCollapsedGlanceMs : -1) < 0) {
-    if (errno == EINTR) return true;
-    KL_LOG(50, "%s: no longer accepting connections: %s", address_.c_str(), ErrorText(errno).c_str());
-    return false;
-  }
-  // From the back: the last takes the place of one that ended.
-  for (std::size_t i = connections_.size(); i-- > 0;) {
-    if (waits[i + 2].revents == 0) continue;
-    close(connections_[i].watched);
-    std::swap(connections_[i], connections_.back());
-    connections_.pop_back();
-  }
-  if (waits[1].revents != 0) AcceptOne();
-  return waits[0].revents == 0;
-}
-
-// Whether a count waits to be told.
-bool UnixListener::TellCollapsed() {
-  const bool connections = refused_connections_.Tell();
-  return refused_messages_->Tell() || connections;
-}
-
-void UnixListener::AcceptOne() {
-  // Made first: a connection that there is no room for stays in the queue.
-  const int watched = fcntl(listening_, F_DUPFD_CLOEXEC, 0);
-  const int fd = watched < 0 ? -1 : accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-  if (fd < 0) {
-    const int error = errno;
-    if (watched >= 0) close(watched);
-    if (error != EMFILE && error != ENFILE && error != ENOMEM && error != ENOBUFS) return;
-    KL_LOG(40, "%s: can't accept a connection: %s", address_.c_str(), ErrorText(error).c_str());
-    // Without a pause this would spin.
-    pollfd stop = {stop_, POLLIN, 0};
-    poll(&stop, 1, kOutOfDescriptorsPauseMs);
-    return;
-  }
-  Serve(fd, watched);
-}
-
-void UnixListener::Serve(int fd, int watched) {
+std::optional<std::string> UnixListener::Admit(int fd) {
   const std::optional<ucred> peer = PeerOf(fd);
-  if (!peer || !Allowed(*peer) || dup3(fd, watched, O_CLOEXEC) < 0) {
-    close(watched);
-    close(fd);
-    return;
-  }
-  // Known before gRPC reads from it.
-  auto known_peer = std::make_unique<KnownPeer>(fd, *peer, refused_messages_);
-  connections_.push_back({watched, std::move(known_peer), accepted_(fd)});
+  if (!peer || !Allowed(*peer)) return std::nullopt;
+  return "user id " + std::to_string(peer->uid) + " (process " + std::to_string(peer->pid) + ")";
 }
 
 bool UnixListener::Allowed(const ucred& peer) {
