@@ -19,3 +19,8 @@ def reader(tmp_path):
     following = Reader(tmp_path)
     yield following
     following.leave()
+
+
+def pytest_terminal_summary(terminalreporter):
+    for block in Reader.left_out:
+        terminalreporter.write_line(f"skipped: {block}")

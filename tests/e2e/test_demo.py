@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import re
 import signal
 import subprocess
 
@@ -30,7 +29,6 @@ def daemons():
 def test_piped_lines_run_against_the_real_encoder():
     done = demo("encd SetQulity high\ncore show version\n", "--cli_port=0")
     assert done.returncode == 0, done.stderr
-    assert not re.search("vex: (installing|packages|configuring|building)", done.stderr)
     assert done.stdout.startswith("code= 0 result=")
     assert done.stdout.endswith(VERSION)
     assert not daemons()
