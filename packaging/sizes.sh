@@ -12,7 +12,7 @@ trap 'rm -f "$copy"' EXIT
 
 kib() { echo $((($(stat -Lc %s "$1") + 1023) / 1024)); }
 
-printf '| %-22s | %9s | %9s |\n|%s|%s|%s|\n' "$machine" "built KiB" "stripped" "$(printf -- '-%.0s' {1..24})" "----------:" "----------:"
+printf '| %-24s | %9s | %9s |\n|%s|%s|%s|\n' "$machine" "built KiB" "stripped" "$(printf -- '-%.0s' {1..26})" "----------:" "----------:"
 for name in bin/vextool lib/libklbase.so lib/libklrpc.so bin/encd bin/playd bin/sysconfig bin/make_sample_clip \
             lib/libvextool_schema.a lib/libvextool_core.a lib/libvextool_apisdk.a lib/libvextool_rpcservice.a \
             lib/libvextool_envctl.a; do
@@ -22,5 +22,5 @@ for name in bin/vextool lib/libklbase.so lib/libklrpc.so bin/encd bin/playd bin/
     *.a) "$strip" --strip-debug "$copy" ;;
     *) "$strip" "$copy" ;;
   esac
-  printf '| %-22s | %9d | %9d |\n' "${name##*/}" "$(kib "$build/$name")" "$(kib "$copy")"
+  printf '| %-24s | %9d | %9d |\n' "${name##*/}" "$(kib "$build/$name")" "$(kib "$copy")"
 done

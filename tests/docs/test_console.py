@@ -6,7 +6,7 @@ import pytest
 
 import markdown
 import transcript
-from reader import Reader
+from reader import AGAIN, Reader
 
 GUIDE = markdown.document("docs/guide.md")
 # Line and what it is said to do.
@@ -93,4 +93,6 @@ def result_of(demo, line):
 # The last one: events may still come behind it.
 def test_the_players_examples_work_one_after_another(demo):
     for line, does in PLAYERS_EXAMPLES:
-        assert result_of(demo, line) == ("0" if "refuses" in does else "1"), line
+        expected = "0" if "refuses" in does else "1"
+        # On a loaded machine a medium may take longer than the player waits for one; it is asked again.
+        assert any(result_of(demo, line) == expected for _ in range(AGAIN)), line
