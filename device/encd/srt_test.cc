@@ -57,6 +57,21 @@ TEST_F(SrtTest, TheKeyIsTheStreamId) {
   EXPECT_TRUE(receiver.HasCaller("room-7"));
 }
 
+TEST_F(SrtTest, AnEncryptedStreamArrives) {
+  SrtReceiver receiver("&passphrase=a-long-secret");
+  ExpectResult(encoder_.AddStream("one", receiver.Url() + "?passphrase=a-long-secret", ""), ErrorCode::kOk,
+               "stream one is pushed to " + receiver.Url());
+  EXPECT_TRUE(WaitFor([&] { return ProbePictures(receiver.Recordings().at(0)).size() >= kFps; }));
+}
+
+TEST_F(SrtTest, AWrongPassphraseIsRefusedAndNotTold) {
+  SrtReceiver receiver("&passphrase=a-long-secret");
+  const Outcome refused = encoder_.AddStream("one", receiver.Url() + "?passphrase=another-secret", "");
+  EXPECT_EQ(refused.code, ErrorCode::kUnreachable);
+  EXPECT_THAT(refused.text, ::testing::StartsWith("can't push to " + receiver.Url() + ": "));
+  EXPECT_THAT(refused.text, ::testing::Not(::testing::HasSubstr("another-secret")));
+}
+
 TEST_F(SrtTest, AReceiverThatIsNotThereIsGivenUpWithinTheCallersDeadline) {
   const std::string url = SilentUdpPort().Url();
   const auto start = steady_clock::now();

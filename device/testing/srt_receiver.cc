@@ -6,10 +6,11 @@
 #include <unistd.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace device::testing {
 
-SrtReceiver::SrtReceiver() {
+SrtReceiver::SrtReceiver(std::string words) : words_(std::move(words)) {
   // The port is free when it is chosen; when somebody else takes it before the child does, another one is tried.
   for (int attempt = 0; attempt < 5; ++attempt) {
     port_ = SilentUdpPort().port();
@@ -20,7 +21,7 @@ SrtReceiver::SrtReceiver() {
 
 bool SrtReceiver::TryStart() {
   child_ = std::make_unique<vextest::ChildProcess>(
-      std::vector<std::string>{SRT_RECEIVER_PROGRAM, dir_.Path(), std::to_string(port_)},
+      std::vector<std::string>{SRT_RECEIVER_PROGRAM, dir_.Path(), std::to_string(port_) + "?mode=listener" + words_},
       vextest::ChildProcess::Options{{}, "", /*pty=*/false, /*errors_with_output=*/true});
   return child_->WaitFor("listens for ") && !child_->WaitExit(std::chrono::milliseconds(0));
 }

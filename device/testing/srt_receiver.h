@@ -14,8 +14,9 @@ namespace device::testing {
 // Takes one caller after the other, and writes each one's transport stream to a file of its own.
 class SrtReceiver {
  public:
-  // Takes callers when the constructor returns. Throws std::runtime_error when it can't be started.
-  SrtReceiver();
+  // Takes callers when the constructor returns. `words` are added to its address, "&passphrase=…". Throws
+  // std::runtime_error when it can't be started.
+  explicit SrtReceiver(std::string words = "");
 
   std::string Url() const;  // srt://127.0.0.1:PORT
 
@@ -32,6 +33,7 @@ class SrtReceiver {
   bool TryStart();
 
   vextest::ScratchFolder dir_;
+  const std::string words_;
   int port_ = 0;
   std::unique_ptr<vextest::ChildProcess> child_;
 };

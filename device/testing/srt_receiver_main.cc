@@ -1,5 +1,6 @@
-// srt_receiver FOLDER PORT: listens for SRT on the loopback interface and writes what each caller sends to a file of
-// its own, 1.ts, 2.ts and so on. Says when it listens, and each caller's stream id. Runs until it is killed.
+// srt_receiver FOLDER PORT?mode=listener[&WORD=VALUE…]: listens for SRT on the loopback interface and writes what each
+// caller sends to a file of its own, 1.ts, 2.ts and so on. Says when it listens, and each caller's stream id. Runs
+// until it is killed.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -39,6 +40,6 @@ int main(int argc, char** argv) {
   gst_init(nullptr, nullptr);
   if (argc != 3) return 2;
   // A second of latency: what a busy machine sends late is still taken.
-  const std::string address = "srt://127.0.0.1:" + std::string(argv[2]) + "?mode=listener&latency=1000";
+  const std::string address = "srt://127.0.0.1:" + std::string(argv[2]) + "&latency=1000";
   for (int caller = 1;; ++caller) Receive(address, std::string(argv[1]) + "/" + std::to_string(caller) + ".ts");
 }
