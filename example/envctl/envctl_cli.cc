@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "cli/command.h"
+#include "cli/outcome.h"
 #include "envctl/sysconf.h"
 
 namespace {
@@ -13,6 +14,7 @@ namespace {
 void Describe(std::ostream& out) {
   sysconf_getenv("test");
   out << "apisdk tools";
+  cli::ReportField(out, "description", "apisdk tools");
 }
 
 }  // namespace

@@ -43,6 +43,7 @@ TEST_F(EnvCTLCliTest, DescriptionProbesASettingAndPrintsItsTextWithoutAnEndOfLin
   vextest::FakeSession session(root);
   EXPECT_TRUE(session.Run({"envctl", "description"}));
   EXPECT_EQ(session.TakeText(), "apisdk tools");
+  EXPECT_THAT(session.LastOutcome().fields, ElementsAre(testing::Pair("description", "apisdk tools")));
   EXPECT_THAT(Commands(), ElementsAre("/usr/kelo/bin/sysconfig get test"));
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/menu.h"
+#include "cli/outcome.h"
 #include "cli/session.h"
 
 namespace vextest {
@@ -25,7 +26,14 @@ class FakeSession : public cli::Session {
   void Enter(cli::Menu& menu) override { menu_ = &menu; }
 
   // Runs the words in the current menu; returns whether a command took them. Exceptions pass through.
-  bool Run(const std::vector<std::string>& words) { return menu_->Dispatch(words, *this); }
+  bool Run(const std::vector<std::string>& words) {
+    const cli::OutcomeRecorder recorder(OutStream());
+    const bool taken = menu_->Dispatch(words, *this);
+    outcome_ = recorder.Get();
+    return taken;
+  }
+  // How the last command ended that no exception left.
+  const cli::Outcome& LastOutcome() const { return outcome_; }
 
   // Returns the text printed since the last call.
   std::string TakeText() {
@@ -37,6 +45,7 @@ class FakeSession : public cli::Session {
  private:
   cli::Menu* menu_ = nullptr;
   std::ostringstream out_;
+  cli::Outcome outcome_;
 };
 
 }  // namespace vextest

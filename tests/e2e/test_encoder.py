@@ -192,7 +192,8 @@ def test_ctrl_c_of_a_telnet_client_while_a_command_waits(tool, telnet, fake_encd
     session.send("encd SetQulity high\rcore set debug 77\r")
     wait_until(lambda: "SetVideoQualityRequest" in daemon.output(), "the request arrives")
     session.send("\x03")
-    session.expect("code= 500 result=")
+    session.expect("cancelled: given up; a daemon that has the request may still carry it out\r\n")
+    assert "code=" not in session.before
     session.expect("main> ")
     session.send("core show version\r")
     session.expect("git-version: v0.0.1")
@@ -205,8 +206,34 @@ def test_ctrl_c_at_the_terminal_while_a_command_waits(tmp_path, terminal, fake_e
     session.send("encd SetQulity high\r")
     wait_until(lambda: "SetVideoQualityRequest" in daemon.output(), "the request arrives")
     session.send("\x03")
+    session.expect("cancelled: given up; a daemon that has the request may still carry it out\r\n")
+    assert "code=" not in session.before
+    session.expect("main> ")
+    session.send("core show version\r")
+    session.expect("git-version: v0.0.1")
+    session.send("\x03")  # the prompt is there, or comes in a moment
     wait_until(lambda: not session.isalive(), "the tool ends")
     assert session.exitstatus == 1
+
+
+def test_the_terminals_ctrl_c_gives_up_one_command_after_another(terminal, fake_encd):
+    daemon = fake_encd("never")
+    session = terminal()
+    for count in (1, 2):
+        session.send("encd SetQulity high\r")
+        wait_until(lambda: daemon.output().count("SetVideoQualityRequest") == count, "the request arrives")
+        session.send("\x03")
+        session.expect("cancelled: given up")
+        session.expect("main> ")
+    assert session.isalive()
+
+
+def test_an_operator_is_told_why_a_command_did_not_end_well(tool, telnet, connect):
+    session = telnet(tool.port())
+    session.send("encd SetQulity high\r")
+    session.expect("code= 500 result=\r\n")
+    session.expect_exact("unreachable: encd: can't connect: Connection refused; is it running? (code 14)\r\n")
+    assert connect(tool.port()).run("encd SetQulity high") == FAILED
 
 
 def test_encd_killed_and_restarted_while_the_console_stays(tool, connect, start_encd):

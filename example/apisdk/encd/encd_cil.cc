@@ -2,10 +2,13 @@
 
 #include <memory>
 #include <ostream>
+#include <string>
 #include <utility>
 
 #include "apisdk/apisdk.h"
 #include "cli/command.h"
+#include "cli/outcome.h"
+#include "example/apisdk/report.h"
 #include "klbase/log.h"
 
 namespace {
@@ -21,6 +24,9 @@ void SetQuality(std::ostream& out, const std::string& word) {
   apis::ApiStatus status;
   apis::ApiSdk::instance_.Encoder()->SetVideoQuality(QualityOf(word), status);
   out << "code= " << status.code << " result=" << status.message << std::endl;
+  cli::ReportField(out, "code", std::to_string(status.code));
+  cli::ReportField(out, "result", status.message);
+  ReportLastCall(out, "encd");
 }
 
 }  // namespace

@@ -60,6 +60,26 @@ TEST_F(EncdCliTest, PrintsTheDaemonsStatus) {
   EXPECT_EQ(session_.TakeText(), "code= -7 result=no signal\n");
 }
 
+TEST_F(EncdCliTest, TheDaemonsStatusIsTheOutcome) {
+  vextest::FakeDaemon daemon(core::RpcUnixSocketUrl::rpc_url_encd_);
+  common::v1::Status status;
+  status.set_code(-7);
+  status.set_message("no signal");
+  daemon.Answer<encoder::v1::SetVideoQualityRequest>(status);
+  session_.Run({"encd", "SetQulity", "high"});
+  const cli::Outcome& outcome = session_.LastOutcome();
+  EXPECT_EQ(outcome.status, cli::Status::kRefused);
+  EXPECT_EQ(outcome.code, -7);
+  EXPECT_EQ(outcome.reason, "no signal");
+  EXPECT_THAT(outcome.fields, ElementsAre(testing::Pair("code", "-7"), testing::Pair("result", "no signal")));
+}
+
+TEST_F(EncdCliTest, AMissingDaemonIsUnreachable) {
+  session_.Run({"encd", "SetQulity", "high"});
+  EXPECT_EQ(session_.LastOutcome().status, cli::Status::kUnreachable);
+  EXPECT_EQ(session_.LastOutcome().reason, "encd: can't connect: Connection refused; is it running?");
+}
+
 // A session whose output shows its flushes.
 class FlushingSession : public vextest::FakeSession {
  public:

@@ -15,7 +15,9 @@
 #include "apisdk/apisdk.h"
 #include "cli/about_word.h"
 #include "cli/command.h"
+#include "cli/outcome.h"
 #include "example/apisdk/playd/reply_block.h"
+#include "example/apisdk/report.h"
 #include "klbase/log.h"
 
 namespace {
@@ -55,6 +57,7 @@ void Call(std::ostream& out, std::string_view command, void (ApiPlayer::*operati
   Reply reply;
   (apis::ApiSdk::instance_.Player()->*operation)(request, reply);
   PrintReply(out, command, reply);
+  ReportLastCall(out, "playd");
 }
 
 void LiveSystemInit(std::ostream& out, Word id) {
@@ -86,6 +89,7 @@ const TimingPreset* PresetOf(std::ostream& out, Word id, Word type) {
     return &kTimingPresets[static_cast<std::size_t>(number)];
   }
   out << "parameter failed." << std::endl;
+  cli::Report(out, cli::Status::kUsage, 0, "the type is 0, 1 or 2");
   return nullptr;
 }
 

@@ -3,15 +3,20 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "apisdk/apisdk.h"
+#include "cli/outcome.h"
 #include "core/rpc_url.h"
+#include "klbase/cancellation.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/fake_session.h"
 #include "platform/testing/log_capture.h"
@@ -424,6 +429,101 @@ TEST_F(PlaydCliTest, DaemonThatCameBackAnswersTheNextCommand) {
   EXPECT_EQ(Type("SetVolumeOfUplayer 7 1"), Block("SetVolumeOfUplayer", "7", "0"));
   daemon_.Start();
   EXPECT_EQ(ExpectBlock<lp::v1::SetVolumeOfUplayerReq>("SetVolumeOfUplayer 7 2").volume(), 2u);
+}
+
+// --- what the session is told
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+class PlaydOutcomeTest : public PlaydCliTest {
+ protected:
+  // How the line ended.
+  cli::Outcome OutcomeOf(const std::string& line) {
+    vextest::FakeSession session(*menu_);
+    EXPECT_TRUE(session.Run(Split(line))) << line;
+    return session.LastOutcome();
+  }
+  void Refuse(int code, const std::string& text) {
+    lp::v1::UniversalResp reply;
+    reply.set_unique_id("0");
+    reply.set_error_code(code);
+    reply.set_error_infor(text);
+    daemon_.Answer<lp::v1::CreateUplayerReq>(reply);
+  }
+};
+
+TEST_F(PlaydOutcomeTest, ASuccessHasTheFieldsOfItsBlock) {
+  lp::v1::GetSeekOfUplayerResp reply;
+  reply.set_unique_id("5");
+  reply.set_seek_ms(5000);
+  reply.set_duration_ms(60000);
+  reply.mutable_result()->set_unique_id("0");
+  reply.mutable_result()->set_result(true);
+  daemon_.Answer<lp::v1::GetSeekOfUplayerReq>(reply);
+  const cli::Outcome outcome = OutcomeOf("GetSeekOfUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kOk);
+  EXPECT_EQ(outcome.reason, "");
+  EXPECT_EQ(outcome.fields, (Fields{{"id", "0"},
+                                    {"result", "1"},
+                                    {"error_code", "0"},
+                                    {"error_infor", ""},
+                                    {"info_id", "5"},
+                                    {"info_seek_ms", "5000"},
+                                    {"info_duration_ms", "60000"}}));
+}
+
+TEST_F(PlaydOutcomeTest, ARefusalHasTheDaemonsCodeAndWords) {
+  Refuse(6, "can't open missing.mp4");
+  const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kRefused);
+  EXPECT_EQ(outcome.code, 6);
+  EXPECT_EQ(outcome.reason, "can't open missing.mp4");
+}
+
+TEST_F(PlaydOutcomeTest, ARefusalWithoutWordsSaysThatThereAreNone) {
+  Refuse(6, "");
+  EXPECT_EQ(OutcomeOf("CreateUplayer 0").reason, "playd: it gives no reason");
+}
+
+TEST_F(PlaydOutcomeTest, AReplyOfAnotherTypeIsNamed) {
+  daemon_.Answer<lp::v1::CreateUplayerReq>(lp::v1::GetSeekOfUplayerResp());
+  const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kRefused);
+  EXPECT_EQ(outcome.reason,
+            "the daemon answered with a message of another type, type.googleapis.com/lp.v1.GetSeekOfUplayerResp");
+}
+
+TEST_F(PlaydOutcomeTest, ADaemonThatIsNotThereIsUnreachable) {
+  daemon_.Stop();
+  const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kUnreachable);
+  EXPECT_EQ(outcome.code, 14);
+  EXPECT_EQ(outcome.reason, "playd: can't connect: Connection refused; is it running?");
+  EXPECT_EQ(outcome.fields.size(), 4u);
+}
+
+TEST_F(PlaydOutcomeTest, ARequestThatTheDaemonDoesNotKnowIsRefused) {
+  const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kRefused);
+  EXPECT_EQ(outcome.code, 12);
+}
+
+TEST_F(PlaydOutcomeTest, AHungDaemonIsGivenUp) {
+  std::stop_source operators;
+  daemon_.Handle<lp::v1::CreateUplayerReq>([&](const google::protobuf::Any&, google::protobuf::Any&) {
+    operators.request_stop();
+    return vextest::WaitFor([] { return false; }, std::chrono::seconds(1));
+  });
+  const klbase::ScopedStopToken scope(operators.get_token());
+  const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kCancelled);
+  EXPECT_EQ(outcome.reason, "playd: the caller gave it up");
+}
+
+TEST_F(PlaydOutcomeTest, ATimingTypeThatDoesNotExistIsAUsageError) {
+  const cli::Outcome outcome = OutcomeOf("SetOutputTiming 0 3");
+  EXPECT_EQ(outcome.status, cli::Status::kUsage);
+  EXPECT_EQ(outcome.reason, "the type is 0, 1 or 2");
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+
+#include "cli/outcome.h"
 
 namespace {
 
@@ -15,10 +18,16 @@ void PrintHeader(std::ostream& out, std::string_view command) {
   out << "**************" << command << "**********" << std::endl;
 }
 
+// As the stream prints it.
+const std::string& Text(const std::string& value) { return value; }
+std::string Text(bool value) { return value ? "1" : "0"; }
+std::string Text(uint32_t value) { return std::to_string(value); }
+
 template <typename Value>
 void PrintLine(std::ostream& out, int width, std::string_view label, const Value& value) {
   out << label << std::string_view("                 ").substr(0, static_cast<std::size_t>(width) - label.size()) << ':'
       << value << std::endl;
+  cli::ReportField(out, label, Text(value));
 }
 
 void PrintResult(std::ostream& out, int width, const ApiPlayer::UniversalResp& result) {

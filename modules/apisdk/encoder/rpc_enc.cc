@@ -30,12 +30,18 @@ ApiStatus NoReply() { return {500, ""}; }
 const common::v1::Status& StatusOf(const common::v1::Status& reply) { return reply; }
 const common::v1::Status& StatusOf(const encoder::v1::GetEncoderBitrateReply& reply) { return reply.status(); }
 
+template <typename Reply>
+void NoteStatus(const Reply& reply) {
+  const common::v1::Status& status = StatusOf(reply);
+  NoteReply(status.code() == 0, status.code(), status.message());
+}
+
 }  // namespace
 
 template <typename Reply>
 bool RpcEncoder::Ask(const google::protobuf::Message& request, ApiStatus& status) const {
   Reply reply;
-  if (!Exchange(client_getter_, request, reply)) return false;
+  if (!Exchange(client_getter_, request, reply, &NoteStatus<Reply>)) return false;
   status = {StatusOf(reply).code(), StatusOf(reply).message()};
   return true;
 }
@@ -45,6 +51,7 @@ void RpcEncoder::SetVideoQuality(const Qulity& quality, ApiStatus& status) const
   if (!wire) {
     KL_LOG(50, "%s", kUnknownQuality);
     status = {400, kUnknownQuality};
+    NoteReply(false, status.code, status.message);
     return;
   }
   encoder::v1::SetVideoQualityRequest request;

@@ -101,6 +101,19 @@ void CopyResult(const lp::v1::UniversalResp& from, ApiPlayer::UniversalResp& to)
   to.result = from.result();
 }
 
+// What a reply says of its request.
+const lp::v1::UniversalResp& ResultOf(const lp::v1::UniversalResp& reply) { return reply; }
+const lp::v1::UniversalResp& ResultOf(const lp::v1::GetSeekOfUplayerResp& reply) { return reply.result(); }
+const lp::v1::UniversalResp& ResultOf(const lp::v1::GetMediaInfoOfUplayerResp& reply) { return reply.result(); }
+
+template <typename Reply>
+bool Send(const ClientGetter& client_getter, const google::protobuf::Message& request, Reply& reply) {
+  return Exchange<Reply>(client_getter, request, reply, [](const Reply& received) {
+    const lp::v1::UniversalResp& result = ResultOf(received);
+    NoteReply(result.result(), result.error_code(), result.error_infor());
+  });
+}
+
 void Refuse(const std::string& unique_id, ApiPlayer::UniversalResp& resp) {
   resp.unique_id = unique_id;
   resp.result = false;
@@ -113,7 +126,7 @@ bool RpcPlayer::Ask(const Request& req, UniversalResp& resp) const {
   Wire request;
   Fill(req, request);
   lp::v1::UniversalResp reply;
-  if (!Exchange(client_getter_, request, reply)) {
+  if (!Send(client_getter_, request, reply)) {
     Refuse(req.unique_id, resp);
     return false;
   }
@@ -126,7 +139,7 @@ bool RpcPlayer::AskTiming(const Request& req, UniversalResp& resp) const {
   Wire request;
   FillTimings(req, request);
   lp::v1::UniversalResp reply;
-  const bool received = Exchange(client_getter_, request, reply);
+  const bool received = Send(client_getter_, request, reply);
   resp.unique_id = "xxx";  // stands for the player that such a request doesn't have
   resp.result = received && reply.result();
   return received;
@@ -195,7 +208,7 @@ void RpcPlayer::GetSeekOfUplayer(const GetSeekOfUplayerReq& req, GetSeekOfUplaye
   lp::v1::GetSeekOfUplayerReq request;
   Fill(req, request);
   lp::v1::GetSeekOfUplayerResp reply;
-  if (!Exchange(client_getter_, request, reply)) {
+  if (!Send(client_getter_, request, reply)) {
     Refuse(req.unique_id, resp.result);
     resp.result.error_infor = "get seek of uplayer fail";
     return;
@@ -210,7 +223,7 @@ void RpcPlayer::GetMediaInfoOfUplayer(const GetMediaInfoOfUplayerReq& req, GetMe
   lp::v1::GetMediaInfoOfUplayerReq request;
   Fill(req, request);
   lp::v1::GetMediaInfoOfUplayerResp reply;
-  if (!Exchange(client_getter_, request, reply)) {
+  if (!Send(client_getter_, request, reply)) {
     Refuse(req.unique_id, resp.result);
     KL_LOG(50, "get media info of uplayer fail");
     return;

@@ -6,6 +6,7 @@
 
 #include "absl/strings/str_format.h"
 #include "cli/command.h"
+#include "cli/outcome.h"
 #include "klbase/log.h"
 
 namespace core {
@@ -17,15 +18,19 @@ void SetDebugLevel(std::ostream& out, const std::string&, unsigned int level) {
   KlLogSetLogLevel(20);
   KlLogSetDebugLevel(level);
   out << "\t debug level:\t" << kOptionDebug.load() << "\n";
+  cli::ReportField(out, "debug_level", std::to_string(kOptionDebug.load()));
 }
 
-// The lines are never destroyed: while the process exits, a command may still run.
+// The texts are never destroyed: while the process exits, a command may still run.
 void ShowVersion(std::ostream& out, const std::string&) {
   static const auto& build_date =
-      *new std::string(absl::StrFormat("\tbuild-date:\t %04d-%02d-%02d_%02d:%02d:%02d", VEX_BUILD_YEAR, VEX_BUILD_MONTH,
-                                       VEX_BUILD_DAY, VEX_BUILD_HOUR, VEX_BUILD_MINUTE, VEX_BUILD_SECOND));
-  static const auto& version = *new std::string(absl::StrFormat("git-version: %s", VEX_VERSION_TAG));
-  out << build_date << "\n" << version << "\n";
+      *new std::string(absl::StrFormat("%04d-%02d-%02d_%02d:%02d:%02d", VEX_BUILD_YEAR, VEX_BUILD_MONTH, VEX_BUILD_DAY,
+                                       VEX_BUILD_HOUR, VEX_BUILD_MINUTE, VEX_BUILD_SECOND));
+  static const auto& version = *new std::string(absl::StrFormat("%s", VEX_VERSION_TAG));
+  out << "\tbuild-date:\t " << build_date << "\n"
+      << "git-version: " << version << "\n";
+  cli::ReportField(out, "build_date", build_date);
+  cli::ReportField(out, "git_version", version);
 }
 
 }  // namespace

@@ -30,6 +30,15 @@ TEST_F(CommonCliTest, SetStoresTheDebugLevelAndEnablesDetail) {
   EXPECT_EQ(kOptionDebug, 3);
 }
 
+TEST_F(CommonCliTest, ReportsTheLevelAndTheBuildIdentityAsFields) {
+  session_.Run({"core", "set", "debug", "3"});
+  EXPECT_THAT(session_.LastOutcome().fields, testing::ElementsAre(testing::Pair("debug_level", "3")));
+  session_.Run({"core", "show", "version"});
+  EXPECT_THAT(session_.LastOutcome().fields,
+              testing::ElementsAre(testing::Pair("build_date", testing::Not("")),
+                                   testing::Pair("git_version", testing::StartsWith("v"))));
+}
+
 TEST_F(CommonCliTest, SetPutsTheLogLevelTo20WhateverItWas) {
   for (const int level : {10, 20, 50}) {
     KlLogSetLogLevel(level);

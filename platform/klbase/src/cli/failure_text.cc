@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string_view>
+#include <typeinfo>
 
 #include "cli/about_word.h"
 #include "cli/command.h"
@@ -9,23 +10,6 @@
 
 namespace cli::internal {
 namespace {
-
-// A message may come from a daemon's reply: it must not break the line or drive the terminal. Control characters become
-// blanks; other bytes that no terminal should get (not UTF-8, or the second set of control characters) are written out.
-std::string OneLine(std::string_view text) {
-  std::string line;
-  for (std::size_t offset = 0; offset < text.size();) {
-    const Unit unit = UnitAt(text, offset);
-    const auto first = static_cast<unsigned char>(text[offset]);
-    if (first < 0x20 || first == 0x7f) {
-      line += ' ';
-    } else {
-      AppendDisplay(line, text, offset, unit);
-    }
-    offset += unit.length;
-  }
-  return line;
-}
 
 // The standard conversions name only themselves: "stoi", "stoul".
 bool IsStandardConversion(std::string_view what) { return what.starts_with("sto") && what.size() <= 5; }
@@ -60,6 +44,23 @@ std::string Text(const std::exception& error) {
 
 }  // namespace
 
+// A message may come from a daemon's reply: it must not break the line or drive the terminal. The bytes that are
+// written out are those that are not UTF-8, and the second set of control characters.
+std::string OneLine(std::string_view text) {
+  std::string line;
+  for (std::size_t offset = 0; offset < text.size();) {
+    const Unit unit = UnitAt(text, offset);
+    const auto first = static_cast<unsigned char>(text[offset]);
+    if (first < 0x20 || first == 0x7f) {
+      line += ' ';
+    } else {
+      AppendDisplay(line, text, offset, unit);
+    }
+    offset += unit.length;
+  }
+  return line;
+}
+
 std::string FailureText(const std::exception_ptr& failure) {
   try {
     std::rethrow_exception(failure);
@@ -67,6 +68,18 @@ std::string FailureText(const std::exception_ptr& failure) {
     return OneLine(Text(e));
   } catch (...) {
     return "it failed with an exception that has no message";
+  }
+}
+
+bool IsAboutAWord(const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const about_word&) {
+    return true;
+  } catch (const std::bad_cast&) {
+    return true;
+  } catch (...) {
+    return false;
   }
 }
 

@@ -39,6 +39,12 @@ void ShowCommand(const Command& command, const Arguments& menus, std::ostream& o
   out << example << "\n";
 }
 
+// Prints `text` as the answer to a line that is not done, and reports its first line.
+void Refuse(const Call& call, Status status, const std::string& text) {
+  call.session.OutStream() << text;
+  call.session.ReportExplained(status, text.substr(0, text.find('\n')));
+}
+
 // Finds the entries of `words` (a command, or menus and a command) and shows them; for a menu also its commands.
 void HelpOn(const Call& call, const Arguments& words) {
   const Walk walk = FollowMenus(call.session.Path(), call.builtins, words);
@@ -52,7 +58,7 @@ void HelpOn(const Call& call, const Arguments& words) {
       menu != nullptr ? ListMenu(*menu, out) : ShowCommand(*command, {words.begin(), words.end() - 1}, out);
     }
   }
-  if (!found) out << ExplainRefusal(call.session.Path(), call.builtins, words);
+  if (!found) Refuse(call, Status::kUsage, ExplainRefusal(call.session.Path(), call.builtins, words));
 }
 
 void Help(const Call& call, const Arguments& words) {
@@ -87,20 +93,21 @@ void Shutdown(const Call& call, const Arguments&) {
 }
 
 void Disconnect(const Call& call, const Arguments& words) {
-  std::ostream& out = call.session.OutStream();
   if (words.size() != 1) {
-    out << "disconnect takes 1 word, not " << words.size() << ". Usage: disconnect <id>\n";
-    return;
+    return Refuse(call, Status::kUsage,
+                  "disconnect takes 1 word, not " + std::to_string(words.size()) + ". Usage: disconnect <id>\n");
   }
   const std::string& word = words.front();
   int id = 0;
   const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), id);
   if (error != std::errc() || end != word.data() + word.size()) {
-    out << "disconnect: \"" << word << "\" is not a session's number; \"who\" lists them. Usage: disconnect <id>\n";
-    return;
+    return Refuse(
+        call, Status::kUsage,
+        "disconnect: \"" + word + "\" is not a session's number; \"who\" lists them. Usage: disconnect <id>\n");
   }
   const std::string refusal = call.session.Disconnect(id);
-  out << (refusal.empty() ? "Session " + word + " ends." : refusal) << '\n';
+  if (!refusal.empty()) return Refuse(call, Status::kRefused, refusal + '\n');
+  call.session.OutStream() << "Session " << word << " ends.\n";
 }
 
 std::string ClockTime(std::chrono::system_clock::time_point time) {
@@ -147,7 +154,7 @@ void GoToRoot(const Call& call, const Arguments& words) {
   } else if (!call.session.Path().Root().Dispatch(words, call.session)) {
     std::vector<std::string> line = {call.session.Path().Root().Name()};
     line.insert(line.end(), words.begin(), words.end());
-    call.session.OutStream() << ExplainRefusal(call.session.Path(), call.builtins, line);
+    Refuse(call, Status::kUsage, ExplainRefusal(call.session.Path(), call.builtins, line));
   }
 }
 

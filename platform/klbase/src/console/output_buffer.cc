@@ -47,7 +47,7 @@ void OutputBuffer::Append(std::string_view text) {
 bool OutputBuffer::Print(std::string_view text) {
   {
     absl::MutexLock lock(&mutex_);
-    if (fd_ < 0) return false;
+    if (fd_ < 0 || refuse_prints_) return false;
     if (text.empty()) return true;
     ++printed_;
     AppendConvertedLocked(text);
@@ -56,7 +56,15 @@ bool OutputBuffer::Print(std::string_view text) {
     if (PendingLocked() < kFlushSize || (blocked_ && PendingLocked() <= kMaxPending)) return true;
   }
   FlushUnlessBlocked();
-  return WaitForRoom();
+  absl::MutexLock lock(&mutex_);
+  while (fd_ >= 0 && !refuse_prints_ && PendingLocked() > kMaxPending) room_.Wait(&mutex_);
+  return fd_ >= 0 && !refuse_prints_;
+}
+
+void OutputBuffer::RefusePrints(bool refuse) {
+  absl::MutexLock lock(&mutex_);
+  refuse_prints_ = refuse;
+  room_.SignalAll();
 }
 
 void OutputBuffer::AppendConvertedLocked(std::string_view text) {

@@ -49,8 +49,11 @@ class OutputBuffer {
   // Appends text for the operator: echo, prompts, answers. Dropped once closed.
   void Append(std::string_view text);
   // Appends a command's output, writes it when it is a lot, and blocks while more than kMaxPending bytes wait. Where
-  // the reader takes nothing, only the transport tries again, when the descriptor is writable. False once closed.
+  // the reader takes nothing, only the transport tries again, when the descriptor is writable. False once closed, and
+  // while prints are refused.
   bool Print(std::string_view text);
+  // While it is set, Print() takes nothing, and a caller that waits in it returns: the command was given up.
+  void RefusePrints(bool refuse);
   // Appends protocol bytes.
   void AppendRaw(std::string_view bytes);
   // Begins a new line unless the last text ended one.
@@ -93,6 +96,7 @@ class OutputBuffer {
   Text text_ ABSL_GUARDED_BY(mutex_) = Text::kPlain;
   bool line_start_ ABSL_GUARDED_BY(mutex_) = true;
   bool released_ ABSL_GUARDED_BY(mutex_) = false;
+  bool refuse_prints_ ABSL_GUARDED_BY(mutex_) = false;
   bool blocked_ ABSL_GUARDED_BY(mutex_) = false;
   std::string pending_ ABSL_GUARDED_BY(mutex_);
   std::size_t written_ ABSL_GUARDED_BY(mutex_) = 0;

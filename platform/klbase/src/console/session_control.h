@@ -4,9 +4,11 @@
 
 #include <chrono>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cli/menu_walk.h"
+#include "cli/outcome.h"
 #include "cli/session.h"
 
 namespace cli::internal {
@@ -34,6 +36,8 @@ class SessionControl : public Session {
  public:
   virtual int Id() const = 0;
   virtual const MenuPath& Path() const = 0;
+  // The command did not end well, and has printed why.
+  virtual void ReportExplained(Status status, std::string_view reason) = 0;
   // The lines that were typed, the oldest first.
   virtual const std::vector<std::string>& History() const = 0;
   // Ends this session after the line.

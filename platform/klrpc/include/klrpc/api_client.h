@@ -66,6 +66,9 @@ class KLRPC_EXPORT APIClient {
   // up, when a message, also the reply, is larger than 4 MiB, or when the server refused. A compressed reply is not
   // taken either. The server is told the deadline. Nothing is sent twice. Don't call it from a slot of this client's
   // signals.
+  //
+  // Another thread can make the calling one give the call up, by its klbase::CurrentStopToken(): it returns false then,
+  // within 100 ms, and a reply that comes later is dropped. klrpc/last_call.h has the reason of a failure.
   virtual bool Call(const google::protobuf::Message& request, google::protobuf::Any& reply);
 
   // The same with a time limit of its own. A limit of 0 or less fails at once.

@@ -16,6 +16,7 @@
 #include "client/subscriptions.h"
 #include "client/unary_call.h"
 #include "klbase/log.h"
+#include "klrpc/last_call.h"
 #include "transport/grpc_core.h"
 
 namespace klrpc {
@@ -45,6 +46,8 @@ APIClientOptions::APIClientOptions(const std::string& address, const int& max_ba
       remote_(remote) {}
 
 namespace {
+
+thread_local CallResult t_last_call;
 
 // Publications and subscriptions, with their threads. Made at the first use: most clients only call.
 class PubSub {
@@ -173,6 +176,8 @@ APIClient::APIClient(std::unique_ptr<APIClientOptions> options)
 
 APIClient::~APIClient() { RefuseInOwnSlot(this); }
 
+const CallResult& LastCall() { return t_last_call; }
+
 bool APIClient::Call(const google::protobuf::Message& request, google::protobuf::Any& reply) {
   return CallWithin(request, reply, impl_->Timeout());
 }
@@ -180,6 +185,8 @@ bool APIClient::Call(const google::protobuf::Message& request, google::protobuf:
 bool APIClient::CallWithin(const google::protobuf::Message& request, google::protobuf::Any& reply,
                            std::chrono::milliseconds timeout) {
   const CallOutcome outcome = impl_->Caller().Call(request, reply, timeout);
+  t_last_call.code = outcome.code;
+  t_last_call.text = outcome.text;
   if (outcome.code == GRPC_STATUS_OK) return true;
   KL_LOG(40, "call of %s to %s failed: %s: %s", request.GetDescriptor()->full_name().c_str(),
          Options().Address().c_str(), StatusName(outcome.code), outcome.text.c_str());

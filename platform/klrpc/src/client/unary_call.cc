@@ -1,10 +1,12 @@
 #include "client/unary_call.h"
 
 #include <cstddef>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "klbase/cancellation.h"
 #include "transport/unary_exchange.h"
 
 namespace klrpc {
@@ -16,6 +18,8 @@ constexpr std::size_t kMaxIdleLines = 8;
 // An idle local connection is read by nobody, so a server that probes it, after 20 s at the earliest, thinks that it is
 // dead and closes it some seconds later. A call must not meet that moment.
 constexpr std::chrono::seconds kMaxIdleTime{10};
+
+constexpr char kGivenUp[] = "the caller gave it up";
 
 CallOutcome NoReply(std::chrono::milliseconds timeout) {
   return {GRPC_STATUS_DEADLINE_EXCEEDED, "no reply within " + std::to_string(timeout.count()) + " ms"};
@@ -38,8 +42,8 @@ void CancelAndWait(UnaryExchange& exchange, grpc_completion_queue* queue, const 
   }
 }
 
-// All of it happens on the calling thread. The time limit is kept here rather than by gRPC, which would start a timer
-// for each call.
+// All of it happens on the calling thread, which another one may make give the call up. The time limit is kept here
+// rather than by gRPC, which would start a timer for each call.
 CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Slice& request,
                 std::chrono::milliseconds timeout, gpr_timespec deadline) {
   {
@@ -49,6 +53,9 @@ CallOutcome Run(UnaryExchange& exchange, grpc_completion_queue* queue, const Sli
         grpc_call_start_batch(exchange.Call(), batch.data(), batch.size(), &exchange, nullptr);
     if (error != GRPC_CALL_OK) return {GRPC_STATUS_INTERNAL, WhyNotStarted(error)};
   }
+  const std::stop_callback give_up(klbase::CurrentStopToken(), [call = exchange.Call()] {
+    grpc_call_cancel_with_status(call, GRPC_STATUS_CANCELLED, kGivenUp, nullptr);
+  });
   if (grpc_completion_queue_pluck(queue, &exchange, deadline, nullptr).type == GRPC_QUEUE_TIMEOUT) {
     CancelAndWait(exchange, queue, WhyNoReply(deadline, timeout));
   }
@@ -126,6 +133,7 @@ void UnaryCaller::GiveBack(Line line) {
 CallOutcome UnaryCaller::Call(const google::protobuf::Message& request, google::protobuf::Any& reply,
                               std::chrono::milliseconds timeout) {
   if (timeout <= std::chrono::milliseconds::zero()) return {GRPC_STATUS_DEADLINE_EXCEEDED, "the time limit is 0 ms"};
+  if (klbase::CurrentStopToken().stop_requested()) return {GRPC_STATUS_CANCELLED, kGivenUp};
   if (const std::size_t size = request.ByteSizeLong(); size > kMaxMessageBytes) {
     return {GRPC_STATUS_RESOURCE_EXHAUSTED, TooLarge("the request", size)};
   }
@@ -145,6 +153,7 @@ CallOutcome UnaryCaller::Exchange(Line& line, const Slice& request, google::prot
   if (idled || !line.connection.Usable(line.queue)) {
     line.connection = connector_.Connect(Connector::Use::kCalls, deadline);
     const CallOutcome& made = line.connection.Outcome();
+    if (klbase::CurrentStopToken().stop_requested()) return {GRPC_STATUS_CANCELLED, kGivenUp};
     if (made.code != GRPC_STATUS_OK) {
       return Clock::now() < deadline
                  ? made

@@ -7,6 +7,7 @@
 
 #include "cli/failure_text.h"
 #include "cli/words.h"
+#include "klbase/cancellation.h"
 #include "klbase/log.h"
 
 namespace cli::internal {
@@ -25,6 +26,23 @@ bool FindMenu(const Menu& target, std::vector<std::shared_ptr<Menu>>& path) {
   return false;
 }
 
+std::string FirstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
+
+Outcome UsageError(const std::string& text) { return {Status::kUsage, 0, FirstLine(text), {}}; }
+
+Outcome GivenUp() {
+  return {Status::kCancelled, 0, "given up; a daemon that has the request may still carry it out", {}};
+}
+
+// "" for a command that ended well.
+std::string OutcomeLine(const Outcome& outcome) {
+  if (outcome.status == Status::kOk) return "";
+  std::string line = StatusName(outcome.status);
+  if (!outcome.reason.empty()) line += ": " + OneLine(outcome.reason);
+  if (outcome.code != 0) line += " (code " + std::to_string(outcome.code) + ")";
+  return line + "\n";
+}
+
 }  // namespace
 
 CommandRunner::CommandRunner(Config config)
@@ -34,28 +52,49 @@ CommandRunner::CommandRunner(Config config)
       stream_(config_.output, config_.on_screen),
       menu_name_(config_.root->Name()) {}
 
-void CommandRunner::Run(const std::string& line) {
-  const Words split = SplitWords(line);
+Outcome CommandRunner::Run(const std::string& line, std::stop_token given_up) {
+  Words split = SplitWords(line);
+  Answer answer;
   if (!split.error.empty()) {
-    config_.output->Append(split.error + "\n");
+    answer.outcome = UsageError(split.error);
+    answer.text = split.error + "\n";
   } else if (!split.words.empty()) {
-    RunWords(split.words);
+    RunWords(split.words, given_up, answer);
   }
+  if (!answer.text.empty()) {
+    config_.output->FreshLine();  // the command may have printed half a line
+    config_.output->Append(answer.text);
+  }
+  return std::move(answer.outcome);
 }
 
-void CommandRunner::RunWords(const std::vector<std::string>& words) {
+void CommandRunner::RunWords(const std::vector<std::string>& words, const std::stop_token& given_up, Answer& answer) {
   stream_.Reset();
+  explained_ = false;
   LeaveRemovedMenus();
-  std::string answer;
-  try {
-    if (!Dispatch(words)) answer = ExplainRefusal(path_, builtins_, words);
-  } catch (...) {
-    answer = ExplainFailure(words);
+  OutcomeRecorder recorder(stream_);
+  {
+    const klbase::ScopedStopToken scope(given_up);
+    const std::stop_callback mute(given_up, [this] { config_.output->RefusePrints(true); });
+    try {
+      if (!Dispatch(words)) {
+        answer.text = ExplainRefusal(path_, builtins_, words);
+        recorder.Get() = UsageError(answer.text);
+      }
+    } catch (...) {
+      answer.text = ExplainFailure(words);
+      recorder.Get().status = IsAboutAWord(std::current_exception()) ? Status::kUsage : Status::kFailed;
+      recorder.Get().reason = FirstLine(answer.text);
+    }
+    stream_.Finish();
   }
-  stream_.Finish();
-  if (answer.empty()) return;
-  config_.output->FreshLine();  // the command may have printed half a line
-  config_.output->Append(answer);
+  answer.outcome = std::move(recorder.Get());
+  if (given_up.stop_requested()) {
+    config_.output->RefusePrints(false);
+    answer.outcome = GivenUp();
+    answer.text.clear();
+  }
+  if (config_.tell_outcome && !explained_ && answer.text.empty()) answer.text = OutcomeLine(answer.outcome);
 }
 
 // The menu's commands come first: a tool may have an "exit" of its own. Where one of them can't take the words, a

@@ -4,12 +4,15 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "cli/menu_walk.h"
+#include "cli/outcome.h"
 #include "console/builtins.h"
 #include "console/output_stream.h"
 #include "console/session/session_host.h"
@@ -33,12 +36,14 @@ class CommandRunner : private SessionControl {
     SessionHost* host = nullptr;
     std::function<void()> end;  // a command ends the session
     bool on_screen = false;     // the output is for a terminal, not a program
+    bool tell_outcome = false;  // an operator reads it: a line says why a command did not end well
   };
 
   explicit CommandRunner(Config config);
 
-  // Runs `line`. An exception that a command throws becomes a line of the output, and a record.
-  void Run(const std::string& line);
+  // Runs `line` and says how it ended. An exception that a command throws becomes a line of the output, and a record.
+  // Once a stop is requested through `given_up`, what the command still prints is dropped.
+  Outcome Run(const std::string& line, std::stop_token given_up = {});
 
   const MenuPath& Path() const override { return path_; }
   // The names of the menus that lead to the current one, without the root's.
@@ -49,6 +54,10 @@ class CommandRunner : private SessionControl {
   std::ostream& OutStream() override { return stream_; }
   Menu& CurrentMenu() override { return path_.Current(); }
   void Enter(Menu& menu) override;
+  void ReportExplained(Status status, std::string_view reason) override {
+    explained_ = true;
+    Report(stream_, status, 0, reason);
+  }
   int Id() const override { return config_.session_id; }
   const std::vector<std::string>& History() const override { return config_.history->Lines(); }
   void End() override { config_.end(); }
@@ -59,7 +68,13 @@ class CommandRunner : private SessionControl {
   }
   void ShutDownConsole() override { config_.host->RequestShutdown(); }
 
-  void RunWords(const std::vector<std::string>& words);
+  // What a line's command has come to.
+  struct Answer {
+    Outcome outcome;
+    std::string text;  // the console's own, "" for none
+  };
+
+  void RunWords(const std::vector<std::string>& words, const std::stop_token& given_up, Answer& answer);
   bool Dispatch(const std::vector<std::string>& words);
   std::string ExplainFailure(const std::vector<std::string>& words) const;
   void LeaveRemovedMenus();
@@ -69,6 +84,7 @@ class CommandRunner : private SessionControl {
   const CommandVector& builtins_;  // in config_
   MenuPath path_;
   OutputStream stream_;
+  bool explained_ = false;  // by the command that runs: its output says why it did not end well
   mutable absl::Mutex mutex_;
   std::string menu_name_ ABSL_GUARDED_BY(mutex_);
 };

@@ -5,12 +5,15 @@
 #include <iomanip>
 #include <memory>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/outcome.h"
 #include "cli/words.h"
+#include "klbase/cancellation.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/test_host.h"
 #include "platform/klbase/testing/test_output.h"
@@ -18,6 +21,8 @@
 
 namespace cli::internal {
 namespace {
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
 
 class CommandRunnerTest : public testing::Test, private TestHost {
  protected:
@@ -58,6 +63,23 @@ class CommandRunnerTest : public testing::Test, private TestHost {
     root_->Insert(MakeCommand(
         "number", [](std::ostream& out, int number) { out << number << "\n"; }, "help"));
     playd_handle_ = root_->Insert(std::move(playd));
+    root_->Insert(MakeCommand(
+        "refuse",
+        [](std::ostream& out) {
+          out << "result:0\n";
+          ReportField(out, "result", "0");
+          Report(out, Status::kRefused, 6, "can't open\nmissing.mp4");
+        },
+        "help"));
+    root_->Insert(MakeCommand(
+        "hang",
+        [this](std::ostream& out) {
+          out << "waiting\n";
+          given_up_.request_stop();
+          out << "late\n";
+          Report(out, Status::kRefused, 6, "late");
+        },
+        "help"));
   }
 
   std::string Run(const std::string& line) {
@@ -83,6 +105,7 @@ class CommandRunnerTest : public testing::Test, private TestHost {
   cli::internal::History history_;
   int ends_ = 0;
   int shutdowns_ = 0;
+  std::stop_source given_up_;
   CommandRunner runner_{Config()};
 
  private:
@@ -212,6 +235,81 @@ TEST_F(CommandRunnerTest, WhoMarksTheAskingSession) {
 TEST_F(CommandRunnerTest, HistoryListsTheLinesThatTheSessionKept) {
   history_.Add("say hello");
   EXPECT_EQ(Run("history"), "    1  say hello\n");
+}
+
+// --- how a line ended
+
+TEST_F(CommandRunnerTest, ALineThatEndsWellSaysSo) {
+  const Outcome outcome = runner_.Run("say hello");
+  EXPECT_EQ(outcome.status, Status::kOk);
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_EQ(outcome.reason, "");
+}
+
+TEST_F(CommandRunnerTest, WhatACommandReportsIsTheOutcome) {
+  const Outcome outcome = runner_.Run("refuse");
+  EXPECT_EQ(outcome.status, Status::kRefused);
+  EXPECT_EQ(outcome.code, 6);
+  EXPECT_EQ(outcome.reason, "can't open\nmissing.mp4");
+  EXPECT_EQ(outcome.fields, (Fields{{"result", "0"}}));
+  EXPECT_EQ(runner_.Run("say hello").fields, Fields());
+}
+
+TEST_F(CommandRunnerTest, ALineThatIsWrongInItselfIsAUsageError) {
+  for (const char* line : {"say \"hello", "nothing", "say", "number x", "disconnect", "help nothing", "main nothing"}) {
+    const Outcome outcome = runner_.Run(line);
+    EXPECT_EQ(outcome.status, Status::kUsage) << line;
+    EXPECT_EQ(outcome.reason + "\n", output_.Take().substr(0, outcome.reason.size() + 1)) << line;
+  }
+}
+
+TEST_F(CommandRunnerTest, AnExceptionIsAFailureWithTheSameText) {
+  const Outcome outcome = runner_.Run("fail");
+  EXPECT_EQ(outcome.status, Status::kFailed);
+  EXPECT_EQ(outcome.reason, "fail: no such player. Usage: fail");
+}
+
+TEST_F(CommandRunnerTest, AnOperatorIsToldWhyACommandDidNotEndWell) {
+  CommandRunner::Config config = Config();
+  config.tell_outcome = true;
+  CommandRunner runner(config);
+  runner.Run("refuse");
+  EXPECT_EQ(output_.Take(), "result:0\nrefused: can't open missing.mp4 (code 6)\n");
+  runner.Run("main refuse");
+  EXPECT_EQ(output_.Take(), "result:0\nrefused: can't open missing.mp4 (code 6)\n");
+  runner.Run("say hello");
+  EXPECT_EQ(output_.Take(), "hello");
+}
+
+TEST_F(CommandRunnerTest, NobodyIsToldTwice) {
+  CommandRunner::Config config = Config();
+  config.tell_outcome = true;
+  CommandRunner runner(config);
+  for (const char* line : {"nothing", "fail", "disconnect", "help nothing"}) {
+    runner.Run(line);
+    const std::string told = output_.Take();
+    runner_.Run(line);
+    EXPECT_EQ(told, output_.Take()) << line;
+  }
+}
+
+TEST_F(CommandRunnerTest, AProgramGetsWhatTheCommandPrintsAndNoMore) { EXPECT_EQ(Run("refuse"), "result:0\n"); }
+
+TEST_F(CommandRunnerTest, WhatACommandPrintsAfterItWasGivenUpIsDropped) {
+  const Outcome outcome = runner_.Run("hang", given_up_.get_token());
+  EXPECT_EQ(output_.Take(), "waiting\n");
+  EXPECT_EQ(outcome.status, Status::kCancelled);
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_EQ(outcome.reason, "given up; a daemon that has the request may still carry it out");
+  EXPECT_EQ(Run("say hello"), "hello");
+}
+
+TEST_F(CommandRunnerTest, ACommandSeesThatItIsGivenUp) {
+  root_->Insert(MakeCommand(
+      "look", [](std::ostream& out) { out << klbase::CurrentStopToken().stop_possible(); }, ""));
+  runner_.Run("look", given_up_.get_token());
+  EXPECT_EQ(output_.Take(), "1");
+  EXPECT_FALSE(klbase::CurrentStopToken().stop_possible());
 }
 
 // A menu's code can't run one: it gets any Session, which a built-in command could not do with.

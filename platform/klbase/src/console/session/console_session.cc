@@ -29,7 +29,7 @@ ConsoleSession::ConsoleSession(SessionConfig config)
       login_(config_.login, {config_.id, config_.peer, Interactive()}, config_.output.get()),
       history_(config_.history_file.empty() ? History() : History(config_.history_file)),
       runner_({config_.id, config_.root, config_.builtins, config_.output.get(), &history_, config_.host,
-               [this] { End(); }, OnScreen()}),
+               [this] { End(); }, OnScreen(), Interactive()}),
       reader_(config_.output.get(), MakeEditor()) {}
 
 std::unique_ptr<LineEditor> ConsoleSession::MakeEditor() const {
@@ -167,6 +167,7 @@ std::optional<std::string> ConsoleSession::LineToRun(LineReader::Line line) {
     End();
     return std::nullopt;
   }
+  if (line.event == LineEditor::Event::kInterrupt && config_.interrupted) config_.interrupted();
   if (line.event == LineEditor::Event::kTooLong) {
     config_.output->Append("Line too long: a line has at most " + std::to_string(kMaxLineBytes) +
                            " bytes. It was dropped.\n");
@@ -250,7 +251,9 @@ void ConsoleSession::RunLine(const std::string& line) {
   // The programs that a command starts write to this terminal by themselves: the typed line must stand before that.
   if (config_.kind == SessionKind::kTerminal) config_.output->Flush();
   history_.Add(line);
-  runner_.Run(line);
+  const std::stop_token given_up = queue_.BeginLine();
+  if (!given_up.stop_requested()) runner_.Run(line, given_up);
+  queue_.EndLine();
   last_input_ = Now();
   notices_.CommandEnds();
   if (!queue_.Ended()) BeginLine();

@@ -41,6 +41,8 @@ struct SessionConfig {
   // long nothing is known (`whole` is false then). Called by the holder of the lease, on any thread. None: all lines
   // are welcome.
   std::function<bool(std::string_view line, bool whole)> accept_first_line;
+  // Ctrl-C while no command runs, on any thread; it drops the typed line in either case. None: it does no more.
+  std::function<void()> interrupted;
   // Both may be called on any thread, without a lock. `want_input`: there is room for input again after OnInput()
   // returned false. `ended`: the session runs nothing more; close it when its output is out.
   std::function<void()> want_input;

@@ -26,6 +26,7 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -35,6 +36,7 @@
 #include "cli/menu.h"
 #include "console/console.h"
 #include "console/options.h"
+#include "klbase/cancellation.h"
 #include "klbase/log.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/testing/captured_output.h"
@@ -97,6 +99,17 @@ class ServerTest : public ::testing::Test {
           out << "waiting" << std::flush;
           gate->Pass();
           out << " done\n";
+        },
+        ""));
+    core->Insert(MakeCommand(
+        "hang",
+        [](std::ostream& out) {
+          out << "hanging\n" << std::flush;
+          vextest::Watched<bool> stopped;
+          const std::stop_callback stop(klbase::CurrentStopToken(),
+                                        [&] { stopped.Update([](bool& value) { value = true; }); });
+          stopped.WaitFor([](bool value) { return value; });
+          out << "late\n";
         },
         ""));
     core->Insert(MakeCommand(
@@ -349,6 +362,55 @@ TEST_F(ServerTest, AnInterruptDropsTheTypedLine) {
   const std::string text = client.ReceiveUntil("2\r\nmain> ");
   EXPECT_EQ(text.find("1\r\n"), std::string::npos) << text;
   EXPECT_NE(text.find("2\r\nmain> "), std::string::npos);
+}
+
+constexpr char kGivenUp[] = "cancelled: given up; a daemon that has the request may still carry it out\r\n";
+
+TEST_F(ServerTest, CtrlCGivesUpTheCommandUnderWayAndDropsWhatWaitsBehindIt) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core hang\r\n");
+  client.ReceiveUntil("hanging\r\n");
+  client.Send("core set 1\r\n");
+  client.Send("\x03");
+  EXPECT_NE(client.ReceiveUntil("main> ").find(kGivenUp), std::string::npos);
+  client.Send("core set 2\r\n");
+  const std::string text = client.ReceiveUntil("l2\r\n");  // behind the end of the mode for pasted text
+  EXPECT_EQ(text.find("l1\r\n"), std::string::npos) << text;
+}
+
+TEST_F(ServerTest, AnInterruptGivesUpTheCommandUnderWay) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core hang\r\n");
+  client.ReceiveUntil("hanging\r\n");
+  client.Send("\xff\xf4");
+  EXPECT_NE(client.ReceiveUntil("main> ").find(kGivenUp), std::string::npos);
+}
+
+TEST_F(ServerTest, ACommandThatIsGivenUpInOneSessionGoesOnInAnother) {
+  Open();
+  TestClient one = Operator();
+  TestClient other = Operator();
+  one.Send("core wait\r\n");
+  EXPECT_TRUE(gate_.WaitUntilReached());
+  other.Send("core hang\r\n");
+  other.ReceiveUntil("hanging\r\n");
+  other.Send("\x03");
+  other.ReceiveUntil("main> ");
+  gate_.Open();
+  EXPECT_NE(one.ReceiveUntil("main> ").find("waiting done\r\n"), std::string::npos);
+}
+
+// The reader takes its time with what came before; the rest does not come.
+TEST_F(ServerTest, CtrlCEndsACommandThatPrintsWithoutEnd) {
+  Open();
+  TestClient client = Operator();
+  client.Send("core big 4000000\r\n");
+  client.ReceiveUntil("xxx");
+  client.Send("\x03");
+  EXPECT_NE(client.ReceiveUntil("main> ").find(kGivenUp), std::string::npos);
+  EXPECT_EQ(cut_off_, 1);
 }
 
 TEST_F(ServerTest, AnInterruptWithItsUrgentMarkLeavesTheStreamWhole) {

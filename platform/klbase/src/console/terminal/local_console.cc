@@ -1,6 +1,7 @@
 #include "console/terminal/local_console.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -74,6 +75,8 @@ void LocalConsole::Open() {
   config.peer = "local";
   config.output = output_;
   config.on_screen = ::isatty(options_.output_fd) == 1;
+  // The key was read after all: the command has ended meanwhile.
+  if (terminal_) config.interrupted = [] { ::kill(::getpid(), SIGINT); };
   if (terminal_) config.history_file = options_.history_file;  // a script's lines are not an operator's
   config.want_input = [this] {
     want_input_ = true;
@@ -114,8 +117,12 @@ void LocalConsole::Serve() {
 // fails, which nothing can be done about.
 bool LocalConsole::PollOnce() {
   constexpr int kLatencyMs = 20;  // a running command's output waits no longer; too short to be noticed
-  const bool reading = want_input_ && !end_of_input_ && !stop_ && output_->Pending() <= OutputBuffer::kBusyPending;
+  const bool running = session_->CommandRunning();
+  // A command that prints more than is read must still be given up.
+  const bool room = running || output_->Pending() <= OutputBuffer::kBusyPending;
+  const bool reading = want_input_ && !end_of_input_ && !stop_ && room;
   const bool writing = output_->Pending() > 0;
+  if (raw_) raw_->ReadInterruptKey(running);
   // Entries with a negative descriptor are skipped.
   std::array<pollfd, 4> fds = {{{wake_fd_, POLLIN, 0},
                                 {raw_ ? raw_->EventFd() : -1, POLLIN, 0},

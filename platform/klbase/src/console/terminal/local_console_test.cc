@@ -22,6 +22,7 @@
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -31,6 +32,7 @@
 #include "cli/menu.h"
 #include "console/console.h"
 #include "console/options.h"
+#include "klbase/cancellation.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/test_screen.h"
 #include "platform/testing/child_process.h"
@@ -96,6 +98,15 @@ std::unique_ptr<Menu> TestRoot(Gate* gate = nullptr) {
   core->Insert(MakeCommand(
       "print", [](std::ostream&) { std::cout << "event\n"
                                              << std::flush; }, ""));
+  core->Insert(MakeCommand(
+      "hang",
+      [](std::ostream& out) {
+        out << "hanging" << std::endl;
+        const std::stop_token given_up = klbase::CurrentStopToken();
+        WaitFor([&given_up] { return given_up.stop_requested(); });
+        out << "late" << std::endl;
+      },
+      ""));
   if (gate != nullptr) {
     core->Insert(MakeCommand(
         "wait",
@@ -375,6 +386,7 @@ class Pty {
     ::tcgetattr(master_, &mode);
     return mode;
   }
+  bool HasInterruptKey() const { return Mode().c_cc[VINTR] != _POSIX_VDISABLE; }
   bool IsRaw() const { return (Mode().c_lflag & ICANON) == 0; }
 
   // All that is still shown, once nobody has the slave open.
@@ -526,6 +538,44 @@ TEST_F(TerminalTest, CtrlCIsTheInterruptSignalAndTheTerminalIsRestored) {
   Start();
   pty_.Until("main> ");
   pty_.Type("abc\x03");
+  EXPECT_EQ(Wait(), 1000 + SIGINT);
+  EXPECT_FALSE(pty_.IsRaw());
+}
+
+TEST_F(TerminalTest, CtrlCGivesUpTheCommandUnderWayAndTheProgramStays) {
+  Start();
+  pty_.Until("main> ");
+  for (int i = 0; i < 3; ++i) {
+    pty_.Type("core hang\r");
+    pty_.Until("hanging\r\n");
+    EXPECT_TRUE(WaitFor([this] { return !pty_.HasInterruptKey(); }));
+    pty_.Type("core show version\r\x03");
+    EXPECT_NE(pty_.Until("main> ").find("cancelled: given up"), std::string::npos);
+  }
+  EXPECT_TRUE(WaitFor([this] { return pty_.HasInterruptKey(); }));
+  pty_.Type("\x03");
+  EXPECT_EQ(Wait(), 1000 + SIGINT);
+  EXPECT_FALSE(pty_.IsRaw());
+}
+
+TEST_F(TerminalTest, CtrlCRightBehindTheEndOfACommandIsTheInterruptSignal) {
+  Start();
+  pty_.Until("main> ");
+  pty_.Type("core hang\r");
+  pty_.Until("hanging\r\n");
+  EXPECT_TRUE(WaitFor([this] { return !pty_.HasInterruptKey(); }));
+  pty_.Type("\x03");
+  pty_.Until("main> ");
+  pty_.Type("\x03");  // read as a key, or the signal already
+  EXPECT_EQ(Wait(), 1000 + SIGINT);
+}
+
+TEST_F(TerminalTest, AnInterruptSignalFromElsewhereEndsTheProgramAlsoWhileACommandRuns) {
+  Start();
+  pty_.Until("main> ");
+  pty_.Type("core hang\r");
+  pty_.Until("hanging\r\n");
+  child_->Signal(SIGINT);
   EXPECT_EQ(Wait(), 1000 + SIGINT);
   EXPECT_FALSE(pty_.IsRaw());
 }

@@ -14,6 +14,7 @@
 #include <csignal>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 
 namespace cli::internal {
 namespace {
@@ -157,9 +158,14 @@ void LocalTerminal::EnterRawMode() {
   raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK);
   raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | IEXTEN);
   raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away the keys typed before it
+  if (read_interrupt_key_) raw.c_cc[VINTR] = _POSIX_VDISABLE;
   raw.c_cc[VMIN] = 1;
   raw.c_cc[VTIME] = 0;
   ::tcsetattr(fd, TCSANOW, &raw);
+}
+
+void LocalTerminal::ReadInterruptKey(bool read) {
+  if (read != std::exchange(read_interrupt_key_, read)) EnterRawMode();
 }
 
 LocalTerminal::Size LocalTerminal::WindowSize(int fd) {

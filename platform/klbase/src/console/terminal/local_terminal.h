@@ -8,11 +8,11 @@ namespace cli::internal {
 
 // At most one exists at a time. Created, used and destroyed by one thread, but for Restore().
 //
-// Ctrl-C stays the interrupt signal, whose handler is the program's own; without one it ends the process. The terminal
-// is restored by the destructor, by an exit handler's Restore(), and before the process dies of a signal (SIGTERM,
-// SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT): handlers for these are put before the ones that were
-// installed when it is created, which then see the signal as if nothing had happened. SIGKILL leaves the terminal as it
-// is; "stty sane" helps.
+// Ctrl-C stays the interrupt signal, whose handler is the program's own; without one it ends the process. While a
+// command runs it can be made a key that is read. The terminal is restored by the destructor, by an exit handler's
+// Restore(), and before the process dies of a signal (SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL,
+// SIGABRT): handlers for these are put before the ones that were installed when it is created, which then see the
+// signal as if nothing had happened. SIGKILL leaves the terminal as it is; "stty sane" helps.
 class LocalTerminal {
  public:
   enum class Event { kNone, kResized, kStop, kContinued };
@@ -35,10 +35,15 @@ class LocalTerminal {
   void StopProcess();
   // Sets raw mode again if this process is in the foreground.
   void EnterRawMode();
+  // Whether Ctrl-C is read as a key.
+  void ReadInterruptKey(bool read);
 
   static Size WindowSize(int fd);
   // Puts the terminal back as it was, out of bracketed paste too. Any thread, also in a signal handler.
   static void Restore();
+
+ private:
+  bool read_interrupt_key_ = false;
 };
 
 // Opens the terminal behind `fd` once more for writing, non-blocking: the flag would otherwise be shared with the

@@ -3,26 +3,60 @@
 #include <utility>
 
 namespace cli::internal {
+namespace {
+
+constexpr char kCtrlC = '\x03';
+
+}  // namespace
 
 InputQueue::Posted InputQueue::PostBytes(std::string_view bytes) {
-  constexpr char kCtrlC = '\x03';
-  absl::MutexLock lock(&mutex_);
-  if (ended_) return Posted::kWaits;
-  if (!leased_) {
-    bytes_.append(bytes);
-    return TakeLeaseLocked();
-  }
-  // A command runs: nobody reads the Ctrl-C before it ends, but the lines in front of it must not run then.
   const std::size_t interrupt = source_ == Source::kOperator ? bytes.rfind(kCtrlC) : std::string_view::npos;
-  if (interrupt != std::string_view::npos) {
-    bytes_.clear();
-    drop_unread_ = true;
-    bytes.remove_prefix(interrupt);
+  std::optional<std::stop_source> given_up;
+  Posted posted = Posted::kWaits;
+  {
+    absl::MutexLock lock(&mutex_);
+    if (ended_) return Posted::kWaits;
+    if (!leased_) {
+      bytes_.append(bytes);
+      return TakeLeaseLocked();
+    }
+    if (interrupt != std::string_view::npos) {
+      // The lines in front of it must not run; and as it is for the line that runs, it doesn't count as typed.
+      bytes_.clear();
+      drop_unread_ = true;
+      given_up = running_;
+      bytes.remove_prefix(given_up ? interrupt + 1 : interrupt);
+    }
+    bytes_.append(bytes);
+    // Bytes above the limit are kept all the same: the sender has read them already.
+    paused_ = bytes_.size() > kMaxQueued;
+    if (paused_) posted = Posted::kFull;
   }
-  bytes_.append(bytes);
-  // Bytes above the limit are kept all the same: the sender has read them already.
-  paused_ = bytes_.size() > kMaxQueued;
-  return paused_ ? Posted::kFull : Posted::kWaits;
+  if (given_up) given_up->request_stop();
+  return posted;
+}
+
+std::stop_token InputQueue::BeginLine() {
+  std::stop_source source;
+  absl::MutexLock lock(&mutex_);
+  if (drop_unread_) source.request_stop();
+  running_ = source;
+  return source.get_token();
+}
+
+void InputQueue::EndLine() {
+  absl::MutexLock lock(&mutex_);
+  running_.reset();
+}
+
+bool InputQueue::GiveUpLine() {
+  std::optional<std::stop_source> given_up;
+  {
+    absl::MutexLock lock(&mutex_);
+    given_up = running_;
+  }
+  if (given_up) given_up->request_stop();
+  return given_up.has_value();
 }
 
 InputQueue::Posted InputQueue::PostEndOfInput() {
@@ -77,7 +111,7 @@ InputQueue::Work InputQueue::Next(bool unread) {
   if (end_of_input_ && !ended_ && IdleLocked(unread)) FinishInputLocked();
   if (ended_) {
     EndLocked(work);
-  } else if (IdleLocked(unread)) {
+  } else if (!work.drop_unread && IdleLocked(unread)) {
     // In the same step that found nothing to do: a later post finds the lease free, and its thread does the work.
     leased_ = false;
   } else {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -61,6 +62,14 @@ class InputQueue {
   // No line is run from now on. Any thread; the lease stays where it is.
   void End();
 
+  // The holder is about to run a line. A Ctrl-C that comes before EndLine() requests its stop, on the thread that posts
+  // it; one that has come since the line was read has done so already, and the line is not to be run.
+  std::stop_token BeginLine();
+  void EndLine();
+
+  // The same as that Ctrl-C would do, for a line that runs; any thread. False when none does.
+  bool GiveUpLine();
+
   // The holder's next work. `unread`: some of the bytes that it got before are not read yet.
   Work Next(bool unread);
 
@@ -88,6 +97,7 @@ class InputQueue {
   bool ended_ ABSL_GUARDED_BY(mutex_) = false;
   bool end_told_ ABSL_GUARDED_BY(mutex_) = false;
   std::string farewell_ ABSL_GUARDED_BY(mutex_);
+  std::optional<std::stop_source> running_ ABSL_GUARDED_BY(mutex_);
 };
 
 }  // namespace cli::internal

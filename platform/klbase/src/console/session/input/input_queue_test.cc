@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -104,6 +105,66 @@ TEST_F(InputQueueTest, CtrlCIsAKeyWhileALineIsTyped) {
   const auto work = operator_.Next(false);
   EXPECT_FALSE(work.drop_unread);
   EXPECT_EQ(work.bytes, "half\x03");
+}
+
+TEST_F(InputQueueTest, CtrlCGivesUpTheLineThatRuns) {
+  operator_.PostBytes("one\n");
+  operator_.Next(false);
+  const std::stop_token given_up = operator_.BeginLine();
+  EXPECT_FALSE(given_up.stop_requested());
+  operator_.PostBytes("typed ahead");
+  EXPECT_FALSE(given_up.stop_requested());
+  operator_.PostBytes("\x03next\n");
+  EXPECT_TRUE(given_up.stop_requested());
+  operator_.EndLine();
+  const auto work = operator_.Next(true);
+  EXPECT_TRUE(work.drop_unread);
+  EXPECT_EQ(work.bytes, "next\n");  // the key itself is used up
+}
+
+TEST_F(InputQueueTest, CtrlCAloneDropsTheLinesThatWereReadToo) {
+  operator_.PostBytes("one\ntwo\n");
+  operator_.Next(false);
+  operator_.BeginLine();
+  operator_.PostBytes("\x03");
+  operator_.EndLine();
+  const auto work = operator_.Next(true);
+  EXPECT_EQ(work.kind, Kind::kSome);
+  EXPECT_TRUE(work.drop_unread);
+  EXPECT_EQ(operator_.Next(false).kind, Kind::kNone);
+}
+
+TEST_F(InputQueueTest, ALineThatWasReadBeforeTheCtrlCIsNotToBeRun) {
+  operator_.PostBytes("one\n");
+  operator_.Next(false);
+  operator_.PostBytes("\x03");
+  EXPECT_TRUE(operator_.BeginLine().stop_requested());
+  operator_.EndLine();
+  operator_.PostBytes("two\n");
+  operator_.Next(false);
+  EXPECT_FALSE(operator_.BeginLine().stop_requested());
+}
+
+TEST_F(InputQueueTest, CtrlCBetweenTwoLinesIsAKey) {
+  operator_.PostBytes("one\n");
+  operator_.Next(false);
+  const std::stop_token given_up = operator_.BeginLine();
+  operator_.EndLine();
+  operator_.PostBytes("\x03");
+  EXPECT_FALSE(given_up.stop_requested());
+  EXPECT_EQ(operator_.Next(false).bytes, "\x03");
+}
+
+TEST_F(InputQueueTest, AProgramsCtrlCGivesNothingUp) {
+  program_.PostBytes("one\n");
+  program_.Next(false);
+  const std::stop_token given_up = program_.BeginLine();
+  program_.PostBytes("\x03");
+  EXPECT_FALSE(given_up.stop_requested());
+  EXPECT_TRUE(program_.GiveUpLine());  // it has other ways
+  EXPECT_TRUE(given_up.stop_requested());
+  program_.EndLine();
+  EXPECT_FALSE(program_.GiveUpLine());
 }
 
 TEST_F(InputQueueTest, CtrlCOfAProgramDropsNothingThatWaits) {
