@@ -48,8 +48,8 @@ void StartLoopback() {
   close(control);
 }
 
-// Never closed: the lock ends with the process. Shared with the whole-process tests. A test of a death runs the program again,
-// as a child that has its parent's turn.
+// Never closed: the lock ends with the process. Shared with the whole-process tests. A test of a death runs the program
+// again, as a child that has its parent's turn.
 void TakeTurn() {
   constexpr char kHasTurn[] = "VEXTEST_HAS_TURN";
   if (getenv(kHasTurn) != nullptr) return;
