@@ -221,18 +221,19 @@ bool Canvas::IsFading(GstPad* pad) const {
 }
 
 void Canvas::SetMode(const CanvasMode& mode) {
-  // Held throughout, so that modes that are set at the same time do not mix; nothing here calls back.
   const absl::MutexLock lock(&mutex_);
   mode_ = mode;
   pace_.Ask(mode.frequency);
   noted_ = 0;
-  ApplyModeLocked();
-  for (GstPad* pad : whole_) g_object_set(pad, "width", mode.width, "height", mode.height, nullptr);
+  changed_ = true;
 }
 
+// On the streaming thread only, between two pictures: never while the compositor negotiates the mode before.
 void Canvas::ApplyModeLocked() {
+  changed_ = false;
   const device::CapsPtr caps(gst_caps_from_string(ModeCaps(mode_, pace_.Frequency()).c_str()));
   g_object_set(filter_.get(), "caps", caps.get(), nullptr);
+  for (GstPad* pad : whole_) g_object_set(pad, "width", mode_.width, "height", mode_.height, nullptr);
 }
 
 int Canvas::ComposedFrequency() const {
@@ -240,15 +241,14 @@ int Canvas::ComposedFrequency() const {
   return pace_.Frequency();
 }
 
-// On the streaming thread, like every change of the rate by itself.
 void Canvas::KeepPace() {
   std::string text;
   bool reduced = false;
   {
     const absl::MutexLock lock(&mutex_);
     const auto finding = pace_.OnPicture(steady_clock::now());
+    if (changed_ || (finding && finding->changed)) ApplyModeLocked();
     if (!finding) return;
-    if (finding->changed) ApplyModeLocked();
     if (std::exchange(noted_, finding->frequency) == finding->frequency) return;
     reduced = pace_.IsReduced();
     text = absl::StrFormat("the canvas, %dx%d, is composed at %g of the %g Hz asked for; %.1f pictures/s were counted",

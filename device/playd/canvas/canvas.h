@@ -137,6 +137,7 @@ class Canvas {
 
   mutable absl::Mutex mutex_;
   CanvasMode mode_ ABSL_GUARDED_BY(mutex_);
+  bool changed_ ABSL_GUARDED_BY(mutex_) = false;  // and not yet applied
   Pace pace_ ABSL_GUARDED_BY(mutex_){CanvasMode().frequency};
   int noted_ ABSL_GUARDED_BY(mutex_) = 0;            // the rate that the log knows of
   std::set<GstPad*> whole_ ABSL_GUARDED_BY(mutex_);  // of layers that fill the canvas
