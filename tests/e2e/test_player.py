@@ -235,3 +235,43 @@ def test_sigterm_of_the_player_while_it_plays(start_playd, tool, connect, clip):
     daemon.signal(signal.SIGTERM)
     assert daemon.wait() == 0
     assert "result     :0" in program.run("playd DeleteUplayer 7", "error_infor:\n")
+
+
+def test_waits_and_expectations_in_a_program(tool, connect, start_playd, clip):
+    start_playd()
+    program = connect(tool.port())
+    wait_until(lambda: subscriptions(tool.log()), "both topics are subscribed")
+    program.run("playd CreateUplayer 0", "error_infor:\n")
+    program.run(f"playd OpenMediaOfUplayer 0 1 0 1 0 0 0 {clip} 0 0 1920 1080 0", "error_infor:\n")
+    program.run("playd SetSeekOfUplayer 0 5000", "error_infor:\n")
+    event = program.run("wait layer/get_seek_of_uplayer unique_id=0 within 10", " result.error_infor :\n")
+    assert event.startswith(STARS) and " seek_ms            :5000\n" in event
+    assert program.run("expect seek_ms>=5001", "\n") == 'expect: seek_ms is "5000", not seek_ms>=5001\n'
+    assert program.run("wait layer/* within 0.01", "\n") == "wait: no such event of layer/* within 0.01 s\n"
+    assert program.run("playd OpenMediaOfUplayer 0 1 0 1 0 0 0 missing.mp4 0 0 1920 1080 0", "error_infor:\n")
+    assert program.run("expect status=refused\nexpect status=ok", "\n").startswith("expect: status is \"refused\"")
+
+
+def test_a_monitor_shows_each_event_that_it_was_asked_for(tool, telnet, connect, start_events):
+    daemon = start_events()
+    wait_until(lambda: subscriptions(tool.log()), "both topics are subscribed")
+    session = telnet(tool.port())
+    session.send("monitor layer/* play_state=5\r")
+    session.expect_exact("main> ")
+    session.send("core sh")  # half a line stays below the events
+    publish(daemon, "report 3 a.mp4 1")
+    publish(daemon, "report 4 b.mp4 5")
+    session.expect_exact(" layerId            :4\r\n url                :b.mp4\r\n play_state         :5\r\n")
+    assert "a.mp4" not in session.before
+    session.expect_exact("core sh")
+    session.send("ow version\r")
+    session.expect_exact("git-version: v0.0.1")
+    session.send("monitor off\r")
+    session.expect_exact("main> ")
+    other = connect(tool.port())
+    other.run("core show version", VERSION_END)
+    publish(daemon, "report 6 c.mp4 5")
+    other.run("wait layer/result_repor url=c.mp4", " play_state         :5\n")
+    session.send("core show version\r")
+    session.expect_exact("git-version: v0.0.1")
+    assert "c.mp4" not in session.before

@@ -4,6 +4,7 @@
 #include "core/rpc_url.h"
 #include "example/rpcservice/pubsub/event_block.h"
 #include "klbase/log.h"
+#include "player/v1/topics.h"
 
 namespace {
 
@@ -14,13 +15,14 @@ const core::RegisteredModuleFactory<PubSubGetSeek, &ModuleID> registration;
 
 void PrintGetSeekResp(const lp::v1::GetSeekOfUplayerResp& event) {
   const lp::v1::UniversalResp& result = event.result();
-  PrintEventBlock({{" layerId            :", event.unique_id()},
-                   {" seek_ms            :", std::to_string(event.seek_ms())},
-                   {" duration_ms        :", std::to_string(event.duration_ms())},
-                   {" result.id          :", result.unique_id()},
-                   {" result.result      :", result.result() ? "1" : "0"},
-                   {" result.error_code  :", std::to_string(result.error_code())},
-                   {" result.error_infor :", result.error_infor()}});
+  ShowEvent(lp::v1::kGetSeekOfUplayerTopic, event,
+            {{" layerId            :", event.unique_id()},
+             {" seek_ms            :", std::to_string(event.seek_ms())},
+             {" duration_ms        :", std::to_string(event.duration_ms())},
+             {" result.id          :", result.unique_id()},
+             {" result.result      :", result.result() ? "1" : "0"},
+             {" result.error_code  :", std::to_string(result.error_code())},
+             {" result.error_infor :", result.error_infor()}});
 }
 
 const std::string& PubSubGetSeek::Name() { return ModuleID; }

@@ -4,6 +4,7 @@
 #include "core/rpc_url.h"
 #include "example/rpcservice/pubsub/event_block.h"
 #include "klbase/log.h"
+#include "player/v1/topics.h"
 
 namespace {
 
@@ -13,9 +14,10 @@ const core::RegisteredModuleFactory<ResultReport, &ModuleID> registration;
 }  // namespace
 
 void PrintResultRepor(const lp::v1::ResultRepor& event) {
-  PrintEventBlock({{" layerId            :", event.unique_id()},
-                   {" url                :", event.url()},
-                   {" play_state         :", std::to_string(event.play_state())}});
+  ShowEvent(lp::v1::kResultReporTopic, event,
+            {{" layerId            :", event.unique_id()},
+             {" url                :", event.url()},
+             {" play_state         :", std::to_string(event.play_state())}});
 }
 
 const std::string& ResultReport::Name() { return ModuleID; }

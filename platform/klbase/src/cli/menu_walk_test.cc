@@ -43,12 +43,12 @@ class MenuWalkTest : public ::testing::Test {
 };
 
 TEST_F(MenuWalkTest, AnEmptyLineOffersEverything) {
-  EXPECT_EQ(Tab(""),
-            (Strings{"encd", "playd", "help", "?", "history", "who", "disconnect", "main", "..", "exit", "shutdown"}));
+  EXPECT_EQ(Tab(""), (Strings{"encd", "playd", "help", "?", "history", "who", "wait", "monitor", "expect", "disconnect",
+                              "main", "..", "exit", "shutdown"}));
 }
 
 TEST_F(MenuWalkTest, TabCompletesTheMenusCommandsBeforeTheBuiltInOnes) {
-  EXPECT_EQ(Tab("e"), (Strings{"encd", "exit"}));
+  EXPECT_EQ(Tab("e"), (Strings{"encd", "expect", "exit"}));
   EXPECT_EQ(Tab("zzz"), Strings{});
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/words.h"
+#include "console/events/event_commands.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
@@ -83,6 +84,12 @@ void ShowHistory(const Call& call, const Arguments&) {
     call.session.OutStream() << prefix + DisplayPrefix(line, std::numeric_limits<int>::max()) + '\n';
   }
 }
+
+void Wait(const Call& call, const Arguments& words) { WaitForEvent(call.session, words); }
+
+void Monitor(const Call& call, const Arguments& words) { MonitorEvents(call.session, words); }
+
+void Expect(const Call& call, const Arguments& words) { ExpectFields(call.session, words); }
 
 void Exit(const Call& call, const Arguments&) { call.session.End(); }
 
@@ -203,6 +210,11 @@ Builtins::Builtins(const std::string& root_name) {
       {"?", "command", "show the commands, or one of them", true, Help},
       {"history", nullptr, "show the lines typed", false, ShowHistory},
       {"who", nullptr, "show the open sessions", false, Who},
+      {"wait", "topic", "wait for an event, such as: wait layer/* seek_ms>=5000 fail play_state=5 within 3", true,
+       Wait},
+      {"monitor", "topic", "show events as they come, such as: monitor layer/*; \"monitor off\" ends it", true,
+       Monitor},
+      {"expect", "condition", "compare fields of the last command, such as: expect result=1", true, Expect},
       {"disconnect", "id", "end another session", true, Disconnect},
       {root_name.c_str(), nullptr, "go back to the first menu", true, GoToRoot},
       {"..", nullptr, "go back to the menu before", false, GoUp},

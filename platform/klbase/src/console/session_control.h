@@ -7,9 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/events.h"
 #include "cli/menu_walk.h"
 #include "cli/outcome.h"
 #include "cli/session.h"
+#include "console/events/event_history.h"
 
 namespace cli::internal {
 
@@ -40,6 +42,11 @@ class SessionControl : public Session {
   virtual void ReportExplained(Status status, std::string_view reason) = 0;
   // The lines that were typed, the oldest first.
   virtual const std::vector<std::string>& History() const = 0;
+  // Which events its commands look at.
+  virtual EventHistory& Events() = 0;
+  // Shows the events that match as they come, above the line that is being typed; one choice at a time.
+  virtual void StartMonitor(EventFeed::Matches matches) = 0;
+  virtual void StopMonitor() = 0;
   // Ends this session after the line.
   virtual void End() = 0;
   // All sessions of the console.

@@ -55,6 +55,7 @@ CommandRunner::CommandRunner(Config config)
 Outcome CommandRunner::Run(const std::string& line, std::stop_token given_up) {
   Words split = SplitWords(line);
   Answer answer;
+  events_.LineBegins();
   if (!split.error.empty()) {
     answer.outcome = UsageError(split.error);
     answer.text = split.error + "\n";
@@ -65,6 +66,7 @@ Outcome CommandRunner::Run(const std::string& line, std::stop_token given_up) {
     config_.output->FreshLine();  // the command may have printed half a line
     config_.output->Append(answer.text);
   }
+  events_.LineEnds(answer.outcome);
   return std::move(answer.outcome);
 }
 

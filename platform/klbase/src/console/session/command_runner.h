@@ -7,6 +7,7 @@
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
@@ -34,8 +35,9 @@ class CommandRunner : private SessionControl {
     OutputBuffer* output = nullptr;
     const cli::internal::History* history = nullptr;
     SessionHost* host = nullptr;
-    std::function<void()> end;  // a command ends the session
-    bool on_screen = false;     // the output is for a terminal, not a program
+    std::function<void()> end;                        // a command ends the session
+    std::function<void(EventFeed::Matches)> monitor;  // null ends it
+    bool on_screen = false;                           // the output is for a terminal, not a program
     bool tell_outcome = false;  // an operator reads it: a line says why a command did not end well
   };
 
@@ -45,6 +47,7 @@ class CommandRunner : private SessionControl {
   // Once a stop is requested through `given_up`, what the command still prints is dropped.
   Outcome Run(const std::string& line, std::stop_token given_up = {});
 
+  EventFeed& Feed() { return events_.Feed(); }
   const MenuPath& Path() const override { return path_; }
   // The names of the menus that lead to the current one, without the root's.
   std::string MenuName() const;
@@ -58,6 +61,9 @@ class CommandRunner : private SessionControl {
     explained_ = true;
     Report(stream_, status, 0, reason);
   }
+  EventHistory& Events() override { return events_; }
+  void StartMonitor(EventFeed::Matches matches) override { config_.monitor(std::move(matches)); }
+  void StopMonitor() override { config_.monitor(nullptr); }
   int Id() const override { return config_.session_id; }
   const std::vector<std::string>& History() const override { return config_.history->Lines(); }
   void End() override { config_.end(); }
@@ -84,6 +90,7 @@ class CommandRunner : private SessionControl {
   const CommandVector& builtins_;  // in config_
   MenuPath path_;
   OutputStream stream_;
+  EventHistory events_;
   bool explained_ = false;  // by the command that runs: its output says why it did not end well
   mutable absl::Mutex mutex_;
   std::string menu_name_ ABSL_GUARDED_BY(mutex_);

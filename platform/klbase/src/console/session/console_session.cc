@@ -29,7 +29,8 @@ ConsoleSession::ConsoleSession(SessionConfig config)
       login_(config_.login, {config_.id, config_.peer, Interactive()}, config_.output.get()),
       history_(config_.history_file.empty() ? History() : History(config_.history_file)),
       runner_({config_.id, config_.root, config_.builtins, config_.output.get(), &history_, config_.host,
-               [this] { End(); }, OnScreen(), Interactive()}),
+               [this] { End(); }, [this](EventFeed::Matches matches) { Monitor(std::move(matches)); }, OnScreen(),
+               Interactive()}),
       reader_(config_.output.get(), MakeEditor()) {}
 
 std::unique_ptr<LineEditor> ConsoleSession::MakeEditor() const {
@@ -77,6 +78,15 @@ void ConsoleSession::Notice(std::string_view text) {
 
 void ConsoleSession::ShowHeldNotices() {
   if (notices_.Tick()) config_.output->FlushUnlessBlocked();
+}
+
+void ConsoleSession::ShowEvent(const Event& event) {
+  if (config_.output->Pending() > OutputBuffer::kBusyPending) {
+    ++dropped_events_;
+    return;
+  }
+  const std::uint64_t dropped = dropped_events_.exchange(0);
+  Notice(dropped == 0 ? event.text : std::to_string(dropped) + " events dropped\n" + event.text);
 }
 
 void ConsoleSession::Finish(std::string_view farewell) { PumpIfLeased(queue_.PostFinish(farewell)); }
@@ -243,6 +253,16 @@ std::optional<std::string> ConsoleSession::NextLineWhenRead() {
     config_.output->WaitForRoom(OutputBuffer::kBusyPending);
   }
   return NextLine();
+}
+
+// The session may be gone when an event is under way to it.
+void ConsoleSession::Monitor(EventFeed::Matches matches) {
+  monitor_.reset();
+  if (!matches) return;
+  monitor_ = runner_.Feed().Watch([weak = weak_from_this(), matches = std::move(matches)](const EventPtr& event) {
+    if (!matches(*event)) return;
+    if (const auto session = weak.lock()) session->ShowEvent(*event);
+  });
 }
 
 void ConsoleSession::RunLine(const std::string& line) {

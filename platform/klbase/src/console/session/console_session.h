@@ -4,12 +4,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "cli/events.h"
 #include "cli/menu.h"
 #include "console/builtins.h"
 #include "console/output_buffer.h"
@@ -77,6 +79,8 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void Notice(std::string_view text);
   // While a command runs: to be called every few milliseconds, for the notices that wait until it is quiet.
   void ShowHeldNotices();
+  // The same for an event, which is dropped and counted while the reader leaves a lot unread.
+  void ShowEvent(const Event& event);
   // Takes the line that is being typed off the screen and shows it again, after something else drew over it.
   void Redraw() { Notice({}); }
   // Runs no further line; a command under way finishes and is heard. Then says `farewell`, if anything was left to be
@@ -123,6 +127,7 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void RunLines(std::string line) override;
   void ThreadEnded() override { config_.host->ThreadEnded(config_.id); }
   void RunLine(const std::string& line);
+  void Monitor(EventFeed::Matches matches);
   // The next line that waits, once the reader has taken the output of those before.
   std::optional<std::string> NextLineWhenRead();
 
@@ -139,6 +144,9 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   CommandRunner runner_;
   LineReader reader_;
   bool started_ = false;  // the first prompt was shown
+  std::shared_ptr<const EventFeed::Watcher> monitor_;
+
+  std::atomic<std::uint64_t> dropped_events_{0};  // any thread's
 };
 
 }  // namespace cli::internal
