@@ -96,6 +96,7 @@ TEST_F(LiveTest, HoldsTheFirstPictureAndGoesOnFromThePresent) {
   ASSERT_TRUE(player_.SetPause(true).ok());
   EXPECT_TRUE(vextest::WaitFor([&] { return mixer_.Peak(milliseconds(500)) == 0; }));
   const std::uint32_t held = PositionMs();
+  EXPECT_GT(held, 0u);
   EXPECT_EQ(mixer_.Peak(milliseconds(300)), 0);
   EXPECT_EQ(PositionMs(), held);
   ASSERT_TRUE(player_.SetPause(false).ok());
