@@ -3,6 +3,7 @@
 #define KLBASE_CONSOLE_SESSION_CONTROL_H_
 
 #include <chrono>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,6 +48,8 @@ class SessionControl : public Session {
   // Shows the events that match as they come, above the line that is being typed; one choice at a time.
   virtual void StartMonitor(EventFeed::Matches matches) = 0;
   virtual void StopMonitor() = 0;
+  // Stopped when nobody waits for the command any more: the session or the console ends, or the operator is gone.
+  virtual std::stop_token Ending() const = 0;
   // Ends this session after the line.
   virtual void End() = 0;
   // All sessions of the console.

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <chrono>
 #include <ostream>
+#include <stop_token>
 #include <utility>
 
 #include "cli/conditions.h"
@@ -32,6 +33,25 @@ void RefuseUsage(SessionControl& session, const std::string& what, const char* u
 }
 
 // --- wait
+
+// Stopped with either of two tokens.
+class EitherStop {
+ public:
+  EitherStop(std::stop_token one, std::stop_token other)
+      : one_(std::move(one), Request{&source_}), other_(std::move(other), Request{&source_}) {}
+
+  std::stop_token Token() const { return source_.get_token(); }
+
+ private:
+  struct Request {
+    std::stop_source* source;
+    void operator()() const { source->request_stop(); }
+  };
+
+  std::stop_source source_;
+  const std::stop_callback<Request> one_;
+  const std::stop_callback<Request> other_;
+};
 
 struct WaitWords {
   std::string topic;
@@ -118,9 +138,13 @@ void WaitForEvent(SessionControl& session, const Words& words) {
     return TopicMatches(wait.topic, event.topic) && !history.IsUsed(event) &&
            (AllHold(wait.wanted, event.MessageFields()) || FailureOf(wait, event) != nullptr);
   };
-  const auto found = history.Feed().WaitFor(history.From(), decides, DeadlineOf(wait), klbase::CurrentStopToken());
+  const EitherStop stop(klbase::CurrentStopToken(), session.Ending());
+  const auto found = history.Feed().WaitFor(history.From(), decides, DeadlineOf(wait), stop.Token());
   if (found.missed > 0)
     session.OutStream() << "wait: " << found.missed << " events came too long ago to be looked at\n";
+  if (found.event == nullptr && stop.Token().stop_requested()) {
+    return session.ReportExplained(Status::kCancelled, "wait: the session ends");
+  }
   if (found.event == nullptr) {
     return Refuse(session, Status::kTimeout,
                   "wait: no such event of " + wait.topic + " within " + wait.seconds_text + " s");

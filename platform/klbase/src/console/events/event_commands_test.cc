@@ -60,6 +60,7 @@ class EventCommandsTest : public testing::Test, private TestHost {
   History history_;
   std::optional<EventFeed::Matches> monitor_;
   std::stop_source stop_;
+  std::stop_source ending_;
   CommandRunner runner_{Config()};
   Outcome outcome_;
 
@@ -72,6 +73,7 @@ class EventCommandsTest : public testing::Test, private TestHost {
     config.history = &history_;
     config.host = this;
     config.end = [] {};
+    config.ending = ending_.get_token();
     config.monitor = [this](EventFeed::Matches matches) { monitor_ = std::move(matches); };
     return config;
   }
@@ -118,6 +120,13 @@ TEST_F(EventCommandsTest, AWaitIsGivenUp) {
   EXPECT_EQ(Run("wait never within 86400"), "");
   EXPECT_EQ(outcome_.status, Status::kCancelled);
   keyboard.join();
+}
+
+TEST_F(EventCommandsTest, AWaitEndsWithItsSession) {
+  std::thread elsewhere([this] { ending_.request_stop(); });
+  EXPECT_EQ(Run("wait never within 86400"), "");
+  EXPECT_EQ(outcome_.status, Status::kCancelled);
+  elsewhere.join();
 }
 
 TEST_F(EventCommandsTest, AWaitThatIsWrongSaysHowItIsRight) {

@@ -37,6 +37,7 @@ class CommandRunner : private SessionControl {
     SessionHost* host = nullptr;
     std::function<void()> end;                        // a command ends the session
     std::function<void(EventFeed::Matches)> monitor;  // null ends it
+    std::stop_token ending;                           // as SessionControl::Ending() has it
     bool on_screen = false;                           // the output is for a terminal, not a program
     bool tell_outcome = false;  // an operator reads it: a line says why a command did not end well
   };
@@ -61,6 +62,7 @@ class CommandRunner : private SessionControl {
     explained_ = true;
     Report(stream_, status, 0, reason);
   }
+  std::stop_token Ending() const override { return config_.ending; }
   EventHistory& Events() override { return events_; }
   void StartMonitor(EventFeed::Matches matches) override { config_.monitor(std::move(matches)); }
   void StopMonitor() override { config_.monitor(nullptr); }

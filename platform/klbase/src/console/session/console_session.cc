@@ -29,8 +29,8 @@ ConsoleSession::ConsoleSession(SessionConfig config)
       login_(config_.login, {config_.id, config_.peer, Interactive()}, config_.output.get()),
       history_(config_.history_file.empty() ? History() : History(config_.history_file)),
       runner_({config_.id, config_.root, config_.builtins, config_.output.get(), &history_, config_.host,
-               [this] { End(); }, [this](EventFeed::Matches matches) { Monitor(std::move(matches)); }, OnScreen(),
-               Interactive()}),
+               [this] { End(); }, [this](EventFeed::Matches matches) { Monitor(std::move(matches)); },
+               ending_.get_token(), OnScreen(), Interactive()}),
       reader_(config_.output.get(), MakeEditor()) {}
 
 std::unique_ptr<LineEditor> ConsoleSession::MakeEditor() const {
@@ -58,7 +58,11 @@ bool ConsoleSession::OnInput(std::string_view bytes) {
   return posted != InputQueue::Posted::kFull;
 }
 
-void ConsoleSession::OnEndOfInput() { PumpIfLeased(queue_.PostEndOfInput()); }
+// A program may have closed its sending side only.
+void ConsoleSession::OnEndOfInput() {
+  if (Interactive()) ending_.request_stop();
+  PumpIfLeased(queue_.PostEndOfInput());
+}
 
 void ConsoleSession::ChangeTerminal(const TerminalChange& change) { PumpIfLeased(queue_.PostTerminalChange(change)); }
 
@@ -89,9 +93,13 @@ void ConsoleSession::ShowEvent(const Event& event) {
   Notice(dropped == 0 ? event.text : std::to_string(dropped) + " events dropped\n" + event.text);
 }
 
-void ConsoleSession::Finish(std::string_view farewell) { PumpIfLeased(queue_.PostFinish(farewell)); }
+void ConsoleSession::Finish(std::string_view farewell) {
+  ending_.request_stop();
+  PumpIfLeased(queue_.PostFinish(farewell));
+}
 
 void ConsoleSession::Close() {
+  ending_.request_stop();
   notices_.Close();
   queue_.End();
   thread_.Close();

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -135,6 +136,7 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   const std::chrono::system_clock::time_point since_ = std::chrono::system_clock::now();
   std::atomic<std::chrono::steady_clock::rep> last_input_;
 
+  std::stop_source ending_;  // before the parts that have its token
   InputQueue queue_;
   Notices notices_;
   CommandThread thread_;

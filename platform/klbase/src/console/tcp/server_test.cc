@@ -413,6 +413,43 @@ TEST_F(ServerTest, CtrlCEndsACommandThatPrintsWithoutEnd) {
   EXPECT_EQ(cut_off_, 1);
 }
 
+TEST_F(ServerTest, AWaitEndsWhenItsOperatorHasGone) {
+  Open();
+  TestClient other = Operator();
+  {
+    TestClient client = Operator();
+    client.Send("wait never within 86400\r\n");
+    client.ReceiveUntil("\x1b[?2004l");
+  }
+  EXPECT_TRUE(vextest::WaitFor([&] {
+    other.Send("who\r\n");
+    const std::string sessions = other.ReceiveUntil("main> ");
+    return sessions.find("* 1") != std::string::npos && sessions.find("\n  2") == std::string::npos;
+  }));
+}
+
+TEST_F(ServerTest, TheConsolesEndWaitsForNoWait) {
+  Open();
+  const LogCapture log(40);
+  TestClient client = Operator();
+  client.Send("wait never within 86400\r\n");
+  client.ReceiveUntil("\x1b[?2004l");
+  const auto begin = std::chrono::steady_clock::now();
+  console_->Stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);  // a command that stays gets 4 s
+  EXPECT_EQ(log.Records().size(), 0u);
+}
+
+TEST_F(ServerTest, AWaitEndsWhenItsSessionIsDisconnected) {
+  Open();
+  TestClient other = Operator();
+  TestClient client = Operator();
+  client.Send("wait never within 86400\r\n");
+  client.ReceiveUntil("\x1b[?2004l");
+  other.Send("disconnect 2\r\n");
+  EXPECT_NE(client.ReceiveAll().find("Session 1 has ended this one.\r\n"), std::string::npos);
+}
+
 TEST_F(ServerTest, AnInterruptWithItsUrgentMarkLeavesTheStreamWhole) {
   Open();
   TestClient client = Connect();
