@@ -232,23 +232,31 @@ class Operator:
 
     async def ask(self, command, expected_lines=0):
         """The lines that the command printed. They end where the answer to a word of this operator's own begins, so
-        that a line too many is seen as one too few. `self.latency` is how long it took to have `expected_lines`."""
+        that a line too many is seen as one too few. `self.latency` is how long it took to have `expected_lines`;
+        `self.verdict` is the line by which an operator is told why the command did not end well."""
         self.asked += 1
         mark = f"mark-{self.id}-{self.asked}"
         started = time.monotonic()
         self.latency = None
+        self.verdict = None
         self.writer.write(f"{command}\n{mark}\n".encode())
         lines = []
         while True:
             text = await self.line()
             if text.startswith("Unknown command") and f'"{mark}"' in text:
                 return [line for line in lines if not line.startswith("vextool console: ")]
+            if self.telnet and VERDICT.match(text):
+                self.verdict = text
+                continue
             lines.append(text)
             if len(lines) == expected_lines:
                 self.latency = time.monotonic() - started
 
     def close(self):
         self.writer.close()
+
+
+VERDICT = re.compile(r"(refused|usage|unreachable|timeout|cancelled|failed): ")
 
 
 class Wrong(Exception):
@@ -288,6 +296,15 @@ def check_player(command, token, lines):
     return shown.group(1)
 
 
+def check_verdict(operator, token, number):
+    """An operator is told why, when no reply came, and nothing else."""
+    if not operator.telnet:
+        return
+    told = operator.verdict is not None and operator.verdict.startswith(("unreachable: ", "timeout: "))
+    if told != (number is None):
+        raise Wrong(f"{token} with reply {number} ended with {operator.verdict!r}")
+
+
 ENCODER_LINES, PLAYER_LINES, INFO_LINES = 1, 5, 10
 PLAYER_COMMANDS = {"CreateUplayer": "{0}", "DeleteUplayer": "{0}", "SetVolumeOfUplayer": "{0} 7",
                    "SetSeekOfUplayer": "{0} 1000", "GetMediaInfoOfUplayer": "{0}"}
@@ -304,18 +321,19 @@ class Replies:
 
     async def encoder(self, operator):
         lines = await operator.ask("encd SetQulity high", ENCODER_LINES)
-        return self._count("e", "-", lambda: check_encoder(lines))
+        return self._count(operator, "e", "-", lambda: check_encoder(lines))
 
     async def player(self, operator, command="CreateUplayer"):
         token = f"t{operator.id}.{operator.asked}"
         lines = await operator.ask(f"playd {command} {PLAYER_COMMANDS[command].format(token)}",
                                    INFO_LINES if command == "GetMediaInfoOfUplayer" else PLAYER_LINES)
-        return self._count("p", token, lambda: check_player(command, token, lines))
+        return self._count(operator, "p", token, lambda: check_player(command, token, lines))
 
-    def _count(self, kind, token, check):
+    def _count(self, operator, kind, token, check):
         """True for a reply, False for a reported failure."""
         try:
             number = check()
+            check_verdict(operator, token, number)
         except Wrong as wrong:
             self.soak.violation(str(wrong))
             return False
