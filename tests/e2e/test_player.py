@@ -267,7 +267,8 @@ def test_a_monitor_shows_each_event_that_it_was_asked_for(tool, telnet, connect,
     session.send("ow version\r")
     session.expect_exact("git-version: v0.0.1")
     session.send("monitor off\r")
-    session.expect_exact("main> ")
+    session.send("core show version\r")  # its answer shows that the line before it has run
+    session.expect_exact("git-version: v0.0.1")
     other = connect(tool.port())
     other.run("core show version", VERSION_END)
     publish(daemon, "report 6 c.mp4 5")

@@ -205,7 +205,7 @@ TEST_F(PubsubTest, AServerWithoutPublishSubscribeSaysSo) {
   server_ = Serve(address_);
   EXPECT_EQ(server_->Publish(Message("a", "x")), 0u);
   Subscribe("me", {"a"});
-  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/client/subscriptions", "OnLastEnded",
+  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/client/pubsub/subscriptions", "OnLastEnded",
                             "subscription of me at " + address_ +
                                 " failed, trying again: UNIMPLEMENTED: no method /klrpc.v1.Transport/Subscribe here"}));
   EXPECT_TRUE(listener_->states.Get().empty());
@@ -258,9 +258,9 @@ TEST_F(PubsubTest, AMessageThatCannotBeSentIsRefusedWithTheReason) {
   EXPECT_EQ(server_->Publish(Message("a", std::string(4u << 20, 'x'))), 0u);
   EXPECT_EQ(log_.Records(),
             (std::vector<LogRecord>{
-                {40, "platform/klrpc/src/client/publisher", "Publish",
+                {40, "platform/klrpc/src/client/pubsub/publisher", "Publish",
                  "publication to " + address_ + ": the message has no topic"},
-                {40, "platform/klrpc/src/client/publisher", "Publish",
+                {40, "platform/klrpc/src/client/pubsub/publisher", "Publish",
                  "publication on a to " + address_ +
                      ": the message has 4194312 bytes, more than the 4194304 that can be sent"},
                 {40, "platform/klrpc/src/server/api_server", "Publish",

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/events.h"
+#include "cli/feed/events.h"
 #include "cli/menu_walk.h"
 #include "cli/outcome.h"
 #include "cli/session.h"

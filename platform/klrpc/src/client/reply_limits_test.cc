@@ -131,7 +131,7 @@ TEST_F(ReplyLimitsTest, AnEventThatDoesNotEndCostsLittleAndTheSubscriptionComesB
   EXPECT_TRUE(subscriber.payloads.WaitFor([](const auto& list) { return !list.empty(); }));
   EXPECT_LT(growth.Kb(), kMostKb);
   EXPECT_EQ(subscriber.payloads.Get(), std::vector<std::string>{"xxxxx"});
-  const std::string file = "platform/klrpc/src/client/subscriptions";
+  const std::string file = "platform/klrpc/src/client/pubsub/subscriptions";
   EXPECT_EQ(log_.Records(),
             (std::vector<LogRecord>{
                 {40, file, "OnLastEnded",

@@ -261,7 +261,7 @@ TEST_F(ApiServerTest, AnotherUserIsRefused) {
   ASSERT_FALSE(records.empty());
   LogRecord beginning = records[0];
   beginning.text = beginning.text.substr(0, beginning.text.find("(process "));
-  EXPECT_EQ(beginning, (LogRecord{40, "platform/klrpc/src/server/unix_listener", "Allowed",
+  EXPECT_EQ(beginning, (LogRecord{40, "platform/klrpc/src/server/listening/unix_listener", "Allowed",
                                   address_ + ": refused a connection of user id 65534 "}));
 }
 
@@ -301,7 +301,7 @@ TEST_F(ApiServerTest, AConnectionThatComesWithoutFreeDescriptorsIsServedWhenTher
   for (int& client : clients) client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   AllDescriptorsUsed used;
   for (const int client : clients) ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&name), size), 0);
-  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/server/acceptor", "AcceptOne",
+  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/server/listening/acceptor", "AcceptOne",
                             address_ + ": can't accept a connection: Too many open files"}));
   used.Free();
   for (const int client : clients) {

@@ -5,7 +5,7 @@
 #include <array>
 #include <memory>
 
-#include "server/peers.h"
+#include "server/listening/peers.h"
 
 namespace klrpc {
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "platform/klrpc/testing/events.h"
 #include "platform/klrpc/testing/plain_subscriber.h"
 #include "platform/klrpc/testing/servers.h"
+#include "platform/testing/sync.h"
 
 namespace klrpc::testing {
 namespace {
@@ -60,9 +62,17 @@ class SubscriptionRingTest : public ::testing::Test {
     return payloads;
   }
   std::uint64_t EpochOf(const std::string& address) {
-    PlainSubscriber subscriber(address, PlainRequest("a"));
-    EXPECT_TRUE(subscriber.Confirmed());
-    return std::stoull(subscriber.Metadata("klrpc-positions"));
+    v1::SubscribeRequest request = PlainRequest("a");
+    request.add_topics("its end");
+    std::uint64_t epoch = 0;
+    {
+      PlainSubscriber subscriber(address, request);
+      EXPECT_TRUE(subscriber.Confirmed());
+      epoch = std::stoull(subscriber.Metadata("klrpc-positions"));
+    }
+    // The server hears of the end a moment later, and would count the subscriber of "a" until then.
+    EXPECT_TRUE(vextest::WaitFor([this] { return server_->Publish(Message("its end", "")) == 0; }));
+    return epoch;
   }
 
   const std::string address_ = UniqueAddress();

@@ -7,8 +7,8 @@
 #include <stop_token>
 #include <utility>
 
-#include "cli/conditions.h"
-#include "cli/events.h"
+#include "cli/feed/conditions.h"
+#include "cli/feed/events.h"
 #include "cli/outcome.h"
 #include "console/events/event_history.h"
 #include "klbase/cancellation.h"

@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "cli/command.h"
-#include "cli/events.h"
 #include "cli/feed.h"
+#include "cli/feed/events.h"
 #include "cli/outcome.h"
 #include "console/session/command_runner.h"
 #include "platform/klbase/testing/test_host.h"

@@ -6,7 +6,7 @@
 #include <set>
 #include <utility>
 
-#include "cli/events.h"
+#include "cli/feed/events.h"
 #include "cli/outcome.h"
 
 namespace cli::internal {

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "cli/events.h"
+#include "cli/feed/events.h"
 #include "cli/menu.h"
 #include "console/builtins.h"
 #include "console/output_buffer.h"

@@ -1,6 +1,6 @@
 // Accepts connections, lets in those that its owner admits, and notices their end.
-#ifndef KLRPC_SERVER_ACCEPTOR_H_
-#define KLRPC_SERVER_ACCEPTOR_H_
+#ifndef KLRPC_SERVER_LISTENING_ACCEPTOR_H_
+#define KLRPC_SERVER_LISTENING_ACCEPTOR_H_
 
 #include <functional>
 #include <memory>
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "server/peers.h"
+#include "server/listening/peers.h"
 #include "transport/descriptor.h"
 
 namespace klrpc {
@@ -64,4 +64,4 @@ class Acceptor {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_SERVER_ACCEPTOR_H_
+#endif  // KLRPC_SERVER_LISTENING_ACCEPTOR_H_

@@ -1,6 +1,6 @@
 // Publications of one client, sent one after the other in the order in which they were made.
-#ifndef KLRPC_CLIENT_PUBLISHER_H_
-#define KLRPC_CLIENT_PUBLISHER_H_
+#ifndef KLRPC_CLIENT_PUBSUB_PUBLISHER_H_
+#define KLRPC_CLIENT_PUBSUB_PUBLISHER_H_
 
 #include <grpc/grpc.h>
 
@@ -17,7 +17,7 @@
 #include "absl/synchronization/mutex.h"
 #include "client/connector.h"
 #include "client/loop.h"
-#include "client/slot_thread.h"
+#include "client/pubsub/slot_thread.h"
 #include "klrpc/v1/pubsub.pb.h"
 #include "transport/grpc_core.h"
 
@@ -85,4 +85,4 @@ class Publisher {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_CLIENT_PUBLISHER_H_
+#endif  // KLRPC_CLIENT_PUBSUB_PUBLISHER_H_

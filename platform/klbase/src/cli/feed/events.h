@@ -1,6 +1,6 @@
 // The feed of events, as the console's commands read it.
-#ifndef KLBASE_CLI_EVENTS_H_
-#define KLBASE_CLI_EVENTS_H_
+#ifndef KLBASE_CLI_FEED_EVENTS_H_
+#define KLBASE_CLI_FEED_EVENTS_H_
 
 #include <chrono>
 #include <cstddef>
@@ -87,4 +87,4 @@ Fields FlatFields(const std::string& json);
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CLI_EVENTS_H_
+#endif  // KLBASE_CLI_FEED_EVENTS_H_

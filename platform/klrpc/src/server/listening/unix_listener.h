@@ -1,6 +1,6 @@
 // Listens on a local address and lets in only peers that may talk to this server.
-#ifndef KLRPC_SERVER_UNIX_LISTENER_H_
-#define KLRPC_SERVER_UNIX_LISTENER_H_
+#ifndef KLRPC_SERVER_LISTENING_UNIX_LISTENER_H_
+#define KLRPC_SERVER_LISTENING_UNIX_LISTENER_H_
 
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -9,7 +9,7 @@
 #include <string>
 
 #include "klbase/collapsed_records.h"
-#include "server/acceptor.h"
+#include "server/listening/acceptor.h"
 #include "transport/descriptor.h"
 #include "transport/peer_policy.h"
 #include "transport/unix_address.h"
@@ -46,4 +46,4 @@ class UnixListener {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_SERVER_UNIX_LISTENER_H_
+#endif  // KLRPC_SERVER_LISTENING_UNIX_LISTENER_H_

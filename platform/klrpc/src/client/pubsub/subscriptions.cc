@@ -1,4 +1,4 @@
-#include "client/subscriptions.h"
+#include "client/pubsub/subscriptions.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "server/tcp_listener.h"
+#include "server/listening/tcp_listener.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

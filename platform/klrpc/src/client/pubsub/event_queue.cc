@@ -1,4 +1,4 @@
-#include "client/event_queue.h"
+#include "client/pubsub/event_queue.h"
 
 #include <cinttypes>
 #include <utility>

@@ -1,6 +1,6 @@
 // How far a subscriber has come in the rings of its topics, so that it gets the rest when it comes back, once.
-#ifndef KLRPC_CLIENT_POSITIONS_H_
-#define KLRPC_CLIENT_POSITIONS_H_
+#ifndef KLRPC_CLIENT_PUBSUB_POSITIONS_H_
+#define KLRPC_CLIENT_PUBSUB_POSITIONS_H_
 
 #include <cstdint>
 #include <functional>
@@ -40,4 +40,4 @@ class Positions {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_CLIENT_POSITIONS_H_
+#endif  // KLRPC_CLIENT_PUBSUB_POSITIONS_H_

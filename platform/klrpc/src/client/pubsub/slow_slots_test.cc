@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/event_queue.h"
+#include "client/pubsub/event_queue.h"
 #include "platform/klrpc/testing/events.h"
 #include "platform/klrpc/testing/servers.h"
 #include "platform/testing/sync.h"

@@ -4,8 +4,8 @@
 // it take the first one's place at once: each message travels on one of the two. The first one then ends by itself
 // after its last message, and only then is the second one read, so nothing is lost, doubled or out of order. At most
 // one stream at a time waits for the server's confirmation: topics that are added meanwhile follow when it has come.
-#ifndef KLRPC_CLIENT_SUBSCRIPTIONS_H_
-#define KLRPC_CLIENT_SUBSCRIPTIONS_H_
+#ifndef KLRPC_CLIENT_PUBSUB_SUBSCRIPTIONS_H_
+#define KLRPC_CLIENT_PUBSUB_SUBSCRIPTIONS_H_
 
 #include <grpc/grpc.h>
 
@@ -21,10 +21,10 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "client/connector.h"
-#include "client/event_queue.h"
 #include "client/loop.h"
-#include "client/positions.h"
-#include "client/slot_thread.h"
+#include "client/pubsub/event_queue.h"
+#include "client/pubsub/positions.h"
+#include "client/pubsub/slot_thread.h"
 #include "klrpc/api_client.h"
 #include "transport/grpc_core.h"
 
@@ -97,4 +97,4 @@ class Subscriptions {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_CLIENT_SUBSCRIPTIONS_H_
+#endif  // KLRPC_CLIENT_PUBSUB_SUBSCRIPTIONS_H_

@@ -1,4 +1,4 @@
-#include "client/publisher.h"
+#include "client/pubsub/publisher.h"
 
 #include <utility>
 

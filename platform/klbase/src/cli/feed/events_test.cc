@@ -1,4 +1,4 @@
-#include "cli/events.h"
+#include "cli/feed/events.h"
 
 #include <gmock/gmock.h>
 

@@ -1,11 +1,11 @@
 // Listens on TCP addresses.
-#ifndef KLRPC_SERVER_TCP_LISTENER_H_
-#define KLRPC_SERVER_TCP_LISTENER_H_
+#ifndef KLRPC_SERVER_LISTENING_TCP_LISTENER_H_
+#define KLRPC_SERVER_LISTENING_TCP_LISTENER_H_
 
 #include <string>
 #include <vector>
 
-#include "server/acceptor.h"
+#include "server/listening/acceptor.h"
 #include "transport/descriptor.h"
 
 namespace klrpc {
@@ -34,4 +34,4 @@ class TcpListener {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_SERVER_TCP_LISTENER_H_
+#endif  // KLRPC_SERVER_LISTENING_TCP_LISTENER_H_

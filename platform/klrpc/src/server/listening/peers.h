@@ -1,8 +1,8 @@
 // The other ends of connections.
 //
 // gRPC names a connection that it was handed by its descriptor, "fd:7", and can't tell whose it is.
-#ifndef KLRPC_SERVER_PEERS_H_
-#define KLRPC_SERVER_PEERS_H_
+#ifndef KLRPC_SERVER_LISTENING_PEERS_H_
+#define KLRPC_SERVER_LISTENING_PEERS_H_
 
 #include <memory>
 #include <string>
@@ -44,4 +44,4 @@ void ReportNoRoom(std::string_view name);
 
 }  // namespace klrpc
 
-#endif  // KLRPC_SERVER_PEERS_H_
+#endif  // KLRPC_SERVER_LISTENING_PEERS_H_

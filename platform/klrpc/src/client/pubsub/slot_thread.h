@@ -1,6 +1,6 @@
 // A thread on which a client's slots run: one task after the other, in the order in which they were posted.
-#ifndef KLRPC_CLIENT_SLOT_THREAD_H_
-#define KLRPC_CLIENT_SLOT_THREAD_H_
+#ifndef KLRPC_CLIENT_PUBSUB_SLOT_THREAD_H_
+#define KLRPC_CLIENT_PUBSUB_SLOT_THREAD_H_
 
 #include <atomic>
 #include <cstddef>
@@ -58,4 +58,4 @@ class SlotThread {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_CLIENT_SLOT_THREAD_H_
+#endif  // KLRPC_CLIENT_PUBSUB_SLOT_THREAD_H_

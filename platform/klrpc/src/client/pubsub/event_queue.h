@@ -1,6 +1,6 @@
 // Events on their way from the thread that reads the streams to the slots, which may be slow.
-#ifndef KLRPC_CLIENT_EVENT_QUEUE_H_
-#define KLRPC_CLIENT_EVENT_QUEUE_H_
+#ifndef KLRPC_CLIENT_PUBSUB_EVENT_QUEUE_H_
+#define KLRPC_CLIENT_PUBSUB_EVENT_QUEUE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "client/slot_thread.h"
+#include "client/pubsub/slot_thread.h"
 #include "klrpc/v1/pubsub.pb.h"
 
 namespace klrpc {
@@ -71,4 +71,4 @@ class EventQueue {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_CLIENT_EVENT_QUEUE_H_
+#endif  // KLRPC_CLIENT_PUBSUB_EVENT_QUEUE_H_

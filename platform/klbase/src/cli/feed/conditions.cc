@@ -1,4 +1,4 @@
-#include "cli/conditions.h"
+#include "cli/feed/conditions.h"
 
 #include <algorithm>
 #include <cstdlib>

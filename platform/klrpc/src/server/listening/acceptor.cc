@@ -1,4 +1,4 @@
-#include "server/acceptor.h"
+#include "server/listening/acceptor.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,13 +1,13 @@
 // "FIELD OP VALUE": what an operator asks of an event or of a command's fields.
-#ifndef KLBASE_CLI_CONDITIONS_H_
-#define KLBASE_CLI_CONDITIONS_H_
+#ifndef KLBASE_CLI_FEED_CONDITIONS_H_
+#define KLBASE_CLI_FEED_CONDITIONS_H_
 
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "cli/events.h"
+#include "cli/feed/events.h"
 
 namespace cli::internal {
 
@@ -38,4 +38,4 @@ bool TopicMatches(std::string_view pattern, std::string_view topic);
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CLI_CONDITIONS_H_
+#endif  // KLBASE_CLI_FEED_CONDITIONS_H_

@@ -1,4 +1,4 @@
-#include "server/unix_listener.h"
+#include "server/listening/unix_listener.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

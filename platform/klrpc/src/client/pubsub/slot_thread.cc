@@ -1,4 +1,4 @@
-#include "client/slot_thread.h"
+#include "client/pubsub/slot_thread.h"
 
 #include <utility>
 

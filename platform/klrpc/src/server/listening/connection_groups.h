@@ -4,8 +4,8 @@
 // is. A quota stops it: gRPC gives up calls, any calls, of the connections under that quota until there is room. So
 // each connection has a quota of its own, and a stranger costs nobody else a call; gRPC knows quotas per server only,
 // so there is one of its servers for each.
-#ifndef KLRPC_SERVER_CONNECTION_GROUPS_H_
-#define KLRPC_SERVER_CONNECTION_GROUPS_H_
+#ifndef KLRPC_SERVER_LISTENING_CONNECTION_GROUPS_H_
+#define KLRPC_SERVER_LISTENING_CONNECTION_GROUPS_H_
 
 #include <grpc/grpc.h>
 
@@ -80,4 +80,4 @@ class ConnectionGroups {
 
 }  // namespace klrpc
 
-#endif  // KLRPC_SERVER_CONNECTION_GROUPS_H_
+#endif  // KLRPC_SERVER_LISTENING_CONNECTION_GROUPS_H_

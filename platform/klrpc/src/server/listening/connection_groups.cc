@@ -1,4 +1,4 @@
-#include "server/connection_groups.h"
+#include "server/listening/connection_groups.h"
 
 #include <grpc/grpc_posix.h>
 #include <grpc/grpc_security.h>

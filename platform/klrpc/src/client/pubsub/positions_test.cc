@@ -1,4 +1,4 @@
-#include "client/positions.h"
+#include "client/pubsub/positions.h"
 
 #include <gtest/gtest.h>
 

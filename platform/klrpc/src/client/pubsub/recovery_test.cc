@@ -65,7 +65,7 @@ class RecoveryTest : public PubsubTest {
   void ExpectMissed(std::uint64_t count) {
     EXPECT_EQ(listener_->losses.Get(), Texts{"a " + std::to_string(count)});
     EXPECT_EQ(log_.Records(),
-              (std::vector<LogRecord>{{40, "platform/klrpc/src/client/event_queue", "Record",
+              (std::vector<LogRecord>{{40, "platform/klrpc/src/client/pubsub/event_queue", "Record",
                                        address_ + ": " + std::to_string(count) + " events of a were missed"}}));
   }
 };
@@ -192,7 +192,7 @@ TEST_F(ForeignDaemonTest, OneThatDoesNotConfirmIsSaidOnceAndWaitedFor) {
   Subscribe("me", {"a"});
   const std::string text = "subscription of me at " + address_ +
                            " is not confirmed: the server has sent no initial metadata for 3 s, waiting on";
-  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/client/subscriptions", "LookAfter", text}));
+  EXPECT_TRUE(log_.WaitFor({40, "platform/klrpc/src/client/pubsub/subscriptions", "LookAfter", text}));
   EXPECT_FALSE(vextest::WaitFor([&] { return log_.Records().size() > 1; }, 2500ms));
   EXPECT_EQ(daemon.Publish("a", "1"), 1u);
   ExpectState("1 me: a");

@@ -1,4 +1,4 @@
-#include "server/peers.h"
+#include "server/listening/peers.h"
 
 #include <charconv>
 #include <map>
@@ -7,7 +7,7 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "klbase/log.h"
-#include "server/connection_groups.h"
+#include "server/listening/connection_groups.h"
 
 namespace klrpc {
 namespace {
