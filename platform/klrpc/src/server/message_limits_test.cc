@@ -124,7 +124,7 @@ class MessageLimitsTest : public ::testing::Test {
     EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED) << status.error_message();
     EXPECT_EQ(hooked_, 0);
     ExpectRecord(
-        "peers", "ReportNoRoom",
+        "listening/peers", "ReportNoRoom",
         "refused a message of " + Self() + ": more than 16777216 bytes have arrived that are not yet a whole message");
   }
 
