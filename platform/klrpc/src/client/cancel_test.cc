@@ -1,6 +1,7 @@
 // A call that another thread gives up.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -78,6 +79,7 @@ class CallBeside {
  public:
   CallBeside(APIClient& client, int number)
       : thread_([this, &client, number] {
+          thread_id_ = ::gettid();
           const klbase::ScopedStopToken scope(stop_.get_token());
           replied = client.Call(Numbered(number), reply);
           result = LastCall();
@@ -89,6 +91,8 @@ class CallBeside {
   CallBeside& operator=(const CallBeside&) = delete;
 
   void GiveUp() { stop_.request_stop(); }
+  // For a wait that nobody is told of.
+  bool Sleeps() const { return thread_id_ != 0 && vextest::ThreadSleeps(thread_id_); }
   // How long that took.
   std::chrono::steady_clock::duration Join() {
     const auto begin = std::chrono::steady_clock::now();
@@ -102,6 +106,7 @@ class CallBeside {
 
  private:
   std::stop_source stop_;
+  std::atomic<pid_t> thread_id_{0};
   std::thread thread_;
 };
 
@@ -207,7 +212,7 @@ TEST_F(CancelTest, ACallThatWaitsToBeConnectedEndsToo) {
   const FullListener listener(address);
   const auto client = Connect(address);
   CallBeside call(*client, 1);
-  std::this_thread::sleep_for(20ms);  // nobody is told that it waits; earlier or later, it ends the same way
+  ASSERT_TRUE(vextest::WaitFor([&call] { return call.Sleeps(); }));
   call.GiveUp();
   EXPECT_LT(call.Join(), 1s);
   EXPECT_FALSE(call.replied);

@@ -1,7 +1,9 @@
 #include "cli/feed/conditions.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <charconv>
+#include <cmath>
+#include <system_error>
 #include <utility>
 
 namespace cli::internal {
@@ -13,12 +15,12 @@ constexpr std::pair<std::string_view, Comparison> kOperators[] = {
     {"=", Comparison::kEqual},    {"<", Comparison::kLess},    {">", Comparison::kGreater}};
 constexpr std::string_view kOperatorCharacters = "!=<>";
 
-std::optional<double> Number(std::string_view text) {
-  const std::string copy(text);
-  if (copy.empty() || copy.find_first_of(" \t\n") != std::string::npos) return std::nullopt;
-  char* end = nullptr;
-  const double number = std::strtod(copy.c_str(), &end);
-  if (end != copy.c_str() + copy.size()) return std::nullopt;
+// As wide as it takes for each 64-bit integer to be itself.
+std::optional<long double> Number(std::string_view text) {
+  long double number = 0;
+  const char* end = text.data() + text.size();
+  const auto [read_to, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || read_to != end || !std::isfinite(number)) return std::nullopt;
   return number;
 }
 

@@ -25,6 +25,18 @@ TEST(ConditionTest, NumbersCompareAsNumbers) {
   EXPECT_FALSE(Holds("x>2", "2"));
 }
 
+TEST(ConditionTest, LargeIntegersAreToldApart) {
+  EXPECT_TRUE(Holds("x=18446744073709551615", "18446744073709551615"));
+  EXPECT_FALSE(Holds("x=18446744073709551615", "18446744073709551614"));
+  EXPECT_TRUE(Holds("x>18446744073709551614", "18446744073709551615"));
+}
+
+TEST(ConditionTest, WordsThatSomeTakeForNumbersAreText) {
+  EXPECT_TRUE(Holds("x=nan", "nan"));
+  EXPECT_FALSE(Holds("x<inf", "1"));
+  EXPECT_FALSE(Holds("x=16", "0x10"));
+}
+
 TEST(ConditionTest, TextIsEqualOrNotAndHasNoOrder) {
   EXPECT_TRUE(Holds("url=/a.mp4", "/a.mp4"));
   EXPECT_TRUE(Holds("url!=/a.mp4", "/b.mp4"));
