@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "cli/menu.h"
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 #include "console/tcp/connection.h"
 #include "console/tcp/http_sniff.h"
 #include "fuzz/fuzz.h"

@@ -42,7 +42,7 @@ KLBASE_EXPORT void Report(std::ostream& out, Status status, int code, std::strin
 KLBASE_EXPORT void ReportField(std::ostream& out, std::string_view name, std::string_view value);
 
 // Collects what is reported through `out` while it stands. The console has one for each command; use it to run commands
-// without a console. One at a time for a stream, which must outlive it; not thread-safe.
+// without a console. Recorders of one stream, which must outlive them, nest: the innermost is told. Not thread-safe.
 class KLBASE_EXPORT OutcomeRecorder {
  public:
   explicit OutcomeRecorder(std::ostream& out);
@@ -56,6 +56,7 @@ class KLBASE_EXPORT OutcomeRecorder {
  private:
   std::ostream& out_;
   Outcome outcome_;
+  void* outer_;
 };
 
 }  // namespace cli

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <utility>
 
+#include "cli/line_filter.h"
 #include "cli/words.h"
 #include "line_editor/text.h"
 
@@ -147,6 +148,15 @@ void AppendUnique(std::vector<std::string>& names, const std::string& name) {
 // `help` is followed by the name of a command.
 bool IsHelp(const std::string& word) { return word == "help" || word == "?"; }
 
+// `watch`, with seconds or without, is followed by a line: that completes as if the words before were not there.
+void DropWatch(std::vector<std::string>& words) {
+  if (words.size() < 2 || words.front() != "watch") return;
+  const bool seconds = words.size() > 2 && ReadSeconds(words[1]);
+  words.erase(words.begin(), words.begin() + (seconds ? 2 : 1));
+}
+
+bool IsBar(const Words& split, std::size_t index) { return split.plain[index] && split.words[index] == "|"; }
+
 }  // namespace
 
 Walk FollowMenus(const MenuPath& path, const CommandVector& builtins, const std::vector<std::string>& words) {
@@ -183,8 +193,11 @@ Completion Complete(const MenuPath& path, const CommandVector& builtins, std::st
   if (!split.last_open) {
     split.last_start = text.size();
     split.words.emplace_back();
+    split.plain.push_back(true);
   }
-  const std::string last = split.words.empty() ? "" : split.words.back();
+  const std::string last = split.words.back();
+  if (split.words.size() > 2 && IsBar(split, split.words.size() - 2)) return {split.last_start, FilterNames(last)};
+  DropWatch(split.words);
   Walk walk = FollowMenus(path, builtins, split.words);
   // "help", in front of the menus or behind them, is followed by a name: that completes as if "help" were not there.
   if (walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used])) {
@@ -202,8 +215,9 @@ Completion Complete(const MenuPath& path, const CommandVector& builtins, std::st
 }
 
 std::string Hint(const MenuPath& path, const CommandVector& builtins, std::string_view line) {
-  const Words split = SplitWords(line);
+  Words split = SplitWords(line);
   if (!split.error.empty() || split.words.empty()) return "";
+  DropWatch(split.words);
   const Walk walk = FollowMenus(path, builtins, split.words);
   const CommandVector named = EnabledNamed(walk.commands, split.words[walk.used]);
   if (named.empty()) return "";

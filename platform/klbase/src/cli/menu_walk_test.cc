@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 
 namespace cli::internal {
 namespace {
@@ -43,8 +43,8 @@ class MenuWalkTest : public ::testing::Test {
 };
 
 TEST_F(MenuWalkTest, AnEmptyLineOffersEverything) {
-  EXPECT_EQ(Tab(""), (Strings{"encd", "playd", "help", "?", "history", "who", "wait", "monitor", "expect", "disconnect",
-                              "main", "..", "exit", "shutdown"}));
+  EXPECT_EQ(Tab(""), (Strings{"encd", "playd", "help", "?", "history", "who", "wait", "monitor", "expect", "watch",
+                              "disconnect", "main", "..", "exit", "shutdown"}));
 }
 
 TEST_F(MenuWalkTest, TabCompletesTheMenusCommandsBeforeTheBuiltInOnes) {
@@ -78,6 +78,24 @@ TEST_F(MenuWalkTest, TabCompletesTheArgumentOfHelp) {
   EXPECT_EQ(Tab("help playd OpenM"), Strings{"OpenMedia"});
   EXPECT_EQ(Tab("help"), Strings{"help"});
   EXPECT_EQ(Tab("playd help OpenM"), Strings{"OpenMedia"});
+}
+
+TEST_F(MenuWalkTest, AWatchedLineCompletesAsIfItStoodAlone) {
+  EXPECT_EQ(Tab("watch pl"), Strings{"playd"});
+  EXPECT_EQ(Tab("watch 0.5 playd OpenM"), Strings{"OpenMedia"});
+  EXPECT_EQ(Complete(menu_path_, builtins_->Commands(), "watch 0.5 playd OpenM").start, 16U);
+  EXPECT_EQ(Tab("watch"), Strings{"watch"});
+  EXPECT_EQ(Tab("watch 5"), Strings{});
+  EXPECT_EQ(HintFor("watch playd OpenMedia 1"), " <unsigned int>");
+  EXPECT_EQ(HintFor("watch 2 playd OpenMedia 1"), " <unsigned int>");
+}
+
+TEST_F(MenuWalkTest, FiltersCompleteBehindABar) {
+  EXPECT_EQ(Tab("playd OpenLayer | "), (Strings{"include", "exclude", "count"}));
+  EXPECT_EQ(Tab("playd OpenLayer | c"), Strings{"count"});
+  EXPECT_EQ(Complete(menu_path_, builtins_->Commands(), "playd OpenLayer | c").start, 18U);
+  EXPECT_EQ(Tab("playd OpenLayer \"|\" c"), Strings{});
+  EXPECT_EQ(Tab("| c"), Strings{});
 }
 
 TEST_F(MenuWalkTest, TheRootIsReachedFromASubmenu) {

@@ -1,6 +1,7 @@
 #include "cli/outcome.h"
 
 #include <ios>
+#include <utility>
 
 namespace cli {
 namespace {
@@ -48,8 +49,8 @@ void ReportField(std::ostream& out, std::string_view name, std::string_view valu
   if (Outcome* outcome = Watched(out)) outcome->fields.emplace_back(name, value);
 }
 
-OutcomeRecorder::OutcomeRecorder(std::ostream& out) : out_(out) { out_.pword(Slot()) = &outcome_; }
+OutcomeRecorder::OutcomeRecorder(std::ostream& out) : out_(out), outer_(std::exchange(out_.pword(Slot()), &outcome_)) {}
 
-OutcomeRecorder::~OutcomeRecorder() { out_.pword(Slot()) = nullptr; }
+OutcomeRecorder::~OutcomeRecorder() { out_.pword(Slot()) = outer_; }
 
 }  // namespace cli

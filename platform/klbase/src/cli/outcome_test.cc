@@ -50,6 +50,18 @@ TEST(OutcomeTest, ReportsPrintNothing) {
   EXPECT_EQ(out.str(), "");
 }
 
+TEST(OutcomeTest, TheInnermostRecorderIsTold) {
+  std::ostringstream out;
+  const cli::OutcomeRecorder outer(out);
+  {
+    const cli::OutcomeRecorder inner(out);
+    cli::ReportField(out, "id", "0");
+    EXPECT_THAT(inner.Get().fields, ElementsAre(Pair("id", "0")));
+  }
+  cli::ReportField(out, "id", "1");
+  EXPECT_THAT(outer.Get().fields, ElementsAre(Pair("id", "1")));
+}
+
 TEST(OutcomeTest, OnAStreamThatNobodyWatchesReportsDoNothing) {
   std::ostringstream out;
   std::optional<cli::OutcomeRecorder> recorder(out);

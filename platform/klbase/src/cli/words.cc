@@ -1,5 +1,8 @@
 #include "cli/words.h"
 
+#include <charconv>
+#include <system_error>
+
 namespace cli::internal {
 namespace {
 
@@ -41,21 +44,31 @@ Words SplitWords(std::string_view line) {
     if (position == line.size()) break;
     result.last_start = position;
     result.words.push_back(ReadWord(line, position, result.error));
+    result.plain.push_back(line.substr(result.last_start, position - result.last_start) == result.words.back());
     result.last_open = position == line.size();
   }
   return result;
 }
 
+std::optional<double> ReadSeconds(std::string_view word) {
+  constexpr double kMost = 86400;
+  double seconds = 0;
+  const char* end = word.data() + word.size();
+  const auto [read_to, error] = std::from_chars(word.data(), end, seconds);
+  const bool valid = error == std::errc() && read_to == end && seconds > 0 && seconds <= kMost;
+  return valid ? std::optional(seconds) : std::nullopt;
+}
+
 std::string QuoteWord(std::string_view word) {
   if (word.empty()) return "\"\"";
-  const bool has_blank = word.find_first_of(kBlanks) != std::string_view::npos;
+  const bool in_quotes = word.find_first_of(kBlanks) != std::string_view::npos || word.front() == '|';
   std::string quoted;
-  if (has_blank) quoted += '"';
+  if (in_quotes) quoted += '"';
   for (const char c : word) {
     if (c == '"' || c == '\\') quoted += '\\';
     quoted += c;
   }
-  if (has_blank) quoted += '"';
+  if (in_quotes) quoted += '"';
   return quoted;
 }
 

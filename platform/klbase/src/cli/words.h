@@ -3,6 +3,7 @@
 #define KLBASE_CLI_WORDS_H_
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,7 @@ namespace cli::internal {
 
 struct Words {
   std::vector<std::string> words;
+  std::vector<bool> plain;  // for each word, whether it was typed as it is: without quotes and backslashes
   // The line's error, for the operator; empty when there is none.
   std::string error;
   // Where the last word begins in the line (the line's end when there is none), and whether it is still open (no blank
@@ -23,8 +25,11 @@ struct Words {
 // backslash takes the next character as it is, inside quotes too. An open quote or a backslash at the end is an error.
 Words SplitWords(std::string_view line);
 
-// `word` written so that SplitWords gives it back.
+// `word` written so that SplitWords gives it back, and not so plainly that it could be taken for a filter's bar.
 std::string QuoteWord(std::string_view word);
+
+// A time as it is typed, "2" or "0.5", in seconds; nullopt unless it is more than 0 and a day at most.
+std::optional<double> ReadSeconds(std::string_view word);
 
 }  // namespace cli::internal
 

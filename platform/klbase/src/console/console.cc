@@ -13,7 +13,7 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "cli/plugin.h"
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 #include "console/exit_guard.h"
 #include "console/notice.h"
 #include "console/session/line_turns.h"

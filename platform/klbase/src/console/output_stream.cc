@@ -8,8 +8,6 @@ OutputStream::OutputStream(OutputBuffer* output, bool on_screen) : std::ostream(
   rdbuf(&buffer_);  // the base class is constructed before buffer_, so it can't be given it
 }
 
-void OutputStream::Finish() { buffer_.Finish(); }
-
 void OutputStream::Reset() {
   exceptions(std::ios_base::goodbit);  // before clear(), which would throw for a badbit
   clear();
@@ -21,7 +19,14 @@ void OutputStream::Reset() {
 
 std::streamsize OutputStream::Buffer::xsputn(const char* text, std::streamsize count) {
   const std::string_view piece(text, static_cast<std::size_t>(count));
-  return output_->Print(on_screen_ ? filter_.Pass(piece) : piece) ? count : 0;
+  return (filter_.Empty() ? Print(piece) : Print(filter_.Pass(piece))) ? count : 0;
+}
+
+std::optional<std::size_t> OutputStream::Buffer::Finish() {
+  std::optional<std::size_t> count;
+  if (!filter_.Empty()) Print(filter_.Finish(count));
+  output_->Print(cleaner_.Finish());
+  return count;
 }
 
 OutputStream::Buffer::int_type OutputStream::Buffer::overflow(int_type c) {

@@ -2,9 +2,14 @@
 #ifndef KLBASE_CONSOLE_OUTPUT_STREAM_H_
 #define KLBASE_CONSOLE_OUTPUT_STREAM_H_
 
+#include <cstddef>
+#include <optional>
 #include <ostream>
 #include <streambuf>
+#include <string_view>
+#include <utility>
 
+#include "cli/line_filter.h"
 #include "console/output_buffer.h"
 #include "text/clean_text.h"
 
@@ -12,13 +17,19 @@ namespace cli::internal {
 
 // Passes each piece of text to the OutputBuffer at once; blocks there while the operator doesn't read, and has its
 // badbit set once the buffer is closed. Commands print what daemons and others sent: on its way to a screen the text is
-// made clean (text/clean_text.h), to a program it goes as it is. One thread at a time. `output` must outlive it.
+// made clean (text/clean_text.h), to a program it goes as it is. Before that the operator's filters choose from it. One
+// thread at a time. `output` must outlive it.
 class OutputStream : public std::ostream {
  public:
   OutputStream(OutputBuffer* output, bool on_screen);
 
-  // Passes on the text that was held back in case that more of its character comes. To be called behind a command.
-  void Finish();
+  // For the commands that follow.
+  void SetFilter(LineFilter filter) { buffer_.SetFilter(std::move(filter)); }
+  // The command has failed: Finish() tells no count.
+  void DropCount() { buffer_.DropCount(); }
+  // Passes on the text that was held back in case that more of its line or character comes. To be called behind a
+  // command. Returns how many lines the filters have counted, if they count.
+  std::optional<std::size_t> Finish() { return buffer_.Finish(); }
   // Makes it as it was in the beginning: a handler may leave a stream in any state.
   void Reset();
 
@@ -26,7 +37,9 @@ class OutputStream : public std::ostream {
   class Buffer : public std::streambuf {
    public:
     Buffer(OutputBuffer* output, bool on_screen) : output_(output), on_screen_(on_screen) {}
-    void Finish() { output_->Print(filter_.Finish()); }
+    void SetFilter(LineFilter filter) { filter_ = std::move(filter); }
+    void DropCount() { filter_.DropCount(); }
+    std::optional<std::size_t> Finish();
 
    protected:
     std::streamsize xsputn(const char* text, std::streamsize count) override;
@@ -34,9 +47,12 @@ class OutputStream : public std::ostream {
     int sync() override { return output_->Closed() ? -1 : 0; }
 
    private:
+    bool Print(std::string_view piece) { return output_->Print(on_screen_ ? cleaner_.Pass(piece) : piece); }
+
     OutputBuffer* const output_;
     const bool on_screen_;
-    klbase_internal::ScreenFilter filter_;
+    LineFilter filter_;
+    klbase_internal::ScreenFilter cleaner_;
   };
 
   Buffer buffer_;

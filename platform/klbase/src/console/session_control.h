@@ -12,7 +12,7 @@
 #include "cli/menu_walk.h"
 #include "cli/outcome.h"
 #include "cli/session.h"
-#include "console/events/event_history.h"
+#include "console/commands/event_history.h"
 
 namespace cli::internal {
 
@@ -41,6 +41,11 @@ class SessionControl : public Session {
   virtual const MenuPath& Path() const = 0;
   // The command did not end well, and has printed why.
   virtual void ReportExplained(Status status, std::string_view reason) = 0;
+  // Shows a line of the console's own, unfiltered, where an operator reads; nothing for programs.
+  virtual void Tell(const std::string& line) = 0;
+  // Runs `words` as a line of their own inside the command that runs; the operator has been told what it came to. For
+  // an operator who reads along: kCancelled says that nobody does any more.
+  virtual Status RunWords(const std::vector<std::string>& words) = 0;
   // The lines that were typed, the oldest first.
   virtual const std::vector<std::string>& History() const = 0;
   // Which events its commands look at.

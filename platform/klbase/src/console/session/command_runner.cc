@@ -57,46 +57,72 @@ Outcome CommandRunner::Run(const std::string& line, std::stop_token given_up) {
   Answer answer;
   events_.LineBegins();
   if (!split.error.empty()) {
-    answer.outcome = UsageError(split.error);
-    answer.text = split.error + "\n";
+    answer = {UsageError(split.error), split.error + "\n"};
   } else if (!split.words.empty()) {
-    RunWords(split.words, given_up, answer);
+    answer = RunLine(std::move(split), given_up);
   }
-  if (!answer.text.empty()) {
-    config_.output->FreshLine();  // the command may have printed half a line
-    config_.output->Append(answer.text);
-  }
+  Show(answer.text);
   events_.LineEnds(answer.outcome);
   return std::move(answer.outcome);
 }
 
-void CommandRunner::RunWords(const std::vector<std::string>& words, const std::stop_token& given_up, Answer& answer) {
-  stream_.Reset();
-  explained_ = false;
-  LeaveRemovedMenus();
-  OutcomeRecorder recorder(stream_);
+CommandRunner::Answer CommandRunner::RunLine(Words words, const std::stop_token& given_up) {
+  std::vector<FilterStage> stages;
+  const std::string error = TakeFilters(words, stages);
+  if (!error.empty()) return {UsageError(error), error + "\n"};
+  stream_.SetFilter(LineFilter(std::move(stages)));
+  Answer answer;
   {
     const klbase::ScopedStopToken scope(given_up);
     const std::stop_callback mute(given_up, [this] { config_.output->RefusePrints(true); });
-    try {
-      if (!Dispatch(words)) {
-        answer.text = ExplainRefusal(path_, builtins_, words);
-        recorder.Get() = UsageError(answer.text);
-      }
-    } catch (...) {
-      answer.text = ExplainFailure(words);
-      recorder.Get().status = IsAboutAWord(std::current_exception()) ? Status::kUsage : Status::kFailed;
-      recorder.Get().reason = FirstLine(answer.text);
-    }
-    stream_.Finish();
+    answer = Execute(words.words);
   }
-  answer.outcome = std::move(recorder.Get());
+  stream_.SetFilter({});
   if (given_up.stop_requested()) {
     config_.output->RefusePrints(false);
+    answer.text = explained_ || !config_.tell_outcome ? "" : OutcomeLine(GivenUp());
     answer.outcome = GivenUp();
-    answer.text.clear();
+  } else if (answer.outcome.status == Status::kUsage && HasOtherBar(words)) {
+    answer.text += std::string("Behind a bar stands a filter: ") + kFilterUsage + "\n";
   }
+  return answer;
+}
+
+CommandRunner::Answer CommandRunner::Execute(const std::vector<std::string>& words) {
+  stream_.Reset();
+  explained_ = false;
+  LeaveRemovedMenus();
+  Answer answer;
+  OutcomeRecorder recorder(stream_);
+  try {
+    if (!Dispatch(words)) {
+      answer.text = ExplainRefusal(path_, builtins_, words);
+      recorder.Get() = UsageError(answer.text);
+    }
+  } catch (...) {
+    answer.text = ExplainFailure(words);
+    recorder.Get().status = IsAboutAWord(std::current_exception()) ? Status::kUsage : Status::kFailed;
+    recorder.Get().reason = FirstLine(answer.text);
+  }
+  if (!answer.text.empty()) stream_.DropCount();
+  if (const auto count = stream_.Finish()) ReportField(stream_, "count", std::to_string(*count));
+  answer.outcome = std::move(recorder.Get());
   if (config_.tell_outcome && !explained_ && answer.text.empty()) answer.text = OutcomeLine(answer.outcome);
+  return answer;
+}
+
+Status CommandRunner::RunWords(const std::vector<std::string>& words) {
+  const Answer answer = Execute(words);
+  if (klbase::CurrentStopToken().stop_requested()) return Status::kCancelled;
+  Show(answer.text);
+  return answer.outcome.status;
+}
+
+// The console's own text.
+void CommandRunner::Show(const std::string& text) {
+  if (text.empty()) return;
+  config_.output->FreshLine();  // the command may have printed half a line
+  config_.output->Append(text);
 }
 
 // The menu's commands come first: a tool may have an "exit" of its own. Where one of them can't take the words, a

@@ -14,7 +14,8 @@
 #include "absl/synchronization/mutex.h"
 #include "cli/menu_walk.h"
 #include "cli/outcome.h"
-#include "console/builtins.h"
+#include "cli/words.h"
+#include "console/commands/builtins.h"
 #include "console/output_stream.h"
 #include "console/session/session_host.h"
 #include "console/session_control.h"
@@ -62,6 +63,10 @@ class CommandRunner : private SessionControl {
     explained_ = true;
     Report(stream_, status, 0, reason);
   }
+  void Tell(const std::string& line) override {
+    if (config_.tell_outcome) Show(line + "\n");
+  }
+  Status RunWords(const std::vector<std::string>& words) override;
   std::stop_token Ending() const override { return config_.ending; }
   EventHistory& Events() override { return events_; }
   void StartMonitor(EventFeed::Matches matches) override { config_.monitor(std::move(matches)); }
@@ -82,7 +87,9 @@ class CommandRunner : private SessionControl {
     std::string text;  // the console's own, "" for none
   };
 
-  void RunWords(const std::vector<std::string>& words, const std::stop_token& given_up, Answer& answer);
+  Answer RunLine(Words words, const std::stop_token& given_up);
+  Answer Execute(const std::vector<std::string>& words);
+  void Show(const std::string& text);
   bool Dispatch(const std::vector<std::string>& words);
   std::string ExplainFailure(const std::vector<std::string>& words) const;
   void LeaveRemovedMenus();

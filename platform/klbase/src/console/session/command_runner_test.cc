@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cli/command.h"
+#include "cli/line_filter.h"
 #include "cli/outcome.h"
 #include "cli/words.h"
 #include "klbase/cancellation.h"
@@ -24,6 +25,12 @@ namespace {
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
+std::string LineFilterError(const std::string& line) {
+  Words words = SplitWords(line);
+  std::vector<FilterStage> stages;
+  return TakeFilters(words, stages);
+}
+
 class CommandRunnerTest : public testing::Test, private TestHost {
  protected:
   CommandRunnerTest() {
@@ -33,6 +40,8 @@ class CommandRunnerTest : public testing::Test, private TestHost {
     playd_ = playd.get();
     root_->Insert(
         MakeCommand("say", [](std::ostream& out, const std::string& text) { out << text; }, "help", {"text"}));
+    root_->Insert(MakeCommand(
+        "lines", [](std::ostream& out) { out << "id:1\nstate:4\nid:2"; }, "help"));
     // Characters in pieces, as a stream may be given them.
     root_->Insert(MakeCommand(
         "odd",
@@ -127,6 +136,40 @@ TEST_F(CommandRunnerTest, OnAScreenACommandsOutputIsMadeClean) {
 
 TEST_F(CommandRunnerTest, ForAProgramACommandsOutputStaysAsItIs) {
   EXPECT_EQ(Run("odd"), "\x1b[2J\xe6\x97\xa5\r\n\xe6");
+}
+
+TEST_F(CommandRunnerTest, FiltersChooseFromWhatACommandPrints) {
+  EXPECT_EQ(Run("lines | include id"), "id:1\nid:2");
+  EXPECT_EQ(Run("lines | exclude id"), "state:4\n");
+  EXPECT_EQ(Run("lines"), "id:1\nstate:4\nid:2") << "the filter was the line's";
+}
+
+TEST_F(CommandRunnerTest, ACountIsAFieldToo) {
+  const Outcome outcome = runner_.Run("lines | count");
+  EXPECT_EQ(output_.Take(), "3\n");
+  EXPECT_EQ(outcome.fields, (Fields{{"count", "3"}}));
+}
+
+TEST_F(CommandRunnerTest, WhatDidNotRunIsNotCounted) {
+  EXPECT_EQ(Run("number x | count"), Run("number x"));
+  EXPECT_EQ(Run("lanes | count"), Run("lanes"));
+}
+
+TEST_F(CommandRunnerTest, TheConsolesOwnTextIsNotFiltered) {
+  EXPECT_EQ(Run("fail | exclude no"), "half\nfail: no such player. Usage: fail\n");
+  EXPECT_EQ(Run("say x | include"), LineFilterError("say x | include") + "\n");
+}
+
+TEST_F(CommandRunnerTest, AWrongCommandBeforeABarIsTheFirstThingSaid) {
+  const std::string text = Run("sai x | include x");
+  EXPECT_EQ(text, "Unknown command \"sai\"; did you mean: say? Type \"help\" for the commands.\n");
+}
+
+TEST_F(CommandRunnerTest, ABarWithoutAFilterIsAWordUntilNoCommandTakesIt) {
+  EXPECT_EQ(Run("say |"), "|");
+  EXPECT_EQ(Run("say x | grep"),
+            "\nsay takes 1 word, not 3. Usage: say <text>\n"
+            "Behind a bar stands a filter: <line> | include <text> | exclude <text> | count\n");
 }
 
 TEST_F(CommandRunnerTest, ABlankLineDoesNothing) { EXPECT_EQ(Run("  "), ""); }

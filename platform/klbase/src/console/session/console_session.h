@@ -14,7 +14,7 @@
 
 #include "cli/feed/events.h"
 #include "cli/menu.h"
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 #include "console/output_buffer.h"
 #include "console/session/command_runner.h"
 #include "console/session/command_thread.h"

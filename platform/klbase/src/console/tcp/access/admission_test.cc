@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/fake_connection.h"
 

@@ -1,4 +1,4 @@
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 
 #include <gmock/gmock.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // Which events a session's next `wait` looks at, and what its last command came to.
-#ifndef KLBASE_CONSOLE_EVENTS_EVENT_HISTORY_H_
-#define KLBASE_CONSOLE_EVENTS_EVENT_HISTORY_H_
+#ifndef KLBASE_CONSOLE_COMMANDS_EVENT_HISTORY_H_
+#define KLBASE_CONSOLE_COMMANDS_EVENT_HISTORY_H_
 
 #include <cstdint>
 #include <set>
@@ -54,4 +54,4 @@ class EventHistory {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_EVENTS_EVENT_HISTORY_H_
+#endif  // KLBASE_CONSOLE_COMMANDS_EVENT_HISTORY_H_

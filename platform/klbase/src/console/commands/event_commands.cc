@@ -1,27 +1,27 @@
-#include "console/events/event_commands.h"
+#include "console/commands/event_commands.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
+#include <optional>
 #include <ostream>
-#include <stop_token>
 #include <utility>
 
 #include "cli/feed/conditions.h"
 #include "cli/feed/events.h"
 #include "cli/outcome.h"
-#include "console/events/event_history.h"
+#include "cli/words.h"
+#include "console/commands/either_stop.h"
+#include "console/commands/event_history.h"
 #include "klbase/cancellation.h"
 
 namespace cli::internal {
 namespace {
 
-using Words = std::vector<std::string>;
+using Arguments = std::vector<std::string>;
 using Conditions = std::vector<Condition>;
 using std::chrono::steady_clock;
 
 constexpr double kDefaultSeconds = 10;
-constexpr double kMostSeconds = 86400;
 
 void Refuse(SessionControl& session, Status status, const std::string& reason) {
   session.OutStream() << reason << '\n';
@@ -34,25 +34,6 @@ void RefuseUsage(SessionControl& session, const std::string& what, const char* u
 
 // --- wait
 
-// Stopped with either of two tokens.
-class EitherStop {
- public:
-  EitherStop(std::stop_token one, std::stop_token other)
-      : one_(std::move(one), Request{&source_}), other_(std::move(other), Request{&source_}) {}
-
-  std::stop_token Token() const { return source_.get_token(); }
-
- private:
-  struct Request {
-    std::stop_source* source;
-    void operator()() const { source->request_stop(); }
-  };
-
-  std::stop_source source_;
-  const std::stop_callback<Request> one_;
-  const std::stop_callback<Request> other_;
-};
-
 struct WaitWords {
   std::string topic;
   Conditions wanted;
@@ -62,15 +43,19 @@ struct WaitWords {
   std::string error;  // "" when the words are complete
 };
 
-bool ReadSeconds(const std::string& word, WaitWords& wait) {
-  const char* end = word.data() + word.size();
-  const auto [read_to, error] = std::from_chars(word.data(), end, wait.seconds);
-  wait.seconds_text = word;
-  return error == std::errc() && read_to == end && wait.seconds > 0 && wait.seconds <= kMostSeconds;
+// Reads the time limit behind the word "within".
+void ReadLimit(const Arguments& words, std::size_t& next, WaitWords& wait) {
+  const auto seconds = next < words.size() ? ReadSeconds(words[next]) : std::nullopt;
+  if (!seconds) {
+    wait.error = "within needs seconds, up to 86400";
+    return;
+  }
+  wait.seconds = *seconds;
+  wait.seconds_text = words[next++];
 }
 
 // As many as stand there.
-Conditions ReadConditions(const Words& words, std::size_t& next) {
+Conditions ReadConditions(const Arguments& words, std::size_t& next) {
   Conditions conditions;
   while (auto condition = ReadCondition(words, next)) conditions.push_back(std::move(*condition));
   return conditions;
@@ -79,10 +64,10 @@ Conditions ReadConditions(const Words& words, std::size_t& next) {
 std::string Quoted(const std::string& word) { return '"' + word + '"'; }
 
 // Reads a clause that a word of its own begins.
-void ReadClause(const Words& words, std::size_t& next, WaitWords& wait) {
+void ReadClause(const Arguments& words, std::size_t& next, WaitWords& wait) {
   const std::string& word = words[next++];
   if (word == "within") {
-    if (next >= words.size() || !ReadSeconds(words[next++], wait)) wait.error = "within needs seconds, up to 86400";
+    ReadLimit(words, next, wait);
   } else if (word == "fail") {
     wait.failures.push_back(ReadConditions(words, next));
     if (wait.failures.back().empty()) wait.error = "fail needs a condition, such as play_state=5";
@@ -91,7 +76,7 @@ void ReadClause(const Words& words, std::size_t& next, WaitWords& wait) {
   }
 }
 
-WaitWords ReadWait(const Words& words) {
+WaitWords ReadWait(const Arguments& words) {
   WaitWords wait;
   if (words.empty()) {
     wait.error = "it needs a topic";
@@ -129,7 +114,7 @@ void ShowFound(SessionControl& session, const Event& event) {
 
 }  // namespace
 
-void WaitForEvent(SessionControl& session, const Words& words) {
+void WaitForEvent(SessionControl& session, const Arguments& words) {
   EventHistory& history = session.Events();
   history.KeepLookingBack();
   const WaitWords wait = ReadWait(words);
@@ -158,8 +143,8 @@ void WaitForEvent(SessionControl& session, const Words& words) {
 
 // --- monitor
 
-void MonitorEvents(SessionControl& session, const Words& words) {
-  if (words == Words{"off"}) return session.StopMonitor();
+void MonitorEvents(SessionControl& session, const Arguments& words) {
+  if (words == Arguments{"off"}) return session.StopMonitor();
   std::vector<std::string> topics;
   std::size_t next = 0;
   Conditions conditions = ReadConditions(words, next);
@@ -211,7 +196,7 @@ std::string WhyUnmet(const Outcome& outcome, const Condition& condition) {
 
 }  // namespace
 
-void ExpectFields(SessionControl& session, const Words& words) {
+void ExpectFields(SessionControl& session, const Arguments& words) {
   EventHistory& history = session.Events();
   history.KeepLookingBack();
   history.OnlyLooks();

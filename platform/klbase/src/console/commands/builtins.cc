@@ -1,4 +1,4 @@
-#include "console/builtins.h"
+#include "console/commands/builtins.h"
 
 #include <algorithm>
 #include <charconv>
@@ -10,7 +10,8 @@
 #include <vector>
 
 #include "cli/words.h"
-#include "console/events/event_commands.h"
+#include "console/commands/event_commands.h"
+#include "console/commands/watch_command.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
@@ -90,6 +91,8 @@ void Wait(const Call& call, const Arguments& words) { WaitForEvent(call.session,
 void Monitor(const Call& call, const Arguments& words) { MonitorEvents(call.session, words); }
 
 void Expect(const Call& call, const Arguments& words) { ExpectFields(call.session, words); }
+
+void Watch(const Call& call, const Arguments& words) { WatchLine(call.session, words); }
 
 void Exit(const Call& call, const Arguments&) { call.session.End(); }
 
@@ -215,6 +218,7 @@ Builtins::Builtins(const std::string& root_name) {
       {"monitor", "topic", "show events as they come, such as: monitor layer/*; \"monitor off\" ends it", true,
        Monitor},
       {"expect", "condition", "compare fields of the last command, such as: expect result=1", true, Expect},
+      {"watch", "line", "run a line every 2 s until Ctrl-C, or at other times: watch 0.5 who", true, Watch},
       {"disconnect", "id", "end another session", true, Disconnect},
       {root_name.c_str(), nullptr, "go back to the first menu", true, GoToRoot},
       {"..", nullptr, "go back to the menu before", false, GoUp},

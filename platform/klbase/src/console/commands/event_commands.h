@@ -1,6 +1,6 @@
 // The built-in commands about events and about what the last command came to: wait, monitor, expect.
-#ifndef KLBASE_CONSOLE_EVENTS_EVENT_COMMANDS_H_
-#define KLBASE_CONSOLE_EVENTS_EVENT_COMMANDS_H_
+#ifndef KLBASE_CONSOLE_COMMANDS_EVENT_COMMANDS_H_
+#define KLBASE_CONSOLE_COMMANDS_EVENT_COMMANDS_H_
 
 #include <string>
 #include <vector>
@@ -20,4 +20,4 @@ void ExpectFields(SessionControl& session, const std::vector<std::string>& words
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_EVENTS_EVENT_COMMANDS_H_
+#endif  // KLBASE_CONSOLE_COMMANDS_EVENT_COMMANDS_H_

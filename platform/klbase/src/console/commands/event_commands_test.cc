@@ -1,5 +1,5 @@
 // wait, monitor and expect as lines of a session.
-#include "console/events/event_commands.h"
+#include "console/commands/event_commands.h"
 
 #include <gtest/gtest.h>
 

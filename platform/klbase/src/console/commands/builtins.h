@@ -1,6 +1,6 @@
 // The commands that every menu has: help, history, who, disconnect, exit, shutdown and the way back.
-#ifndef KLBASE_CONSOLE_BUILTINS_H_
-#define KLBASE_CONSOLE_BUILTINS_H_
+#ifndef KLBASE_CONSOLE_COMMANDS_BUILTINS_H_
+#define KLBASE_CONSOLE_COMMANDS_BUILTINS_H_
 
 #include <memory>
 #include <string>
@@ -36,4 +36,4 @@ std::shared_ptr<const Builtins> MakeBuiltins(const std::string& root_name);
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_BUILTINS_H_
+#endif  // KLBASE_CONSOLE_COMMANDS_BUILTINS_H_
