@@ -5,7 +5,9 @@
 
 #include <memory>
 #include <sstream>
+#include <stop_token>
 
+#include "klbase/cancellation.h"
 #include "modules/envctl/testing/fake_tools.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/fake_session.h"
@@ -60,6 +62,17 @@ TEST_F(EnvCTLCliTest, DescriptionSaysNothingOfAProbeThatFails) {
   EXPECT_EQ(output.Text(), "");
   EXPECT_EQ(errors.Text(), "");
   EXPECT_THAT(log.Records(), IsEmpty());
+}
+
+TEST_F(EnvCTLCliTest, DescriptionThatIsGivenUpStartsNothingMore) {
+  cli::Menu root("main");
+  const EnvCTLCli plugin(&root);
+  vextest::FakeSession session(root);
+  std::stop_source given_up;
+  given_up.request_stop();
+  const klbase::ScopedStopToken scope(given_up.get_token());
+  EXPECT_TRUE(session.Run({"envctl", "description"}));
+  EXPECT_THAT(Commands(), IsEmpty());
 }
 
 TEST_F(EnvCTLCliTest, DescriptionTakesNoParameter) {

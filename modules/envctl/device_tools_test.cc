@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/eventfd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -209,6 +210,32 @@ TEST_F(HangingToolTest, IsAToolThatFailedForTheSetterAndTheListing) {
   setter.join();
   EXPECT_EQ(errors.Text(), "a=1\n");
   EXPECT_TRUE(ToolIsGone());
+}
+
+TEST_F(HangingToolTest, IsGivenUpWhenTheCallersDescriptorSaysSo) {
+  const int stop = eventfd(0, EFD_CLOEXEC);
+  sysconf_set_stop_fd(stop);
+  for (const char* script :
+       {"echo >&$STARTED; sleep 600 &\nsleep 600\n", "exec >/dev/null; echo >&$STARTED; sleep 600\n"}) {
+    Install(script);
+    setenv("STARTED", std::to_string(alive_[1]).c_str(), 1);
+    const auto time = TimeOf([&] {
+      std::thread gives_up([&] {
+        char started = 0;
+        EXPECT_EQ(read(alive_[0], &started, 1), 1);
+        eventfd_write(stop, 1);
+      });
+      EXPECT_EQ(sysconf_getenv_safe("test", buffer_), nullptr);
+      gives_up.join();
+    });
+    EXPECT_LT(time, kToolsLimit / 2);
+    EXPECT_TRUE(ToolIsGone()) << script;
+    eventfd_t drained = 0;
+    eventfd_read(stop, &drained);
+  }
+  unsetenv("STARTED");
+  sysconf_set_stop_fd(-1);
+  close(stop);
 }
 
 TEST_F(HangingToolTest, IsKilledWhenTheProcessExits) {

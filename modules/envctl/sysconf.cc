@@ -1,5 +1,7 @@
 #include "envctl/sysconf.h"
 
+#include <poll.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -37,10 +39,16 @@ Deadline LimitFromNow() { return std::chrono::steady_clock::now() + kLimit; }
 std::int64_t MillisecondsTo(Deadline deadline) {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now()).count();
 }
-bool IsOver(Deadline deadline) { return MillisecondsTo(deadline) <= 0; }
+
+thread_local int stop_fd = -1;
+
+bool IsOver(Deadline deadline) {
+  pollfd stop{stop_fd, POLLIN, 0};
+  return MillisecondsTo(deadline) <= 0 || ::poll(&stop, 1, 0) == 1;
+}
 
 FILE* Start(const char* command, Deadline deadline, int mark) {
-  FILE* const pipe = OpenSettingsTool(command, MillisecondsTo(deadline));
+  FILE* const pipe = OpenSettingsTool(command, MillisecondsTo(deadline), stop_fd);
   if (pipe == nullptr && errno != ECANCELED) {
     std::printf("<%d>popen read_device_info", mark);
     std::fflush(stdout);  // it ends no line, so nothing else would show it soon
@@ -147,6 +155,8 @@ int sysconf_setenv(const char* name, const char* value) {
 }
 
 int sysconf_printenv(void) { return print_all(); }
+
+void sysconf_set_stop_fd(int fd) { stop_fd = fd; }
 
 int sysconf_openenv(void) { return 0; }
 

@@ -116,7 +116,7 @@ void KillAll() {
 // One tool: the cookie of its stream.
 class Tool {
  public:
-  explicit Tool(Deadline deadline) : deadline_(deadline) {}
+  Tool(Deadline deadline, int stop) : deadline_(deadline), stop_(stop) {}
   Tool(const Tool&) = delete;
   Tool& operator=(const Tool&) = delete;
   ~Tool() {
@@ -134,7 +134,7 @@ class Tool {
 
  private:
   int StartMarked(const char* command, int mark);
-  bool WaitEnd(Deadline until) const;
+  bool WaitEnd(Deadline until, int stop) const;
   void Kill();
   static int Left(Deadline until) {
     const auto left = std::chrono::ceil<milliseconds>(until - steady_clock::now());
@@ -142,6 +142,7 @@ class Tool {
   }
 
   const Deadline deadline_;
+  const int stop_;  // readable when it is to be given up; -1 for none
   std::atomic<Mark>* place_ = nullptr;
   Mark mark_ = kNoMark;
   FILE* pipe_ = nullptr;
@@ -211,27 +212,30 @@ void Tool::Kill() {
 ssize_t Tool::Read(char* buffer, std::size_t size) {
   const int output = ::fileno(pipe_);
   while (true) {
-    pollfd readable{output, POLLIN, 0};
-    const int ready = ::poll(&readable, 1, Left(deadline_));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) {
+    pollfd ready[] = {{output, POLLIN, 0}, {stop_, POLLIN, 0}};
+    const int count = ::poll(ready, 2, Left(deadline_));
+    if (count < 0 && errno == EINTR) continue;
+    const bool stopped = count > 0 && ready[1].revents != 0;
+    if (count == 0 || stopped) {
       Kill();
-      errno = ETIMEDOUT;
+      errno = stopped ? ECANCELED : ETIMEDOUT;
+      return -1;
     }
-    return ready <= 0 ? -1 : ::read(output, buffer, size);
+    return count < 0 ? -1 : ::read(output, buffer, size);
   }
 }
 
-// Whether popen's child has ended. It stays a zombie, for pclose to find.
-bool Tool::WaitEnd(Deadline until) const {
+// Whether popen's child has ended, before `until` and, if it is not -1, before `stop` is readable. It stays a zombie,
+// for pclose to find.
+bool Tool::WaitEnd(Deadline until, int stop) const {
+  pollfd ends[] = {{ended_, POLLIN, 0}, {stop, POLLIN, 0}};
   while (true) {
     siginfo_t info{};
     const int looked = ::waitid(P_PID, static_cast<id_t>(shell_), &info, WEXITED | WNOHANG | WNOWAIT);
     if ((looked == 0 && info.si_pid == shell_) || (looked != 0 && errno == ECHILD)) return true;
     const int left = Left(until);
-    if (left == 0) return false;
-    pollfd end{ended_, POLLIN, 0};
-    ::poll(&end, 1, ended_ >= 0 ? left : std::min<int>(left, kTick.count()));
+    if (left == 0 || ends[1].revents != 0) return false;
+    ::poll(ends, 2, ended_ >= 0 ? left : std::min<int>(left, kTick.count()));
   }
 }
 
@@ -242,10 +246,10 @@ bool Tool::End() {
     ::dup3(nowhere, ::fileno(pipe_), O_CLOEXEC);
     ::close(nowhere);
   }
-  bool ended = shell_ == 0 || WaitEnd(deadline_);
+  bool ended = shell_ == 0 || WaitEnd(deadline_, stop_);
   if (!ended) {
     Kill();
-    ended = WaitEnd(steady_clock::now() + kKillTakes);
+    ended = WaitEnd(steady_clock::now() + kKillTakes, -1);
   }
   if (!ended) {
     place_ = nullptr;  // it hangs in the kernel: left to the exit handler, with its mark
@@ -271,8 +275,8 @@ int EndTool(void* tool) {
 
 extern "C" {
 
-FILE* OpenSettingsTool(const char* command, std::int64_t limit_ms) {
-  std::unique_ptr<Tool> tool(new (std::nothrow) Tool(steady_clock::now() + milliseconds(limit_ms)));
+FILE* OpenSettingsTool(const char* command, std::int64_t limit_ms, int stop_fd) {
+  std::unique_ptr<Tool> tool(new (std::nothrow) Tool(steady_clock::now() + milliseconds(limit_ms), stop_fd));
   if (const int error = tool ? tool->Start(command) : ENOMEM; error != 0) {
     errno = error;
     return nullptr;

@@ -79,6 +79,24 @@ def test_a_settings_tool_that_hangs_costs_its_session_ten_seconds_and_others_not
     assert hanging.nothing_is_left()
 
 
+def test_ctrl_c_gives_up_a_settings_tool_that_hangs(hanging, telnet):
+    session = telnet(hanging.port())
+    begin = time.monotonic()
+    session.send("envctl description\r")
+    wait_until(lambda: "hangs" in hanging.errors(), "the settings tool hangs")
+    session.send("\x03")
+    session.expect("cancelled: given up")
+    session.expect("main> ")
+    assert time.monotonic() - begin < TOOLS_LIMIT_S
+    assert "apisdk tools" not in session.before
+    assert hanging.errors().count("hangs") == 1  # no second attempt
+    wait_until(lambda: processes_of(hanging) == [], "the settings tool is gone")
+    session.send("core show version\r")
+    session.expect("git-version: v0.0.1")
+    assert interrupt_and_wait(hanging) == 1
+    assert hanging.nothing_is_left()
+
+
 def test_an_interrupt_while_a_settings_tool_hangs_leaves_nothing_of_it(hanging, connect):
     connect(hanging.port()).send("envctl description\n")
     wait_until(lambda: "hangs" in hanging.errors(), "the settings tool hangs")

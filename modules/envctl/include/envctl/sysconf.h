@@ -37,6 +37,11 @@ int sysconf_setenv(const char* name, const char* value);
 // Writes all settings to standard error, one per line. Returns 0, or -1 when the tool could not be started. Any thread.
 int sysconf_printenv(void);
 
+// Lets the calling thread's calls of the functions above be given up from elsewhere: while `fd` is not -1, a call ends
+// as a failed one as soon as `fd` is readable, and its tool is killed with all that it started. Nothing is read from
+// the descriptor, which stays the caller's.
+void sysconf_set_stop_fd(int fd);
+
 // Do nothing and return 0.
 int sysconf_openenv(void);
 int sysconf_closeenv(void);
