@@ -16,7 +16,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kOpenLimit{5000};
+constexpr milliseconds kOpenLimit{10'000};  // by network, and with plugins that are loaded first, it takes its time
 constexpr milliseconds kTick{100};
 constexpr int kPlayFlags = 0x1 | 0x2;  // playbin: video and audio, no subtitles or visualisation
 
