@@ -169,19 +169,22 @@ int PicturesInASecond(Canvas& canvas) {
   return count;
 }
 
+bool ComposesAsOftenAsItSays(Canvas& canvas) {
+  const int said = canvas.ComposedFrequency();
+  const int count = PicturesInASecond(canvas);
+  return said == canvas.ComposedFrequency() && count * 100 >= said * 5 / 6 - 100 && count * 100 <= said * 11 / 10 + 100;
+}
+
 TEST(CanvasTest, ComposesAsManyPicturesASecondAsTheModeAsksFor) {
+  const vextest::LogCapture log;
   Canvas canvas(false);
-  canvas.SetMode({64, 64, 6000});
-  EXPECT_TRUE(vextest::WaitFor([&] {
-    const int count = PicturesInASecond(canvas);
-    return count > 50 && count <= 66;
-  }));
-  EXPECT_EQ(canvas.ComposedFrequency(), 6000);
-  canvas.SetMode({64, 64, 2400});
-  EXPECT_TRUE(vextest::WaitFor([&] {
-    const int count = PicturesInASecond(canvas);
-    return count > 20 && count <= 26;
-  }));
+  for (const int asked : {6000, 2400}) {
+    canvas.SetMode({64, 64, asked});
+    EXPECT_EQ(canvas.ComposedFrequency(), asked);
+    EXPECT_TRUE(vextest::WaitFor([&] { return ComposesAsOftenAsItSays(canvas); })) << asked;
+    if (canvas.ComposedFrequency() == asked) continue;
+    EXPECT_TRUE(log.WaitForText("40 the canvas, 64x64, is composed at ")) << "a busy machine is the only reason";
+  }
 }
 
 TEST(CanvasTest, SaysInTheLogWhatItComposes) {
