@@ -6,7 +6,7 @@
 // first, 3 a client that begins with a telnet command), the sizes of the pieces (a line), then the bytes.
 
 // clang-format off: must come first
-#include "console/tcp/asio_setup.h"
+#include "console/asio_setup.h"
 // clang-format on
 
 #include <sys/ioctl.h>

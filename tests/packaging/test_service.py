@@ -27,6 +27,19 @@ while chunk := console.recv(65536):
 """
 
 
+# A line over the control socket.
+CONTROL = """
+import json, socket, sys
+console = socket.socket(socket.AF_UNIX)
+console.settimeout(20)
+console.connect("/run/vextool/console.sock")
+lines = console.makefile("r", encoding="utf-8")
+lines.readline()
+console.sendall(json.dumps({"run": sys.argv[1]}).encode() + b"\\n")
+print(json.loads(lines.readline())["output"], end="")
+"""
+
+
 def ask(root, *lines, port=50000):
     return root.inside("python3", "-c", CLIENT, port, *lines)
 
@@ -114,6 +127,15 @@ def test_the_log_is_where_only_the_service_and_its_group_may_read_it(installed):
     records = installed.inside("cat", "/var/log/vextool/vextool.log")
     assert "console listens on 127.0.0.1:50000" in records
     assert not re.search(r"ermission|not permitted|Read-only|NOTIFY_SOCKET", records)
+
+
+def test_the_control_socket_is_for_the_services_group_and_goes_with_it(installed):
+    assert installed.inside("stat", "--format=%U %G %a", "/run/vextool", "/run/vextool/console.sock") == \
+        "vextool vextool 750\nvextool vextool 660\n"
+    assert "git-version:" in installed.inside("python3", "-c", CONTROL, "core show version")
+    assert "  control  root pid " in installed.inside("python3", "-c", CONTROL, "who")
+    installed.inside("systemctl", "stop", "vextool.service")
+    assert installed.inside("sh", "-c", "ls -d /run/vextool 2>&1 || true").startswith("ls: cannot access")
 
 
 def test_a_stop_is_an_interrupt_and_counts_as_success(installed):

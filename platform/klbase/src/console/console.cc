@@ -14,6 +14,7 @@
 #include "absl/synchronization/mutex.h"
 #include "cli/plugin.h"
 #include "console/commands/builtins.h"
+#include "console/control/control_server.h"
 #include "console/exit_guard.h"
 #include "console/notice.h"
 #include "console/session/line_turns.h"
@@ -41,6 +42,7 @@ class ConsoleRuntime : public SessionHost,
     builtins_ = MakeBuiltins(root_->Name());
     // Throws when the port can't be used, before any plugin is created.
     server_ = MakeServer(options_, {&table_, [this] { return NewConfig(); }});
+    control_ = MakeControlServer(options_, {&table_, [this] { return NewConfig(); }});
     plugins_ = Registration::CreateAll(root_.get());
     if (options_.local_console) {
       local_ = std::make_unique<LocalConsole>(
@@ -51,6 +53,10 @@ class ConsoleRuntime : public SessionHost,
   void Start() {
     KeepStdoutClean();
     server_->Start();
+    if (control_) {
+      control_->Start();
+      KL_LOG(30, "console control socket is %s\n", control_->Path().c_str());
+    }
     const std::string text = "console listens on " + server_->Address();
     KL_LOG(30, "%s\n", text.c_str());
     if (::isatty(options_.output_fd) != 1) std::fprintf(stderr, "%s\n", text.c_str());
@@ -91,7 +97,9 @@ class ConsoleRuntime : public SessionHost,
     }
     // The I/O thread reaps the sessions whose commands have ended, so it runs until none is left or the time is over.
     server_->Finish();
+    if (control_) control_->Finish();
     const bool ended = WaitForRun() && table_.WaitUntilEmpty(options_.stop);
+    if (control_) control_->Stop();
     server_->Stop();
     if (!ended) {
       KL_LOG(40, "console: a command did not end in time and is left alone\n");
@@ -144,12 +152,7 @@ class ConsoleRuntime : public SessionHost,
   // --- ShowsNotices
 
   void ShowNotice(std::string_view line) override {
-    for (const auto& session : table_.All()) {
-      const bool interactive = session->Kind() == SessionKind::kTelnet || session->Kind() == SessionKind::kTerminal;
-      // Without a reader they would pile up.
-      const bool read = session->Output()->Pending() <= OutputBuffer::kBusyPending;
-      if (interactive && read && session->LoggedIn()) session->Notice(line);
-    }
+    for (const auto& session : table_.All()) session->ShowNotice(line);
   }
 
   // --- StopsAtExit
@@ -202,6 +205,7 @@ class ConsoleRuntime : public SessionHost,
   std::vector<std::unique_ptr<Plugin>> plugins_;
   std::unique_ptr<LocalConsole> local_;
   std::unique_ptr<Server> server_;
+  std::unique_ptr<ControlServer> control_;
 
   absl::Mutex mutex_;
   klbase::SteadyCondVar changed_;

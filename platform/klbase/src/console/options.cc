@@ -42,8 +42,20 @@ ConsoleOptions OptionsFromEnvironment(bool local_console, int port) {
   if (const auto limit = Environment("KLBASE_CONSOLE_IDLE_MINUTES"); !limit.empty()) {
     options.idle = std::chrono::minutes(Number("KLBASE_CONSOLE_IDLE_MINUTES", limit));
   }
+  options.control_socket = ControlSocketFromEnvironment();
   if (local_console) options.history_file = DefaultHistoryFile();
   return options;
+}
+
+ControlSocketPath ControlSocketFromEnvironment(const std::string& service_folder) {
+  constexpr char kName[] = "/console.sock";
+  const std::string named = Environment("KLBASE_CONSOLE_SOCKET");
+  if (named == "none") return {};
+  if (!named.empty()) return {named, true, false};
+  if (::access(service_folder.c_str(), W_OK | X_OK) == 0) return {service_folder + kName, false, false};
+  const std::string runtime = Environment("XDG_RUNTIME_DIR");
+  if (runtime.empty()) return {};
+  return {runtime + "/vextool" + kName, false, true};
 }
 
 }  // namespace cli::internal

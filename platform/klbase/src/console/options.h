@@ -1,4 +1,4 @@
-// A console's settings. Tests shorten the times.
+// A console's settings.
 #ifndef KLBASE_CONSOLE_OPTIONS_H_
 #define KLBASE_CONSOLE_OPTIONS_H_
 
@@ -9,14 +9,23 @@
 
 namespace cli::internal {
 
+// Where the control socket is.
+struct ControlSocketPath {
+  std::string path;          // "": there is none
+  bool asked_for = false;    // a console that can't have it must not start
+  bool make_folder = false;  // its folder is ours to make
+};
+
+// Tests shorten the times.
 struct ConsoleOptions {
   bool local_console = false;
   int port = 0;
   std::string address = "127.0.0.1";
-  std::string password_file;  // "": no password is asked for
-  std::string allow;          // the users of this machine that may come, where no password is asked for
-  int max_sessions = 64;      // on connections; the local terminal is not counted
-  std::string history_file;   // of the local terminal
+  std::string password_file;         // "": no password is asked for
+  std::string allow;                 // the users of this machine that may come, where no password is asked for
+  int max_sessions = 64;             // on connections; the local terminal is not counted
+  ControlSocketPath control_socket;  // for programs of this machine
+  std::string history_file;          // of the local terminal
   int input_fd = STDIN_FILENO;
   int output_fd = STDOUT_FILENO;
 
@@ -31,9 +40,13 @@ struct ConsoleOptions {
 };
 
 // The options, with those that the environment sets: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE,
-// KLBASE_CONSOLE_ALLOW, KLBASE_CONSOLE_MAX_SESSIONS and KLBASE_CONSOLE_IDLE_MINUTES. Throws std::runtime_error for a
-// value that makes no sense.
+// KLBASE_CONSOLE_ALLOW, KLBASE_CONSOLE_MAX_SESSIONS, KLBASE_CONSOLE_IDLE_MINUTES and KLBASE_CONSOLE_SOCKET. Throws
+// std::runtime_error for a value that makes no sense.
 ConsoleOptions OptionsFromEnvironment(bool local_console, int port);
+
+// KLBASE_CONSOLE_SOCKET, where "none" means none; else `service_folder`/console.sock where that folder is writable;
+// else vextool/console.sock below XDG_RUNTIME_DIR; else none.
+ControlSocketPath ControlSocketFromEnvironment(const std::string& service_folder = "/run/vextool");
 
 }  // namespace cli::internal
 

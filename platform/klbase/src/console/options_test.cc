@@ -5,6 +5,7 @@
 
 #include "gtest/gtest.h"
 #include "platform/testing/environment.h"
+#include "platform/testing/scratch_folder.h"
 
 namespace cli::internal {
 namespace {
@@ -46,6 +47,34 @@ TEST(ConsoleOptionsTest, ASessionLimitThatIsNoneIsRefused) {
                 "KLBASE_CONSOLE_MAX_SESSIONS is \"" + std::string(value) + "\"; set it to a number from 1 to 100000");
     }
   }
+}
+
+TEST(ConsoleOptionsTest, TheControlSocketIsWhereTheEnvironmentSays) {
+  const Variable named("KLBASE_CONSOLE_SOCKET", "/tmp/a.sock");
+  const ControlSocketPath socket = OptionsFromEnvironment(false, 0).control_socket;
+  EXPECT_EQ(socket.path, "/tmp/a.sock");
+  EXPECT_TRUE(socket.asked_for);
+  EXPECT_FALSE(socket.make_folder);
+}
+
+TEST(ConsoleOptionsTest, NoneIsNoControlSocket) {
+  const vextest::ScratchFolder folder;
+  const Variable named("KLBASE_CONSOLE_SOCKET", "none");
+  EXPECT_EQ(ControlSocketFromEnvironment(folder.Path()).path, "");
+}
+
+TEST(ConsoleOptionsTest, TheServicesFolderComesBeforeTheUsers) {
+  const vextest::ScratchFolder folder;
+  const Variable named("KLBASE_CONSOLE_SOCKET", "");
+  const Variable runtime("XDG_RUNTIME_DIR", "/run/user/7");
+  const ControlSocketPath service = ControlSocketFromEnvironment(folder.Path());
+  EXPECT_EQ(service.path, folder.Path() + "/console.sock");
+  EXPECT_FALSE(service.asked_for);
+  const ControlSocketPath user = ControlSocketFromEnvironment(folder / "no");
+  EXPECT_EQ(user.path, "/run/user/7/vextool/console.sock");
+  EXPECT_TRUE(user.make_folder);
+  const Variable no_runtime("XDG_RUNTIME_DIR", "");
+  EXPECT_EQ(ControlSocketFromEnvironment(folder / "no").path, "");
 }
 
 }  // namespace

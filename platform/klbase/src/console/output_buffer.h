@@ -12,6 +12,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
+#include "console/command_output.h"
 
 namespace cli::internal {
 
@@ -20,7 +21,7 @@ inline constexpr unsigned char kTelnetIac = 255;
 
 // Any thread may append and flush; the bytes go out in the order in which they were appended. Owned (shared) by a
 // session and its transport. The descriptor stays the transport's: it must be open until Close().
-class OutputBuffer {
+class OutputBuffer : public CommandOutput {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -47,17 +48,15 @@ class OutputBuffer {
 
   void SetText(Text text);
   // Appends text for the operator: echo, prompts, answers. Dropped once closed.
-  void Append(std::string_view text);
+  void Append(std::string_view text) override;
   // Appends a command's output, writes it when it is a lot, and blocks while more than kMaxPending bytes wait. Where
   // the reader takes nothing, only the transport tries again, when the descriptor is writable. False once closed, and
   // while prints are refused.
-  bool Print(std::string_view text);
-  // While it is set, Print() takes nothing, and a caller that waits in it returns: the command was given up.
-  void RefusePrints(bool refuse);
+  bool Print(std::string_view text) override;
+  void RefusePrints(bool refuse) override;
   // Appends protocol bytes.
   void AppendRaw(std::string_view bytes);
-  // Begins a new line unless the last text ended one.
-  void FreshLine();
+  void FreshLine() override;
   // Says that the next text stands at the start of a line, because the operator's Enter key moved the cursor there.
   void MarkLineStart();
 
@@ -75,7 +74,7 @@ class OutputBuffer {
   // Drops the rest and wakes all waiters; the descriptor is not used any more when it returns.
   void Close();
 
-  bool Closed() const;
+  bool Closed() const override;
   // How many times Print() was called.
   std::uint64_t Printed() const;
   // Takes no lock, so the transport's thread does not wait while a command's output is written.

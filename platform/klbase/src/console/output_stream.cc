@@ -4,7 +4,7 @@
 
 namespace cli::internal {
 
-OutputStream::OutputStream(OutputBuffer* output, bool on_screen) : std::ostream(nullptr), buffer_(output, on_screen) {
+OutputStream::OutputStream(CommandOutput* output, bool on_screen) : std::ostream(nullptr), buffer_(output, on_screen) {
   rdbuf(&buffer_);  // the base class is constructed before buffer_, so it can't be given it
 }
 

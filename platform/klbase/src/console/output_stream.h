@@ -10,18 +10,18 @@
 #include <utility>
 
 #include "cli/line_filter.h"
-#include "console/output_buffer.h"
+#include "console/command_output.h"
 #include "text/clean_text.h"
 
 namespace cli::internal {
 
-// Passes each piece of text to the OutputBuffer at once; blocks there while the operator doesn't read, and has its
-// badbit set once the buffer is closed. Commands print what daemons and others sent: on its way to a screen the text is
-// made clean (text/clean_text.h), to a program it goes as it is. Before that the operator's filters choose from it. One
-// thread at a time. `output` must outlive it.
+// Passes each piece of text to its output at once; blocks there while the operator doesn't read, and has its badbit set
+// once the output is closed. Commands print what daemons and others sent: on its way to a screen the text is made clean
+// (text/clean_text.h), to a program it goes as it is. Before that the operator's filters choose from it. One thread at
+// a time. `output` must outlive it.
 class OutputStream : public std::ostream {
  public:
-  OutputStream(OutputBuffer* output, bool on_screen);
+  OutputStream(CommandOutput* output, bool on_screen);
 
   // For the commands that follow.
   void SetFilter(LineFilter filter) { buffer_.SetFilter(std::move(filter)); }
@@ -36,7 +36,7 @@ class OutputStream : public std::ostream {
  private:
   class Buffer : public std::streambuf {
    public:
-    Buffer(OutputBuffer* output, bool on_screen) : output_(output), on_screen_(on_screen) {}
+    Buffer(CommandOutput* output, bool on_screen) : output_(output), on_screen_(on_screen) {}
     void SetFilter(LineFilter filter) { filter_ = std::move(filter); }
     void DropCount() { filter_.DropCount(); }
     std::optional<std::size_t> Finish();
@@ -49,7 +49,7 @@ class OutputStream : public std::ostream {
    private:
     bool Print(std::string_view piece) { return output_->Print(on_screen_ ? cleaner_.Pass(piece) : piece); }
 
-    OutputBuffer* const output_;
+    CommandOutput* const output_;
     const bool on_screen_;
     LineFilter filter_;
     klbase_internal::ScreenFilter cleaner_;

@@ -12,8 +12,16 @@ const char* KindName(SessionKind kind) {
       return "program";
     case SessionKind::kPlain:
       return "stdin";
+    case SessionKind::kControl:
+      return "control";
+    case SessionKind::kAttached:
+      return "attached";
   }
   return "";
+}
+
+bool IsInteractive(SessionKind kind) {
+  return kind == SessionKind::kTerminal || kind == SessionKind::kTelnet || kind == SessionKind::kAttached;
 }
 
 }  // namespace cli::internal

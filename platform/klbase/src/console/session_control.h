@@ -21,8 +21,12 @@ enum class SessionKind {
   kTelnet,    // an operator on a connection
   kProgram,   // a program on a connection
   kPlain,     // standard input that is not a terminal
+  kControl,   // a program on the control socket
+  kAttached,  // an operator's terminal on the control socket
 };
 const char* KindName(SessionKind kind);
+// Whether an operator works in sessions of this kind: they have a prompt, and are shown notices.
+bool IsInteractive(SessionKind kind);
 
 // A session as `who` shows it.
 struct SessionInfo {
@@ -39,7 +43,9 @@ class SessionControl : public Session {
  public:
   virtual int Id() const = 0;
   virtual const MenuPath& Path() const = 0;
-  // The command did not end well, and has printed why.
+  // The command did not end well: `lines`, whole ones, tell the operator why.
+  virtual void Explain(Status status, const std::string& lines) = 0;
+  // The same when the operator needs no telling.
   virtual void ReportExplained(Status status, std::string_view reason) = 0;
   // Shows a line of the console's own, unfiltered, where an operator reads; nothing for programs.
   virtual void Tell(const std::string& line) = 0;

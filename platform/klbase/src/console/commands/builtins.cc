@@ -41,11 +41,8 @@ void ShowCommand(const Command& command, const Arguments& menus, std::ostream& o
   out << example << "\n";
 }
 
-// Prints `text` as the answer to a line that is not done, and reports its first line.
-void Refuse(const Call& call, Status status, const std::string& text) {
-  call.session.OutStream() << text;
-  call.session.ReportExplained(status, text.substr(0, text.find('\n')));
-}
+// `text` is the answer to a line that is not done.
+void Refuse(const Call& call, Status status, const std::string& text) { call.session.Explain(status, text); }
 
 // Finds the entries of `words` (a command, or menus and a command) and shows them; for a menu also its commands.
 void HelpOn(const Call& call, const Arguments& words) {

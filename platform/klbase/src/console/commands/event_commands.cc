@@ -24,8 +24,7 @@ using std::chrono::steady_clock;
 constexpr double kDefaultSeconds = 10;
 
 void Refuse(SessionControl& session, Status status, const std::string& reason) {
-  session.OutStream() << reason << '\n';
-  session.ReportExplained(status, reason);
+  session.Explain(status, reason + '\n');
 }
 
 void RefuseUsage(SessionControl& session, const std::string& what, const char* usage) {
@@ -143,8 +142,8 @@ void WaitForEvent(SessionControl& session, const Arguments& words) {
 
 // --- monitor
 
-void MonitorEvents(SessionControl& session, const Arguments& words) {
-  if (words == Arguments{"off"}) return session.StopMonitor();
+MonitorChoice ReadMonitorWords(const Arguments& words) {
+  if (words == Arguments{"off"}) return {};
   std::vector<std::string> topics;
   std::size_t next = 0;
   Conditions conditions = ReadConditions(words, next);
@@ -153,15 +152,22 @@ void MonitorEvents(SessionControl& session, const Arguments& words) {
     conditions = ReadConditions(words, next);
   }
   if (next < words.size()) {
-    return RefuseUsage(session, "monitor: " + Quoted(words[next]) + " is not a condition, such as seek_ms>=5000",
-                       kMonitorUsage);
+    return {nullptr, "monitor: " + Quoted(words[next]) + " is not a condition, such as seek_ms>=5000"};
   }
-  session.StartMonitor([topics, conditions](const Event& event) {
+  MonitorChoice choice;
+  choice.matches = [topics, conditions](const Event& event) {
     const bool topic = topics.empty() || std::any_of(topics.begin(), topics.end(), [&](const std::string& pattern) {
                          return TopicMatches(pattern, event.topic);
                        });
     return topic && (conditions.empty() || AllHold(conditions, event.MessageFields()));
-  });
+  };
+  return choice;
+}
+
+void MonitorEvents(SessionControl& session, const Arguments& words) {
+  MonitorChoice choice = ReadMonitorWords(words);
+  if (!choice.error.empty()) return RefuseUsage(session, choice.error, kMonitorUsage);
+  choice.matches ? session.StartMonitor(std::move(choice.matches)) : session.StopMonitor();
 }
 
 // --- expect

@@ -13,6 +13,13 @@ inline constexpr char kWaitUsage[] = "wait <topic> [<field>=<value> ...] [fail <
 inline constexpr char kMonitorUsage[] = "monitor [<topic> ...] [<field>=<value> ...] | monitor off";
 inline constexpr char kExpectUsage[] = "expect <field>=<value> ...";
 
+// The events that the words of "monitor" choose.
+struct MonitorChoice {
+  EventFeed::Matches matches;  // null for "off"
+  std::string error;           // "" when the words make sense
+};
+MonitorChoice ReadMonitorWords(const std::vector<std::string>& words);
+
 // `words` are those behind the command's name. They print what the operator is to know, and report how it ended.
 void WaitForEvent(SessionControl& session, const std::vector<std::string>& words);
 void MonitorEvents(SessionControl& session, const std::vector<std::string>& words);

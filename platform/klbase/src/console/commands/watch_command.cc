@@ -24,8 +24,7 @@ constexpr double kLeastSeconds = 0.1;  // a line that ends at once would flood t
 
 void RefuseUsage(SessionControl& session, const std::string& what) {
   const std::string reason = "watch: " + what + ". Usage: " + kWatchUsage;
-  session.OutStream() << reason << '\n';
-  session.ReportExplained(Status::kUsage, reason);
+  session.Explain(Status::kUsage, reason + '\n');
 }
 
 // Returns at `deadline`, or when `stop` is requested.

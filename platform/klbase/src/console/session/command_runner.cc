@@ -26,10 +26,6 @@ bool FindMenu(const Menu& target, std::vector<std::shared_ptr<Menu>>& path) {
   return false;
 }
 
-std::string FirstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
-
-Outcome UsageError(const std::string& text) { return {Status::kUsage, 0, FirstLine(text), {}}; }
-
 Outcome GivenUp() {
   return {Status::kCancelled, 0, "given up; a daemon that has the request may still carry it out", {}};
 }
@@ -61,7 +57,7 @@ Outcome CommandRunner::Run(const std::string& line, std::stop_token given_up) {
   } else if (!split.words.empty()) {
     answer = RunLine(std::move(split), given_up);
   }
-  Show(answer.text);
+  if (config_.answer_in_output) Show(answer.text);
   events_.LineEnds(answer.outcome);
   return std::move(answer.outcome);
 }
@@ -84,6 +80,7 @@ CommandRunner::Answer CommandRunner::RunLine(Words words, const std::stop_token&
     answer.outcome = GivenUp();
   } else if (answer.outcome.status == Status::kUsage && HasOtherBar(words)) {
     answer.text += std::string("Behind a bar stands a filter: ") + kFilterUsage + "\n";
+    if (!config_.answer_in_output) answer.outcome.reason = ReasonIn(answer.text);
   }
   return answer;
 }
@@ -102,7 +99,7 @@ CommandRunner::Answer CommandRunner::Execute(const std::vector<std::string>& wor
   } catch (...) {
     answer.text = ExplainFailure(words);
     recorder.Get().status = IsAboutAWord(std::current_exception()) ? Status::kUsage : Status::kFailed;
-    recorder.Get().reason = FirstLine(answer.text);
+    recorder.Get().reason = ReasonIn(answer.text);
   }
   if (!answer.text.empty()) stream_.DropCount();
   if (const auto count = stream_.Finish()) ReportField(stream_, "count", std::to_string(*count));
@@ -138,6 +135,16 @@ bool CommandRunner::Dispatch(const std::vector<std::string>& words) {
   if (config_.builtins->HelpInMenu(words, *this) || config_.builtins->Run(words, *this)) return true;
   if (refusal) std::rethrow_exception(refusal);
   return false;
+}
+
+void CommandRunner::Explain(Status status, const std::string& lines) {
+  if (config_.answer_in_output) stream_ << lines;
+  ReportExplained(status, ReasonIn(lines));
+}
+
+std::string CommandRunner::ReasonIn(const std::string& lines) const {
+  if (config_.answer_in_output) return lines.substr(0, lines.find('\n'));
+  return OneLine(std::string_view(lines).substr(0, lines.find_last_not_of('\n') + 1));
 }
 
 // The answer for the exception that is being handled.

@@ -15,6 +15,7 @@
 #include "cli/menu_walk.h"
 #include "cli/outcome.h"
 #include "cli/words.h"
+#include "console/command_output.h"
 #include "console/commands/builtins.h"
 #include "console/output_stream.h"
 #include "console/session/session_host.h"
@@ -33,7 +34,7 @@ class CommandRunner : private SessionControl {
     std::shared_ptr<Menu> root;
     std::shared_ptr<const Builtins> builtins;
     // These outlive the runner.
-    OutputBuffer* output = nullptr;
+    CommandOutput* output = nullptr;
     const cli::internal::History* history = nullptr;
     SessionHost* host = nullptr;
     std::function<void()> end;                        // a command ends the session
@@ -41,6 +42,9 @@ class CommandRunner : private SessionControl {
     std::stop_token ending;                           // as SessionControl::Ending() has it
     bool on_screen = false;                           // the output is for a terminal, not a program
     bool tell_outcome = false;  // an operator reads it: a line says why a command did not end well
+    // The console's own answers, such as "Unknown command ...", stand in the output, and their first line is the
+    // reason. Else they are the reason alone, on one line.
+    bool answer_in_output = true;
   };
 
   explicit CommandRunner(Config config);
@@ -51,6 +55,8 @@ class CommandRunner : private SessionControl {
 
   EventFeed& Feed() { return events_.Feed(); }
   const MenuPath& Path() const override { return path_; }
+  // What may follow `text`, the beginning of a line; used as Run() is.
+  Completion CompleteLine(std::string_view text) const { return Complete(path_, builtins_, text); }
   // The names of the menus that lead to the current one, without the root's.
   std::string MenuName() const;
 
@@ -59,6 +65,7 @@ class CommandRunner : private SessionControl {
   std::ostream& OutStream() override { return stream_; }
   Menu& CurrentMenu() override { return path_.Current(); }
   void Enter(Menu& menu) override;
+  void Explain(Status status, const std::string& lines) override;
   void ReportExplained(Status status, std::string_view reason) override {
     explained_ = true;
     Report(stream_, status, 0, reason);
@@ -91,6 +98,8 @@ class CommandRunner : private SessionControl {
   Answer Execute(const std::vector<std::string>& words);
   void Show(const std::string& text);
   bool Dispatch(const std::vector<std::string>& words);
+  std::string ReasonIn(const std::string& lines) const;
+  Outcome UsageError(const std::string& lines) const { return {Status::kUsage, 0, ReasonIn(lines), {}}; }
   std::string ExplainFailure(const std::vector<std::string>& words) const;
   void LeaveRemovedMenus();
   void PublishMenuName();

@@ -80,6 +80,11 @@ void ConsoleSession::Notice(std::string_view text) {
   }
 }
 
+void ConsoleSession::ShowNotice(std::string_view line) {
+  // Without a reader they would pile up.
+  if (Interactive() && LoggedIn() && config_.output->Pending() <= OutputBuffer::kBusyPending) Notice(line);
+}
+
 void ConsoleSession::ShowHeldNotices() {
   if (notices_.Tick()) config_.output->FlushUnlessBlocked();
 }

@@ -21,6 +21,7 @@
 #include "console/session/input/input_queue.h"
 #include "console/session/input/line_reader.h"
 #include "console/session/input/terminal_state.h"
+#include "console/session/listed_session.h"
 #include "console/session/login.h"
 #include "console/session/notices.h"
 #include "console/session/session_host.h"
@@ -59,7 +60,9 @@ struct SessionConfig {
 // (or a thread that posts a notice) while a line is typed, the command thread from a whole line until all input is used
 // up. A password is no command's line: the lease is with its check, and comes back with the answer.
 // The session has no lock of its own: its parts have theirs, and call nothing of each other's while they hold them.
-class ConsoleSession : private CommandThread::Host, public std::enable_shared_from_this<ConsoleSession> {
+class ConsoleSession : public ListedSession,
+                       private CommandThread::Host,
+                       public std::enable_shared_from_this<ConsoleSession> {
  public:
   explicit ConsoleSession(SessionConfig config);
 
@@ -86,7 +89,7 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   void Redraw() { Notice({}); }
   // Runs no further line; a command under way finishes and is heard. Then says `farewell`, if anything was left to be
   // ended, and calls `ended`.
-  void Finish(std::string_view farewell = {});
+  void Finish(std::string_view farewell = {}) override;
   // Runs nothing more. The operator is gone, or the console ends: a command under way finishes without being heard.
   void Close();
   bool CommandRunning() const { return queue_.Leased() && thread_.Running(); }
@@ -94,16 +97,17 @@ class ConsoleSession : private CommandThread::Host, public std::enable_shared_fr
   // Since the last input, or the end of the last command.
   std::chrono::milliseconds IdleFor() const;
   // None before the login, and once no further line runs.
-  std::optional<SessionInfo> Info() const;
+  std::optional<SessionInfo> Info() const override;
+  void ShowNotice(std::string_view line) override;
   // To be joined, once the session was closed and it is done.
-  CommandThread& Thread() { return thread_; }
+  CommandThread& Thread() override { return thread_; }
 
-  int Id() const { return config_.id; }
-  SessionKind Kind() const { return config_.kind; }
+  int Id() const override { return config_.id; }
+  SessionKind Kind() const override { return config_.kind; }
   const std::shared_ptr<OutputBuffer>& Output() const { return config_.output; }
 
  private:
-  bool Interactive() const { return config_.kind == SessionKind::kTelnet || config_.kind == SessionKind::kTerminal; }
+  bool Interactive() const { return IsInteractive(config_.kind); }
   bool OnScreen() const { return Interactive() || config_.on_screen; }
   std::unique_ptr<LineEditor> MakeEditor() const;
 

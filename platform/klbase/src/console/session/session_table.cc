@@ -19,10 +19,17 @@ int SessionTable::NextId() {
   return ++last_id_;
 }
 
-void SessionTable::Add(std::shared_ptr<ConsoleSession> session, SessionSlot slot) {
+void SessionTable::Add(std::shared_ptr<ListedSession> session, SessionSlot slot) {
   const int id = session->Id();
   absl::MutexLock lock(&mutex_);
   entries_[id] = {std::move(session), std::move(slot)};
+}
+
+void SessionTable::Replace(std::shared_ptr<ListedSession> session) {
+  const int id = session->Id();
+  absl::MutexLock lock(&mutex_);
+  const auto found = entries_.find(id);
+  if (found != entries_.end()) found->second.session.swap(session);  // the other one is destroyed without the lock
 }
 
 void SessionTable::SetSlot(int id, SessionSlot slot) {
@@ -47,8 +54,8 @@ void SessionTable::Reap(int id) {
   changed_.SignalAll();
 }
 
-std::vector<std::shared_ptr<ConsoleSession>> SessionTable::All() const {
-  std::vector<std::shared_ptr<ConsoleSession>> sessions;
+std::vector<std::shared_ptr<ListedSession>> SessionTable::All() const {
+  std::vector<std::shared_ptr<ListedSession>> sessions;
   absl::MutexLock lock(&mutex_);
   for (const auto& [id, entry] : entries_) sessions.push_back(entry.session);
   return sessions;

@@ -12,7 +12,7 @@
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
-#include "console/session/console_session.h"
+#include "console/session/listed_session.h"
 #include "klbase/steady_cond_var.h"
 
 namespace cli::internal {
@@ -49,19 +49,21 @@ class SessionTable {
 
   int NextId();
   // `slot` is kept until the session is gone: a command whose operator hung up still takes one.
-  void Add(std::shared_ptr<ConsoleSession> session, SessionSlot slot);
+  void Add(std::shared_ptr<ListedSession> session, SessionSlot slot);
+  // Puts `session` in the place of another one of its number, which has run nothing, and leaves it the slot.
+  void Replace(std::shared_ptr<ListedSession> session);
   // For a session that logs in after it was added.
   void SetSlot(int id, SessionSlot slot);
   // Joins and forgets the session once it is closed and its thread is done; else does nothing.
   void Reap(int id);
 
-  std::vector<std::shared_ptr<ConsoleSession>> All() const;
+  std::vector<std::shared_ptr<ListedSession>> All() const;
   // Waits until no sessions are left, but for one whose command thread is the calling one. False after `limit`.
   bool WaitUntilEmpty(std::chrono::milliseconds limit);
 
  private:
   struct Entry {
-    std::shared_ptr<ConsoleSession> session;
+    std::shared_ptr<ListedSession> session;
     SessionSlot slot;
   };
 

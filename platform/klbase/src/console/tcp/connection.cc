@@ -15,6 +15,7 @@
 #include <system_error>
 #include <utility>
 
+#include "console/session/input/terminal_state.h"
 #include "console/tcp/access/peer_user.h"
 #include "console/tcp/http_sniff.h"
 #include "klbase/log.h"
@@ -70,11 +71,6 @@ void SetOptions(int fd) {
   SetOption(fd, SOL_SOCKET, SO_SNDBUF, kSendBufferBytes);
   // telnet sends the mark behind an interrupt as urgent data: taken out of the stream it would leave half a command.
   SetOption(fd, SOL_SOCKET, SO_OOBINLINE, 1);
-}
-
-bool IsDumb(std::string name) {
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return name.empty() || name == "dumb" || name == "unknown" || name == "network";
 }
 
 }  // namespace
@@ -390,7 +386,7 @@ void Connection::OnAreYouThere() { session_->Notice("[yes]\n"); }
 void Connection::OnWindowSize(int columns, int rows) { session_->ChangeTerminal({.columns = columns, .rows = rows}); }
 
 void Connection::OnTerminalType(const std::string& name) {
-  if (dumb_terminal_ || !IsDumb(name)) return;
+  if (dumb_terminal_ || !IsDumbTerminal(name)) return;
   // Escape sequences would show as text: the client echoes and edits for itself, as it does without any negotiation.
   dumb_terminal_ = true;
   filter_->StopEcho();

@@ -4,7 +4,7 @@
 #define KLBASE_CONSOLE_TCP_CONNECTION_H_
 
 // clang-format off: must come first
-#include "console/tcp/asio_setup.h"
+#include "console/asio_setup.h"
 // clang-format on
 
 #include <asio/io_context.hpp>

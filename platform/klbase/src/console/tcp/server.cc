@@ -1,7 +1,7 @@
 #include "console/tcp/server.h"
 
 // clang-format off: comes before asio
-#include "console/tcp/asio_setup.h"
+#include "console/asio_setup.h"
 // clang-format on
 
 #include <malloc.h>

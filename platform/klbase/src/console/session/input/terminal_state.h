@@ -3,6 +3,7 @@
 #define KLBASE_CONSOLE_SESSION_INPUT_TERMINAL_STATE_H_
 
 #include <optional>
+#include <string>
 
 #include "line_editor/editor.h"
 
@@ -22,6 +23,9 @@ struct TerminalChange {
   int rows = 0;
   std::optional<bool> hidden = std::nullopt;
 };
+
+// Whether escape sequences would show as text on a terminal of this type, as TERM has it.
+bool IsDumbTerminal(std::string type);
 
 }  // namespace cli::internal
 

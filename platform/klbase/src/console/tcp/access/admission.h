@@ -7,10 +7,10 @@
 #include <memory>
 #include <string>
 
+#include "console/access/allow_list.h"
 #include "console/options.h"
 #include "console/output_buffer.h"
 #include "console/session/session_table.h"
-#include "console/tcp/access/allow_list.h"
 #include "console/tcp/served_connection.h"
 #include "klbase/collapsed_records.h"
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include "console/commands/builtins.h"
+#include "console/session/console_session.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/fake_connection.h"
 

@@ -3,7 +3,7 @@
 #define KLBASE_CONSOLE_TCP_ACCESS_PEER_USER_H_
 
 // clang-format off: must come first
-#include "console/tcp/asio_setup.h"
+#include "console/asio_setup.h"
 // clang-format on
 
 #include <sys/types.h>

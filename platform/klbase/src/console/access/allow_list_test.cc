@@ -1,4 +1,4 @@
-#include "console/tcp/access/allow_list.h"
+#include "console/access/allow_list.h"
 
 #include <grp.h>
 #include <pwd.h>

@@ -1,6 +1,6 @@
 // The users of this machine that may use the console.
-#ifndef KLBASE_CONSOLE_TCP_ACCESS_ALLOW_LIST_H_
-#define KLBASE_CONSOLE_TCP_ACCESS_ALLOW_LIST_H_
+#ifndef KLBASE_CONSOLE_ACCESS_ALLOW_LIST_H_
+#define KLBASE_CONSOLE_ACCESS_ALLOW_LIST_H_
 
 #include <sys/types.h>
 
@@ -43,4 +43,4 @@ class AllowList {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_ACCESS_ALLOW_LIST_H_
+#endif  // KLBASE_CONSOLE_ACCESS_ALLOW_LIST_H_

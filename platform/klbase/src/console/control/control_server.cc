@@ -1,0 +1,345 @@
+#include "console/control/control_server.h"
+
+// clang-format off: comes before asio
+#include "console/asio_setup.h"
+// clang-format on
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <map>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "console/access/allow_list.h"
+#include "console/control/control_connection.h"
+#include "console/control/protocol/reply.h"
+#include "console/control/socket_file.h"
+#include "klbase/collapsed_records.h"
+#include "klbase/log.h"
+
+namespace cli::internal {
+namespace {
+
+using Local = asio::local::stream_protocol;
+using Connections = std::set<std::shared_ptr<ControlConnection>>;
+
+// The names of users. One thread.
+class UserNames {
+ public:
+  // "alice", or "1000" for one without a name. Asks the machine's user database, but for those of the last minute.
+  std::string Of(uid_t user) {
+    constexpr auto kKept = std::chrono::minutes(1);
+    constexpr std::size_t kMostKept = 1000;
+    const auto now = std::chrono::steady_clock::now();
+    if (const auto known = known_.find(user); known != known_.end() && now < known->second.until) {
+      return known->second.name;
+    }
+    if (known_.size() >= kMostKept) known_.clear();
+    return (known_[user] = {Ask(user), now + kKept}).name;
+  }
+
+ private:
+  struct Known {
+    std::string name;
+    std::chrono::steady_clock::time_point until{};
+  };
+
+  static std::string Ask(uid_t user) {
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(16 << 10);
+    ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
+    return found == nullptr ? std::to_string(user) : found->pw_name;
+  }
+
+  std::map<uid_t, Known> known_;
+};
+
+// Who connected; the kernel noted it then.
+std::optional<ucred> PeerOf(int fd) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return std::nullopt;
+  return peer;
+}
+
+// Accepting fails as long as this lasts, unlike the failure of one connection.
+bool OutOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM; }
+
+// Joins the parts: owns the I/O thread and the open connections.
+class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
+ public:
+  ControlServerImpl(const ConsoleOptions& options, Parts parts, std::unique_ptr<SocketFile> file)
+      : options_(options),
+        parts_(std::move(parts)),
+        path_(file->Path()),
+        allowed_(options.allow),
+        file_(std::move(file)),
+        // asio closes what it is given: a copy, so that the file's own stays.
+        listener_(io_, ::fcntl(file_->Fd(), F_DUPFD_CLOEXEC, 0)),
+        read_buffer_(kReadSize, '\0') {}
+
+  ~ControlServerImpl() override { Stop(); }
+
+  void Start() override {
+    AwaitConnection();
+    // The thread handles no signals: a handler that stops the console would wait for the thread that it runs on.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    thread_ = std::thread([this] { io_.run(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+
+  const std::string& Path() const override { return path_; }
+
+  void Finish() override {
+    const auto begun = std::make_shared<std::promise<void>>();
+    asio::post(io_, [this, begun] {
+      std::error_code ignored;
+      listener_.close(ignored);
+      const Connections open = connections_;
+      for (const auto& connection : open) connection->Finish("The console ends.\n");
+      file_.reset();  // the kernel refuses connections from now on
+      CloseSlowReadersLater();
+      begun->set_value();
+    });
+    // Bounded, as all of the end is: a process that exits waits for no I/O thread that hangs.
+    begun->get_future().wait_for(options_.drain);
+  }
+
+  void Stop() override {
+    work_.reset();
+    io_.stop();
+    if (thread_.joinable()) thread_.join();
+    file_.reset();
+    const Connections open = std::exchange(connections_, {});
+    for (const auto& connection : open) connection->Abandon();
+  }
+
+ private:
+  static constexpr std::size_t kReadSize = 16 << 10;
+  // Connections that are accepted in a row before others, which are served already, have their turn.
+  static constexpr int kAtOnce = 16;
+  // Refused connections that are waited for, so that the reason arrives; more are closed at once.
+  static constexpr int kMaxRefused = 256;
+
+  void AwaitConnection() {
+    listener_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const std::error_code& error) {
+      if (!error && listener_.is_open()) AcceptWaiting();
+    });
+  }
+
+  void AcceptWaiting() {
+    for (int i = 0; i < kAtOnce; ++i) {
+      const int fd = ::accept4(listener_.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+      if (fd >= 0) {
+        if (std::exchange(out_of_resources_, false)) KL_LOG(30, "console control socket accepts connections again\n");
+        Admit(Local::socket(io_, Local(), fd));
+        continue;
+      }
+      if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+      if (OutOfResources(errno)) return BackOff(errno);
+      // Anything else is the failure of one connection that is gone already.
+    }
+    AwaitConnection();
+  }
+
+  // The connection that can't be accepted stays readable: without a pause this would spin.
+  void BackOff(int error) {
+    constexpr auto kPause = std::chrono::milliseconds(200);
+    if (!std::exchange(out_of_resources_, true)) {
+      KL_LOG(40, "console control socket cannot accept connections: %s\n", std::strerror(error));
+    }
+    pause_.expires_after(kPause);
+    pause_.async_wait([this](const std::error_code& failed) {
+      if (!failed && listener_.is_open()) AwaitConnection();
+    });
+  }
+
+  void Admit(Local::socket socket) {
+    const auto peer = PeerOf(socket.native_handle());
+    const std::string name = peer ? users_.Of(peer->uid) + " pid " + std::to_string(peer->pid) : "unknown";
+    const auto connection = std::make_shared<ControlConnection>(io_, std::move(socket), name, *this);
+    connections_.insert(connection);
+    TellRecordsLater();
+    SessionSlot slot;
+    const std::string refusal = Refusal(peer, name, slot);
+    if (refusal.empty()) return connection->Start(std::move(slot));
+    const bool many = lingering_ >= kMaxRefused;
+    ++lingering_;
+    connection->Refuse(StatusReply("", Status::kUnreachable, refusal), many);
+  }
+
+  // "" for a user who may come, with a slot.
+  std::string Refusal(const std::optional<ucred>& peer, const std::string& name, SessionSlot& slot) {
+    if (!allowed_.Any() && !(peer && allowed_.Allows(peer->uid))) {
+      KL_LOG_COLLAPSED(refusals_, "console control connection from %s refused: this user may not use it\n",
+                       name.c_str());
+      return "user " + (peer ? users_.Of(peer->uid) : "unknown") +
+             " may not use this console; add the user to KLBASE_CONSOLE_ALLOW";
+    }
+    slot = parts_.table->TakeSlot();
+    if (slot) return "";
+    KL_LOG_COLLAPSED(refusals_, "console control connection from %s refused: all %d sessions are in use\n",
+                     name.c_str(), options_.max_sessions);
+    return "all " + std::to_string(options_.max_sessions) + " sessions of the console are in use; try again later";
+  }
+
+  // A storm's last count is told also when nothing comes behind it.
+  void TellRecordsLater() {
+    if (std::exchange(telling_, true)) return;
+    telling_timer_.expires_after(std::chrono::minutes(1));
+    telling_timer_.async_wait([this](const std::error_code& error) {
+      if (error) return;
+      telling_ = false;
+      bool more = false;
+      for (auto* records : {&openings_, &ends_, &closings_, &refusals_}) more |= records->Tell();
+      if (more) TellRecordsLater();
+    });
+  }
+
+  // What sessions have used stays with the allocator, which gives little of it back by itself.
+  void TrimMemoryLater() {
+    constexpr auto kCalm = std::chrono::seconds(5);
+    if (std::exchange(trimming_, true)) return;
+    trim_timer_.expires_after(kCalm);
+    trim_timer_.async_wait([this](const std::error_code& error) {
+      if (error) return;
+      trimming_ = false;
+      ::malloc_trim(0);
+    });
+  }
+
+  // A command that still runs may end in the next round.
+  void CloseSlowReadersLater() {
+    drain_timer_.expires_after(options_.drain);
+    drain_timer_.async_wait([this](const std::error_code& error) {
+      if (error) return;
+      const Connections open = connections_;
+      for (const auto& connection : open) {
+        const bool stuck = connection->Output()->StalledFor() >= options_.drain;
+        if (stuck || !connection->Busy()) connection->Abort("the console ends");
+      }
+      if (!connections_.empty()) CloseSlowReadersLater();
+    });
+  }
+
+  // --- ControlConnectionOwner
+
+  const ConsoleOptions& Options() const override { return options_; }
+  std::string& ReadBuffer() override { return read_buffer_; }
+  klbase::CollapsedRecords& ClosingRecords() override { return closings_; }
+
+  std::shared_ptr<ControlSession> OpenControl(ControlConnection& connection, SessionSlot slot) override {
+    const SessionConfig parts = parts_.session_config();
+    ControlSession::Config config;
+    config.id = parts.id;
+    config.peer = connection.Peer();
+    config.root = parts.root;
+    config.builtins = parts.builtins;
+    config.host = parts.host;
+    config.transport = connection.Transport();
+    auto session = std::make_shared<ControlSession>(std::move(config));
+    parts_.table->Add(session, std::move(slot));
+    KL_LOG_COLLAPSED(openings_, "console session %d opens: %s from %s\n", session->Id(), KindName(session->Kind()),
+                     connection.Peer().c_str());
+    return session;
+  }
+
+  std::shared_ptr<ConsoleSession> Attach(ControlConnection& connection, const ControlSession& session) override {
+    SessionConfig config = parts_.session_config();
+    config.id = session.Id();
+    config.kind = SessionKind::kAttached;
+    config.peer = connection.Peer();
+    config.output = connection.Output();
+    const ControlSession::Transport transport = connection.Transport();
+    config.want_input = transport.want_input;
+    config.ended = transport.ended;
+    auto attached = std::make_shared<ConsoleSession>(std::move(config));
+    parts_.table->Replace(attached);
+    return attached;
+  }
+
+  void Closed(ControlConnection& connection) override {
+    if (const int session = connection.SessionId(); session != 0) {
+      KL_LOG_COLLAPSED(ends_, "console session %d closes\n", session);
+      parts_.table->Reap(session);
+    }
+    if (connection.Refused()) --lingering_;
+    TrimMemoryLater();
+    connections_.erase(connection.shared_from_this());
+  }
+
+  const ConsoleOptions options_;
+  const Parts parts_;
+  const std::string path_;
+  AllowList allowed_;
+  UserNames users_;
+  // A working day's sessions are told one by one, a script's are not.
+  klbase::CollapsedRecords openings_{30, "opened console control sessions", {20, std::chrono::minutes(1)}};
+  klbase::CollapsedRecords ends_{30, "closed console control sessions", {20, std::chrono::minutes(1)}};
+  klbase::CollapsedRecords closings_{40, "console control connections closed"};
+  klbase::CollapsedRecords refusals_{40, "refused console control connections"};
+  int lingering_ = 0;  // refused connections that are not closed yet
+  bool telling_ = false;
+  bool trimming_ = false;
+  bool out_of_resources_ = false;
+  asio::io_context io_{1};
+  asio::steady_timer telling_timer_{io_};
+  asio::steady_timer trim_timer_{io_};
+  asio::steady_timer drain_timer_{io_};
+  asio::steady_timer pause_{io_};
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_{asio::make_work_guard(io_)};
+  Connections connections_;
+  std::unique_ptr<SocketFile> file_;
+  asio::posix::stream_descriptor listener_;
+  std::string read_buffer_;
+  std::thread thread_;
+};
+
+void MakeFolder(const std::string& path) {
+  const std::string folder = path.substr(0, path.rfind('/'));
+  constexpr mode_t kOwnersAlone = 0700;
+  ::mkdir(folder.c_str(), kOwnersAlone);  // the socket's own error tells of one that can't be made
+}
+
+}  // namespace
+
+std::unique_ptr<ControlServer> MakeControlServer(const ConsoleOptions& options, ControlServer::Parts parts) {
+  const ControlSocketPath& socket = options.control_socket;
+  if (socket.path.empty()) return nullptr;
+  if (socket.make_folder) MakeFolder(socket.path);
+  std::unique_ptr<SocketFile> file;
+  try {
+    file = std::make_unique<SocketFile>(socket.path);
+  } catch (const std::runtime_error& error) {
+    if (socket.asked_for) throw;
+    KL_LOG(40, "%s; there is none\n", error.what());
+    return nullptr;
+  }
+  return std::make_unique<ControlServerImpl>(options, std::move(parts), std::move(file));
+}
+
+}  // namespace cli::internal
