@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# make.sh [--version V] [--output FOLDER] BUILD: makes the .deb packages vextool, vextool-device and vextool-dev of the
-# build in BUILD, native or for another architecture. Needs neither root nor network.
+# make.sh [--version V] [--output FOLDER] BUILD: makes the .deb packages of the build in BUILD, native or for another
+# architecture. Needs neither root nor network.
 set -euo pipefail
 export LC_ALL=C.UTF-8
 umask 022
@@ -96,6 +96,11 @@ lay_out() {
   put 644 "$here/debian/playd.service" "$tree/vextool-device/lib/systemd/system/playd.service"
   put 644 "$here/debian/vextool-device.default" "$tree/vextool-device/etc/default/vextool-device"
 
+  take vextool-ctl usr/bin "usr/bin/vexctl"
+  put 644 "$here/completion/vexctl" "$tree/vextool-ctl/usr/share/bash-completion/completions/vexctl"
+
+  put 644 "$here/../python/vextool.py" "$tree/python3-vextool/usr/lib/python3/dist-packages/vextool.py"
+
   take vextool-dev "usr/$libdir" "usr/$libdir/*.so" "usr/$libdir/*.a" "usr/$libdir/cmake"
   take vextool-dev usr "usr/include"
   take vextool-dev usr/share "usr/share/klrpc"
@@ -111,7 +116,7 @@ documents() {
     printf 'vextool (%s) unstable; urgency=medium\n\n  * See /usr/share/doc/vextool/CHANGELOG.md.gz.\n\n' "$version"
     printf ' -- %s  %s\n' "$maintainer" "$(date -u -R -d "@$SOURCE_DATE_EPOCH")"
   } >"$work/changelog"
-  for package in vextool vextool-device vextool-dev; do
+  for package in "${packages[@]}"; do
     compress "$work/changelog" "$tree/$package/usr/share/doc/$package/changelog.gz"
     put 644 "$here/debian/copyright" "$tree/$package/usr/share/doc/$package/copyright"
     [ ! -f "$here/debian/$package.lintian-overrides" ] ||
@@ -120,12 +125,15 @@ documents() {
   compress "$here/../CHANGELOG.md" "$tree/vextool/usr/share/doc/vextool/CHANGELOG.md.gz"
   compress "$here/../docs/guide.md" "$tree/vextool/usr/share/doc/vextool/guide.md.gz"
   compress "$here/../docs/operations.md" "$tree/vextool/usr/share/doc/vextool/operations.md.gz"
+  compress "$here/../docs/control.md" "$tree/vextool/usr/share/doc/vextool/control.md.gz"
   sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/man/vextool.1" >"$work/vextool.1"
   compress "$work/vextool.1" "$tree/vextool/usr/share/man/man1/vextool.1.gz"
   for page in encd playd make_sample_clip; do
     sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/man/$page.1" >"$work/page"
     compress "$work/page" "$tree/vextool-device/usr/share/man/man1/$page.1.gz"
   done
+  sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/../ctl/vexctl.1" >"$work/page"
+  compress "$work/page" "$tree/vextool-ctl/usr/share/man/man1/vexctl.1.gz"
 }
 
 # The packages of the libraries that a package's programs are linked with.
@@ -136,9 +144,9 @@ library_depends() {
     sed -n 's/^shlibs:Depends=//p' || { cat "$work/shlibdeps.log" >&2; die "dpkg-shlibdeps failed for $package"; }
 }
 
-# finish PACKAGE DEPENDS: control files and the archive.
+# finish PACKAGE DEPENDS [ARCHITECTURE]: control files and the archive.
 finish() {
-  local package=$1 depends=$2 control=$tree/$1/DEBIAN script
+  local package=$1 depends=$2 arch=${3:-$arch} control=$tree/$1/DEBIAN script
   mkdir -p "$control"
   {
     printf 'Package: %s\nVersion: %s\nArchitecture: %s\nMaintainer: %s\n' "$package" "$version" "$arch" "$maintainer"
@@ -161,15 +169,19 @@ maintainer="${DEBFULLNAME:-vextool maintainers} <${DEBEMAIL:-maintainers@vextool
 # The part of a source package that dpkg-shlibdeps reads.
 printf 'Source: vextool\nMaintainer: %s\n\nPackage: vextool\nArchitecture: any\n' "$maintainer" >"$tree/control"
 
+packages=(vextool vextool-device vextool-dev vextool-ctl python3-vextool)
+
 install_all
 lay_out
 documents
 mkdir -p "$tree/vextool/DEBIAN" "$output"
 printf 'libklbase 0 vextool (>= %s)\nlibklrpc 0 vextool (>= %s)\n' "$version" "$version" >"$tree/vextool/DEBIAN/shlibs"
 printf 'activate-noawait ldconfig\n' >"$tree/vextool/DEBIAN/triggers"
-rm -f "$output"/vextool{,-device,-dev}_*_"$arch".deb
+rm -f "$output"/vextool{,-device,-dev,-ctl}_*_"$arch".deb "$output"/python3-vextool_*_all.deb
 finish vextool "adduser, $(library_depends vextool)"
 finish vextool-device "vextool (= $version), gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, \
 gstreamer1.0-plugins-bad, gstreamer1.0-plugins-ugly, gstreamer1.0-libav, $(library_depends vextool-device)"
 finish vextool-dev "vextool (= $version), libprotobuf-dev, libabsl-dev"
-ls "$output"/vextool{,-device,-dev}_"${version}_$arch".deb
+finish vextool-ctl "$(library_depends vextool-ctl)"
+finish python3-vextool python3:any all
+ls "$output"/vextool{,-device,-dev,-ctl}_"${version}_$arch".deb "$output/python3-vextool_${version}_all.deb"

@@ -13,7 +13,7 @@ trap 'rm -f "$copy"' EXIT
 kib() { echo $((($(stat -Lc %s "$1") + 1023) / 1024)); }
 
 printf '| %-24s | %9s | %9s |\n|%s|%s|%s|\n' "$machine" "built KiB" "stripped" "$(printf -- '-%.0s' {1..26})" "----------:" "----------:"
-for name in bin/vextool lib/libklbase.so lib/libklrpc.so bin/encd bin/playd bin/sysconfig bin/make_sample_clip \
+for name in bin/vextool bin/vexctl lib/libklbase.so lib/libklrpc.so bin/encd bin/playd bin/sysconfig bin/make_sample_clip \
             lib/libvextool_schema.a lib/libvextool_core.a lib/libvextool_apisdk.a lib/libvextool_rpcservice.a \
             lib/libvextool_envctl.a; do
   [ -e "$build/$name" ] || continue

@@ -48,7 +48,7 @@ class Reader:
         (self.checkout / "build" / "bin").symlink_to(BIN)
         (self.checkout / "build" / "cmake_install.cmake").symlink_to(BIN.parent / "cmake_install.cmake")
         (self.checkout / "build" / "build.ninja").write_text(
-            "build all vextool encd playd sysconfig make_sample_clip: phony\n", encoding="ascii")
+            "build all vextool vexctl encd playd sysconfig make_sample_clip: phony\n", encoding="ascii")
         if Reader.clip:
             (self.checkout / "build" / "demo").mkdir()
             (self.checkout / "build" / "demo" / "clip.mp4").write_bytes(Reader.clip)

@@ -144,7 +144,7 @@ def demo(checkout):
 
 def test_the_demo_builds_only_what_it_runs(checkout):
     assert demo(checkout) == ("--preset release -DVEX_BUILD_TESTS=OFF\n"
-                              "-C build vextool encd playd sysconfig make_sample_clip\n")
+                              "-C build vextool vexctl encd playd sysconfig make_sample_clip\n")
 
 
 def test_the_demo_needs_no_test_packages(checkout):

@@ -18,7 +18,7 @@ NEWER = "99.0"
 
 def make(folder, *words):
     made = run(SOURCE / "packaging/make.sh", *words, f"--output", folder, BUILD).split()
-    return {re.match(r"[a-z-]+", pathlib.Path(file).name)[0]: pathlib.Path(file) for file in made}
+    return {re.match(r"[a-z0-9-]+", pathlib.Path(file).name)[0]: pathlib.Path(file) for file in made}
 
 
 @pytest.fixture(scope="session")

@@ -9,10 +9,10 @@ import pytest
 
 from private_root import PrivateRoot, run
 
-PROGRAMS = ["/usr/bin/vextool", "/usr/bin/encd", "/usr/bin/playd", "/usr/bin/make_sample_clip", "/usr/kelo/bin/sysconfig"]
+PROGRAMS = ["/usr/bin/vextool", "/usr/bin/vexctl", "/usr/bin/encd", "/usr/bin/playd", "/usr/bin/make_sample_clip", "/usr/kelo/bin/sysconfig"]
 SERVICES = ["vextool.service", "encd.service", "playd.service"]
 PLAIN = dict(os.environ, LC_ALL="C", MANWIDTH="80", MANPAGER="cat")  # hyphens stay hyphens
-PAGES = ["vextool", "encd", "playd", "make_sample_clip"]
+PAGES = ["vextool", "vexctl", "encd", "playd", "make_sample_clip"]
 
 
 @pytest.fixture(scope="module")
@@ -30,7 +30,7 @@ def installed(packages, tmp_path_factory):
     root = PrivateRoot(tmp_path_factory.mktemp("installed"))
     for package in packages.values():
         shutil.copy(package, root.path / "root")
-    root.run("sh", "-c", "dpkg --install /root/vextool*.deb")
+    root.run("sh", "-c", "dpkg --install /root/*vextool*.deb")
     yield root
     root.stop()
 
@@ -53,7 +53,7 @@ def test_the_tools_package_holds_these_files(packages):
         f"{libraries}/libklrpc.so.0.0.1", "/usr/share/bash-completion/completions/vextool",
         "/usr/share/doc/vextool/CHANGELOG.md.gz", "/usr/share/doc/vextool/changelog.gz",
         "/usr/share/doc/vextool/copyright", "/usr/share/doc/vextool/guide.md.gz",
-        "/usr/share/doc/vextool/operations.md.gz", "/usr/share/lintian/overrides/vextool",
+        "/usr/share/doc/vextool/control.md.gz", "/usr/share/doc/vextool/operations.md.gz", "/usr/share/lintian/overrides/vextool",
         "/usr/share/man/man1/vextool.1.gz"])
 
 
@@ -64,6 +64,22 @@ def test_the_devices_package_holds_these_files(packages):
         "/usr/share/doc/vextool-device/changelog.gz", "/usr/share/doc/vextool-device/copyright",
         "/usr/share/lintian/overrides/vextool-device", "/usr/share/man/man1/encd.1.gz",
         "/usr/share/man/man1/make_sample_clip.1.gz", "/usr/share/man/man1/playd.1.gz"])
+
+
+def test_the_clients_package_holds_these_files_and_needs_no_library_of_the_tool(packages):
+    assert files_of(packages["vextool-ctl"]) == sorted([
+        "/usr/bin/vexctl", "/usr/share/bash-completion/completions/vexctl", "/usr/share/doc/vextool-ctl/changelog.gz",
+        "/usr/share/doc/vextool-ctl/copyright", "/usr/share/man/man1/vexctl.1.gz"])
+    needed = {word.split()[0] for word in field(packages["vextool-ctl"], "Depends").split(", ")}
+    assert needed == {"libc6", "libgcc-s1", "libstdc++6"}
+
+
+def test_the_python_package_is_for_every_machine(packages, installed):
+    assert files_of(packages["python3-vextool"]) == [
+        "/usr/lib/python3/dist-packages/vextool.py", "/usr/share/doc/python3-vextool/changelog.gz",
+        "/usr/share/doc/python3-vextool/copyright"]
+    assert field(packages["python3-vextool"], "Architecture") == "all"
+    installed.run("/usr/bin/python3", "-c", "import vextool; vextool.Console")
 
 
 def test_the_sdk_holds_every_header_and_archive_that_is_installed(packages, tmp_path):

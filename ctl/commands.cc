@@ -1,0 +1,197 @@
+#include "ctl/commands.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "ctl/interrupt.h"
+#include "ctl/line_file.h"
+
+namespace vexctl {
+namespace {
+
+using Clock = Connection::Clock;
+using Got = Connection::Got;
+
+// The tool keeps time limits itself; one that is stopped can't.
+constexpr auto kGrace = std::chrono::seconds(2);
+// For the answer to a cancel, which the tool gives at once.
+constexpr auto kCancelTime = std::chrono::seconds(1);
+
+std::optional<Clock::time_point> DeadlineOf(const Arguments& arguments) {
+  if (!arguments.within) return std::nullopt;
+  return Clock::now() + *arguments.within + kGrace;
+}
+
+// One connection's requests and their replies.
+class Requests {
+ public:
+  Requests(const Arguments& arguments, Connection& connection, Report& report)
+      : arguments_(arguments), connection_(connection), report_(report) {}
+
+  // Sends `request` with an id of its own and waits for its reply; what comes between is an event's. A reply is made up
+  // where none comes.
+  Json Ask(Json request) {
+    const int id = ++last_id_;
+    request["id"] = id;
+    if (arguments_.within && !request.contains("monitor")) request["within_ms"] = arguments_.within->count();
+    std::string text;
+    try {
+      text = request.dump() + "\n";
+    } catch (const Json::exception&) {
+      return MadeReply("usage", "the line is not UTF-8 text");
+    }
+    if (!connection_.Send(text)) return Gone();
+    return AwaitReply(id, DeadlineOf(arguments_));
+  }
+
+ private:
+  Json AwaitReply(int id, std::optional<Clock::time_point> deadline) {
+    bool cancelled = false;
+    for (;;) {
+      switch (connection_.Receive(deadline)) {
+        case Got::kLine: {
+          Json reply = Json::parse(connection_.Line(), nullptr, false);
+          if (reply.is_object() && reply.contains("id") && reply["id"] == id) return reply;
+          if (reply.is_object() && !reply.contains("id")) report_.Event(connection_.Line());
+          break;
+        }
+        case Got::kEnd:
+          return Gone();
+        case Got::kTimeout:
+          if (cancelled)
+            return MadeReply("cancelled", "the tool does not answer; whether the line was done is not known");
+          return MadeReply("timeout", "the tool does not answer; whether the line was done is not known");
+        case Got::kInterrupted:
+          if (cancelled) return MadeReply("cancelled", "interrupted; whether the line was done is not known");
+          cancelled = true;
+          deadline = Clock::now() + kCancelTime;
+          if (!connection_.Send(Json{{"cancel", id}}.dump() + "\n")) return Gone();
+          break;
+      }
+    }
+  }
+
+  static Json Gone() {
+    return MadeReply("unreachable", "the tool ended before it answered; whether the line was done is not known");
+  }
+
+  const Arguments& arguments_;
+  Connection& connection_;
+  Report& report_;
+  int last_id_ = 0;
+};
+
+// Runs lines one after another, and knows when to stop.
+class Runner {
+ public:
+  Runner(const Arguments& arguments, Connection& connection, Report& report)
+      : arguments_(arguments), report_(report), requests_(arguments, connection, report) {}
+
+  // `last`: no line follows this one.
+  void Run(const std::string& line, bool last) {
+    Json reply = requests_.Ask({{"run", line}});
+    const auto status = reply.find("status");
+    lost_ = status != reply.end() && (*status == "unreachable" || *status == "timeout") && !reply.contains("id");
+    Ended(report_.Reply(reply, last));
+    cancelled_ = exit_ == kExitCancelled;
+  }
+  void Ended(int exit) {
+    if (exit_ == kExitOk) exit_ = exit;
+    if (!report_.Flush() && exit_ == kExitOk) exit_ = kExitRefused;
+  }
+  // Behind a failure with -k too when nothing more can come of it.
+  bool GoesOn() const { return !lost_ && !cancelled_ && (exit_ == kExitOk || arguments_.keep_going); }
+  int Exit() const { return exit_; }
+
+ private:
+  const Arguments& arguments_;
+  Report& report_;
+  Requests requests_;
+  int exit_ = kExitOk;
+  bool lost_ = false;  // the tool answers no more
+  bool cancelled_ = false;
+};
+
+void RunFile(const Source& source, bool last_source, Runner& runner, Report& report) {
+  LineFile file(source.text);
+  std::optional<LineFile::Line> next = file.Next();
+  while (next && runner.GoesOn()) {
+    const LineFile::Line line = std::move(*next);
+    report.At(file.Name() + (line.number > 0 ? ":" + std::to_string(line.number) : ""));
+    if (!line.error.empty()) {
+      runner.Ended(report.Reply(MadeReply("usage", line.error), false));
+      break;
+    }
+    // Whether another one follows is only asked for where it matters: at a pipe it means to wait.
+    if (last_source && file.KnowsEnd()) {
+      next = file.Next();
+      runner.Run(line.text, !next);
+    } else {
+      runner.Run(line.text, false);
+      next = file.Next();
+    }
+  }
+  report.At("");
+}
+
+}  // namespace
+
+int Connect(const Arguments& arguments, Connection& connection, Report& report) {
+  std::string why;
+  const std::string path = SocketPath(arguments.socket, why);
+  if (!path.empty()) why = connection.Open(path);
+  if (why.empty()) return kExitOk;
+  return report.Reply(MadeReply(connection.WasInterrupted() ? "cancelled" : "unreachable", why), false);
+}
+
+int RunSources(const Arguments& arguments, Report& report) {
+  Connection connection;
+  if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
+  Runner runner(arguments, connection, report);
+  for (std::size_t i = 0; i < arguments.sources.size() && runner.GoesOn(); ++i) {
+    const Source& source = arguments.sources[i];
+    const bool last = i + 1 == arguments.sources.size();
+    source.is_file ? RunFile(source, last, runner, report) : runner.Run(source.text, last);
+  }
+  return runner.Exit();
+}
+
+int Monitor(const Arguments& arguments, Report& report) {
+  Connection connection;
+  if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
+  const Json reply = Requests(arguments, connection, report).Ask({{"monitor", arguments.words}});
+  if (const int exit = ExitStatus(reply.value("status", "")); exit != kExitOk) return report.Reply(reply, false);
+  std::optional<Clock::time_point> deadline;
+  if (arguments.within) deadline = Clock::now() + *arguments.within;
+  for (;;) {
+    // As many lines as there are go out at once.
+    if ((!connection.HasLine() || report.IsLarge()) && !report.Flush()) return kExitRefused;
+    switch (connection.Receive(deadline)) {
+      case Got::kLine:
+        report.Event(connection.Line());
+        break;
+      case Got::kEnd:
+        return report.Reply(MadeReply("unreachable", "the tool has ended; no more events come"), false);
+      case Got::kTimeout:
+        return kExitTimeout;
+      case Got::kInterrupted:
+        return kExitCancelled;
+    }
+  }
+}
+
+int Complete(const Arguments& arguments, Report& report) {
+  Connection connection;
+  if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
+  const Json reply = Requests(arguments, connection, report).Ask({{"complete", arguments.words.front()}});
+  const int exit = ExitStatus(reply.value("status", ""));
+  if (exit != kExitOk || arguments.json) return report.Reply(reply, false);
+  for (const auto& candidate : reply.value("candidates", Json::array())) {
+    if (candidate.is_string()) report.Print(candidate.get<std::string>() + "\n");
+  }
+  return exit;
+}
+
+}  // namespace vexctl

@@ -1,0 +1,64 @@
+// The connection to the tool's control socket.
+#ifndef CTL_CONNECTION_H_
+#define CTL_CONNECTION_H_
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace vexctl {
+
+// The path of the socket: `asked_for` where that isn't "", else what KLBASE_CONSOLE_SOCKET says, else the first of
+// those that the tool chooses from which exists. "" when there is none; `why` says so then.
+std::string SocketPath(const std::string& asked_for, std::string& why);
+
+// Lines to and from the tool. One thread. Everything that waits ends when the process is interrupted (interrupt.h).
+class Connection {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  enum class Got {
+    kLine,
+    kEnd,      // the tool ended or closed the connection
+    kTimeout,  // the deadline has passed
+    kInterrupted,
+  };
+
+  Connection() = default;
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection();
+
+  // Connects, and reads the tool's greeting. "" or why there is no connection, with what to do about it.
+  std::string Open(const std::string& path);
+  // Open() failed for an interrupt.
+  bool WasInterrupted() const { return interrupted_; }
+  int Fd() const { return fd_; }
+
+  // False when the tool is gone.
+  bool Send(std::string_view bytes);
+  // Waits for a line; it is in Line() then, without its end, until the next call. No deadline: as long as it takes.
+  Got Receive(std::optional<Clock::time_point> deadline);
+  std::string_view Line() const { return line_; }
+  // A line is there already.
+  bool HasLine() const { return received_.find('\n', used_) != std::string::npos; }
+  // The bytes that were received behind the last line.
+  std::string TakeRest();
+
+ private:
+  std::string Greet();
+  bool TakeLine();
+
+  int fd_ = -1;
+  bool interrupted_ = false;
+  std::string received_;
+  std::size_t used_ = 0;      // of it, by lines that were taken
+  std::size_t searched_ = 0;  // of it, for a line's end
+  std::string_view line_;
+};
+
+}  // namespace vexctl
+
+#endif  // CTL_CONNECTION_H_
