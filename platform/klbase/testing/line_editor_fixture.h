@@ -126,6 +126,7 @@ class LineEditorTest : public testing::Test {
     for (const std::string& known : words_) {
       if (known.compare(0, word.size(), word) == 0) completion.candidates.push_back(known);
     }
+    completion.unfinished = completion.candidates.size() == 1 && completion.candidates.front().ends_with('=');
     return completion;
   }
   virtual std::string Hint(std::string_view line) { return line == "open" ? " <path> <speed>" : ""; }

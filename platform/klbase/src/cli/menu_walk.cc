@@ -1,59 +1,19 @@
 #include "cli/menu_walk.h"
 
 #include <algorithm>
-#include <cctype>
+#include <exception>
 #include <iterator>
-#include <numeric>
+#include <optional>
 #include <utility>
 
 #include "cli/line_filter.h"
+#include "cli/nearest_names.h"
+#include "cli/parameter_completer.h"
 #include "cli/words.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
 namespace {
-
-std::string LowerCase(std::string_view text) {
-  std::string lower;
-  std::transform(text.begin(), text.end(), std::back_inserter(lower),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return lower;
-}
-
-// Typing errors between two words: inserted, left out, changed and exchanged letters. Of the table of distances three
-// rows are kept: an exchange of letters looks back two rows.
-std::size_t EditDistance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> before(b.size() + 1), last(b.size() + 1), row(b.size() + 1);
-  std::iota(last.begin(), last.end(), 0);
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    row[0] = i;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
-      const bool exchanged = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
-      if (exchanged) row[j] = std::min(row[j], before[j - 2] + 1);
-    }
-    std::swap(before, last);
-    std::swap(last, row);
-  }
-  return last[b.size()];
-}
-
-// How far `typed` is from `name`: 0 for a difference in case only; kFar when nobody means that.
-constexpr std::size_t kFar = 1000;
-std::size_t Distance(std::string_view typed, std::string_view name) {
-  constexpr std::size_t kLongestCompared = 64;  // names are short; a 4096 byte word is not a typing error
-  constexpr std::size_t kLeastPrefix = 2;
-  if (typed.size() > kLongestCompared || name.size() > kLongestCompared) return kFar;
-  const std::string a = LowerCase(typed);
-  const std::string b = LowerCase(name);
-  if (a == b) return 0;
-  // The beginning of a name is near to it, however many letters are missing.
-  if (a.size() >= kLeastPrefix && b.starts_with(a)) return 1;
-  const std::size_t distance = EditDistance(a, b);
-  // An error in every third letter, at least one; but not one in each letter that was typed.
-  const std::size_t allowed = std::max<std::size_t>(1, std::min(a.size(), b.size()) / 3);
-  return distance <= allowed && distance < a.size() ? distance : kFar;
-}
 
 struct Suggestion {
   std::size_t distance;
@@ -64,8 +24,8 @@ void Collect(const CommandVector& commands, const std::string& prefix, std::stri
              std::vector<Suggestion>& found) {
   for (const auto& command : commands) {
     if (!command->IsEnabled()) continue;
-    const std::size_t distance = Distance(typed, command->Name());
-    if (distance < kFar) found.push_back({distance + extra, prefix + command->Name()});
+    const std::size_t distance = NameDistance(typed, command->Name());
+    if (distance < kFarName) found.push_back({distance + extra, prefix + command->Name()});
   }
 }
 
@@ -145,6 +105,45 @@ void AppendUnique(std::vector<std::string>& names, const std::string& name) {
   if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
 }
 
+// What completes the words of the command `name`; null when it doesn't do so.
+const ParameterCompleter* CompleterOf(const Walk& walk, const std::string& name) {
+  for (const auto& command : EnabledNamed(walk.commands, name)) {
+    if (const auto* completer = dynamic_cast<const ParameterCompleter*>(command.get())) return completer;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> WordsBehind(const Walk& walk, const std::vector<std::string>& words) {
+  return {words.begin() + static_cast<std::ptrdiff_t>(walk.used) + 1, words.end()};
+}
+
+// Adds what the command that is named makes of its last word.
+void CompleteParameter(const Walk& walk, const std::vector<std::string>& words, Completion& completion) {
+  const ParameterCompleter* completer = CompleterOf(walk, words[walk.used]);
+  if (completer == nullptr) return;
+  std::vector<ParameterCandidate> candidates;
+  try {
+    candidates = completer->CompleteParameter(WordsBehind(walk, words));
+  } catch (const std::exception&) {
+    return;
+  }
+  for (const auto& candidate : candidates) AppendUnique(completion.candidates, QuoteWord(candidate.word));
+  completion.unfinished = completion.candidates.size() == 1 && !candidates.front().is_complete;
+}
+
+// The command's own hint; none when it leaves that to its parameters' names.
+std::optional<std::string> HintOfCommand(const Walk& walk, const Words& split) {
+  const ParameterCompleter* completer = CompleterOf(walk, split.words[walk.used]);
+  if (completer == nullptr) return std::nullopt;
+  std::vector<std::string> words = WordsBehind(walk, split.words);
+  if (!split.last_open) words.emplace_back();
+  try {
+    return completer->ParameterHint(words);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 // `help` is followed by the name of a command.
 bool IsHelp(const std::string& word) { return word == "help" || word == "?"; }
 
@@ -200,12 +199,16 @@ Completion Complete(const MenuPath& path, const CommandVector& builtins, std::st
   DropWatch(split.words);
   Walk walk = FollowMenus(path, builtins, split.words);
   // "help", in front of the menus or behind them, is followed by a name: that completes as if "help" were not there.
-  if (walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used])) {
+  const bool helps = walk.used + 1 < split.words.size() && IsHelp(split.words[walk.used]);
+  if (helps) {
     split.words.erase(split.words.begin() + static_cast<std::ptrdiff_t>(walk.used));
     walk = FollowMenus(path, builtins, split.words);
   }
-  Completion completion{split.last_start, {}};
-  if (walk.used + 1 != split.words.size()) return completion;
+  Completion completion{split.last_start, {}, false};
+  if (walk.used + 1 != split.words.size()) {
+    if (!helps) CompleteParameter(walk, split.words, completion);
+    return completion;
+  }
   std::vector<std::string> names;
   for (const auto& command : walk.commands) {
     for (const auto& name : command->GetCompletionRecursive(last)) AppendUnique(names, name);
@@ -221,6 +224,7 @@ std::string Hint(const MenuPath& path, const CommandVector& builtins, std::strin
   const Walk walk = FollowMenus(path, builtins, split.words);
   const CommandVector named = EnabledNamed(walk.commands, split.words[walk.used]);
   if (named.empty()) return "";
+  if (auto hint = HintOfCommand(walk, split)) return *std::move(hint);
   const std::vector<std::string> names = named.front()->ParameterNames();
   const std::size_t typed = split.words.size() - walk.used - 1;
   std::string hint;

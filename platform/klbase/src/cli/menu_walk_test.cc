@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "cli/parameter_completer.h"
 #include "console/commands/builtins.h"
 
 namespace cli::internal {
@@ -109,6 +113,57 @@ TEST_F(MenuWalkTest, ADisabledMenuLeadsNowhere) {
   root_->Commands()[1]->Disable();
   EXPECT_EQ(Tab("playd Op"), Strings{});
   EXPECT_EQ(Tab("pl"), Strings{});
+}
+
+// Completes its words from a list; a word that ends in "=" is not complete.
+class Fields : public Command, public ParameterCompleter {
+ public:
+  explicit Fields(Strings fields) : Command("Fields"), fields_(std::move(fields)) {}
+  bool Exec(const Strings&, Session&) override { return false; }
+  void Help(std::ostream&) const override {}
+  std::vector<ParameterCandidate> CompleteParameter(const Strings& words) const override {
+    if (words.back() == "throw") throw std::runtime_error("no answer");
+    std::vector<ParameterCandidate> candidates;
+    for (const auto& field : fields_) {
+      if (field.starts_with(words.back())) candidates.push_back({field, !field.ends_with('=')});
+    }
+    return candidates;
+  }
+  std::optional<std::string> ParameterHint(const Strings& words) const override {
+    if (words.size() > 2) return std::nullopt;
+    return words.empty() ? "right behind" : "behind \"" + words.back() + "\"";
+  }
+  Strings ParameterNames() const override { return {"one", "two", "three", "four"}; }
+
+ private:
+  const Strings fields_;
+};
+
+TEST_F(MenuWalkTest, ACommandMayCompleteItsOwnWords) {
+  root_->Insert(std::make_unique<Fields>(Strings{"id=", "index", "my file"}));
+  EXPECT_EQ(Tab("Fields "), (Strings{"id=", "index", "\"my file\""}));
+  EXPECT_EQ(Tab("Fields x i"), (Strings{"id=", "index"}));
+  EXPECT_EQ(Complete(menu_path_, builtins_->Commands(), "Fields x i").start, 9U);
+  EXPECT_EQ(Tab("help Fields i"), Strings{});
+  EXPECT_EQ(Tab("Fields throw"), Strings{});
+}
+
+TEST_F(MenuWalkTest, OnlyACandidateThatMoreFollowsIsUnfinished) {
+  root_->Insert(std::make_unique<Fields>(Strings{"id=", "index"}));
+  const auto unfinished = [&](std::string_view text) {
+    return Complete(menu_path_, builtins_->Commands(), text).unfinished;
+  };
+  EXPECT_TRUE(unfinished("Fields id"));
+  EXPECT_FALSE(unfinished("Fields in"));
+  EXPECT_FALSE(unfinished("Fields i"));
+}
+
+TEST_F(MenuWalkTest, ACommandMayHintAtItsOwnWords) {
+  root_->Insert(std::make_unique<Fields>(Strings{}));
+  EXPECT_EQ(HintFor("Fields"), "right behind");
+  EXPECT_EQ(HintFor("Fields "), "behind \"\"");
+  EXPECT_EQ(HintFor("Fields a"), "behind \"a\"");
+  EXPECT_EQ(HintFor("Fields a b c"), " <four>");  // it leaves that to the parameters' names
 }
 
 TEST_F(MenuWalkTest, HintsShowTheParametersThatAreStillToBeTyped) {

@@ -12,6 +12,7 @@ namespace cli::internal {
 struct Completion {
   std::size_t start = 0;
   std::vector<std::string> candidates;
+  bool unfinished = false;  // more of the word follows the one candidate: no blank does
 };
 
 }  // namespace cli::internal

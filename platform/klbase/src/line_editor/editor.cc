@@ -474,6 +474,7 @@ void LineEditor::Impl::Complete() {
     // The word is complete, so the next one can be typed at once; a blank that is there already does for that.
     const bool blank_follows = !buffer_.AtEnd() && buffer_.Text()[cursor] == ' ';
     const std::string& word = completion.candidates.front();
+    if (completion.unfinished) return BellUnless(buffer_.Replace(start, cursor, word));
     BellUnless(buffer_.Replace(start, cursor, blank_follows ? word : word + " "));
     if (blank_follows) Right();
     return;

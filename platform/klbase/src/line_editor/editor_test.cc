@@ -506,6 +506,14 @@ TEST_F(LineEditorTest, TabCompletesTheOnlyCandidateAndAddsABlank) {
   ExpectLine("stop x");
 }
 
+TEST_F(LineEditorTest, NoBlankFollowsAWordThatGoesOn) {
+  words_ = {"seek_ms="};
+  Type("se<Tab>5");
+  ExpectLine("seek_ms=5");
+  Type("se 5<Home><Right><Right><Tab>x");
+  ExpectLine("seek_ms=x 5");
+}
+
 TEST_F(LineEditorTest, TabInTheMiddleDoesNotAddASecondBlank) {
   Type("st now<Home><Right><Right><Tab>x");
   ExpectLine("stop xnow");
