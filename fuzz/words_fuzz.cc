@@ -28,6 +28,36 @@ using fuzz::Input;
 
 // --- splitting, in another way than the console's: each character's effect in each state
 
+// The JSON that begins with `rest`, by its grammar of nesting: "" when it is not closed, or a backslash stands outside
+// of its strings.
+std::string_view JsonAtStart(std::string_view rest) {
+  std::string open;
+  for (std::size_t at = 0; at < rest.size(); ++at) {
+    const bool in_string = open.ends_with('"');
+    switch (rest[at]) {
+      case '"':
+        in_string ? open.pop_back() : open.push_back('"');
+        break;
+      case '\\':
+        if (!in_string) return {};
+        ++at;
+        break;
+      case '{':
+      case '[':
+        if (!in_string) open.push_back('(');
+        break;
+      case '}':
+      case ']':
+        if (!in_string) open.pop_back();
+        break;
+      default:
+        break;
+    }
+    if (open.empty()) return rest.substr(0, at + 1);
+  }
+  return {};
+}
+
 std::vector<std::string> SplitByTable(std::string_view line, bool& valid) {
   std::vector<std::string> words;
   bool inside = false;
@@ -37,7 +67,18 @@ std::vector<std::string> SplitByTable(std::string_view line, bool& valid) {
     if (!std::exchange(inside, true)) words.emplace_back();
     return words.back();
   };
-  for (const char c : line) {
+  for (std::size_t at = 0; at < line.size(); ++at) {
+    const char c = line[at];
+    const bool behind_equals = inside && at > 0 && line[at - 1] == '=';
+    if (!escaped && !quoted && ((c == '{' && (!inside || behind_equals)) || (c == '[' && behind_equals))) {
+      const std::string_view json = JsonAtStart(line.substr(at));
+      const std::string_view behind = line.substr(at + json.size()).substr(0, 1);
+      if (!json.empty() && (behind.empty() || behind == " " || behind == "\t")) {
+        word() += json;
+        at += json.size() - 1;
+        continue;
+      }
+    }
     if (escaped) {
       word() += c;
       escaped = false;

@@ -10,12 +10,45 @@ constexpr std::string_view kBlanks = " \t";
 
 bool IsBlank(char c) { return kBlanks.find(c) != std::string_view::npos; }
 
+// The end of the JSON object or list that begins at `position` and is the rest of its word; npos when there is none.
+// JSON has backslashes in strings only: with one elsewhere the word is quoted in the console's way.
+std::size_t EndOfJson(std::string_view line, std::size_t position) {
+  constexpr std::size_t kNone = std::string_view::npos;
+  bool in_string = false;
+  std::size_t depth = 0;
+  for (; position < line.size(); ++position) {
+    const char c = line[position];
+    if (c == '"') in_string = !in_string;
+    if (c == '\\' && !in_string) return kNone;
+    if (c == '\\') ++position;
+    if (in_string) continue;
+    if (c == '{' || c == '[') ++depth;
+    if ((c == '}' || c == ']') && --depth == 0) {
+      return ++position == line.size() || IsBlank(line[position]) ? position : kNone;
+    }
+  }
+  return kNone;
+}
+
+// Whether JSON may begin at `position` of the word that begins at `start`.
+bool MayBeJson(std::string_view line, std::size_t start, std::size_t position) {
+  const bool behind_equals = position > start && line[position - 1] == '=';
+  return (line[position] == '{' && (position == start || behind_equals)) || (line[position] == '[' && behind_equals);
+}
+
 // Reads the word that begins at `position`, up to the blank or the end behind it.
 std::string ReadWord(std::string_view line, std::size_t& position, std::string& error) {
+  const std::size_t start = position;
   std::string word;
   bool quoted = false;
   for (; position < line.size() && (quoted || !IsBlank(line[position])); ++position) {
     char c = line[position];
+    const std::size_t json = !quoted && MayBeJson(line, start, position) ? EndOfJson(line, position) : line.npos;
+    if (json != line.npos) {
+      word += line.substr(position, json - position);
+      position = json;
+      break;
+    }
     if (c == '"') {
       quoted = !quoted;
       continue;

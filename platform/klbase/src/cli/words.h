@@ -23,6 +23,8 @@ struct Words {
 
 // Words are separated by blanks (space, tab). Double quotes keep blanks inside a word ("" is an empty word); a
 // backslash takes the next character as it is, inside quotes too. An open quote or a backslash at the end is an error.
+// JSON keeps its quotes and blanks: an object that is a whole word, and an object or a list that ends a word behind
+// "=".
 Words SplitWords(std::string_view line);
 
 // `word` written so that SplitWords gives it back, and not so plainly that it could be taken for a filter's bar.

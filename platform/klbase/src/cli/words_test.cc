@@ -53,8 +53,27 @@ TEST(SplitWordsTest, KeepsBytesThatAreNoCharacters) {
   EXPECT_THAT(SplitWords("\xe4\xff \xc3\xa4").words, ElementsAre("\xe4\xff", "\xc3\xa4"));
 }
 
+TEST(SplitWordsTest, AWholeJsonObjectKeepsItsQuotesAndBlanks) {
+  EXPECT_THAT(SplitWords(R"(call Req {"id": "a \" } b", "list": [1, 2]} end)").words,
+              ElementsAre("call", "Req", R"({"id": "a \" } b", "list": [1, 2]})", "end"));
+}
+
+TEST(SplitWordsTest, JsonBehindAnEqualsSignKeepsItsQuotesAndBlanks) {
+  EXPECT_THAT(SplitWords(R"(url={"index": 1} names=["a b", "c"])").words,
+              ElementsAre(R"(url={"index": 1})", R"(names=["a b", "c"])"));
+}
+
+TEST(SplitWordsTest, OtherBracesAreCharactersLikeAny) {
+  EXPECT_THAT(SplitWords(R"({a b)").words, ElementsAre("{a", "b"));                      // not closed
+  EXPECT_THAT(SplitWords(R"({"a b"}c d)").words, ElementsAre("{a b}c", "d"));            // not the whole word
+  EXPECT_THAT(SplitWords(R"({\"a\":1} x)").words, ElementsAre(R"({"a":1})", "x"));       // quoted for the console
+  EXPECT_THAT(SplitWords(R"(["a b"] x{"a b"})").words, ElementsAre("[a b]", "x{a b}"));  // begins nowhere
+  EXPECT_THAT(SplitWords(R"("{a b}" c)").words, ElementsAre("{a b}", "c"));
+}
+
 TEST(QuoteWordTest, IsUndoneBySplitWords) {
-  for (const std::string word : {"", "a", "a b", "\"", "\\", "a\tb", "\\ \"", "x\"y", "ä ö", "\xff", " "}) {
+  for (const std::string word : {R"({"a": "b c"})", R"({"a":"b"})", R"(x={"a":"b"})", "x=[a]", "{a}", "", "a", "a b",
+                                 "\"", "\\", "a\tb", "\\ \"", "x\"y", "ä ö", "\xff", " "}) {
     const Words words = SplitWords("cmd " + QuoteWord(word) + " end");
     EXPECT_EQ(words.error, "");
     EXPECT_THAT(words.words, ElementsAre("cmd", word, "end"));
