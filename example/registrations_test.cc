@@ -10,7 +10,7 @@ namespace {
 using testing::ElementsAre;
 
 TEST(RegistrationsTest, EveryMenuIsThere) {
-  EXPECT_THAT(cli::Registration::Names(), ElementsAre("apisdk", "core", "encd", "envctl", "playd"));
+  EXPECT_THAT(cli::Registration::Names(), ElementsAre("apisdk", "core", "encd", "envctl", "playd", "rpc"));
 }
 
 TEST(RegistrationsTest, EveryModuleIsThere) {

@@ -34,15 +34,24 @@ std::string Reason(std::string_view daemon, const std::string& text, const char*
 
 }  // namespace
 
+void ReportNoReply(std::ostream& out, std::string_view daemon, int code, const std::string& text) {
+  const Failure failure = FailureOf(code);
+  cli::Report(out, failure.status, code, Reason(daemon, text, failure.advice));
+}
+
+void ReportReply(std::ostream& out, std::string_view daemon, bool accepted, int code, const std::string& text) {
+  if (accepted) {
+    cli::Report(out, cli::Status::kOk, code, {});
+  } else {
+    cli::Report(out, cli::Status::kRefused, code, text.empty() ? Reason(daemon, "it gives no reason", "") : text);
+  }
+}
+
 void ReportLastCall(std::ostream& out, std::string_view daemon) {
   const apis::LastCall& call = apis::GetLastCall();
-  if (!call.reached) {
-    const Failure failure = FailureOf(call.rpc_code);
-    cli::Report(out, failure.status, call.rpc_code, Reason(daemon, call.rpc_text, failure.advice));
-  } else if (!call.accepted) {
-    cli::Report(out, cli::Status::kRefused, call.code,
-                call.text.empty() ? Reason(daemon, "it gives no reason", "") : call.text);
+  if (call.reached) {
+    ReportReply(out, daemon, call.accepted, call.code, call.text);
   } else {
-    cli::Report(out, cli::Status::kOk, call.code, {});
+    ReportNoReply(out, daemon, call.rpc_code, call.rpc_text);
   }
 }

@@ -41,7 +41,7 @@ def console_lines():
 def test_every_command_stands_in_the_guide_as_help_shows_it(demo):
     shown = console_lines()
     menus = [usage for usage, text in entries(run(demo, "help")) if text == "(menu)"]
-    assert menus == ["apisdk", "core", "encd", "envctl", "playd"]
+    assert menus == ["apisdk", "core", "encd", "envctl", "playd", "rpc"]
     for menu in menus:
         for usage, text in entries(run(demo, f"help {menu}")):
             at = shown.index(f" - {usage}")

@@ -140,7 +140,8 @@ FOREIGN_FLAGS = {
 def test_flags_named_are_known():
     ours = {f"--{name}" for program in ("vextool", "encd", "playd") for name in flags(program)}
     ours |= set(re.findall(r"--[a-z][\w-]*", read("vex")))
-    ours |= {flag for name in TREE if re.search(r"(ctl/|device/|bench/|tests/|fuzz/|packaging/).*\.(cc|py|sh)$", name)
+    ours |= {flag for name in TREE
+             if re.search(r"(ctl/|device/|bench/|tests/|fuzz/|packaging/|example/rpc/).*\.(cc|py|sh)$", name)
              for flag in re.findall(r"--[a-z][\w-]*", read(name))}
     named = set(re.findall(r"(?<![\w-])--[a-z][\w-]*", ALL_TEXT))
     assert not named - ours - FOREIGN_FLAGS

@@ -7,7 +7,7 @@ its own stands for any lines. "$ " and a closing backslash go on in the next lin
 import dataclasses
 import re
 
-PROMPT = re.compile(r"^((?:main|core|apisdk|encd|playd|envctl|greeting)> )(.*)$")
+PROMPT = re.compile(r"^((?:main|core|apisdk|encd|playd|envctl|rpc|greeting)> )(.*)$")
 ANY = "..."
 
 # Parts that differ from run to run. Each is replaced by its name, in expected and in seen lines.
