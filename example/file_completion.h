@@ -7,8 +7,18 @@
 
 #include "cli/parameter_completer.h"
 
-// The files and folders, as the tool sees them, whose paths begin with `typed`, by name; a folder ends in "/". Hidden
-// ones only when `typed` begins their name. Of a folder with very many entries some are left out.
-std::vector<cli::ParameterCandidate> CompleteFile(const std::string& typed);
+// Where a program finds files.
+struct FileView {
+  std::string root;           // before paths that begin with "/"
+  std::string folder = "./";  // before the others
+};
+
+// The files and folders in `view`, the tool's own unless said, whose paths begin with `typed`, by name; a folder ends
+// in "/". Hidden ones only when `typed` begins their name. Of a folder with very many entries some are left out.
+std::vector<cli::ParameterCandidate> CompleteFile(const std::string& typed, const FileView& view = {});
+
+// The view of the program of this machine that serves the abstract unix socket `name`. The tool's own where nobody
+// does, or where the tool has no right to look. Waits for nobody.
+FileView ViewOfServer(const std::string& name);
 
 #endif  // EXAMPLE_FILE_COMPLETION_H_

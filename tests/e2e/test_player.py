@@ -47,6 +47,33 @@ def start_events(tmp_path, started):
     return start
 
 
+def test_tab_completes_players_files_and_presets(tool, telnet, tmp_path, started, clip):
+    folder = tmp_path / "media of the player"
+    folder.mkdir()
+    (folder / "a-clip.mp4").symlink_to(clip)
+    (folder / "a clip.mp4").symlink_to(clip)  # no word of these commands holds a blank
+    started.append(Child(tmp_path, "playd", [BIN / "playd", "--headless"],
+                         dict(os.environ, KLBASE_LOG_FILE=str(tmp_path / "playd.log")), cwd=folder))
+    wait_until(lambda: "listens on" in started[-1].output(), "playd listens")
+    session = telnet(tool.port())
+    session.send("playd CreateUplayer 70\r")
+    session.expect("error_infor:\r\n")
+    session.send("playd OpenMediaOfUplayer 7\t")
+    session.expect("70 ")
+    session.send("1 1 1 0 0 0 a\t")
+    session.expect("a-clip.mp4 ")
+    session.send("0 0 640 360 0\r")
+    session.expect("id         :70\r\nresult     :1")
+    session.send("playd GetMediaInfoOfUplayer 70\r")
+    session.expect("info_url         :a-clip.mp4")
+    session.send("playd SetOutputTiming 70 \t\t")
+    session.expect("0 +1 +2")
+    session.send("\x15playd SetPauseOfUplayer 70 \t\t")
+    session.expect("0 +1")
+    session.send("\x15encd SetQulity hi\t\r")
+    session.expect_exact("SetQulity high")
+
+
 def publish(daemon, line):
     daemon.process.stdin.write(line.encode() + b"\n")
     daemon.process.stdin.flush()

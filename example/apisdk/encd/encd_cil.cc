@@ -9,6 +9,7 @@
 #include "cli/command.h"
 #include "cli/outcome.h"
 #include "example/apisdk/report.h"
+#include "example/completed_command.h"
 #include "klbase/log.h"
 
 namespace {
@@ -29,11 +30,23 @@ void SetQuality(std::ostream& out, const std::string& word) {
   ReportLastCall(out, "encd");
 }
 
+constexpr char kQualityWords[] = "qulity<low middle high>";
+
+const ParameterHelps& QualityWords() {
+  static const auto* const helps = new ParameterHelps{{kQualityWords,
+                                                       {[](const std::string& typed) {
+                                                          return CompleteWord({"low", "middle", "high"}, typed);
+                                                        },
+                                                        ""}}};
+  return *helps;
+}
+
 }  // namespace
 
 EncdCli::EncdCli(cli::Menu* parent) : RegisteredPlugin(kEncdCliName) {
   KL_LOG(30, "install rpc cli\n");
   auto menu = std::make_unique<cli::Menu>(kEncdCliName);
-  menu->Insert(cli::MakeCommand("SetQulity", &SetQuality, "send a proto message", {"qulity<low middle high>"}, "high"));
+  menu->Insert(WithCompletion(
+      cli::MakeCommand("SetQulity", &SetQuality, "send a proto message", {kQualityWords}, "high"), QualityWords()));
   menu_ = parent->Insert(std::move(menu));
 }

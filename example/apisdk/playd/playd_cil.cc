@@ -16,8 +16,10 @@
 #include "cli/about_word.h"
 #include "cli/command.h"
 #include "cli/outcome.h"
+#include "example/apisdk/playd/player_words.h"
 #include "example/apisdk/playd/reply_block.h"
 #include "example/apisdk/report.h"
+#include "example/completed_command.h"
 #include "klbase/log.h"
 
 namespace {
@@ -52,12 +54,13 @@ bool ToBool(Word word) { return ToInt(word) != 0; }
 
 // Calls one operation of the player and shows its reply. A call that failed shows as well: in the reply's result.
 template <typename Request, typename Reply>
-void Call(std::ostream& out, std::string_view command, void (ApiPlayer::*operation)(const Request&, Reply&) const,
-          const std::type_identity_t<Request>& request) {
+Reply Call(std::ostream& out, std::string_view command, void (ApiPlayer::*operation)(const Request&, Reply&) const,
+           const std::type_identity_t<Request>& request) {
   Reply reply;
   (apis::ApiSdk::instance_.Player()->*operation)(request, reply);
   PrintReply(out, command, reply);
   ReportLastCall(out, "playd");
+  return reply;
 }
 
 void LiveSystemInit(std::ostream& out, Word id) {
@@ -106,11 +109,13 @@ void SetOutputTiming(std::ostream& out, Word id, Word type) {
 }
 
 void CreateUplayer(std::ostream& out, Word id) {
-  Call(out, "CreateUplayer", &ApiPlayer::CreateUplayer, {.unique_id = id});
+  const auto reply = Call(out, "CreateUplayer", &ApiPlayer::CreateUplayer, {.unique_id = id});
+  if (reply.result) RememberPlayer(id);
 }
 
 void DeleteUplayer(std::ostream& out, Word id) {
-  Call(out, "DeleteUplayer", &ApiPlayer::DeleteUplayer, {.unique_id = id});
+  const auto reply = Call(out, "DeleteUplayer", &ApiPlayer::DeleteUplayer, {.unique_id = id});
+  if (reply.result) ForgetPlayer(id);
 }
 
 // The two commands with a media source convert its words in their order, which is not that of the fields, so that the
@@ -200,7 +205,7 @@ void InsertCommand(cli::Menu* menu, const char* factory, const char* name, Handl
     }
     return;
   }
-  menu->Insert(cli::MakeCommand(name, handler, usage, std::move(parameters), example));
+  menu->Insert(WithCompletion(cli::MakeCommand(name, handler, usage, std::move(parameters), example), PlayerWords()));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <stop_token>
@@ -16,6 +17,7 @@
 #include "apisdk/apisdk.h"
 #include "cli/outcome.h"
 #include "core/rpc_url.h"
+#include "example/apisdk/playd/player_words.h"
 #include "klbase/cancellation.h"
 #include "platform/testing/fake_daemon.h"
 #include "platform/testing/fake_session.h"
@@ -90,6 +92,36 @@ class PlaydCliTest : public testing::Test {
   PlaydCli plugin_;
   const std::shared_ptr<cli::Menu> menu_;
 };
+
+TEST_F(PlaydCliTest, TabOffersThePlayersThatWereCreatedHere) {
+  const auto offered = [] { return PlayerWords().at("id").candidates("tab-"); };
+  lp::v1::UniversalResp reply;
+  reply.set_result(true);
+  daemon_.Answer<lp::v1::CreateUplayerReq>(reply);
+  daemon_.Answer<lp::v1::DeleteUplayerReq>(reply);
+  Type("CreateUplayer tab-1");
+  Type("CreateUplayer tab-2");
+  ASSERT_THAT(offered(), SizeIs(2));
+  EXPECT_EQ(offered()[0].word, "tab-1");
+  Type("DeleteUplayer tab-1");
+  reply.set_result(false);
+  daemon_.Answer<lp::v1::CreateUplayerReq>(reply);
+  daemon_.Answer<lp::v1::DeleteUplayerReq>(reply);
+  Type("CreateUplayer tab-3");
+  Type("DeleteUplayer tab-2");
+  ASSERT_THAT(offered(), SizeIs(1)) << "refused";
+  EXPECT_EQ(offered()[0].word, "tab-2");
+  ForgetPlayer("tab-2");
+}
+
+TEST_F(PlaydCliTest, TabKnowsTheParametersOfItsCommands) {
+  std::set<std::string> names;
+  for (const auto& command : menu_->Commands()) {
+    EXPECT_NE(dynamic_cast<const cli::ParameterCompleter*>(command.get()), nullptr) << command->Name();
+    for (const std::string& name : command->ParameterNames()) names.insert(name);
+  }
+  for (const auto& [name, help] : PlayerWords()) EXPECT_TRUE(names.contains(name)) << name;
+}
 
 TEST_F(PlaydCliTest, RegistersItselfAsPlayd) {
   EXPECT_THAT(cli::Registration::Names(), testing::Contains("playd"));
