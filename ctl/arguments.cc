@@ -1,6 +1,7 @@
 #include "ctl/arguments.h"
 
 #include <charconv>
+#include <cmath>
 #include <cstddef>
 
 namespace vexctl {
@@ -35,7 +36,7 @@ std::optional<std::chrono::milliseconds> Seconds(const std::string& text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
   const bool read = error == std::errc() && end == text.data() + text.size();
   if (!read || !(seconds >= kLeastSeconds && seconds <= kMostSeconds)) return {};  // not "nan" either
-  return std::chrono::milliseconds(static_cast<long long>(seconds * 1000 + 0.5));
+  return std::chrono::milliseconds(std::llround(seconds * 1000));
 }
 
 void ReadWithValue(const std::string& name, const std::string& value, Arguments& arguments) {

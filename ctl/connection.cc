@@ -43,7 +43,7 @@ int MillisecondsUntil(const std::optional<Connection::Clock::time_point>& deadli
 
 std::string SocketPath(const std::string& asked_for, std::string& why) {
   if (!asked_for.empty()) return asked_for;
-  const std::string named = Environment("KLBASE_CONSOLE_SOCKET");
+  std::string named = Environment("KLBASE_CONSOLE_SOCKET");
   if (named == "none") {
     why = "KLBASE_CONSOLE_SOCKET is \"none\"; name the tool's socket there, or by --socket PATH";
     return "";

@@ -30,7 +30,6 @@ using std::chrono::milliseconds;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
-using vextest::ChildProcess;
 using vextest::ExitState;
 using vextest::WaitFor;
 

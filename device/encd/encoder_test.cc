@@ -40,7 +40,7 @@ double MeasureKbps(const Encoder& encoder, std::uint64_t fps = kFps) {
   const auto before = encoder.Count();
   WaitFrames(encoder, 2 * fps);
   const auto after = encoder.Count();
-  return static_cast<double>(after.video_bytes - before.video_bytes) * 8 / 1000 * fps /
+  return static_cast<double>(after.video_bytes - before.video_bytes) * 8 / 1000 * static_cast<double>(fps) /
          static_cast<double>(after.video_frames - before.video_frames);
 }
 

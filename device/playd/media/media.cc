@@ -189,7 +189,7 @@ std::uint32_t Media::BackwardPositionMs() const {
     const device::ElementPtr clock(GST_ELEMENT_CAST(gst_system_clock_obtain()));
     running = gst_clock_get_time(GST_CLOCK_CAST(clock.get())) - gst_element_get_base_time(pipeline);
   }
-  const double gone_ms = static_cast<double>(running / GST_MSECOND) * -rate_;
+  const double gone_ms = static_cast<double>(running) / GST_MSECOND * -rate_;
   return static_cast<std::uint32_t>(std::max(0.0, static_cast<double>(sought_ms_) - gone_ms));
 }
 
