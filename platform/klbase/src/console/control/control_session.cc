@@ -349,7 +349,6 @@ bool ControlSession::BeginRun(const Request& request, Running& run) {
 }
 
 void ControlSession::RunLine(const Request& request) {
-  captured_.Take();  // what a command printed after it was given up
   Running run;
   if (!BeginRun(request, run)) return Send(NotRun(request, Status::kCancelled, kSessionEnds));
   if (run.within) config_.transport.watch_deadline(run.begin + *run.within, run.number);

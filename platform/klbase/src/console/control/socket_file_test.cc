@@ -1,5 +1,6 @@
 #include "console/control/socket_file.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -94,6 +95,18 @@ TEST_F(SocketFileTest, ALiveOneIsNotReplaced) {
   EXPECT_EQ(RefusalOf(path_), "console control socket " + path_ +
                                   ": another process serves it; end that one, or name another one in "
                                   "KLBASE_CONSOLE_SOCKET");
+  EXPECT_EQ(ControlClient(path_).Error(), 0);
+}
+
+// As one is between its look at a stale file and the moment when it listens itself.
+TEST_F(SocketFileTest, WhileAnotherProcessHasTheLockNothingIsReplaced) {
+  ::close(BindAt(path_));
+  const int lock = ::open((path_ + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_EQ(::flock(lock, LOCK_EX | LOCK_NB), 0);
+  EXPECT_THAT(RefusalOf(path_), HasSubstr("another process serves it"));
+  EXPECT_TRUE(std::filesystem::exists(path_));
+  ::close(lock);
+  const SocketFile file(path_);
   EXPECT_EQ(ControlClient(path_).Error(), 0);
 }
 
