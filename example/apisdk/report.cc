@@ -4,6 +4,7 @@
 
 #include "apisdk/last_call.h"
 #include "cli/outcome.h"
+#include "klbase/cancellation.h"
 
 namespace {
 
@@ -13,8 +14,9 @@ struct Failure {
   cli::Status status;
   const char* advice;
 };
+constexpr int kCancelledCode = 1;
 constexpr Failure kFailures[] = {
-    {1, cli::Status::kCancelled, ""},                              // CANCELLED
+    {kCancelledCode, cli::Status::kUnreachable, "; it gave the request up, as a daemon does that ends"},
     {4, cli::Status::kTimeout, "; it hangs, or has a lot to do"},  // DEADLINE_EXCEEDED
     {7, cli::Status::kUnreachable, ""},                            // PERMISSION_DENIED
     {12, cli::Status::kRefused, "; its release may not have it"},  // UNIMPLEMENTED
@@ -35,7 +37,10 @@ std::string Reason(std::string_view daemon, const std::string& text, const char*
 }  // namespace
 
 void ReportNoReply(std::ostream& out, std::string_view daemon, int code, const std::string& text) {
-  const Failure failure = FailureOf(code);
+  Failure failure = FailureOf(code);
+  // The same code for who asked and for who was asked: only the operator's own is a cancelled command.
+  if (code == kCancelledCode && klbase::CurrentStopToken().stop_requested())
+    failure = {code, cli::Status::kCancelled, ""};
   cli::Report(out, failure.status, code, Reason(daemon, text, failure.advice));
 }
 

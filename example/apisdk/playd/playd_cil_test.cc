@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <set>
@@ -11,6 +12,7 @@
 #include <stop_token>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -550,6 +552,20 @@ TEST_F(PlaydOutcomeTest, AHungDaemonIsGivenUp) {
   const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
   EXPECT_EQ(outcome.status, cli::Status::kCancelled);
   EXPECT_EQ(outcome.reason, "playd: the caller gave it up");
+}
+
+TEST_F(PlaydOutcomeTest, ADaemonThatEndsBeforeItAnswersIsUnreachable) {
+  std::atomic<bool> asked = false;
+  daemon_.Handle<lp::v1::CreateUplayerReq>([&](const google::protobuf::Any&, google::protobuf::Any&) {
+    asked = true;
+    return vextest::WaitFor([] { return false; }, std::chrono::seconds(1));
+  });
+  const std::jthread ends([&] {
+    EXPECT_TRUE(vextest::WaitFor([&asked] { return asked.load(); }));
+    daemon_.Stop();
+  });
+  const cli::Outcome outcome = OutcomeOf("CreateUplayer 0");
+  EXPECT_EQ(outcome.status, cli::Status::kUnreachable) << outcome.reason;
 }
 
 TEST_F(PlaydOutcomeTest, ATimingTypeThatDoesNotExistIsAUsageError) {
