@@ -134,6 +134,8 @@ FOREIGN_FLAGS = {
     "--test-dir", "--repeat",  # ctest
     "--now",  # systemctl
     "--help",
+    "--formatter", "--report-formatter", "--output",  # bats
+    "--junit-xml",  # pytest
 }
 
 
