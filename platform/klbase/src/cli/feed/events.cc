@@ -20,8 +20,9 @@ void AddFields(const std::string& name, const Json& value, Fields& fields) {
   }
   std::size_t index = 0;
   for (const auto& item : value.items()) {
-    const std::string member = value.is_object() ? item.key() : std::to_string(index++);
-    AddFields(name.empty() ? member : name + "." + member, item.value(), fields);
+    std::string member = name.empty() ? "" : name + ".";
+    member += value.is_object() ? item.key() : std::to_string(index++);
+    AddFields(member, item.value(), fields);
   }
 }
 
