@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
-events delay crowd service."""
+events delay crowd service
+vexctl control rpc monitor."""
 
 import argparse
 import contextlib
@@ -16,6 +17,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "platform" / "testing" / "network"))
@@ -25,6 +27,7 @@ import private_network  # noqa: E402
 ROUNDS = 5  # each figure is the median of so many runs, taken in turn with its baselines
 START_LIMIT_S = 10
 VERSION_END = "git-version: v0.0.1\n"
+VERSION_REQUEST = '{"run":"core show version"}'
 
 
 class Table:
@@ -98,6 +101,23 @@ def console(bin_folder, folder, **more):
 
 
 @contextlib.contextmanager
+def controlled(bin_folder, folder, **more):
+    """The tool with its control socket; yields (process, path, port)."""
+    path = folder / "console.sock"
+    with console(bin_folder, folder, KLBASE_CONSOLE_SOCKET=str(path), **more) as (process, port):
+        wait_for(path.exists, "the control socket")
+        yield process, path, port
+
+
+@contextlib.contextmanager
+def player(bin_folder, folder):
+    environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "playd.log"))
+    with child([bin_folder / "playd", "--headless"], env=environment):
+        wait_for(lambda: "@playd@default" in pathlib.Path("/proc/net/unix").read_text(), "playd")
+        yield
+
+
+@contextlib.contextmanager
 def encoder(bin_folder, folder):
     environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "encd.log"))
     with open(folder / "encd.out", "wb") as out:
@@ -128,9 +148,23 @@ def message_bus(folder):
 @contextlib.contextmanager
 def redis(folder):
     port = free_port()
-    with child(["redis-server", "--port", str(port), "--bind", "127.0.0.1", "--save", "", "--dir", str(folder)]):
+    # A subscriber's replies are not bounded, else a slow one is cut off.
+    with child(["redis-server", "--port", str(port), "--bind", "127.0.0.1", "--save", "", "--dir", str(folder),
+                "--unixsocket", str(folder / "redis.sock"), "--client-output-buffer-limit", "pubsub 0 0 0"]):
         wait_for(lambda: listening(port), "redis-server")
         yield port
+
+
+@contextlib.contextmanager
+def haproxy(folder):
+    path = folder / "haproxy.sock"
+    config = folder / "haproxy.cfg"
+    config.write_text(f"global\n stats socket {path}\n stats timeout 1m\n"
+                      "defaults\n timeout connect 1s\n timeout client 1s\n timeout server 1s\n"
+                      f"listen none\n bind {folder}/none.sock\n")
+    with child(["haproxy", "-db", "-f", str(config)]):
+        wait_for(path.exists, "haproxy")
+        yield path
 
 
 @contextlib.contextmanager
@@ -283,9 +317,7 @@ def tool_events(bin_folder, folder, count):
     tool = subprocess.Popen([bin_folder / "vextool", "--cli_port=0"], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.DEVNULL, env=tool_environment(folder))
     try:
-        done = subprocess.run([bin_folder / "bench_events", str(count)], stdin=tool.stdout, stdout=subprocess.PIPE,
-                              timeout=120, check=True)
-        return json.loads(done.stdout)
+        return run_json([bin_folder / "bench_events", str(count), "play_state"], stdin=tool.stdout)
     finally:
         tool.kill()
         tool.wait()
@@ -406,9 +438,7 @@ def bench_crowd(table, bin_folder, folder):
 
 
 def bench_service(table, bin_folder, folder):
-    environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "playd.log"))
-    with console(bin_folder, folder) as (_, port), child([bin_folder / "playd", "--headless"], env=environment):
-        wait_for(lambda: "@playd@default" in pathlib.Path("/proc/net/unix").read_text(), "playd")
+    with console(bin_folder, folder) as (_, port), player(bin_folder, folder):
         figures = alternate({
             "request to the service host": lambda: run_json([bin_folder / "bench_request", "service", "5000"]),
             "bare gRPC stub": lambda: run_json([bin_folder / "bench_call_grpc", "5000"]),
@@ -422,8 +452,153 @@ def bench_service(table, bin_folder, folder):
         add_latencies(table, figures, "playd GetSeekOfUplayer 0", {})
 
 
+def bench_vexctl(table, bin_folder, folder):
+    def program(*words):
+        return lambda: run_json([bin_folder / "bench_process", "time", "200", *words])
+
+    with contextlib.ExitStack() as stack:
+        _, path, _ = stack.enter_context(controlled(bin_folder, folder))
+        words = [bin_folder / "vexctl", "--socket", path, "core", "show", "version"]
+        measures = {"vexctl core show version": program(*words)}
+        if shutil.which("dbus-daemon") and shutil.which("busctl"):
+            address = stack.enter_context(message_bus(folder))
+            # The daemon itself answers, so that there is no second process to wait for.
+            measures["busctl call"] = program(shutil.which("busctl"), f"--address={address}", "call", "org.freedesktop.DBus",
+                                              "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId")
+        figures = alternate(measures)
+        peak = run_json([bin_folder / "bench_process", "memory", "20", *words])["peak_kb"]
+    aims = {"vexctl core show version": "<= 4", "busctl call": "<= 0.5"}
+    main = figures["vexctl core show version"]["p50_us"]
+    for name, figure in figures.items():
+        ratio = "" if figure["p50_us"] == main else f"{main / figure['p50_us']:.2f} x it"
+        table.add(name, f"{figure['p50_us'] / 1000:.2f} / {figure['p99_us'] / 1000:.2f}", "ms p50/p99", ratio, aims[name])
+    table.add("resident memory of vexctl", f"{peak / 1024:.1f}", "MiB", "", "<= 6")
+
+
+def control_session(path):
+    """A session on the control socket that has run a line."""
+    session = socket.socket(socket.AF_UNIX)
+    session.settimeout(START_LIMIT_S)
+    session.connect(str(path))
+    session.sendall(VERSION_REQUEST.encode() + b"\n")
+    received = b""
+    while received.count(b"\n") < 2:  # a greeting, and the reply
+        part = session.recv(4096)
+        assert part, "the tool has closed the connection"
+        received += part
+    reply = json.loads(received.splitlines()[1])
+    assert reply["status"] == "ok" and reply["output"].endswith(VERSION_END), reply
+    return session
+
+
+def bench_control(table, bin_folder, folder):
+    def line(path, text, end, *first):
+        return lambda: run_json([bin_folder / "bench_line", str(path), text, end, "10000", *first])
+
+    with contextlib.ExitStack() as stack:
+        process, path, _ = stack.enter_context(controlled(bin_folder, folder, KLBASE_CONSOLE_MAX_SESSIONS="600"))
+        idle = resident_kb(process.pid)
+        count = 500
+        with contextlib.ExitStack() as sessions:
+            for _ in range(count):
+                sessions.enter_context(contextlib.closing(control_session(path)))
+            per_session = (resident_kb(process.pid) - idle) / count
+        # The request in front is answered behind the greeting, which would be taken for an answer.
+        measures = {"line on the control socket": line(path, VERSION_REQUEST, "}\n", '{"monitor":["off"]}', '"ok"}\n')}
+        if shutil.which("redis-server"):
+            stack.enter_context(redis(folder))
+            measures["redis PING, unix socket"] = line(folder / "redis.sock", "PING", "+PONG\r\n")
+        if shutil.which("haproxy"):
+            proxy = stack.enter_context(haproxy(folder))
+            measures["haproxy show version"] = line(proxy, "show version", "\n> ", "prompt", "> ")
+        figures = alternate(measures)
+    add_latencies(table, figures, "line on the control socket",
+                  {"redis PING, unix socket": "<= 1.2", "haproxy show version": "< 1"})
+    table.add("idle with a control socket", f"{idle / 1024:.1f}", "MiB", "", "<= 15")
+    table.add("memory per session after a line", f"{per_session:.1f}", "KiB", "", "<= 40")
+
+
+def bench_rpc(table, bin_folder, folder):
+    end = "error_infor:\n"  # of an answer with success, which the player gives without a medium
+
+    def line(text):
+        return lambda: run_json([bin_folder / "bench_line", str(port), text, end, "3000"])
+
+    with console(bin_folder, folder) as (_, port), player(bin_folder, folder):
+        run_json([bin_folder / "bench_line", str(port), "playd CreateUplayer 0", end, "1"])
+        figures = alternate({
+            "rpc call SetVolumeOfUplayerReq": line("rpc call SetVolumeOfUplayerReq unique_id=0 volume=50"),
+            "the same as a typed command": line("playd SetVolumeOfUplayer 0 50"),
+        })
+    add_latencies(table, figures, "rpc call SetVolumeOfUplayerReq", {})
+    call, typed = (figure["p50_us"] for figure in figures.values())
+    table.add("  above the typed command", f"{call - typed:.1f}", "us p50", "", "<= 20")
+
+
+def monitor_lines(bin_folder, path, count):
+    """Events per second from a publisher to the lines of `vexctl --json monitor`."""
+    monitor = subprocess.Popen([bin_folder / "vexctl", "--socket", path, "--json", "monitor"], stdin=subprocess.DEVNULL,
+                               stdout=subprocess.PIPE)
+    try:
+        return run_json([bin_folder / "bench_events", str(count), '{"event":'], stdin=monitor.stdout)
+    finally:
+        monitor.kill()
+        monitor.wait()
+        monitor.stdout.close()
+
+
+def redis_lines(port, count):
+    """Messages per second from `redis-cli --pipe` to the lines of `redis-cli subscribe`."""
+    text = "/media/clip.mp4 0 1"
+    subscriber = subprocess.Popen(["redis-cli", "-p", str(port), "subscribe", "layer/result_repor"], stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.PIPE, bufsize=0)
+    try:
+        for _ in range(3):  # subscribe, the channel, 1
+            subscriber.stdout.readline()
+        words = ("PUBLISH", "layer/result_repor", text)
+        command = f"*{len(words)}\r\n" + "".join(f"${len(word)}\r\n{word}\r\n" for word in words)
+        start = time.perf_counter()
+        publisher = subprocess.Popen(["redis-cli", "-p", str(port), "--pipe"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
+        feeder = threading.Thread(target=publisher.communicate, args=(command.encode() * count,))
+        feeder.start()
+        got = b""
+        mark = text.encode() + b"\n"
+        lines = 0
+        while lines < count:
+            part = os.read(subscriber.stdout.fileno(), 1 << 16)
+            assert part, "redis-cli has ended"
+            got += part
+            lines += got.count(mark)
+            got = got[got.rfind(mark) + len(mark):] if mark in got else got
+        elapsed = time.perf_counter() - start
+        feeder.join()
+        return {"events_per_second": count / elapsed}
+    finally:
+        subscriber.kill()
+        subscriber.wait()
+        subscriber.stdout.close()
+
+
+def bench_monitor(table, bin_folder, folder):
+    count = 100_000
+    runs = {"vexctl": [], "redis": []}
+    with contextlib.ExitStack() as stack:
+        _, path, _ = stack.enter_context(controlled(bin_folder, folder))
+        port = stack.enter_context(redis(folder)) if shutil.which("redis-server") else None
+        for _ in range(ROUNDS):
+            runs["vexctl"].append(monitor_lines(bin_folder, path, count))
+            if port:
+                runs["redis"].append(redis_lines(port, count))
+    rates = {name: statistics.median(run["events_per_second"] for run in each) for name, each in runs.items() if each}
+    table.add("events to vexctl --json monitor", f"{rates['vexctl']:.0f}", "lines/s", "", ">= 200000")
+    table.add("  lost", str(sum(run["lost"] for run in runs["vexctl"])), "", "", "0")
+    if port:
+        table.add("redis-cli subscribe", f"{rates['redis']:.0f}", "lines/s", f"{rates['vexctl'] / rates['redis']:.2f} x it")
+
+
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
-           "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service}
+           "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service, "vexctl": bench_vexctl,
+           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor}
 
 
 def main():
