@@ -157,7 +157,7 @@ std::shared_ptr<Connection> Connections::At(const std::string& url) {
   auto& connection = connections_[url];
   if (connection) return connection;
   connection = std::make_shared<Connection>(url);
-  const std::shared_ptr<Connection> made = connection;
+  std::shared_ptr<Connection> made = connection;
   for (auto at = connections_.begin(); connections_.size() > kMost && at != connections_.end();) {
     const bool idle = at->second.use_count() == 1 && !at->second->HasSubscriptions();
     if (idle) let_go.push_back(std::move(at->second));

@@ -38,7 +38,7 @@ class MessageCompletionTest : public testing::Test {
   std::string RichHint(const Words& words) const { return FieldHint(rich_.Type(), words); }
 
   const MessageCatalog catalog_;
-  const RichMessage rich_;
+  const RichMessage rich_{};
 };
 
 TEST_F(MessageCompletionTest, TypesByShortNameElseByFullName) {

@@ -22,7 +22,7 @@ class MessageFieldsTest : public testing::Test {
  protected:
   void Add(const std::string& word) { MessageWords(*message_).Add(word); }
 
-  const RichMessage rich_;
+  const RichMessage rich_{};
   const std::unique_ptr<google::protobuf::Message> message_ = rich_.New();
 };
 

@@ -80,6 +80,7 @@ class MessageWords::Path {
 
 std::vector<std::string> FieldNames(const Descriptor& type) {
   std::vector<std::string> names;
+  names.reserve(static_cast<std::size_t>(type.field_count()));
   for (int i = 0; i < type.field_count(); ++i) names.push_back(type.field(i)->name());
   return names;
 }

@@ -39,7 +39,7 @@ std::string Made(const std::vector<std::string>& words) {
 
 // A message with a field of every type.
 std::string Rich(const std::vector<std::string>& words) {
-  const RichMessage rich;
+  const RichMessage rich{};
   return Made(*rich.New(), words);
 }
 
