@@ -3,6 +3,7 @@
 #include <google/protobuf/util/json_util.h>
 
 #include <iostream>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -10,7 +11,17 @@
 
 namespace {
 
+using google::protobuf::Message;
+
 constexpr std::string_view kBlockStart = "***************************************\n";
+
+std::string JsonOf(const Message& event) {
+  google::protobuf::util::JsonPrintOptions options;
+  options.preserve_proto_field_names = true;
+  options.always_print_primitive_fields = true;  // a script waits for zeros too
+  std::string json;
+  return google::protobuf::util::MessageToJsonString(event, &json, options).ok() ? json : "{}";  // broken UTF-8
+}
 
 }  // namespace
 
@@ -24,10 +35,7 @@ std::string PrintEventBlock(std::initializer_list<EventLine> lines) {
 
 void ShowEvent(const char* topic, const google::protobuf::Message& event, std::initializer_list<EventLine> lines) {
   std::string text = PrintEventBlock(lines);
-  google::protobuf::util::JsonPrintOptions options;
-  options.preserve_proto_field_names = true;
-  options.always_print_primitive_fields = true;  // a script waits for zeros too
-  std::string json;
-  if (!google::protobuf::util::MessageToJsonString(event, &json, options).ok()) json = "{}";  // broken UTF-8
-  cli::PostEvent(topic, std::move(text), std::move(json));
+  const std::shared_ptr<Message> copy(event.New());
+  copy->CopyFrom(event);
+  cli::PostEvent(topic, std::move(text), [copy] { return JsonOf(*copy); });
 }

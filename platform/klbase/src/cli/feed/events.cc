@@ -35,8 +35,13 @@ Fields FlatFields(const std::string& json) {
   return fields;
 }
 
+const std::string& Event::Message() const {
+  absl::call_once(made_, [this] { message_ = make_message(); });
+  return message_;
+}
+
 const Fields& Event::MessageFields() const {
-  absl::call_once(read_, [this] { fields_ = FlatFields(message); });
+  absl::call_once(read_, [this] { fields_ = FlatFields(Message()); });
   return fields_;
 }
 
@@ -45,12 +50,12 @@ EventFeed& EventFeed::OfProcess() {
   return feed;
 }
 
-void EventFeed::Post(std::string topic, std::string text, std::string message) {
+void EventFeed::Post(std::string topic, std::string text, std::function<std::string()> message) {
   auto event = std::make_shared<Event>();
   event->time = std::chrono::system_clock::now();
   event->topic = std::move(topic);
   event->text = std::move(text);
-  event->message = std::move(message);
+  event->make_message = std::move(message);
   std::vector<std::weak_ptr<const Watcher>> watchers;
   {
     const absl::MutexLock lock(&mutex_);
@@ -108,6 +113,10 @@ std::shared_ptr<const EventFeed::Watcher> EventFeed::Watch(Watcher watcher) {
 }  // namespace internal
 
 void PostEvent(std::string topic, std::string text, std::string message) {
+  PostEvent(std::move(topic), std::move(text), [message = std::move(message)] { return message; });
+}
+
+void PostEvent(std::string topic, std::string text, std::function<std::string()> message) {
   internal::EventFeed::OfProcess().Post(std::move(topic), std::move(text), std::move(message));
 }
 

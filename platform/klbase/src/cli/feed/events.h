@@ -28,12 +28,17 @@ struct Event {
   std::chrono::system_clock::time_point time;
   std::string topic;
   std::string text;
-  std::string message;
+  std::function<std::string()> make_message;  // see PostEvent()
 
-  // The message's, flat: "result.error_code". Taken out of it at the first call: most events are looked at by nobody.
+  // Both are made at the first call: most events are looked at by nobody.
+  // The message as JSON.
+  const std::string& Message() const;
+  // The message's fields, flat: "result.error_code".
   const Fields& MessageFields() const;
 
  private:
+  mutable absl::once_flag made_;
+  mutable std::string message_;
   mutable absl::once_flag read_;
   mutable Fields fields_;
 };
@@ -53,7 +58,7 @@ class EventFeed {
   EventFeed(const EventFeed&) = delete;
   EventFeed& operator=(const EventFeed&) = delete;
 
-  void Post(std::string topic, std::string text, std::string message);
+  void Post(std::string topic, std::string text, std::function<std::string()> message);
   // The number of the event that comes next.
   std::uint64_t Next() const;
 

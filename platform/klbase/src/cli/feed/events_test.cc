@@ -43,23 +43,35 @@ TEST(FlatFieldsTest, WhatIsNoObjectHasNone) {
 TEST(EventFeedTest, AnEventThatCameBeforeIsFoundAtOnce) {
   EventFeed feed;
   const std::uint64_t from = feed.Next();
-  feed.Post("a", "1", "{}");
-  feed.Post("b", "2", "{}");
+  feed.Post("a", "1", [] { return "{}"; });
+  feed.Post("b", "2", [] { return "{}"; });
   const auto found = feed.WaitFor(from, IsTopic("b"), steady_clock::now(), {});
   ASSERT_NE(found.event, nullptr);
   EXPECT_EQ(found.event->text, "2");
   EXPECT_EQ(found.missed, 0u);
 }
 
+TEST(EventFeedTest, AMessageIsMadeOnceItIsLookedAt) {
+  EventFeed feed;
+  int made = 0;
+  EventPtr posted;
+  const auto watcher = feed.Watch([&posted](const EventPtr& event) { posted = event; });
+  feed.Post("a", "1", [&made] { return ++made, R"({"id":"7"})"; });
+  EXPECT_EQ(made, 0);
+  EXPECT_EQ(posted->MessageFields(), (Fields{{"id", "7"}}));
+  EXPECT_EQ(posted->Message(), R"({"id":"7"})");
+  EXPECT_EQ(made, 1);
+}
+
 TEST(EventFeedTest, AnEventBeforeTheBeginningIsNot) {
   EventFeed feed;
-  feed.Post("a", "1", "{}");
+  feed.Post("a", "1", [] { return "{}"; });
   EXPECT_EQ(feed.WaitFor(feed.Next(), kAny, steady_clock::now(), {}).event, nullptr);
 }
 
 TEST(EventFeedTest, AWaitEndsWithTheEvent) {
   EventFeed feed;
-  std::thread poster([&feed] { feed.Post("a", "1", "{}"); });
+  std::thread poster([&feed] { feed.Post("a", "1", [] { return "{}"; }); });
   EXPECT_NE(feed.WaitFor(1, IsTopic("a"), Soon(), {}).event, nullptr);
   poster.join();
 }
@@ -74,7 +86,7 @@ TEST(EventFeedTest, AWaitIsGivenUp) {
 
 TEST(EventFeedTest, EventsThatAreNoLongerKeptAreCounted) {
   EventFeed feed;
-  for (std::size_t i = 0; i < EventFeed::kKept + 3; ++i) feed.Post("a", std::to_string(i), "{}");
+  for (std::size_t i = 0; i < EventFeed::kKept + 3; ++i) feed.Post("a", std::to_string(i), [] { return "{}"; });
   const auto found = feed.WaitFor(1, kAny, steady_clock::now(), {});
   ASSERT_NE(found.event, nullptr);
   EXPECT_EQ(found.event->text, "3");
@@ -86,7 +98,7 @@ TEST(EventFeedTest, NoWaitMissesItsEvent) {
   constexpr int kEvents = 10'000;
   EventFeed feed;
   std::thread poster([&feed] {
-    for (int i = 0; i < kEvents; ++i) feed.Post("a", std::to_string(i), "{}");
+    for (int i = 0; i < kEvents; ++i) feed.Post("a", std::to_string(i), [] { return "{}"; });
   });
   std::uint64_t from = 1;
   for (int i = 0; i < kEvents; ++i) {
@@ -101,13 +113,13 @@ TEST(EventFeedTest, NoWaitMissesItsEvent) {
 
 TEST(EventFeedTest, AWatcherSeesEachLaterEventWhileItsHandleLives) {
   EventFeed feed;
-  feed.Post("a", "before", "{}");
+  feed.Post("a", "before", [] { return "{}"; });
   std::vector<std::string> seen;
   auto watcher = feed.Watch([&seen](const EventPtr& event) { seen.push_back(event->text); });
-  feed.Post("a", "1", "{}");
-  feed.Post("a", "2", "{}");
+  feed.Post("a", "1", [] { return "{}"; });
+  feed.Post("a", "2", [] { return "{}"; });
   watcher.reset();
-  feed.Post("a", "after", "{}");
+  feed.Post("a", "after", [] { return "{}"; });
   EXPECT_THAT(seen, ElementsAre("1", "2"));
 }
 

@@ -145,15 +145,15 @@ TEST_F(EventCommandsTest, AMonitorChoosesByTopicAndField) {
   ASSERT_TRUE(monitor_.has_value());
   Event event;
   event.topic = "layer/report";
-  event.message = Report("0", 4);
+  event.make_message = [] { return Report("0", 4); };
   EXPECT_TRUE((*monitor_)(event));
   Event low;
   low.topic = "layer/report";
-  low.message = Report("0", 1);
+  low.make_message = [] { return Report("0", 1); };
   EXPECT_FALSE((*monitor_)(low));
   Event strange;
   strange.topic = "strange";
-  strange.message = Report("0", 4);
+  strange.make_message = [] { return Report("0", 4); };
   EXPECT_FALSE((*monitor_)(strange));
 }
 

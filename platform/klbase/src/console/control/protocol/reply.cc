@@ -73,7 +73,7 @@ std::string EventLine(const Event& event) {
   const Json head = {{"seq", event.number}, {"time", UtcTime(event.time)}, {"topic", event.topic}};
   std::string line = "{\"event\":" + Text(head);
   line.pop_back();
-  return line + ",\"message\":" + MessageText(event.message) + ",\"text\":" + Text(event.text) + "}}\n";
+  return line + ",\"message\":" + MessageText(event.Message()) + ",\"text\":" + Text(event.text) + "}}\n";
 }
 
 std::string MissedLine(std::uint64_t events) { return Line("", {{"missed", events}}); }

@@ -51,7 +51,7 @@ std::string LineOf(std::string message) {
   event.time = std::chrono::system_clock::time_point(std::chrono::milliseconds(1772373909250));
   event.topic = "layer/a";
   event.text = "***\n";
-  event.message = std::move(message);
+  event.make_message = [message = std::move(message)] { return message; };
   return EventLine(event);
 }
 
