@@ -64,6 +64,7 @@ class Requests {
             return MadeReply("cancelled", "the tool does not answer; whether the line was done is not known");
           return MadeReply("timeout", "the tool does not answer; whether the line was done is not known");
         case Got::kInterrupted:
+          TakeInterrupt();
           if (cancelled) return MadeReply("cancelled", "interrupted; whether the line was done is not known");
           cancelled = true;
           deadline = Clock::now() + kCancelTime;
@@ -147,7 +148,7 @@ int Connect(const Arguments& arguments, Connection& connection, Report& report) 
 }
 
 int RunSources(const Arguments& arguments, Report& report) {
-  Connection connection;
+  Connection connection(InterruptFd());
   if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
   Runner runner(arguments, connection, report);
   for (std::size_t i = 0; i < arguments.sources.size() && runner.GoesOn(); ++i) {
@@ -159,7 +160,7 @@ int RunSources(const Arguments& arguments, Report& report) {
 }
 
 int Monitor(const Arguments& arguments, Report& report) {
-  Connection connection;
+  Connection connection(InterruptFd());
   if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
   const Json reply = Requests(arguments, connection, report).Ask({{"monitor", arguments.words}});
   if (const int exit = ExitStatus(reply.value("status", "")); exit != kExitOk) return report.Reply(reply, false);
@@ -183,7 +184,7 @@ int Monitor(const Arguments& arguments, Report& report) {
 }
 
 int Complete(const Arguments& arguments, Report& report) {
-  Connection connection;
+  Connection connection(InterruptFd());
   if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
   const Json reply = Requests(arguments, connection, report).Ask({{"complete", arguments.words.front()}});
   const int exit = ExitStatus(reply.value("status", ""));

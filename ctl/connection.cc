@@ -12,8 +12,6 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "ctl/interrupt.h"
-
 namespace vexctl {
 namespace {
 
@@ -93,7 +91,7 @@ std::string Connection::Greet() {
   if (greeting.is_object() && greeting.contains("reason")) return greeting["reason"].get<std::string>();
   if (!greeting.is_object() || !greeting.contains("protocol")) return "something else than vextool answers";
   if (greeting["protocol"] != kProtocol) {
-    return "the tool speaks protocol " + greeting["protocol"].dump() + ", this is 1; use the vexctl of its release";
+    return "the tool speaks protocol " + greeting["protocol"].dump() + ", this program 1; use the one of its release";
   }
   return "";
 }
@@ -123,11 +121,11 @@ Connection::Got Connection::Receive(std::optional<Clock::time_point> deadline) {
   while (!TakeLine()) {
     received_.erase(0, std::exchange(used_, 0));
     searched_ = received_.size();
-    pollfd ready[2] = {{fd_, POLLIN, 0}, {InterruptFd(), POLLIN, 0}};
+    pollfd ready[2] = {{fd_, POLLIN, 0}, {interrupt_fd_, POLLIN, 0}};
     const int count = ::poll(ready, 2, MillisecondsUntil(deadline));
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return Got::kTimeout;
-    if (TakeInterrupt()) return Got::kInterrupted;
+    if (ready[1].revents != 0) return Got::kInterrupted;
     if (ready[0].revents == 0) continue;
     constexpr std::size_t kPiece = 64 << 10;
     const std::size_t before = received_.size();

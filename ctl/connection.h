@@ -14,24 +14,26 @@ namespace vexctl {
 // those that the tool chooses from which exists. "" when there is none; `why` says so then.
 std::string SocketPath(const std::string& asked_for, std::string& why);
 
-// Lines to and from the tool. One thread. Everything that waits ends when the process is interrupted (interrupt.h).
+// Lines to and from the tool. One thread.
 class Connection {
  public:
   using Clock = std::chrono::steady_clock;
 
   enum class Got {
     kLine,
-    kEnd,      // the tool ended or closed the connection
-    kTimeout,  // the deadline has passed
-    kInterrupted,
+    kEnd,          // the tool ended or closed the connection
+    kTimeout,      // the deadline has passed
+    kInterrupted,  // the interrupt descriptor is readable, and stays so until its owner reads it
   };
 
-  Connection() = default;
+  // Everything that waits ends when `interrupt_fd` is readable; -1: never. It stays the caller's, and outlives this.
+  explicit Connection(int interrupt_fd) : interrupt_fd_(interrupt_fd) {}
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection();
 
-  // Connects, and reads the tool's greeting. "" or why there is no connection, with what to do about it.
+  // Connects, and reads the tool's greeting, which is in Line() then. "" or why there is no connection, with what to do
+  // about it.
   std::string Open(const std::string& path);
   // Open() failed for an interrupt.
   bool WasInterrupted() const { return interrupted_; }
@@ -51,6 +53,7 @@ class Connection {
   std::string Greet();
   bool TakeLine();
 
+  const int interrupt_fd_;
   int fd_ = -1;
   bool interrupted_ = false;
   std::string received_;

@@ -15,6 +15,7 @@
 
 #include "ctl/commands.h"
 #include "ctl/connection.h"
+#include "ctl/interrupt.h"
 
 namespace vexctl {
 namespace {
@@ -198,7 +199,7 @@ class Session {
 }  // namespace
 
 int RunSession(const Arguments& arguments, Report& report) {
-  Connection connection;
+  Connection connection(InterruptFd());
   if (const int connected = Connect(arguments, connection, report); connected != kExitOk) return connected;
   const Size size = WindowSize();
   const char* term = std::getenv("TERM");
