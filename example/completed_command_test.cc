@@ -23,6 +23,7 @@ using testing::IsEmpty;
 
 std::vector<std::string> WordsOf(const std::vector<cli::ParameterCandidate>& candidates) {
   std::vector<std::string> words;
+  words.reserve(candidates.size());
   for (const auto& candidate : candidates) words.push_back(candidate.word);
   return words;
 }

@@ -107,9 +107,10 @@ bool LooksLikeANumber(const std::string& text) {
 EnumNumber ReadEnum(const FieldDescriptor& field, const std::string& text) {
   const EnumDescriptor& type = *field.enum_type();
   if (const EnumValueDescriptor* value = ValueNamed(type, text)) return {value->number()};
-  std::vector<std::string> names;
-  for (int i = 0; i < type.value_count(); ++i) names.push_back(type.value(i)->name());
   if (!LooksLikeANumber(text)) {
+    std::vector<std::string> names;
+    names.reserve(type.value_count());
+    for (int i = 0; i < type.value_count(); ++i) names.emplace_back(type.value(i)->name());
     RefuseValue(Quoted(text) + " is not a value of " + type.full_name() +
                 NearestOr("\"rpc describe " + field.containing_type()->full_name() + "\" shows them", text, names));
   }

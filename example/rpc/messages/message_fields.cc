@@ -72,8 +72,9 @@ void AddEntries(const std::string& name, const Message& message, const FieldDesc
     entries.emplace_back(ValueText(entry, *field.message_type()->map_key(), -1), &entry);
   }
   std::sort(entries.begin(), entries.end());
+  const std::string prefix = name + ".";
   for (const auto& [key, entry] : entries) {
-    AddValue(name + "." + key, *entry, *field.message_type()->map_value(), -1, lines);
+    AddValue(prefix + key, *entry, *field.message_type()->map_value(), -1, lines);
   }
 }
 
@@ -243,7 +244,9 @@ std::string Description(const Descriptor& type) {
   std::size_t width = 0;
   for (const auto& [name, kind] : lines) width = std::max(width, name.size());
   std::string text;
-  for (const auto& [name, kind] : lines) text += "  " + name + std::string(width - name.size() + 2, ' ') + kind + "\n";
+  for (const auto& [name, kind] : lines) {
+    text.append("  ").append(name).append(width - name.size() + 2, ' ').append(kind).append("\n");
+  }
   if (cut) text += "  ... and more; describe the types inside\n";
   return text.empty() ? "  no fields\n" : text;
 }
