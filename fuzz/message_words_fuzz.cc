@@ -60,6 +60,8 @@ void CheckMessage(const Message& message) {
   rpc::VerdictOf(message);
 }
 
+std::string Word(const std::string& path, const std::string& value) { return path + "=" + value; }
+
 // A scalar's printed value is read as the same value.
 void CheckLines(const Message& message) {
   for (const auto& [path, value] : rpc::FieldsOf(message)) {
@@ -70,11 +72,11 @@ void CheckLines(const Message& message) {
     try {
       rpc::PutValue(*one, *field, rpc::ReadValue(*field, value), std::nullopt);
     } catch (const std::invalid_argument& error) {
-      FUZZ_CHECK(false, fuzz::Detail(path + "=" + value + ": " + error.what()));
+      FUZZ_CHECK(false, fuzz::Detail(Word(path, value) + ": " + error.what()));
     }
     bool found = false;
     for (const auto& [name, text] : rpc::FieldsOf(*one)) found = found || (name == path && text == value);
-    FUZZ_CHECK(found, fuzz::Detail(path + "=" + value));
+    FUZZ_CHECK(found, fuzz::Detail(Word(path, value)));
   }
 }
 

@@ -10,12 +10,13 @@
 #include <string>
 #include <string_view>
 
-#include "console/tcp/served_connection.h"
+#include "console/tcp/access/candidate.h"
+#include "console/transport/served_connection.h"
 
 namespace cli::internal {
 
 // The test sets its state and reads the calls that it got.
-class FakeConnection : public ServedConnection, public std::enable_shared_from_this<FakeConnection> {
+class FakeConnection : public ServedConnection, public Candidate, public std::enable_shared_from_this<FakeConnection> {
  public:
   // One of `open`, which it leaves when it closes.
   static std::shared_ptr<FakeConnection> In(ServedConnections& open) {

@@ -5,14 +5,11 @@
 // clang-format on
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <pwd.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/posix/stream_descriptor.hpp>
@@ -21,12 +18,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <future>
 #include <map>
 #include <optional>
-#include <set>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -34,6 +28,9 @@
 #include "console/control/control_connection.h"
 #include "console/control/protocol/reply.h"
 #include "console/control/socket_file.h"
+#include "console/transport/drain.h"
+#include "console/transport/io_thread.h"
+#include "console/transport/output_tick.h"
 #include "klbase/collapsed_records.h"
 #include "klbase/log.h"
 
@@ -41,7 +38,6 @@ namespace cli::internal {
 namespace {
 
 using Local = asio::local::stream_protocol;
-using Connections = std::set<std::shared_ptr<ControlConnection>>;
 
 // The names of users. One thread.
 class UserNames {
@@ -103,38 +99,25 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
 
   void Start() override {
     AwaitConnection();
-    // The thread handles no signals: a handler that stops the console would wait for the thread that it runs on.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
-    thread_ = std::thread([this] { io_.run(); });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    thread_.Start();
   }
 
   const std::string& Path() const override { return path_; }
 
   void Finish() override {
-    const auto begun = std::make_shared<std::promise<void>>();
-    asio::post(io_, [this, begun] {
+    const auto begin = [this] {
       std::error_code ignored;
       listener_.close(ignored);
-      const Connections open = connections_;
-      for (const auto& connection : open) connection->Finish("The console ends.\n");
       file_.reset();  // the kernel refuses connections from now on
-      CloseSlowReadersLater();
-      begun->set_value();
-    });
-    // Bounded, as all of the end is: a process that exits waits for no I/O thread that hangs.
-    begun->get_future().wait_for(options_.drain);
+      drain_.Begin();
+    };
+    thread_.Run(begin, options_.drain);  // bounded, as all of the end is
   }
 
   void Stop() override {
-    work_.reset();
-    io_.stop();
-    if (thread_.joinable()) thread_.join();
+    thread_.Stop();
     file_.reset();
-    const Connections open = std::exchange(connections_, {});
+    const ServedConnections open = std::exchange(connections_, {});
     for (const auto& connection : open) connection->Abandon();
   }
 
@@ -183,7 +166,7 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
     const std::string name = peer ? users_.Of(peer->uid) + " pid " + std::to_string(peer->pid) : "unknown";
     const auto connection = std::make_shared<ControlConnection>(io_, std::move(socket), name, *this);
     connections_.insert(connection);
-    TellRecordsLater();
+    teller_.TellLater();
     SessionSlot slot;
     const std::string refusal = Refusal(peer, name, slot);
     if (refusal.empty()) return connection->Start(std::move(slot));
@@ -207,43 +190,10 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
     return "all " + std::to_string(options_.max_sessions) + " sessions of the console are in use; try again later";
   }
 
-  // A storm's last count is told also when nothing comes behind it.
-  void TellRecordsLater() {
-    if (std::exchange(telling_, true)) return;
-    telling_timer_.expires_after(std::chrono::minutes(1));
-    telling_timer_.async_wait([this](const std::error_code& error) {
-      if (error) return;
-      telling_ = false;
-      bool more = false;
-      for (auto* records : {&openings_, &ends_, &closings_, &refusals_}) more |= records->Tell();
-      if (more) TellRecordsLater();
-    });
-  }
-
-  // What sessions have used stays with the allocator, which gives little of it back by itself.
-  void TrimMemoryLater() {
-    constexpr auto kCalm = std::chrono::seconds(5);
-    if (std::exchange(trimming_, true)) return;
-    trim_timer_.expires_after(kCalm);
-    trim_timer_.async_wait([this](const std::error_code& error) {
-      if (error) return;
-      trimming_ = false;
-      ::malloc_trim(0);
-    });
-  }
-
-  // A command that still runs may end in the next round.
-  void CloseSlowReadersLater() {
-    drain_timer_.expires_after(options_.drain);
-    drain_timer_.async_wait([this](const std::error_code& error) {
-      if (error) return;
-      const Connections open = connections_;
-      for (const auto& connection : open) {
-        const bool stuck = connection->Output()->StalledFor() >= options_.drain;
-        if (stuck || !connection->Busy()) connection->Abort("the console ends");
-      }
-      if (!connections_.empty()) CloseSlowReadersLater();
-    });
+  bool TellRecords() {
+    bool more = false;
+    for (auto* records : {&openings_, &ends_, &closings_, &refusals_}) more |= records->Tell();
+    return more;
   }
 
   // --- ControlConnectionOwner
@@ -251,6 +201,7 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
   const ConsoleOptions& Options() const override { return options_; }
   std::string& ReadBuffer() override { return read_buffer_; }
   klbase::CollapsedRecords& ClosingRecords() override { return closings_; }
+  void CommandStarted() override { tick_.Start(); }
 
   std::shared_ptr<ControlSession> OpenControl(ControlConnection& connection, SessionSlot slot) override {
     const SessionConfig parts = parts_.session_config();
@@ -288,7 +239,7 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
       parts_.table->Reap(session);
     }
     if (connection.Refused()) --lingering_;
-    TrimMemoryLater();
+    thread_.TrimMemoryLater();
     connections_.erase(connection.shared_from_this());
   }
 
@@ -303,20 +254,17 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
   klbase::CollapsedRecords closings_{40, "console control connections closed"};
   klbase::CollapsedRecords refusals_{40, "refused console control connections"};
   int lingering_ = 0;  // refused connections that are not closed yet
-  bool telling_ = false;
-  bool trimming_ = false;
   bool out_of_resources_ = false;
-  asio::io_context io_{1};
-  asio::steady_timer telling_timer_{io_};
-  asio::steady_timer trim_timer_{io_};
-  asio::steady_timer drain_timer_{io_};
+  IoThread thread_;
+  asio::io_context& io_ = thread_.Io();
+  RecordsTeller teller_{io_, [this] { return TellRecords(); }};
   asio::steady_timer pause_{io_};
-  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_{asio::make_work_guard(io_)};
-  Connections connections_;
+  ServedConnections connections_;
+  Drain drain_{io_, connections_, options_.drain};
+  OutputTick tick_{io_, connections_};
   std::unique_ptr<SocketFile> file_;
   asio::posix::stream_descriptor listener_;
   std::string read_buffer_;
-  std::thread thread_;
 };
 
 void MakeFolder(const std::string& path) {

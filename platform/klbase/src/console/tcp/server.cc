@@ -4,30 +4,24 @@
 #include "console/asio_setup.h"
 // clang-format on
 
-#include <malloc.h>
-#include <signal.h>
-
-#include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
-#include <future>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "console/tcp/access/admission.h"
 #include "console/tcp/access/login_queue.h"
 #include "console/tcp/access/password_checker.h"
 #include "console/tcp/connection.h"
-#include "console/tcp/drain.h"
 #include "console/tcp/http_sniff.h"
 #include "console/tcp/listener.h"
-#include "console/tcp/output_tick.h"
+#include "console/transport/drain.h"
+#include "console/transport/io_thread.h"
+#include "console/transport/output_tick.h"
 #include "klbase/collapsed_records.h"
 #include "klbase/log.h"
 
@@ -65,13 +59,7 @@ class ServerImpl : public Server, public ConnectionOwner {
 
   void Start() override {
     listener_.Start();
-    // The thread handles no signals: a handler that stops the console would wait for the thread that it runs on.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
-    thread_ = std::thread([this] { io_.run(); });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    thread_.Start();
   }
 
   int Port() const override { return listener_.Port(); }
@@ -82,21 +70,16 @@ class ServerImpl : public Server, public ConnectionOwner {
   }
 
   void Finish() override {
-    const auto begun = std::make_shared<std::promise<void>>();
-    asio::post(io_, [this, begun] {
+    const auto begin = [this] {
       listener_.Close();
       logins_.Close();
       drain_.Begin();
-      begun->set_value();
-    });
-    // Bounded, as all of the end is: a process that exits waits for no I/O thread that hangs.
-    begun->get_future().wait_for(options_.drain);
+    };
+    thread_.Run(begin, options_.drain);  // bounded, as all of the end is
   }
 
   void Stop() override {
-    work_.reset();
-    io_.stop();
-    if (thread_.joinable()) thread_.join();
+    thread_.Stop();
     const ServedConnections open = std::exchange(connections_, {});
     for (const auto& connection : open) connection->Abandon();
   }
@@ -110,37 +93,18 @@ class ServerImpl : public Server, public ConnectionOwner {
     const auto connection = std::make_shared<Connection>(io_, std::move(socket), *this);
     Admission::Decision decision = admission_.Decide(connection);
     connections_.insert(connection);
-    TellRecordsLater();
+    teller_.TellLater();
     if (decision.refusal.empty()) return connection->Start(std::move(decision.slot));
     const bool many = lingering_ >= kMaxRefused;
     ++lingering_;
     connection->Refuse(decision.refusal, many);
   }
 
-  // What sessions have used stays with the allocator, which gives little of it back by itself.
-  void TrimMemoryLater() {
-    constexpr auto kCalm = std::chrono::seconds(5);
-    if (std::exchange(trimming_, true)) return;
-    trim_timer_.expires_after(kCalm);
-    trim_timer_.async_wait([this](const std::error_code& error) {
-      if (error) return;
-      trimming_ = false;
-      ::malloc_trim(0);
-    });
-  }
-
-  // A storm's last count is told also when nothing comes behind it.
-  void TellRecordsLater() {
-    if (std::exchange(telling_, true)) return;
-    telling_timer_.expires_after(std::chrono::minutes(1));
-    telling_timer_.async_wait([this](const std::error_code& error) {
-      if (error) return;
-      telling_ = false;
-      bool more = admission_.TellRefusals();
-      for (auto* records : {&openings_, &ends_, &closings_, &browsers_, &wrong_passwords_}) more |= records->Tell();
-      if (passwords_ != nullptr) more |= passwords_->TellFailures();
-      if (more) TellRecordsLater();
-    });
+  bool TellRecords() {
+    bool more = admission_.TellRefusals();
+    for (auto* records : {&openings_, &ends_, &closings_, &browsers_, &wrong_passwords_}) more |= records->Tell();
+    if (passwords_ != nullptr) more |= passwords_->TellFailures();
+    return more;
   }
 
   // --- ConnectionOwner
@@ -193,7 +157,7 @@ class ServerImpl : public Server, public ConnectionOwner {
       parts_.table->Reap(session->Id());
     }
     if (connection.Refused()) --lingering_;
-    TrimMemoryLater();
+    thread_.TrimMemoryLater();
     connections_.erase(connection.shared_from_this());
   }
 
@@ -208,19 +172,15 @@ class ServerImpl : public Server, public ConnectionOwner {
   klbase::CollapsedRecords browsers_{40, "console sessions closed for their first line"};
   klbase::CollapsedRecords wrong_passwords_{40, "wrong console passwords", {3, std::chrono::minutes(1)}};
   int lingering_ = 0;  // refused connections that are not closed yet
-  bool telling_ = false;
-  asio::io_context io_{1};
-  asio::steady_timer telling_timer_{io_};
-  bool trimming_ = false;
-  asio::steady_timer trim_timer_{io_};
-  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work_{asio::make_work_guard(io_)};
+  IoThread thread_;
+  asio::io_context& io_ = thread_.Io();
+  RecordsTeller teller_{io_, [this] { return TellRecords(); }};
   ServedConnections connections_;
   Listener listener_;
   OutputTick tick_;
   Drain drain_;
   LoginQueue logins_;  // posts its answers to io_
   std::string read_buffer_;
-  std::thread thread_;
 };
 
 }  // namespace

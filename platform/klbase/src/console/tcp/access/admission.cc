@@ -14,7 +14,7 @@ Admission::Admission(const ConsoleOptions& options, SessionTable* table)
       allowed_(options.allow),
       table_(table) {}
 
-Admission::Decision Admission::Decide(const std::shared_ptr<ServedConnection>& connection) {
+Admission::Decision Admission::Decide(const std::shared_ptr<Candidate>& connection) {
   if (asks_password_) {
     MakeRoom(connection->Address());
     logging_in_.push_back(connection);
@@ -43,7 +43,7 @@ std::string Admission::Refusal() const {
 }
 
 // "" for a user who may use the console. One that isn't known may be anybody.
-std::string Admission::UserRefusal(const ServedConnection& connection) {
+std::string Admission::UserRefusal(const Candidate& connection) {
   if (allowed_.Any()) return "";
   const auto user = connection.User();
   if (!user) {
@@ -94,7 +94,7 @@ std::string Admission::MostFrequentAddress() const {
 // The oldest: it had the most time to log in. One that may be gone leaves before, and one that has been silent so far
 // before an operator who types.
 void Admission::PushOutOneOf(const std::string& address) {
-  using Standing = ServedConnection::Standing;
+  using Standing = Candidate::Standing;
   auto chosen = logging_in_.end();
   auto chosen_standing = Standing::kHeard;
   for (auto at = logging_in_.begin(); at != logging_in_.end(); ++at) {

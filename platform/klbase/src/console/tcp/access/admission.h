@@ -11,7 +11,7 @@
 #include "console/options.h"
 #include "console/output_buffer.h"
 #include "console/session/session_table.h"
-#include "console/tcp/served_connection.h"
+#include "console/tcp/access/candidate.h"
 #include "klbase/collapsed_records.h"
 
 namespace cli::internal {
@@ -39,7 +39,7 @@ class Admission {
 
   // For a connection that has come. One that has yet to log in may make another of its kind leave. A refusal leaves a
   // record of level 40.
-  Decision Decide(const std::shared_ptr<ServedConnection>& connection);
+  Decision Decide(const std::shared_ptr<Candidate>& connection);
 
   // Tells the refusals of a minute that is over; returns whether some wait for theirs.
   bool TellRefusals() { return refusals_.Tell(); }
@@ -48,10 +48,10 @@ class Admission {
   bool AdmitLoggedIn(int session_id, OutputBuffer& output);
 
  private:
-  using Connections = std::list<std::weak_ptr<ServedConnection>>;
+  using Connections = std::list<std::weak_ptr<Candidate>>;
 
   std::string Refusal() const;
-  std::string UserRefusal(const ServedConnection& connection);
+  std::string UserRefusal(const Candidate& connection);
   void ForgetOthers();
   void MakeRoom(const std::string& address);
   std::size_t CountOf(const std::string& address) const;

@@ -133,8 +133,8 @@ TEST_F(LoginAdmissionTest, WhenAllRoomIsTakenTheAddressWithTheMostOfItGives) {
 
 TEST_F(LoginAdmissionTest, AnOperatorWhoTypesStaysBeforeSilentClientsAndThoseThatMayBeGone) {
   Fill();
-  connected_[0]->standing = ServedConnection::Standing::kHeard;
-  connected_[3]->standing = ServedConnection::Standing::kEnded;
+  connected_[0]->standing = Candidate::Standing::kHeard;
+  connected_[3]->standing = Candidate::Standing::kEnded;
   for (int i = 0; i < 3; ++i) connected_.push_back(Connect());
   EXPECT_EQ(Aborted(), 3U);
   EXPECT_EQ(connected_[0]->aborted_for, "");

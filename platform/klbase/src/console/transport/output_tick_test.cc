@@ -1,4 +1,4 @@
-#include "console/tcp/output_tick.h"
+#include "console/transport/output_tick.h"
 
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/fake_connection.h"

@@ -1,13 +1,9 @@
-// A connection as the parts of the server see it.
-#ifndef KLBASE_CONSOLE_TCP_SERVED_CONNECTION_H_
-#define KLBASE_CONSOLE_TCP_SERVED_CONNECTION_H_
-
-#include <sys/types.h>
+// A connection as the parts of its server see it.
+#ifndef KLBASE_CONSOLE_TRANSPORT_SERVED_CONNECTION_H_
+#define KLBASE_CONSOLE_TRANSPORT_SERVED_CONNECTION_H_
 
 #include <memory>
-#include <optional>
 #include <set>
-#include <string>
 #include <string_view>
 
 #include "console/output_buffer.h"
@@ -19,21 +15,6 @@ class ServedConnection {
  public:
   virtual ~ServedConnection() = default;
 
-  // "127.0.0.1:43210", or "unknown" for a client that is gone already.
-  virtual const std::string& Peer() const = 0;
-  // The address that it comes from, as far as strangers can't choose it: of IPv6 the network.
-  virtual const std::string& Address() const = 0;
-  // How likely it is that somebody will log in on it, the least likely first.
-  enum class Standing {
-    kEnded,   // it sends no more
-    kSilent,  // it has sent nothing so far
-    kHeard,
-  };
-  virtual Standing StandingBeforeLogin() = 0;
-  // The user of this machine at the other end; none when that isn't known.
-  virtual std::optional<uid_t> User() const = 0;
-  // Its session may run commands.
-  virtual bool LoggedIn() const = 0;
   virtual bool CommandRunning() const = 0;
   // How long output has waited without the client taking any of it; zero when none waits.
   virtual OutputBuffer::Clock::duration StalledFor() const = 0;
@@ -53,4 +34,4 @@ using ServedConnections = std::set<std::shared_ptr<ServedConnection>>;
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_SERVED_CONNECTION_H_
+#endif  // KLBASE_CONSOLE_TRANSPORT_SERVED_CONNECTION_H_

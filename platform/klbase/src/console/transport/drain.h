@@ -1,6 +1,6 @@
 // The console's end on its connections: a farewell, time for readers, and a close.
-#ifndef KLBASE_CONSOLE_TCP_DRAIN_H_
-#define KLBASE_CONSOLE_TCP_DRAIN_H_
+#ifndef KLBASE_CONSOLE_TRANSPORT_DRAIN_H_
+#define KLBASE_CONSOLE_TRANSPORT_DRAIN_H_
 
 // clang-format off: must come first
 #include "console/asio_setup.h"
@@ -10,7 +10,7 @@
 #include <asio/steady_timer.hpp>
 #include <chrono>
 
-#include "console/tcp/served_connection.h"
+#include "console/transport/served_connection.h"
 
 namespace cli::internal {
 
@@ -38,4 +38,4 @@ class Drain {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_DRAIN_H_
+#endif  // KLBASE_CONSOLE_TRANSPORT_DRAIN_H_

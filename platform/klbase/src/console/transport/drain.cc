@@ -1,4 +1,4 @@
-#include "console/tcp/drain.h"
+#include "console/transport/drain.h"
 
 #include <system_error>
 

@@ -1,4 +1,4 @@
-#include "console/tcp/output_tick.h"
+#include "console/transport/output_tick.h"
 
 #include <system_error>
 #include <utility>

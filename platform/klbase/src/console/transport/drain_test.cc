@@ -1,4 +1,4 @@
-#include "console/tcp/drain.h"
+#include "console/transport/drain.h"
 
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/fake_connection.h"

@@ -1,6 +1,6 @@
 // Output of a running command is written every 20 ms.
-#ifndef KLBASE_CONSOLE_TCP_OUTPUT_TICK_H_
-#define KLBASE_CONSOLE_TCP_OUTPUT_TICK_H_
+#ifndef KLBASE_CONSOLE_TRANSPORT_OUTPUT_TICK_H_
+#define KLBASE_CONSOLE_TRANSPORT_OUTPUT_TICK_H_
 
 // clang-format off: must come first
 #include "console/asio_setup.h"
@@ -10,7 +10,7 @@
 #include <asio/steady_timer.hpp>
 #include <chrono>
 
-#include "console/tcp/served_connection.h"
+#include "console/transport/served_connection.h"
 
 namespace cli::internal {
 
@@ -38,4 +38,4 @@ class OutputTick {
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CONSOLE_TCP_OUTPUT_TICK_H_
+#endif  // KLBASE_CONSOLE_TRANSPORT_OUTPUT_TICK_H_
