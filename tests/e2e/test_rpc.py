@@ -1,5 +1,7 @@
 """The menu "rpc" in the whole program: typing with Tab, giving a call up, and the end of the tool."""
 
+import pathlib
+import re
 import time
 
 from conftest import interrupt_and_wait, wait_until
@@ -19,6 +21,17 @@ def test_tab_and_the_hint_lead_through_a_message(terminal):
     session.send("5\r")
     session.expect_exact("**************lp.v1.SetSeekOfUplayerReq**********\r\nno reply\r\n")
     session.expect(r"unreachable: playd: .*\(code 14\)\r\n")
+
+
+def test_the_program_has_every_message_of_the_schema(tool, connect):
+    schema = pathlib.Path(__file__).resolve().parents[2] / "schema"
+    texts = [path.read_text() for path in schema.rglob("*.proto")]
+    declared = {name for text in texts for name in re.findall(r"^message (\w+)", text, re.M)}
+    assert len(declared) > 50  # the files were found and read
+    program = connect(tool.port())
+    program.send("rpc list\n")
+    listed = {word.rpartition(".")[2] for word in program.finish().split()}
+    assert declared - listed == set()
 
 
 def test_ctrl_c_gives_a_call_up(tool, telnet, fake_encd):
