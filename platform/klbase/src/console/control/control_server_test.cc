@@ -468,6 +468,7 @@ TEST_F(ControlServerTest, InAStormOfEventsNoReplyIsLostOrMixedUp) {
     }
   });
   std::vector<std::thread> clients;
+  clients.reserve(kClients);
   std::atomic<int> right = 0;
   for (int c = 0; c < kClients; ++c) {
     clients.emplace_back([this, c, &right] {
@@ -519,8 +520,10 @@ TEST_F(ControlServerTest, AClientThatReadsNothingIsClosedAndDelaysNobody) {
 
 TEST_F(ControlServerTest, TwoHundredClientsAtOnceAreServedOrToldSo) {
   Open();
+  constexpr int kClients = 200;
   std::vector<ControlClient> clients;
-  for (int i = 0; i < 200; ++i) clients.emplace_back(Path());
+  clients.reserve(kClients);
+  for (int i = 0; i < kClients; ++i) clients.emplace_back(Path());
   int served = 0;
   int told = 0;
   for (auto& client : clients) {

@@ -210,18 +210,18 @@ void ControlSession::OnDeadline(std::uint64_t run) {
 
 template <typename Predicate>
 bool ControlSession::GiveUp(const Predicate& is_meant, Status status, const std::string& why) {
-  std::stop_source stop;
+  std::optional<std::stop_source> stop;
   {
     const absl::MutexLock lock(&mutex_);
     if (!running_ || running_->answered || !is_meant(*running_)) return false;
     running_->answered = true;
-    stop = running_->stop;
+    stop.emplace(running_->stop);
     // With the lock held: the next run, whose output and reply must not come in between, can't begin.
     const CapturedOutput::Text printed = captured_.Take();
     wire_->Append(
         RunReply(running_->id, {status, 0, why, {}}, printed.text, printed.truncated, Since(running_->begin)));
   }
-  stop.request_stop();
+  stop->request_stop();
   wire_->FlushUnlessBlocked();
   return true;
 }

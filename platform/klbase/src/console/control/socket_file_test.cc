@@ -155,6 +155,7 @@ TEST_F(SocketFileTest, OfManyThatStartAtOnceExactlyOneServes) {
     if (round % 2 == 0) ::close(BindAt(path_));  // the stale file is what they compete for
     std::vector<std::unique_ptr<SocketFile>> files(kStarters);
     std::vector<std::thread> starters;
+    starters.reserve(kStarters);
     for (auto& file : files) {
       starters.emplace_back([this, &file] {
         try {
