@@ -14,6 +14,7 @@ STORM_S = 40
 CONNECTIONS = 200  # at a time
 THREADS = 8  # more than before, however many log in
 LOGIN_LIMIT_S = 1.0
+SHORT_RUN_LIMIT_S = 4.0  # such a run stands beside other tests
 PASSWORD = "right and long"
 STORM_ADDRESS, OWN_ADDRESS = "127.0.0.66", "127.0.0.7"
 # Slow on purpose: a check costs the processor some 5 ms.
@@ -114,7 +115,8 @@ def judge(soak, storm, logins, before, most):
     soak.require(storm.let_in == 0, f"{storm.let_in} wrong passwords were let in")
     soak.require(failed == 0, f"{failed} right logins failed")
     if not soak.sanitized:
-        soak.require(percentile(took, 1.0) is not None and percentile(took, 1.0) <= LOGIN_LIMIT_S,
+        limit_s = LOGIN_LIMIT_S if soak.scale >= 1 else SHORT_RUN_LIMIT_S
+        soak.require(percentile(took, 1.0) is not None and percentile(took, 1.0) <= limit_s,
                      f"a right login took {milliseconds(percentile(took, 1.0))}")
     soak.require(most <= before + THREADS, f"{most} threads in the storm, {before} before")
     soak.number("wrong passwords sent / told so", f"{storm.sent} / {storm.answered}")
