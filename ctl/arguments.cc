@@ -1,8 +1,10 @@
 #include "ctl/arguments.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
+#include <iterator>
 
 namespace vexctl {
 namespace {
@@ -12,8 +14,13 @@ using Words = std::vector<std::string>;
 constexpr double kLeastSeconds = 0.001;
 constexpr double kMostSeconds = 86400;  // as the tool has it
 
+// Another machine may choose neither files nor the tool.
+constexpr std::string_view kForRemote[] = {"--json", "--field", "--within", "-k", "-q", "-h", "--help", "--version"};
+constexpr std::string_view kBlanks = " \t";
+
 struct Reader {
   const Words& words;
+  bool is_remote = false;
   std::size_t next = 0;
 
   bool More() const { return next < words.size(); }
@@ -55,8 +62,16 @@ void ReadWithValue(const std::string& name, const std::string& value, Arguments&
   }
 }
 
+bool IsForRemote(std::string_view word) {
+  return std::any_of(std::begin(kForRemote), std::end(kForRemote), [word](auto name) { return Is(word, name); });
+}
+
 void ReadOption(Reader& reader, Arguments& arguments) {
   const std::string& word = reader.words[reader.next++];
+  if (reader.is_remote && !IsForRemote(word)) {
+    arguments.error = "\"" + word + "\" can't come over ssh; --json, --field, --within, -k and -q can";
+    return;
+  }
   for (const char* name : {"-c", "-f", "--socket", "--field", "--within"}) {
     if (!Is(word, name)) continue;
     if (const auto value = reader.Value(name, word, arguments)) ReadWithValue(name, *value, arguments);
@@ -77,6 +92,23 @@ void ReadOption(Reader& reader, Arguments& arguments) {
   }
 }
 
+bool AsksForHelp(const Arguments& arguments) {
+  return arguments.form == Arguments::Form::kHelp || arguments.form == Arguments::Form::kVersion;
+}
+
+// Reads the options at the beginning; `reader.next` is at the line's first word then.
+void ReadOptions(Reader& reader, Arguments& arguments) {
+  while (reader.More() && arguments.error.empty() && !AsksForHelp(arguments)) {
+    const std::string& word = reader.words[reader.next];
+    if (word == "--") {
+      ++reader.next;
+      return;
+    }
+    if (word.size() < 2 || word.front() != '-') return;
+    ReadOption(reader, arguments);
+  }
+}
+
 void ReadLine(const Words& words, Arguments& arguments) {
   if (!arguments.sources.empty()) {
     arguments.error = "\"" + words.front() + "\" stands behind -c or -f, which bring the lines themselves";
@@ -92,6 +124,51 @@ void ReadLine(const Words& words, Arguments& arguments) {
     std::string line;
     for (const std::string& word : words) line += (line.empty() ? "" : " ") + Quote(word);
     arguments.sources.push_back({false, line});
+  }
+}
+
+std::vector<std::string_view> SplitAtBlanks(std::string_view text) {
+  std::vector<std::string_view> pieces;
+  for (std::size_t end = 0;;) {
+    const std::size_t start = text.find_first_not_of(kBlanks, end);
+    if (start == std::string_view::npos) return pieces;
+    end = std::min(text.find_first_of(kBlanks, start), text.size());
+    pieces.push_back(text.substr(start, end - start));
+  }
+}
+
+// The words of a line, as the console has them. An open quote ends with the line.
+Words SplitWords(std::string_view line) {
+  Words words;
+  bool quoted = false;
+  bool inside = false;
+  for (std::size_t at = 0; at < line.size(); ++at) {
+    const bool is_blank = !quoted && kBlanks.find(line[at]) != std::string_view::npos;
+    if (!is_blank && !inside) words.emplace_back();
+    inside = !is_blank;
+    if (is_blank) continue;
+    if (line[at] == '"') {
+      quoted = !quoted;
+      continue;
+    }
+    if (line[at] == '\\' && at + 1 < line.size()) ++at;
+    words.back() += line[at];
+  }
+  return words;
+}
+
+// `line` begins with the word `first`.
+void ReadRemoteLine(std::string_view first, std::string_view line, Arguments& arguments) {
+  const std::string_view rest = line.substr(std::min(line.find_first_not_of(kBlanks, first.size()), line.size()));
+  if (first == "monitor") {
+    arguments.form = Arguments::Form::kMonitor;
+    arguments.words = SplitWords(rest);
+  } else if (first == "complete") {
+    arguments.form = Arguments::Form::kComplete;
+    arguments.words = {std::string(rest)};
+  } else {
+    arguments.form = Arguments::Form::kLines;
+    arguments.sources.push_back({false, std::string(line)});
   }
 }
 
@@ -120,7 +197,8 @@ const char kHelpText[] =
   --socket PATH      the tool's control socket
   --help, --version
 
-Options stand before the first word. Exit status: 0 ok, 1 refused or failed, 2 usage, 3 tool or daemon not reached,
+Options stand before the first word. As the ForceCommand of sshd it runs what the client asks for (SSH_ORIGINAL_COMMAND):
+one line as it stands, options before it but no -c, -f or --socket. Exit status: 0 ok, 1 refused or failed, 2 usage, 3 tool or daemon not reached,
 4 time limit, 130 cancelled. In a session Ctrl-] leaves.
 )";
 
@@ -150,21 +228,31 @@ std::string_view WithoutComment(std::string_view line) {
 Arguments ReadArguments(const Words& words) {
   Arguments arguments;
   Reader reader{words};
-  while (reader.More() && arguments.error.empty()) {
-    const std::string& word = words[reader.next];
-    if (word == "--") {
-      ++reader.next;
-      break;
-    }
-    if (word.size() < 2 || word.front() != '-') break;
-    ReadOption(reader, arguments);
-    if (arguments.form == Arguments::Form::kHelp || arguments.form == Arguments::Form::kVersion) return arguments;
-  }
+  ReadOptions(reader, arguments);
+  if (AsksForHelp(arguments)) return arguments;
   if (arguments.error.empty() && reader.More()) {
     ReadLine({words.begin() + static_cast<std::ptrdiff_t>(reader.next), words.end()}, arguments);
   }
   if (arguments.error.empty()) CheckTogether(arguments);
   return arguments;
+}
+
+void ReadRemoteCommand(std::string_view command, Arguments& arguments) {
+  arguments.is_remote = true;
+  if (command.find_first_of("\r\n") != std::string_view::npos) {
+    arguments.error = "a command over ssh is one line; several are read from standard input when there is no command";
+    return;
+  }
+  const std::vector<std::string_view> pieces = SplitAtBlanks(command);
+  const Words words(pieces.begin(), pieces.end());
+  Reader reader{words, true};
+  ReadOptions(reader, arguments);
+  if (AsksForHelp(arguments)) return;
+  if (arguments.error.empty() && reader.More()) {
+    const std::string_view first = pieces[reader.next];
+    ReadRemoteLine(first, command.substr(static_cast<std::size_t>(first.data() - command.data())), arguments);
+  }
+  if (arguments.error.empty()) CheckTogether(arguments);
 }
 
 }  // namespace vexctl

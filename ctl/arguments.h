@@ -31,14 +31,19 @@ struct Arguments {
   bool keep_going = false;
   bool json = false;
   bool quiet = false;
-  std::string field;   // "": none
-  std::string socket;  // "": where the environment and the tool's own rule say
+  bool is_remote = false;  // sshd runs it for a client
+  std::string field;       // "": none
+  std::string socket;      // "": where the environment and the tool's own rule say
   std::optional<std::chrono::milliseconds> within;
   std::string error;  // "" when the words make sense
 };
 
 // `words` are those behind the program's name.
 Arguments ReadArguments(const std::vector<std::string>& words);
+
+// Adds the command that a client of sshd asked for: options, without those that choose a file or the tool, and then one
+// line as it stands, which no shell has seen. Without a line `form` stays as it is.
+void ReadRemoteCommand(std::string_view command, Arguments& arguments);
 
 // `word` written so that it is one word of a line.
 std::string Quote(std::string_view word);

@@ -79,6 +79,68 @@ TEST(ArgumentsTest, WhatMakesNoSenseIsExplained) {
   EXPECT_EQ(error_of({"--field", "a", "monitor"}), "--field goes with lines that are run");
 }
 
+Arguments ReadRemote(std::string_view command, const Words& own = {}) {
+  Arguments arguments = ReadArguments(own);
+  ReadRemoteCommand(command, arguments);
+  return arguments;
+}
+
+TEST(RemoteCommandTest, ItIsOneLineAsItStands) {
+  for (const char* line :
+       {"playd GetSeekOfUplayer 0", "say \"a  b\" c\\ d", "say ; touch x | `y` $(z) # -k && > f", "\"-5\""}) {
+    const Arguments arguments = ReadRemote(line);
+    EXPECT_EQ(arguments.error, "");
+    EXPECT_EQ(arguments.form, Form::kLines);
+    EXPECT_THAT(Lines(arguments), ElementsAre(line));
+  }
+}
+
+TEST(RemoteCommandTest, OptionsStandBeforeTheLine) {
+  const Arguments arguments = ReadRemote(" -k --within 1.5  --field=code\t-- -5  --json ", {"-q", "--socket", "s"});
+  EXPECT_EQ(arguments.error, "");
+  EXPECT_TRUE(arguments.keep_going && arguments.quiet && !arguments.json && arguments.is_remote);
+  EXPECT_EQ(arguments.within, std::chrono::milliseconds(1500));
+  EXPECT_EQ(arguments.field, "code");
+  EXPECT_EQ(arguments.socket, "s");
+  EXPECT_THAT(Lines(arguments), ElementsAre("-5  --json "));
+}
+
+TEST(RemoteCommandTest, WithoutALineItIsASessionOrStandardInput) {
+  for (const char* command : {"", " \t", "--json", "-q --"}) {
+    EXPECT_EQ(ReadRemote(command).form, Form::kNoWords) << command;
+    EXPECT_EQ(ReadRemote(command).error, "") << command;
+  }
+}
+
+TEST(RemoteCommandTest, ItChoosesNeitherFilesNorTheTool) {
+  for (const std::string option : {"-f", "-f=x", "-c", "--socket", "--socket=x", "--nonsense"}) {
+    const Arguments arguments = ReadRemote("--json " + option + " /etc/passwd");
+    EXPECT_EQ(arguments.error, "\"" + option + "\" can't come over ssh; --json, --field, --within, -k and -q can");
+    EXPECT_THAT(Lines(arguments), ElementsAre()) << option;
+    EXPECT_EQ(arguments.socket, "");
+  }
+}
+
+TEST(RemoteCommandTest, ALineEndIsRefused) {
+  for (const char* command : {"one\ntwo", "one\rtwo", "one\n", "\n"}) {
+    EXPECT_THAT(ReadRemote(command).error, HasSubstr("a command over ssh is one line")) << command;
+    EXPECT_THAT(Lines(ReadRemote(command)), ElementsAre());
+  }
+}
+
+TEST(RemoteCommandTest, TheOtherForms) {
+  const Arguments monitor = ReadRemote("--json monitor  layer/* \"a b\">=1 c\\ d \"\" \"e");
+  EXPECT_EQ(monitor.form, Form::kMonitor);
+  EXPECT_THAT(monitor.words, ElementsAre("layer/*", "a b>=1", "c d", "", "e"));
+  EXPECT_TRUE(monitor.json);
+  const Arguments complete = ReadRemote("complete playd  Op ");
+  EXPECT_EQ(complete.form, Form::kComplete);
+  EXPECT_THAT(complete.words, ElementsAre("playd  Op "));
+  EXPECT_THAT(ReadRemote("complete").words, ElementsAre(""));
+  EXPECT_EQ(ReadRemote("--help --socket").form, Form::kHelp);
+  EXPECT_EQ(ReadRemote("--field a monitor").error, "--field goes with lines that are run");
+}
+
 TEST(CommentTest, ACommentBeginsAtAWord) {
   EXPECT_EQ(WithoutComment("a b # c"), "a b ");
   EXPECT_EQ(WithoutComment("# c"), "");

@@ -1,5 +1,7 @@
 #include "ctl/commands.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -54,7 +56,9 @@ class Requests {
         case Got::kLine: {
           Json reply = Json::parse(connection_.Line(), nullptr, false);
           if (reply.is_object() && reply.contains("id") && reply["id"] == id) return reply;
-          if (reply.is_object() && !reply.contains("id")) report_.Event(connection_.Line());
+          if (!reply.is_object() || reply.contains("id")) break;
+          if (reply.contains("status")) return reply;  // too long, or the session ends
+          report_.Event(connection_.Line());
           break;
         }
         case Got::kEnd:
@@ -142,6 +146,8 @@ void RunFile(const Source& source, bool last_source, Runner& runner, Report& rep
 int Connect(const Arguments& arguments, Connection& connection, Report& report) {
   std::string why;
   const std::string path = SocketPath(arguments.socket, why);
+  // An ssh client that has gone leaves nobody else who could interrupt it.
+  if (!arguments.quiet || arguments.is_remote) connection.WatchReaderOf(STDOUT_FILENO);
   if (!path.empty()) why = connection.Open(path);
   if (why.empty()) return kExitOk;
   return report.Reply(MadeReply(connection.WasInterrupted() ? "cancelled" : "unreachable", why), false);

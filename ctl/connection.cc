@@ -121,11 +121,11 @@ Connection::Got Connection::Receive(std::optional<Clock::time_point> deadline) {
   while (!TakeLine()) {
     received_.erase(0, std::exchange(used_, 0));
     searched_ = received_.size();
-    pollfd ready[2] = {{fd_, POLLIN, 0}, {interrupt_fd_, POLLIN, 0}};
-    const int count = ::poll(ready, 2, MillisecondsUntil(deadline));
+    pollfd ready[3] = {{fd_, POLLIN, 0}, {interrupt_fd_, POLLIN, 0}, {output_fd_, 0, 0}};
+    const int count = ::poll(ready, 3, MillisecondsUntil(deadline));
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return Got::kTimeout;
-    if (ready[1].revents != 0) return Got::kInterrupted;
+    if (ready[1].revents != 0 || (ready[2].revents & (POLLERR | POLLHUP)) != 0) return Got::kInterrupted;
     if (ready[0].revents == 0) continue;
     constexpr std::size_t kPiece = 64 << 10;
     const std::size_t before = received_.size();

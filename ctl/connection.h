@@ -23,7 +23,7 @@ class Connection {
     kLine,
     kEnd,          // the tool ended or closed the connection
     kTimeout,      // the deadline has passed
-    kInterrupted,  // the interrupt descriptor is readable, and stays so until its owner reads it
+    kInterrupted,  // the interrupt descriptor is readable, and stays so until its owner reads it; or WatchReaderOf()
   };
 
   // Everything that waits ends when `interrupt_fd` is readable; -1: never. It stays the caller's, and outlives this.
@@ -37,6 +37,8 @@ class Connection {
   std::string Open(const std::string& path);
   // Open() failed for an interrupt.
   bool WasInterrupted() const { return interrupted_; }
+  // From now on it counts as an interrupt when nobody is left to read what is written to `fd`.
+  void WatchReaderOf(int fd) { output_fd_ = fd; }
   int Fd() const { return fd_; }
 
   // False when the tool is gone.
@@ -55,6 +57,7 @@ class Connection {
 
   const int interrupt_fd_;
   int fd_ = -1;
+  int output_fd_ = -1;
   bool interrupted_ = false;
   std::string received_;
   std::size_t used_ = 0;      // of it, by lines that were taken

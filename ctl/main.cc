@@ -1,6 +1,7 @@
 // vexctl: lines of the console from a shell or a program, and an exit status for each.
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,10 @@ int Do(Arguments& arguments, Report& report) {
 
 int main(int argc, char** argv) {
   Arguments arguments = vexctl::ReadArguments({argv + 1, argv + argc});
+  const char* remote_command = std::getenv("SSH_ORIGINAL_COMMAND");
+  if (remote_command != nullptr && arguments.error.empty() && arguments.form == Arguments::Form::kNoWords) {
+    vexctl::ReadRemoteCommand(remote_command, arguments);
+  }
   Report report(arguments);
   if (!arguments.error.empty()) {
     report.Reply(vexctl::MadeReply("usage", arguments.error + "; vexctl --help shows all of it"), false);

@@ -116,6 +116,24 @@ def test_a_time_limit_of_ones_own_ends_with_4(serve, vexctl, fake_encd):
     assert "no answer within 200 ms" in done.stderr
 
 
+@pytest.mark.parametrize("size", [4097, 65537])
+def test_a_line_that_is_too_long_ends_with_2(serve, vexctl, size):
+    """Also one that the tool doesn't read, and so answers without an id."""
+    serve()
+    done = vexctl("-k", "-c", "x" * size, "-c", "core show version")
+    assert done.returncode == 2
+    assert " longer than " in done.stderr
+    assert done.stdout.endswith("git-version: v0.0.1\n")
+
+
+@pytest.mark.parametrize("words", [["monitor"], ["wait", "nothing", "within", "600"]])
+def test_one_whose_output_nobody_reads_any_more_ends_with_130(serve, path, words):
+    serve()
+    with subprocess.Popen([VEXCTL, "--socket", path, *words], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as running:
+        running.stdout.close()
+        assert running.wait(LIMIT_S) == 130
+
+
 def test_an_expectation_that_is_not_met_ends_with_1(serve, vexctl):
     serve()
     done = vexctl("-c", "core show version", "-c", "expect code=7")
