@@ -136,6 +136,7 @@ FOREIGN_FLAGS = {
     "--help",
     "--formatter", "--report-formatter", "--output",  # bats
     "--junit-xml",  # pytest
+    "--system", "--no-create-home", "--home-dir", "--shell", "--groups",  # groupadd, useradd
 }
 
 

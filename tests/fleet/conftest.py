@@ -1,0 +1,27 @@
+"""Shared by the tests of many devices."""
+
+import pathlib
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+
+from devices import Ground  # noqa: E402
+
+
+@pytest.fixture(scope="session")
+def ground():
+    made = Ground()
+    yield made
+    made.remove()
+
+
+@pytest.fixture(scope="session")
+def device(ground):
+    """With a tool and a player."""
+    made = ground.device("tv1", 1)
+    made.wait()
+    made.start("playd", "--headless")
+    made.start("vextool")
+    return made
