@@ -13,6 +13,7 @@
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "cli/plugin.h"
+#include "console/access/user_names.h"
 #include "console/commands/builtins.h"
 #include "console/control/control_server.h"
 #include "console/exit_guard.h"
@@ -176,6 +177,7 @@ class ConsoleRuntime : public SessionHost,
   std::shared_ptr<ConsoleSession> OpenLocalSession(SessionConfig config) {
     const SessionConfig base = NewConfig();
     config.id = base.id;
+    config.user = UserNames().Of(::geteuid());
     config.root = base.root;
     config.builtins = base.builtins;
     config.host = base.host;

@@ -23,7 +23,6 @@
 namespace klbase_internal {
 namespace {
 
-constexpr int kFlushAtOnceLevel = 30;
 constexpr int kStandardErrorLevel = 40;
 constexpr auto kFlushInterval = std::chrono::milliseconds(700);  // under the promised second
 
@@ -159,7 +158,7 @@ void LogFile::CloseLocked() {
   WriteToStandardError(notice);
 }
 
-void LogFile::Write(int level, std::string_view line) {
+void LogFile::Write(int level, Urgency urgency, std::string_view line) {
   // Set while this thread is inside: a crash in here comes back through the failure writer, and must not wait for the
   // lock that its own thread holds.
   constinit static thread_local bool inside = false;
@@ -173,15 +172,15 @@ void LogFile::Write(int level, std::string_view line) {
   {
     MutexLock lock(mutex_);
     // Tested again under the lock: the file may have been closed meanwhile.
-    written = !open_.load(std::memory_order_relaxed) || WriteToSinkLocked(level, line, &notice);
+    written = !open_.load(std::memory_order_relaxed) || WriteToSinkLocked(urgency, line, &notice);
   }
   inside = false;
   WriteToStandardError(notice);
   if (!written && level >= kStandardErrorLevel) WriteToStandardError(line);
 }
 
-bool LogFile::WriteToSinkLocked(int level, std::string_view line, std::string* notice) {
-  const bool flush = level >= kFlushAtOnceLevel || !flusher_runs_;
+bool LogFile::WriteToSinkLocked(Urgency urgency, std::string_view line, std::string* notice) {
+  const bool flush = urgency == Urgency::kAtOnce || !flusher_runs_;
   // Asked before each write to the file, and not for each record that only waits for one.
   if (sink_ != nullptr && (flush || !unflushed_) && FileIsGoneLocked()) BeginAgainLocked(notice);
   if (sink_ == nullptr) return false;
@@ -191,7 +190,7 @@ bool LogFile::WriteToSinkLocked(int level, std::string_view line, std::string* n
     SinkFailedLocked(failure.what(), notice);
     return false;
   }
-  if (!unflushed_) wake_flusher_.NotifyAll();
+  if (!flush && !unflushed_) wake_flusher_.NotifyAll();
   unflushed_ = true;
   if (flush) FlushLocked(notice);
   return sink_ != nullptr;

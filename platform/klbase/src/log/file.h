@@ -35,8 +35,10 @@ class LogFile {
 
   // False when a record would be dropped whatever its level.
   bool IsOpen() const { return open_.load(std::memory_order_acquire); }
+  // When a record is in the file itself: before Write() returns, or within a second.
+  enum class Urgency { kAtOnce, kSoon };
   // Writes one record's line.
-  void Write(int level, std::string_view line);
+  void Write(int level, Urgency urgency, std::string_view line);
 
  private:
   using Sink = std::unique_ptr<spdlog::sinks::sink>;
@@ -46,7 +48,8 @@ class LogFile {
   Sink OpenSink(std::string* error);
 
   void CloseLocked() ABSL_EXCLUSIVE_LOCKS_REQUIRED(control_);
-  bool WriteToSinkLocked(int level, std::string_view line, std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  bool WriteToSinkLocked(Urgency urgency, std::string_view line, std::string* notice)
+      ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   bool FileIsGoneLocked() const ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void BeginAgainLocked(std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void FlushLocked(std::string* notice) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);

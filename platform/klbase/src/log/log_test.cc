@@ -22,6 +22,7 @@
 
 #include "absl/synchronization/mutex.h"
 #include "klbase/log_sink.h"
+#include "log/soon.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/child_process.h"
 #include "platform/testing/scratch_folder.h"
@@ -134,6 +135,21 @@ TEST_F(LogTest, WhatIsNotUtf8AndControlCharactersAboveAsciiAreWrittenOut) {
   ASSERT_TRUE(Open());
   KL_LOG(30, "%s", "\xc2\x9b\x9b\xe4 \xe6\x97\xa5 \xe6\x97");
   EXPECT_THAT(Content(), EndsWith(": \\xc2\\x9b\\x9b\\xe4 日 \\xe6\\x97\n"));
+}
+
+TEST_F(LogTest, ARecordThatHasTimeIsInTheFileWithinASecondOrWithTheNextOne) {
+  ASSERT_TRUE(Open());
+  KL_LOG_SOON(30, "alone");
+  EXPECT_TRUE(WaitFor([this] { return Lines().size() == 1; }));
+  for (int i = 0; i < 100; ++i) KL_LOG_SOON(50, "before %d", i);
+  KL_LOG(50, "a crash");
+  const auto lines = Lines();
+  ASSERT_THAT(lines, SizeIs(102));
+  EXPECT_THAT(lines[100], EndsWith(": before 99"));
+  EXPECT_THAT(lines[101], EndsWith(": a crash"));
+  KL_LOG_SOON(10, "suppressed");
+  KlLogDestory();
+  EXPECT_THAT(Lines(), SizeIs(102));
 }
 
 TEST_F(LogTest, ALongRecordIsWhole) {

@@ -119,4 +119,15 @@ std::string CleanForScreen(std::string_view text) {
   return shown.append(filter.Finish());
 }
 
+std::string CleanOnOneLine(std::string_view text) {
+  std::string line;
+  while (!text.empty()) {
+    const TextRun run = FirstRun(text);
+    const std::string_view bytes = text.substr(0, run.length);
+    run.kind == Kind::kPlain ? void(line.append(bytes)) : AppendWrittenOut(line, bytes);
+    text.remove_prefix(run.length);
+  }
+  return line;
+}
+
 }  // namespace klbase_internal

@@ -56,6 +56,9 @@ class ScreenFilter {
 // The same for a whole text.
 std::string CleanForScreen(std::string_view text);
 
+// The same without tabs and line ends, which are written out, too.
+std::string CleanOnOneLine(std::string_view text);
+
 }  // namespace klbase_internal
 
 #endif  // KLBASE_TEXT_CLEAN_TEXT_H_

@@ -81,6 +81,10 @@ TEST(CleanTextTest, CleanTextIsNotCopied) {
   EXPECT_EQ(filter.Pass(text).data(), text.data());
 }
 
+TEST(CleanTextTest, OnOneLineLineEndsAndTabsAreWrittenOutToo) {
+  EXPECT_EQ(CleanOnOneLine("one\ntwo\r\n\tdr\xc3\xad\xe6\x97"), "one\\x0atwo\\x0d\\x0a\\x09dr\xc3\xad\\xe6\\x97");
+}
+
 TEST(CleanTextTest, ARunEndsWhereItsKindEnds) {
   const auto length_of = [](std::string_view text, TextRun::Kind kind) {
     const TextRun run = FirstRun(text);

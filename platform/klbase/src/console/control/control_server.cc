@@ -5,7 +5,6 @@
 // clang-format on
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,13 +17,12 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include "console/access/allow_list.h"
+#include "console/access/user_names.h"
 #include "console/control/control_connection.h"
 #include "console/control/protocol/reply.h"
 #include "console/control/socket_file.h"
@@ -38,38 +36,6 @@ namespace cli::internal {
 namespace {
 
 using Local = asio::local::stream_protocol;
-
-// The names of users. One thread.
-class UserNames {
- public:
-  // "alice", or "1000" for one without a name. Asks the machine's user database, but for those of the last minute.
-  std::string Of(uid_t user) {
-    constexpr auto kKept = std::chrono::minutes(1);
-    constexpr std::size_t kMostKept = 1000;
-    const auto now = std::chrono::steady_clock::now();
-    if (const auto known = known_.find(user); known != known_.end() && now < known->second.until) {
-      return known->second.name;
-    }
-    if (known_.size() >= kMostKept) known_.clear();
-    return (known_[user] = {Ask(user), now + kKept}).name;
-  }
-
- private:
-  struct Known {
-    std::string name;
-    std::chrono::steady_clock::time_point until{};
-  };
-
-  static std::string Ask(uid_t user) {
-    passwd entry{};
-    passwd* found = nullptr;
-    std::vector<char> buffer(16 << 10);
-    ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
-    return found == nullptr ? std::to_string(user) : found->pw_name;
-  }
-
-  std::map<uid_t, Known> known_;
-};
 
 // Who connected; the kernel noted it then.
 std::optional<ucred> PeerOf(int fd) {
@@ -163,8 +129,10 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
 
   void Admit(Local::socket socket) {
     const auto peer = PeerOf(socket.native_handle());
-    const std::string name = peer ? users_.Of(peer->uid) + " pid " + std::to_string(peer->pid) : "unknown";
+    const std::string user = peer ? users_.Of(peer->uid) : "unknown";
+    const std::string name = peer ? user + " pid " + std::to_string(peer->pid) : user;
     const auto connection = std::make_shared<ControlConnection>(io_, std::move(socket), name, *this);
+    connection->NameUser(user);
     connections_.insert(connection);
     teller_.TellLater();
     SessionSlot slot;
@@ -208,6 +176,7 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
     ControlSession::Config config;
     config.id = parts.id;
     config.peer = connection.Peer();
+    config.user = connection.UserName();
     config.root = parts.root;
     config.builtins = parts.builtins;
     config.host = parts.host;
@@ -224,6 +193,7 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
     config.id = session.Id();
     config.kind = SessionKind::kAttached;
     config.peer = connection.Peer();
+    config.user = connection.UserName();
     config.output = connection.Output();
     const ControlSession::Transport transport = connection.Transport();
     config.want_input = transport.want_input;

@@ -5,6 +5,7 @@
 
 #include "console/commands/event_commands.h"
 #include "console/control/protocol/reply.h"
+#include "console/record/line_record.h"
 #include "console/session/line_turns.h"
 
 namespace cli::internal {
@@ -16,6 +17,8 @@ constexpr char kMayStill[] = "a daemon that has the request may still carry it o
 std::chrono::microseconds Since(ControlSession::Clock::time_point begin) {
   return std::chrono::duration_cast<std::chrono::microseconds>(ControlSession::Clock::now() - begin);
 }
+
+bool IsBlank(std::string_view line) { return line.find_first_not_of(" \t") == std::string_view::npos; }
 
 std::string NotRun(const Request& request, Status status, const std::string& why) {
   return request.kind == Request::Kind::kRun ? RunReply(request.id, {status, 0, why, {}}, "", false, {})
@@ -211,18 +214,22 @@ void ControlSession::OnDeadline(std::uint64_t run) {
 template <typename Predicate>
 bool ControlSession::GiveUp(const Predicate& is_meant, Status status, const std::string& why) {
   std::optional<std::stop_source> stop;
+  std::string line;
+  std::chrono::microseconds time{0};
   {
     const absl::MutexLock lock(&mutex_);
     if (!running_ || running_->answered || !is_meant(*running_)) return false;
     running_->answered = true;
     stop.emplace(running_->stop);
+    line = running_->line;
+    time = Since(running_->begin);
     // With the lock held: the next run, whose output and reply must not come in between, can't begin.
     const CapturedOutput::Text printed = captured_.Take();
-    wire_->Append(
-        RunReply(running_->id, {status, 0, why, {}}, printed.text, printed.truncated, Since(running_->begin)));
+    wire_->Append(RunReply(running_->id, {status, 0, why, {}}, printed.text, printed.truncated, time));
   }
   stop->request_stop();
   wire_->FlushUnlessBlocked();
+  Record(line, status, 0, time);
   return true;
 }
 
@@ -342,6 +349,7 @@ bool ControlSession::BeginRun(const Request& request, Running& run) {
   if (ended_) return false;
   run.number = ++runs_;
   run.id = request.id;
+  run.line = request.text;
   run.begin = Clock::now();
   run.within = request.within;
   running_ = run;
@@ -352,7 +360,7 @@ void ControlSession::RunLine(const Request& request) {
   Running run;
   if (!BeginRun(request, run)) return Send(NotRun(request, Status::kCancelled, kSessionEnds));
   if (run.within) config_.transport.watch_deadline(run.begin + *run.within, run.number);
-  if (request.text.find_first_not_of(" \t") != std::string::npos) history_.Add(request.text);
+  if (!IsBlank(request.text)) history_.Add(request.text);
   const Outcome outcome = runner_.Run(request.text, run.stop.get_token());
   const CapturedOutput::Text printed = captured_.Take();
   bool answered = false;
@@ -361,7 +369,14 @@ void ControlSession::RunLine(const Request& request) {
     answered = running_->answered;
     running_.reset();
   }
-  if (!answered) Send(RunReply(run.id, outcome, printed.text, printed.truncated, Since(run.begin)));
+  if (answered) return;
+  const auto time = Since(run.begin);
+  Send(RunReply(run.id, outcome, printed.text, printed.truncated, time));
+  Record(run.line, outcome.status, outcome.code, time);
+}
+
+void ControlSession::Record(std::string_view line, Status status, int code, std::chrono::microseconds time) const {
+  if (!IsBlank(line)) WriteLineRecord({config_.id, Kind(), config_.user, std::string(line), status, code, time});
 }
 
 }  // namespace cli::internal

@@ -57,6 +57,7 @@ class ControlSession : public ListedSession,
   struct Config {
     int id = 0;
     std::string peer;
+    std::string user;  // for the records of lines
     std::shared_ptr<Menu> root;
     std::shared_ptr<const Builtins> builtins;
     SessionHost* host = nullptr;
@@ -100,6 +101,7 @@ class ControlSession : public ListedSession,
   struct Running {
     std::uint64_t number = 0;
     std::string id;
+    std::string_view line;  // the request's, which outlives the run
     Clock::time_point begin;
     std::optional<std::chrono::milliseconds> within;
     std::stop_source stop;
@@ -126,6 +128,8 @@ class ControlSession : public ListedSession,
   void Work(const Request& request);
   void RunLine(const Request& request);
   bool BeginRun(const Request& request, Running& run);
+  // Any thread.
+  void Record(std::string_view line, Status status, int code, std::chrono::microseconds time) const;
 
   const Config config_;
   const std::shared_ptr<OutputBuffer> wire_;

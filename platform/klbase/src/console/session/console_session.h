@@ -16,6 +16,7 @@
 #include "cli/menu.h"
 #include "console/commands/builtins.h"
 #include "console/output_buffer.h"
+#include "console/record/line_record.h"
 #include "console/session/command_runner.h"
 #include "console/session/command_thread.h"
 #include "console/session/input/input_queue.h"
@@ -34,6 +35,7 @@ struct SessionConfig {
   int id = 0;
   SessionKind kind = SessionKind::kTelnet;
   std::string peer;
+  std::string user;  // for the records of lines
   std::shared_ptr<Menu> root;
   std::shared_ptr<const Builtins> builtins;
   SessionHost* host = nullptr;
@@ -132,6 +134,8 @@ class ConsoleSession : public ListedSession,
   void RunLines(std::string line) override;
   void ThreadEnded() override { config_.host->ThreadEnded(config_.id); }
   void RunLine(const std::string& line);
+  // Says in the log how the last line ended, if it has not been said.
+  void Record();
   void Monitor(EventFeed::Matches matches);
   // The next line that waits, once the reader has taken the output of those before.
   std::optional<std::string> NextLineWhenRead();
@@ -149,7 +153,8 @@ class ConsoleSession : public ListedSession,
   History history_;
   CommandRunner runner_;
   LineReader reader_;
-  bool started_ = false;  // the first prompt was shown
+  bool started_ = false;                  // the first prompt was shown
+  std::optional<LineRecord> unrecorded_;  // the last line's
   std::shared_ptr<const EventFeed::Watcher> monitor_;
 
   std::atomic<std::uint64_t> dropped_events_{0};  // any thread's

@@ -103,6 +103,8 @@ void Connection::Refuse(std::string_view text, bool at_once) {
 
 std::optional<uid_t> Connection::User() const {
   if (peer_endpoint_.port() == 0 || own_endpoint_.port() == 0) return std::nullopt;
+  // From elsewhere nobody of this machine comes: the kernel need not look.
+  if (!IsLoopback(peer_endpoint_.address()) && !IsLoopback(own_endpoint_.address())) return std::nullopt;
   return UserOfPeer(peer_endpoint_, own_endpoint_);
 }
 

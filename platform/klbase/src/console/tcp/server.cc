@@ -13,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "console/access/user_names.h"
 #include "console/tcp/access/admission.h"
 #include "console/tcp/access/login_queue.h"
 #include "console/tcp/access/password_checker.h"
@@ -92,6 +93,7 @@ class ServerImpl : public Server, public ConnectionOwner {
   void Admit(Tcp::socket socket) {
     const auto connection = std::make_shared<Connection>(io_, std::move(socket), *this);
     Admission::Decision decision = admission_.Decide(connection);
+    connection->NameUser(decision.user ? users_.Of(*decision.user) : connection->Address());
     connections_.insert(connection);
     teller_.TellLater();
     if (decision.refusal.empty()) return connection->Start(std::move(decision.slot));
@@ -117,6 +119,7 @@ class ServerImpl : public Server, public ConnectionOwner {
     const int id = config.id;
     config.kind = kind;
     config.peer = connection.Peer();
+    config.user = connection.UserName();
     config.output = connection.Output();
     config.accept_first_line = [this, id, peer = config.peer](std::string_view line, bool whole) {
       return AcceptFirstLine(browsers_, id, peer, line, whole);
@@ -165,6 +168,7 @@ class ServerImpl : public Server, public ConnectionOwner {
   const Parts parts_;
   const std::unique_ptr<PasswordChecker> passwords_;
   Admission admission_;
+  UserNames users_;
   // A working day's sessions are told one by one, a storm's are not.
   klbase::CollapsedRecords openings_{30, "opened console sessions", {20, std::chrono::minutes(1)}};
   klbase::CollapsedRecords ends_{30, "closed console sessions", {20, std::chrono::minutes(1)}};

@@ -43,6 +43,9 @@ class StreamConnection : public std::enable_shared_from_this<StreamConnection>, 
   ~StreamConnection() override;
 
   const std::string& Peer() const { return peer_; }
+  // For the records of lines: the user's name, where that is known, else the address. Before the session opens.
+  void NameUser(std::string name) { user_name_ = std::move(name); }
+  const std::string& UserName() const { return user_name_; }
   const std::shared_ptr<OutputBuffer>& Output() const { return output_; }
   // It was refused, and is not closed yet.
   bool Refused() const { return refused_; }
@@ -138,6 +141,7 @@ class StreamConnection : public std::enable_shared_from_this<StreamConnection>, 
   asio::io_context& io_;
   Socket socket_;
   const std::string peer_;
+  std::string user_name_;
   const char* const kind_;
   StreamConnectionOwner& owner_;
   std::shared_ptr<OutputBuffer> output_;

@@ -15,17 +15,20 @@ Admission::Admission(const ConsoleOptions& options, SessionTable* table)
       table_(table) {}
 
 Admission::Decision Admission::Decide(const std::shared_ptr<Candidate>& connection) {
+  const auto user = connection->User();
   if (asks_password_) {
     MakeRoom(connection->Address());
     logging_in_.push_back(connection);
-    return {};
+    return {SessionSlot(), "", user};
   }
-  if (std::string refusal = UserRefusal(*connection); !refusal.empty()) return {SessionSlot(), std::move(refusal)};
+  if (std::string refusal = UserRefusal(*connection, user); !refusal.empty()) {
+    return {SessionSlot(), std::move(refusal), user};
+  }
   SessionSlot slot = table_->TakeSlot();
-  if (slot) return {std::move(slot), ""};
+  if (slot) return {std::move(slot), "", user};
   KL_LOG_COLLAPSED(refusals_, "console connection from %s refused: all %d sessions are in use\n",
                    connection->Peer().c_str(), max_sessions_);
-  return {SessionSlot(), Refusal()};
+  return {SessionSlot(), Refusal(), user};
 }
 
 bool Admission::AdmitLoggedIn(int session_id, OutputBuffer& output) {
@@ -43,9 +46,8 @@ std::string Admission::Refusal() const {
 }
 
 // "" for a user who may use the console. One that isn't known may be anybody.
-std::string Admission::UserRefusal(const Candidate& connection) {
+std::string Admission::UserRefusal(const Candidate& connection, const std::optional<uid_t>& user) {
   if (allowed_.Any()) return "";
-  const auto user = connection.User();
   if (!user) {
     KL_LOG_COLLAPSED(refusals_, "console connection from %s refused: its user is not known\n",
                      connection.Peer().c_str());

@@ -2,9 +2,12 @@
 #ifndef KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_
 #define KLBASE_CONSOLE_TCP_ACCESS_ADMISSION_H_
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "console/access/allow_list.h"
@@ -31,6 +34,7 @@ class Admission {
   struct Decision {
     SessionSlot slot;     // none for a connection that has yet to log in
     std::string refusal;  // the text for the client; "" when it is let in
+    std::optional<uid_t> user;
   };
 
   // `table`, which has `options.max_sessions` slots, must outlive it; it must outlive the sessions that log in. Throws
@@ -51,7 +55,7 @@ class Admission {
   using Connections = std::list<std::weak_ptr<Candidate>>;
 
   std::string Refusal() const;
-  std::string UserRefusal(const Candidate& connection);
+  std::string UserRefusal(const Candidate& connection, const std::optional<uid_t>& user);
   void ForgetOthers();
   void MakeRoom(const std::string& address);
   std::size_t CountOf(const std::string& address) const;

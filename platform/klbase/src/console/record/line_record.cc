@@ -1,0 +1,51 @@
+#include "console/record/line_record.h"
+
+#include <errno.h>
+
+#include "log/soon.h"
+#include "text/clean_text.h"
+
+namespace cli::internal {
+namespace {
+
+constexpr int kLevel = 30;
+constexpr char kInfo[] = "6";  // syslog's number for what is normal
+
+bool ContinuesACharacter(char c) { return (static_cast<unsigned char>(c) & 0xc0) == 0x80; }
+
+// The line on one line, whatever it has in it: it can neither end the record nor begin another one.
+std::string Recorded(std::string_view line) {
+  if (line.size() <= kMaxRecordedBytes) return klbase_internal::CleanOnOneLine(line);
+  std::size_t end = kMaxRecordedBytes;
+  while (end > 0 && ContinuesACharacter(line[end])) --end;
+  return klbase_internal::CleanOnOneLine(line.substr(0, end)) + "... (" + std::to_string(line.size()) + " bytes)";
+}
+
+void SendToJournal(const LineRecord& record, const std::string& user, const std::string& line, Journal& journal) {
+  const std::string status = StatusName(record.status);
+  journal.Send({{"MESSAGE", user + ": " + line + ": " + status},
+                {"PRIORITY", kInfo},
+                {"SYSLOG_IDENTIFIER", program_invocation_short_name},
+                {"VEXTOOL_SESSION", std::to_string(record.session)},
+                {"VEXTOOL_KIND", KindName(record.kind)},
+                {"VEXTOOL_USER", user},
+                {"VEXTOOL_LINE", line},
+                {"VEXTOOL_STATUS", status},
+                {"VEXTOOL_CODE", std::to_string(record.code)},
+                {"VEXTOOL_US", std::to_string(record.time.count())}});
+}
+
+}  // namespace
+
+void WriteLineRecord(const LineRecord& record, Journal& journal) {
+  if (kOptionLogLevel.load(std::memory_order_relaxed) > kLevel) return;
+  const std::string user = klbase_internal::CleanOnOneLine(record.user);
+  const std::string line = Recorded(record.line);
+  // The line comes last: what it has in it can't be taken for a field.
+  KL_LOG_SOON(kLevel, "session=%d kind=%s user=%s status=%s code=%d us=%lld line=%s\n", record.session,
+              KindName(record.kind), user.c_str(), StatusName(record.status), record.code,
+              static_cast<long long>(record.time.count()), line.c_str());
+  if (journal.Wanted()) SendToJournal(record, user, line, journal);
+}
+
+}  // namespace cli::internal
