@@ -514,8 +514,32 @@ def bench_control(table, bin_folder, folder):
         figures = alternate(measures)
     add_latencies(table, figures, "line on the control socket",
                   {"redis PING, unix socket": "<= 1.2", "haproxy show version": "< 1"})
+    add_record_cost(table, bin_folder, folder)
     table.add("idle with a control socket", f"{idle / 1024:.1f}", "MiB", "", "<= 15")
     table.add("memory per session after a line", f"{per_session:.1f}", "KiB", "", "<= 40")
+
+
+def add_record_cost(table, bin_folder, folder):
+    """A line's round trip with its record in the log, and without. Two tools, each in a network of its own: their sockets
+    are files, which all see."""
+    def line(name):
+        path = folder / name / "console.sock"
+        return lambda: run_json([bin_folder / "bench_line", str(path), VERSION_REQUEST, "}\n", "5000", '{"monitor":["off"]}', '"ok"}\n'])
+
+    with contextlib.ExitStack() as stack:
+        for name, level in (("recorded", "30"), ("not recorded", "40")):
+            (folder / name).mkdir()
+            environment = tool_environment(folder / name, KLBASE_LOG_LEVEL=level, KLBASE_CONSOLE_SOCKET=str(folder / name / "console.sock"))
+            stack.enter_context(child(["unshare", "--net", "sh", "-c", 'ip link set lo up; exec "$0" --cli_port=0', bin_folder / "vextool"],
+                                      env=environment))
+            wait_for((folder / name / "console.sock").exists, "the control socket")
+        # In turn and often: the difference is smaller than what a busy machine adds to either.
+        runs = [(line("recorded")()["p50_us"], line("not recorded")()["p50_us"]) for _ in range(4 * ROUNDS)]
+    recorded, plain = (statistics.median(figures) for figures in zip(*runs))
+    share = statistics.median((on - off) / off for on, off in runs)
+    table.add("line with its record in the log", f"{recorded:.1f}", "us p50", f"{recorded / plain:.2f} x it")
+    table.add("line without a record", f"{plain:.1f}", "us p50")
+    table.add("  the record's share, of pairs", f"{100 * share:.1f}", "%", "", "<= 5")
 
 
 def bench_rpc(table, bin_folder, folder):

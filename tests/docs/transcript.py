@@ -18,6 +18,8 @@ VARIES = [
     ("<code line>", r"(?<=[a-z_]:)\d+(?= \w+: )"),
     ("<thread>", r"(?<=> [1-5]0 )\d+\b"),
     ("<pid>", r"\b(?<=\[)\d+(?=\])|(?<=process )\d+\b"),
+    ("<number>", r"(?<=\bsession=)\d+|(?<= us=)\d+"),
+    ("<user>", r"(?<= user=)\S+"),
     ("<microseconds>", r"\b\d+(\.\d+)? (?:µs|us|ms)\b"),
 ]
 

@@ -1,5 +1,6 @@
 """The packages' life under a real service manager: installed, used, upgraded, removed, purged."""
 
+import json
 import os
 import re
 
@@ -127,6 +128,24 @@ def test_the_log_is_where_only_the_service_and_its_group_may_read_it(installed):
     records = installed.inside("cat", "/var/log/vextool/vextool.log")
     assert "console listens on 127.0.0.1:50000" in records
     assert not re.search(r"ermission|not permitted|Read-only|NOTIFY_SOCKET", records)
+
+
+def test_the_journal_finds_lines_by_how_they_ended(installed):
+    def found(*matches):
+        lines = installed.inside("journalctl", "--no-pager", "--output=json", "_SYSTEMD_UNIT=vextool.service", *matches)
+        return [json.loads(line) for line in lines.strip().split("\n") if line]  # splitlines() knows more line ends
+    ask(installed, "core show version", "playd SetSeekOfUplayer nobody 1000")
+    installed.inside("python3", "-c", CONTROL, "no such\u2028command")
+    record = wait_until(lambda: found("VEXTOOL_STATUS=refused"), "the record of the refused line")[-1]
+    fields = {name: record[name] for name in ("MESSAGE", "PRIORITY", "SYSLOG_IDENTIFIER", "VEXTOOL_KIND", "VEXTOOL_USER",
+                                              "VEXTOOL_LINE", "VEXTOOL_STATUS", "VEXTOOL_CODE")}
+    assert fields == {"MESSAGE": "root: playd SetSeekOfUplayer nobody 1000: refused", "PRIORITY": "6",
+                      "SYSLOG_IDENTIFIER": "vextool", "VEXTOOL_KIND": "program", "VEXTOOL_USER": "root",
+                      "VEXTOOL_LINE": "playd SetSeekOfUplayer nobody 1000", "VEXTOOL_STATUS": "refused", "VEXTOOL_CODE": "2"}
+    assert int(record["VEXTOOL_SESSION"]) > 0 and int(record["VEXTOOL_US"]) > 0
+    usage = wait_until(lambda: found("VEXTOOL_STATUS=usage", "VEXTOOL_KIND=control"), "the record of the wrong line")[-1]
+    assert (usage["VEXTOOL_USER"], usage["VEXTOOL_LINE"]) == ("root", "no such\u2028command")
+    assert found("VEXTOOL_STATUS=timeout") == []
 
 
 def test_the_control_socket_is_for_the_services_group_and_goes_with_it(installed):

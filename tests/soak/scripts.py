@@ -3,6 +3,7 @@
 import asyncio
 import collections
 import json
+import re
 import tempfile
 
 from harness import Events, Operator, Replies, Tool, end_in_order
@@ -26,6 +27,7 @@ class Scripts:
     def __init__(self, soak, replies, path):
         self.soak, self.replies, self.path = soak, replies, path
         self.verdicts = collections.Counter()
+        self.lines = collections.Counter()  # by status and line
         self.seen = []  # events that a wait has shown: instance, number
         self.runs = 0
 
@@ -45,7 +47,8 @@ class Scripts:
         verdicts = [json.loads(line) for line in out.splitlines()]
         if len(verdicts) != len(lines):
             return self.soak.violation(f"{name}: {len(lines)} lines have {len(verdicts)} verdicts: {err.decode()[:300]!r}")
-        for (_, kind, token), verdict in zip(lines, verdicts):
+        for (line, kind, token), verdict in zip(lines, verdicts):
+            self.lines[verdict["status"], line] += 1
             self.count(kind, token, verdict)
         first = next((verdict["status"] for verdict in verdicts if verdict["status"] != "ok"), "ok")
         self.soak.require(process.returncode == EXIT_OF[first], f"{name} ended with {process.returncode}, its first failure is {first}")
@@ -90,6 +93,13 @@ class Scripts:
         for instance, number in self.seen:
             self.soak.require(number in tried.get(instance, ()), f"a wait has shown event {number} of {instance}, which was never published")
 
+    def check_records(self, log):
+        """Each line has left one record, with its verdict."""
+        recorded = collections.Counter(re.findall(r" kind=control user=\S+ status=(\w+) code=\d+ us=\d+ line=(.*)", log))
+        missing, extra = self.lines - recorded, recorded - self.lines
+        self.soak.require(recorded == self.lines, f"lines without a record: {missing}; records without a line: {extra}")
+        return sum(recorded.values())
+
 
 async def run(soak):
     with tempfile.TemporaryDirectory(prefix="vex-") as folder:  # a socket's path has to be short
@@ -119,3 +129,4 @@ async def run(soak):
         soak.number("events that a wait has shown", len(scripts.seen))
         soak.number("replies sent / shown / lost with the daemon and reported", f"{sent} / {len(replies.shown)} / {unshown}")
         await end_in_order(soak, tool)
+        soak.number("records of lines in the log", scripts.check_records(tool.log()))
