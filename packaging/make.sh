@@ -101,6 +101,11 @@ lay_out() {
 
   put 644 "$here/../python/vextool.py" "$tree/python3-vextool/usr/lib/python3/dist-packages/vextool.py"
 
+  local file
+  while IFS= read -r file; do
+    put 644 "$here/../fleet/$file" "$tree/vextool-fleet/usr/share/vextool-fleet/$file"
+  done < <(cd "$here/../fleet" && find . -type f)
+
   take vextool-dev "usr/$libdir" "usr/$libdir/*.so" "usr/$libdir/*.a" "usr/$libdir/cmake"
   take vextool-dev usr "usr/include"
   take vextool-dev usr/share "usr/share/klrpc"
@@ -126,6 +131,7 @@ documents() {
   compress "$here/../docs/guide.md" "$tree/vextool/usr/share/doc/vextool/guide.md.gz"
   compress "$here/../docs/operations.md" "$tree/vextool/usr/share/doc/vextool/operations.md.gz"
   compress "$here/../docs/control.md" "$tree/vextool/usr/share/doc/vextool/control.md.gz"
+  compress "$here/../docs/fleet.md" "$tree/vextool-fleet/usr/share/doc/vextool-fleet/fleet.md.gz"
   sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/man/vextool.1" >"$work/vextool.1"
   compress "$work/vextool.1" "$tree/vextool/usr/share/man/man1/vextool.1.gz"
   for page in encd playd make_sample_clip; do
@@ -169,7 +175,7 @@ maintainer="${DEBFULLNAME:-vextool maintainers} <${DEBEMAIL:-maintainers@vextool
 # The part of a source package that dpkg-shlibdeps reads.
 printf 'Source: vextool\nMaintainer: %s\n\nPackage: vextool\nArchitecture: any\n' "$maintainer" >"$tree/control"
 
-packages=(vextool vextool-device vextool-dev vextool-ctl python3-vextool)
+packages=(vextool vextool-device vextool-dev vextool-ctl vextool-fleet python3-vextool)
 
 install_all
 lay_out
@@ -177,11 +183,12 @@ documents
 mkdir -p "$tree/vextool/DEBIAN" "$output"
 printf 'libklbase 0 vextool (>= %s)\nlibklrpc 0 vextool (>= %s)\n' "$version" "$version" >"$tree/vextool/DEBIAN/shlibs"
 printf 'activate-noawait ldconfig\n' >"$tree/vextool/DEBIAN/triggers"
-rm -f "$output"/vextool{,-device,-dev,-ctl}_*_"$arch".deb "$output"/python3-vextool_*_all.deb
+rm -f "$output"/vextool{,-device,-dev,-ctl}_*_"$arch".deb "$output"/{vextool-fleet,python3-vextool}_*_all.deb
 finish vextool "adduser, $(library_depends vextool)"
 finish vextool-device "vextool (= $version), gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, \
 gstreamer1.0-plugins-bad, gstreamer1.0-plugins-ugly, gstreamer1.0-libav, $(library_depends vextool-device)"
 finish vextool-dev "vextool (= $version), libprotobuf-dev, libabsl-dev"
 finish vextool-ctl "$(library_depends vextool-ctl)"
+finish vextool-fleet openssh-client all
 finish python3-vextool python3:any all
-ls "$output"/vextool{,-device,-dev,-ctl}_"${version}_$arch".deb "$output/python3-vextool_${version}_all.deb"
+ls "$output"/vextool{,-device,-dev,-ctl}_"${version}_$arch".deb "$output"/{vextool-fleet,python3-vextool}_"${version}_all.deb"

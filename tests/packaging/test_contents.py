@@ -1,6 +1,7 @@
 """The contents of the packages, checked in a private root without a service manager."""
 
 import os
+import pathlib
 import re
 import shutil
 import subprocess
@@ -80,6 +81,15 @@ def test_the_python_package_is_for_every_machine(packages, installed):
         "/usr/share/doc/python3-vextool/copyright"]
     assert field(packages["python3-vextool"], "Architecture") == "all"
     installed.run("/usr/bin/python3", "-c", "import vextool; vextool.Console")
+
+
+def test_the_fleets_package_holds_its_folder_and_its_page(packages):
+    folder = pathlib.Path(__file__).resolve().parents[2] / "fleet"
+    assert files_of(packages["vextool-fleet"]) == sorted([
+        *(f"/usr/share/vextool-fleet/{path.relative_to(folder)}" for path in folder.rglob("*") if path.is_file()),
+        "/usr/share/doc/vextool-fleet/changelog.gz", "/usr/share/doc/vextool-fleet/copyright",
+        "/usr/share/doc/vextool-fleet/fleet.md.gz"])
+    assert field(packages["vextool-fleet"], "Architecture") == "all"
 
 
 def test_the_sdk_holds_every_header_and_archive_that_is_installed(packages, tmp_path):
