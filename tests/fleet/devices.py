@@ -61,6 +61,7 @@ class Ground:
         run("ip", "address", "add", f"{NETWORK}.255.254/16", "dev", "devices")
         run("ip", "link", "set", "devices", "up")
         self.devices = []
+        self.listeners = []
 
     def overlay(self, place):
         upper, work = (self.folder / "overlay" / place.replace("/", "_") / name for name in ("upper", "work"))
@@ -116,16 +117,38 @@ class Ground:
         pam.write_text(re.sub(".*pam_loginuid.*\n", "", pam.read_text(encoding="utf-8")), encoding="utf-8")
         host_key = " ".join((self.folder / "keys/host.pub").read_text(encoding="ascii").split()[:2])
         (self.folder / "known_hosts").write_text(f"* {host_key}\n", encoding="ascii")
-        (folder / "ssh_config").write_text(f"IdentityFile {self.folder}/keys/client\nIdentitiesOnly yes\n"
+        (folder / "ssh_config").write_text(f"User ada\nIdentityFile {self.folder}/keys/client\nIdentitiesOnly yes\n"
                                            f"UserKnownHostsFile {self.folder}/known_hosts\n", encoding="ascii")
 
     def device(self, name, number):
-        self.devices.append(Device(self.folder, name, number))
-        with open("/etc/hosts", "a", encoding="ascii") as hosts:
-            hosts.write(f"{self.devices[-1].address} {name}\n")
+        self.devices.append(Device(self.folder, name, self.address(name, number)))
         return self.devices[-1]
 
+    @staticmethod
+    def address(name, number):
+        """The one that the name stands for from now on."""
+        address = f"{NETWORK}.0.{number}"
+        with open("/etc/hosts", "a", encoding="ascii") as hosts:
+            hosts.write(f"{address} {name}\n")
+        return address
+
+    def silent(self, name, number):
+        """A name whose address takes packets and answers none."""
+        run("ip", "neighbor", "add", self.address(name, number), "lladdr", "02:00:00:00:00:01", "dev", "devices", "nud", "permanent")
+
+    def refusing(self, name, number):
+        """A name whose address has no sshd."""
+        address = self.address(name, number)
+        run("ip", "address", "add", f"{address}/32", "dev", "devices")
+        return address
+
+    def hung(self, name, number):
+        """A name whose sshd takes connections and says nothing."""
+        self.listeners.append(socket.create_server((self.refusing(name, number), 22)))
+
     def remove(self):
+        for listener in self.listeners:
+            listener.close()
         for device in self.devices:
             device.kill()
         for device in self.devices:
@@ -138,9 +161,9 @@ class Ground:
 class Device:
     """One more on the bridge."""
 
-    def __init__(self, ground, name, number):
+    def __init__(self, ground, name, address):
         self.started = []
-        self.name, self.address, self.folder = name, f"{NETWORK}.0.{number}", ground / name
+        self.name, self.address, self.folder = name, address, ground / name
         (self.folder / "log").mkdir(parents=True)
         shutil.chown(self.folder / "log", "vextool")
         spaces = ["unshare", "--net", "--mount", "--uts", "--pid", "--fork", "--kill-child", "--mount-proc"]
@@ -149,9 +172,8 @@ class Device:
                                             stdin=subprocess.PIPE, stdout=errors, stderr=errors)
         space = f"/proc/{self.process.pid}/ns/net"
         wait_until(lambda: os.readlink(space) != os.readlink("/proc/self/ns/net"), "a network namespace of its own")
-        run("ip", "link", "add", f"d{number}", "master", "devices", "type", "veth",
+        run("ip", "link", "add", name, "master", "devices", "up", "type", "veth",
             "peer", "name", "eth0", "netns", self.process.pid)
-        run("ip", "link", "set", f"d{number}", "up")
         self.process.stdin.write(b"\n")
         self.process.stdin.close()
 
@@ -209,3 +231,26 @@ class Device:
     def wait_for_end(self):
         for process in self.process, *self.started:
             process.wait(LIMIT_S)
+
+
+WELL = 50
+
+
+def many(ground):
+    """tv01 to tv57, of which five are dead and two hung."""
+    devices = [ground.device(f"tv{number:02}", number) for number in range(1, WELL + 1)]
+    for device in devices:
+        device.wait()
+        device.start("vextool")
+    ground.address("tv51", 51)  # nobody has it
+    ground.address("tv52", 52)
+    ground.silent("tv53", 53)
+    ground.refusing("tv54", 54)
+    ground.refusing("tv55", 55)
+    ground.hung("tv56", 56)
+    ground.hung("tv57", 57)
+    return devices
+
+
+def clush_environment():
+    return dict(os.environ, CLUSTERSHELL_CFGDIR=str(ROOT / "fleet/clustershell"))

@@ -3,19 +3,11 @@
 import re
 import shlex
 import subprocess
-import sys
 
 import pytest
 
 from devices import LIMIT_S, ROOT
-
-sys.path.insert(0, str(ROOT / "tests/docs"))
-
-import markdown  # noqa: E402
-import transcript  # noqa: E402
-
-PAGE = markdown.document("docs/fleet.md")
-SCREENS = [block for block in PAGE.blocks if block.kind == "console" and "fleet" in block.info]
+from page import PAGE, play, screens
 
 
 def as_root(block):
@@ -40,10 +32,6 @@ def test_an_account_is_made_as_the_page_says(ground, device):
     assert " grace pid " in done.stdout
 
 
-@pytest.mark.parametrize("block", SCREENS, ids=str)
-def test_screens_are_what_the_devices_show(device, block):
-    for step in transcript.steps(block):
-        done = subprocess.run(["bash", "-c", step.typed], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, timeout=LIMIT_S, check=False, cwd=ROOT)
-        seen = done.stdout.splitlines()
-        assert transcript.matches(step.expected, seen), f"{block}: {step.typed}\n{done.stdout}"
+@pytest.mark.parametrize("block", screens("fleet"), ids=str)
+def test_screens_are_what_the_device_shows(device, block, tmp_path):
+    play(block, tmp_path)
