@@ -21,7 +21,8 @@ namespace {
 constexpr int kFlushAtOnceLevel = 30;
 
 // `record` has all but its text.
-void WriteRecord(KlLogRecord record, LogFile::Urgency urgency, const char* format, std::va_list arguments) {
+__attribute__((format(printf, 3, 0))) void WriteRecord(KlLogRecord record, LogFile::Urgency urgency, const char* format,
+                                                       std::va_list arguments) {
   const int saved_errno = errno;  // callers look at it after they logged
   LogFile& log_file = LogFile::Instance();
   if (!log_file.IsOpen() && !klbase_internal::HasLogObserver()) return;
