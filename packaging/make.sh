@@ -99,6 +99,10 @@ lay_out() {
   take vextool-ctl usr/bin "usr/bin/vexctl"
   put 644 "$here/completion/vexctl" "$tree/vextool-ctl/usr/share/bash-completion/completions/vexctl"
 
+  take vextool-link usr/bin "usr/bin/vexlink"
+  put 644 "$here/debian/vexlink.service" "$tree/vextool-link/lib/systemd/system/vexlink.service"
+  put 644 "$here/debian/vexlink.default" "$tree/vextool-link/etc/default/vexlink"
+
   put 644 "$here/../python/vextool.py" "$tree/python3-vextool/usr/lib/python3/dist-packages/vextool.py"
 
   local file
@@ -138,8 +142,10 @@ documents() {
     sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/man/$page.1" >"$work/page"
     compress "$work/page" "$tree/vextool-device/usr/share/man/man1/$page.1.gz"
   done
-  sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/../ctl/vexctl.1" >"$work/page"
-  compress "$work/page" "$tree/vextool-ctl/usr/share/man/man1/vexctl.1.gz"
+  for page in ctl/vexctl link/vexlink; do
+    sed -e "s/@VERSION@/$version/" -e "s/@DATE@/$(date -u -d "@$SOURCE_DATE_EPOCH" +%Y-%m-%d)/" "$here/../$page.1" >"$work/page"
+    compress "$work/page" "$tree/vextool-${page%/*}/usr/share/man/man1/${page#*/}.1.gz"
+  done
 }
 
 # The packages of the libraries that a package's programs are linked with.
@@ -175,7 +181,7 @@ maintainer="${DEBFULLNAME:-vextool maintainers} <${DEBEMAIL:-maintainers@vextool
 # The part of a source package that dpkg-shlibdeps reads.
 printf 'Source: vextool\nMaintainer: %s\n\nPackage: vextool\nArchitecture: any\n' "$maintainer" >"$tree/control"
 
-packages=(vextool vextool-device vextool-dev vextool-ctl vextool-fleet python3-vextool)
+packages=(vextool vextool-device vextool-dev vextool-ctl vextool-link vextool-fleet python3-vextool)
 
 install_all
 lay_out
@@ -183,12 +189,13 @@ documents
 mkdir -p "$tree/vextool/DEBIAN" "$output"
 printf 'libklbase 0 vextool (>= %s)\nlibklrpc 0 vextool (>= %s)\n' "$version" "$version" >"$tree/vextool/DEBIAN/shlibs"
 printf 'activate-noawait ldconfig\n' >"$tree/vextool/DEBIAN/triggers"
-rm -f "$output"/vextool{,-device,-dev,-ctl}_*_"$arch".deb "$output"/{vextool-fleet,python3-vextool}_*_all.deb
+rm -f "$output"/vextool{,-device,-dev,-ctl,-link}_*_"$arch".deb "$output"/{vextool-fleet,python3-vextool}_*_all.deb
 finish vextool "adduser, $(library_depends vextool)"
 finish vextool-device "vextool (= $version), gstreamer1.0-plugins-base, gstreamer1.0-plugins-good, \
 gstreamer1.0-plugins-bad, gstreamer1.0-plugins-ugly, gstreamer1.0-libav, $(library_depends vextool-device)"
 finish vextool-dev "vextool (= $version), libprotobuf-dev, libabsl-dev"
 finish vextool-ctl "$(library_depends vextool-ctl)"
+finish vextool-link "adduser, $(library_depends vextool-link)"
 finish vextool-fleet openssh-client all
 finish python3-vextool python3:any all
-ls "$output"/vextool{,-device,-dev,-ctl}_"${version}_$arch".deb "$output"/{vextool-fleet,python3-vextool}_"${version}_all.deb"
+ls "$output"/vextool{,-device,-dev,-ctl,-link}_"${version}_$arch".deb "$output"/{vextool-fleet,python3-vextool}_"${version}_all.deb"

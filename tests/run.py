@@ -23,7 +23,7 @@ sys.path.insert(0, str(HERE))
 from progress import Progress, in_words  # noqa: E402
 
 JOBS = os.cpu_count() or 1
-USER_ALSO = r"^(soak|docs)$|^(e2e|packaging|hygiene)\."  # programs, ports, files and rights of a whole process
+USER_ALSO = r"^(soak|docs)$|^(e2e|link|packaging|hygiene)\."  # programs, ports, files and rights of a whole process
 SHORT_S = 0.05  # of a test of which nothing is known
 KEPT_BYTES = 100_000  # of a passed test's output: reasons of skipped parts are in it
 

@@ -7,7 +7,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 die() { printf 'check.sh: %s\n' "$*" >&2; exit 1; }
 
-for name in vextool vextool-device vextool-dev vextool-ctl; do
+for name in vextool vextool-device vextool-dev vextool-ctl vextool-link; do
   package=$(echo "$folder/${name}"_*_arm64.deb)
   [ "$(dpkg-deb -f "$package" Architecture)" = arm64 ] || die "$package is not for arm64"
   dpkg-deb -x "$package" "$work/$name"

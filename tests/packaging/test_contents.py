@@ -10,10 +10,10 @@ import pytest
 
 from private_root import PrivateRoot, run
 
-PROGRAMS = ["/usr/bin/vextool", "/usr/bin/vexctl", "/usr/bin/encd", "/usr/bin/playd", "/usr/bin/make_sample_clip", "/usr/kelo/bin/sysconfig"]
-SERVICES = ["vextool.service", "encd.service", "playd.service"]
+PROGRAMS = ["/usr/bin/vextool", "/usr/bin/vexctl", "/usr/bin/vexlink", "/usr/bin/encd", "/usr/bin/playd", "/usr/bin/make_sample_clip", "/usr/kelo/bin/sysconfig"]
+SERVICES = ["vextool.service", "encd.service", "playd.service", "vexlink.service"]
 PLAIN = dict(os.environ, LC_ALL="C", MANWIDTH="80", MANPAGER="cat")  # hyphens stay hyphens
-PAGES = ["vextool", "vexctl", "encd", "playd", "make_sample_clip"]
+PAGES = ["vextool", "vexctl", "vexlink", "encd", "playd", "make_sample_clip"]
 
 
 @pytest.fixture(scope="module")
@@ -73,6 +73,15 @@ def test_the_clients_package_holds_these_files_and_needs_no_library_of_the_tool(
         "/usr/share/doc/vextool-ctl/copyright", "/usr/share/man/man1/vexctl.1.gz"])
     needed = {word.split()[0] for word in field(packages["vextool-ctl"], "Depends").split(", ")}
     assert needed == {"libc6", "libgcc-s1", "libstdc++6"}
+
+
+def test_the_links_package_holds_these_files_and_nothing_of_the_tools_libraries(packages):
+    assert files_of(packages["vextool-link"]) == sorted([
+        "/etc/default/vexlink", "/lib/systemd/system/vexlink.service", "/usr/bin/vexlink",
+        "/usr/share/doc/vextool-link/changelog.gz", "/usr/share/doc/vextool-link/copyright",
+        "/usr/share/man/man1/vexlink.1.gz"])
+    needed = {word.split()[0] for word in field(packages["vextool-link"], "Depends").split(", ")}
+    assert needed == {"adduser", "libabsl20220623", "libc6", "libgcc-s1", "libnats3.4", "libstdc++6"}
 
 
 def test_the_python_package_is_for_every_machine(packages, installed):
@@ -154,6 +163,15 @@ def test_a_manual_page_names_every_flag_of_its_program(unpacked, program):
     assert [flag for flag in flags if f"--{flag}" not in text] == []
 
 
+def test_the_links_manual_page_names_every_flag_and_variable(unpacked):
+    help_text = run(f"{os.environ['VEX_BUILD']}/bin/vexlink", "--help")
+    names = set(re.findall(r"--[a-z-]+|VEXLINK_[A-Z]+", help_text))
+    assert len(names) >= 14
+    [file] = unpacked.rglob("vexlink.1.gz")
+    text = run("man", "-l", file, env=PLAIN)
+    assert [name for name in names if name not in text] == []
+
+
 def test_the_tools_manual_page_names_every_environment_variable_that_the_sources_read(unpacked):
     source = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
     lines = run("grep", "-rhoE", r'"(KLBASE|KLRPC)_[A-Z_]+"|"NOTIFY_SOCKET"', "--include=*.cc", "--exclude=*_test.cc",
@@ -197,7 +215,7 @@ def test_a_unit_is_correct_and_well_locked_up(installed, service):
     unit = f"/lib/systemd/system/{service}"
     assert installed.run("systemd-analyze", "verify", "--man=no", unit) == ""
     # In tenths, 0 for a service that may do nothing; the daemons' media framework compiles code as it runs.
-    worst = "20" if service == "vextool.service" else "25"
+    worst = "20" if service in ("vextool.service", "vexlink.service") else "25"
     installed.run("systemd-analyze", "security", "--offline=true", f"--threshold={worst}", unit)
 
 
