@@ -49,6 +49,17 @@ std::optional<std::string> LogLimit::Pass(const std::string& text, Clock::time_p
 
 void Log::Say(const std::string& text) {
   const absl::MutexLock lock(&mutex_);
+  PrintLocked(text);
+}
+
+void Log::SayChange(const std::string& text) {
+  const absl::MutexLock lock(&mutex_);
+  limit_.Forget();
+  PrintLocked(text);
+  limit_.Forget();
+}
+
+void Log::PrintLocked(const std::string& text) {
   const auto passed = limit_.Pass(text, LogLimit::Clock::now());
   if (!passed) return;
   const std::string line = "vexlink: " + OneLine(*passed) + "\n";

@@ -20,6 +20,8 @@ class LogLimit {
 
   // `text`, with the number of lines that were left out before it; none when it is left out itself.
   std::optional<std::string> Pass(const std::string& text, Clock::time_point now);
+  // What was said before is news again.
+  void Forget() { said_.clear(); }
 
  private:
   bool WasSaidLately(const std::string& text, Clock::time_point now);
@@ -34,9 +36,14 @@ class LogLimit {
 // Any thread.
 class Log {
  public:
+  // What may come again and again, such as a failure: see LogLimit.
   void Say(const std::string& text);
+  // What ends such a series.
+  void SayChange(const std::string& text);
 
  private:
+  void PrintLocked(const std::string& text) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+
   absl::Mutex mutex_;
   LogLimit limit_ ABSL_GUARDED_BY(mutex_);
 };

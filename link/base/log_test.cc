@@ -20,6 +20,13 @@ TEST(LogLimitTest, TheSameLineComesOnceAMinute) {
   EXPECT_EQ(limit.Pass("a", kStart + seconds(60)), "a");
 }
 
+TEST(LogLimitTest, WhatIsForgottenIsNewsAgain) {
+  LogLimit limit;
+  EXPECT_EQ(limit.Pass("a", kStart), "a");
+  limit.Forget();
+  EXPECT_EQ(limit.Pass("a", kStart), "a");
+}
+
 TEST(LogLimitTest, AFloodOfDifferentLinesIsCutAndCounted) {
   LogLimit limit;
   int printed = 0;

@@ -104,7 +104,7 @@ std::string Cluster::Connect(const std::string& server, const Connection& connec
   if (!why.empty()) return "no connection: " + why;
   SetCurrent(connection);
   why = Greet(*connection);
-  if (why.empty()) log_.Say("connected to " + ShownUrl(server) + " as " + settings_.node);
+  if (why.empty()) log_.SayChange("connected to " + ShownUrl(server) + " as " + settings_.node);
   return why;
 }
 

@@ -91,7 +91,7 @@ std::string ToolFeed::Watch(vexctl::Connection& connection) {
   gaps_.OnConnected({ProcessOf(connection.Fd()), session});
   ++tools_;
   state_.Here(version, session);
-  log_.Say("connected to the tool, " + version + ", at " + settings_.socket);
+  log_.SayChange("connected to the tool, " + version + ", at " + settings_.socket);
   return "";
 }
 
