@@ -26,6 +26,7 @@ NOT_RUN = [
     (r"(sudo )?(systemctl|journalctl) ", "needs a system that systemd has started"),
     (r"cmake --install build --prefix /", "changes the system; package.* installs elsewhere"),
     (r"/usr/bin/python3 docs/python/daemon.py", "takes the player's place; test_wire.py runs it beside the tool"),
+    (r"ansible-playbook ", "needs devices; tests/fleet/test_ansible.py has some"),
     (r"sudo (install|useradd|groupadd) ", "changes the system; tests/fleet/test_page.py does it with accounts of its own"),
     (r"\(umask 077; openssl passwd -6 ", "asks for a password at the terminal"),
 ]
@@ -70,7 +71,7 @@ def test_screens_are_what_the_programs_show(document, reader):
     """From top to bottom, in the order of the document. Those that need devices are played in tests/fleet."""
     reader.save_files(document)
     for block in document.blocks:
-        if block.kind == "console" and not {"fleet", "many"} & set(block.info):
+        if block.kind == "console" and not {"fleet", "many", "ansible"} & set(block.info):
             reader.play(block)
 
 

@@ -42,6 +42,7 @@ MADE = [
     ("docs/python/stubs", ".gitignore"),
     ("fuzz/generated", ".gitignore"),
     ("client/", "docs/protocol.md"),
+    ("verdicts.json", "fleet/ansible/lines.yaml"),
     ("vextool/console.sock", "platform/klbase/src/console/options.cc"),  # in a user's own folder
 ]
 # Paths of the operating system that the documents name.
@@ -136,6 +137,7 @@ FOREIGN_FLAGS = {
     "--help",
     "--formatter", "--report-formatter", "--output",  # bats
     "--junit-xml",  # pytest
+    "--diff", "--tags",  # ansible-playbook
     "--system", "--no-create-home", "--home-dir", "--shell", "--groups",  # groupadd, useradd
 }
 

@@ -20,9 +20,7 @@ ACCOUNTS = {  # name to groups
     "bob": ["vextool"],  # may use the console, and has a shell
 }
 # It accepts more than it should, so that what a client sends would be seen.
-SSHD_OF_THE_TEST = """HostKey {folder}/keys/host
-AcceptEnv KLBASE_* XDG_*
-"""
+SSHD_OF_THE_TEST = "AcceptEnv KLBASE_* XDG_*\n"
 
 
 def wait_until(condition, what, limit_s=LIMIT_S):
@@ -80,6 +78,10 @@ class Ground:
             shutil.copy(library, self.folder / "lib")
 
     def accounts(self):
+        self.home = self.folder / "home/root"
+        self.home.mkdir(parents=True)
+        passwd = pathlib.Path("/etc/passwd")
+        passwd.write_text(passwd.read_text(encoding="utf-8").replace(":/root:", f":{self.home}:", 1), encoding="utf-8")
         groups = sorted({group for names in ACCOUNTS.values() for group in names})
         with open("/etc/group", "a", encoding="ascii") as file:
             for number, group in enumerate(groups, 61000):
@@ -104,14 +106,16 @@ class Ground:
         (folder / "sshd_config.d").mkdir(parents=True)
         (folder / "vextool-operators").mkdir()
         shutil.copy("/usr/share/openssh/sshd_config", folder)
+        shutil.copy(self.folder / "keys/host", folder / "ssh_host_ed25519_key")
         shutil.copy(ROOT / "fleet/ssh/vextool-operators.conf", folder / "sshd_config.d")
-        (folder / "sshd_config.d/zz-test.conf").write_text(SSHD_OF_THE_TEST.format(folder=self.folder), encoding="ascii")
+        (folder / "sshd_config.d/zz-test.conf").write_text(SSHD_OF_THE_TEST, encoding="ascii")
         key = (self.folder / "keys/client.pub").read_text(encoding="ascii")
         for name in "ada", "eve":
             (folder / "vextool-operators" / name).write_text(key, encoding="ascii")
-        home = self.folder / "home/bob/.ssh"
-        home.mkdir()
-        (home / "authorized_keys").write_text(key, encoding="ascii")
+        for name in "bob", "root":
+            home = self.folder / "home" / name / ".ssh"
+            home.mkdir()
+            (home / "authorized_keys").write_text(key, encoding="ascii")
         # It records the login for the kernel's audit, which a container's root may not.
         pam = pathlib.Path("/etc/pam.d/sshd")
         pam.write_text(re.sub(".*pam_loginuid.*\n", "", pam.read_text(encoding="utf-8")), encoding="utf-8")

@@ -10,7 +10,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 import alone  # noqa: E402
 
 TOOLS = {"unshare": "util-linux", "setpriv": "util-linux", "ip": "iproute2", "sshd": "openssh-server",
-         "ssh": "openssh-client", "clush": "clustershell"}
+         "ssh": "openssh-client", "pkill": "procps", "clush": "clustershell", "ansible-playbook": "ansible-core"}
 
 
 def main(programs, *files):
