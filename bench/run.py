@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
 events delay crowd service
-vexctl control rpc monitor."""
+vexctl control rpc monitor fleet."""
 
 import argparse
 import contextlib
@@ -620,9 +620,22 @@ def bench_monitor(table, bin_folder, folder):
         table.add("redis-cli subscribe", f"{rates['redis']:.0f}", "lines/s", f"{rates['vexctl'] / rates['redis']:.2f} x it")
 
 
+def bench_fleet(table, bin_folder, folder):
+    if os.geteuid() != 0:
+        print("  left out: network namespaces with accounts of their own need root", file=sys.stderr)
+        return
+    program = pathlib.Path(__file__).with_name("fleet.py")
+    figures = json.loads(subprocess.run([sys.executable, "-B", program, bin_folder, str(ROUNDS)], stdout=subprocess.PIPE,
+                                        timeout=1200, check=True).stdout)
+    table.add("line by clush, 57 devices, 7 dead", f"{figures['clush_s']:.1f}", "s", "", "<= 15")
+    table.add("xargs -P 32 ssh", f"{figures['xargs_s']:.1f}", "s", f"{figures['clush_s'] / figures['xargs_s']:.2f} x it")
+    table.add("line by ssh", f"{figures['line_s'] * 1000:.0f}", "ms p50")
+    table.add("true by ssh", f"{figures['true_s'] * 1000:.0f}", "ms p50", f"{figures['line_s'] / figures['true_s']:.2f} x it")
+
+
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
            "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service, "vexctl": bench_vexctl,
-           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor}
+           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet}
 
 
 def main():
