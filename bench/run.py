@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
 events delay crowd service
-vexctl control rpc monitor fleet."""
+vexctl control rpc monitor fleet metrics."""
 
 import argparse
 import contextlib
@@ -633,9 +633,27 @@ def bench_fleet(table, bin_folder, folder):
     table.add("true by ssh", f"{figures['true_s'] * 1000:.0f}", "ms p50", f"{figures['line_s'] / figures['true_s']:.2f} x it")
 
 
+def bench_metrics(table, bin_folder, folder):
+    """How long `metrics` takes while 64 sessions run lines without a pause, and while none does."""
+    with controlled(bin_folder, folder, KLBASE_CONSOLE_MAX_SESSIONS="100") as (_, path, port), encoder(bin_folder, folder):
+        run_json([bin_folder / "bench_line", str(port), "encd SetQulity high", "\n", "1"])
+
+        def metrics():
+            # The request in front is answered behind the greeting, which would be taken for an answer.
+            return run_json([bin_folder / "bench_line", str(path), '{"run":"metrics"}', "}\n", "50", '{"monitor":["off"]}', '"ok"}\n'])
+
+        idle = metrics()
+        with child([bin_folder / "bench_load", str(port), "64", "1000000", "core show version", VERSION_END]):
+            time.sleep(1)
+            busy = [metrics() for _ in range(ROUNDS)]
+    table.add("metrics, 64 sessions under load", f"{statistics.median(run['p50_us'] for run in busy) / 1000:.2f} / "
+              f"{statistics.median(run['p99_us'] for run in busy) / 1000:.2f}", "ms p50/p99", "", "<= 5")
+    table.add("metrics, no other session", f"{idle['p50_us'] / 1000:.2f} / {idle['p99_us'] / 1000:.2f}", "ms p50/p99")
+
+
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
            "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service, "vexctl": bench_vexctl,
-           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet}
+           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet, "metrics": bench_metrics}
 
 
 def main():

@@ -27,7 +27,7 @@ NOT_RUN = [
     (r"cmake --install build --prefix /", "changes the system; package.* installs elsewhere"),
     (r"/usr/bin/python3 docs/python/daemon.py", "takes the player's place; test_wire.py runs it beside the tool"),
     (r"ansible-playbook ", "needs devices; tests/fleet/test_ansible.py has some"),
-    (r"sudo (install|useradd|groupadd) ", "changes the system; tests/fleet/test_page.py does it with accounts of its own"),
+    (r"sudo (install|useradd|groupadd|ln) ", "changes the system; tests/fleet/test_page.py does it with accounts of its own"),
     (r"\(umask 077; openssl passwd -6 ", "asks for a password at the terminal"),
 ]
 

@@ -3,6 +3,7 @@
 import asyncio
 import collections
 import json
+import pathlib
 import re
 import tempfile
 
@@ -100,11 +101,20 @@ class Scripts:
         self.soak.require(recorded == self.lines, f"lines without a record: {missing}; records without a line: {extra}")
         return sum(recorded.values())
 
+    def check_metrics(self, log, metrics):
+        """The figures that the tool has left are those of its records, of all sessions."""
+        counted = {status: int(count) for status, count in re.findall(r'^vextool_commands_total\{status="(\w+)"\} (\d+)$', metrics, re.M)}
+        recorded = collections.Counter(re.findall(r" session=\d+ kind=\w+ user=\S+ status=(\w+) ", log))
+        self.soak.require(counted == {status: recorded[status] for status in counted} and sum(counted.values()) >= sum(self.verdicts.values()),
+                          f"the metrics count {counted}, the log has {dict(recorded)}")
+        return sum(counted.values())
+
 
 async def run(soak):
     with tempfile.TemporaryDirectory(prefix="vex-") as folder:  # a socket's path has to be short
         path = f"{folder}/console.sock"
-        tool = Tool(soak, environment={"KLBASE_CONSOLE_SOCKET": path})
+        metrics = pathlib.Path(folder) / "vextool.prom"
+        tool = Tool(soak, environment={"KLBASE_CONSOLE_SOCKET": path, "KLBASE_METRICS_FILE": metrics})
         events, replies = Events(soak, tool), Replies(soak)
         port = await tool.port()
         scripts = Scripts(soak, replies, path)
@@ -129,4 +139,5 @@ async def run(soak):
         soak.number("events that a wait has shown", len(scripts.seen))
         soak.number("replies sent / shown / lost with the daemon and reported", f"{sent} / {len(replies.shown)} / {unshown}")
         await end_in_order(soak, tool)
-        soak.number("records of lines in the log", scripts.check_records(tool.log()))
+        soak.number("records of the scripts' lines in the log", scripts.check_records(tool.log()))
+        soak.number("lines of all sessions in the metrics", scripts.check_metrics(tool.log(), metrics.read_text(encoding="utf-8")))

@@ -48,7 +48,7 @@ class MenuWalkTest : public ::testing::Test {
 
 TEST_F(MenuWalkTest, AnEmptyLineOffersEverything) {
   EXPECT_EQ(Tab(""), (Strings{"encd", "playd", "help", "?", "history", "who", "wait", "monitor", "expect", "watch",
-                              "disconnect", "main", "..", "exit", "shutdown"}));
+                              "metrics", "disconnect", "main", "..", "exit", "shutdown"}));
 }
 
 TEST_F(MenuWalkTest, TabCompletesTheMenusCommandsBeforeTheBuiltInOnes) {

@@ -17,6 +17,7 @@
 #include "console/commands/builtins.h"
 #include "console/control/control_server.h"
 #include "console/exit_guard.h"
+#include "console/metrics/metrics_file.h"
 #include "console/notice.h"
 #include "console/session/line_turns.h"
 #include "console/session/session_table.h"
@@ -58,6 +59,7 @@ class ConsoleRuntime : public SessionHost,
       control_->Start();
       KL_LOG(30, "console control socket is %s\n", control_->Path().c_str());
     }
+    if (!options_.metrics_file.empty()) metrics_ = std::make_unique<MetricsFile>(options_.metrics_file);
     const std::string text = "console listens on " + server_->Address();
     KL_LOG(30, "%s\n", text.c_str());
     if (::isatty(options_.output_fd) != 1) std::fprintf(stderr, "%s\n", text.c_str());
@@ -102,6 +104,7 @@ class ConsoleRuntime : public SessionHost,
     const bool ended = WaitForRun() && table_.WaitUntilEmpty(options_.stop);
     if (control_) control_->Stop();
     server_->Stop();
+    metrics_.reset();  // with what the last sessions did
     if (!ended) {
       KL_LOG(40, "console: a command did not end in time and is left alone\n");
       // The command still uses its session and the menus: all of it stays until the process is gone.
@@ -208,6 +211,7 @@ class ConsoleRuntime : public SessionHost,
   std::unique_ptr<LocalConsole> local_;
   std::unique_ptr<Server> server_;
   std::unique_ptr<ControlServer> control_;
+  std::unique_ptr<MetricsFile> metrics_;
 
   absl::Mutex mutex_;
   klbase::SteadyCondVar changed_;

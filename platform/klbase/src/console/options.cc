@@ -43,6 +43,7 @@ ConsoleOptions OptionsFromEnvironment(bool local_console, int port) {
     options.idle = std::chrono::minutes(Number("KLBASE_CONSOLE_IDLE_MINUTES", limit));
   }
   options.control_socket = ControlSocketFromEnvironment();
+  options.metrics_file = Environment("KLBASE_METRICS_FILE");
   if (local_console) options.history_file = DefaultHistoryFile();
   return options;
 }

@@ -26,6 +26,7 @@ struct ConsoleOptions {
   int max_sessions = 64;             // on connections; the local terminal is not counted
   ControlSocketPath control_socket;  // for programs of this machine
   std::string history_file;          // of the local terminal
+  std::string metrics_file;          // "": none is written
   int input_fd = STDIN_FILENO;
   int output_fd = STDOUT_FILENO;
 
@@ -40,7 +41,8 @@ struct ConsoleOptions {
 };
 
 // The options, with those that the environment sets: KLBASE_CONSOLE_ADDRESS, KLBASE_CONSOLE_PASSWORD_FILE,
-// KLBASE_CONSOLE_ALLOW, KLBASE_CONSOLE_MAX_SESSIONS, KLBASE_CONSOLE_IDLE_MINUTES and KLBASE_CONSOLE_SOCKET. Throws
+// KLBASE_CONSOLE_ALLOW, KLBASE_CONSOLE_MAX_SESSIONS, KLBASE_CONSOLE_IDLE_MINUTES, KLBASE_CONSOLE_SOCKET and
+// KLBASE_METRICS_FILE. Throws
 // std::runtime_error for a value that makes no sense.
 ConsoleOptions OptionsFromEnvironment(bool local_console, int port);
 

@@ -24,6 +24,8 @@ enum class SessionKind {
   kControl,   // a program on the control socket
   kAttached,  // an operator's terminal on the control socket
 };
+constexpr SessionKind kSessionKinds[] = {SessionKind::kTerminal, SessionKind::kTelnet,  SessionKind::kProgram,
+                                         SessionKind::kPlain,    SessionKind::kControl, SessionKind::kAttached};
 const char* KindName(SessionKind kind);
 // Whether an operator works in sessions of this kind: they have a prompt, and are shown notices.
 bool IsInteractive(SessionKind kind);

@@ -126,7 +126,8 @@ bool LogFile::Open(Settings settings) {
   {
     MutexLock lock(mutex_);
     sink_ = std::move(sink);
-    unflushed_ = failing_ = stop_flusher_ = false;
+    unflushed_ = 0;
+    failing_ = stop_flusher_ = false;
   }
   if (opened) flusher_ = StartWithSignalsBlocked([](LogFile* file) { file->RunFlusher(); }, this);
   {
@@ -182,16 +183,19 @@ void LogFile::Write(int level, Urgency urgency, std::string_view line) {
 bool LogFile::WriteToSinkLocked(Urgency urgency, std::string_view line, std::string* notice) {
   const bool flush = urgency == Urgency::kAtOnce || !flusher_runs_;
   // Asked before each write to the file, and not for each record that only waits for one.
-  if (sink_ != nullptr && (flush || !unflushed_) && FileIsGoneLocked()) BeginAgainLocked(notice);
-  if (sink_ == nullptr) return false;
+  if (sink_ != nullptr && (flush || unflushed_ == 0) && FileIsGoneLocked()) BeginAgainLocked(notice);
+  if (sink_ == nullptr) {
+    ++lost_;
+    return false;
+  }
+  ++unflushed_;
   try {
     sink_->log(spdlog::details::log_msg({}, {}, spdlog::level::info, {line.data(), line.size()}));
   } catch (const std::exception& failure) {
     SinkFailedLocked(failure.what(), notice);
     return false;
   }
-  if (!flush && !unflushed_) wake_flusher_.NotifyAll();
-  unflushed_ = true;
+  if (!flush && unflushed_ == 1) wake_flusher_.NotifyAll();
   if (flush) FlushLocked(notice);
   return sink_ != nullptr;
 }
@@ -216,8 +220,8 @@ void LogFile::BeginAgainLocked(std::string* notice) {
   LogBuffer line;
   AppendLogLine(line, {kStandardErrorLevel, kSource, __LINE__, __func__, kText}, now, gettid());
   try {
+    ++unflushed_;
     sink_->log(spdlog::details::log_msg({}, {}, spdlog::level::info, {line.data(), line.size()}));
-    unflushed_ = true;
     wake_flusher_.NotifyAll();
   } catch (const std::exception& failure) {
     SinkFailedLocked(failure.what(), notice);
@@ -225,10 +229,11 @@ void LogFile::BeginAgainLocked(std::string* notice) {
 }
 
 void LogFile::FlushLocked(std::string* notice) {
-  if (sink_ == nullptr || !unflushed_) return;
+  if (sink_ == nullptr || unflushed_ == 0) return;
   try {
     sink_->flush();
-    unflushed_ = failing_ = false;
+    unflushed_ = 0;
+    failing_ = false;
   } catch (const std::exception& failure) {
     SinkFailedLocked(failure.what(), notice);
   }
@@ -238,7 +243,7 @@ void LogFile::FlushLocked(std::string* notice) {
 // one as soon as that works.
 void LogFile::SinkFailedLocked(const char* why, std::string* notice) {
   sink_.reset();
-  unflushed_ = false;
+  lost_ += std::exchange(unflushed_, 0);
   if (!failing_) {
     *notice = std::string("klbase: writing the log failed: ") + why +
               "; until it works again, records of level 40 and above go to standard error\n";
@@ -254,7 +259,7 @@ void LogFile::RunFlusher() {
     bool lost = false;
     {
       MutexLock lock(mutex_);
-      while (!stop_flusher_ && !unflushed_ && sink_ != nullptr) wake_flusher_.Wait(mutex_);
+      while (!stop_flusher_ && unflushed_ == 0 && sink_ != nullptr) wake_flusher_.Wait(mutex_);
       // A wall clock that is set back must not hold the records back.
       const auto due = Condition::Clock::now() + kFlushInterval;
       while (!stop_flusher_ && wake_flusher_.WaitUntil(mutex_, due)) {

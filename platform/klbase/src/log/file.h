@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -39,6 +40,8 @@ class LogFile {
   enum class Urgency { kAtOnce, kSoon };
   // Writes one record's line.
   void Write(int level, Urgency urgency, std::string_view line);
+  // Records that could not be written to the file, whether or not they went to standard error instead.
+  std::uint64_t Lost() const { return lost_.load(std::memory_order_relaxed); }
 
  private:
   using Sink = std::unique_ptr<spdlog::sinks::sink>;
@@ -69,6 +72,7 @@ class LogFile {
   std::unique_ptr<std::thread> flusher_ ABSL_GUARDED_BY(control_);
 
   std::atomic<bool> open_{false};
+  std::atomic<std::uint64_t> lost_{0};
   Mutex mutex_;
   Condition wake_flusher_;
   Sink sink_ ABSL_GUARDED_BY(mutex_);
@@ -79,8 +83,8 @@ class LogFile {
   } file_id_;
   bool flusher_runs_ ABSL_GUARDED_BY(mutex_) = false;
   bool stop_flusher_ ABSL_GUARDED_BY(mutex_) = false;
-  bool unflushed_ ABSL_GUARDED_BY(mutex_) = false;
-  bool failing_ ABSL_GUARDED_BY(mutex_) = false;  // since a write failed and until one reaches the file
+  std::uint64_t unflushed_ ABSL_GUARDED_BY(mutex_) = 0;  // records that may not be in the file yet
+  bool failing_ ABSL_GUARDED_BY(mutex_) = false;         // since a write failed and until one reaches the file
 };
 
 }  // namespace klbase_internal

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -22,6 +23,7 @@
 
 #include "absl/synchronization/mutex.h"
 #include "klbase/log_sink.h"
+#include "log/file.h"
 #include "log/soon.h"
 #include "platform/testing/captured_output.h"
 #include "platform/testing/child_process.h"
@@ -267,8 +269,10 @@ TEST_F(LogTest, AFullDiskIsSaidOnceAndStopsNobody) {
   file_ = "/dev/full";
   ASSERT_TRUE(Open());
   CapturedOutput errors(STDERR_FILENO);
+  const std::uint64_t lost = klbase_internal::LogFile::Instance().Lost();
   for (int i = 0; i < 3; ++i) KL_LOG(30, "progress %d", i);
   KL_LOG(40, "refused");
+  EXPECT_EQ(klbase_internal::LogFile::Instance().Lost(), lost + 4);
   const std::string said = errors.Text();
   EXPECT_THAT(said, StartsWith("klbase: writing the log failed: "));
   EXPECT_THAT(said, HasSubstr("No space left on device; until it works again, records of level 40 and above go to "

@@ -15,6 +15,7 @@
 #include "client/pubsub/slot_thread.h"
 #include "client/pubsub/subscriptions.h"
 #include "client/unary_call.h"
+#include "figures.h"
 #include "klbase/log.h"
 #include "klrpc/last_call.h"
 #include "transport/grpc_core.h"
@@ -184,7 +185,9 @@ bool APIClient::Call(const google::protobuf::Message& request, google::protobuf:
 
 bool APIClient::CallWithin(const google::protobuf::Message& request, google::protobuf::Any& reply,
                            std::chrono::milliseconds timeout) {
+  const auto begin = std::chrono::steady_clock::now();
   const CallOutcome outcome = impl_->Caller().Call(request, reply, timeout);
+  CountCall(request.GetDescriptor()->full_name(), outcome.code, std::chrono::steady_clock::now() - begin);
   t_last_call.code = outcome.code;
   t_last_call.text = outcome.text;
   if (outcome.code == GRPC_STATUS_OK) return true;

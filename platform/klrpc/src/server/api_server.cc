@@ -7,6 +7,7 @@
 #include <exception>
 #include <utility>
 
+#include "figures.h"
 #include "klbase/log.h"
 #include "server/call.h"
 #include "server/listening/connection_groups.h"
@@ -129,7 +130,11 @@ CallResult GrpcServer::Answer(const Buffer& bytes, grpc_call* call) {
   if (!bytes.ParseInto(request)) return Failure(GRPC_STATUS_INVALID_ARGUMENT, "the request is not a packed message");
   const std::size_t size = request.value().size();
   if (size > kMaxMessageBytes) return RefusalOfSize(size, call, *refused_messages_);
-  return Guarded("request", request.type_url(), [&] { return Hooked(request); });
+  const auto begin = steady_clock::now();
+  CallResult result = Guarded("request", request.type_url(), [&] { return Hooked(request); });
+  const std::string_view url = request.type_url();
+  CountRequest(url.substr(url.rfind('/') + 1), result.code, steady_clock::now() - begin);
+  return result;
 }
 
 CallResult GrpcServer::AnswerPublish(const Buffer& bytes, grpc_call* call) {

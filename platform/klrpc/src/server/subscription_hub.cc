@@ -7,6 +7,7 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "figures.h"
 #include "klbase/log.h"
 
 namespace klrpc {
@@ -243,6 +244,7 @@ bool SubscriberStream::Enqueue(const Delivery& message, bool& kick) {
   const std::size_t size = message.Size();
   if (queue_.size() >= kMaxQueued || !HasRoomLocked(size)) {
     ++dropped_;
+    CountDropped();
     return false;
   }
   queue_.push_back(message);

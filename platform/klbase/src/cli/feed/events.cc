@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/feed.h"
+#include "klbase/metrics.h"
 
 namespace cli {
 namespace internal {
@@ -24,6 +25,12 @@ void AddFields(const std::string& name, const Json& value, Fields& fields) {
     member += value.is_object() ? item.key() : std::to_string(index++);
     AddFields(member, item.value(), fields);
   }
+}
+
+const klbase::Counters& Posted() {
+  static const klbase::Counters posted("vextool_events_total", "Events that the daemons have published, by topic.",
+                                       {"topic"});
+  return posted;
 }
 
 }  // namespace
@@ -66,6 +73,7 @@ void EventFeed::Post(std::string topic, std::string text, std::function<std::str
     watchers = watchers_;
     posted_.SignalAll();
   }
+  Posted().With({event->topic}).Add();
   for (const auto& weak : watchers) {
     if (const auto watcher = weak.lock()) (*watcher)(event);
   }

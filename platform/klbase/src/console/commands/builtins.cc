@@ -12,6 +12,7 @@
 #include "cli/words.h"
 #include "console/commands/event_commands.h"
 #include "console/commands/watch_command.h"
+#include "klbase/metrics.h"
 #include "line_editor/text.h"
 
 namespace cli::internal {
@@ -90,6 +91,8 @@ void Monitor(const Call& call, const Arguments& words) { MonitorEvents(call.sess
 void Expect(const Call& call, const Arguments& words) { ExpectFields(call.session, words); }
 
 void Watch(const Call& call, const Arguments& words) { WatchLine(call.session, words); }
+
+void Metrics(const Call& call, const Arguments&) { call.session.OutStream() << klbase::MetricsText(); }
 
 void Exit(const Call& call, const Arguments&) { call.session.End(); }
 
@@ -216,6 +219,7 @@ Builtins::Builtins(const std::string& root_name) {
        Monitor},
       {"expect", "condition", "compare fields of the last command, such as: expect result=1", true, Expect},
       {"watch", "line", "run a line every 2 s until Ctrl-C, or at other times: watch 0.5 who", true, Watch},
+      {"metrics", nullptr, "show figures of this tool for Prometheus", false, Metrics},
       {"disconnect", "id", "end another session", true, Disconnect},
       {root_name.c_str(), nullptr, "go back to the first menu", true, GoToRoot},
       {"..", nullptr, "go back to the menu before", false, GoUp},

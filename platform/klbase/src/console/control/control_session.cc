@@ -155,6 +155,7 @@ void ControlSession::ShowEvent(const Event& event) {
     if (watcher_ == nullptr) return;
     if (wire_->Pending() > OutputBuffer::kMaxPending) {
       ++missed_;
+      CountDroppedEvent(Kind());
       return;
     }
     wire_->Append(missed_ == 0 ? line : MissedLine(std::exchange(missed_, 0)) + line);

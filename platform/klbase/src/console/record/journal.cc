@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "klbase/log.h"
+#include "klbase/metrics.h"
 
 namespace cli::internal {
 namespace {
@@ -20,6 +21,14 @@ std::string SocketOfProcess() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   return IsJournal(STDERR_FILENO, stream) || IsJournal(STDOUT_FILENO, stream) ? kSocket : "";
 }
+
+klbase::Counter LostRecords() {
+  static const klbase::Counter lost =
+      klbase::Counters("vextool_journal_records_lost_total", "Records of lines that the system's journal did not take.")
+          .With();
+  return lost;
+}
+[[maybe_unused]] const bool counts = (LostRecords(), true);
 
 }  // namespace
 
@@ -56,6 +65,7 @@ void Journal::Send(std::initializer_list<Field> fields) {
   if (::sendto(fd_, record.data(), record.size(), MSG_NOSIGNAL, to, sizeof address) >= 0) return;
   const int error = errno;
   lost_.fetch_add(1, std::memory_order_relaxed);
+  LostRecords().Add();
   KL_LOG_COLLAPSED(losses_, "the journal did not take the record of a line: %s\n", std::strerror(error));
 }
 

@@ -2,6 +2,9 @@
 
 #include <errno.h>
 
+#include <vector>
+
+#include "klbase/metrics.h"
 #include "log/soon.h"
 #include "text/clean_text.h"
 
@@ -21,6 +24,20 @@ std::string Recorded(std::string_view line) {
   return klbase_internal::CleanOnOneLine(line.substr(0, end)) + "... (" + std::to_string(line.size()) + " bytes)";
 }
 
+// Each status has its counter from the beginning.
+const std::vector<klbase::Counter>& Counters() {
+  static const auto counters = [] {
+    const klbase::Counters family("vextool_commands_total", "Lines that were run, by how they ended.", {"status"});
+    std::vector<klbase::Counter> by_status;
+    for (int i = 0; i <= static_cast<int>(Status::kFailed); ++i) {
+      by_status.push_back(family.With({StatusName(static_cast<Status>(i))}));
+    }
+    return by_status;
+  }();
+  return counters;
+}
+[[maybe_unused]] const bool counts = !Counters().empty();
+
 void SendToJournal(const LineRecord& record, const std::string& user, const std::string& line, Journal& journal) {
   const std::string status = StatusName(record.status);
   journal.Send({{"MESSAGE", user + ": " + line + ": " + status},
@@ -38,6 +55,7 @@ void SendToJournal(const LineRecord& record, const std::string& user, const std:
 }  // namespace
 
 void WriteLineRecord(const LineRecord& record, Journal& journal) {
+  Counters()[static_cast<std::size_t>(record.status)].Add();
   if (kOptionLogLevel.load(std::memory_order_relaxed) > kLevel) return;
   const std::string user = klbase_internal::CleanOnOneLine(record.user);
   const std::string line = Recorded(record.line);

@@ -25,7 +25,8 @@ struct LineRecord {
 // Bytes of a line that a record has; the rest is cut off.
 constexpr std::size_t kMaxRecordedBytes = 1000;
 
-// Writes it to the log, at level 30, and where there is a journal to that. At other log levels to neither. Any thread.
+// Counts it, and writes it to the log, at level 30, and where there is a journal to that; at higher log levels to
+// neither. Any thread.
 void WriteLineRecord(const LineRecord& record, Journal& journal = Journal::OfProcess());
 
 }  // namespace cli::internal

@@ -92,6 +92,7 @@ void ConsoleSession::ShowHeldNotices() {
 void ConsoleSession::ShowEvent(const Event& event) {
   if (config_.output->Pending() > OutputBuffer::kBusyPending) {
     ++dropped_events_;
+    CountDroppedEvent(config_.kind);
     return;
   }
   const std::uint64_t dropped = dropped_events_.exchange(0);

@@ -27,6 +27,9 @@ class ListedSession {
   virtual CommandThread& Thread() = 0;
 };
 
+// Counts an event that a session of that kind did not get because its reader is slow.
+void CountDroppedEvent(SessionKind kind);
+
 }  // namespace cli::internal
 
 #endif  // KLBASE_CONSOLE_SESSION_LISTED_SESSION_H_

@@ -4,6 +4,33 @@
 #include <utility>
 
 namespace cli::internal {
+namespace {
+
+// Each kind has its figures from the beginning.
+struct SessionFigures {
+  SessionFigures() {
+    for (const SessionKind kind : kSessionKinds) {
+      opened.With({KindName(kind)});
+      open.With({KindName(kind)});
+    }
+  }
+
+  const klbase::Counters opened{"vextool_sessions_opened_total", "Sessions that were opened, by kind.", {"kind"}};
+  const klbase::Gauges open{"vextool_sessions", "Sessions that are open, by kind.", {"kind"}};
+};
+
+const SessionFigures& Figures() {
+  static const SessionFigures figures;
+  return figures;
+}
+[[maybe_unused]] const SessionFigures& figures_from_the_beginning = Figures();
+
+klbase::Counted CountOpened(SessionKind kind) {
+  Figures().opened.With({KindName(kind)}).Add();
+  return klbase::Counted(Figures().open.With({KindName(kind)}));
+}
+
+}  // namespace
 
 SessionSlot SessionTable::TakeSlot() {
   // Compared and counted in one step: two connections must not both get the last slot.
@@ -21,15 +48,18 @@ int SessionTable::NextId() {
 
 void SessionTable::Add(std::shared_ptr<ListedSession> session, SessionSlot slot) {
   const int id = session->Id();
+  auto counted = CountOpened(session->Kind());
   absl::MutexLock lock(&mutex_);
-  entries_[id] = {std::move(session), std::move(slot)};
+  entries_[id] = {std::move(session), std::move(slot), std::move(counted)};
 }
 
 void SessionTable::Replace(std::shared_ptr<ListedSession> session) {
   const int id = session->Id();
   absl::MutexLock lock(&mutex_);
   const auto found = entries_.find(id);
-  if (found != entries_.end()) found->second.session.swap(session);  // the other one is destroyed without the lock
+  if (found == entries_.end()) return;
+  found->second.counted = CountOpened(session->Kind());
+  found->second.session.swap(session);  // the other one is destroyed without the lock
 }
 
 void SessionTable::SetSlot(int id, SessionSlot slot) {

@@ -7,12 +7,14 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "absl/base/thread_annotations.h"
 #include "absl/synchronization/mutex.h"
 #include "console/session/listed_session.h"
+#include "klbase/metrics.h"
 #include "klbase/steady_cond_var.h"
 
 namespace cli::internal {
@@ -65,6 +67,7 @@ class SessionTable {
   struct Entry {
     std::shared_ptr<ListedSession> session;
     SessionSlot slot;
+    std::optional<klbase::Counted> counted;  // as an open one
   };
 
   const int max_slots_;

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <utility>
 
+#include "figures.h"
 #include "klbase/log.h"
 
 namespace klrpc {
@@ -35,6 +36,7 @@ bool EventQueue::AddMessage(klrpc::v1::PubsubMessage message) {
     if (full) found_full_ = true;
   }
   if (drop) {
+    CountLost(Loss::kSlots, 1);
     AddLoss(message.topic(), 1);
   } else {
     thread_.Post([this, message = std::move(message), size] { Deliver(message, size); });

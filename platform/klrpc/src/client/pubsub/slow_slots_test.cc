@@ -10,6 +10,7 @@
 #include "client/pubsub/event_queue.h"
 #include "platform/klrpc/testing/events.h"
 #include "platform/klrpc/testing/servers.h"
+#include "platform/testing/figure.h"
 #include "platform/testing/sync.h"
 
 namespace klrpc::testing {
@@ -17,6 +18,12 @@ namespace {
 
 using vextest::Gate;
 using vextest::Watched;
+
+// In the process's metrics.
+double CountedAsLost() {
+  return std::stod(vextest::Figure("vextool_rpc_events_lost_total{reason=\"slots\"}")) +
+         std::stod(vextest::Figure("vextool_rpc_events_lost_total{reason=\"server\"}"));
+}
 
 class SlowSlotsTest : public PubsubTest {
  protected:
@@ -58,6 +65,7 @@ TEST_F(SlowSlotsTest, ASlotThatStandsStillCostsNeitherTheConnectionNorAnEvent) {
 TEST_F(SlowSlotsTest, EachMessageOfAnOverflowIsAccountedFor) {
   const std::string full =
       "events from " + address_ + ": 4096 are waiting for slots that take too long, more are dropped";
+  const double counted_before = CountedAsLost();
   PublishNumbers(0, EventQueue::kMaxWaiting);
   ASSERT_TRUE(log_.WaitForText("40 " + full));
   // Twice as many as the server's queue holds, so the client has read, and dropped, many of them. The server drops some
@@ -78,6 +86,7 @@ TEST_F(SlowSlotsTest, EachMessageOfAnOverflowIsAccountedFor) {
   const std::uint64_t lost = listener_->lost.Get();
   EXPECT_GT(lost, 0u);
   EXPECT_EQ(listener_->messages.Get().size() + lost, published);
+  EXPECT_EQ(CountedAsLost() - counted_before, static_cast<double>(lost));
   ExpectNumbersTo(EventQueue::kMaxWaiting);
   EXPECT_TRUE(log_.WaitForText("40 " + address_ + ": "));
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "figures.h"
 #include "klbase/log.h"
 
 namespace klrpc {
@@ -174,7 +175,9 @@ Subscriptions::Subscriptions(const APIClientOptions& options, Connector& connect
 void Subscriptions::Subscribe(const std::string& client_id, const std::vector<std::string>& topics) {
   {
     const absl::MutexLock lock(&mutex_);
-    std::vector<std::string>& known = by_client_[client_id].topics;
+    Subscription& subscription = by_client_[client_id];
+    if (!subscription.asked_for) subscription.asked_for = CountSubscription(options_.Address());
+    std::vector<std::string>& known = subscription.topics;
     const std::size_t before = known.size();
     for (const std::string& topic : topics) {
       if (!Contains(known, topic)) known.push_back(topic);
@@ -233,6 +236,7 @@ void Subscriptions::OnConfirmed(Stream& stream) {
     if (found == streams.end()) return;  // ended already
     // Read only when the streams before it have ended: their last messages come first.
     stream.confirmed = true;
+    if (!subscription.up) subscription.up = CountConfirmed(options_.Address());
     stream.confirmed_at = std::chrono::steady_clock::now();
     read = found == streams.begin();
     const std::string positions = stream.Positions();
@@ -261,7 +265,10 @@ void Subscriptions::OnMessage(const Buffer& bytes, const StreamPtr& stream) {
     const absl::MutexLock lock(&mutex_);
     verdict = by_client_[stream->ClientId()].positions.Take(message);
   }
-  if (verdict.missed > 0) events_.AddLoss(message.topic(), verdict.missed);
+  if (verdict.missed > 0) {
+    CountLost(Loss::kServer, verdict.missed);
+    events_.AddLoss(message.topic(), verdict.missed);
+  }
   ReadOrPause(!verdict.fresh || events_.AddMessage(std::move(message)), stream);
 }
 
@@ -312,6 +319,8 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
     const bool was_first = found == streams.begin();
     was_last = stream == streams.back();
     streams.erase(found);
+    const bool up = std::any_of(streams.begin(), streams.end(), [](const StreamPtr& each) { return each->confirmed; });
+    if (!up) subscription.up.reset();
     if (was_first && !streams.empty() && streams.front()->confirmed) next = streams.front();
     if (was_last && stream->confirmed) DropTopicsLocked(*stream);
     if (was_last && stream->Reached()) failures = subscription.failures++;

@@ -14,6 +14,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,6 +26,7 @@
 #include "client/pubsub/event_queue.h"
 #include "client/pubsub/positions.h"
 #include "client/pubsub/slot_thread.h"
+#include "klbase/metrics.h"
 #include "klrpc/api_client.h"
 #include "transport/grpc_core.h"
 
@@ -57,6 +59,9 @@ class Subscriptions {
     int failures = 0;               // in a row
     bool no_room = false;           // the server takes no connections, which has been said
     Positions positions;            // stays when the topics are gone
+    // In the process's metrics; so long as the client lives, and while a stream is confirmed.
+    std::optional<klbase::Counted> asked_for;
+    std::optional<klbase::Counted> up;
   };
 
   void Open(const std::string& client_id);
