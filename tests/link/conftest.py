@@ -24,7 +24,7 @@ def load_kit():
 
 
 load_kit()
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+sys.path.insert(0, str(ROOT / "fleet" / "nats"))
 
 from e2e_kit import BIN, LIMIT_S, Child, start_tool, started, wait_until  # noqa: E402, F401
 from nats_client import Client  # noqa: E402

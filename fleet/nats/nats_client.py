@@ -1,4 +1,4 @@
-"""A small NATS client for the tests: one socket, no threads, every wait with a limit."""
+"""A small NATS client: one socket, no threads, every wait with a limit. Needs nothing but Python's standard library."""
 
 import collections
 import json
