@@ -276,7 +276,7 @@ TEST_F(PlainTest, AThreadThatPrintsMoreThanTheReaderTakesWaitsForRoom) {
   EXPECT_TRUE(printed.WaitFor([](int lines) { return lines >= 1024; }));
   EXPECT_FALSE(printed.WaitFor([](int lines) { return lines > 1024 + 64 + 1; }, 200ms));
   received += ReadUntil(fds[0], std::to_string(kLines - 1) + "\n");
-  EXPECT_EQ(received.size(), std::string("one\ntwo\n").size() + kLines * 1024U);
+  EXPECT_EQ(received.size(), std::string("one\ntwo\n").size() + kLines * std::size_t{1024});
   printer.join();
   ::close(in[1]);
   runner.join();
