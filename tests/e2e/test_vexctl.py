@@ -131,7 +131,10 @@ def test_one_whose_output_nobody_reads_any_more_ends_with_130(serve, path, words
     serve()
     with subprocess.Popen([VEXCTL, "--socket", path, *words], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as running:
         running.stdout.close()
-        assert running.wait(LIMIT_S) == 130
+        try:
+            assert running.wait(LIMIT_S) == 130
+        finally:
+            running.kill()
 
 
 def test_an_expectation_that_is_not_met_ends_with_1(serve, vexctl):

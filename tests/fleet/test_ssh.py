@@ -56,6 +56,7 @@ def test_the_tool_knows_the_account(ssh, device):
     assert done.returncode == 0
     number = re.search(r"\* (\d+) +control +ada pid \d+", done.stdout)[1]
     assert f"console session {number} opens: control from ada pid " in device.log()
+    wait_until(lambda: f"session={number} kind=control user=ada status=ok " in device.log(), "a record of the line")
 
 
 def test_a_line_gives_its_output_and_the_status_of_vexctl(ssh, device):
@@ -222,6 +223,7 @@ def answer_through(device, target, user):
 
 def test_the_consoles_port_is_forwarded_and_the_account_known_there(device):
     assert re.search(r"\* \d+ +program ", answer_through(device, "127.0.0.1:50000", "ada"))
+    wait_until(lambda: " kind=program user=ada status=ok " in device.log(), "a record of the line")
     assert "may not use this console" in answer_through(device, "127.0.0.1:50000", "eve")
 
 
@@ -296,9 +298,9 @@ def test_a_person_gets_the_console(terminal, options):
 
 
 def test_a_person_runs_one_line_and_gives_it_up(terminal, ssh):
-    before = sessions(ssh)
+    wait_for_sessions(ssh, 0)
     session = terminal("wait nothing within 600")
-    wait_until(lambda: sessions(ssh) == before + 1, "a session")
+    wait_for_sessions(ssh, 1)
     session.send("\x03")
     session.expect("vexctl: cancelled: ")
     session.expect(pexpect.EOF)
@@ -321,24 +323,25 @@ def test_the_windows_size_is_followed(terminal):
 
 # --- ends
 
-def sessions(ssh):
-    return len(re.findall(r"^[* ] \d+ ", ssh("who").stdout, re.MULTILINE))
+def wait_for_sessions(ssh, number):
+    """Besides the one that asks; those of earlier tests may still be ending."""
+    wait_until(lambda: len(re.findall(r"^  \d+ ", ssh("who").stdout, re.MULTILINE)) == number, f"{number} sessions")
 
 
 @pytest.mark.parametrize("words", [["monitor"], ["wait nothing within 600"], ["-q", "wait nothing within 600"]])
 def test_a_client_that_has_gone_leaves_its_place(ssh, device, words):
-    before = sessions(ssh)
+    wait_for_sessions(ssh, 0)
     with running(command(device, *words)):
-        wait_until(lambda: sessions(ssh) == before + 1, "a session")
-    wait_until(lambda: sessions(ssh) == before, "the session has gone")
+        wait_for_sessions(ssh, 1)
+    wait_for_sessions(ssh, 0)
 
 
 def test_a_tool_that_is_killed_shows_as_3(ssh, device, terminal):
+    wait_for_sessions(ssh, 0)
     session = terminal()
     session.expect("main> ")
-    before = sessions(ssh)
     with running(command(device, "wait nothing within 600")) as waiting:
-        wait_until(lambda: sessions(ssh) == before + 1, "a session")
+        wait_for_sessions(ssh, 2)
         device.signal("vextool", "KILL")
         output, errors = waiting.communicate(timeout=LIMIT_S)
     assert (waiting.returncode, output) == (3, "")
