@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
 events delay crowd service
-vexctl control rpc monitor fleet metrics."""
+vexctl control rpc monitor fleet metrics link."""
 
 import argparse
 import contextlib
@@ -651,9 +651,86 @@ def bench_metrics(table, bin_folder, folder):
     table.add("metrics, no other session", f"{idle['p50_us'] / 1000:.2f} / {idle['p99_us'] / 1000:.2f}", "ms p50/p99")
 
 
+@contextlib.contextmanager
+def linked(bin_folder, path):
+    """A NATS server, and vexlink between it and the tool; yields the server's port."""
+    port = free_port()
+    with child(["nats-server", "-a", "127.0.0.1", "-p", str(port)]):
+        wait_for(lambda: listening(port), "nats-server")
+        url = f"nats://127.0.0.1:{port}"
+        with child([bin_folder / "vexlink", "--node", "bench", "--server", url, "--socket", path]):
+            request = [bin_folder / "bench_nats", "request", url, "vextool.bench.run", "core show version", "1"]
+            wait_for(lambda: subprocess.run(request, capture_output=True, check=False).returncode == 0, "vexlink")
+            yield port
+
+
+@contextlib.contextmanager
+def subscriber(arguments):
+    """A program that prints what it has subscribed to; yields it as soon as it has."""
+    with subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, bufsize=0) as process:
+        try:
+            assert process.stdout.readline() == b"subscribed\n"
+            yield process.stdout
+        finally:
+            process.kill()
+
+
+def published_lines(bin_folder, port, count, text):
+    """Messages per second from a bare publisher to the lines of a bare subscriber."""
+    url = f"nats://127.0.0.1:{port}"
+    with subscriber([bin_folder / "bench_nats", "subscribe", url, "bare"]) as lines:
+        start = time.perf_counter()
+        with subprocess.Popen([bin_folder / "bench_nats", "publish", url, "bare", str(count), text]):
+            left = count
+            while left > 0:
+                part = os.read(lines.fileno(), 1 << 16)
+                assert part, "the subscriber has ended"
+                left -= part.count(b"\n")
+        return {"events_per_second": count / (time.perf_counter() - start)}
+
+
+def add_linked_events(table, bin_folder, port):
+    count = 100_000
+    url, subject, mark = f"nats://127.0.0.1:{port}", "vextool.bench.event.>", '{"seq":'
+    example = mark + '1,"time":"2026-03-01T14:05:09.250Z","topic":"layer/result_repor","message":{' + "x" * 200
+    here = pathlib.Path(__file__).resolve().parent
+    programs = {"a C subscriber": [bin_folder / "bench_nats", "subscribe", url, subject],
+                "a Python subscriber": [sys.executable, here / "nats_subscriber.py", str(port), subject]}
+    runs = {name: [] for name in [*programs, "bare"]}
+    for _ in range(ROUNDS):
+        for name, program in programs.items():
+            with subscriber(program) as lines:
+                runs[name].append(run_json([bin_folder / "bench_events", str(count), mark], stdin=lines))
+        runs["bare"].append(published_lines(bin_folder, port, count, example))
+    rates = {name: statistics.median(run["events_per_second"] for run in each) for name, each in runs.items()}
+    for name in programs:
+        ratio = f"{rates[name] / rates['bare']:.2f} x it" if name == "a C subscriber" else ""
+        table.add(f"events over NATS to {name}", f"{rates[name]:.0f}", "events/s", "", ">= 50000")
+        table.add("  lost", str(sum(run["lost"] for run in runs[name])), "", "", "0")
+        if ratio:
+            table.add("bare NATS publisher to it", f"{rates['bare']:.0f}", "messages/s", ratio)
+
+
+def bench_link(table, bin_folder, folder):
+    with contextlib.ExitStack() as stack:
+        _, path, _ = stack.enter_context(controlled(bin_folder, folder))
+        port = stack.enter_context(linked(bin_folder, path))
+        add_linked_events(table, bin_folder, port)
+        url = f"nats://127.0.0.1:{port}"
+        figures = alternate({
+            "line over NATS": lambda: run_json([bin_folder / "bench_nats", "request", url, "vextool.bench.run",
+                                                "core show version", "3000"]),
+            "the same on the control socket": lambda: run_json([
+                bin_folder / "bench_line", str(path), VERSION_REQUEST, "}\n", "3000", '{"monitor":["off"]}', '"ok"}\n']),
+        })
+    add_latencies(table, figures, "line over NATS", {})
+    over, direct = (figure["p50_us"] for figure in figures.values())
+    table.add("  above the control socket", f"{over - direct:.1f}", "us p50", "", "<= 150")
+
+
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
            "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service, "vexctl": bench_vexctl,
-           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet, "metrics": bench_metrics}
+           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet, "metrics": bench_metrics, "link": bench_link}
 
 
 def main():

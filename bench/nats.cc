@@ -1,0 +1,73 @@
+// A bare NATS client, beside which vexlink is measured:
+//   bench_nats subscribe URL SUBJECT                prints each payload as a line, until it is killed
+//   bench_nats publish URL SUBJECT COUNT PAYLOAD    the same message so often, then ends when the server has them
+//   bench_nats request URL SUBJECT PAYLOAD COUNT    round trips
+#include <nats/nats.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "samples.h"
+
+namespace {
+
+constexpr int kIdleMs = 1;       // then what was received is shown
+constexpr int kAnswerMs = 5000;  // for one request
+constexpr int kFlushMs = 60000;
+
+int Fail(natsStatus status) {
+  std::fprintf(stderr, "bench_nats: %s\n", natsStatus_GetText(status));
+  return 1;
+}
+
+int Subscribe(natsConnection* connection, const char* subject) {
+  natsSubscription* subscription = nullptr;
+  natsStatus status = natsConnection_SubscribeSync(&subscription, connection, subject);
+  if (status == NATS_OK) status = natsSubscription_SetPendingLimits(subscription, -1, -1);
+  if (status == NATS_OK) status = natsConnection_Flush(connection);
+  std::fputs("subscribed\n", stdout);
+  while (status == NATS_OK || status == NATS_TIMEOUT) {
+    natsMsg* message = nullptr;
+    status = natsSubscription_NextMsg(&message, subscription, kIdleMs);
+    if (status == NATS_TIMEOUT) std::fflush(stdout);
+    if (status != NATS_OK) continue;
+    std::fwrite(natsMsg_GetData(message), 1, static_cast<std::size_t>(natsMsg_GetDataLength(message)), stdout);
+    std::fputc('\n', stdout);
+    natsMsg_Destroy(message);
+  }
+  return Fail(status);
+}
+
+int Publish(natsConnection* connection, const char* subject, long count, const char* payload) {
+  natsStatus status = NATS_OK;
+  for (long i = 0; i < count && status == NATS_OK; ++i)
+    status = natsConnection_PublishString(connection, subject, payload);
+  if (status == NATS_OK) status = natsConnection_FlushTimeout(connection, kFlushMs);
+  return status == NATS_OK ? 0 : Fail(status);
+}
+
+bool Request(natsConnection* connection, const char* subject, const char* payload) {
+  natsMsg* answer = nullptr;
+  if (natsConnection_RequestString(&answer, connection, subject, payload, kAnswerMs) != NATS_OK) return false;
+  const std::string_view text(natsMsg_GetData(answer), static_cast<std::size_t>(natsMsg_GetDataLength(answer)));
+  const bool well = text.find("\"status\":\"ok\"") != std::string_view::npos;
+  natsMsg_Destroy(answer);
+  return well;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view mode = argc > 3 ? argv[1] : "";
+  natsConnection* connection = nullptr;
+  const natsStatus status = argc > 3 ? natsConnection_ConnectTo(&connection, argv[2]) : NATS_INVALID_ARG;
+  if (status != NATS_OK) return Fail(status);
+  if (mode == "subscribe" && argc == 4) return Subscribe(connection, argv[3]);
+  if (mode == "publish" && argc == 6) return Publish(connection, argv[3], std::atol(argv[4]), argv[5]);
+  if (mode == "request" && argc == 6) {
+    return bench::MeasureAndPrint(static_cast<std::size_t>(std::atol(argv[5])),
+                                  [&] { return Request(connection, argv[3], argv[4]); });
+  }
+  return Fail(NATS_INVALID_ARG);
+}
