@@ -17,6 +17,15 @@ milliseconds Left(RunService::Clock::time_point deadline) {
   return std::chrono::duration_cast<milliseconds>(deadline - RunService::Clock::now());
 }
 
+// Past the events that a line such as "monitor" brings.
+Got ReceiveReply(vexctl::Connection& session, RunService::Clock::time_point deadline) {
+  for (;;) {
+    const Got got = session.Receive(deadline);
+    const std::string_view line = session.Line();
+    if (got != Got::kLine || !(line.starts_with("{\"event\":") || line.starts_with("{\"missed\":"))) return got;
+  }
+}
+
 }  // namespace
 
 RunService::RunService(const std::string& socket, std::string node, Send send)
@@ -91,7 +100,7 @@ std::string RunService::Ask(vexctl::Connection& session, const Job& job) {
   const std::string& id = job.request.id;
   if (!session.Send(ToolRequest(job.request, Left(job.deadline))))
     return MadeReply(id, "unreachable", "the tool has ended");
-  switch (session.Receive(job.deadline + kGrace)) {
+  switch (ReceiveReply(session, job.deadline + kGrace)) {
     case Got::kLine:
       return std::string(session.Line());
     case Got::kEnd:

@@ -2,15 +2,27 @@
 
 #include <poll.h>
 
+#include <chrono>
+
 namespace vexlink {
 namespace {
 
-constexpr std::size_t kSpare = 2;
+constexpr std::size_t kSpare = 4;
+constexpr auto kWarmTime = std::chrono::seconds(5);
+
+// The tool starts a session's thread with the first thing that it has to do there, which on a busy machine takes
+// milliseconds. A completion is such a thing, and nothing else comes of it.
+constexpr char kWarmUp[] = "{\"complete\":\"help\"}\n";
 
 // The tool closes idle sessions, and all of them when it ends.
 bool IsStillOpen(const vexctl::Connection& session) {
   pollfd socket{session.Fd(), POLLIN | POLLRDHUP, 0};
   return ::poll(&socket, 1, 0) == 0;
+}
+
+bool WarmUp(vexctl::Connection& session) {
+  using Connection = vexctl::Connection;
+  return session.Send(kWarmUp) && session.Receive(Connection::Clock::now() + kWarmTime) == Connection::Got::kLine;
 }
 
 }  // namespace
@@ -43,8 +55,9 @@ void ToolSessions::Prepare() {
   }
   std::string why;
   Session session = Open(why);
+  if (session == nullptr || !WarmUp(*session)) return;
   const absl::MutexLock lock(&mutex_);
-  if (session != nullptr && spare_.size() < kSpare) spare_.push_back(std::move(session));
+  if (spare_.size() < kSpare) spare_.push_back(std::move(session));
 }
 
 }  // namespace vexlink

@@ -15,8 +15,8 @@
 
 namespace vexlink {
 
-// Each request has a session of its own, so that a menu that one entered is not where the next one begins. Two are kept
-// open beforehand, because opening one takes about as long as a line. Any thread.
+// Each request has a session of its own, so that a menu that one entered is not where the next one begins. A few are
+// kept open beforehand, because opening one takes longer than a line. Any thread.
 class ToolSessions {
  public:
   using Session = std::unique_ptr<vexctl::Connection>;
