@@ -730,7 +730,8 @@ def bench_link(table, bin_folder, folder):
 
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
            "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service, "vexctl": bench_vexctl,
-           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet, "metrics": bench_metrics, "link": bench_link}
+           "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet, "metrics": bench_metrics,
+           "link": bench_link}
 
 
 def main():

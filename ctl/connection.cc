@@ -17,7 +17,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr auto kConnectTime = std::chrono::seconds(5);  // a tool that is well needs a thousandth of it
 constexpr int kProtocol = 1;
 
 std::string Environment(const char* name) {
@@ -58,25 +57,25 @@ Connection::~Connection() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-std::string Connection::Open(const std::string& path) {
+std::string Connection::Open(const std::string& path, std::chrono::milliseconds limit) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) return path + ": this path is too long for a socket";
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   // A tool that is stopped accepts nothing, and its queue may be full.
-  const timeval limit{kConnectTime.count(), 0};
-  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const timeval time{limit.count() / 1000, limit.count() % 1000 * 1000};
+  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
   if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     const int error = errno;
     return "no tool at " + path + ": " + std::strerror(error) + "; " + NextStep(error);
   }
-  const std::string wrong = Greet();
+  const std::string wrong = Greet(limit);
   return wrong.empty() ? "" : "no session at " + path + ": " + wrong;
 }
 
-std::string Connection::Greet() {
-  switch (Receive(Clock::now() + kConnectTime)) {
+std::string Connection::Greet(std::chrono::milliseconds limit) {
+  switch (Receive(Clock::now() + limit)) {
     case Got::kLine:
       break;
     case Got::kEnd:

@@ -18,6 +18,7 @@ std::string SocketPath(const std::string& asked_for, std::string& why);
 class Connection {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr auto kConnectTime = std::chrono::seconds(5);  // a tool that is well needs a thousandth of it
 
   enum class Got {
     kLine,
@@ -33,8 +34,8 @@ class Connection {
   ~Connection();
 
   // Connects, and reads the tool's greeting, which is in Line() then. "" or why there is no connection, with what to do
-  // about it.
-  std::string Open(const std::string& path);
+  // about it. `limit` is for each of both, and also for sending what the tool doesn't take.
+  std::string Open(const std::string& path, std::chrono::milliseconds limit = kConnectTime);
   // Open() failed for an interrupt.
   bool WasInterrupted() const { return interrupted_; }
   // From now on it counts as an interrupt when nobody is left to read what is written to `fd`.
@@ -52,7 +53,7 @@ class Connection {
   std::string TakeRest();
 
  private:
-  std::string Greet();
+  std::string Greet(std::chrono::milliseconds limit);
   bool TakeLine();
 
   const int interrupt_fd_;

@@ -92,7 +92,7 @@ std::string RunService::Run(const Job& job) {
   if (Left(job.deadline) <= milliseconds(0))
     return MadeReply(id, "timeout", "other requests took all the time; it was not run");
   std::string why;
-  const ToolSessions::Session session = sessions_.Take(why);
+  const ToolSessions::Session session = sessions_.Take(Left(job.deadline + kGrace), why);
   return session == nullptr ? MadeReply(id, "unreachable", why) : Ask(*session, job);
 }
 

@@ -2,13 +2,14 @@
 
 #include <poll.h>
 
-#include <chrono>
+#include <algorithm>
 
 namespace vexlink {
 namespace {
 
 constexpr std::size_t kSpare = 4;
-constexpr auto kWarmTime = std::chrono::seconds(5);
+constexpr std::chrono::milliseconds kWarmTime{5000};
+constexpr std::chrono::milliseconds kLeastTime{1};  // 0 would be without end
 
 // The tool starts a session's thread with the first thing that it has to do there, which on a busy machine takes
 // milliseconds. A completion is such a thing, and nothing else comes of it.
@@ -35,17 +36,17 @@ ToolSessions::Session ToolSessions::TakeSpare() {
   return session;
 }
 
-ToolSessions::Session ToolSessions::Open(std::string& why) {
+ToolSessions::Session ToolSessions::Open(std::chrono::milliseconds limit, std::string& why) {
   auto session = std::make_unique<vexctl::Connection>(stop_.Fd());
-  why = session->Open(socket_);
+  why = session->Open(socket_, limit);
   return why.empty() ? std::move(session) : nullptr;
 }
 
-ToolSessions::Session ToolSessions::Take(std::string& why) {
+ToolSessions::Session ToolSessions::Take(std::chrono::milliseconds limit, std::string& why) {
   while (Session session = TakeSpare()) {
     if (IsStillOpen(*session)) return session;
   }
-  return Open(why);
+  return Open(std::clamp(limit, kLeastTime, kWarmTime), why);
 }
 
 void ToolSessions::Prepare() {
@@ -54,7 +55,7 @@ void ToolSessions::Prepare() {
     if (spare_.size() >= kSpare) return;
   }
   std::string why;
-  Session session = Open(why);
+  Session session = Open(kWarmTime, why);
   if (session == nullptr || !WarmUp(*session)) return;
   const absl::MutexLock lock(&mutex_);
   if (spare_.size() < kSpare) spare_.push_back(std::move(session));

@@ -5,6 +5,7 @@
 #include <absl/base/thread_annotations.h>
 #include <absl/synchronization/mutex.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <utility>
@@ -24,13 +25,13 @@ class ToolSessions {
   // Sessions are interrupted by `stop`, which outlives them.
   ToolSessions(std::string socket, const EventFd& stop) : socket_(std::move(socket)), stop_(stop) {}
 
-  // A session that nothing was run in; none, and why, where the tool has none to give.
-  Session Take(std::string& why);
+  // A session that nothing was run in; none, and why, where the tool has none to give within `limit`.
+  Session Take(std::chrono::milliseconds limit, std::string& why);
   // Opens one for later if few are there.
   void Prepare();
 
  private:
-  Session Open(std::string& why);
+  Session Open(std::chrono::milliseconds limit, std::string& why);
   Session TakeSpare();
 
   const std::string socket_;

@@ -68,10 +68,11 @@ CONSOLE_DOCUMENTS = [document for document in markdown.DOCUMENTS if any(b.kind =
 
 @pytest.mark.parametrize("document", CONSOLE_DOCUMENTS, ids=[document.file for document in CONSOLE_DOCUMENTS])
 def test_screens_are_what_the_programs_show(document, reader):
-    """From top to bottom, in the order of the document. Those that need devices are played in tests/fleet."""
+    """From top to bottom, in the order of the document. Those that need devices are played in tests/fleet, those that
+    need a NATS server in tests/link."""
     reader.save_files(document)
     for block in document.blocks:
-        if block.kind == "console" and not {"fleet", "many", "ansible"} & set(block.info):
+        if block.kind == "console" and not {"fleet", "many", "ansible", "nats"} & set(block.info):
             reader.play(block)
 
 

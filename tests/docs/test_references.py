@@ -190,6 +190,9 @@ FIGURES = [
     (r"name, 1 to (\d+) characters", "device/playd/player/player_table.h", r"kMaxIdLength = ([^;]+);", 1),
     (r"1 to (\d+) a side", "device/playd/canvas/geometry.cc", r"kMaxSide = ([^;]+);", 1),
     (r"open after (1\.5) s", "device/playd/player/player.h", r"milliseconds media\{([^}]+)\}", 0.001),
+    (r"cluster is away, (\d+) events", "link/arguments.h", r"buffer = ([^;]+);", 1),
+    (r"node runs (\d+) at a time", "link/runs/run_service.h", r"kAtOnce = ([^;]+);", 1),
+    (r"own, and (\d+)\s+more wait", "link/runs/run_service.h", r"kMostWaiting = ([^;]+);", 1),
 ]
 
 

@@ -3,6 +3,7 @@
 import json
 import signal
 import subprocess
+import time
 
 import pytest
 
@@ -120,9 +121,12 @@ def test_a_tool_that_hangs_is_not_waited_for_longer_than_the_limit(linked):
     tool, client, _ = linked
     client.ask("vextool.n1.run", "core show version")
     tool.freeze()
+    began = time.monotonic()
     answer = client.ask("vextool.n1.run", '{"run":"core show version","within_ms":200}')
+    assert time.monotonic() - began < 4  # its grace is a second, and opening a session without a limit takes five
     tool.signal(signal.SIGCONT)
-    assert (answer["status"], answer["reason"]) == ("timeout", "the tool does not answer; whether the line was done is not known")
+    assert answer["status"] in ("timeout", "unreachable")  # whether it hangs with a session that was ready or without one
+    assert "the tool does not answer" in answer["reason"]
 
 
 def test_a_request_under_way_is_answered_when_the_tool_is_killed(linked):
