@@ -6,7 +6,8 @@ set -euo pipefail
 tools=(g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user-static dpkg-dev)
 # GStreamer's base libraries have a development package that installs for one architecture only: see gstreamer.sh.
 libraries=(
-  libgrpc++-dev libprotobuf-dev libabsl-dev libspdlog-dev libtelnet-dev libutf8proc-dev libcrypt-dev prometheus-cpp-dev
+  libgrpc++-dev libprotobuf-dev libabsl-dev libspdlog-dev libtelnet-dev libutf8proc-dev libcrypt-dev
+  libprometheus-cpp-core1.0  # prometheus-cpp-dev installs for one architecture only; its headers are the same in all
   libgtest-dev libgmock-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-0 liborc-0.4-dev libnats-dev
 )
 

@@ -229,7 +229,8 @@ def needs(root, unit):
 def check(found, stated, root, unit):
     """A figure is about what was measured, and the limits leave room for as much again."""
     limits = root.unit(unit, "MemoryMax", "TasksMax")
-    assert 0.6 * stated[0] <= found[0] <= 1.4 * stated[0], f"{unit}: {found}, its unit says {stated}"
+    # The allocator gives some of it back 5 s after a session has ended, which on a busy machine is before all is measured.
+    assert 0.5 * stated[0] <= found[0] <= 1.4 * stated[0], f"{unit}: {found}, its unit says {stated}"
     assert abs(found[1] - stated[1]) <= max(2, os.cpu_count()), f"{unit}: {found}, its unit says {stated}"
     assert 2 * found[0] << 20 <= int(limits["MemoryMax"]) and 2 * found[1] <= int(limits["TasksMax"])
 

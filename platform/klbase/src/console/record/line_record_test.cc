@@ -2,18 +2,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "klbase/log.h"
-#include "platform/testing/limits.h"
 #include "platform/testing/log_capture.h"
 #include "platform/testing/scratch_folder.h"
 
@@ -21,11 +21,9 @@ namespace cli::internal {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 using vextest::LogCapture;

@@ -21,15 +21,11 @@
 namespace cli::internal {
 namespace {
 
-using Json = nlohmann::json;
 using testing::AllOf;
-using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
-using testing::StartsWith;
 using vextest::Watched;
 using Texts = std::vector<std::string>;
 
