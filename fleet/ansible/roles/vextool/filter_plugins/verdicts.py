@@ -20,7 +20,12 @@ def verdict(run):
 
 
 def verdicts(hostvars, hosts):
-    return {host: verdict(hostvars[host].get("vextool_run", {})) for host in hosts}
+    return {host: verdict(run_of(hostvars[host])) for host in hosts}
+
+
+def run_of(variables):
+    run = variables.get("vextool_run", {})
+    return variables.get("vextool_reach", {}) if run.get("skipped") else run
 
 
 def table(found):
