@@ -191,8 +191,7 @@ def show_replies(replies, nodes):
     if silent:
         groups[("timeout", f"no answer within {ANSWER_LIMIT_S} s", "")] = silent
     for (status, reason, output), names in groups.items():
-        print(f"--- {', '.join(sorted(names))}: {status}{': ' + reason if reason else ''}")
-        print(output, end="")
+        print(f"--- {', '.join(sorted(names))}: {status}{': ' + reason if reason else ''}\n{output}", end="", flush=True)
 
 
 typing = threading.Event()  # somebody is at the prompt
@@ -203,13 +202,11 @@ def show(text):
     if typing.is_set():
         print(f"\r\x1b[K{text}\n{PROMPT}{readline.get_line_buffer()}", end="", flush=True)
     else:
-        print(text, flush=True)
+        print(f"{text}\n", end="", flush=True)
 
 
-def watch_events(stop):
+def watch_events(client, stop):
     """Shows each event above the prompt. When `stop` is set, those that are still on their way."""
-    client = nats_client.Client(PORT, limit_s=ANSWER_LIMIT_S)
-    client.subscribe("vextool.*.event.>")
     end = float("inf")
     with contextlib.suppress(ConnectionError):  # the prompt says so
         while time.monotonic() < end:
@@ -267,7 +264,9 @@ def main():
     fleet = Fleet([f"node{at}" for at in range(1, int(count) + 1)], programs, folder.resolve())
     try:
         fleet.start(binaries)
-        events = threading.Thread(target=watch_events, args=[stop])
+        client = nats_client.Client(PORT, limit_s=ANSWER_LIMIT_S)
+        client.subscribe("vextool.*.event.>")
+        events = threading.Thread(target=watch_events, args=[client, stop])
         events.start()
         try:
             converse(fleet)
