@@ -3,7 +3,7 @@
 import pathlib
 import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "link"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "fleet" / "nats"))
 
 from nats_client import Client  # noqa: E402
 
