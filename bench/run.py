@@ -689,19 +689,20 @@ def published_lines(bin_folder, port, count, text):
         return {"events_per_second": count / (time.perf_counter() - start)}
 
 
-def add_linked_events(table, bin_folder, port):
+def add_linked_events(table, bin_folder, path, port):
     count = 100_000
     url, subject, mark = f"nats://127.0.0.1:{port}", "vextool.bench.event.>", '{"seq":'
     example = mark + '1,"time":"2026-03-01T14:05:09.250Z","topic":"layer/result_repor","message":{' + "x" * 200
     here = pathlib.Path(__file__).resolve().parent
     programs = {"a C subscriber": [bin_folder / "bench_nats", "subscribe", url, subject],
                 "a Python subscriber": [sys.executable, here / "nats_subscriber.py", str(port), subject]}
-    runs = {name: [] for name in [*programs, "bare"]}
+    runs = {name: [] for name in [*programs, "bare", "direct"]}
     for _ in range(ROUNDS):
         for name, program in programs.items():
             with subscriber(program) as lines:
                 runs[name].append(run_json([bin_folder / "bench_events", str(count), mark], stdin=lines))
         runs["bare"].append(published_lines(bin_folder, port, count, example))
+        runs["direct"].append(monitor_lines(bin_folder, path, count))
     rates = {name: statistics.median(run["events_per_second"] for run in each) for name, each in runs.items()}
     for name in programs:
         ratio = f"{rates[name] / rates['bare']:.2f} x it" if name == "a C subscriber" else ""
@@ -709,13 +710,15 @@ def add_linked_events(table, bin_folder, port):
         table.add("  lost", str(sum(run["lost"] for run in runs[name])), "", "", "0")
         if ratio:
             table.add("bare NATS publisher to it", f"{rates['bare']:.0f}", "messages/s", ratio)
+            table.add("the same events to vexctl monitor", f"{rates['direct']:.0f}", "events/s",
+                      f"{rates[name] / rates['direct']:.2f} x it")
 
 
 def bench_link(table, bin_folder, folder):
     with contextlib.ExitStack() as stack:
         _, path, _ = stack.enter_context(controlled(bin_folder, folder))
         port = stack.enter_context(linked(bin_folder, path))
-        add_linked_events(table, bin_folder, port)
+        add_linked_events(table, bin_folder, path, port)
         url = f"nats://127.0.0.1:{port}"
         figures = alternate({
             "line over NATS": lambda: run_json([bin_folder / "bench_nats", "request", url, "vextool.bench.run",
