@@ -224,6 +224,7 @@ bool ControlSession::GiveUp(const Predicate& is_meant, Status status, const std:
     stop.emplace(running_->stop);
     line = running_->line;
     time = Since(running_->begin);
+    if (!IsBlank(line)) CountLine(status);
     // With the lock held: the next run, whose output and reply must not come in between, can't begin.
     const CapturedOutput::Text printed = captured_.Take();
     wire_->Append(RunReply(running_->id, {status, 0, why, {}}, printed.text, printed.truncated, time));
@@ -372,6 +373,7 @@ void ControlSession::RunLine(const Request& request) {
   }
   if (answered) return;
   const auto time = Since(run.begin);
+  if (!IsBlank(run.line)) CountLine(outcome.status);
   Send(RunReply(run.id, outcome, printed.text, printed.truncated, time));
   Record(run.line, outcome.status, outcome.code, time);
 }

@@ -25,7 +25,10 @@ struct LineRecord {
 // Bytes of a line that a record has; the rest is cut off.
 constexpr std::size_t kMaxRecordedBytes = 1000;
 
-// Counts it, and writes it to the log, at level 30, and where there is a journal to that; at higher log levels to
+// Counts a line in the metrics, before its answer goes out: a client that asks for them then finds it there.
+void CountLine(Status status);
+
+// Writes it to the log, at level 30, and where there is a journal to that; at higher log levels to
 // neither. Any thread.
 void WriteLineRecord(const LineRecord& record, Journal& journal = Journal::OfProcess());
 

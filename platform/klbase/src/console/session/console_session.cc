@@ -292,6 +292,7 @@ void ConsoleSession::RunLine(const std::string& line) {
   const auto begin = std::chrono::steady_clock::now();
   if (!given_up.stop_requested()) {
     const Outcome outcome = runner_.Run(line, given_up);
+    CountLine(outcome.status);
     const auto time = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
     unrecorded_ = {config_.id, config_.kind, config_.user, line, outcome.status, outcome.code, time};
   }
