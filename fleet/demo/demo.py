@@ -260,6 +260,7 @@ def main():
     if INSIDE not in os.environ:
         run_in_spaces()
     folder.mkdir(parents=True, exist_ok=True)
+    os.environ["PATH"] += ":/usr/sbin:/sbin"  # where nats-server and ip are; ordinary users have them not in their path
     programs, stop = Programs(folder.resolve()), threading.Event()
     fleet = Fleet([f"node{at}" for at in range(1, int(count) + 1)], programs, folder.resolve())
     try:
