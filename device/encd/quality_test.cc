@@ -72,6 +72,16 @@ TEST(FormatTest, TheSmallestPictureIsStillAPicture) {
   EXPECT_EQ(FormatOf(Quality::kLow, 66, 64, 1), (Format{32, 32, 1, 500}));
 }
 
+// A source that negotiated at that moment was refused, and the encoding ended: about once in ten times forty changes.
+TEST_F(QualityTest, ChangesFasterThanTheSourcesFollowDoNotEndTheEncoding) {
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_TRUE(encoder_.SetQuality(i % 3 + 1).ok());
+    if (i % 10 == 0) WaitFrames(1);
+  }
+  ASSERT_TRUE(encoder_.SetQuality(3).ok());
+  WaitFrames(30);
+}
+
 TEST_F(QualityTest, ARecordingGoesOnInAnotherFileForEachPictureAndLosesNone) {
   ASSERT_TRUE(encoder_.StartRecord(kBoth).ok());
   const auto before = encoder_.Count();

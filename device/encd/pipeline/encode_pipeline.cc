@@ -29,7 +29,8 @@ struct TapName {
 };
 constexpr TapName kTaps[] = {{"video", Track::kVideo}, {"audio", Track::kAudio}, {"pcm", Track::kPcm}};
 
-// The filters whose caps a format sets.
+// The filters whose caps a format sets. They take the caps before these too for a while: a source that negotiates at
+// that moment comes with them, and would be refused, which ends the encoding.
 constexpr char kBars[] = "bars_format";
 constexpr char kPlate[] = "plate_format";
 constexpr char kPicture[] = "picture_format";
@@ -39,9 +40,11 @@ constexpr char kPicture[] = "picture_format";
 // format that is encoded, so a small picture costs little.
 std::string TestPicture() {
   return absl::StrCat(
-      "videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! capsfilter name=", kBars,
-      " ! mix.sink_0 videotestsrc is-live=true pattern=zone-plate kx2=20 ky2=20 kt=3 ! capsfilter name=", kPlate,
-      " ! mix.sink_1 compositor name=mix background=black ! capsfilter name=", kPicture, " ! ",
+      "videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! capsfilter caps-change-mode=delayed name=", kBars,
+      " ! mix.sink_0 videotestsrc is-live=true pattern=zone-plate kx2=20 ky2=20 kt=3 ! capsfilter "
+      "caps-change-mode=delayed name=",
+      kPlate,
+      " ! mix.sink_1 compositor name=mix background=black ! capsfilter caps-change-mode=delayed name=", kPicture, " ! ",
       device::HasElement("timeoverlay") ? "timeoverlay ! " : "");
 }
 
@@ -49,7 +52,8 @@ std::string TestPicture() {
 std::string InputPicture() {
   return absl::StrCat(
       "appsrc name=picture is-live=true do-timestamp=true format=time max-buffers=8 max-bytes=0 "
-      "leaky-type=downstream ! videorate max-duplication-time=2000000000 ! videoscale ! capsfilter name=",
+      "leaky-type=downstream ! videorate max-duplication-time=2000000000 ! videoscale ! capsfilter "
+      "caps-change-mode=delayed name=",
       kPicture, " ! ");
 }
 
