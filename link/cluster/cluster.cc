@@ -108,11 +108,13 @@ std::string Cluster::Connect(const std::string& server, const Connection& connec
   return why;
 }
 
+// Who hears that the node is up may ask it at once.
 std::string Cluster::Greet(NatsConnection& connection) {
-  SayUp(connection, "up");
   std::string why = settings_.runs ? connection.Subscribe(prefix_ + "run", on_own_) : "";
   if (settings_.runs && why.empty()) why = connection.Subscribe("vextool.all.run", on_all_);
-  return why.empty() ? connection.Flush(kFlushTime) : why;
+  if (!why.empty()) return why;
+  SayUp(connection, "up");
+  return connection.Flush(kFlushTime);
 }
 
 std::string Cluster::Serve(NatsConnection& connection) {
