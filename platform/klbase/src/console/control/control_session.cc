@@ -224,14 +224,13 @@ bool ControlSession::GiveUp(const Predicate& is_meant, Status status, const std:
     stop.emplace(running_->stop);
     line = running_->line;
     time = Since(running_->begin);
-    if (!IsBlank(line)) CountLine(status);
     // With the lock held: the next run, whose output and reply must not come in between, can't begin.
+    Record(line, status, 0, time);
     const CapturedOutput::Text printed = captured_.Take();
     wire_->Append(RunReply(running_->id, {status, 0, why, {}}, printed.text, printed.truncated, time));
   }
   stop->request_stop();
   wire_->FlushUnlessBlocked();
-  Record(line, status, 0, time);
   return true;
 }
 
@@ -373,13 +372,12 @@ void ControlSession::RunLine(const Request& request) {
   }
   if (answered) return;
   const auto time = Since(run.begin);
-  if (!IsBlank(run.line)) CountLine(outcome.status);
-  Send(RunReply(run.id, outcome, printed.text, printed.truncated, time));
   Record(run.line, outcome.status, outcome.code, time);
+  Send(RunReply(run.id, outcome, printed.text, printed.truncated, time));
 }
 
 void ControlSession::Record(std::string_view line, Status status, int code, std::chrono::microseconds time) const {
-  if (!IsBlank(line)) WriteLineRecord({config_.id, Kind(), config_.user, std::string(line), status, code, time});
+  if (!IsBlank(line)) RecordLine({config_.id, Kind(), config_.user, std::string(line), status, code, time});
 }
 
 }  // namespace cli::internal

@@ -54,9 +54,8 @@ void SendToJournal(const LineRecord& record, const std::string& user, const std:
 
 }  // namespace
 
-void CountLine(Status status) { Counters()[static_cast<std::size_t>(status)].Add(); }
-
-void WriteLineRecord(const LineRecord& record, Journal& journal) {
+void RecordLine(const LineRecord& record, Journal& journal) {
+  Counters()[static_cast<std::size_t>(record.status)].Add();
   if (kOptionLogLevel.load(std::memory_order_relaxed) > kLevel) return;
   const std::string user = klbase_internal::CleanOnOneLine(record.user);
   const std::string line = Recorded(record.line);

@@ -25,12 +25,10 @@ struct LineRecord {
 // Bytes of a line that a record has; the rest is cut off.
 constexpr std::size_t kMaxRecordedBytes = 1000;
 
-// Counts a line in the metrics, before its answer goes out: a client that asks for them then finds it there.
-void CountLine(Status status);
-
-// Writes it to the log, at level 30, and where there is a journal to that; at higher log levels to
-// neither. Any thread.
-void WriteLineRecord(const LineRecord& record, Journal& journal = Journal::OfProcess());
+// Counts it in the metrics and writes it to the log, at level 30, and where there is a journal to that; at higher log
+// levels to neither. Before the answer goes out: who has that, finds the line in the metrics, and in the log even if
+// the tool ends at once. Any thread.
+void RecordLine(const LineRecord& record, Journal& journal = Journal::OfProcess());
 
 }  // namespace cli::internal
 

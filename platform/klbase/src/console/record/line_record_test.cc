@@ -63,7 +63,7 @@ class LineRecordTest : public testing::Test {
   static std::string Logged(const LineRecord& record) {
     const LogCapture log(30);
     Journal none("");
-    WriteLineRecord(record, none);
+    RecordLine(record, none);
     const Texts texts = log.Texts();
     EXPECT_THAT(texts, SizeIs(1));
     return texts.empty() ? "" : texts.front();
@@ -103,7 +103,7 @@ TEST_F(LineRecordTest, AHigherLogLevelWantsNoRecords) {
   const JournalSocket reader(socket_);
   Journal journal(socket_);
   const LogCapture log(31);
-  WriteLineRecord(Of("who"), journal);
+  RecordLine(Of("who"), journal);
   EXPECT_THAT(log.Texts(), IsEmpty());
   EXPECT_EQ(reader.Take(), "");
 }
@@ -112,7 +112,7 @@ TEST_F(LineRecordTest, TheJournalGetsItWithFields) {
   const JournalSocket reader(socket_);
   Journal journal(socket_);
   const LogCapture log(30);
-  WriteLineRecord(Of("playd\nDeleteUplayer"), journal);
+  RecordLine(Of("playd\nDeleteUplayer"), journal);
   EXPECT_EQ(reader.Take(),
             std::string("MESSAGE=ada: playd\\x0aDeleteUplayer: refused\nPRIORITY=6\nSYSLOG_IDENTIFIER=") +
                 program_invocation_short_name +
@@ -129,7 +129,7 @@ TEST_F(LineRecordTest, AJournalThatDoesNotReadLosesRecordsAndHoldsNobodyUp) {
   const LogCapture log(30);
   const std::string line(kMaxRecordedBytes, 'x');
   constexpr int kRecords = 5000;  // more than a socket's queue holds
-  for (int i = 0; i < kRecords; ++i) WriteLineRecord(Of(line), journal);
+  for (int i = 0; i < kRecords; ++i) RecordLine(Of(line), journal);
   int taken = 0;
   while (!reader.Take().empty()) ++taken;
   EXPECT_GT(taken, 0);
@@ -141,10 +141,10 @@ TEST_F(LineRecordTest, AJournalThatDoesNotReadLosesRecordsAndHoldsNobodyUp) {
 
 TEST_F(LineRecordTest, AJournalThatComesBackGetsRecordsAgain) {
   Journal journal(socket_);
-  WriteLineRecord(Of("while it is away"), journal);
+  RecordLine(Of("while it is away"), journal);
   EXPECT_EQ(journal.Lost(), 1U);
   const JournalSocket reader(socket_);
-  WriteLineRecord(Of("who"), journal);
+  RecordLine(Of("who"), journal);
   EXPECT_THAT(reader.Take(), StartsWith("MESSAGE=ada: who: refused\n"));
   EXPECT_EQ(journal.Lost(), 1U);
 }
@@ -154,7 +154,7 @@ TEST_F(LineRecordTest, AFloodOfLinesTakesNoMoreThanTheLogMay) {
   constexpr int kFileKb = 64;
   ASSERT_TRUE(KlLogDefaultInit(30, folder_ / "log", kFiles, kFileKb));
   Journal none("");
-  for (int i = 0; i < 20'000; ++i) WriteLineRecord(Of("line " + std::to_string(i)), none);
+  for (int i = 0; i < 20'000; ++i) RecordLine(Of("line " + std::to_string(i)), none);
   KlLogDestory();
   std::uintmax_t bytes = 0;
   int files = 0;

@@ -97,6 +97,20 @@ class RecordedSessionsTest : public testing::Test {
   std::unique_ptr<Console> console_;
 };
 
+TEST_F(RecordedSessionsTest, AnAnswerIsNotSeenBeforeItsRecordIsThere) {
+  Open();
+  ControlClient client = Control();
+  TestClient operators(console_->Port());
+  operators.ReceiveUntil("main> ");
+  for (std::size_t lines = 1; lines <= 200; ++lines) {
+    client.AskAndReply({{"run", "say hi"}});
+    ASSERT_EQ(log_.Count("30 session=1 "), lines);
+    operators.Send("say hi\r\n");
+    operators.ReceiveUntil("main> ");
+    ASSERT_EQ(log_.Count("30 session=2 "), lines);
+  }
+}
+
 TEST_F(RecordedSessionsTest, AProgramsLinesNameItsUser) {
   Open();
   Program("say hi\n\nend 1 6\n");

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "cli/menu_walk.h"
+#include "console/record/line_record.h"
 #include "line_editor/limits.h"
 #include "text/clean_text.h"
 
@@ -254,15 +255,12 @@ void ConsoleSession::RunLines(std::string line) {
   RunLine(line);
   while (auto next = NextLineWhenRead()) {
     const LineTurns::Turn turn(config_.host->Turns());
-    Record();
     RunLine(*next);
   }
   config_.output->Flush();
-  Record();  // the operator has the answer already
 }
 
 std::optional<std::string> ConsoleSession::NextLineWhenRead() {
-  if (config_.kind == SessionKind::kPlain || config_.output->Pending() > OutputBuffer::kBusyPending) Record();
   if (config_.kind == SessionKind::kPlain) {
     // A file or a pipe may be shared with programs that the next command starts: their output must come behind this.
     config_.output->WaitUntilWritten();
@@ -292,19 +290,13 @@ void ConsoleSession::RunLine(const std::string& line) {
   const auto begin = std::chrono::steady_clock::now();
   if (!given_up.stop_requested()) {
     const Outcome outcome = runner_.Run(line, given_up);
-    CountLine(outcome.status);
     const auto time = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
-    unrecorded_ = {config_.id, config_.kind, config_.user, line, outcome.status, outcome.code, time};
+    RecordLine({config_.id, config_.kind, config_.user, line, outcome.status, outcome.code, time});
   }
   queue_.EndLine();
   last_input_ = Now();
   notices_.CommandEnds();
   if (!queue_.Ended()) BeginLine();
-}
-
-void ConsoleSession::Record() {
-  if (unrecorded_) WriteLineRecord(*unrecorded_);
-  unrecorded_.reset();
 }
 
 }  // namespace cli::internal

@@ -16,7 +16,6 @@
 #include "cli/menu.h"
 #include "console/commands/builtins.h"
 #include "console/output_buffer.h"
-#include "console/record/line_record.h"
 #include "console/session/command_runner.h"
 #include "console/session/command_thread.h"
 #include "console/session/input/input_queue.h"
@@ -134,8 +133,6 @@ class ConsoleSession : public ListedSession,
   void RunLines(std::string line) override;
   void ThreadEnded() override { config_.host->ThreadEnded(config_.id); }
   void RunLine(const std::string& line);
-  // Says in the log how the last line ended, if it has not been said.
-  void Record();
   void Monitor(EventFeed::Matches matches);
   // The next line that waits, once the reader has taken the output of those before.
   std::optional<std::string> NextLineWhenRead();
@@ -153,8 +150,7 @@ class ConsoleSession : public ListedSession,
   History history_;
   CommandRunner runner_;
   LineReader reader_;
-  bool started_ = false;                  // the first prompt was shown
-  std::optional<LineRecord> unrecorded_;  // the last line's
+  bool started_ = false;  // the first prompt was shown
   std::shared_ptr<const EventFeed::Watcher> monitor_;
 
   std::atomic<std::uint64_t> dropped_events_{0};  // any thread's
