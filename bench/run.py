@@ -352,21 +352,27 @@ def mosquitto_events(port, count):
         subscriber.wait()
 
 
+def add_rates(table, name, unit, aim, measure, baseline_name, measure_baseline):
+    """A rate beside that of a baseline, measured in turn; `measure_baseline` is None where that is not installed."""
+    runs, baseline = [], []
+    for _ in range(ROUNDS):
+        runs.append(measure())
+        if measure_baseline:
+            baseline.append(measure_baseline())
+    rate = statistics.median(run["events_per_second"] for run in runs)
+    table.add(name, f"{rate:.0f}", unit, "", aim)
+    table.add("  lost", str(sum(run["lost"] for run in runs)), "", "", "0")
+    if baseline:
+        other = statistics.median(run["events_per_second"] for run in baseline)
+        table.add(baseline_name, f"{other:.0f}", unit, f"{rate / other:.2f} x it")
+
+
 def bench_events(table, bin_folder, folder):
     count = 100_000
-    runs = {"tool": [], "mosquitto": []}
     with contextlib.ExitStack() as stack:
         port = stack.enter_context(mosquitto(folder)) if shutil.which("mosquitto") else None
-        for _ in range(ROUNDS):
-            runs["tool"].append(tool_events(bin_folder, folder, count))
-            if port:
-                runs["mosquitto"].append(mosquitto_events(port, count))
-    rates = {name: statistics.median(run["events_per_second"] for run in each) for name, each in runs.items() if each}
-    table.add("events to printed blocks", f"{rates['tool']:.0f}", "events/s", "", ">= 100000")
-    table.add("  lost", str(sum(run["lost"] for run in runs["tool"])), "", "", "0")
-    if port:
-        table.add("mosquitto_pub to mosquitto_sub", f"{rates['mosquitto']:.0f}", "events/s",
-                  f"{rates['tool'] / rates['mosquitto']:.2f} x it")
+        add_rates(table, "events to printed blocks", "events/s", ">= 100000", lambda: tool_events(bin_folder, folder, count),
+                  "mosquitto_pub to mosquitto_sub", port and (lambda: mosquitto_events(port, count)))
 
 
 def bench_delay(table, bin_folder, folder):
@@ -605,19 +611,11 @@ def redis_lines(port, count):
 
 def bench_monitor(table, bin_folder, folder):
     count = 100_000
-    runs = {"vexctl": [], "redis": []}
     with contextlib.ExitStack() as stack:
         _, path, _ = stack.enter_context(controlled(bin_folder, folder))
         port = stack.enter_context(redis(folder)) if shutil.which("redis-server") else None
-        for _ in range(ROUNDS):
-            runs["vexctl"].append(monitor_lines(bin_folder, path, count))
-            if port:
-                runs["redis"].append(redis_lines(port, count))
-    rates = {name: statistics.median(run["events_per_second"] for run in each) for name, each in runs.items() if each}
-    table.add("events to vexctl --json monitor", f"{rates['vexctl']:.0f}", "lines/s", "", ">= 200000")
-    table.add("  lost", str(sum(run["lost"] for run in runs["vexctl"])), "", "", "0")
-    if port:
-        table.add("redis-cli subscribe", f"{rates['redis']:.0f}", "lines/s", f"{rates['vexctl'] / rates['redis']:.2f} x it")
+        add_rates(table, "events to vexctl --json monitor", "lines/s", ">= 200000", lambda: monitor_lines(bin_folder, path, count),
+                  "redis-cli subscribe", port and (lambda: redis_lines(port, count)))
 
 
 def bench_fleet(table, bin_folder, folder):

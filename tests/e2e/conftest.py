@@ -8,6 +8,7 @@ import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 
 import pexpect
@@ -16,6 +17,10 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "platform" / "testing" / "network"))
 
 import private_network  # noqa: E402
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+
+from waiting import waiter  # noqa: E402
 
 BIN = pathlib.Path(os.environ["VEX_BIN"])
 SANITIZED = bool(os.environ.get("VEX_SANITIZE"))
@@ -28,14 +33,7 @@ NETWORK = private_network.enter_or_lock()
 os.environ["KLBASE_CONSOLE_SOCKET"] = "none"
 
 
-def wait_until(condition, what):
-    limit = time.monotonic() + LIMIT_S
-    while True:
-        result = condition()
-        if result:
-            return result
-        assert time.monotonic() < limit, f"{what} within {LIMIT_S} s"
-        select.select([], [], [], 0.005)
+wait_until = waiter(LIMIT_S)
 
 
 class Child:
@@ -182,6 +180,23 @@ def start_tool(tmp_path, started):
     def start(*flags, **options):
         started.append(Tool(tmp_path, *flags, **options))
         return started[-1]
+    return start
+
+
+@pytest.fixture
+def path():
+    """The control socket's: short, as sockets' names must be."""
+    with tempfile.TemporaryDirectory() as folder:
+        yield f"{folder}/console.sock"
+
+
+@pytest.fixture
+def serve(path, start_tool):
+    """A tool with a control socket."""
+    def start(**environment):
+        tool = start_tool(environment=dict(environment, KLBASE_CONSOLE_SOCKET=path))
+        tool.port()
+        return tool
     return start
 
 

@@ -12,7 +12,7 @@ import pytest
 
 from conftest import Child, LIMIT_S, interrupt_and_wait, wait_until
 from test_player import start_events  # noqa: F401  fixture
-from test_vexctl import ENCD, path, serve, vexctl  # noqa: F401  fixtures
+from test_vexctl import ENCD, vexctl  # noqa: F401  fixture
 
 FLEET = pathlib.Path(__file__).resolve().parents[2] / "fleet/prometheus"
 NODE_EXPORTERS = {"node_textfile_mtime_seconds", "node_textfile_scrape_error"}

@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 from conftest import BIN, LIMIT_S, wait_until
-from test_vexctl import ENCD, is_asked, path, serve, vexctl  # noqa: F401  fixtures
+from test_vexctl import ENCD, is_asked, vexctl  # noqa: F401  fixture
 
 OWN = pwd.getpwuid(os.geteuid()).pw_name
 STRANGER = "nobody"

@@ -24,23 +24,6 @@ PLAIN = {name: value for name, value in os.environ.items() if name not in ("KLBA
 
 
 @pytest.fixture
-def path():
-    """The control socket's: short, as sockets' names must be."""
-    with tempfile.TemporaryDirectory() as folder:
-        yield f"{folder}/console.sock"
-
-
-@pytest.fixture
-def serve(path, tmp_path, start_tool):
-    """A tool with a control socket."""
-    def start(**environment):
-        tool = start_tool(environment=dict(environment, KLBASE_CONSOLE_SOCKET=path))
-        tool.port()
-        return tool
-    return start
-
-
-@pytest.fixture
 def vexctl(path):
     def run(*words, socket_path=path, **options):
         return subprocess.run([VEXCTL, "--socket", socket_path, *words], capture_output=True, text=True, timeout=LIMIT_S,

@@ -3,7 +3,6 @@
 import os
 import pathlib
 import sys
-import tempfile
 
 import pytest
 
@@ -12,21 +11,6 @@ from conftest import wait_until
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python"))
 
 import vextool  # noqa: E402
-
-
-@pytest.fixture
-def path():
-    with tempfile.TemporaryDirectory() as folder:
-        yield f"{folder}/console.sock"
-
-
-@pytest.fixture
-def serve(path, start_tool):
-    def start(**environment):
-        tool = start_tool(environment=dict(environment, KLBASE_CONSOLE_SOCKET=path))
-        tool.port()
-        return tool
-    return start
 
 
 @pytest.fixture

@@ -7,7 +7,8 @@ import shutil
 import socket
 import subprocess
 import tempfile
-import time
+
+from waiting import waiter
 
 BIN = pathlib.Path(os.environ["VEX_BIN"])
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -23,14 +24,7 @@ ACCOUNTS = {  # name to groups
 SSHD_OF_THE_TEST = "AcceptEnv KLBASE_* XDG_*\n"
 
 
-def wait_until(condition, what, limit_s=LIMIT_S):
-    limit = time.monotonic() + limit_s
-    while True:
-        result = condition()
-        if result:
-            return result
-        assert time.monotonic() < limit, f"{what} within {limit_s} s"
-        time.sleep(0.02)
+wait_until = waiter(LIMIT_S)
 
 
 def run(*words, **options):

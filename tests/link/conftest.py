@@ -9,7 +9,6 @@ import socket
 import ssl
 import subprocess
 import sys
-import tempfile
 
 import pytest
 
@@ -27,7 +26,7 @@ load_kit()
 sys.path.insert(0, str(ROOT / "fleet" / "nats"))
 os.environ["PATH"] += ":/usr/sbin"  # where nats-server is; ordinary users have it not in their path
 
-from e2e_kit import BIN, LIMIT_S, Child, start_tool, started, wait_until  # noqa: E402, F401
+from e2e_kit import BIN, LIMIT_S, Child, path, serve, start_tool, started, wait_until  # noqa: E402, F401
 from nats_client import Client  # noqa: E402
 
 
@@ -94,28 +93,6 @@ def connect(started):
         started.append(Client(port, limit_s=LIMIT_S, **options))
         return started[-1]
     return open_client
-
-
-@pytest.fixture
-def short_folder():
-    """For sockets, whose names must be short."""
-    with tempfile.TemporaryDirectory() as folder:
-        yield pathlib.Path(folder)
-
-
-@pytest.fixture
-def path(short_folder):
-    return str(short_folder / "console.sock")
-
-
-@pytest.fixture
-def serve(path, start_tool):
-    """The tool with a control socket."""
-    def start(**environment):
-        tool = start_tool(environment=dict(environment, KLBASE_CONSOLE_SOCKET=path))
-        tool.port()
-        return tool
-    return start
 
 
 @pytest.fixture

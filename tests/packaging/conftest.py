@@ -7,7 +7,7 @@ import sys
 
 import pytest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+sys.path[:0] = [str(folder) for folder in pathlib.Path(__file__).resolve().parents[:2]]
 
 from private_root import PrivateRoot, run  # noqa: E402
 

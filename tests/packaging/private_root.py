@@ -3,12 +3,11 @@
 import itertools
 import os
 import pathlib
-import select
 import signal
 import subprocess
-import time
 
 import pytest
+from waiting import waiter
 
 LIMIT_S = 60  # for anything that must happen; a healthy run needs a fraction
 
@@ -59,14 +58,7 @@ class ControlGroup:
         return True
 
 
-def wait_until(condition, what):
-    limit = time.monotonic() + LIMIT_S
-    while True:
-        result = condition()
-        if result:
-            return result
-        assert time.monotonic() < limit, f"{what} within {LIMIT_S} s"
-        select.select([], [], [], 0.01)
+wait_until = waiter(LIMIT_S)
 
 
 def run(*command, **options):

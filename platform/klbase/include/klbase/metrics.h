@@ -1,12 +1,12 @@
 // Figures of the process for Prometheus: the console's command `metrics` prints them, and KLBASE_METRICS_FILE names a
 // file that has them.
 //
-//   klbase::Counters& Calls() {
-//     static auto& calls = *new klbase::Counters("vextool_calls_total", "Calls by message and code.", {"message",
-//     "code"}); return calls;
+//   const klbase::Counters& Calls() {
+//     static const klbase::Counters calls("vextool_calls_total", "Calls by message.", {"message"});
+//     return calls;
 //   }
 //   ...
-//   Calls().With({"player.v1.CreateReq", "OK"}).Add();
+//   Calls().With({"player.v1.CreateReq"}).Add();
 //
 // Names follow Prometheus' conventions: "_total" for counters, "_seconds" for times. A family that is made again under
 // its name is the same one; a name that is taken by another kind of figure, or that Prometheus does not allow, ends the

@@ -25,11 +25,9 @@ StreamConnection::~StreamConnection() {
   if (output_) output_->Close();
 }
 
-void StreamConnection::Open() { MakeOutput(); }
-
 void StreamConnection::Refuse(std::string_view text, OutputBuffer::Text form, bool at_once) {
   refused_ = true;
-  MakeOutput();
+  Open();
   output_->SetText(form);
   output_->Append(text);
   if (!at_once) return Drain();
@@ -37,7 +35,7 @@ void StreamConnection::Refuse(std::string_view text, OutputBuffer::Text form, bo
   Close();
 }
 
-void StreamConnection::MakeOutput() {
+void StreamConnection::Open() {
   // Weak, because the session shares the buffer and may outlive the connection; posted, because the call comes on
   // whatever thread has written.
   auto attention = [self = weak_from_this()] {

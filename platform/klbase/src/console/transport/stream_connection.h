@@ -129,7 +129,6 @@ class StreamConnection : public std::enable_shared_from_this<StreamConnection>, 
   // The socket is closed, and the session: the owner forgets the connection.
   virtual void OnClosed() = 0;
 
-  void MakeOutput();
   void AwaitWritable();
   void ReadOn();
   void OnAttention();
