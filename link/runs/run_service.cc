@@ -93,7 +93,8 @@ std::string RunService::Run(const Job& job) {
     return MadeReply(id, "timeout", "other requests took all the time; it was not run");
   std::string why;
   const ToolSessions::Session session = sessions_.Take(Left(job.deadline + kGrace), why);
-  return session == nullptr ? MadeReply(id, "unreachable", why) : Ask(*session, job);
+  if (session == nullptr) return MadeReply(id, "unreachable", stop_.IsSet() ? kEnding : why);
+  return Ask(*session, job);
 }
 
 std::string RunService::Ask(vexctl::Connection& session, const Job& job) {

@@ -342,7 +342,8 @@ def test_a_link_ends_in_time_when_the_tool_hangs(serve, server, start_link, conn
     assert payload(client.of(inbox))["status"] == "usage"
     assert_ends_in_time(link)
     answers = [payload(client.of(inbox)) for _ in range(20)]
-    assert {answer["status"] for answer in answers} == {"unreachable"}
+    assert {(answer["status"], answer["reason"].partition(";")[0]) for answer in answers} == {
+        ("unreachable", "vexlink is ending")}
     tool.signal(signal.SIGCONT)
 
 
