@@ -1,7 +1,7 @@
 #!/usr/bin/env bats
 # Opens, seeks and closes again and again, and waits for what each step must bring about.
 #
-#     ROUNDS=100 bats --report-formatter junit --output . examples/soak.bats
+#     ROUNDS=100 bats --formatter junit examples/soak.bats >report.xml
 #
 # CLIP is the file to play, the demo's unless it is set; vexctl finds the tool, or KLBASE_CONSOLE_SOCKET names its socket.
 

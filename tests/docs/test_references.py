@@ -135,7 +135,7 @@ FOREIGN_FLAGS = {
     "--test-dir", "--repeat",  # ctest
     "--now",  # systemctl
     "--help",
-    "--formatter", "--report-formatter", "--output",  # bats
+    "--formatter", "--report-formatter",  # bats
     "--junit-xml",  # pytest
     "--diff", "--tags",  # ansible-playbook
     "--system", "--no-create-home", "--home-dir", "--shell", "--groups",  # groupadd, useradd
