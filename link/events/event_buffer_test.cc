@@ -31,6 +31,7 @@ std::string Name(const Outgoing& entry) {
 
 std::vector<std::string> Names(const std::vector<const Outgoing*>& entries) {
   std::vector<std::string> names;
+  names.reserve(entries.size());
   for (const Outgoing* entry : entries) names.push_back(Name(*entry));
   return names;
 }
@@ -42,7 +43,7 @@ class EventBufferTest : public testing::Test {
   }
   std::vector<std::string> Front(std::size_t most = kMany) { return Names(buffer_.Front(most, 1 << 20)); }
   std::vector<std::string> Take() {
-    const auto front = Front();
+    auto front = Front();
     buffer_.Confirm(front.size());
     return front;
   }

@@ -26,7 +26,7 @@ load_kit()
 sys.path.insert(0, str(ROOT / "fleet" / "nats"))
 os.environ["PATH"] += ":/usr/sbin"  # where nats-server is; ordinary users have it not in their path
 
-from e2e_kit import BIN, LIMIT_S, Child, path, serve, start_tool, started, wait_until  # noqa: E402, F401
+from e2e_kit import BIN, LIMIT_S, SANITIZED, Child, path, serve, start_tool, started, wait_until  # noqa: E402, F401
 from nats_client import Client  # noqa: E402
 
 
