@@ -25,7 +25,7 @@ std::streamsize OutputStream::Buffer::xsputn(const char* text, std::streamsize c
 std::optional<std::size_t> OutputStream::Buffer::Finish() {
   std::optional<std::size_t> count;
   if (!filter_.Empty()) Print(filter_.Finish(count));
-  output_->Print(cleaner_.Finish());
+  PassOn(cleaner_.Finish());
   return count;
 }
 

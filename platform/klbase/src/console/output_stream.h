@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <optional>
 #include <ostream>
+#include <stop_token>
 #include <streambuf>
 #include <string_view>
 #include <utility>
@@ -25,6 +26,8 @@ class OutputStream : public std::ostream {
 
   // For the commands that follow.
   void SetFilter(LineFilter filter) { buffer_.SetFilter(std::move(filter)); }
+  // For the commands that follow: from the moment that a stop is requested, nothing is passed on.
+  void EndWith(std::stop_token given_up) { buffer_.EndWith(std::move(given_up)); }
   // The command has failed: Finish() tells no count.
   void DropCount() { buffer_.DropCount(); }
   // Passes on the text that was held back in case that more of its line or character comes. To be called behind a
@@ -38,6 +41,7 @@ class OutputStream : public std::ostream {
    public:
     Buffer(CommandOutput* output, bool on_screen) : output_(output), on_screen_(on_screen) {}
     void SetFilter(LineFilter filter) { filter_ = std::move(filter); }
+    void EndWith(std::stop_token given_up) { given_up_ = std::move(given_up); }
     void DropCount() { filter_.DropCount(); }
     std::optional<std::size_t> Finish();
 
@@ -47,10 +51,12 @@ class OutputStream : public std::ostream {
     int sync() override { return output_->Closed() ? -1 : 0; }
 
    private:
-    bool Print(std::string_view piece) { return output_->Print(on_screen_ ? cleaner_.Pass(piece) : piece); }
+    bool Print(std::string_view piece) { return PassOn(on_screen_ ? cleaner_.Pass(piece) : piece); }
+    bool PassOn(std::string_view text) { return !given_up_.stop_requested() && output_->Print(text); }
 
     CommandOutput* const output_;
     const bool on_screen_;
+    std::stop_token given_up_;
     LineFilter filter_;
     klbase_internal::ScreenFilter cleaner_;
   };

@@ -70,9 +70,13 @@ CommandRunner::Answer CommandRunner::RunLine(Words words, const std::stop_token&
   Answer answer;
   {
     const klbase::ScopedStopToken scope(given_up);
-    const std::stop_callback mute(given_up, [this] { config_.output->RefusePrints(true); });
+    stream_.EndWith(given_up);
+    // For a command that waits until there is room for what it prints. Not for the others: the command's own callback
+    // comes first, and the command could print before this one comes.
+    const std::stop_callback wake(given_up, [this] { config_.output->RefusePrints(true); });
     answer = Execute(words.words);
   }
+  stream_.EndWith({});
   stream_.SetFilter({});
   if (given_up.stop_requested()) {
     config_.output->RefusePrints(false);

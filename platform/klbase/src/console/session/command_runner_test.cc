@@ -347,6 +347,18 @@ TEST_F(CommandRunnerTest, WhatACommandPrintsAfterItWasGivenUpIsDropped) {
   EXPECT_EQ(Run("say hello"), "hello");
 }
 
+TEST_F(CommandRunnerTest, WhatItPrintsInTheMomentThatItIsGivenUpIsDroppedToo) {
+  root_->Insert(MakeCommand(
+      "react",
+      [this](std::ostream& out) {
+        const std::stop_callback at_once(klbase::CurrentStopToken(), [&out] { out << "late\n"; });
+        given_up_.request_stop();
+      },
+      ""));
+  EXPECT_EQ(runner_.Run("react", given_up_.get_token()).status, Status::kCancelled);
+  EXPECT_EQ(output_.Take(), "");
+}
+
 TEST_F(CommandRunnerTest, ACommandSeesThatItIsGivenUp) {
   root_->Insert(MakeCommand(
       "look", [](std::ostream& out) { out << klbase::CurrentStopToken().stop_possible(); }, ""));
