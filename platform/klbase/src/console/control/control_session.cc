@@ -86,7 +86,7 @@ bool ControlSession::OnRequest(Request request) {
       waiting_.push_back(request);
       start = !std::exchange(working_, true);
       full = waiting_.size() >= kMaxWaiting || waiting_bytes_ >= kMaxWaitingBytes;
-      held_back_ = full;
+      held_back_ = held_back_ || full;  // more may come of what was read already, and find room
     }
   }
   if (ended) {
