@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from conftest import Client, free_port, payload, wait_until
+from conftest import SANITIZED, Client, free_port, payload, wait_until
 from gate import Gate
 
 EVENT = "vextool.n1.event.layer.result_repor"
@@ -372,6 +372,7 @@ def test_what_the_tool_left_out_is_a_gap(serve, server, start_link, connect, pub
     link.says("connected to nats://")
     client = connect(server.port)
     events = Numbered(publish, client)
+    before = printed(tool)
     link.freeze()
     events.burst(12000, 1000)  # more than the tool keeps for a reader that stands still
 
@@ -380,6 +381,7 @@ def test_what_the_tool_left_out_is_a_gap(serve, server, start_link, connect, pub
         return "behind" in tool.output()
 
     wait_until(arrives, "the tool has had the events")
+    assert SANITIZED or printed(tool) > before + 12000  # with a sanitizer it is too slow for them and leaves some out
     link.signal(signal.SIGCONT)
 
     def comes_through():

@@ -29,8 +29,9 @@ struct TapName {
 };
 constexpr TapName kTaps[] = {{"video", Track::kVideo}, {"audio", Track::kAudio}, {"pcm", Track::kPcm}};
 
-// The filters whose caps a format sets. They take the caps before these too for a while: a source that negotiates at
-// that moment comes with them, and would be refused, which ends the encoding.
+// The beginning of a filter whose caps a format sets. It takes the caps before these too for a while: a source that
+// negotiates at that moment comes with them, and would be refused, which ends the encoding.
+constexpr char kFilter[] = "capsfilter caps-change-mode=delayed name=";
 constexpr char kBars[] = "bars_format";
 constexpr char kPlate[] = "plate_format";
 constexpr char kPicture[] = "picture_format";
@@ -39,22 +40,18 @@ constexpr char kPicture[] = "picture_format";
 // any bitrate that it is given; and the time, where the plugin that draws text is installed. They are drawn in the
 // format that is encoded, so a small picture costs little.
 std::string TestPicture() {
-  return absl::StrCat(
-      "videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! capsfilter caps-change-mode=delayed name=", kBars,
-      " ! mix.sink_0 videotestsrc is-live=true pattern=zone-plate kx2=20 ky2=20 kt=3 ! capsfilter "
-      "caps-change-mode=delayed name=",
-      kPlate,
-      " ! mix.sink_1 compositor name=mix background=black ! capsfilter caps-change-mode=delayed name=", kPicture, " ! ",
-      device::HasElement("timeoverlay") ? "timeoverlay ! " : "");
+  return absl::StrCat("videotestsrc is-live=true pattern=smpte horizontal-speed=2 ! ", kFilter, kBars,
+                      " ! mix.sink_0 videotestsrc is-live=true pattern=zone-plate kx2=20 ky2=20 kt=3 ! ", kFilter,
+                      kPlate, " ! mix.sink_1 compositor name=mix background=black ! ", kFilter, kPicture, " ! ",
+                      device::HasElement("timeoverlay") ? "timeoverlay ! " : "");
 }
 
 // The input's pictures are stamped as they come in; the gaps of a restart are filled with the last picture.
 std::string InputPicture() {
   return absl::StrCat(
       "appsrc name=picture is-live=true do-timestamp=true format=time max-buffers=8 max-bytes=0 "
-      "leaky-type=downstream ! videorate max-duplication-time=2000000000 ! videoscale ! capsfilter "
-      "caps-change-mode=delayed name=",
-      kPicture, " ! ");
+      "leaky-type=downstream ! videorate max-duplication-time=2000000000 ! videoscale ! ",
+      kFilter, kPicture, " ! ");
 }
 
 // The queue gives the encoder a thread of its own; a machine that is too slow loses pictures there, not time. The caps

@@ -215,17 +215,14 @@ void ControlSession::OnDeadline(std::uint64_t run) {
 template <typename Predicate>
 bool ControlSession::GiveUp(const Predicate& is_meant, Status status, const std::string& why) {
   std::optional<std::stop_source> stop;
-  std::string line;
-  std::chrono::microseconds time{0};
   {
     const absl::MutexLock lock(&mutex_);
     if (!running_ || running_->answered || !is_meant(*running_)) return false;
     running_->answered = true;
     stop.emplace(running_->stop);
-    line = running_->line;
-    time = Since(running_->begin);
+    const auto time = Since(running_->begin);
     // With the lock held: the next run, whose output and reply must not come in between, can't begin.
-    Record(line, status, 0, time);
+    Record(running_->line, status, 0, time);
     const CapturedOutput::Text printed = captured_.Take();
     wire_->Append(RunReply(running_->id, {status, 0, why, {}}, printed.text, printed.truncated, time));
   }
