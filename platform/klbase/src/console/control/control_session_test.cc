@@ -16,7 +16,7 @@ namespace cli::internal {
 namespace {
 
 // A session without a connection: the test says when its runs go on.
-class ControlSessionTest : public testing::Test, private TestHost {
+class ControlSessionTest : public testing::Test {
  protected:
   ControlSessionTest() {
     root_->Insert(MakeCommand(
@@ -31,7 +31,7 @@ class ControlSessionTest : public testing::Test, private TestHost {
     config.id = 1;
     config.root = root_;
     config.builtins = MakeBuiltins("main");
-    config.host = this;
+    config.host = &host_;
     config.transport = {output_.Shared(), [] {}, [](ControlSession::Clock::time_point, std::uint64_t) {},
                         [this] { wanted_.Notify(); }, [] {}};
     session_ = std::make_shared<ControlSession>(std::move(config));
@@ -58,6 +58,7 @@ class ControlSessionTest : public testing::Test, private TestHost {
 
   static constexpr int kAll = 1 << 20;
   const std::shared_ptr<Menu> root_ = std::make_shared<Menu>("main");
+  TestHost host_;
   TestOutput output_;
   vextest::Watched<int> begun_;
   vextest::Watched<int> allowed_;

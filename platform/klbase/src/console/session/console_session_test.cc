@@ -16,7 +16,7 @@ namespace cli::internal {
 namespace {
 
 // A program's session whose command "print N" prints so many bytes.
-class ConsoleSessionTest : public testing::Test, protected TestHost {
+class ConsoleSessionTest : public testing::Test {
  protected:
   ConsoleSessionTest() {
     auto menu = std::make_unique<Menu>("main");
@@ -31,7 +31,7 @@ class ConsoleSessionTest : public testing::Test, protected TestHost {
     config.kind = SessionKind::kProgram;
     config.root = std::move(menu);
     config.builtins = MakeBuiltins("main");
-    config.host = this;
+    config.host = &host_;
     config.output = output_.Shared();
     config.want_input = [] {};
     config.ended = [] {};
@@ -54,14 +54,15 @@ class ConsoleSessionTest : public testing::Test, protected TestHost {
     return vextest::WaitFor([&] { return printed_ == times; });
   }
 
+  TestHost host_;
   TestOutput output_;
   std::atomic<int> printed_{0};
   std::shared_ptr<ConsoleSession> session_;
 };
 
 TEST_F(ConsoleSessionTest, ALineRunsAtOnceAndThoseBehindItTakeTurns) {
-  auto one = std::make_unique<LineTurns::Turn>(Turns());
-  const LineTurns::Turn other(Turns());
+  auto one = std::make_unique<LineTurns::Turn>(host_.Turns());
+  const LineTurns::Turn other(host_.Turns());
   Send("print 1", 3);
   ASSERT_TRUE(WaitUntilPrinted(1));
   Send("print 1", 1);
