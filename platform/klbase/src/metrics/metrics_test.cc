@@ -75,9 +75,9 @@ TEST(MetricsTest, WhatComesFromOutsideCanNotForgeALine) {
 
 TEST(MetricsTest, ThreadsLoseNothingWhileTheTextIsMade) {
   const Counters counters("test_threads_total", "Threads.", {"topic"});
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&counters] {
+  std::vector<std::thread> threads(4);
+  for (auto& thread : threads) {
+    thread = std::thread([&counters] {
       for (int n = 0; n < 5000; ++n) counters.With({n % 2 == 0 ? "even" : "odd"}).Add();
     });
   }
