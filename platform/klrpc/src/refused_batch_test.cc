@@ -19,7 +19,6 @@ namespace klrpc::testing {
 namespace {
 
 using google::protobuf::Any;
-using vextest::LogRecord;
 
 constexpr char kError[] = "GRPC_CALL_ERROR_TOO_MANY_OPERATIONS";
 const std::string kText = std::string("gRPC refused an operation: ") + kError;
