@@ -14,9 +14,9 @@
 #include "cli/failure_text.h"
 #include "cli/menu.h"
 #include "cli/menu_walk.h"
-#include "cli/words.h"
 #include "fuzz/fuzz.h"
 #include "line_editor/text.h"
+#include "text/words.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/words.h"
+#include "text/words.h"
 
 namespace cli::internal {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/words.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

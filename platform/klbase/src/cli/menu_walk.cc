@@ -9,8 +9,8 @@
 #include "cli/line_filter.h"
 #include "cli/nearest_names.h"
 #include "cli/parameter_completer.h"
-#include "cli/words.h"
 #include "line_editor/text.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cctype>
 
-#include "cli/words.h"
 #include "line_editor/limits.h"
 #include "line_editor/text.h"
+#include "text/words.h"
 
 namespace cli::internal {
 

@@ -9,11 +9,11 @@
 #include <utility>
 #include <vector>
 
-#include "cli/words.h"
 #include "console/commands/event_commands.h"
 #include "console/commands/watch_command.h"
 #include "klbase/metrics.h"
 #include "line_editor/text.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

@@ -9,10 +9,10 @@
 #include "cli/feed/conditions.h"
 #include "cli/feed/events.h"
 #include "cli/outcome.h"
-#include "cli/words.h"
 #include "console/commands/either_stop.h"
 #include "console/commands/event_history.h"
 #include "klbase/cancellation.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

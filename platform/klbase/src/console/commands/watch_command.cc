@@ -9,10 +9,10 @@
 
 #include "absl/synchronization/mutex.h"
 #include "cli/outcome.h"
-#include "cli/words.h"
 #include "console/commands/either_stop.h"
 #include "klbase/cancellation.h"
 #include "klbase/steady_cond_var.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

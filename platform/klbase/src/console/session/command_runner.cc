@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "cli/failure_text.h"
-#include "cli/words.h"
 #include "klbase/cancellation.h"
 #include "klbase/log.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

@@ -14,13 +14,13 @@
 #include "absl/synchronization/mutex.h"
 #include "cli/menu_walk.h"
 #include "cli/outcome.h"
-#include "cli/words.h"
 #include "console/command_output.h"
 #include "console/commands/builtins.h"
 #include "console/output_stream.h"
 #include "console/session/session_host.h"
 #include "console/session_control.h"
 #include "line_editor/history.h"
+#include "text/words.h"
 
 namespace cli::internal {
 

@@ -13,12 +13,12 @@
 #include "cli/command.h"
 #include "cli/line_filter.h"
 #include "cli/outcome.h"
-#include "cli/words.h"
 #include "klbase/cancellation.h"
 #include "platform/klbase/testing/console_test.h"
 #include "platform/klbase/testing/test_host.h"
 #include "platform/klbase/testing/test_output.h"
 #include "platform/testing/fake_session.h"
+#include "text/words.h"
 
 namespace cli::internal {
 namespace {

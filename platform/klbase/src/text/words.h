@@ -1,6 +1,6 @@
 // Splitting a typed line into words.
-#ifndef KLBASE_CLI_WORDS_H_
-#define KLBASE_CLI_WORDS_H_
+#ifndef KLBASE_TEXT_WORDS_H_
+#define KLBASE_TEXT_WORDS_H_
 
 #include <cstddef>
 #include <optional>
@@ -35,4 +35,4 @@ std::optional<double> ReadSeconds(std::string_view word);
 
 }  // namespace cli::internal
 
-#endif  // KLBASE_CLI_WORDS_H_
+#endif  // KLBASE_TEXT_WORDS_H_

@@ -1,4 +1,4 @@
-#include "cli/words.h"
+#include "text/words.h"
 
 #include <charconv>
 #include <system_error>
