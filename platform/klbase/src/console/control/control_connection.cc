@@ -115,6 +115,7 @@ void ControlConnection::OnEndOfInput() {
 
 void ControlConnection::OnRoom() {
   if (session_) session_->OnRoom();
+  if (attached_) attached_->OnRoom();
 }
 
 // A program that watches events sends nothing for days.

@@ -96,8 +96,17 @@ void ConsoleSession::ShowEvent(const Event& event) {
     CountDroppedEvent(config_.kind);
     return;
   }
+  Notice(TakeDropped() + event.text);
+}
+
+void ConsoleSession::OnRoom() {
+  if (dropped_events_ == 0 || config_.output->Pending() > OutputBuffer::kBusyPending) return;
+  if (const std::string text = TakeDropped(); !text.empty()) Notice(text);
+}
+
+std::string ConsoleSession::TakeDropped() {
   const std::uint64_t dropped = dropped_events_.exchange(0);
-  Notice(dropped == 0 ? event.text : std::to_string(dropped) + " events dropped\n" + event.text);
+  return dropped == 0 ? "" : std::to_string(dropped) + " events dropped\n";
 }
 
 void ConsoleSession::Finish(std::string_view farewell) {

@@ -86,6 +86,8 @@ class ConsoleSession : public ListedSession,
   void ShowHeldNotices();
   // The same for an event, which is dropped and counted while the reader leaves a lot unread.
   void ShowEvent(const Event& event);
+  // The reader has caught up: says how many events were dropped meanwhile, if any were.
+  void OnRoom();
   // Takes the line that is being typed off the screen and shows it again, after something else drew over it.
   void Redraw() { Notice({}); }
   // Runs no further line; a command under way finishes and is heard. Then says `farewell`, if anything was left to be
@@ -111,6 +113,8 @@ class ConsoleSession : public ListedSession,
   bool Interactive() const { return IsInteractive(config_.kind); }
   bool OnScreen() const { return Interactive() || config_.on_screen; }
   std::unique_ptr<LineEditor> MakeEditor() const;
+  // The line about events that were dropped, once; "" without any.
+  std::string TakeDropped();
 
   // Uses the lease if `posted` gave it to the caller.
   void PumpIfLeased(InputQueue::Posted posted);

@@ -213,6 +213,10 @@ void Connection::FlushOutput() {
   Output()->FlushUnlessBlocked();
 }
 
+void Connection::OnRoom() {
+  if (session_) session_->OnRoom();
+}
+
 void Connection::OnAreYouThere() { session_->Notice("[yes]\n"); }
 
 void Connection::OnWindowSize(int columns, int rows) { session_->ChangeTerminal({.columns = columns, .rows = rows}); }

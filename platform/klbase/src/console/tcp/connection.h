@@ -80,6 +80,7 @@ class Connection : public StreamConnection, public Candidate, private TelnetFilt
   bool Edited() const override { return filter_.has_value(); }
   void Deliver(std::string_view bytes) override;
   void OnEndOfInput() override;
+  void OnRoom() override;
   bool ClientGone() override;
   std::chrono::milliseconds IdleFor() const override { return session_->IdleFor(); }
   bool FinishSession(std::string_view notice) override;

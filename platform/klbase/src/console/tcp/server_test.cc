@@ -33,6 +33,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/feed.h"
 #include "cli/menu.h"
 #include "console/console.h"
 #include "console/options.h"
@@ -426,6 +427,27 @@ TEST_F(ServerTest, AWaitEndsWhenItsOperatorHasGone) {
     const std::string sessions = other.ReceiveUntil("main> ");
     return sessions.find("* 1") != std::string::npos && sessions.find("\n  2") == std::string::npos;
   }));
+}
+
+TEST_F(ServerTest, AnOperatorWhoReadAgainIsToldHowManyEventsWereDropped) {
+  Open();
+  TestClient client = Operator();
+  client.Send("monitor storm\r\n");
+  client.ReceiveUntil("main> ");
+  constexpr int kEvents = 40000;
+  const std::string text = "event " + std::string(500, 'x') + "\n";
+  for (int i = 0; i < kEvents; ++i) PostEvent("storm", text, "{}");
+  int shown = 0;
+  int dropped = 0;
+  while (shown + dropped < kEvents) {  // the last of them, with no event behind it that could bring the number along
+    const std::string received = client.ReceiveUntil(" events dropped\r\n");
+    if (HasFailure()) return;
+    for (auto at = received.find("event x"); at != std::string::npos; at = received.find("event x", at + 1)) ++shown;
+    const auto end = received.rfind(" events");
+    dropped += std::stoi(received.substr(received.find_last_not_of("0123456789", end - 1) + 1));
+  }
+  EXPECT_GT(shown, 0);
+  EXPECT_EQ(shown + dropped, kEvents);
 }
 
 TEST_F(ServerTest, TheConsolesEndWaitsForNoWait) {

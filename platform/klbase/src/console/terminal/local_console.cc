@@ -135,6 +135,7 @@ bool LocalConsole::PollOnce() {
   if (fds[2].revents != 0) ReadInput();
   if (ready == 0) session_->ShowHeldNotices();
   output_->Flush();
+  session_->OnRoom();
   return true;
 }
 
