@@ -15,9 +15,14 @@ std::string Streams(const std::string& muxer) {
   return muxer +
          " videotestsrc is-live=true pattern=solid-color foreground-color=0xffff0000 "
          "! video/x-raw,format=I420,width=320,height=240,framerate=25/1 "
-         "! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=12 ! h264parse config-interval=-1 ! queue ! "
-         "mux. "
+         "! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=12 ! h264parse config-interval=-1 "
+         "name=pictures "
+         "! queue ! mux. "
          "audiotestsrc is-live=true ! audioconvert ! avenc_aac ! aacparse ! queue ! mux.";
+}
+
+GstPadProbeReturn DropKeyPicture(GstPad*, GstPadProbeInfo* info, gpointer) {
+  return FactsOf(GST_PAD_PROBE_INFO_BUFFER(info)).keyframe ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
 }
 
 }  // namespace
@@ -28,14 +33,22 @@ RtspServer::RtspServer() : server_({"/usr/bin/python3", RTSP_SERVER_PROGRAM}) {
 }
 
 StreamSender::StreamSender(const std::string& muxer, const std::string& sink, const std::string& property,
-                           const std::string& address)
+                           const std::string& address, bool key_pictures)
     : pipeline_(Streams(muxer + " name=mux ! " + sink + " name=sink")) {
+  const PadPtr pictures(gst_element_get_static_pad(pipeline_.Find("pictures").get(), "src"));
+  if (!key_pictures) {
+    gst_pad_add_probe(pictures.get(), GST_PAD_PROBE_TYPE_BUFFER, DropKeyPicture, nullptr, nullptr);
+  }
   gst_util_set_object_arg(G_OBJECT(pipeline_.Find("sink").get()), property.c_str(), address.c_str());
   if (!pipeline_.SetState(GST_STATE_PLAYING)) throw std::runtime_error("can't send to " + address);
 }
 
 StreamSender StreamSender::Udp(int port) {
   return {"mpegtsmux alignment=7", "udpsink host=127.0.0.1", "port", std::to_string(port)};
+}
+
+StreamSender StreamSender::UdpWithoutKeyPictures(int port) {
+  return {"mpegtsmux alignment=7", "udpsink host=127.0.0.1", "port", std::to_string(port), false};
 }
 
 StreamSender StreamSender::Srt(int port) {

@@ -28,6 +28,8 @@ class StreamSender {
  public:
   // In MPEG transport packets to a UDP port, which need not be taken.
   static StreamSender Udp(int port);
+  // The same without any key picture.
+  static StreamSender UdpWithoutKeyPictures(int port);
   // In the same to whoever connects to a SRT port.
   static StreamSender Srt(int port);
   // To a RTMP server, under this address.
@@ -35,7 +37,7 @@ class StreamSender {
 
  private:
   StreamSender(const std::string& muxer, const std::string& sink_properties, const std::string& address_property,
-               const std::string& address);
+               const std::string& address, bool key_pictures = true);
 
   Pipeline pipeline_;
 };

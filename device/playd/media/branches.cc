@@ -1,5 +1,7 @@
 #include "playd/media/branches.h"
 
+#include <gst/pbutils/descriptions.h>
+
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -47,6 +49,12 @@ GstClockTime DueTime(GstElement* sink, GstSample* sample) {
 GstClockTime Now() {
   const device::ElementPtr clock(GST_ELEMENT_CAST(gst_system_clock_obtain()));
   return gst_clock_get_time(GST_CLOCK_CAST(clock.get()));
+}
+
+// Not so of a container, such as video/mpegts.
+bool IsOfPictures(GstCaps* caps) {
+  constexpr unsigned kPictures = GST_PBUTILS_CAPS_DESCRIPTION_FLAG_VIDEO | GST_PBUTILS_CAPS_DESCRIPTION_FLAG_IMAGE;
+  return (gst_pb_utils_get_caps_description_flags(caps) & kPictures) != 0;
 }
 
 // Called on a streaming thread, which runs already: the new elements catch up with the pipeline's state by themselves.
@@ -123,7 +131,11 @@ gboolean Branches::OnType(GstElement*, GstPad*, GstCaps* caps, gpointer data) {
   auto& branches = *static_cast<Branches*>(data);
   const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
   const absl::MutexLock lock(&branches.mutex_);
-  if (branches.types_++ == 0) branches.picture_ = name.starts_with("image/");
+  if (branches.types_++ == 0) {
+    branches.picture_ = name.starts_with("image/");
+  } else if (IsOfPictures(caps)) {
+    branches.video_found_ = true;
+  }
   return TRUE;  // go on decoding
 }
 
@@ -172,6 +184,11 @@ bool Branches::HasAny() const {
 bool Branches::HasStreams() const {
   const absl::MutexLock lock(&mutex_);
   return types_ > 1;
+}
+
+bool Branches::HasFoundVideo() const {
+  const absl::MutexLock lock(&mutex_);
+  return video_found_;
 }
 
 device::PadPtr Branches::VideoPad() const {

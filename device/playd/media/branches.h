@@ -34,6 +34,8 @@ class Branches {
   bool HasAny() const;
   // Whether streams were found in what has arrived.
   bool HasStreams() const;
+  // Whether one of them is of pictures, which has no pad before its first key picture.
+  bool HasFoundVideo() const;
   // Whether all streams are known, and the first picture or sound is decoded.
   bool HasBegun() const { return complete_ && delivered_; }
   bool HasVideo() const { return VideoPad() != nullptr; }
@@ -77,6 +79,7 @@ class Branches {
   device::PadPtr video_pad_ ABSL_GUARDED_BY(mutex_);
   bool has_audio_ ABSL_GUARDED_BY(mutex_) = false;
   int types_ ABSL_GUARDED_BY(mutex_) = 0;  // that the decoder came upon
+  bool video_found_ ABSL_GUARDED_BY(mutex_) = false;
   bool picture_ ABSL_GUARDED_BY(mutex_) = false;
 };
 

@@ -207,8 +207,11 @@ const MediaInfo& Media::Info() {
   return info_;
 }
 
+// Pictures may still be found in a live stream that has shown none, so it is not sound alone before it has begun.
 std::optional<MediaKind> Media::Kind() const {
-  if (live_ && !branches_->HasBegun()) return std::nullopt;
+  if (live_ && !branches_->HasBegun()) {
+    return branches_->HasFoundVideo() ? std::optional(MediaKind::kVideo) : std::nullopt;
+  }
   if (IsPicture()) return MediaKind::kPicture;
   return branches_->HasVideo() ? MediaKind::kVideo : MediaKind::kSound;
 }

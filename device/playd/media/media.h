@@ -84,7 +84,7 @@ class Media {
   Position GetPosition() const;
   const MediaInfo& Info();
   const std::string& Url() const { return info_.url; }
-  // Nothing while no stream of a live medium is known.
+  // Nothing while it is not known of a live medium: no stream was found in it, or sound alone so far.
   std::optional<MediaKind> Kind() const;
   bool IsLive() const { return live_; }
   bool IsPicture() const;

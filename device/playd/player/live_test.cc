@@ -121,6 +121,20 @@ TEST_F(LiveTest, RefusesAStreamOfAnotherKindThanItWasSaidToBe) {
   EXPECT_EQ(player_.Open(request).text, server.Url() + " is a video, but file_type says AUDIO");
 }
 
+TEST_F(LiveTest, KnowsAVideoBeforeItsFirstKeyPicture) {
+  const int port = FreeUdpPort();
+  const StreamSender sender = StreamSender::UdpWithoutKeyPictures(port);
+  const std::string url = "udp://127.0.0.1:" + std::to_string(port);
+  Player impatient("9", canvas_, mixer_, events_, {milliseconds(3000), kPatient.reply});
+  MediaRequest request = Request(url);
+  request.file_type = lp::v1::AUDIO;
+  EXPECT_EQ(impatient.Open(request).text, url + " is a video, but file_type says AUDIO");
+  request.file_type = lp::v1::VIDEO;
+  request.media_type = lp::v1::VIDEO_TYPE;
+  const Outcome outcome = impatient.Open(request);
+  EXPECT_TRUE(outcome.ok()) << outcome.text;
+}
+
 TEST_F(LiveTest, ReportsTheEndOfAStreamWhoseSenderEnds) {
   const RtmpServer server;
   const std::string url = server.Url() + "/red";
