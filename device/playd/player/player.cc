@@ -201,9 +201,13 @@ Outcome Player::NeedMedia() const {
 
 void Player::Report(PlayState state) const { listener_.OnPlayState(id_, media_->Url(), state); }
 
-// A medium that is closed while it plays, or stands paused, ends there, for those who follow the reports.
-void Player::CloseMedia() {
+// A medium that goes while it plays, or stands paused, ends there, for those who follow the reports.
+void Player::ReportEndBeforeItsEnd() const {
   if (media_ != nullptr && (state_ == State::kPlaying || state_ == State::kPaused)) Report(PlayState::kEnded);
+}
+
+void Player::CloseMedia() {
+  ReportEndBeforeItsEnd();
   media_.reset();
   leaving_ = {};
   state_ = State::kClosed;
@@ -248,6 +252,7 @@ Outcome Player::Adopt(std::unique_ptr<Media> media, const MediaRequest& request,
   if (play || media->IsLive()) {
     if (auto outcome = play ? media->Play(deadline) : media->Pause(deadline); !outcome.ok()) return outcome;
   }
+  if (!play) ReportEndBeforeItsEnd();  // no start tells of it
   ShowInPlaceOfTheOld(*media, request);
   media_ = std::move(media);
   state_ = play ? State::kPlaying : State::kOpened;

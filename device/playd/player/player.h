@@ -125,6 +125,7 @@ class Player {
 
   Outcome NeedMedia() const;
   void Report(PlayState state) const;
+  void ReportEndBeforeItsEnd() const;
   Outcome Run(std::function<Outcome(Media::Deadline)> operation);
 
   const std::string id_;

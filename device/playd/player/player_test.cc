@@ -348,6 +348,30 @@ TEST_F(PlayerTest, SwitchesTheSourceWhilePlaying) {
   EXPECT_EQ(events_.WaitFor(2), (Events{"0 started " + red, "0 started " + blue}));
 }
 
+TEST_F(PlayerTest, ReportsTheEndOfWhatASourceThatIsOnlyOpenedReplaces) {
+  const std::string red = ColorClip("red.mp4", kRed);
+  const std::string blue = ColorClip("blue.mp4", kBlue);
+  const Events expected = {"0 started " + red, "0 ended " + red, "0 started " + blue, "0 paused " + blue,
+                           "0 ended " + blue};
+  ASSERT_TRUE(player_.Open(Request(red)).ok());
+  ASSERT_TRUE(player_.Switch(Request(blue, false)).ok());
+  ASSERT_TRUE(player_.SetPause(false).ok());
+  ASSERT_TRUE(player_.SetPause(true).ok());
+  ASSERT_TRUE(player_.Switch(Request(red, false)).ok());
+  EXPECT_EQ(events_.WaitFor(expected.size()), expected);
+  ASSERT_TRUE(player_.Switch(Request(blue, false)).ok()) << "nothing played, so nothing ends";
+  EXPECT_EQ(events_.WaitFor(0), expected);
+}
+
+TEST_F(PlayerTest, ReportsNoSecondEndOfWhatWasPlayedToItsEnd) {
+  const std::string clip = Clip("short.mp4", SmallClip(1));
+  const Events expected = {"0 started " + clip, "0 ended " + clip};
+  ASSERT_TRUE(player_.Open(Request(clip)).ok());
+  ASSERT_EQ(events_.WaitFor(2), expected);
+  ASSERT_TRUE(player_.Switch(Request(clip, false)).ok());
+  EXPECT_EQ(events_.WaitFor(2), expected);
+}
+
 TEST_F(PlayerTest, PlaysOnWhenTheNextSourceIsRefused) {
   const std::string clip = Clip();
   ASSERT_TRUE(player_.Open(Request(clip)).ok());
