@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# Sourced by ./vex and tests/run.sh: says how far a long step is. On a terminal it's one line that is written again and
-# again, elsewhere a plain line at most every ten seconds. Nothing of it stays on a terminal when the step is done.
+# Sourced by ./vex: says how far a long step is, as tests/progress.py does for tests/run.py. On a terminal it's one line
+# that is written again and again, elsewhere a plain line at most every ten seconds. Nothing of it stays on a terminal
+# when the step is done.
 
 progress_every_s=10
 progress_next=0  # when the next plain line may come, in $SECONDS

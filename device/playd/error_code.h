@@ -23,12 +23,12 @@ enum class ErrorCode : std::int32_t {
   kBusy = 10,            // the player still works on an earlier request; nothing was done
   kNotSeekable = 11,     // pictures and live sources have no positions
   kSeekBehindEnd = 12,   // a position greater than the duration
-  kBadSpeed = 13,        // zero, backwards, or out of range
+  kBadSpeed = 13,        // zero or out of range, forward or backward
   kBadVolume = 14,       // more than 100
   kBadRectangle = 15,    // zero or unreasonable size
   kBadTiming = 16,       // numbers that no picture timing can have
   kUnsupported = 17,     // a message of the schema that this player doesn't serve
-  kEnded = 18,           // the medium is at its end: pause and resume mean nothing there
+  kEnded = 18,           // the medium is at its end: a pause means nothing there, nor a resume if it has no positions
   kTooManyPlayers = 19,  // the limit of players is reached
   // 20 stood for mistakes with live systems, when they were taken account of.
   kContradiction = 21,  // the medium is not of the kind that media_type or file_type says
