@@ -253,6 +253,23 @@ def test_names_of_the_code_exist():
                 assert name.startswith("CMAKE_") or name in sources, f"{document.file}:{number}: {span}"
 
 
+def included(text):
+    return set(re.findall(r'^#include "((?:cli|klbase|klrpc|sigslot)/\w+\.h)"', text, re.MULTILINE))
+
+
+def test_the_platforms_headers_are_those_that_the_tool_includes():
+    section = read("docs/architecture.md").split("\n## The platform's headers")[1].split("\n## ")[0]
+    listed = set(re.findall(r"`((?:cli|klbase|klrpc|sigslot)/\w+\.h)`", section))
+    headers = {name.split("/include/")[1]: read(name) for name in TREE if re.match(r"platform/\w+/include/", name)}
+    needed = set().union(*(included(text) for name, text in code().items() if re.match(r"(example|modules)/", name)))
+    assert needed
+    assert not sorted(needed - listed)
+    reached = needed.union(*(included(headers[name]) for name in needed))
+    for_klrpc = set().union(*(included(text) for name, text in code().items() if name.startswith("platform/klrpc/")))
+    assert not sorted(for_klrpc - listed - {"klrpc/export.h"})
+    assert not sorted(listed - reached - for_klrpc), "neither the tool nor klrpc has a use for it"
+
+
 def test_every_folder_is_in_the_architecture():
     table = re.findall(r"^\| `([\w./]+)` \|", read("docs/architecture.md"), re.MULTILINE)
     assert {name.split("/")[0] for name in table} == {folder for folder in FOLDERS if not folder.startswith(".")}
