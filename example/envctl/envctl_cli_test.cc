@@ -58,6 +58,7 @@ TEST_F(EnvCTLCliTest, DescriptionSaysNothingOfAProbeThatFails) {
   CapturedOutput errors(STDERR_FILENO);
   EXPECT_TRUE(session.Run({"envctl", "description"}));
   EXPECT_EQ(session.TakeText(), "apisdk tools");
+  EXPECT_EQ(session.LastOutcome().status, cli::Status::kOk) << "a screen would show a line of it";
   EXPECT_THAT(Commands(), testing::SizeIs(3)) << "it was not probed";
   EXPECT_EQ(output.Text(), "");
   EXPECT_EQ(errors.Text(), "");
