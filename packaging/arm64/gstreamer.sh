@@ -10,7 +10,7 @@ folder=$1
 rm -rf "$folder"
 mkdir -p "$folder/pkgconfig"
 folder=$(cd "$folder" && pwd)
-for name in app video base audio tag; do
+for name in app video base audio tag pbutils; do
   [ -f "$pc/gstreamer-$name-1.0.pc" ] && [ -f "$libraries/libgst$name-1.0.so.0" ] || continue
   [ ! -f "$libraries/pkgconfig/gstreamer-$name-1.0.pc" ] || continue
   ln -s "$libraries/libgst$name-1.0.so.0" "$folder/libgst$name-1.0.so"
