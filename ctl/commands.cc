@@ -44,13 +44,18 @@ class Requests {
     } catch (const Json::exception&) {
       return MadeReply("usage", "the line is not UTF-8 text");
     }
+    if (connection_.IsInterrupted()) {
+      interrupted_ = true;
+      return MadeReply("cancelled", "interrupted before the line was sent");
+    }
     if (!connection_.Send(text)) return Gone();
     return AwaitReply(id, DeadlineOf(arguments_));
   }
+  // Whether there was an interrupt. The reply may be ok all the same: it was on its way.
+  bool WasInterrupted() const { return interrupted_; }
 
  private:
   Json AwaitReply(int id, std::optional<Clock::time_point> deadline) {
-    bool cancelled = false;
     for (;;) {
       switch (connection_.Receive(deadline)) {
         case Got::kLine: {
@@ -64,15 +69,16 @@ class Requests {
         case Got::kEnd:
           return Gone();
         case Got::kTimeout:
-          if (cancelled)
+          if (interrupted_)
             return MadeReply("cancelled", "the tool does not answer; whether the line was done is not known");
           return MadeReply("timeout", "the tool does not answer; whether the line was done is not known");
         case Got::kInterrupted:
           TakeInterrupt();
-          if (cancelled) return MadeReply("cancelled", "interrupted; whether the line was done is not known");
-          cancelled = true;
+          if (interrupted_) return MadeReply("cancelled", "interrupted; whether the line was done is not known");
+          interrupted_ = true;
           deadline = Clock::now() + kCancelTime;
-          if (!connection_.Send(Json{{"cancel", id}}.dump() + "\n")) return Gone();
+          // Its own answer has another id than the line's reply, and is left out by that.
+          if (!connection_.Send(Json{{"id", ++last_id_}, {"cancel", id}}.dump() + "\n")) return Gone();
           break;
       }
     }
@@ -86,6 +92,7 @@ class Requests {
   Connection& connection_;
   Report& report_;
   int last_id_ = 0;
+  bool interrupted_ = false;
 };
 
 // Runs lines one after another, and knows when to stop.
@@ -100,10 +107,14 @@ class Runner {
     const auto status = reply.find("status");
     lost_ = status != reply.end() && (*status == "unreachable" || *status == "timeout") && !reply.contains("id");
     Ended(report_.Reply(reply, last));
-    cancelled_ = exit_ == kExitCancelled;
   }
   void Ended(int exit) {
     if (exit_ == kExitOk) exit_ = exit;
+    // An interrupt ends the script whatever has failed before.
+    if (exit == kExitCancelled || requests_.WasInterrupted()) {
+      cancelled_ = true;
+      exit_ = kExitCancelled;
+    }
     if (!report_.Flush() && exit_ == kExitOk) exit_ = kExitRefused;
   }
   // Behind a failure with -k too when nothing more can come of it.

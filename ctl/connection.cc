@@ -137,6 +137,11 @@ Connection::Got Connection::Receive(std::optional<Clock::time_point> deadline) {
   return Got::kLine;
 }
 
+bool Connection::IsInterrupted() const {
+  pollfd ready[2] = {{interrupt_fd_, POLLIN, 0}, {output_fd_, 0, 0}};
+  return ::poll(ready, 2, 0) > 0 && (ready[0].revents != 0 || (ready[1].revents & (POLLERR | POLLHUP)) != 0);
+}
+
 std::string Connection::TakeRest() {
   std::string rest = received_.substr(used_);
   received_.clear();

@@ -38,6 +38,8 @@ class Connection {
   std::string Open(const std::string& path, std::chrono::milliseconds limit = kConnectTime);
   // Open() failed for an interrupt.
   bool WasInterrupted() const { return interrupted_; }
+  // What Receive() calls kInterrupted is so already.
+  bool IsInterrupted() const;
   // From now on it counts as an interrupt when nobody is left to read what is written to `fd`.
   void WatchReaderOf(int fd) { output_fd_ = fd; }
   int Fd() const { return fd_; }

@@ -7,6 +7,7 @@ import pty
 import re
 import select
 import signal
+import socket
 import subprocess
 import tempfile
 import termios
@@ -179,6 +180,60 @@ def test_an_interrupt_cancels_the_command_and_ends_with_130(serve, vexctl, path,
     assert running.returncode == 130
     assert errors.startswith("vexctl: cancelled: cancelled;")
     assert vexctl("core", "show", "version").returncode == 0
+
+
+def test_an_interrupt_ends_all_lines_with_130_also_behind_a_failure(serve, path, fake_encd):
+    daemon = fake_encd("never")
+    serve(KLRPC_CALL_TIMEOUT_MS="60000")
+    lines = [word for line in ("nonsense", " ".join(ENCD), "nonsense2") for word in ("-c", line)]
+    with subprocess.Popen([VEXCTL, "--socket", path, "--json", "-k", *lines], stdout=subprocess.PIPE, text=True) as running:
+        wait_until(lambda: is_asked(daemon), "the daemon is asked")
+        running.send_signal(signal.SIGINT)
+        shown, _ = running.communicate(timeout=LIMIT_S)
+    assert running.returncode == 130
+    assert [reply["status"] for reply in jq(shown)] == ["usage", "cancelled"]
+
+
+@pytest.fixture
+def fake_tool(path, started):
+    """Starts a vexctl at a socket where the test itself answers; the vexctl, and the file of requests and replies."""
+    def start(*words, **options):
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.settimeout(LIMIT_S)
+            listener.bind(path)
+            listener.listen()
+            options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True} | options
+            running = subprocess.Popen([VEXCTL, "--socket", path, *words], **options)
+            running.close = lambda: (running.kill(), running.wait())
+            started.append(running)
+            connection, _ = listener.accept()
+        connection.settimeout(LIMIT_S)
+        lines = connection.makefile("rw", encoding="utf-8", newline="\n")
+        connection.close()
+        send(lines, {"vextool": "v0.0.1", "protocol": 1, "session": 1})
+        return running, lines
+    return start
+
+
+def send(lines, reply):
+    lines.write(json.dumps(reply) + "\n")
+    lines.flush()
+
+
+OK = {"status": "ok", "code": 0, "reason": "", "output": "", "fields": {}, "us": 1}
+
+
+def test_an_interrupt_that_comes_too_late_for_its_line_ends_the_script_too(fake_tool):
+    running, lines = fake_tool("-c", "one", "-c", "two")
+    run = json.loads(lines.readline())
+    running.send_signal(signal.SIGINT)
+    cancel = json.loads(lines.readline())
+    assert cancel["cancel"] == run["id"] and cancel["id"] != run["id"]
+    send(lines, dict(OK, id=run["id"]))
+    send(lines, {"id": cancel["id"], "status": "refused", "reason": "no run with the id 1"})
+    assert lines.readline() == ""
+    assert running.communicate(timeout=LIMIT_S) == ("", "")
+    assert running.returncode == 130
 
 
 def test_all_sessions_in_use_ends_with_3(serve, vexctl, connect):
