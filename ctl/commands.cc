@@ -101,13 +101,23 @@ class Runner {
   Runner(const Arguments& arguments, Connection& connection, Report& report)
       : arguments_(arguments), report_(report), requests_(arguments, connection, report) {}
 
-  // `last`: no line follows this one.
-  void Run(const std::string& line, bool last) {
-    Json reply = requests_.Ask({{"run", line}});
+  void Run(const std::string& line) { Take(requests_.Ask({{"run", line}})); }
+  // The reply to a line, also to one that can't be sent.
+  void Take(Json reply) {
     const auto status = reply.find("status");
     lost_ = status != reply.end() && (*status == "unreachable" || *status == "timeout") && !reply.contains("id");
-    Ended(report_.Reply(reply, last));
+    Ended(report_.Reply(reply));
+    last_ = std::move(reply);
   }
+  // Behind a failure with -k too when nothing more can come of it.
+  bool GoesOn() const { return !lost_ && !cancelled_ && (exit_ == kExitOk || arguments_.keep_going); }
+  // Behind the last line that was run. Returns the exit status.
+  int Finish() {
+    if (!last_.is_null()) Ended(report_.Field(last_));
+    return exit_;
+  }
+
+ private:
   void Ended(int exit) {
     if (exit_ == kExitOk) exit_ = exit;
     // An interrupt ends the script whatever has failed before.
@@ -117,39 +127,28 @@ class Runner {
     }
     if (!report_.Flush() && exit_ == kExitOk) exit_ = kExitRefused;
   }
-  // Behind a failure with -k too when nothing more can come of it.
-  bool GoesOn() const { return !lost_ && !cancelled_ && (exit_ == kExitOk || arguments_.keep_going); }
-  int Exit() const { return exit_; }
 
- private:
   const Arguments& arguments_;
   Report& report_;
   Requests requests_;
+  Json last_;  // null before the first one
   int exit_ = kExitOk;
   bool lost_ = false;  // the tool answers no more
   bool cancelled_ = false;
 };
 
-void RunFile(const Source& source, bool last_source, Runner& runner, Report& report) {
-  LineFile file(source.text);
-  std::optional<LineFile::Line> next = file.Next();
-  while (next && runner.GoesOn()) {
-    const LineFile::Line line = std::move(*next);
-    report.At(file.Name() + (line.number > 0 ? ":" + std::to_string(line.number) : ""));
-    if (!line.error.empty()) {
-      runner.Ended(report.Reply(MadeReply("usage", line.error), false));
+void RunFile(const std::string& name, Runner& runner, Report& report) {
+  LineFile file(name);
+  while (runner.GoesOn()) {
+    const std::optional<LineFile::Line> line = file.Next();
+    if (!line) break;
+    report.At(file.Name() + (line->number > 0 ? ":" + std::to_string(line->number) : ""));
+    if (!line->error.empty()) {
+      runner.Take(MadeReply("usage", line->error));
       break;
     }
-    // Whether another one follows is only asked for where it matters: at a pipe it means to wait.
-    if (last_source && file.KnowsEnd()) {
-      next = file.Next();
-      runner.Run(line.text, !next);
-    } else {
-      runner.Run(line.text, false);
-      next = file.Next();
-    }
+    runner.Run(line->text);
   }
-  report.At("");
 }
 
 }  // namespace
@@ -161,26 +160,26 @@ int Connect(const Arguments& arguments, Connection& connection, Report& report) 
   if (!arguments.quiet || arguments.is_remote) connection.WatchReaderOf(STDOUT_FILENO);
   if (!path.empty()) why = connection.Open(path);
   if (why.empty()) return kExitOk;
-  return report.Reply(MadeReply(connection.WasInterrupted() ? "cancelled" : "unreachable", why), false);
+  return report.Reply(MadeReply(connection.WasInterrupted() ? "cancelled" : "unreachable", why));
 }
 
 int RunSources(const Arguments& arguments, Report& report) {
   Connection connection(InterruptFd());
   if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
   Runner runner(arguments, connection, report);
-  for (std::size_t i = 0; i < arguments.sources.size() && runner.GoesOn(); ++i) {
-    const Source& source = arguments.sources[i];
-    const bool last = i + 1 == arguments.sources.size();
-    source.is_file ? RunFile(source, last, runner, report) : runner.Run(source.text, last);
+  for (const Source& source : arguments.sources) {
+    if (!runner.GoesOn()) break;
+    report.At("");
+    source.is_file ? RunFile(source.text, runner, report) : runner.Run(source.text);
   }
-  return runner.Exit();
+  return runner.Finish();
 }
 
 int Monitor(const Arguments& arguments, Report& report) {
   Connection connection(InterruptFd());
   if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
   const Json reply = Requests(arguments, connection, report).Ask({{"monitor", arguments.words}});
-  if (const int exit = ExitStatus(reply.value("status", "")); exit != kExitOk) return report.Reply(reply, false);
+  if (const int exit = ExitStatus(reply.value("status", "")); exit != kExitOk) return report.Reply(reply);
   std::optional<Clock::time_point> deadline;
   if (arguments.within) deadline = Clock::now() + *arguments.within;
   for (;;) {
@@ -191,7 +190,7 @@ int Monitor(const Arguments& arguments, Report& report) {
         report.Event(connection.Line());
         break;
       case Got::kEnd:
-        return report.Reply(MadeReply("unreachable", "the tool has ended; no more events come"), false);
+        return report.Reply(MadeReply("unreachable", "the tool has ended; no more events come"));
       case Got::kTimeout:
         return kExitTimeout;
       case Got::kInterrupted:
@@ -205,7 +204,7 @@ int Complete(const Arguments& arguments, Report& report) {
   if (const int exit = Connect(arguments, connection, report); exit != kExitOk) return exit;
   const Json reply = Requests(arguments, connection, report).Ask({{"complete", arguments.words.front()}});
   const int exit = ExitStatus(reply.value("status", ""));
-  if (exit != kExitOk || arguments.json) return report.Reply(reply, false);
+  if (exit != kExitOk || arguments.json) return report.Reply(reply);
   for (const auto& candidate : reply.value("candidates", Json::array())) {
     if (candidate.is_string()) report.Print(candidate.get<std::string>() + "\n");
   }

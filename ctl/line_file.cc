@@ -1,7 +1,6 @@
 #include "ctl/line_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,8 +21,6 @@ LineFile::LineFile(std::string name) : name_(std::move(name)) {
     end_ = fd_ < 0;
     if (end_) error_ = std::string("can't be opened: ") + std::strerror(errno);
   }
-  struct stat status {};
-  is_regular_ = fd_ >= 0 && ::fstat(fd_, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 LineFile::~LineFile() {

@@ -30,8 +30,6 @@ class LineFile {
   const std::string& Name() const { return name_; }
   // The next line that says something; none at the end.
   std::optional<Line> Next();
-  // Next() never waits: it is a file on a disk.
-  bool KnowsEnd() const { return is_regular_; }
 
  private:
   // False when nothing more comes; `error_` says so where it is an error.
@@ -40,7 +38,6 @@ class LineFile {
   std::string name_;
   int fd_ = -1;
   bool owned_ = false;
-  bool is_regular_ = false;
   bool end_ = false;
   std::string error_;
   std::string read_;

@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
   }
   Report report(arguments);
   if (!arguments.error.empty()) {
-    report.Reply(vexctl::MadeReply("usage", arguments.error + "; vexctl --help shows all of it"), false);
+    report.Reply(vexctl::MadeReply("usage", arguments.error + "; vexctl --help shows all of it"));
     report.Flush();
     return vexctl::kExitUsage;
   }
@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   try {
     exit = Do(arguments, report);
   } catch (const vexctl::Json::exception&) {  // a member of another type than the protocol has
-    exit = report.Reply(vexctl::MadeReply("unreachable", "something else than vextool answers"), false);
+    exit = report.Reply(vexctl::MadeReply("unreachable", "something else than vextool answers"));
   }
   return report.Flush() || exit != vexctl::kExitOk ? exit : vexctl::kExitRefused;
 }

@@ -31,7 +31,7 @@ Json MadeReply(std::string_view status, const std::string& reason) {
   return {{"status", status}, {"code", 0}, {"reason", reason}, {"output", ""}, {"fields", Json::object()}, {"us", 0}};
 }
 
-int Report::Reply(const Json& reply, bool last) {
+int Report::Reply(const Json& reply) {
   const std::string status = MemberText(reply, "status");
   const int exit = ExitStatus(status);
   if (arguments_.quiet) return exit;
@@ -51,11 +51,11 @@ int Report::Reply(const Json& reply, bool last) {
     Complain(status + ": " + MemberText(reply, "reason") + (has_code ? " (code " + code->dump() + ")" : "") +
              (status == "timeout" && arguments_.within ? "; --within sets the time" : ""));
   }
-  const int field = last && !arguments_.field.empty() ? PrintField(reply) : kExitOk;
-  return exit != kExitOk ? exit : field;
+  return exit;
 }
 
-int Report::PrintField(const Json& reply) {
+int Report::Field(const Json& reply) {
+  if (arguments_.quiet || arguments_.field.empty()) return kExitOk;
   const Json fields = reply.value("fields", Json::object());
   const std::string& name = arguments_.field;
   if (const auto field = fields.find(name); field != fields.end() && field->is_string()) {

@@ -33,9 +33,10 @@ class Report {
 
   // A line of a script that replies belong to: "" for none. Shown with failures.
   void At(std::string place) { place_ = std::move(place); }
-  // The reply to a line. `last`: no line follows, so that its field is
-  // asked for. Returns the exit status.
-  int Reply(const Json& reply, bool last);
+  // The reply to a line. Returns the exit status.
+  int Reply(const Json& reply);
+  // The field that is asked for, of the last line's reply. Returns the exit status.
+  int Field(const Json& reply);
   // A line that the tool has sent without being asked: an event, or how many were missed.
   void Event(std::string_view raw);
   void Print(std::string_view text) { output_ += text; }
@@ -45,7 +46,6 @@ class Report {
 
  private:
   void Complain(const std::string& text);
-  int PrintField(const Json& reply);
 
   const Arguments& arguments_;
   std::string place_;

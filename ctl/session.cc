@@ -212,7 +212,7 @@ int RunSession(const Arguments& arguments, Report& report) {
   }
   if (exit < 0) EndBySignal(-exit);
   WriteAll(STDOUT_FILENO, "\n");
-  if (exit == kExitUnreachable) report.Reply(MadeReply("unreachable", "the tool has ended"), false);
+  if (exit == kExitUnreachable) report.Reply(MadeReply("unreachable", "the tool has ended"));
   return exit;
 }
 

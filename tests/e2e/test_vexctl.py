@@ -276,6 +276,20 @@ def test_a_field_is_printed_alone(serve, vexctl, fake_encd):
     assert 'the reply has no field "nonsense"; it has ' in done.stderr
 
 
+@pytest.mark.parametrize("lines, field, shown, status", [
+    ("who\ncore show version\n", "git_version", "v0.0.1\n", 0),
+    ("core show version\nnonsense\nwho\n", "status", "usage\n", 2),
+    ("core show version\n# the end\n", "nonsense", "", 1),
+    ("", "status", "", 0),
+])
+def test_a_field_of_the_last_line_of_a_pipe_or_a_file_is_printed(serve, vexctl, tmp_path, lines, field, shown, status):
+    serve()
+    script = tmp_path / "script"
+    script.write_text(lines)
+    for done in (vexctl("--field", field, input=lines), vexctl("--field", field, "-f", script)):
+        assert (done.stdout, done.returncode) == (shown, status)
+
+
 def test_quiet_prints_nothing(serve, vexctl):
     serve()
     for words, status in ((["core", "show", "version"], 0), (["nonsense"], 2), (["-f", "/no/such"], 2)):
