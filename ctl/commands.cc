@@ -138,9 +138,13 @@ class Runner {
 };
 
 void RunFile(const std::string& name, Runner& runner, Report& report) {
-  LineFile file(name);
+  LineFile file(name, InterruptFd());
   while (runner.GoesOn()) {
     const std::optional<LineFile::Line> line = file.Next();
+    if (file.WasInterrupted()) {
+      report.At(file.Name());
+      runner.Take(MadeReply("cancelled", "interrupted"));
+    }
     if (!line) break;
     report.At(file.Name() + (line->number > 0 ? ":" + std::to_string(line->number) : ""));
     if (!line->error.empty()) {

@@ -46,6 +46,12 @@ def is_asked(daemon):
     return daemon.output().count("\n") > 1
 
 
+def sessions(path):
+    """On the control socket, with the one that asks."""
+    return subprocess.run([VEXCTL, "--socket", path, "who"], capture_output=True, text=True, check=True,
+                          timeout=LIMIT_S).stdout.count("control")
+
+
 # --- how lines end
 
 ENCD = ("encd", "SetQulity", "high")
@@ -236,6 +242,34 @@ def test_an_interrupt_that_comes_too_late_for_its_line_ends_the_script_too(fake_
     assert running.returncode == 130
 
 
+@pytest.mark.parametrize("before", ["", "core show version\n"])
+def test_an_interrupt_ends_the_wait_for_the_next_line_of_a_pipe(serve, path, before):
+    serve()
+    with subprocess.Popen([VEXCTL, "--socket", path, "--json"], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as running:
+        running.stdin.write(before.encode())
+        running.stdin.flush()
+        if before:
+            assert json.loads(running.stdout.readline())["status"] == "ok"
+        else:
+            wait_until(lambda: sessions(path) == 2, "it is connected")
+        running.send_signal(signal.SIGINT)
+        assert running.wait(LIMIT_S) == 130
+        [reply] = jq(running.stdout.read().decode())
+    assert (reply["at"], reply["status"], reply["reason"]) == ("standard input", "cancelled", "interrupted")
+
+
+def test_an_interrupt_ends_the_wait_for_the_writer_of_a_named_pipe(serve, path, tmp_path):
+    serve()
+    os.mkfifo(tmp_path / "pipe")
+    with subprocess.Popen([VEXCTL, "--socket", path, "-f", tmp_path / "pipe"], stderr=subprocess.PIPE, text=True) as running:
+        wait_until(lambda: sessions(path) == 2, "it is connected")
+        wait_until(lambda: str(tmp_path / "pipe") in [os.readlink(file) for file in
+                                                      pathlib.Path(f"/proc/{running.pid}/fd").iterdir()], "it is open")
+        running.send_signal(signal.SIGINT)
+        _, errors = running.communicate(timeout=LIMIT_S)
+    assert (running.returncode, errors) == (130, f"vexctl: {tmp_path / 'pipe'}: cancelled: interrupted\n")
+
+
 def test_all_sessions_in_use_ends_with_3(serve, vexctl, connect):
     tool = serve(KLBASE_CONSOLE_MAX_SESSIONS="1")
     connect(tool.port())
@@ -334,6 +368,19 @@ def test_lines_come_from_standard_input(serve, vexctl, words):
     assert done.stdout.count("git-version") == 1
     assert done.stderr.startswith("vexctl: standard input:2: usage: ")
     assert done.returncode == 2
+
+
+def test_lines_come_from_a_named_pipe_whose_writer_comes_later(serve, path, tmp_path):
+    serve()
+    os.mkfifo(tmp_path / "pipe")
+    with subprocess.Popen([VEXCTL, "--socket", path, "-f", tmp_path / "pipe"], stdout=subprocess.PIPE, text=True) as running:
+        wait_until(lambda: sessions(path) == 2, "it is connected")
+        with open(tmp_path / "pipe", "w", encoding="ascii") as writer:
+            writer.write("core\n")
+            writer.flush()
+            writer.write("show version")
+        shown, _ = running.communicate(timeout=LIMIT_S)
+    assert (running.returncode, shown.count("git-version")) == (0, 1)
 
 
 def test_a_file_with_an_endless_line_is_refused(serve, path):
