@@ -200,8 +200,11 @@ class Console:
         return self.run(" ".join(["expect", *map(quote, conditions)]))
 
     def complete(self, line):
-        """The words that may follow the beginning of a line."""
-        return self._ask({"complete": line})["candidates"]
+        """The words that may follow the beginning of a line; raises CommandError where the line is none."""
+        reply = self._ask({"complete": line})
+        if reply["status"] != "ok":
+            raise CommandError(Result("complete " + line, reply))
+        return reply["candidates"]
 
     def monitor(self, *words, within=None):
         """Yields events (Event, or Missed) of the given topics and conditions, of all without one, over a connection of its own
@@ -241,5 +244,6 @@ class Console:
             except TimeoutError as error:
                 self.close()  # a late answer must not be taken for that of the next line
                 raise ToolError(str(error)) from None
-            if reply.get("id") == self._last_id:
+            # What the tool has not read, because it is too long, is answered without an id.
+            if reply.get("id", self._last_id) == self._last_id and "status" in reply:
                 return reply

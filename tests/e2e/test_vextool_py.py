@@ -63,6 +63,19 @@ def test_menus_stay_and_completions_follow(console):
     assert console.complete("sh") == ["show", "shutdown"]
 
 
+@pytest.mark.parametrize("size", [4097, 65537])
+def test_a_line_that_is_too_long_is_refused(serve, path, size):
+    """Also one that the tool doesn't read, and so answers without an id."""
+    serve()
+    line = "x" * size
+    with vextool.Console(path) as console:
+        result = console.run(line, within=5)
+        assert result.status == "usage" and " longer than " in result.reason
+        with pytest.raises(vextool.CommandError, match=" longer than "):
+            console.complete(line)
+        assert console.run("core show version").ok
+
+
 def test_expectations_are_compared(console):
     console.run("core show version")
     assert console.expect("status=ok").ok
