@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "text/clean_text.h"
+
 namespace vexctl {
 namespace {
 
@@ -30,6 +32,11 @@ int ExitStatus(std::string_view status) {
 Json MadeReply(std::string_view status, const std::string& reason) {
   return {{"status", status}, {"code", 0}, {"reason", reason}, {"output", ""}, {"fields", Json::object()}, {"us", 0}};
 }
+
+Report::Report(const Arguments& arguments)
+    : arguments_(arguments),
+      cleans_output_(!arguments.json && ::isatty(STDOUT_FILENO) == 1),
+      cleans_errors_(::isatty(STDERR_FILENO) == 1) {}
 
 int Report::Reply(const Json& reply) {
   const std::string status = MemberText(reply, "status");
@@ -92,13 +99,16 @@ void Report::Event(std::string_view raw) {
 void Report::Complain(const std::string& text) {
   // What was printed before stands before it, also where both go to one terminal.
   Flush();
-  const std::string line = "vexctl: " + (place_.empty() ? "" : place_ + ": ") + text + "\n";
+  const std::string said = (place_.empty() ? "" : place_ + ": ") + text;
+  const std::string line = "vexctl: " + (cleans_errors_ ? klbase_internal::CleanOnOneLine(said) : said) + "\n";
   if (::write(STDERR_FILENO, line.data(), line.size()) < 0) {
     // Nobody is left to be told.
   }
 }
 
 bool Report::Flush() {
+  // It is whole: a line's output, or whole events.
+  if (cleans_output_) output_ = klbase_internal::CleanForScreen(output_);
   std::string_view left = output_;
   while (!left.empty() && !failed_) {
     const ssize_t count = ::write(STDOUT_FILENO, left.data(), left.size());

@@ -25,11 +25,12 @@ int ExitStatus(std::string_view status);
 // A reply that no tool has sent: the line was not run, or it is not known how it ended.
 Json MadeReply(std::string_view status, const std::string& reason);
 
-// Prints what vexctl has to say, as its arguments want it. Output is collected, and written by Flush(). One thread.
+// Prints what vexctl has to say, as its arguments want it. Output is collected, and written by Flush(); nothing in it
+// acts on a terminal that it is written to. One thread.
 class Report {
  public:
   // `arguments` must outlive it.
-  explicit Report(const Arguments& arguments) : arguments_(arguments) {}
+  explicit Report(const Arguments& arguments);
 
   // A line of a script that replies belong to: "" for none. Shown with failures.
   void At(std::string place) { place_ = std::move(place); }
@@ -48,6 +49,8 @@ class Report {
   void Complain(const std::string& text);
 
   const Arguments& arguments_;
+  const bool cleans_output_;
+  const bool cleans_errors_;
   std::string place_;
   std::string output_;
   bool failed_ = false;

@@ -206,6 +206,7 @@ def fake_tool(path, started):
     def start(*words, **options):
         with socket.socket(socket.AF_UNIX) as listener:
             listener.settimeout(LIMIT_S)
+            pathlib.Path(path).unlink(missing_ok=True)
             listener.bind(path)
             listener.listen()
             options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True} | options
@@ -329,6 +330,46 @@ def test_quiet_prints_nothing(serve, vexctl):
     for words, status in ((["core", "show", "version"], 0), (["nonsense"], 2), (["-f", "/no/such"], 2)):
         done = vexctl("-q", *words)
         assert (done.returncode, done.stdout, done.stderr) == (status, "", "")
+
+
+EVIL = "\x1b]0;mine\x07\x1b[2J\tö\x9b\n"
+SHOWN = b"\\x1b]0;mine\\x07\\x1b[2J\t\xc3\xb6\\xc2\\x9b\r\n"
+
+
+@pytest.fixture
+def read_at_terminal(fake_tool):
+    """What a vexctl shows at a terminal that is its `stream` when the line, or the monitor, gets `reply`, and the rest."""
+    def read(words, stream, reply, *more):
+        main, other = pty.openpty()
+        running, lines = fake_tool(*words, **{stream: other})
+        os.close(other)
+        send(lines, dict(reply, id=json.loads(lines.readline())["id"]))
+        for line in more:
+            send(lines, line)
+        lines.close()
+        rest = "".join(text or "" for text in running.communicate(timeout=LIMIT_S))
+        shown = b""
+        while select.select([main], [], [], LIMIT_S)[0]:
+            try:
+                shown += os.read(main, 4096)
+            except OSError:  # all of it was read
+                break
+        os.close(main)
+        return shown, rest
+    return read
+
+
+def test_a_daemons_text_does_not_act_on_a_terminal(read_at_terminal):
+    refused = dict(OK, status="refused", output=EVIL, reason=EVIL.strip(), fields={"name": EVIL.strip()})
+    said = SHOWN.strip().replace(b"\t", b"\\x09")
+    # Each stream by itself: the other one is a pipe, and keeps the bytes.
+    assert read_at_terminal(["line"], "stdout", refused) == (SHOWN, f"vexctl: refused: {EVIL}")
+    assert read_at_terminal(["line"], "stderr", refused) == (b"vexctl: refused: " + said + b"\r\n", EVIL)
+    assert read_at_terminal(["--field", "name", "line"], "stdout", refused)[0] == SHOWN
+    shown, _ = read_at_terminal(["monitor"], "stdout", OK, {"event": {"seq": 1, "text": EVIL}})
+    assert shown == SHOWN
+    shown, _ = read_at_terminal(["--json", "line"], "stdout", refused)
+    assert json.loads(shown)["output"] == EVIL
 
 
 # --- several lines
