@@ -196,6 +196,8 @@ int Monitor(const Arguments& arguments, Report& report) {
       case Got::kEnd:
         return report.Reply(MadeReply("unreachable", "the tool has ended; no more events come"));
       case Got::kTimeout:
+        // It is the end that was asked for, and only programs are told of it.
+        if (arguments.json) report.Reply(MadeReply("timeout", "the time that --within gave is over"));
         return kExitTimeout;
       case Got::kInterrupted:
         return kExitCancelled;

@@ -66,10 +66,13 @@ std::string Connection::Open(const std::string& path, std::chrono::milliseconds 
   // A tool that is stopped accepts nothing, and its queue may be full.
   const timeval time{limit.count() / 1000, limit.count() % 1000 * 1000};
   ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time);
-  if (fd_ < 0 || ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    const int error = errno;
-    return "no tool at " + path + ": " + std::strerror(error) + "; " + NextStep(error);
-  }
+  int error = 0;
+  do {
+    error = ::connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
+  } while (error == EINTR && !IsInterrupted());
+  interrupted_ = (error == EINTR || error == EAGAIN) && IsInterrupted();
+  if (interrupted_) return "no tool at " + path + ": interrupted";
+  if (error != 0) return "no tool at " + path + ": " + std::strerror(error) + "; " + NextStep(error);
   const std::string wrong = Greet(limit);
   return wrong.empty() ? "" : "no session at " + path + ": " + wrong;
 }

@@ -52,6 +52,11 @@ def sessions(path):
                           timeout=LIMIT_S).stdout.count("control")
 
 
+def caught(pid, number):
+    status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"SigCgt:\s*(\w+)", status)[1], 16) >> (number - 1) & 1
+
+
 # --- how lines end
 
 ENCD = ("encd", "SetQulity", "high")
@@ -269,6 +274,18 @@ def test_an_interrupt_ends_the_wait_for_the_writer_of_a_named_pipe(serve, path, 
         running.send_signal(signal.SIGINT)
         _, errors = running.communicate(timeout=LIMIT_S)
     assert (running.returncode, errors) == (130, f"vexctl: {tmp_path / 'pipe'}: cancelled: interrupted\n")
+
+
+def test_an_interrupt_ends_the_wait_for_a_tool_that_takes_no_connection(path):
+    with socket.socket(socket.AF_UNIX) as listener, socket.socket(socket.AF_UNIX) as first:
+        listener.bind(path)
+        listener.listen(0)
+        first.connect(path)
+        with subprocess.Popen([VEXCTL, "--socket", path, "who"], stderr=subprocess.PIPE, text=True) as running:
+            wait_until(lambda: caught(running.pid, signal.SIGINT), "it catches interrupts")
+            wait_until(lambda: running.poll() is not None or running.send_signal(signal.SIGINT), "it ends")
+            _, errors = running.communicate(timeout=LIMIT_S)
+    assert (running.returncode, errors) == (130, f"vexctl: cancelled: no tool at {path}: interrupted\n")
 
 
 def test_all_sessions_in_use_ends_with_3(serve, vexctl, connect):
@@ -541,7 +558,9 @@ def test_events_as_json_pass_jq_and_a_tool_that_ends_is_said(watch):
 def test_watching_ends_with_its_time(serve, vexctl):
     serve()
     done = vexctl("--within", "0.1", "monitor")
-    assert (done.returncode, done.stdout) == (4, "")
+    assert (done.returncode, done.stdout, done.stderr) == (4, "", "")
+    done = vexctl("--json", "--within", "0.1", "monitor")
+    assert (done.returncode, [reply["status"] for reply in jq(done.stdout)]) == (4, ["timeout"])
     assert vexctl("monitor", "a", "b=1", "c").returncode == 2
 
 
