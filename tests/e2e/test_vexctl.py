@@ -479,7 +479,7 @@ def test_completions_are_one_a_line(serve, vexctl):
 COMPLETE = """
 source "$1"
 set -- "${@:2}"
-COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) COMP_LINE=$* COMP_POINT=${#COMP_LINE}
 _vexctl
 printf '%s\\n' "${COMPREPLY[@]}"
 """
@@ -499,6 +499,36 @@ def test_the_shell_completes_what_the_tool_knows(serve, path):
     assert completed("mon") == ["monitor"]
     assert completed("--j") == ["--json"]
     assert completed("-f", "/etc/os-rel") == ["/etc/os-release"]
+
+
+@pytest.mark.parametrize("keys, words", [
+    ("core sh\t", "core|show|x"),
+    ("rpc call SetVideoQualityRequest q\t", "rpc|call|SetVideoQualityRequest|qulity=x"),
+    ("rpc call SetVideoQualityRequest qulity=H\t", "rpc|call|SetVideoQualityRequest|qulity=HIGH|x"),
+    ("rpc call SetVideoQualityRequest qulity=HI\ta\t", "rpc|call|SetVideoQualityRequest|qulity=HIGH|attributes.x"),
+    ("--within=2 core sh\t", "--within=2|core|show|x"),
+    ("rpc load @/fol\t", "rpc|load|@/folder/x"),
+    ("rpc load @/folder/na\t", "rpc|load|@/folder/na:me|x"),
+    ("rpc load @/folder/na:m\t", "rpc|load|@/folder/na:me|x"),
+    ("--socket=@/none core sh\t", "--socket=@/none|core|shx"),
+])
+def test_a_word_is_completed_in_its_place_at_the_shells_prompt(serve, path, started, tmp_path, keys, words):
+    """Also where readline sees several: at "=" and ":"."""
+    serve()
+    (tmp_path / "folder").mkdir()
+    (tmp_path / "folder/na:me").touch()
+    shell = pexpect.spawn("bash", ["--norc", "--noprofile"], timeout=LIMIT_S, encoding="utf-8", cwd=tmp_path, dimensions=(24, 500),
+                          env=dict(PLAIN, PATH=f"{BIN}:{os.environ['PATH']}", KLBASE_CONSOLE_SOCKET=path, TERM="dumb", PS1="ready> ",
+                                   INPUTRC="/dev/null"))
+    started.append(shell)
+    shell.expect("ready> ")
+    shell.sendline(f"source {ROOT / 'packaging/completion/vexctl'}")
+    shell.expect("ready> ")
+    # What stands on the line at the end is printed, not run.
+    shell.send(f"vexctl {keys}x\x01printf '%s|' \r".replace("@", str(tmp_path)))
+    shell.expect_exact("\r\nvexctl|")
+    shell.expect_exact("|ready> ")
+    assert shell.before.replace(str(tmp_path), "@") == words
 
 
 # --- events
