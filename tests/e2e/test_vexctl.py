@@ -227,8 +227,9 @@ def fake_tool(path, started):
     return start
 
 
-def send(lines, reply):
-    lines.write(json.dumps(reply) + "\n")
+def send(lines, *replies):
+    """In one piece: a vexctl that ends leaves nothing unread."""
+    lines.write("".join(json.dumps(reply) + "\n" for reply in replies))
     lines.flush()
 
 
@@ -241,8 +242,8 @@ def test_an_interrupt_that_comes_too_late_for_its_line_ends_the_script_too(fake_
     running.send_signal(signal.SIGINT)
     cancel = json.loads(lines.readline())
     assert cancel["cancel"] == run["id"] and cancel["id"] != run["id"]
-    send(lines, dict(OK, id=run["id"]))
-    send(lines, {"id": cancel["id"], "status": "refused", "reason": "no run with the id 1"})
+    send(lines, dict(OK, id=run["id"]),
+         {"id": cancel["id"], "status": "refused", "reason": "no run with the id 1"})
     assert lines.readline() == ""
     assert running.communicate(timeout=LIMIT_S) == ("", "")
     assert running.returncode == 130
@@ -360,9 +361,7 @@ def read_at_terminal(fake_tool):
         main, other = pty.openpty()
         running, lines = fake_tool(*words, **{stream: other})
         os.close(other)
-        send(lines, dict(reply, id=json.loads(lines.readline())["id"]))
-        for line in more:
-            send(lines, line)
+        send(lines, dict(reply, id=json.loads(lines.readline())["id"]), *more)
         lines.close()
         rest = "".join(text or "" for text in running.communicate(timeout=LIMIT_S))
         shown = b""
