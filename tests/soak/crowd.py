@@ -17,6 +17,8 @@ WORK_S = 45
 BESIDE_LIMIT_S = 5.0  # far more than it takes where each connection gets its turn
 PACE_S = 2.0  # each worker's pause, on average: operators, not a benchmark
 MEMORY_BOUND_KIB = 32768  # the allocator keeps a varying part of the stalled readers' buffers
+REST_S = 60
+RESTED_BOUND_KIB = 16384  # above the start, after the rest
 KEPT = 2 * 16  # descriptors that the two daemons' clients keep for calls to come
 
 
@@ -122,6 +124,15 @@ async def beside(soak, port, replies, operator, each, seconds):
     return latencies
 
 
+async def rest(soak, tool, start_kib):
+    """What the crowds have used is the system's again soon."""
+    try:
+        await until(lambda: tool.rss_kib() <= start_kib + RESTED_BOUND_KIB, REST_S, "the crowds' memory is given back")
+    except TimeoutError as late:
+        soak.violation(f"{late}: {start_kib} KiB before, {tool.rss_kib()} KiB after")
+    soak.number("memory after a rest", f"{tool.rss_kib()} KiB")
+
+
 async def run(soak):
     limit = free_sockets()
     each = soak.count(CONNECTIONS, 30) // 3
@@ -151,6 +162,8 @@ async def run(soak):
         memory.append(tool.rss_kib())
         if number == 0:
             report(soak, each, baseline, quiet, busy, did, most)
+    if soak.scale >= 1 and not soak.sanitized:
+        await rest(soak, tool, memory[0])
     soak.number("one operator beside the others", show(await beside(soak, port, replies, first, each, seconds / 2)))
     soak.uptime_check(tool)
     soak.require(await replies.encoder(first), "the first session does not work any more")

@@ -7,8 +7,8 @@ import re
 import subprocess
 import time
 
-from harness import Events, NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, milliseconds, percentile, \
-    until
+from harness import SYSTEM_PYTHON, Events, NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, \
+    milliseconds, percentile, until
 
 TITLE = "too large messages from foreign peers"
 MINUTES = 1.5
@@ -16,7 +16,6 @@ MINUTES = 1.5
 ROUNDS = 12
 SIZES_MIB = [5, 64]  # just above the limit, and far above it
 GROWTH_KIB = 32768  # 24 MiB for a message alone, as the unit tests have it, and others are under way beside it here
-SYSTEM_PYTHON = "/usr/bin/python3"  # for which Debian packages gRPC
 TOOL = "unix-abstract:example@default"
 
 
@@ -95,8 +94,8 @@ async def run(soak):
     soak.require(seen == served, f"{served} requests were small enough, and {seen} reached the service")
     replies.balance([encoder])
     for name, peak in peaks.items():
-        soak.number(f"most memory that a message cost {name}", f"{peak.most_kib} KiB (bound {GROWTH_KIB} KiB)")
         if not soak.sanitized:
+            soak.number(f"most memory that a message cost {name}", f"{peak.most_kib} KiB (bound {GROWTH_KIB} KiB)")
             soak.require(peak.most_kib <= GROWTH_KIB, f"{name} took {peak.most_kib} KiB for a message that it refused")
     soak.number("an operator's commands meanwhile, p50 / p99",
                 f"{milliseconds(percentile(latencies, 0.5))} / {milliseconds(percentile(latencies, 0.99))}")

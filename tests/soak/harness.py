@@ -20,6 +20,8 @@ LIBC = ctypes.CDLL(None, use_errno=True)
 
 BLOCK_START = "*" * 39
 HARNESS_NICE = -10
+TSAN_OPTIONS = f"suppressions={pathlib.Path(__file__).with_name('tsan.supp')}"
+SYSTEM_PYTHON = "/usr/bin/python3"  # has Debian's gRPC, and another user may run it
 
 
 def percentile(values, share):
@@ -60,7 +62,7 @@ class Program:
         self.out = soak.folder / f"{name}.out"
         self.err = soak.folder / f"{name}.err"
         full = dict(os.environ, KLBASE_LOG_FILE=str(soak.folder / f"{name}.log"),
-                    KLBASE_HISTORY_FILE=str(soak.folder / f"{name}.history"))
+                    KLBASE_HISTORY_FILE=str(soak.folder / f"{name}.history"), TSAN_OPTIONS=TSAN_OPTIONS)
         full.update({key: str(value) for key, value in (environment or {}).items()})
 
         nice = self.nice_of_starter

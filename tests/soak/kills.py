@@ -10,7 +10,7 @@ from harness import Daemon, Events, NumberedDaemon, Operator, Replies, Tool, end
     PLAYER_COMMANDS
 
 TITLE = "daemons killed at random"
-MINUTES = 8
+MINUTES = 4
 
 ENCODER_KILLS, PLAYER_KILLS, REAL_KILLS = 760, 270, 50  # a tenth of the second ones are ended in order
 MAX_DELAY_US = 4000

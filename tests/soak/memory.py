@@ -7,7 +7,7 @@ import time
 from harness import Events, NumberedDaemon, Operator, Replies, Tool, end_in_order, PLAYER_COMMANDS
 
 TITLE = "memory under steady load"
-MINUTES = 5
+MINUTES = 4.2
 
 RUN_S = 240
 WARM_UP = 1 / 3  # of the run: histories and the allocator's arenas fill up to their limits

@@ -29,7 +29,7 @@ FULL_MINUTES = 30  # with which the full counts are reached
 SCENARIOS = ["kills", "scripts", "interrupt", "crowd", "memory", "disk", "logfile", "descriptors", "clock", "vanished", "unread", "restarts", "logins", "strangers", "foreign"]
 # A sanitizer's build is some ten times slower, and there are two of them: they get a share.
 SHARES = {"release": 1.0, "asan-ubsan": 0.1, "tsan": 0.08}
-SANITIZED = ["kills", "scripts", "interrupt", "crowd", "memory"]
+SANITIZED = ["kills", "scripts", "interrupt", "crowd", "memory", "unread", "restarts", "logins", "strangers", "foreign"]
 PR_SET_PDEATHSIG = 1
 
 

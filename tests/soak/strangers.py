@@ -4,9 +4,9 @@ import asyncio
 import json
 import os
 import subprocess
-import sys
 
-from harness import NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, milliseconds, percentile
+from harness import SYSTEM_PYTHON, NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, milliseconds, \
+    percentile
 
 TITLE = "connections of another user"
 MINUTES = 0.5
@@ -45,7 +45,7 @@ async def run(soak):
     replies = Replies(soak)
     operator = await Operator(port, limit_s=soak.limit_s).open()
     logged = len(tool.log())
-    stranger = Program(soak, "stranger", [sys.executable, "-B", "-c", STRANGER, port, soak.count(CONNECTIONS, 600)],
+    stranger = Program(soak, "stranger", [SYSTEM_PYTHON, "-B", "-c", STRANGER, port, soak.count(CONNECTIONS, 600)],
                        user=NOBODY, group=NOBODY, extra_groups=[], stdin=subprocess.DEVNULL)
     latencies = []
     while stranger.running():

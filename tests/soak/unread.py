@@ -58,7 +58,9 @@ async def run(soak):
     daemon.signal(15)
     await daemon.ended(soak.limit_s)
     await asyncio.sleep(1.0)  # for events still under way; no signal marks the last one
-    events.balance([daemon], [daemon])
+    _, _, gone = events.balance([daemon], [daemon])
+    missed = events.said_to_be_missed()
+    soak.require(gone == missed == 0, f"{gone} events were not printed, and {missed} were said to be missed")
     replies.balance([daemon])
     output.read()
     await end_in_order(soak, tool)

@@ -15,7 +15,7 @@ from harness import Events, NumberedDaemon, Operator, Program, Replies, Tool, en
 from kills import until_printed
 
 TITLE = "peers that vanish"
-MINUTES = 2.5
+MINUTES = 1.5
 
 SESSION_LIMIT_S = 90  # probed after 30 s, then every 10 s, three times; and a margin
 FULL_SCALE = 0.2  # below it the vanished operators are left out: they take a minute and a half
