@@ -1,6 +1,7 @@
 """Strangers at the door: who gets in, what they may cost, and what they leave in the log."""
 
 import collections
+import contextlib
 import crypt
 import os
 import re
@@ -12,8 +13,12 @@ import time
 
 import pytest
 
-from conftest import LIMIT_S, SANITIZED, wait_until
+from conftest import LIMIT_S, SANITIZED, Child, wait_until
 
+# A check costs a few milliseconds, and the storm's checks wait in a line of their own.
+OTHER_ADDRESS_LIMIT_S = LIMIT_S if SANITIZED else 1
+GUESSING_S = 3
+GUESSERS = 8  # fewer than may come from one address, where each would push another out before its answer
 VERSION_END = "git-version: v0.0.1\n"
 
 
@@ -86,13 +91,38 @@ def log_in(port, address, seconds_to_type=0):
 def test_a_storm_of_wrong_passwords_starts_no_threads_and_keeps_no_operator_out(password_tool, address):
     port = password_tool.port()
     before = threads(password_tool)
-    begin = time.monotonic()
     with Storm(port, lambda connection: connection.sendall(b"wrong\n")):
         for _ in range(3):
-            log_in(port, address)
+            took = log_in(port, address)
+            assert address == "127.0.0.1" or took <= OTHER_ADDRESS_LIMIT_S
             assert threads(password_tool) <= before + 40
-    checked = password_tool.log().count("wrong password")
-    assert checked <= 1 + 5 * (time.monotonic() - begin)
+
+
+def guess(port, begin, told):
+    """Wrong passwords, one after another; notes when each was told to be one, as seconds from `begin`."""
+    end = begin + GUESSING_S
+    while (left := end - time.monotonic()) > 0:
+        with connect_from(port) as console, contextlib.suppress(OSError):
+            console.settimeout(left)
+            console.sendall(b"wrong\n")
+            answer = b""
+            while received := console.recv(4096):
+                answer += received
+                if b"Wrong password." in answer:
+                    told.append(time.monotonic() - begin)
+                    break
+
+
+def test_many_clients_of_one_address_guess_no_faster_than_one(password_tool):
+    port = password_tool.port()
+    told = []
+    begin = time.monotonic()
+    guessers = [threading.Thread(target=guess, args=(port, begin, told)) for _ in range(GUESSERS)]
+    for guesser in guessers:
+        guesser.start()
+    for guesser in guessers:
+        guesser.join()
+    assert 1 <= len(told) <= 1 + 5 * (time.monotonic() - begin), told
 
 
 def test_silent_connections_push_out_no_operator_at_another_address(password_tool):
@@ -154,6 +184,56 @@ for _ in range(3000):
 """)(port)
     assert connect(port).run("core show version", VERSION_END)
     assert tool.log().count("\n") - begin < 60
+
+
+HOLDS_ENCD = """
+import socket
+server = socket.socket(socket.AF_UNIX)
+server.bind("\\0encd@default")
+server.listen()
+print("listens", flush=True)
+while True:
+    connection, _ = server.accept()
+    connection.settimeout(20)
+    print("received", connection.recv(65536), flush=True)
+"""
+
+
+@needs_root
+def test_another_user_who_holds_a_daemons_address_is_sent_nothing(tmp_path, started, tool, telnet):
+    stranger = Child(tmp_path, "stranger", ["/usr/bin/python3", "-c", HOLDS_ENCD], user=65534, group=65534,
+                     extra_groups=[], cwd="/")
+    started.append(stranger)
+    wait_until(lambda: "listens" in stranger.output(), "the stranger listens")
+    session = telnet(tool.port())
+    session.send("encd SetQulity high\r")
+    session.expect_exact("code= 500 result=\r\n")
+    session.expect_exact("unreachable: ")
+    session.expect("main> ")
+    assert "the server is of user id 65534, which KLRPC_ALLOW_UID does not list" in session.before
+    wait_until(lambda: "received" in stranger.output(), "the tool has left the stranger")
+    assert set(stranger.output().splitlines()) == {"listens", "received b''"}
+    wait_until(lambda: f"unix-abstract:encd@default: refused the server of user id 65534 (process {stranger.process.pid}); "
+               "KLRPC_ALLOW_UID lists who else may serve" in tool.log(), "the refusal is logged")
+
+
+CALL_THE_TOOL = as_nobody("""
+client = socket.socket(socket.AF_UNIX)
+client.connect("\\0example@default")
+client.settimeout(20)
+try:
+    client.sendall(b"PRI * HTTP/2.0\\r\\n\\r\\nSM\\r\\n\\r\\n" + bytes([0, 0, 0, 4, 0, 0, 0, 0, 0]))
+    print("received", client.recv(65536))
+except (BrokenPipeError, ConnectionResetError):
+    print("closed")
+""")
+
+
+@needs_root
+def test_another_user_is_not_served_at_the_tools_own_address(tool):
+    assert CALL_THE_TOOL(tool.port()) in ("received b''\n", "closed\n")
+    wait_until(lambda: "unix-abstract:example@default: refused a connection of user id 65534 (process " in tool.log(),
+               "the refusal is logged")
 
 
 def lowest_free_descriptor(tool):
