@@ -117,6 +117,22 @@ def test_a_dumb_terminal_gets_no_escape_sequences(tmp_path):
     assert session.exitstatus == 0
 
 
+def test_ctrl_c_at_a_dumb_terminal_gives_up_a_command_and_ends_the_tool_at_the_prompt(terminal, fake_encd):
+    fake_encd("never")
+    session = terminal(TERM="dumb")
+    session.send("rpc call SetVideoQualityRequest qulity=HIGH --within 60\n")
+    wait_until(lambda: termios.tcgetattr(session.child_fd)[6][termios.VINTR] == b"\0", "the key can be read")
+    session.send("\x03")
+    session.expect_exact("^C\r\n")
+    session.expect("cancelled: ")
+    session.expect("main> ")
+    assert session.isalive()
+    wait_until(lambda: termios.tcgetattr(session.child_fd)[6][termios.VINTR] == b"\x03", "the key is the signal again")
+    session.send("\x03")
+    wait_until(lambda: not session.isalive(), "the tool ends")
+    assert session.exitstatus == 1
+
+
 def test_history_of_the_last_run_is_there(terminal):
     session = terminal()
     session.send("core show version\r")

@@ -94,7 +94,8 @@ void LocalConsole::Open() {
     return session_->Start(LineEditor::Display::kNone);
   }
   // A terminal that can't be driven keeps its own echo and line editing.
-  if (!dumb_) raw_ = std::make_unique<LocalTerminal>(options_.input_fd, output_fd);
+  const auto editing = dumb_ ? LocalTerminal::Editing::kByTerminal : LocalTerminal::Editing::kRaw;
+  local_ = std::make_unique<LocalTerminal>(options_.input_fd, output_fd, editing);
   const auto size = LocalTerminal::WindowSize(options_.output_fd);
   // Before the prompt shows, which output of other threads must not spoil.
   stdout_guard_ = std::make_unique<StdoutGuard>(session_);
@@ -122,10 +123,10 @@ bool LocalConsole::PollOnce() {
   const bool room = running || output_->Pending() <= OutputBuffer::kBusyPending;
   const bool reading = want_input_ && !end_of_input_ && !stop_ && room;
   const bool writing = output_->Pending() > 0;
-  if (raw_) raw_->ReadInterruptKey(running);
+  if (local_) local_->ReadInterruptKey(running);
   // Entries with a negative descriptor are skipped.
   std::array<pollfd, 4> fds = {{{wake_fd_, POLLIN, 0},
-                                {raw_ ? raw_->EventFd() : -1, POLLIN, 0},
+                                {local_ ? local_->EventFd() : -1, POLLIN, 0},
                                 {reading ? options_.input_fd : -1, POLLIN, 0},
                                 {writing ? options_.output_fd : -1, POLLOUT, 0}}};
   const int ready = ::poll(fds.data(), fds.size(), session_->CommandRunning() ? kLatencyMs : -1);
@@ -148,17 +149,17 @@ void LocalConsole::HandleWake() {
 // window may have another size then, so that is read after each event, SIGWINCH or not. SIGCONT also comes without a
 // Ctrl-Z, from "kill -STOP" and "kill -CONT": the shell may have left another mode and its own text on the screen.
 void LocalConsole::HandleTerminalEvents() {
-  for (auto event = raw_->TakeEvent(); event != LocalTerminal::Event::kNone; event = raw_->TakeEvent()) {
+  for (auto event = local_->TakeEvent(); event != LocalTerminal::Event::kNone; event = local_->TakeEvent()) {
     if (event == LocalTerminal::Event::kStop) {
       session_->ChangeTerminal({.hidden = true});
       output_->Flush();
-      raw_->StopProcess();
+      local_->StopProcess();
     }
-    if (event == LocalTerminal::Event::kContinued) raw_->EnterRawMode();
+    if (event == LocalTerminal::Event::kContinued) local_->EnterMode();
     const auto size = LocalTerminal::WindowSize(options_.output_fd);
     session_->ChangeTerminal({.columns = size.columns, .rows = size.rows});
     if (event == LocalTerminal::Event::kStop) {
-      raw_->EnterRawMode();
+      local_->EnterMode();
       session_->ChangeTerminal({.hidden = false});
     }
     if (event == LocalTerminal::Event::kContinued) session_->Redraw();
@@ -169,6 +170,9 @@ void LocalConsole::ReadInput() {
   char buffer[4096];
   const ssize_t count = ::read(options_.input_fd, buffer, sizeof buffer);
   if (count > 0) {
+    // The terminal has shown it as "^C", wherever the output stood.
+    if (local_ && dumb_ && std::memchr(buffer, '\x03', static_cast<std::size_t>(count)) != nullptr)
+      output_->Append("\n");
     if (!session_->OnInput({buffer, static_cast<std::size_t>(count)})) want_input_ = false;
     return;
   }
@@ -195,11 +199,11 @@ void LocalConsole::DrainOutput() {
 // in the first column of a terminal that has its own mode again.
 void LocalConsole::CloseSession() {
   stdout_guard_.reset();
-  if (raw_ && output_) {
+  if (local_ && !dumb_ && output_) {
     output_->FreshLine();
     output_->Flush();
   }
-  raw_.reset();
+  local_.reset();
   if (session_) session_->Close();
   if (output_) output_->Close();
   if (own_output_fd_ >= 0) ::close(std::exchange(own_output_fd_, -1));

@@ -53,7 +53,7 @@ class LocalConsole {
   int own_output_fd_ = -1;  // the terminal, opened once more; -1: options_.output_fd is used
   std::shared_ptr<OutputBuffer> output_;
   std::shared_ptr<ConsoleSession> session_;
-  std::unique_ptr<LocalTerminal> raw_;
+  std::unique_ptr<LocalTerminal> local_;
   std::unique_ptr<StdoutGuard> stdout_guard_;
   bool end_of_input_ = false;
   std::atomic<bool> want_input_{true};

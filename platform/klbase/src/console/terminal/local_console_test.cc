@@ -770,6 +770,54 @@ TEST_F(TerminalTest, CtrlCAtADumbTerminalEndsTheProgram) {
   EXPECT_EQ(Wait(), 1000 + SIGINT);
 }
 
+TEST_F(TerminalTest, CtrlCAtADumbTerminalGivesUpTheCommandUnderWayAndTheProgramStays) {
+  term_ = "dumb";
+  Start();
+  std::string shown = pty_.Until("main> ");
+  for (int i = 0; i < 3; ++i) {
+    pty_.Type("core hang\n");
+    shown += pty_.Until("hanging\r\n");
+    EXPECT_TRUE(WaitFor([this] { return !pty_.HasInterruptKey(); }));
+    pty_.Type("core show version\nabc\x03");
+    const std::string rest = pty_.Until("main> ");
+    EXPECT_NE(rest.find("^C\r\ncancelled: given up"), std::string::npos) << rest;
+    EXPECT_EQ(rest.find("two"), std::string::npos) << rest;
+    EXPECT_FALSE(pty_.IsRaw());
+    shown += rest;
+  }
+  EXPECT_EQ(shown.find('\x1b'), std::string::npos) << shown;
+  EXPECT_TRUE(WaitFor([this] { return pty_.HasInterruptKey(); }));
+  pty_.Type("\x03");
+  EXPECT_EQ(Wait(), 1000 + SIGINT);
+}
+
+TEST_F(TerminalTest, ADumbTerminalShowsItsPromptAgainAfterAStop) {
+  term_ = "dumb";
+  under_shell_ = true;
+  Start();
+  std::string shown = pty_.Until("main> ");
+  pty_.Type("\x1a");
+  shown += pty_.Until("[stopped in cooked mode]");
+  shown += pty_.Until("main> ");
+  pty_.Type("exit\n");
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_EQ(shown.find('\x1b'), std::string::npos) << shown;
+}
+
+TEST_F(TerminalTest, ADumbTerminalIsAsBeforeWhenTheProgramEndsWhileACommandRuns) {
+  term_ = "dumb";
+  Start();
+  const cc_t before = pty_.Mode().c_cc[VEOL];
+  pty_.Until("main> ");
+  pty_.Type("core hang\n");
+  pty_.Until("hanging\r\n");
+  EXPECT_TRUE(WaitFor([this] { return !pty_.HasInterruptKey(); }));
+  child_->Signal(SIGTERM);
+  EXPECT_EQ(Wait(), 1000 + SIGTERM);
+  EXPECT_TRUE(pty_.HasInterruptKey());
+  EXPECT_EQ(pty_.Mode().c_cc[VEOL], before);
+}
+
 TEST_F(TerminalTest, ExitOnTheCommandsOwnThreadKeepsTheStatus) {
   Start();
   pty_.Until("main> ");

@@ -19,6 +19,8 @@
 namespace cli::internal {
 namespace {
 
+constexpr cc_t kInterruptKey = 0x03;  // Ctrl-C
+
 constexpr int kFatalSignals[] = {SIGTERM, SIGHUP, SIGQUIT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGINT};
 // Handled by the thread in the console's Run(): the handler only writes the signal's number into a pipe.
 constexpr int kEventSignals[] = {SIGWINCH, SIGTSTP, SIGCONT};
@@ -97,9 +99,20 @@ void RemoveHandlers() {
   }
 }
 
+// Keys come one by one, as they are, CR and LF told apart, and Ctrl-S and Ctrl-Q are keys of the editor. ISIG stays:
+// Ctrl-C, Ctrl-Z and Ctrl-\ are signals. OPOST stays too, so that text of other programs begins its lines in the first
+// column.
+void MakeRaw(termios& raw) {
+  raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK);
+  raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | IEXTEN);
+  raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away the keys typed before it
+  raw.c_cc[VMIN] = 1;
+  raw.c_cc[VTIME] = 0;
+}
+
 }  // namespace
 
-LocalTerminal::LocalTerminal(int input_fd, int output_fd) {
+LocalTerminal::LocalTerminal(int input_fd, int output_fd, Editing editing) : editing_(editing) {
   if (g_event_write_fd.load() >= 0) throw std::logic_error("the terminal is served already");
   int fds[2];
   if (::tcgetattr(input_fd, &g_saved) != 0 || ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) {
@@ -107,10 +120,10 @@ LocalTerminal::LocalTerminal(int input_fd, int output_fd) {
   }
   g_event_read_fd = fds[0];
   g_event_write_fd = fds[1];
-  g_output_fd = output_fd;
+  if (editing == Editing::kRaw) g_output_fd = output_fd;  // no other mode has pastes marked
   g_terminal_fd = input_fd;
   InstallHandlers();
-  EnterRawMode();
+  EnterMode();
 }
 
 LocalTerminal::~LocalTerminal() {
@@ -148,24 +161,21 @@ void LocalTerminal::StopProcess() {
   ::sigaction(SIGTSTP, &ours, nullptr);
 }
 
-void LocalTerminal::EnterRawMode() {
+void LocalTerminal::EnterMode() {
   const int fd = g_terminal_fd;
   if (!InForeground(fd)) return;  // setting it from the background would stop the process
-  termios raw = g_saved;
-  // Keys come one by one, as they are, CR and LF told apart, and Ctrl-S and Ctrl-Q are keys of the editor. ISIG stays:
-  // Ctrl-C, Ctrl-Z and Ctrl-\ are signals. OPOST stays too, so that text of other programs begins its lines in the
-  // first column.
-  raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | ISTRIP | PARMRK);
-  raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | IEXTEN);
-  raw.c_lflag |= NOFLSH;  // Ctrl-Z must not throw away the keys typed before it
-  if (read_interrupt_key_) raw.c_cc[VINTR] = _POSIX_VDISABLE;
-  raw.c_cc[VMIN] = 1;
-  raw.c_cc[VTIME] = 0;
-  ::tcsetattr(fd, TCSANOW, &raw);
+  termios mode = g_saved;
+  if (editing_ == Editing::kRaw) MakeRaw(mode);
+  if (read_interrupt_key_) {
+    mode.c_cc[VINTR] = _POSIX_VDISABLE;
+    // Where whole lines are given, the key must end one to be read.
+    if (editing_ == Editing::kByTerminal) mode.c_cc[VEOL] = kInterruptKey;
+  }
+  ::tcsetattr(fd, TCSANOW, &mode);
 }
 
 void LocalTerminal::ReadInterruptKey(bool read) {
-  if (read != std::exchange(read_interrupt_key_, read)) EnterRawMode();
+  if (read != std::exchange(read_interrupt_key_, read)) EnterMode();
 }
 
 LocalTerminal::Size LocalTerminal::WindowSize(int fd) {

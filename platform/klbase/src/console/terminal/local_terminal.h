@@ -1,4 +1,4 @@
-// The process's own terminal: raw mode, restored whatever way the process ends, and the signals that belong to it.
+// The process's own terminal: its mode, restored whatever way the process ends, and the signals that belong to it.
 #ifndef KLBASE_CONSOLE_TERMINAL_LOCAL_TERMINAL_H_
 #define KLBASE_CONSOLE_TERMINAL_LOCAL_TERMINAL_H_
 
@@ -15,6 +15,8 @@ namespace cli::internal {
 // signal as if nothing had happened. SIGKILL leaves the terminal as it is; "stty sane" helps.
 class LocalTerminal {
  public:
+  // Who edits the typed line: in raw mode the keys come one by one; else the terminal gives whole lines.
+  enum class Editing { kRaw, kByTerminal };
   enum class Event { kNone, kResized, kStop, kContinued };
   struct Size {
     int columns = 0;  // 0: not known
@@ -22,7 +24,7 @@ class LocalTerminal {
   };
 
   // Takes over the terminal on `input_fd`, which must be one, and is shown through `output_fd`.
-  LocalTerminal(int input_fd, int output_fd);
+  LocalTerminal(int input_fd, int output_fd, Editing editing);
   ~LocalTerminal();
   LocalTerminal(const LocalTerminal&) = delete;
   LocalTerminal& operator=(const LocalTerminal&) = delete;
@@ -33,8 +35,8 @@ class LocalTerminal {
   Event TakeEvent();
   // Stops the process as Ctrl-Z asks, with the terminal restored; returns when it is continued.
   void StopProcess();
-  // Sets raw mode again if this process is in the foreground.
-  void EnterRawMode();
+  // Sets the mode again if this process is in the foreground.
+  void EnterMode();
   // Whether Ctrl-C is read as a key.
   void ReadInterruptKey(bool read);
 
@@ -43,6 +45,7 @@ class LocalTerminal {
   static void Restore();
 
  private:
+  const Editing editing_;
   bool read_interrupt_key_ = false;
 };
 
