@@ -9,6 +9,7 @@ import json
 import os
 import pathlib
 import pty
+import re
 import resource
 import select
 import shutil
@@ -20,12 +21,14 @@ import tempfile
 import threading
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "platform" / "testing" / "network"))
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "platform" / "testing" / "network"))
 
 import private_network  # noqa: E402
 
 ROUNDS = 5  # each figure is the median of so many runs, taken in turn with its baselines
 START_LIMIT_S = 10
+EVENT_TOPIC = re.search(r'kResultReporTopic\[\] = "(.+?)"', (ROOT / "schema/player/v1/topics.h").read_text(encoding="utf-8"))[1]
 VERSION_END = "git-version: v0.0.1\n"
 VERSION_REQUEST = '{"run":"core show version"}'
 
@@ -336,15 +339,15 @@ def mosquitto(folder):
 
 def mosquitto_events(port, count):
     """Events per second from mosquitto_pub to the lines of mosquitto_sub."""
-    subscriber = subprocess.Popen(["mosquitto_sub", "-p", port, "-t", "layer/result_repor", "-C", str(count + 1)],
+    subscriber = subprocess.Popen(["mosquitto_sub", "-p", port, "-t", EVENT_TOPIC, "-C", str(count + 1)],
                                   stdout=subprocess.PIPE)
     try:
         # The first message goes again and again until the subscriber is there.
         while not select.select([subscriber.stdout], [], [], 0.1)[0]:
-            subprocess.run(["mosquitto_pub", "-p", port, "-t", "layer/result_repor", "-m", "x"], check=True)
+            subprocess.run(["mosquitto_pub", "-p", port, "-t", EVENT_TOPIC, "-m", "x"], check=True)
         lines = b"/media/clip.mp4 0 1\n" * count
         start = time.perf_counter()
-        subprocess.run(["mosquitto_pub", "-p", port, "-t", "layer/result_repor", "-l"], input=lines, check=True)
+        subprocess.run(["mosquitto_pub", "-p", port, "-t", EVENT_TOPIC, "-l"], input=lines, check=True)
         got = subscriber.stdout.read().count(b"\n")
         return {"events_per_second": count / (time.perf_counter() - start), "lost": count - min(got, count)}
     finally:
@@ -580,12 +583,12 @@ def monitor_lines(bin_folder, path, count):
 def redis_lines(port, count):
     """Messages per second from `redis-cli --pipe` to the lines of `redis-cli subscribe`."""
     text = "/media/clip.mp4 0 1"
-    subscriber = subprocess.Popen(["redis-cli", "-p", str(port), "subscribe", "layer/result_repor"], stdin=subprocess.DEVNULL,
+    subscriber = subprocess.Popen(["redis-cli", "-p", str(port), "subscribe", EVENT_TOPIC], stdin=subprocess.DEVNULL,
                                   stdout=subprocess.PIPE, bufsize=0)
     try:
         for _ in range(3):  # subscribe, the channel, 1
             subscriber.stdout.readline()
-        words = ("PUBLISH", "layer/result_repor", text)
+        words = ("PUBLISH", EVENT_TOPIC, text)
         command = f"*{len(words)}\r\n" + "".join(f"${len(word)}\r\n{word}\r\n" for word in words)
         start = time.perf_counter()
         publisher = subprocess.Popen(["redis-cli", "-p", str(port), "--pipe"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
@@ -690,7 +693,7 @@ def published_lines(bin_folder, port, count, text):
 def add_linked_events(table, bin_folder, path, port):
     count = 100_000
     url, subject, mark = f"nats://127.0.0.1:{port}", "vextool.bench.event.>", '{"seq":'
-    example = mark + '1,"time":"2026-03-01T14:05:09.250Z","topic":"layer/result_repor","message":{' + "x" * 200
+    example = f'{mark}1,"time":"2026-03-01T14:05:09.250Z","topic":"{EVENT_TOPIC}","message":{{' + "x" * 200
     here = pathlib.Path(__file__).resolve().parent
     programs = {"a C subscriber": [bin_folder / "bench_nats", "subscribe", url, subject],
                 "a Python subscriber": [sys.executable, here / "nats_subscriber.py", str(port), subject]}
