@@ -1,5 +1,6 @@
 // How long an event takes from the player daemon, which this program stands for, to a screen.
 //   bench_event_delay terminal COUNT TOOL   one event at a time to the tool's local terminal
+//   bench_event_delay telnet COUNT TOOL     the same to an operator at a telnet client who monitors it
 //   bench_event_delay bare COUNT            the same to a subscriber that only writes to a terminal: the baseline
 //   bench_event_delay restart COUNT TOOL    from a daemon that listens again to its first event on standard output,
 //   with an
@@ -19,6 +20,8 @@
 #include "klrpc/api_client.h"
 #include "klrpc/api_server.h"
 #include "platform/testing/child_process.h"
+#include "platform/testing/limits.h"
+#include "platform/testing/network/tcp_client.h"
 #include "platform/testing/sync.h"
 #include "player/v1/player.pb.h"
 #include "player/v1/topics.h"
@@ -61,8 +64,38 @@ double MicrosecondsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
+// An operator at a telnet client, who is shown what he monitors.
+class TelnetScreen {
+ public:
+  explicit TelnetScreen(ChildProcess& tool) : client_(PortOf(tool)) {}
+
+  // Returns whether the operator monitors the player's reports.
+  bool Monitor() {
+    constexpr char kAgreed[] = "\xff\xfd\x01\xff\xfd\x03";  // DO ECHO, DO SUPPRESS GO AHEAD
+    return client_.Send(kAgreed) && client_.Expect(kPrompt) &&
+           client_.Send("monitor " + std::string(lp::v1::kResultReporTopic) + "\r\n") && client_.Expect(kPrompt);
+  }
+  bool WaitFor(std::string_view text, std::chrono::milliseconds limit = vextest::kLimit) {
+    return client_.Expect(text, limit);
+  }
+  void Forget() { client_.TakeReceived(); }
+
+ private:
+  static constexpr char kPrompt[] = "main> ";
+
+  static int PortOf(ChildProcess& tool) {
+    static constexpr std::string_view kBegin = "console listens on 127.0.0.1:";
+    if (!tool.WaitForError(kBegin) || !tool.WaitForError("\n")) return 0;
+    const std::string text = tool.Errors();
+    return std::atoi(text.c_str() + text.find(kBegin) + kBegin.size());
+  }
+
+  vextest::TcpClient client_;
+};
+
 // Publishes until the screen has one of them; returns its number, 0 when none comes.
-std::size_t PublishUntilShown(klrpc::APIServer& server, ChildProcess& screen, std::size_t number) {
+template <typename Screen>
+std::size_t PublishUntilShown(klrpc::APIServer& server, Screen& screen, std::size_t number) {
   const bool shown = vextest::WaitFor([&] {
     server.Publish(Event(number));
     return screen.WaitFor(Mark(number++), kPublishPause);
@@ -70,7 +103,8 @@ std::size_t PublishUntilShown(klrpc::APIServer& server, ChildProcess& screen, st
   return shown ? number : 0;
 }
 
-int MeasureShown(std::size_t count, ChildProcess& screen) {
+template <typename Screen>
+int MeasureShown(std::size_t count, Screen& screen) {
   constexpr int kMaxPauseMs = 5;
   const auto server = Serve();
   std::size_t number = PublishUntilShown(*server, screen, 1);
@@ -147,10 +181,15 @@ int main(int argc, char** argv) {
     ChildProcess screen({tool, "--local_console", "--cli_port=0"}, terminal);
     return MeasureShown(count, screen);
   }
+  if (what == "telnet" && !tool.empty()) {
+    ChildProcess process({tool, "--cli_port=0"});
+    TelnetScreen screen(process);
+    return screen.Monitor() ? MeasureShown(count, screen) : 1;
+  }
   if (what == "restart" && !tool.empty()) {
     ChildProcess output({tool, "--cli_port=0"});
     return MeasureRestarts(count, output);
   }
-  std::fprintf(stderr, "usage: bench_event_delay terminal|bare|restart COUNT [TOOL]\n");
+  std::fprintf(stderr, "usage: bench_event_delay terminal|telnet|bare|restart COUNT [TOOL]\n");
   return 2;
 }
