@@ -119,28 +119,28 @@ def publish(tmp_path, started):
     return send
 
 
+def openssl(*words):
+    return subprocess.run(["openssl", *map(str, words)], check=True, capture_output=True, timeout=LIMIT_S).stdout
+
+
 class Pki:
     """An authority and what it vouches for."""
 
     def __init__(self, folder):
         self.folder = folder
-        self.run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "30", "-subj",
-                 "/CN=test authority", "-keyout", self / "ca.key", "-out", self / "ca.pem")
+        openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "30", "-subj",
+                "/CN=test authority", "-keyout", self / "ca.key", "-out", self / "ca.pem")
 
     def __truediv__(self, name):
         return self.folder / name
 
-    @staticmethod
-    def run(*words):
-        subprocess.run(["openssl", *map(str, words)], check=True, capture_output=True, timeout=LIMIT_S)
-
     def make(self, name, alternative, days=30):
         """NAME.pem and NAME.key."""
-        self.run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", f"/CN={name}",
-                 "-keyout", self / f"{name}.key", "-out", self / f"{name}.csr")
+        openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", f"/CN={name}",
+                "-keyout", self / f"{name}.key", "-out", self / f"{name}.csr")
         (self / "extensions").write_text(f"subjectAltName={alternative}\n", encoding="ascii")
-        self.run("x509", "-req", "-in", self / f"{name}.csr", "-CA", self / "ca.pem", "-CAkey", self / "ca.key",
-                 "-CAcreateserial", "-days", days, "-extfile", self / "extensions", "-out", self / f"{name}.pem")
+        openssl("x509", "-req", "-in", self / f"{name}.csr", "-CA", self / "ca.pem", "-CAkey", self / "ca.key",
+                "-CAcreateserial", "-days", days, "-extfile", self / "extensions", "-out", self / f"{name}.pem")
         return ["--cert", self / f"{name}.pem", "--key", self / f"{name}.key"]
 
     def client_context(self, name):

@@ -4,17 +4,13 @@ users. What `nsc` does, with openssl."""
 import base64
 import binascii
 import json
-import subprocess
 import time
 
-LIMIT_S = 20
+from conftest import openssl
+
 PREFIXES = {"operator": 14 << 3, "account": 0, "user": 20 << 3}
 SEED = 18 << 3
 WITHOUT_LIMITS = {"subs": -1, "data": -1, "payload": -1}
-
-
-def openssl(*words):
-    return subprocess.run(["openssl", *map(str, words)], check=True, capture_output=True, timeout=LIMIT_S).stdout
 
 
 def readable(data):

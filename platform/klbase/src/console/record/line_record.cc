@@ -24,13 +24,14 @@ std::string WithoutUrlPasswords(std::string_view line) {
   while (true) {
     const std::size_t scheme_end = line.find(kAuthority);
     if (scheme_end == std::string_view::npos) return text.append(line);
-    const std::size_t begin = scheme_end + kAuthority.size();
-    const std::string_view authority = line.substr(begin, line.find_first_of(kBehindAuthority, begin) - begin);
+    text.append(line.substr(0, scheme_end + kAuthority.size()));
+    line.remove_prefix(scheme_end + kAuthority.size());
+    const std::string_view authority = line.substr(0, line.find_first_of(kBehindAuthority));
     const std::size_t at = authority.rfind('@');
-    const std::size_t colon = authority.substr(0, at == std::string_view::npos ? 0 : at).find(':');
-    const std::size_t shown = colon == std::string_view::npos ? 0 : colon + 1;
-    text.append(line.substr(0, begin + shown)).append(shown == 0 ? "" : "***");
-    line.remove_prefix(begin + (shown == 0 ? 0 : at));
+    const std::size_t colon = authority.find(':');
+    if (at == std::string_view::npos || colon >= at) continue;
+    text.append(line.substr(0, colon + 1)).append("***");
+    line.remove_prefix(at);
   }
 }
 

@@ -171,8 +171,9 @@ void LocalConsole::ReadInput() {
   const ssize_t count = ::read(options_.input_fd, buffer, sizeof buffer);
   if (count > 0) {
     // The terminal has shown it as "^C", wherever the output stood.
-    if (local_ && dumb_ && std::memchr(buffer, '\x03', static_cast<std::size_t>(count)) != nullptr)
+    if (local_ && dumb_ && std::memchr(buffer, '\x03', static_cast<std::size_t>(count)) != nullptr) {
       output_->Append("\n");
+    }
     if (!session_->OnInput({buffer, static_cast<std::size_t>(count)})) want_input_ = false;
     return;
   }
