@@ -2,11 +2,17 @@
 #include <gmock/gmock.h>
 
 #include <cstddef>
+#include <type_traits>
 #include <vector>
 
 #include "apisdk/api_encoder.h"
 #include "apisdk/api_player.h"
 #include "apisdk/api_pubsub.h"
+#include "apisdk/apisdk.h"
+#include "apisdk/context.h"
+#include "apisdk/rpc_enc.h"
+#include "apisdk/rpc_player.h"
+#include "apisdk/rpc_pubsub.h"
 #include "klrpc/api_client.h"
 #include "platform/testing/virtual_slot.h"
 
@@ -44,6 +50,21 @@ TEST(VirtualOrderTest, OfThePlayer) {
 
 TEST(VirtualOrderTest, OfPublishSubscribe) {
   EXPECT_THAT(Slots(&ApiPubSub::Publish, &ApiPubSub::Subscriber), ElementsAre(2, 3));
+}
+
+TEST(VirtualOrderTest, NothingFollows) {
+  EXPECT_EQ(vextest::VirtualSlots<klrpc::APIClient>(), 6u);
+  EXPECT_EQ(vextest::VirtualSlots<ApiEncoder>(), 7u);
+  EXPECT_EQ(vextest::VirtualSlots<RpcEncoder>(), 7u);
+  EXPECT_EQ(vextest::VirtualSlots<ApiPlayer>(), 22u);
+  EXPECT_EQ(vextest::VirtualSlots<RpcPlayer>(), 22u);
+  EXPECT_EQ(vextest::VirtualSlots<ApiPubSub>(), 4u);
+  EXPECT_EQ(vextest::VirtualSlots<RpcPubSub>(), 4u);
+}
+
+TEST(VirtualOrderTest, OfTheSdkThereIsNone) {
+  EXPECT_FALSE(std::is_polymorphic_v<ApiSdk>);
+  EXPECT_FALSE(std::is_polymorphic_v<Context>);
 }
 
 }  // namespace

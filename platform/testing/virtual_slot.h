@@ -19,6 +19,16 @@ std::size_t VirtualSlot(Member member) {
   return words[0] / sizeof(void*);
 }
 
+// How many places the table of T has: where the next operation would stand. Two for a class with nothing but its
+// virtual destructor.
+template <typename T>
+std::size_t VirtualSlots() {
+  struct Next : T {
+    virtual void Further() {}
+  };
+  return VirtualSlot(&Next::Further);
+}
+
 }  // namespace vextest
 
 #endif  // PLATFORM_TESTING_VIRTUAL_SLOT_H_

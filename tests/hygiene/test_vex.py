@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import types
 
 import pytest
 
@@ -46,10 +47,10 @@ def fake(folder, name, text):
     program.chmod(0o755)
 
 
-def vex(checkout, *words):
-    environment = dict(os.environ, PATH=f"{checkout / 'programs'}:{os.environ['PATH']}")
-    return subprocess.run([checkout / "vex", *words], capture_output=True, text=True, timeout=LIMIT_S, check=False,
-                          env=environment, stdin=subprocess.DEVNULL)
+def vex(checkout, *words, stderr=subprocess.PIPE):
+    environment = dict(os.environ, PATH=f"{checkout / 'programs'}:{os.environ['PATH']}", TERM="xterm")
+    return subprocess.run([checkout / "vex", *words], stdout=subprocess.PIPE, stderr=stderr, text=True, timeout=LIMIT_S,
+                          check=False, env=environment, stdin=subprocess.DEVNULL)
 
 
 def bash(text, **options):
@@ -59,12 +60,23 @@ def bash(text, **options):
 
 def at_a_terminal(text):
     """What the shell's lines write to a terminal of 40 columns."""
+    with terminal_of_40_columns() as (terminal, stderr):
+        bash(text, stderr=stderr, env=dict(os.environ, TERM="xterm"))
+    return terminal.text
+
+
+@contextlib.contextmanager
+def terminal_of_40_columns():
+    """The terminal, whose `text` stands when it is closed, and the end that a program gets."""
     master, slave = pty.openpty()
     subprocess.run(["stty", "cols", "40"], stdin=slave, check=True)
-    bash(text, stderr=slave, env=dict(os.environ, TERM="xterm"))
-    os.close(slave)
-    with open(master, "rb", buffering=0) as terminal:
-        return "".join(read_to_end(terminal))
+    terminal = types.SimpleNamespace(text="")
+    try:
+        yield terminal, slave
+    finally:
+        os.close(slave)
+        with open(master, "rb", buffering=0) as screen:
+            terminal.text = "".join(read_to_end(screen))
 
 
 def read_to_end(terminal):
@@ -122,6 +134,16 @@ def test_missing_packages_are_counted(checkout):
     done = vex(checkout, "build")
     assert done.stderr.startswith("vex: installing cmake ccache\nvex: reading the lists of packages\n")
     assert (checkout / "asked").read_text().splitlines()[0] == "-q -y --no-install-recommends install cmake ccache"
+
+
+def test_each_package_is_counted_at_a_terminal_and_nothing_stays(checkout):
+    (checkout / "missing").write_text("cmake\nccache\n", encoding="ascii")
+    with terminal_of_40_columns() as (terminal, stderr):
+        assert vex(checkout, "build", stderr=stderr).returncode == 0
+    said = terminal.text.split("\r\033[K")
+    assert [text for text in said if "packages:" in text] == [
+        f"vex: packages: {count} of 2 {what}" for what in ("downloaded", "unpacked", "set up") for count in (1, 2)]
+    assert said[-1] == ""
 
 
 def test_packages_that_cannot_be_installed_end_it_with_what_apt_said(checkout):
@@ -279,3 +301,20 @@ def test_shell_is_clean():
     scripts = ["vex", *(str(path.relative_to(ROOT)) for path in [*ROOT.glob("cmake/*.sh"), *ROOT.glob("tests/*.sh")])]
     done = subprocess.run(["shellcheck", "-x", *scripts], cwd=ROOT, capture_output=True, text=True, check=False)
     assert done.returncode == 0, done.stdout
+
+
+# The soak's run
+
+def test_a_soak_tells_its_scenario_its_place_and_the_time_left():
+    said = subprocess.run([sys.executable, "-B", "-c", SOAK], cwd=ROOT / "tests" / "soak", stdout=subprocess.PIPE, text=True,
+                          timeout=LIMIT_S, check=True).stdout
+    place, left, ended = re.fullmatch(r"soak: release kills, (1 of 2), about (\d+) min left\n(.*\n)", said).groups()
+    assert (place, ended) == ("1 of 2", "soak: release kills: no violations, 7 s\n") and 1 <= int(left) <= 30
+
+
+SOAK = """
+import time, types, soak
+shown = soak.Shown(types.SimpleNamespace(minutes=soak.FULL_MINUTES), [("kills", "release"), ("crowd", "release")])
+shown.going_on(0, time.monotonic())
+shown.ended(0, {"violations": [], "skipped": [], "seconds": 7})
+"""

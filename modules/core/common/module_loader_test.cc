@@ -112,6 +112,7 @@ TEST(ModuleTest, VirtualOperationsStandInTheirOrder) {
   EXPECT_EQ(vextest::VirtualSlot(&Module::Load), 3u);
   EXPECT_EQ(vextest::VirtualSlot(&Module::Unload), 4u);
   EXPECT_EQ(vextest::VirtualSlot(&Module::Priority), 5u);
+  EXPECT_EQ(vextest::VirtualSlots<Module>(), 6u);
 }
 
 TEST_F(ModuleLoaderTest, LoadsModulesOfEqualPriorityInOrderOfName) {

@@ -70,6 +70,7 @@ TEST(RpcServiceTest, OrderOfTheVirtualOperations) {
   EXPECT_EQ(vextest::VirtualSlot(&RpcService::Service), 2u);  // the destructor has two places
   EXPECT_EQ(vextest::VirtualSlot(&RpcService::ServiceRequestType), 3u);
   EXPECT_EQ(vextest::VirtualSlot(&RpcServiceImpl<common::v1::KeyValue, common::v1::Status>::HandleRequest), 4u);
+  EXPECT_EQ((vextest::VirtualSlots<RpcServiceImpl<common::v1::KeyValue, common::v1::Status>>()), 5u);
 }
 
 TEST(RpcServiceTest, UnpacksTheRequestAndPacksTheReply) {

@@ -3,9 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "apisdk/api_encoder.h"
@@ -14,6 +17,7 @@
 #include "apisdk/rpc_player.h"
 #include "apisdk/rpc_pubsub.h"
 #include "cli/plugin.h"
+#include "common/v1/keyvalue.pb.h"
 #include "common/v1/status.pb.h"
 #include "core/module_loader.h"
 #include "core/rpc_service.h"
@@ -35,6 +39,11 @@ bool AnswerWithCodeSeven(const google::protobuf::Any& request, google::protobuf:
   return true;
 }
 
+class NeverAsked : public core::RpcServiceImpl<common::v1::KeyValue, common::v1::Status> {
+ public:
+  bool HandleRequest(const common::v1::KeyValue&, common::v1::Status&) override { return true; }
+};
+
 // The source files that the records of this program's code name: its own and those of installed headers.
 std::string NamedFiles() {
   std::string names;
@@ -43,8 +52,33 @@ std::string NamedFiles() {
   klbase::Registry<std::function<void()>> registry("thing");
   registry.Register("", nullptr);
   registry.Names();
+  google::protobuf::Any reply;
+  NeverAsked().Service(google::protobuf::Any(), reply);
   KlLogSetObserver(nullptr);
   return names;
+}
+
+int CodeOfTheEncoder(klrpc::APIClient& client) {
+  const apis::RpcEncoder encoder([&client]() -> klrpc::APIClient& { return client; });
+  apis::ApiStatus status;
+  encoder.SetVideoQuality(apis::ApiEncoder::kHigh, status);
+  return status.code;
+}
+
+// Whether what is published comes back to its subscriber, who is known to the server some time after asking.
+bool HearsItself(klrpc::APIClient& client) {
+  std::once_flag once;
+  std::promise<std::string> heard;
+  std::future<std::string> text = heard.get_future();
+  apis::RpcPubSub pubsub([&client]() -> klrpc::APIClient& { return client; });
+  pubsub.Subscriber("consumer", "news", [&](const std::string&, const std::string& payload) {
+    std::call_once(once, [&] { heard.set_value(payload); });
+  });
+  for (int tries = 0; tries < 200; ++tries) {
+    pubsub.Publish("news", "good");
+    if (text.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready) return text.get() == "good";
+  }
+  return false;
 }
 
 }  // namespace
@@ -54,7 +88,7 @@ int main() {
   auto hooks = std::make_unique<klrpc::APIServer::UnaryHookSets>();
   hooks->unary = std::make_unique<klrpc::APIServer::UnaryHook>(AnswerWithCodeSeven);
   const auto server =
-      klrpc::APIServer::Create(std::make_unique<klrpc::APIServerOptions>(1, address, false), std::move(hooks));
+      klrpc::APIServer::Create(std::make_unique<klrpc::APIServerOptions>(1, address, true), std::move(hooks));
 
   using Options = klrpc::APIClientOptions;
   klrpc::APIClient client(std::make_unique<Options>(address, Options::reconnect_default_max_backoff_ms_,
@@ -68,6 +102,7 @@ int main() {
   const bool has_core = std::find(names.begin(), names.end(), "core") != names.end();
   std::cout << "code=" << status.code() << " core=" << has_core
             << " encd=" << apis::ApiSdk::instance_.HasApiModule(apis::ApiSdk::ApiModule::kEncd)
+            << " encoder=" << CodeOfTheEncoder(client) << " pubsub=" << HearsItself(client)
             << " topic=" << apis::RpcPlayer::result_repor_topic_ << " files=" << NamedFiles() << std::endl;
   return 0;
 }

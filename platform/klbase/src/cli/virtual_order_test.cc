@@ -3,12 +3,14 @@
 
 #include "cli/command.h"
 #include "cli/console.h"
+#include "cli/plugin.h"
 #include "platform/testing/virtual_slot.h"
 
 namespace cli {
 namespace {
 
 using vextest::VirtualSlot;
+using vextest::VirtualSlots;
 
 TEST(VirtualOrderTest, OfACommand) {
   EXPECT_EQ(VirtualSlot(&Command::Enable), 2u);
@@ -21,6 +23,11 @@ TEST(VirtualOrderTest, OfACommand) {
 }
 
 TEST(VirtualOrderTest, OfTheConsole) { EXPECT_EQ(VirtualSlot(&Console::Run), 2u); }
+
+TEST(VirtualOrderTest, NothingFollows) {
+  EXPECT_EQ(VirtualSlots<Command>(), 9u);
+  EXPECT_EQ(VirtualSlots<Plugin>(), 2u);
+}
 
 }  // namespace
 }  // namespace cli
