@@ -6,8 +6,7 @@ import shutil
 import pytest
 
 from conftest import SOURCE
-from private_root import wait_until
-from test_service import journal, main_process, state
+from test_service import main_process, state, wait_for_record
 
 pytestmark = [
     pytest.mark.skipif(bool(os.environ["VEX_NO_PRIVATE_ROOT"]), reason=os.environ["VEX_NO_PRIVATE_ROOT"]),
@@ -56,7 +55,7 @@ def play(device, *words):
 def test_the_role_installs_the_packages_and_looks_after_the_service(device):
     changed = play(device)
     assert "Install the packages" in changed
-    wait_until(lambda: "listens on 127.0.0.1:50000" in journal(device, UNIT), "the tool listens")
+    wait_for_record(device, UNIT, "listens on 127.0.0.1:50000")
     assert device.unit(UNIT, "UnitFileState")["UnitFileState"] == "enabled"
     assert device.inside("vexctl", "--field", "git_version", "core", "show", "version") == "v0.0.1\n"
 
@@ -70,7 +69,7 @@ def test_the_role_installs_the_packages_and_looks_after_the_service(device):
     (device.path / "etc/default/vextool").write_text("", encoding="ascii")
     assert play(device, settings + "}") == ["Set the service's variables", "Restart vextool"]
     assert main_process(device, UNIT) != before
-    wait_until(lambda: "listens on 127.0.0.1:50001" in journal(device, UNIT), "it listens where it was told to")
+    wait_for_record(device, UNIT, "listens on 127.0.0.1:50001")
 
     device.inside("systemctl", "disable", "--now", UNIT)
     assert play(device, settings + "}") == ["Start the service"]

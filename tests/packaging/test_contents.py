@@ -130,8 +130,9 @@ def test_installed_programs_find_all_their_libraries(installed):
 
 
 def test_a_program_builds_on_the_installed_sdk(installed):
-    source = os.path.dirname(os.path.dirname(os.path.abspath(__file__))) + "/package/consumer"
-    installed.run("cmake", "-G", "Ninja", "-S", source, "-B", "/root/consumer", "-DCMAKE_BUILD_TYPE=Debug")
+    # A copy: the tree may be on another file system, which the private root has not.
+    shutil.copytree(pathlib.Path(__file__).resolve().parents[1] / "package" / "consumer", installed.path / "root" / "source")
+    installed.run("cmake", "-G", "Ninja", "-S", "/root/source", "-B", "/root/consumer", "-DCMAKE_BUILD_TYPE=Debug")
     installed.run("cmake", "--build", "/root/consumer")
     text = installed.run("env", "KLBASE_LOG_FILE=/root/log", "/root/consumer/consumer")
     assert "code=7 core=1 encd=0" in text

@@ -7,7 +7,7 @@ import shutil
 import pytest
 
 from private_root import wait_until
-from test_service import install, journal, main_process, state
+from test_service import install, main_process, state, wait_for_record
 
 pytestmark = [
     pytest.mark.skipif(bool(os.environ["VEX_NO_PRIVATE_ROOT"]), reason=os.environ["VEX_NO_PRIVATE_ROOT"]),
@@ -37,8 +37,8 @@ def test_the_link_is_off_until_it_is_configured_and_serves_as_a_user_of_its_own(
     root.inside("systemd-run", "--unit=nats", "nats-server", "-a", "127.0.0.1")
     (root.path / "etc/default/vexlink").write_text("VEXLINK_FLAGS=--node box\n", encoding="ascii")
     root.inside("systemctl", "enable", "--now", UNIT)
-    wait_until(lambda: "connected to the tool" in journal(root, UNIT) and "connected to nats://" in journal(root, UNIT),
-               "it is connected to both")
+    wait_for_record(root, UNIT, "connected to the tool")
+    wait_for_record(root, UNIT, "connected to nats://")
     assert root.inside("stat", "--format=%U", f"/proc/{main_process(root, UNIT)}") == "vexlink\n"
     answer = root.inside("python3", "-c", REQUEST, "who")
     assert '"status":"ok"' in answer
@@ -49,7 +49,7 @@ def test_the_link_is_off_until_it_is_configured_and_serves_as_a_user_of_its_own(
     wait_until(lambda: main_process(root, UNIT) not in ("0", before), "the upgrade restarts it")
     root.inside("systemctl", "stop", UNIT)
     assert root.unit(UNIT, "Result", "ExecMainStatus") == {"Result": "success", "ExecMainStatus": "0"}
-    assert "vexlink: ended" in journal(root, UNIT)
+    wait_for_record(root, UNIT, "vexlink: ended")
 
     root.inside("dpkg", "--purge", "vextool-link")
     assert state(root, UNIT) == "inactive"

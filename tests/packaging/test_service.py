@@ -57,6 +57,11 @@ def journal(root, unit):
     return root.inside("journalctl", "--no-pager", "--output=cat", f"--unit={unit}")
 
 
+def wait_for_record(root, unit, text):
+    """The journal gets what a program has printed a little later."""
+    wait_until(lambda: text in journal(root, unit), f"the journal has {text!r}")
+
+
 def install(root, packages):
     root.boot()
     root.install(packages["vextool"], packages["vextool-device"])
@@ -113,7 +118,7 @@ def test_commands_reach_the_encoder_and_the_player(installed):
     opened = ask(installed, "playd OpenMediaOfUplayer 0 1 1 1 0 0 0 /srv/clip.mp4 0 0 1280 720 0")
     assert "result     :1\n" in opened
     # The player's events go to the tool's standard output.
-    wait_until(lambda: "/srv/clip.mp4" in journal(installed, "vextool.service"), "the event of the opened clip")
+    wait_for_record(installed, "vextool.service", "/srv/clip.mp4")
 
 
 def test_a_command_that_runs_the_settings_tool_works(installed):
@@ -190,7 +195,7 @@ def test_a_start_that_fails_is_tried_again_until_it_works(installed):
     wait_until(lambda: ":C350 " in installed.inside("cat", "/proc/net/tcp"), "the port is held")
     installed.inside("systemctl", "start", "--no-block", "vextool.service")
     wait_until(lambda: int(installed.unit("vextool.service", "NRestarts")["NRestarts"]) >= 2, "two more starts")
-    assert "Exception caugth in main: " in journal(installed, "vextool.service")
+    wait_for_record(installed, "vextool.service", "Exception caugth in main: ")
     installed.inside("systemctl", "stop", "holder.service")
     wait_until(lambda: state(installed, "vextool.service") == "active", "a start that works")
     assert "git-version:" in ask(installed, "core show version")
@@ -200,7 +205,7 @@ def test_a_log_elsewhere_is_refused_by_the_read_only_file_system_and_the_console
     (installed.path / "etc/default/vextool").write_text("KLBASE_LOG_FILE=/srv/vextool.log\n", encoding="ascii")
     installed.inside("systemctl", "restart", "vextool.service")
     assert "git-version:" in ask(installed, "core show version")
-    assert "'/srv/vextool.log': Read-only file system" in journal(installed, "vextool.service")
+    wait_for_record(installed, "vextool.service", "'/srv/vextool.log': Read-only file system")
     assert not (installed.path / "srv/vextool.log").exists()
 
 
@@ -277,7 +282,7 @@ def test_the_console_needs_what_its_unit_says_and_lives_within_its_limits(instal
         wait_until(lambda: needs(installed, unit)[1] <= at_rest[1] + 2, "the session's end")
         check(needs(installed, unit), at_rest, installed, unit)
         installed.inside("systemd-run", "--unit=still", "python3", "-c", STILL)
-        wait_until(lambda: "all are full" in journal(installed, "still.service"), "nobody can send more")
+        wait_for_record(installed, "still.service", "all are full")
         found = needs(installed, unit)
         assert "git-version:" in ask(installed, "core show version")
         installed.inside("systemctl", "stop", "still.service")
@@ -321,7 +326,7 @@ def test_a_password_file_opens_another_address(installed):
     (installed.path / "etc/default/vextool").write_text(
         "KLBASE_CONSOLE_ADDRESS=0.0.0.0\nKLBASE_CONSOLE_PASSWORD_FILE=/etc/vextool.password\n", encoding="ascii")
     installed.inside("systemctl", "restart", "vextool.service")
-    assert "console listens on 0.0.0.0:50000" in journal(installed, "vextool.service")
+    wait_for_record(installed, "vextool.service", "console listens on 0.0.0.0:50000")
     assert "git-version:" not in ask(installed, "wrong", "core show version")
     assert "git-version:" in ask(installed, "secret", "core show version")
 
