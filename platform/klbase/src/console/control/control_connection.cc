@@ -62,9 +62,16 @@ void ControlConnection::FlushOutput() {
 
 void ControlConnection::PostFlush() {
   if (flush_posted_.exchange(true)) return;
-  Post([this] {
+  Post([this] { FlushBurst(); });
+}
+
+// What follows within a millisecond goes out with it: a fast daemon's events would wake this thread one by one.
+void ControlConnection::FlushBurst() {
+  constexpr std::chrono::milliseconds kBurst(1);
+  Output()->FlushUnlessBlocked();
+  After(kBurst, [this] {
     flush_posted_ = false;
-    Output()->FlushUnlessBlocked();
+    if (Output()->Pending() > 0) PostFlush();
   });
 }
 

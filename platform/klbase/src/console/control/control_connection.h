@@ -64,6 +64,7 @@ class ControlConnection : public StreamConnection, private AttachedInput::Receiv
  private:
   void TakeLine(std::string_view line, bool whole);
   void Attach(const Request& request);
+  void FlushBurst();
 
   // --- StreamConnection
   bool Edited() const override { return attached_ != nullptr; }
@@ -86,7 +87,7 @@ class ControlConnection : public StreamConnection, private AttachedInput::Receiv
   std::shared_ptr<ConsoleSession> attached_;
   AttachedInput attached_input_;
   asio::steady_timer deadline_;
-  std::atomic<bool> flush_posted_{false};  // any thread's
+  std::atomic<bool> flush_posted_{false};  // any thread's: a flush will come
 };
 
 }  // namespace cli::internal

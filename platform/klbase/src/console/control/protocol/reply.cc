@@ -69,11 +69,14 @@ std::string StatusReply(const std::string& id, Status status, std::string_view r
   return Line(id, reply);
 }
 
+// Put together as text: of what a fast daemon costs those who watch its events this is a good part.
 std::string EventLine(const Event& event) {
-  const Json head = {{"seq", event.number}, {"time", UtcTime(event.time)}, {"topic", event.topic}};
-  std::string line = "{\"event\":" + Text(head);
-  line.pop_back();
-  return line + ",\"message\":" + MessageText(event.Message()) + ",\"text\":" + Text(event.text) + "}}\n";
+  std::string line = "{\"event\":{\"seq\":" + std::to_string(event.number);
+  line.append(",\"time\":\"").append(UtcTime(event.time));
+  line.append("\",\"topic\":").append(Text(event.topic));
+  line.append(",\"message\":").append(MessageText(event.Message()));
+  line.append(",\"text\":").append(Text(event.text));
+  return line.append("}}\n");
 }
 
 std::string MissedLine(std::uint64_t events) { return Line("", {{"missed", events}}); }
