@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Runs the benchmarks beside their baselines and prints one table. `./vex bench [NAME...]`; names: call console start load
-events delay crowd service
+events delay interrupt crowd service
 vexctl control rpc monitor fleet metrics link."""
 
 import argparse
@@ -13,6 +13,7 @@ import re
 import resource
 import select
 import shutil
+import signal
 import socket
 import statistics
 import subprocess
@@ -115,9 +116,9 @@ def controlled(bin_folder, folder, **more):
 @contextlib.contextmanager
 def player(bin_folder, folder):
     environment = dict(os.environ, KLBASE_LOG_FILE=str(folder / "playd.log"))
-    with child([bin_folder / "playd", "--headless"], env=environment):
+    with child([bin_folder / "playd", "--headless"], env=environment) as process:
         wait_for(lambda: "@playd@default" in pathlib.Path("/proc/net/unix").read_text(), "playd")
-        yield
+        yield process
 
 
 @contextlib.contextmanager
@@ -392,6 +393,46 @@ def bench_delay(table, bin_folder, folder):
     figure = measure("restart", 60)()
     table.add("events back after a restart", f"{figure['p50_us'] / 1000:.1f} / {figure['p99_us'] / 1000:.1f}", "ms p50/p99",
               "", "p99 <= 150")
+
+
+def read_until(operator, text):
+    received = b""
+    while not received.endswith(text):
+        part = operator.recv(4096)
+        assert part, "the operator was cut off"
+        received += part
+
+
+def bench_interrupt(table, bin_folder, folder):
+    """From Ctrl-C to the next prompt, with a call under way to a player that hangs."""
+    count, under_way_s, prompt = 50, 0.02, b"main> "
+    agreed = b"\xff\xfd\x01\xff\xfd\x03"  # DO ECHO, DO SUPPRESS GO AHEAD
+
+    def to_prompt(operator, key):
+        start = time.perf_counter()
+        operator.sendall(key)
+        read_until(operator, prompt)
+        return (time.perf_counter() - start) * 1000
+
+    with console(bin_folder, folder) as (_, port), player(bin_folder, folder) as process:
+        operator = socket.create_connection(("127.0.0.1", port), START_LIMIT_S)
+        operator.sendall(agreed)
+        read_until(operator, prompt)
+        process.send_signal(signal.SIGSTOP)
+        interrupts, enters = [], []
+        for _ in range(count):
+            operator.sendall(b"playd GetSeekOfUplayer 0\r\n")
+            time.sleep(under_way_s)
+            operator.recv(1 << 16)  # its echo, with prompts
+            interrupts.append(to_prompt(operator, b"\x03"))
+            enters.append(to_prompt(operator, b"\r\n"))
+        operator.close()
+        process.send_signal(signal.SIGCONT)
+    p99 = count * 99 // 100
+    table.add("Ctrl-C to the prompt, player hung", f"{statistics.median(interrupts):.2f} / {sorted(interrupts)[p99]:.2f}",
+              "ms p50/p99", "", "p99 <= 100")
+    table.add("Enter to the prompt", f"{statistics.median(enters):.2f} / {sorted(enters)[p99]:.2f}", "ms p50/p99",
+              f"{statistics.median(interrupts) / statistics.median(enters):.1f} x it")
 
 
 @contextlib.contextmanager
@@ -734,7 +775,8 @@ def bench_link(table, bin_folder, folder):
 
 
 BENCHES = {"call": bench_call, "console": bench_console, "start": bench_start, "load": bench_load,
-           "events": bench_events, "delay": bench_delay, "crowd": bench_crowd, "service": bench_service, "vexctl": bench_vexctl,
+           "events": bench_events, "delay": bench_delay, "interrupt": bench_interrupt, "crowd": bench_crowd,
+           "service": bench_service, "vexctl": bench_vexctl,
            "control": bench_control, "rpc": bench_rpc, "monitor": bench_monitor, "fleet": bench_fleet, "metrics": bench_metrics,
            "link": bench_link}
 
