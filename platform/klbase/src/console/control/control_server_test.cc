@@ -408,6 +408,17 @@ TEST_F(ControlServerTest, EventsComeBehindTheReplyToMonitor) {
   EXPECT_GT(event["seq"], 0);
 }
 
+// Such a one waits a moment for others, and none comes.
+TEST_F(ControlServerTest, AnEventRightBehindAnotherNeedsNoThirdOne) {
+  Open();
+  ControlClient client = Connect();
+  client.AskAndReply({{"monitor", Json::array()}});
+  for (int i = 0; i < 20; ++i) {
+    PostEvent("a", "one\n", Json({{"n", i}}).dump());
+    ASSERT_EQ(client.Reply()["event"]["message"]["n"], i);
+  }
+}
+
 TEST_F(ControlServerTest, WatchingEnds) {
   Open();
   ControlClient client = Connect();
