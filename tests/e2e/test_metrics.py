@@ -5,6 +5,7 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import urllib.request
 
@@ -127,6 +128,57 @@ def test_events_and_subscriptions_are_counted(serve, vexctl, start_events):  # n
     assert shown[reports] == 2
     daemon.kill()
     wait_until(lambda: figures(vexctl("metrics").stdout)[up] == 0, "the end of the subscription")
+
+
+class Monitor:
+    """A program that is shown all events, and reads them when it is told to."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(LIMIT_S)
+        self.socket.connect(path)
+        self.lines = self.socket.makefile("rb")
+        self.lines.readline()
+        self.socket.sendall(b'{"monitor":[]}\n')
+        self.shown, self.missed = [], 0
+        assert json.loads(self.lines.readline()) == {"status": "ok"}
+
+    def read_until(self, enough):
+        while not enough():
+            line = json.loads(self.lines.readline())
+            self.missed += line.get("missed", 0)
+            if "event" in line:
+                self.shown.append(line["event"]["seq"])
+                self.newest = line["event"]["message"]["unique_id"]
+
+    def close(self):
+        self.lines.close()
+        self.socket.close()
+
+
+def test_events_that_a_slow_reader_misses_are_counted_as_it_is_told(serve, vexctl, path, start_events, started):  # noqa: F811
+    daemon = start_events()
+    serve()
+    monitor = Monitor(path)
+    started.append(monitor)
+
+    def publish(line):
+        daemon.process.stdin.write(line)
+        daemon.process.stdin.flush()
+
+    def counted(name):
+        return figures(vexctl("metrics").stdout).get(name, 0)
+    lost = [f'vextool_rpc_events_lost_total{{reason="{reason}"}}' for reason in ("slots", "server")]
+    dropped, events = 'vextool_session_events_dropped_total{kind="control"}', 'vextool_events_total{topic="layer/result_repor"}'
+    wait_until(lambda: publish(b"report first a.mp4 1\n") or counted(events), "the tool's events come")
+    publish(b"burst 8000 1000\n")
+    wait_until(lambda: counted(dropped), "some are dropped")
+    wait_until(lambda: counted(events) + sum(map(counted, lost)) > 8000, "all have come")
+    monitor.read_until(lambda: len(monitor.shown) >= 2000)  # so that there is room for one more
+    publish(b"report last a.mp4 1\n")
+    monitor.read_until(lambda: monitor.newest == "last")
+    assert len(monitor.shown) + monitor.missed == monitor.shown[-1] - monitor.shown[0] + 1
+    assert counted(dropped) == monitor.missed > 0
 
 
 def names_in(expression):

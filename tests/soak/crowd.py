@@ -6,6 +6,7 @@ import subprocess
 import sys
 import time
 
+from figures import Figures
 from harness import NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, free_sockets, milliseconds, \
     percentile, until, PLAYER_COMMANDS
 
@@ -176,6 +177,9 @@ async def run(soak):
                     " / ".join(f"{each_kib} KiB" for each_kib in memory))
         soak.require(memory[2] - memory[1] <= MEMORY_BOUND_KIB, f"the second crowd left memory behind: {memory} KiB")
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    figures.hold_calls(replies)
+    figures.report()
 
 
 def report(soak, each, baseline, quiet, busy, did, most):

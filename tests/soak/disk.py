@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 
+from figures import Figures
 from harness import LIBC, Operator, Tool, end_in_order, until
 
 TITLE = "full disk under the log"
@@ -48,7 +49,7 @@ async def run(soak):
     tool = Tool(soak, environment={"KLBASE_LOG_FILE": disk / "tool.log"})
     port = await tool.port()
     operator = await Operator(port, limit_s=soak.limit_s).open()
-    failed = 0
+    failed, others = 0, []
     for _ in range(soak.count(ROUNDS, 2)):
         await fail(operator, FAILURES)
         notices = tool.errors().count("writing the log failed")
@@ -58,6 +59,7 @@ async def run(soak):
         said = tool.errors().count("writing the log failed") - notices
         soak.require(said == 1, f"the full disk was said {said} times")
         other = await Operator(port, limit_s=soak.limit_s).open()  # a new session on a full disk
+        others.append(other)
         other.close()
         (disk / "filler").unlink()
         failed += 2 * FAILURES
@@ -66,6 +68,19 @@ async def run(soak):
     await asyncio.sleep(1.0)
     compare(soak, tool, failed)
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    hold_lost_records(soak, tool, figures)
+    figures.hold_operators_lines([operator, *others])
+    figures.report()
+
+
+def hold_lost_records(soak, tool, figures):
+    """A record that is not in the log is counted as lost: those of level 40 and above are on standard error then, and of each line
+    that was run there is one below. Sessions have some, too, and one that was written in part may count."""
+    lines = sum(figures.with_label("vextool_commands_total", "status").values()) - len(re.findall(r" session=\d+ kind=", tool.log()))
+    on_stderr = sum(RECORD.fullmatch(line) is not None for line in tool.errors().splitlines())
+    lost = figures.of("vextool_log_records_lost_total")
+    soak.require(lost >= on_stderr + lines > 0, f"{lost} records are counted as lost, and {on_stderr + lines} are known to be")
 
 
 async def resumed(soak, tool, operator):

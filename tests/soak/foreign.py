@@ -7,6 +7,7 @@ import re
 import subprocess
 import time
 
+from figures import Figures
 from harness import SYSTEM_PYTHON, Events, NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, \
     milliseconds, percentile, until
 
@@ -75,7 +76,7 @@ async def run(soak):
     try:
         for number in range(soak.count(ROUNDS, len(SIZES_MIB))):
             size = SIZES_MIB[number % len(SIZES_MIB)] << 20
-            for sending in (requests(soak, size), replies_to_the_tool(soak, player, victim, size),
+            for sending in (requests(soak, size), replies_to_the_tool(soak, player, victim, replies, size),
                             large_events(soak, player, events, event, size)):
                 for peak in peaks.values():
                     peak.begin()
@@ -100,6 +101,11 @@ async def run(soak):
     soak.number("an operator's commands meanwhile, p50 / p99",
                 f"{milliseconds(percentile(latencies, 0.5))} / {milliseconds(percentile(latencies, 0.99))}")
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    figures.require("requests that were served", figures.with_label("vextool_rpc_requests_served_total", "code"), {"OK": served})
+    figures.hold_calls(replies)
+    figures.hold_events(events)
+    figures.report()
 
 
 async def undisturbed(soak, stop, operator, replies, latencies):
@@ -126,11 +132,12 @@ async def good_requests(soak, count):
     soak.require(codes == {"OK": count}, f"a small request of a foreign client ended with {codes}")
 
 
-async def replies_to_the_tool(soak, player, victim, size):
+async def replies_to_the_tool(soak, player, victim, replies, size):
     said = player.output().count("reply set")
     player.order("reply", size)
     await until(lambda: player.output().count("reply set") > said, soak.limit_s, "the foreign player has its reply")
     lines = await victim.ask("playd CreateUplayer 7")
+    replies.calls["CreateUplayer", False] += 1
     soak.require(lines[1:3] == ["id         :7", "result     :0"], f"a reply of {size} bytes printed {lines}")
 
 

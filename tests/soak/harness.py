@@ -1,6 +1,7 @@
 """Shared by the scenarios: programs under test, operators at the console, events as printed, and the result."""
 
 import asyncio
+import collections
 import contextlib
 import ctypes
 import json
@@ -137,6 +138,8 @@ class Tool(Program):
     def __init__(self, soak, *flags, name="vextool", environment=None, **options):
         full = {"KLBASE_CONSOLE_MAX_SESSIONS": 2000, **(environment or {})}
         self.limit_s = soak.limit_s
+        self.metrics_file = soak.folder / f"{name}.prom"
+        full.setdefault("KLBASE_METRICS_FILE", self.metrics_file)
         super().__init__(soak, name, [soak.bin / "vextool", "--cli_port=0", *flags], full, **options)
         self.log_file = pathlib.Path(full.get("KLBASE_LOG_FILE", soak.folder / f"{name}.log"))
 
@@ -199,6 +202,8 @@ class Operator:
     """A client of the console that checks that each command's output is exactly its own."""
 
     count = 0
+    opened = 0  # connections to the console, of all operators
+    unsure = 0  # of them, closed again with a line sent that may have been run
 
     def __init__(self, port, telnet=False, limit_s=30):
         self.port, self.telnet, self.limit_s = port, telnet, limit_s
@@ -211,6 +216,7 @@ class Operator:
         while True:
             async with asyncio.timeout(self.limit_s):
                 self.reader, self.writer = await asyncio.open_connection(host, self.port)
+            Operator.opened += 1
             if self.telnet:
                 self.writer.write(b"\xff\xf1")  # a telnet command that asks for nothing
                 await self.ask("core show version")
@@ -220,6 +226,7 @@ class Operator:
             if (await self.line()).startswith("\tbuild-date"):
                 await self.line()
                 return self
+            Operator.unsure += 1
             self.close()
 
     async def line(self):
@@ -318,20 +325,21 @@ class Replies:
     def __init__(self, soak):
         self.soak = soak
         self.shown = {}  # number -> token
+        self.calls = collections.Counter()  # by command and whether it showed a reply
         self.lost = {"e": 0, "p": 0}
         self.lost_tokens = set()
 
     async def encoder(self, operator):
         lines = await operator.ask("encd SetQulity high", ENCODER_LINES)
-        return self._count(operator, "e", "-", lambda: check_encoder(lines))
+        return self._count(operator, "e", "SetQulity", "-", lambda: check_encoder(lines))
 
     async def player(self, operator, command="CreateUplayer"):
         token = f"t{operator.id}.{operator.asked}"
         lines = await operator.ask(f"playd {command} {PLAYER_COMMANDS[command].format(token)}",
                                    INFO_LINES if command == "GetMediaInfoOfUplayer" else PLAYER_LINES)
-        return self._count(operator, "p", token, lambda: check_player(command, token, lines))
+        return self._count(operator, "p", command, token, lambda: check_player(command, token, lines))
 
-    def _count(self, operator, kind, token, check):
+    def _count(self, operator, kind, command, token, check):
         """True for a reply, False for a reported failure."""
         try:
             number = check()
@@ -339,6 +347,7 @@ class Replies:
         except Wrong as wrong:
             self.soak.violation(str(wrong))
             return False
+        self.calls[command, number is not None] += 1
         if number is None:
             self.lost[kind] += 1
             self.lost_tokens.add(token)

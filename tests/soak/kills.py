@@ -6,6 +6,7 @@ import re
 import signal
 import time
 
+from figures import Figures
 from harness import Daemon, Events, NumberedDaemon, Operator, Replies, Tool, end_in_order, milliseconds, percentile, \
     PLAYER_COMMANDS
 
@@ -109,6 +110,12 @@ async def scripted(soak):
     soak.number("events back after the daemon listened, p50 / max",
                 f"{milliseconds(percentile(player.events_back, 0.5))} / {milliseconds(max(player.events_back, default=None))}")
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    figures.hold_calls(replies)
+    figures.hold_events(events)
+    figures.hold_sessions(Operator.opened)
+    figures.hold_operators_lines([*probes, *operators])
+    figures.report()
 
 
 def both(values):

@@ -5,6 +5,7 @@ import ctypes
 import pathlib
 import time
 
+from figures import Figures
 from harness import Tool, end_in_order, free_sockets, milliseconds, percentile, until
 
 TITLE = "storms of wrong logins"
@@ -107,6 +108,10 @@ async def run(soak):
     except TimeoutError as late:
         soak.violation(f"{late}: {before} before, {tool.threads()} after")
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    # What stands behind a wrong password is not run.
+    figures.hold_lines(ok=sum(each is not None for each in alone + logins))
+    figures.report()
 
 
 def judge(soak, storm, logins, before, most):

@@ -3,10 +3,10 @@
 import asyncio
 import collections
 import json
-import pathlib
 import re
 import tempfile
 
+from figures import Figures
 from harness import Events, Operator, Replies, Tool, end_in_order
 from kills import Lane
 
@@ -50,7 +50,7 @@ class Scripts:
             return self.soak.violation(f"{name}: {len(lines)} lines have {len(verdicts)} verdicts: {err.decode()[:300]!r}")
         for (line, kind, token), verdict in zip(lines, verdicts):
             self.lines[verdict["status"], line] += 1
-            self.count(kind, token, verdict)
+            self.count(kind, line.split()[1], token, verdict)
         first = next((verdict["status"] for verdict in verdicts if verdict["status"] != "ok"), "ok")
         self.soak.require(process.returncode == EXIT_OF[first], f"{name} ended with {process.returncode}, its first failure is {first}")
 
@@ -63,7 +63,7 @@ class Scripts:
             return "wait layer/result_repor within 0.2", "wait", token
         return "playd " + self.soak.random.choice(COMMANDS).format(token), "p", token
 
-    def count(self, kind, token, verdict):
+    def count(self, kind, command, token, verdict):
         status, fields = verdict["status"], verdict["fields"]
         self.verdicts[status] += 1
         if kind == "wait":
@@ -72,9 +72,11 @@ class Scripts:
             elif status != "timeout":
                 self.soak.violation(f"{token}: a wait ended as {verdict!r}")
         elif status in LOST:
+            self.replies.calls[command, False] += 1
             self.replies.lost[kind] += 1
             self.replies.lost_tokens.add(token)
         elif status == "ok":
+            self.replies.calls[command, True] += 1
             self.shown(token, fields["result"] if kind == "e" else self.number_of(token, fields))
         else:
             self.soak.violation(f"{token}: {verdict!r}")
@@ -101,20 +103,18 @@ class Scripts:
         self.soak.require(recorded == self.lines, f"lines without a record: {missing}; records without a line: {extra}")
         return sum(recorded.values())
 
-    def check_metrics(self, log, metrics):
-        """The figures that the tool has left are those of its records, of all sessions."""
-        counted = {status: int(count) for status, count in re.findall(r'^vextool_commands_total\{status="(\w+)"\} (\d+)$', metrics, re.M)}
-        recorded = collections.Counter(re.findall(r" session=\d+ kind=\w+ user=\S+ status=(\w+) ", log))
-        self.soak.require(counted == {status: recorded[status] for status in counted} and sum(counted.values()) >= sum(self.verdicts.values()),
-                          f"the metrics count {counted}, the log has {dict(recorded)}")
-        return sum(counted.values())
+    def check_metrics(self, figures, log, probes):
+        """The figures that the tool has left are those of its records and of all clients."""
+        figures.hold_lines(**collections.Counter(re.findall(r" session=\d+ kind=\w+ user=\S+ status=(\w+) ", log)))
+        figures.hold_operators_lines(probes, sum(self.verdicts.values()))
+        figures.hold_calls(self.replies)
+        figures.hold_sessions(Operator.opened, control=self.runs)
 
 
 async def run(soak):
     with tempfile.TemporaryDirectory(prefix="vex-") as folder:  # a socket's path has to be short
         path = f"{folder}/console.sock"
-        metrics = pathlib.Path(folder) / "vextool.prom"
-        tool = Tool(soak, environment={"KLBASE_CONSOLE_SOCKET": path, "KLBASE_METRICS_FILE": metrics})
+        tool = Tool(soak, environment={"KLBASE_CONSOLE_SOCKET": path})
         events, replies = Events(soak, tool), Replies(soak)
         port = await tool.port()
         scripts = Scripts(soak, replies, path)
@@ -140,4 +140,7 @@ async def run(soak):
         soak.number("replies sent / shown / lost with the daemon and reported", f"{sent} / {len(replies.shown)} / {unshown}")
         await end_in_order(soak, tool)
         soak.number("records of the scripts' lines in the log", scripts.check_records(tool.log()))
-        soak.number("lines of all sessions in the metrics", scripts.check_metrics(tool.log(), metrics.read_text(encoding="utf-8")))
+        figures = Figures(soak, tool)
+        scripts.check_metrics(figures, tool.log(), probes)
+        figures.hold_events(events)
+        figures.report()

@@ -5,6 +5,7 @@ import json
 import os
 import subprocess
 
+from figures import Figures
 from harness import SYSTEM_PYTHON, NumberedDaemon, Operator, Program, Replies, Tool, end_in_order, milliseconds, \
     percentile
 
@@ -59,6 +60,11 @@ async def run(soak):
     soak.number("an operator's commands meanwhile, p50 / max",
                 f"{milliseconds(percentile(latencies, 0.5))} / {milliseconds(percentile(latencies, 1.0))}")
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    figures.hold_calls(replies)
+    figures.hold_sessions(Operator.opened)
+    figures.hold_operators_lines([operator])
+    figures.report()
 
 
 def judge(soak, tool, stranger, log_bytes):

@@ -4,6 +4,7 @@ import asyncio
 import os
 import time
 
+from figures import Figures
 from harness import Events, NumberedDaemon, Operator, Replies, Tool, end_in_order, milliseconds, percentile, until
 
 TITLE = "standard output unread"
@@ -64,6 +65,12 @@ async def run(soak):
     replies.balance([daemon])
     output.read()
     await end_in_order(soak, tool)
+    figures = Figures(soak, tool)
+    figures.hold_calls(replies)
+    figures.hold_events(events)
+    figures.hold_sessions(Operator.opened)
+    figures.hold_operators_lines([operator])
+    figures.report()
 
 
 async def one_round(soak, tool, output, events, replies, operator, daemon, hold_s):
