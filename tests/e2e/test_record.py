@@ -1,5 +1,6 @@
 """The record that each line leaves in the log: who ran it, by which way, and how it ended."""
 
+import crypt
 import os
 import pwd
 import re
@@ -7,7 +8,7 @@ import subprocess
 
 import pytest
 
-from conftest import BIN, LIMIT_S, wait_until
+from conftest import BIN, LIMIT_S, NETWORK, Child, wait_until
 from test_vexctl import ENCD, is_asked, vexctl  # noqa: F401  fixture
 
 OWN = pwd.getpwuid(os.geteuid()).pw_name
@@ -90,6 +91,54 @@ def test_another_users_lines_name_that_user(serve, path, connect):  # noqa: F811
     subprocess.run(["/usr/bin/python3", "-c", script, str(tool.port()), path], check=True, timeout=LIMIT_S, user=STRANGER)
     assert sorted(recorded(tool, 2)) == [("control", STRANGER, "ok", "0", "core show version"),
                                          ("program", STRANGER, "ok", "0", "core show version")]
+
+
+# Its end of a cable is put in by name, and a line on standard input says that it is there.
+ELSEWHERE = """
+import socket, subprocess, sys
+sys.stdin.readline()
+for words in ("link set lo up", "link set near up", "address add 10.78.0.2/24 dev near"):
+    subprocess.run(["ip", *words.split()], check=True)
+with socket.create_connection(("10.78.0.1", int(sys.argv[1])), 20) as console:
+    console.sendall(b"open sesame\\ncore show version\\nnonsense\\n")
+    console.shutdown(socket.SHUT_WR)
+    while console.recv(4096):
+        pass
+"""
+
+
+def ip(*words):
+    subprocess.run(["ip", *map(str, words)], check=True, capture_output=True, timeout=LIMIT_S)
+
+
+@pytest.fixture
+def elsewhere(tmp_path, started):
+    """Starts a client in a network of its own, which is 10.78.0.2 for this one."""
+    def start(port):
+        child = Child(tmp_path, "elsewhere", ["unshare", "--net", "/usr/bin/python3", "-c", ELSEWHERE, port], stdin=subprocess.PIPE)
+        started.append(child)
+        space = f"/proc/{child.process.pid}/ns/net"
+        wait_until(lambda: os.readlink(space) != os.readlink("/proc/self/ns/net"), "a network of its own")
+        ip("link", "add", "far", "type", "veth", "peer", "name", "near", "netns", child.process.pid)
+        ip("address", "add", "10.78.0.1/24", "dev", "far")
+        ip("link", "set", "far", "up")
+        child.process.stdin.write(b"\n")
+        child.process.stdin.close()
+        return child
+    return start
+
+
+@pytest.mark.skipif(os.geteuid() != 0 or NETWORK is not None, reason="network cards in a network of one's own need root")
+def test_another_machines_lines_name_its_address_and_not_the_password(start_tool, elsewhere, tmp_path):
+    password = tmp_path / "password"
+    password.write_text(crypt.crypt("open sesame", crypt.METHOD_SHA512) + "\n", encoding="ascii")
+    password.chmod(0o600)
+    tool = start_tool(environment={"KLBASE_CONSOLE_ADDRESS": "0.0.0.0", "KLBASE_CONSOLE_PASSWORD_FILE": str(password)})
+    listens = wait_until(lambda: re.search(r"console listens on 0\.0\.0\.0:(\d+)", tool.errors()), "the console listens")
+    assert elsewhere(listens.group(1)).wait() == 0
+    assert recorded(tool, 2) == [("program", "10.78.0.2", "ok", "0", "core show version"),
+                                 ("program", "10.78.0.2", "usage", "0", "nonsense")]
+    assert "sesame" not in tool.log()
 
 
 def test_a_line_can_not_forge_a_record(tool, connect):
