@@ -23,12 +23,11 @@ SHOWN_ONLY = [
 NOT_RUN = [
     (r"ctest --test-dir build ", "runs the tests, of which this is one"),
     (r"(sudo )?(apt|apt-get|dpkg) ", "changes the system"),
-    (r"(sudo )?(systemctl|journalctl) ", "needs a system that systemd has started"),
+    (r"(sudo )?(systemctl|journalctl) ", "needs a system that systemd has started; tests/packaging/test_page.py has one for docs/fleet.md"),
     (r"cmake --install build --prefix /", "changes the system; package.* installs elsewhere"),
     (r"/usr/bin/python3 docs/python/daemon.py", "takes the player's place; test_wire.py runs it beside the tool"),
-    (r"ansible-playbook ", "needs devices; tests/fleet/test_ansible.py has some"),
-    (r"sudo useradd ", "changes the system; tests/fleet/test_page.py does it with accounts of its own"),
-    (r"sudo (install|groupadd|ln) ", "changes the system"),
+    (r"ansible-playbook ", "needs a device; tests/packaging/test_page.py has one"),
+    (r"sudo (install|groupadd|useradd|ln) ", "changes the system; tests/packaging/test_page.py has one of its own"),
     (r"\(umask 077; openssl passwd -6 ", "asks for a password at the terminal"),
 ]
 
