@@ -1,8 +1,10 @@
 // A bare NATS client, beside which vexlink is measured:
 //   bench_nats subscribe URL SUBJECT                prints each payload as a line, until it is killed
 //   bench_nats publish URL SUBJECT COUNT PAYLOAD    the same message so often, then ends when the server has them
+//   bench_nats answer URL SUBJECT PAYLOAD           answers each request with it, until it is killed
 //   bench_nats request URL SUBJECT PAYLOAD COUNT    round trips
 #include <nats/nats.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -47,6 +49,18 @@ int Publish(natsConnection* connection, const char* subject, long count, const c
   return status == NATS_OK ? 0 : Fail(status);
 }
 
+void Reply(natsConnection* connection, natsSubscription*, natsMsg* request, void* payload) {
+  natsConnection_PublishString(connection, natsMsg_GetReply(request), static_cast<const char*>(payload));
+  natsMsg_Destroy(request);
+}
+
+int Answer(natsConnection* connection, const char* subject, char* payload) {
+  natsSubscription* subscription = nullptr;
+  const natsStatus status = natsConnection_Subscribe(&subscription, connection, subject, &Reply, payload);
+  if (status != NATS_OK) return Fail(status);
+  for (;;) pause();
+}
+
 bool Request(natsConnection* connection, const char* subject, const char* payload) {
   natsMsg* answer = nullptr;
   if (natsConnection_RequestString(&answer, connection, subject, payload, kAnswerMs) != NATS_OK) return false;
@@ -60,10 +74,16 @@ bool Request(natsConnection* connection, const char* subject, const char* payloa
 
 int main(int argc, char** argv) {
   const std::string_view mode = argc > 3 ? argv[1] : "";
+  natsOptions* options = nullptr;
   natsConnection* connection = nullptr;
-  const natsStatus status = argc > 3 ? natsConnection_ConnectTo(&connection, argv[2]) : NATS_INVALID_ARG;
+  natsStatus status = argc > 3 ? natsOptions_Create(&options) : NATS_INVALID_ARG;
+  if (status == NATS_OK) status = natsOptions_SetURL(options, argv[2]);
+  // Else an answer waits for a thread of libnats's to send it. A publisher of many messages is faster with that thread.
+  if (status == NATS_OK) status = natsOptions_SetSendAsap(options, mode == "answer");
+  if (status == NATS_OK) status = natsConnection_Connect(&connection, options);
   if (status != NATS_OK) return Fail(status);
   if (mode == "subscribe" && argc == 4) return Subscribe(connection, argv[3]);
+  if (mode == "answer" && argc == 5) return Answer(connection, argv[3], argv[4]);
   if (mode == "publish" && argc == 6) return Publish(connection, argv[3], std::atol(argv[4]), argv[5]);
   if (mode == "request" && argc == 6) {
     return bench::MeasureAndPrint(static_cast<std::size_t>(std::atol(argv[5])),
