@@ -23,6 +23,13 @@ class EventHistory {
   bool IsUsed(const Event& event) const { return used_.count(event.number) > 0; }
   void Use(const Event& event) { used_.insert(event.number); }
 
+  // Forgets what was before.
+  void Reset() {
+    from_ = feed_.Next();
+    used_.clear();
+    last_ = {};
+  }
+
   // A line begins. If its command turns out to be a wait or an expectation, it calls KeepLookingBack().
   void LineBegins() {
     before_ = std::exchange(from_, feed_.Next());

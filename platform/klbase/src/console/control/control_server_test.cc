@@ -391,6 +391,22 @@ TEST_F(ControlServerTest, CompletionsAreThoseOfTheSessionsMenu) {
   EXPECT_EQ(client.AskAndReply({{"complete", "op"}})["candidates"], Json({"open"}));
 }
 
+TEST_F(ControlServerTest, AfterAResetASessionIsAsNew) {
+  Open();
+  ControlClient client = Connect();
+  client.AskAndReply({{"run", "core"}});
+  client.AskAndReply({{"monitor", Json::array()}});
+  PostEvent("layer/a", "one\n", "{}");
+  EXPECT_EQ(client.Reply()["event"]["topic"], "layer/a");
+  EXPECT_EQ(client.AskAndReply({{"id", 1}, {"reset", true}}), Json({{"id", 1}, {"status", "ok"}}));
+  PostEvent("layer/b", "two\n", "{}");
+  EXPECT_EQ(client.AskAndReply({{"complete", "op"}})["candidates"], Json::array());
+  EXPECT_EQ(client.AskAndReply({{"run", "wait layer/a within 0.01"}})["status"], "timeout");
+  EXPECT_EQ(client.AskAndReply({{"run", "expect status=ok"}})["status"], "refused");
+  EXPECT_EQ(client.AskAndReply({{"run", "history"}})["output"],
+            "    1  wait layer/a within 0.01\n    2  expect status=ok\n    3  history\n");
+}
+
 // --- events
 
 TEST_F(ControlServerTest, EventsComeBehindTheReplyToMonitor) {

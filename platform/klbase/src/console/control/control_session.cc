@@ -294,7 +294,7 @@ void ControlSession::RunLines(std::string) {
     } else {
       Work(*request);
     }
-    waited_ = true;
+    waited_ = waited_ || request->kind != Request::Kind::kReset;  // which takes no time
   }
   waited_ = false;
 }
@@ -333,12 +333,22 @@ void ControlSession::Work(const Request& request) {
   }
   if (ended) {
     Send(NotRun(request, Status::kCancelled, kSessionEnds));
+  } else if (request.kind == Request::Kind::kReset) {
+    Reset(request);
   } else if (request.kind == Request::Kind::kComplete) {
     Send(CompletionReply(request.id, runner_.CompleteLine(request.text)));
   } else {
     RunLine(request);
   }
   last_input_ = Clock::now().time_since_epoch().count();
+}
+
+// As the session was when it was opened. No event comes behind the reply.
+void ControlSession::Reset(const Request& request) {
+  runner_.Reset();
+  history_ = {};
+  Watch(nullptr, StatusReply(request.id, Status::kOk));
+  wire_->FlushUnlessBlocked();
 }
 
 bool ControlSession::BeginRun(const Request& request, Running& run) {

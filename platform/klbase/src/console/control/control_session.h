@@ -28,9 +28,9 @@
 
 namespace cli::internal {
 
-// Runs and completions wait in a queue and are done one after another, on the command thread; all other requests are
-// answered at once. A run that is given up (cancelled, or its time is over) is answered at once, too; the next one
-// begins when its command has returned.
+// Runs, completions and resets wait in a queue and are done one after another, on the command thread; all other
+// requests are answered at once. A run that is given up (cancelled, or its time is over) is answered at once, too; the
+// next one begins when its command has returned.
 //
 // Owned (shared) by its connection, by the table of sessions and by its command thread. The runner and the history
 // belong to the thread that works on the queue. Replies and events are whole lines, and go to the wire in one piece.
@@ -127,6 +127,7 @@ class ControlSession : public ListedSession,
   std::optional<Request> NextRequest();
   void Work(const Request& request);
   void RunLine(const Request& request);
+  void Reset(const Request& request);
   bool BeginRun(const Request& request, Running& run);
   // Any thread.
   void Record(std::string_view line, Status status, int code, std::chrono::microseconds time) const;

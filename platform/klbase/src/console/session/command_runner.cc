@@ -62,6 +62,12 @@ Outcome CommandRunner::Run(const std::string& line, std::stop_token given_up) {
   return std::move(answer.outcome);
 }
 
+void CommandRunner::Reset() {
+  path_.menus.resize(1);
+  PublishMenuName();
+  events_.Reset();
+}
+
 CommandRunner::Answer CommandRunner::RunLine(Words words, const std::stop_token& given_up) {
   std::vector<FilterStage> stages;
   const std::string error = TakeFilters(words, stages);

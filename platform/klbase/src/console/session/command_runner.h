@@ -53,6 +53,9 @@ class CommandRunner : private SessionControl {
   // Once a stop is requested through `given_up`, what the command still prints is dropped.
   Outcome Run(const std::string& line, std::stop_token given_up = {});
 
+  // Back to the main menu, without a last command or events from before.
+  void Reset();
+
   EventFeed& Feed() { return events_.Feed(); }
   const MenuPath& Path() const override { return path_; }
   // What may follow `text`, the beginning of a line; used as Run() is.

@@ -117,11 +117,15 @@ void ReadMember(const std::string& key, const Json& value, Request& request, std
   } else if (key == "cancel") {
     kinds.push_back(Request::Kind::kCancel);
     request.text = ReadId(value, "cancel");
+  } else if (key == "reset") {
+    kinds.push_back(Request::Kind::kReset);
+    if (value != true) throw Wrong{"reset must be true"};
   } else if (key == "terminal") {
     kinds.push_back(Request::Kind::kTerminal);
     ReadTerminal(value, request);
   } else {
-    throw Wrong{"unknown key \"" + key + "\"; there are id, run, within_ms, complete, monitor, cancel and terminal"};
+    throw Wrong{"unknown key \"" + key +
+                "\"; there are id, run, within_ms, complete, monitor, cancel, reset and terminal"};
   }
 }
 
@@ -130,7 +134,7 @@ Request ReadRequest(const Json& object, std::string id) {
   request.id = std::move(id);
   std::vector<Request::Kind> kinds;
   for (const auto& [key, value] : object.items()) ReadMember(key, value, request, kinds);
-  if (kinds.size() != 1) throw Wrong{"send one of run, complete, monitor, cancel and terminal at a time"};
+  if (kinds.size() != 1) throw Wrong{"send one of run, complete, monitor, cancel, reset and terminal at a time"};
   request.kind = kinds.front();
   const bool takes_time = request.kind == Request::Kind::kRun || request.kind == Request::Kind::kComplete;
   if (request.within && !takes_time) throw Wrong{"within_ms goes with run or complete"};

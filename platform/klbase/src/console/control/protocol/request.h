@@ -21,6 +21,7 @@ struct Request {
     kComplete,  // `text` is the beginning of a line
     kMonitor,   // `words` are those of the command "monitor"
     kCancel,    // `text` is the id of the run
+    kReset,
     kTerminal,
   };
   Kind kind = Kind::kRun;

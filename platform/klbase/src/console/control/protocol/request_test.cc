@@ -46,6 +46,7 @@ TEST(RequestTest, TheOtherKinds) {
   EXPECT_EQ(Parsed(R"({"monitor":[]})").kind, Request::Kind::kMonitor);
   EXPECT_EQ(Parsed(R"({"cancel":"1"})").text, "\"1\"");
   EXPECT_EQ(Parsed(R"({"complete":""})").kind, Request::Kind::kComplete);
+  EXPECT_EQ(Parsed(R"({"reset":true})").kind, Request::Kind::kReset);
   const Request terminal = Parsed(R"({"terminal":{"columns":80,"rows":24,"term":"xterm"}})");
   EXPECT_EQ(terminal.columns, 80);
   EXPECT_EQ(terminal.rows, 24);
@@ -71,10 +72,11 @@ TEST(RequestTest, DeepJsonCostsNothing) {
 }
 
 TEST(RequestTest, WhatMakesNoSenseIsExplained) {
-  EXPECT_EQ(ErrorOf("{}"), "send one of run, complete, monitor, cancel and terminal at a time");
-  EXPECT_EQ(ErrorOf(R"({"run":"x","cancel":1})"), "send one of run, complete, monitor, cancel and terminal at a time");
+  EXPECT_EQ(ErrorOf("{}"), "send one of run, complete, monitor, cancel, reset and terminal at a time");
+  EXPECT_EQ(ErrorOf(R"({"run":"x","cancel":1})"),
+            "send one of run, complete, monitor, cancel, reset and terminal at a time");
   EXPECT_EQ(ErrorOf(R"({"run":"x","Within":1})"),
-            "unknown key \"Within\"; there are id, run, within_ms, complete, monitor, cancel and terminal");
+            "unknown key \"Within\"; there are id, run, within_ms, complete, monitor, cancel, reset and terminal");
   EXPECT_EQ(ErrorOf(R"({"run":"x","run":"y"})"), "the key \"run\" stands there twice");
   EXPECT_EQ(ErrorOf(R"({"run":1})"), "run must be a text: one line of the console");
   EXPECT_EQ(ErrorOf(R"({"run":"a\nb"})"), "run has a control character; it must be one line, without its end");
@@ -86,6 +88,7 @@ TEST(RequestTest, WhatMakesNoSenseIsExplained) {
   EXPECT_EQ(ErrorOf(R"({"monitor":["a",1]})"),
             "monitor must be a list of texts: topics and conditions, or none for all events");
   EXPECT_EQ(ErrorOf(R"({"monitor":[],"within_ms":1})"), "within_ms goes with run or complete");
+  EXPECT_EQ(ErrorOf(R"({"reset":false})"), "reset must be true");
   for (const char* time : {"0", "-1", "1.5", "\"1\"", "86400001", "18446744073709551615"}) {
     EXPECT_THAT(ErrorOf(std::string(R"({"run":"x","within_ms":)") + time + "}"), HasSubstr("within_ms must be"))
         << time;
