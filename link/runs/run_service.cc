@@ -17,13 +17,14 @@ milliseconds Left(RunService::Clock::time_point deadline) {
   return std::chrono::duration_cast<milliseconds>(deadline - RunService::Clock::now());
 }
 
-// Past the events that a line such as "monitor" brings.
-Got ReceiveReply(vexctl::Connection& session, RunService::Clock::time_point deadline) {
-  for (;;) {
-    const Got got = session.Receive(deadline);
-    const std::string_view line = session.Line();
-    if (got != Got::kLine || !(line.starts_with("{\"event\":") || line.starts_with("{\"missed\":"))) return got;
-  }
+// A line that the tool gave up may go on behind its reply. Only an id stands before the status, with its quotes
+// escaped.
+bool MayStillRun(std::string_view reply) {
+  constexpr std::string_view kStatus = "\"status\":\"";
+  const std::size_t at = reply.find(kStatus);
+  if (at == std::string_view::npos) return true;
+  const std::string_view status = reply.substr(at + kStatus.size());
+  return status.starts_with("timeout\"") || status.starts_with("cancelled\"");
 }
 
 }  // namespace
@@ -81,29 +82,34 @@ bool RunService::Next(Job& job) {
 void RunService::Work() {
   Job job;
   while (Next(job)) {
-    Answer(job, Run(job));
-    if (!stop_.IsSet()) sessions_.Prepare();
+    ToolSessions::Session session;
+    Answer(job, Run(job, session));
+    if (!stop_.IsSet()) sessions_.Prepare(std::move(session));
   }
 }
 
-std::string RunService::Run(const Job& job) {
+std::string RunService::Run(const Job& job, ToolSessions::Session& session) {
   const std::string& id = job.request.id;
   if (stop_.IsSet()) return MadeReply(id, "unreachable", kEnding);
   if (Left(job.deadline) <= milliseconds(0))
     return MadeReply(id, "timeout", "other requests took all the time; it was not run");
   std::string why;
-  const ToolSessions::Session session = sessions_.Take(Left(job.deadline + kGrace), why);
+  session = sessions_.Take(Left(job.deadline + kGrace), why);
   if (session == nullptr) return MadeReply(id, "unreachable", stop_.IsSet() ? kEnding : why);
-  return Ask(*session, job);
+  return Ask(job, session);
 }
 
-std::string RunService::Ask(vexctl::Connection& session, const Job& job) {
+std::string RunService::Ask(const Job& job, ToolSessions::Session& session) {
   const std::string& id = job.request.id;
-  if (!session.Send(ToolRequest(job.request, Left(job.deadline))))
+  ToolSessions::Session asked = std::move(session);
+  if (!asked->Send(ToolRequest(job.request, Left(job.deadline))))
     return MadeReply(id, "unreachable", "the tool has ended");
-  switch (ReceiveReply(session, job.deadline + kGrace)) {
-    case Got::kLine:
-      return std::string(session.Line());
+  switch (ReceiveReply(*asked, job.deadline + kGrace)) {
+    case Got::kLine: {
+      std::string reply(asked->Line());
+      if (!MayStillRun(reply)) session = std::move(asked);
+      return reply;
+    }
     case Got::kEnd:
       return MadeReply(id, "unreachable", "the tool ended before it answered; whether the line was done is not known");
     case Got::kTimeout:

@@ -55,8 +55,9 @@ class RunService {
   std::string Enqueue(Job& job);
   bool Next(Job& job);
   void Work();
-  std::string Run(const Job& job);
-  std::string Ask(vexctl::Connection& session, const Job& job);
+  // `session` is the one that the job has run in, and null where something may still run in it.
+  std::string Run(const Job& job, ToolSessions::Session& session);
+  std::string Ask(const Job& job, ToolSessions::Session& session);
   void Answer(const Job& job, const std::string& reply);
 
   const std::string node_;
