@@ -192,7 +192,7 @@ FIGURES = [
     (r"open after (1\.5) s", "device/playd/player/player.h", r"milliseconds media\{([^}]+)\}", 0.001),
     (r"cluster is away, (\d+) events", "link/arguments.h", r"buffer = ([^;]+);", 1),
     (r"node runs (\d+) at a time", "link/runs/run_service.h", r"kAtOnce = ([^;]+);", 1),
-    (r"own, and (\d+)\s+more wait", "link/runs/run_service.h", r"kMostWaiting = ([^;]+);", 1),
+    (r"as new, and (\d+)\s+more wait", "link/runs/run_service.h", r"kMostWaiting = ([^;]+);", 1),
 ]
 
 
