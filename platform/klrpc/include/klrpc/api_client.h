@@ -83,7 +83,7 @@ class KLRPC_EXPORT APIClient {
   // Asks that messages published on `topics` be delivered to this client, in addition to those that `client_id` has
   // already. Returns at once; waits for the server as long as it takes. Topics on which a confirmed subscription of
   // `client_id` has stood before go on where it ended: what was published meanwhile comes first, once and in order, as
-  // far as the server has kept it. Returns false when an argument is empty.
+  // far as the server has kept it. Returns false when an argument is empty. klrpc/last_call.h has why it still waits.
   virtual bool SubscribeTopics(const std::string& client_id, const std::vector<std::string>& topics);
 
   // Emitted on two threads of the client: publications' outcomes on one, which the first publication starts, all about

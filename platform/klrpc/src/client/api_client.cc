@@ -50,6 +50,11 @@ namespace {
 
 thread_local CallResult t_last_call;
 
+void NoteOutcome(const CallOutcome& outcome) {
+  t_last_call.code = outcome.code;
+  t_last_call.text = outcome.text;
+}
+
 // Publications and subscriptions, with their threads. Made at the first use: most clients only call.
 class PubSub {
  public:
@@ -158,7 +163,8 @@ class APIClient::Impl {
       EmitSafely(client, client.SignalSubscribeLoss, "SignalSubscribeLoss", topic, count);
     };
     return std::make_unique<PubSub>(*options_, connector_, timeout_, std::move(slots),
-                                    [&client](bool ok, const std::string& msg_id) {
+                                    [&client](bool ok, const std::string& msg_id, const CallOutcome& why) {
+                                      NoteOutcome(why);
                                       EmitSafely(client, client.SignalPublishState, "SignalPublishState", ok, msg_id);
                                     });
   }
@@ -188,8 +194,7 @@ bool APIClient::CallWithin(const google::protobuf::Message& request, google::pro
   const auto begin = std::chrono::steady_clock::now();
   const CallOutcome outcome = impl_->Caller().Call(request, reply, timeout);
   CountCall(request.GetDescriptor()->full_name(), outcome.code, std::chrono::steady_clock::now() - begin);
-  t_last_call.code = outcome.code;
-  t_last_call.text = outcome.text;
+  NoteOutcome(outcome);
   if (outcome.code == GRPC_STATUS_OK) return true;
   KL_LOG(40, "call of %s to %s failed: %s: %s", request.GetDescriptor()->full_name().c_str(),
          Options().Address().c_str(), StatusName(outcome.code), outcome.text.c_str());
@@ -205,7 +210,7 @@ bool APIClient::SubscribeTopics(const std::string& client_id, const std::vector<
       !client_id.empty() && !topics.empty() &&
       std::none_of(topics.begin(), topics.end(), [](const std::string& topic) { return topic.empty(); });
   if (complete) {
-    impl_->Events().Streams().Subscribe(client_id, topics);
+    NoteOutcome(impl_->Events().Streams().Subscribe(client_id, topics));
   } else {
     KL_LOG(40, "subscription at %s: a client id and topics are needed, none of them empty",
            Options().Address().c_str());

@@ -9,6 +9,9 @@ namespace klrpc {
 
 namespace {
 
+constexpr char kRefusedText[] = "the server refused the message";
+constexpr char kClientEndsText[] = "the client ends";
+
 std::chrono::milliseconds Left(Connector::Clock::time_point deadline) {
   return std::chrono::ceil<std::chrono::milliseconds>(deadline - Connector::Clock::now());
 }
@@ -97,9 +100,9 @@ void Publisher::SendNext() {
     const grpc_call_error error = call->Start();
     if (error == GRPC_CALL_OK) return;
     if (error == GRPC_CALL_ERROR_COMPLETION_QUEUE_SHUTDOWN) {
-      Tell(false, call->Message().msg_id);  // the client ends
+      Tell(false, call->Message().msg_id, {GRPC_STATUS_CANCELLED, kClientEndsText});
     } else {
-      TellFailure(call->Message(), GRPC_STATUS_INTERNAL, WhyNotStarted(error));
+      TellFailure(call->Message(), {GRPC_STATUS_INTERNAL, WhyNotStarted(error)});
     }
   }
 }
@@ -123,7 +126,9 @@ std::optional<Publisher::Pending> Publisher::TakeNext() {
     KL_LOG(40, "publications to %s: %zu were not sent, because those before them took %d ms", address_.c_str(),
            late.size(), static_cast<int>(timeout_.count()));
   }
-  for (const Pending& each : late) Tell(false, each.msg_id);
+  for (const Pending& each : late) {
+    Tell(false, each.msg_id, {GRPC_STATUS_DEADLINE_EXCEEDED, "not sent: those before it took all its time"});
+  }
   return next;
 }
 
@@ -136,21 +141,21 @@ void Publisher::OnDone(const Pending& pending, grpc_status_code code, const std:
   klrpc::v1::PublishReply answer;
   const bool answered = code == GRPC_STATUS_OK && reply.ParseInto(answer);
   if (!answered || !answer.ok()) {
-    TellFailure(pending, code, answered ? "the server refused the message" : text);
+    TellFailure(pending, {code, answered ? kRefusedText : text});
   } else {
-    Tell(true, pending.msg_id);
+    Tell(true, pending.msg_id, {});
   }
   SendNext();
 }
 
-void Publisher::TellFailure(const Pending& pending, grpc_status_code code, const std::string& why) {
-  KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(code),
-         why.c_str());
-  Tell(false, pending.msg_id);
+void Publisher::TellFailure(const Pending& pending, const CallOutcome& why) {
+  KL_LOG(40, "publication on %s to %s failed: %s: %s", pending.topic.c_str(), address_.c_str(), StatusName(why.code),
+         why.text.c_str());
+  Tell(false, pending.msg_id, why);
 }
 
-void Publisher::Tell(bool ok, const std::string& msg_id) {
-  outcomes_.Post([this, ok, msg_id] { outcome_(ok, msg_id); });
+void Publisher::Tell(bool ok, const std::string& msg_id, const CallOutcome& why) {
+  outcomes_.Post([this, ok, msg_id, why] { outcome_(ok, msg_id, why); });
 }
 
 void Publisher::Cancel() {
@@ -168,7 +173,7 @@ void Publisher::FailUnsent() {
     const absl::MutexLock lock(&mutex_);
     unsent.swap(pending_);
   }
-  for (const Pending& pending : unsent) Tell(false, pending.msg_id);
+  for (const Pending& pending : unsent) Tell(false, pending.msg_id, {GRPC_STATUS_CANCELLED, kClientEndsText});
 }
 
 }  // namespace klrpc

@@ -26,7 +26,8 @@ namespace klrpc {
 class Publisher {
  public:
   // Called on the thread of the outcomes.
-  using Outcome = std::function<void(bool ok, const std::string& msg_id)>;
+  // `why` has the text of a refusal, and of any other failure the code, too.
+  using Outcome = std::function<void(bool ok, const std::string& msg_id, const CallOutcome& why)>;
 
   // The most publications that wait, to be sent or for their outcome to be told.
   static constexpr std::size_t kMaxPending = 4096;
@@ -58,9 +59,9 @@ class Publisher {
   void SendNext();
   // The first one whose time is not up; the others fail together.
   std::optional<Pending> TakeNext();
-  void Tell(bool ok, const std::string& msg_id);
+  void Tell(bool ok, const std::string& msg_id, const CallOutcome& why);
   // With a record.
-  void TellFailure(const Pending& pending, grpc_status_code code, const std::string& why);
+  void TellFailure(const Pending& pending, const CallOutcome& why);
   const ChannelPtr& UsableChannel();
   void OnDone(const Pending& pending, grpc_status_code code, const std::string& text, const Buffer& reply);
 

@@ -80,6 +80,7 @@ class Subscriptions::Stream : public std::enable_shared_from_this<Stream> {
   // How it ended. gRPC doesn't hand on why a connection was not made.
   grpc_status_code Code() const { return Reached() ? status_ : connection_.Outcome().code; }
   std::string Text() const { return Reached() ? std::string(text_.View()) : connection_.Outcome().text; }
+  CallOutcome Outcome() const { return {Code(), Text()}; }
   // Confirmed by a server that lets a wider stream take an earlier one's place.
   bool Accepted() const { return ValueOf(initial_metadata_, kStreamKey).has_value(); }
   std::string Positions() const { return ValueOf(initial_metadata_, kPositionsKey).value_or(""); }
@@ -172,7 +173,8 @@ Subscriptions::Subscriptions(const APIClientOptions& options, Connector& connect
       loop_(loop),
       events_(options.Address(), thread, std::move(slots), [this] { ReadPaused(); }) {}
 
-void Subscriptions::Subscribe(const std::string& client_id, const std::vector<std::string>& topics) {
+CallOutcome Subscriptions::Subscribe(const std::string& client_id, const std::vector<std::string>& topics) {
+  bool wider = false;
   {
     const absl::MutexLock lock(&mutex_);
     Subscription& subscription = by_client_[client_id];
@@ -182,9 +184,24 @@ void Subscriptions::Subscribe(const std::string& client_id, const std::vector<st
     for (const std::string& topic : topics) {
       if (!Contains(known, topic)) known.push_back(topic);
     }
-    if (known.size() == before) return;
+    wider = known.size() != before;
   }
-  Open(client_id);
+  if (wider) Open(client_id);
+  return FailureOf(client_id);
+}
+
+CallOutcome Subscriptions::FailureOf(const std::string& client_id) {
+  const absl::MutexLock lock(&mutex_);
+  return by_client_[client_id].failure;
+}
+
+void Subscriptions::NoteWaitingLocked(const Stream& stream, bool connected) {
+  CallOutcome& failure = by_client_[stream.ClientId()].failure;
+  if (!connected) {
+    failure = stream.Reached() ? CallOutcome{GRPC_STATUS_UNAVAILABLE, "can't connect"} : stream.Outcome();
+  } else if (failure.code == GRPC_STATUS_UNAVAILABLE) {
+    failure = {};  // there is a server now; one that refuses ends the stream, which is noted then
+  }
 }
 
 // Opens a stream over all topics of the client id, unless the last one has them already or still waits for its server.
@@ -202,6 +219,8 @@ void Subscriptions::Open(const std::string& client_id) {
     stream = std::make_shared<Stream>(*this, std::move(connection), RequestLocked(client_id), ++opened_);
     by_client_[client_id].streams.push_back(stream);
     all_.insert(stream);
+    // To a server elsewhere it is not known yet: see LookAfter().
+    if (connector_.Local()) NoteWaitingLocked(*stream, stream->Reached());
   }
   stream->Start();
 }
@@ -236,6 +255,7 @@ void Subscriptions::OnConfirmed(Stream& stream) {
     if (found == streams.end()) return;  // ended already
     // Read only when the streams before it have ended: their last messages come first.
     stream.confirmed = true;
+    subscription.failure = {};
     if (!subscription.up) subscription.up = CountConfirmed(options_.Address());
     stream.confirmed_at = std::chrono::steady_clock::now();
     read = found == streams.begin();
@@ -324,6 +344,7 @@ void Subscriptions::OnEnded(const StreamPtr& stream) {
     if (was_first && !streams.empty() && streams.front()->confirmed) next = streams.front();
     if (was_last && stream->confirmed) DropTopicsLocked(*stream);
     if (was_last && stream->Reached()) failures = subscription.failures++;
+    if (was_last && !stream->confirmed) subscription.failure = stream->Outcome();
     news = FailureIsNewsLocked(*stream, failures);
   }
   if (next != nullptr) next->Read();
@@ -407,12 +428,17 @@ void Subscriptions::LookAfter(Stream& stream) {
   const bool local = connector_.Local();
   const auto state = local ? GRPC_CHANNEL_READY : grpc_channel_check_connectivity_state(stream.Channel().get(), 0);
   // gRPC's back-offs, that of name resolution above all, can be longer than an operator's patience.
-  if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) grpc_channel_reset_connect_backoff(stream.Channel().get());
+  if (state == GRPC_CHANNEL_TRANSIENT_FAILURE) {
+    grpc_channel_reset_connect_backoff(stream.Channel().get());
+    const absl::MutexLock lock(&mutex_);
+    NoteWaitingLocked(stream, false);
+  }
   if (state != GRPC_CHANNEL_READY || !stream.Reached()) return;
   const auto now = std::chrono::steady_clock::now();
   {
     const absl::MutexLock lock(&mutex_);
     if (!stream.ready_since) stream.ready_since = now;
+    NoteWaitingLocked(stream, true);
     const bool late = !stream.confirmed && now - *stream.ready_since >= kConfirmationLimit;
     if (!late || std::exchange(stream.told_unconfirmed, true)) return;
   }

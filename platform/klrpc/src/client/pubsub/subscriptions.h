@@ -40,8 +40,8 @@ class Subscriptions {
   Subscriptions(const Subscriptions&) = delete;
   Subscriptions& operator=(const Subscriptions&) = delete;
 
-  // Any thread. None of the arguments is empty.
-  void Subscribe(const std::string& client_id, const std::vector<std::string>& topics);
+  // Any thread. None of the arguments is empty. Returns why no server has taken the subscription so far.
+  CallOutcome Subscribe(const std::string& client_id, const std::vector<std::string>& topics);
 
   // Hastens streams that wait for gRPC to reach their server, and says which ones a server leaves unconfirmed; false
   // when none waits. On the loop's thread.
@@ -58,6 +58,7 @@ class Subscriptions {
     std::deque<StreamPtr> streams;  // the first is read, the last is over all topics
     int failures = 0;               // in a row
     bool no_room = false;           // the server takes no connections, which has been said
+    CallOutcome failure;            // of the last stream that was not confirmed; OK once one is, or may be
     Positions positions;            // stays when the topics are gone
     // In the process's metrics; so long as the client lives, and while a stream is confirmed.
     std::optional<klbase::Counted> asked_for;
@@ -67,6 +68,9 @@ class Subscriptions {
   void Open(const std::string& client_id);
   klrpc::v1::SubscribeRequest RequestLocked(const std::string& client_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   bool NeedsStreamLocked(const std::string& client_id) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
+  CallOutcome FailureOf(const std::string& client_id);
+  // Of a stream that waits to be confirmed: `connected` when there is a server at its address.
+  void NoteWaitingLocked(const Stream& stream, bool connected) ABSL_EXCLUSIVE_LOCKS_REQUIRED(mutex_);
   void OnConfirmed(Stream& stream);
   void OnMessage(const Buffer& message, const StreamPtr& stream);
   // Reads on, unless the slots have too much to do: then in a while, or when they have caught up.
