@@ -19,6 +19,8 @@ constexpr char kClientId[] = "vextool-rpc";
 // State numbers of klrpc::v1::SubscribeState.
 constexpr int kConfirmed = 1;
 constexpr int kEnded = 2;
+// gRPC's number of what is too large, or one too many.
+constexpr int kTooMuch = 8;
 
 std::unique_ptr<klrpc::APIClientOptions> OptionsFor(const std::string& url) {
   using Options = klrpc::APIClientOptions;
@@ -66,7 +68,8 @@ struct WakeUp {
 
 }  // namespace
 
-Reached Connection::Publish(const std::string& topic, const std::string& payload, std::chrono::milliseconds limit) {
+Connection::Published Connection::Publish(const std::string& topic, const std::string& payload,
+                                          std::chrono::milliseconds limit) {
   klrpc::v1::PubsubMessage message;
   message.set_topic(topic);
   message.set_payload(payload);
@@ -78,19 +81,19 @@ Reached Connection::Publish(const std::string& topic, const std::string& payload
   const bool queued = client_.PublishMessage(message);
   const std::stop_callback wake(klbase::CurrentStopToken(), WakeUp{&mutex_, &changed_});
   const absl::MutexLock lock(&mutex_);
-  std::optional<bool>& state = publications_[message.msg_id()];
-  if (!queued) state = false;
-  Reached reached = WaitLocked(limit, [&] { return state.has_value(); });
-  if (reached == Reached::kYes && !*state) reached = Reached::kNo;
+  std::optional<Published>& told = publications_[message.msg_id()];
+  if (!queued) told = Published{Reached::kNo, {kTooMuch, "the message can't be sent; the log has the reason"}};
+  const Reached reached = WaitLocked(limit, [&] { return told.has_value(); });
+  Published published = reached == Reached::kYes ? *told : Published{reached, {}};
   publications_.erase(message.msg_id());
-  return reached;
+  return published;
 }
 
 void Connection::OnPublished(bool ok, const std::string& id) {
   const absl::MutexLock lock(&mutex_);
   const auto found = publications_.find(id);
   if (found == publications_.end()) return;
-  found->second = ok;
+  found->second = Published{ok ? Reached::kYes : Reached::kNo, klrpc::LastCall()};
   changed_.SignalAll();
 }
 
@@ -105,9 +108,15 @@ Connection::Subscribed Connection::Subscribe(const std::string& topic, EventType
   }
   if (subscribed.is_new) client_.SubscribeTopics(kClientId, {topic});
   const std::stop_callback wake(klbase::CurrentStopToken(), WakeUp{&mutex_, &changed_});
-  const absl::MutexLock lock(&mutex_);
-  const Subscription& subscription = subscriptions_[topic];
-  subscribed.confirmed = WaitLocked(limit, [&] { return subscription.confirmed; });
+  {
+    const absl::MutexLock lock(&mutex_);
+    const Subscription& subscription = subscriptions_[topic];
+    subscribed.confirmed = WaitLocked(limit, [&] { return subscription.confirmed; });
+  }
+  // What stands already is not subscribed again, but asked after.
+  if (subscribed.confirmed == Reached::kTimeout && client_.SubscribeTopics(kClientId, {topic})) {
+    subscribed.why = klrpc::LastCall();
+  }
   return subscribed;
 }
 

@@ -19,6 +19,7 @@
 #include "example/rpc/messages/message_catalog.h"
 #include "klbase/steady_cond_var.h"
 #include "klrpc/api_client.h"
+#include "klrpc/last_call.h"
 #include "sigslot/sigslot.h"
 
 namespace rpc {
@@ -39,12 +40,17 @@ class Connection : public sigslot::has_slots<sigslot::multi_threaded_local> {
 
   klrpc::APIClient& Client() { return client_; }
 
+  struct Published {
+    Reached reached = Reached::kNo;
+    klrpc::CallResult why;  // it was not taken; a code of 0: the server refused it
+  };
   // Publishes and waits until the server has the message.
-  Reached Publish(const std::string& topic, const std::string& payload, std::chrono::milliseconds limit);
+  Published Publish(const std::string& topic, const std::string& payload, std::chrono::milliseconds limit);
 
   struct Subscribed {
     Reached confirmed = Reached::kNo;  // by the server
     bool is_new = false;               // else the topic was subscribed before, and only its type may have changed
+    klrpc::CallResult why;             // it is not confirmed; a code of 0: the server is there
   };
   // Has the topic's events read as `type` and put into the console's feed, from now to the connection's end; waits
   // until the server confirms that. When time is up the subscription stays and waits for its server.
@@ -68,8 +74,8 @@ class Connection : public sigslot::has_slots<sigslot::multi_threaded_local> {
 
   mutable absl::Mutex mutex_;
   klbase::SteadyCondVar changed_;
-  std::map<std::string, Subscription> subscriptions_ ABSL_GUARDED_BY(mutex_);        // by topic
-  std::map<std::string, std::optional<bool>> publications_ ABSL_GUARDED_BY(mutex_);  // those waited for, by id
+  std::map<std::string, Subscription> subscriptions_ ABSL_GUARDED_BY(mutex_);             // by topic
+  std::map<std::string, std::optional<Published>> publications_ ABSL_GUARDED_BY(mutex_);  // those waited for, by id
   std::uint64_t last_publication_ ABSL_GUARDED_BY(mutex_) = 0;
   klrpc::APIClient client_;  // last: its slots use the others
 };

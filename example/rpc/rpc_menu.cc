@@ -191,13 +191,15 @@ void Publish(State& state, std::ostream& out, const Words& words) {
   const Request request = ReadRequest(state, read, 1);
   const std::string payload = request.message->SerializeAsString();
   const std::string& to = request.to.name;
-  switch (state.connections.At(request.to.url)->Publish(topic, payload, read.within.value_or(kDefaultLimit))) {
+  const auto connection = state.connections.At(request.to.url);
+  const auto published = connection->Publish(topic, payload, read.within.value_or(kDefaultLimit));
+  switch (published.reached) {
     case Reached::kYes:
       out << "published on " << topic << " at " << to << ": " << payload.size() << " bytes\n";
       break;
     case Reached::kNo:
-      cli::Report(out, cli::Status::kUnreachable, 0,
-                  to + ": it did not take the message; is it running? The log has the reason");
+      if (published.why.code != 0) return ReportNoReply(out, to, published.why.code, published.why.text);
+      cli::Report(out, cli::Status::kRefused, 0, to + ": " + published.why.text);
       break;
     case Reached::kTimeout:
       cli::Report(out, cli::Status::kTimeout, 0, to + ": it has not confirmed the message, which may still come");
@@ -236,6 +238,7 @@ void Subscribe(State& state, std::ostream& out, const Words& words) {
     cli::Report(out, cli::Status::kCancelled, 0, "");
   } else {
     out << "waiting for " << text << '\n';
+    if (subscribed.why.code != 0) return ReportNoReply(out, at.name, subscribed.why.code, subscribed.why.text);
     cli::Report(out, cli::Status::kTimeout, 0,
                 at.name + ": it has not confirmed the subscription, which stays and waits for it");
   }
