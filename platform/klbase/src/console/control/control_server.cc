@@ -237,10 +237,19 @@ class ControlServerImpl : public ControlServer, public ControlConnectionOwner {
   std::string read_buffer_;
 };
 
+// Makes the folder of a socket that nobody has named. One that is there already may be somebody else's, who could put a
+// socket of his in the place of ours: that one is refused.
 void MakeFolder(const std::string& path) {
   const std::string folder = path.substr(0, path.rfind('/'));
   constexpr mode_t kOwnersAlone = 0700;
-  ::mkdir(folder.c_str(), kOwnersAlone);  // the socket's own error tells of one that can't be made
+  ::mkdir(folder.c_str(), kOwnersAlone);
+  struct stat found {};
+  if (::lstat(folder.c_str(), &found) != 0) return;  // the socket's own error tells of one that can't be made
+  const bool owned = found.st_uid == ::geteuid() || found.st_uid == 0;
+  if (S_ISDIR(found.st_mode) && owned && (found.st_mode & S_IWOTH) == 0) return;
+  throw std::runtime_error("console control socket " + path +
+                           ": its folder is not this user's, or others may change it; remove it, or name another one "
+                           "in KLBASE_CONSOLE_SOCKET");
 }
 
 }  // namespace
@@ -248,9 +257,9 @@ void MakeFolder(const std::string& path) {
 std::unique_ptr<ControlServer> MakeControlServer(const ConsoleOptions& options, ControlServer::Parts parts) {
   const ControlSocketPath& socket = options.control_socket;
   if (socket.path.empty()) return nullptr;
-  if (socket.make_folder) MakeFolder(socket.path);
   std::unique_ptr<SocketFile> file;
   try {
+    if (socket.make_folder) MakeFolder(socket.path);
     file = std::make_unique<SocketFile>(socket.path);
   } catch (const std::runtime_error& error) {
     if (socket.asked_for) throw;
