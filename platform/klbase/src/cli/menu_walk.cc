@@ -150,7 +150,7 @@ bool IsHelp(const std::string& word) { return word == "help" || word == "?"; }
 // `watch`, with seconds or without, is followed by a line: that completes as if the words before were not there.
 void DropWatch(std::vector<std::string>& words) {
   if (words.size() < 2 || words.front() != "watch") return;
-  const bool seconds = words.size() > 2 && ReadSeconds(words[1]);
+  const bool seconds = words.size() > 2 && ReadPause(words[1]);
   words.erase(words.begin(), words.begin() + (seconds ? 2 : 1));
 }
 

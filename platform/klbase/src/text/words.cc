@@ -83,13 +83,18 @@ Words SplitWords(std::string_view line) {
   return result;
 }
 
-std::optional<double> ReadSeconds(std::string_view word) {
+std::optional<double> ReadPause(std::string_view word) {
   constexpr double kMost = 86400;
   double seconds = 0;
   const char* end = word.data() + word.size();
   const auto [read_to, error] = std::from_chars(word.data(), end, seconds);
-  const bool valid = error == std::errc() && read_to == end && seconds > 0 && seconds <= kMost;
+  const bool valid = error == std::errc() && read_to == end && seconds >= 0 && seconds <= kMost;
   return valid ? std::optional(seconds) : std::nullopt;
+}
+
+std::optional<double> ReadSeconds(std::string_view word) {
+  const std::optional<double> seconds = ReadPause(word);
+  return seconds && *seconds > 0 ? seconds : std::nullopt;
 }
 
 std::string QuoteWord(std::string_view word) {

@@ -32,6 +32,8 @@ std::string QuoteWord(std::string_view word);
 
 // A time as it is typed, "2" or "0.5", in seconds; nullopt unless it is more than 0 and a day at most.
 std::optional<double> ReadSeconds(std::string_view word);
+// The same, or 0.
+std::optional<double> ReadPause(std::string_view word);
 
 }  // namespace cli::internal
 

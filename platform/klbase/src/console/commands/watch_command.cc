@@ -53,7 +53,7 @@ std::string ClockTime() {
 void WatchLine(SessionControl& session, const std::vector<std::string>& words) {
   std::vector<std::string> line = words;
   std::optional<double> seconds;
-  if (!line.empty()) seconds = ReadSeconds(line.front());
+  if (!line.empty()) seconds = ReadPause(line.front());
   if (seconds) line.erase(line.begin());
   if (line.empty()) return RefuseUsage(session, "it needs a line to run");
   if (line.front() == "watch") return RefuseUsage(session, "a line can be watched once only");

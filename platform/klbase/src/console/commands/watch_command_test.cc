@@ -96,6 +96,12 @@ TEST_F(WatchCommandTest, NeedsALineThatIsNoWatch) {
   EXPECT_EQ(Run("watch 3"), "watch: it needs a line to run. Usage: watch [<seconds>] <line>\n");
   EXPECT_EQ(Run("watch 3 watch who"), "watch: a line can be watched once only. Usage: watch [<seconds>] <line>\n");
   EXPECT_EQ(outcome_.status, Status::kUsage);
+  EXPECT_EQ(Run("watch 0 watch 0 who"), "watch: a line can be watched once only. Usage: watch [<seconds>] <line>\n");
+}
+
+TEST_F(WatchCommandTest, NoPauseIsTheShortestOne) {
+  ending_.request_stop();
+  EXPECT_EQ(Run("watch 0 poll"), "round 1\n");
 }
 
 TEST_F(WatchCommandTest, RunsBuiltInCommandsToo) {
