@@ -200,6 +200,8 @@ int Monitor(const Arguments& arguments, Report& report) {
         if (arguments.json) report.Reply(MadeReply("timeout", "the time that --within gave is over"));
         return kExitTimeout;
       case Got::kInterrupted:
+        // As above; a reader that has gone is told nothing.
+        if (arguments.json && TakeInterrupt()) report.Reply(MadeReply("cancelled", "interrupted"));
         return kExitCancelled;
     }
   }

@@ -124,12 +124,13 @@ def test_a_line_that_is_too_long_ends_with_2(serve, vexctl, size):
 @pytest.mark.parametrize("words", [["monitor"], ["wait", "nothing", "within", "600"]])
 def test_one_whose_output_nobody_reads_any_more_ends_with_130(serve, path, words):
     serve()
-    with subprocess.Popen([VEXCTL, "--socket", path, *words], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as running:
+    with subprocess.Popen([VEXCTL, "--socket", path, *words], stdout=subprocess.PIPE, stderr=subprocess.PIPE) as running:
         running.stdout.close()
         try:
             assert running.wait(LIMIT_S) == 130
         finally:
             running.kill()
+        assert b"can't be written" not in running.stderr.read()
 
 
 def test_an_expectation_that_is_not_met_ends_with_1(serve, vexctl):
@@ -473,6 +474,11 @@ def test_completions_are_one_a_line(serve, vexctl):
     assert vexctl("complete", "core s").stdout == "set\nshow\n"
     assert vexctl("complete", "encd SetQulity").stdout.split() == ["SetQulity"]
     assert vexctl("complete", "nonsense ").stdout == ""
+    # Behind a word that is not finished: in quotes, or the beginning of a filter.
+    assert vexctl("complete", 'encd SetQulity "hi').stdout == "high\n"
+    assert vexctl("complete", 'encd "SetQ').stdout == "SetQulity\n"
+    assert vexctl("complete", "who | co").stdout == "count\n"
+    assert jq(vexctl("--json", "complete", 'encd SetQulity "hi').stdout) == [{"status": "ok", "start": 15, "candidates": ["high"]}]
 
 
 COMPLETE = """
@@ -582,6 +588,17 @@ def test_events_as_json_pass_jq_and_a_tool_that_ends_is_said(watch):
     events = jq("".join(lines) + rest)
     assert {event["event"]["message"]["play_state"] for event in events[:-1]} == {4, 5}
     assert events[-1]["status"] == "unreachable"
+
+
+def test_an_interrupt_ends_events_as_json_with_a_line_that_says_so(fake_tool):
+    running, lines = fake_tool("--json", "monitor")
+    send(lines, dict(OK, id=json.loads(lines.readline())["id"]), {"event": {"seq": 1, "text": "x"}})
+    shown = running.stdout.readline()
+    running.send_signal(signal.SIGINT)
+    rest, errors = running.communicate(timeout=LIMIT_S)
+    assert (running.returncode, errors) == (130, "")
+    event, end = jq(shown + rest)
+    assert (event["event"]["seq"], end["status"], end["reason"]) == (1, "cancelled", "interrupted")
 
 
 def test_watching_ends_with_its_time(serve, vexctl):
