@@ -209,13 +209,19 @@ class Console:
     def monitor(self, *words, within=None):
         """Yields events (Event, or Missed) of the given topics and conditions, of all without one, over a connection of its own
         that is open when this returns: events from now on are seen. Ends after `within` seconds; raises ToolError when the tool
-        goes. Close the generator to end it before."""
+        goes or does not answer. Close the generator to end it before."""
         lines = _Lines(self._path)
-        lines.send({"id": 1, "monitor": list(words)})
-        reply = lines.receive(CONNECT_S)
-        if reply["status"] != "ok":
+        try:
+            lines.send({"id": 1, "monitor": list(words)})
+            reply = lines.receive(CONNECT_S)
+            if reply["status"] != "ok":
+                raise CommandError(Result("monitor " + " ".join(words), reply))
+        except TimeoutError as error:
             lines.close()
-            raise CommandError(Result("monitor " + " ".join(words), reply))
+            raise ToolError(str(error)) from None
+        except BaseException:
+            lines.close()
+            raise
         return self._events(lines, None if within is None else time.monotonic() + within)
 
     @staticmethod

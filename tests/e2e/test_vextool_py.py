@@ -2,11 +2,13 @@
 
 import os
 import pathlib
+import socket
 import sys
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from conftest import wait_until
+from conftest import LIMIT_S, wait_until
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python"))
 
@@ -120,6 +122,27 @@ def test_a_stopped_tool_is_an_error_and_not_a_result(serve, path, fake_encd):
     with pytest.raises(vextool.ToolError, match="does not answer"):
         console.run("core show version", within=0.1)
     assert daemon.process.poll() is None
+
+
+def test_a_tool_that_does_not_answer_a_monitor_is_an_error_of_its_own(path, monkeypatch):
+    monkeypatch.setattr(vextool, "CONNECT_S", 0.2)
+    greeting = b'{"vextool":"v0.0.1","protocol":1,"session":1}\n'
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(path)
+        listener.listen()
+        with ThreadPoolExecutor(1) as pool:
+            def greet():
+                connection, _ = listener.accept()
+                connection.sendall(greeting)
+                return connection
+            greeted = [pool.submit(greet)]
+            with vextool.Console(path) as console:
+                greeted.append(pool.submit(greet))
+                with pytest.raises(vextool.ToolError, match="does not answer"):
+                    console.monitor()
+            with greeted[0].result(LIMIT_S), greeted[1].result(LIMIT_S) as asked:
+                lines = asked.makefile("rb")
+                assert (b'"monitor"' in lines.readline(), lines.read()) == (True, b"")  # it was closed
 
 
 def test_a_refused_session_is_an_error_with_the_tools_reason(serve, path):
