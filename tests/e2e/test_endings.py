@@ -132,6 +132,9 @@ TABLE = {
 }
 assert not [name for name, row in TABLE.items() if NEVER in (row.refused, row.ok, row.dead, row.hung) and not row.why]
 
+# Their daemon gets a request that it can leave without an answer.
+ASKING = [name for name, row in TABLE.items() if row.refused == "refused" and not row.refuses]
+
 # They end their tool, and so get one each.
 ENDS_THE_TOOL = {"shutdown"}
 
@@ -252,6 +255,15 @@ def test_a_command_ends_as_it_should(ends, name, ending):
     exit_status, status, reason = ends[ending][name]
     assert (status, exit_status) == (wanted, EXIT[wanted]), reason
     assert bool(reason) == (status != "ok")
+    if name in ASKING and ending in ("dead", "hung"):
+        assert reason.startswith("encd: " if " SetQulity" in TABLE[name].line else "playd: ")
+
+
+def test_a_daemon_that_takes_requests_and_never_answers_hangs_too(stage, messages):
+    stage.start_daemon("hang")
+    ends_of = at_once(lambda name: stage.run(TABLE[name], "hung", messages), ASKING)
+    assert {name: end[:2] for name, end in ends_of.items()} == {name: (4, "timeout") for name in ASKING}
+    assert stage.daemon.output().count("\n") == len(ASKING) + 1, "each of them was asked once"
 
 
 def test_a_console_that_ends_for_all_has_answered(stage):
@@ -293,14 +305,13 @@ def test_each_command_whose_tool_goes_in_the_middle_ends_with_3(stage, messages)
     stage.start_daemon("hang")
     waiting = {name: UnderWay(stage.path) for name in TABLE}
     lines = {name: filled(row.line, messages, "99999") for name, row in TABLE.items()}
-    asking = [name for name, row in TABLE.items() if row.refused == "refused" and not row.refuses]
     try:
         wait_until(lambda: stage.vexctl("who")[1][0]["output"].count("control") == len(TABLE) + 1, "all are connected")
-        for name in asking:
+        for name in ASKING:
             waiting[name].send(lines[name])
-        wait_until(lambda: stage.daemon.output().count("\n") == len(asking) + 1, "the daemon is asked by each")
+        wait_until(lambda: stage.daemon.output().count("\n") == len(ASKING) + 1, "the daemon is asked by each")
         stage.tool.freeze()
-        for name in set(TABLE) - set(asking):
+        for name in set(TABLE) - set(ASKING):
             waiting[name].send(lines[name])
         wait_until(lambda: all(each.has_taken_it() for each in waiting.values()), "all lines are taken")
         stage.tool.kill()
