@@ -17,9 +17,14 @@ import re
 import shlex
 import subprocess
 import sys
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT / "tests"))
+
+from progress import Progress, in_words  # noqa: E402
 
 TIDY, CLANG, GCC = "clang-tidy-14", "clang++-14", "g++"
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 TAKEN_FLAGS = re.compile(r"-(D|I|std=|f(no-)?(pic|PIC|exceptions|rtti|visibility|sanitize))")
 WARNINGS = "-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wformat=2 -Werror".split()
 
@@ -125,6 +130,24 @@ def alone(path, flags, clean, build):
     return None
 
 
+class Shown:
+    """How far it is."""
+
+    def __init__(self, files):
+        self.all, self.done, self.began, self.progress = files, 0, time.monotonic(), Progress()
+
+    def one_more(self, finding):
+        self.done += 1
+        if finding is not None:
+            self.progress.clear()
+            print(finding, flush=True)
+        if self.done < self.all:
+            seconds = (time.monotonic() - self.began) * (self.all - self.done) / self.done
+            self.progress.show(f"vex: lint: {self.done} of {self.all} files, {in_words(seconds)}")
+        else:
+            self.progress.clear()
+
+
 def main():
     os.environ["CCACHE_DISABLE"] = "1"
     build = pathlib.Path(sys.argv[1]).resolve()
@@ -134,13 +157,12 @@ def main():
         sys.exit("lint: no source lies below " + " ".join(sys.argv[2:]))
     make_generated(build)
     flags, clean = read_flags(build), Clean(build / "lint")
-    findings = 0
+    findings, shown = 0, Shown(len(wanted))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         looks = [pool.submit(alone if path.suffix == ".h" else tidy, path, flags, clean, build) for path in wanted]
         for look in looks:
-            if look.result() is not None:
-                findings += 1
-                print(look.result(), flush=True)
+            findings += look.result() is not None
+            shown.one_more(look.result())
     headers = sum(path.suffix == ".h" for path in wanted)
     looked_at = f"{headers} headers alone, {len(wanted) - headers} sources with {TIDY}"
     print(f"lint: {looked_at}: " + (f"findings in {findings} files" if findings else "clean"))
