@@ -90,6 +90,10 @@ class PrivateRoot:
         return run("chroot", self.path, *command)
 
     def boot(self):
+        # What a service prints counts, however much of it.
+        journal = self.path / "etc/systemd/journald.conf.d"
+        journal.mkdir(parents=True, exist_ok=True)
+        (journal / "unlimited.conf").write_text("[Journal]\nRateLimitIntervalSec=0\n", encoding="ascii")
         # Files that nspawn leaves there stay in the tests' own mount space.
         run("mount", "-t", "tmpfs", "tmpfs", "/run")
         # Two test runs differ in the process id space that they have to themselves.

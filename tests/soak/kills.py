@@ -73,6 +73,14 @@ class Lane:
             self.kills += 1
         await daemon.ended(self.soak.limit_s)
 
+    async def end_last(self):
+        """In order, with all that it has published."""
+        last = self.daemons[-1]
+        last.signal(signal.SIGTERM)
+        await last.ended(self.soak.limit_s)
+        self.ended_in_order.append(last)
+        await asyncio.sleep(1.0)  # for events still under way; no signal marks the last one
+
 
 async def until_printed(events, instance, limit_s):
     end = time.monotonic() + limit_s
@@ -133,12 +141,8 @@ async def operate_until(stop, soak, operator, replies, commands):
 
 
 async def balance(soak, tool, replies, events, encoder, player):
-    last = player.daemons[-1]
-    await until_printed(events, last.instance, soak.limit_s)
-    last.signal(signal.SIGTERM)
-    await last.ended(soak.limit_s)
-    player.ended_in_order.append(last)
-    await asyncio.sleep(1.0)  # for events still under way; no signal marks the last one
+    await until_printed(events, player.daemons[-1].instance, soak.limit_s)
+    await player.end_last()
     sent, unshown = replies.balance(encoder.daemons + player.daemons)
     published, printed, gone = events.balance(player.daemons, player.ended_in_order)
     failures = replies.lost["e"] + replies.lost["p"]

@@ -130,6 +130,7 @@ async def run(soak):
             for outcome in await asyncio.gather(*tasks, return_exceptions=True):
                 if isinstance(outcome, BaseException):
                     soak.violation(f"a script failed: {outcome!r}")
+        await player.end_last()  # else events would be printed that come after the metrics' last look
         daemons = encoder.daemons + player.daemons
         sent, unshown = replies.balance(daemons)
         scripts.check_events(player.daemons)
