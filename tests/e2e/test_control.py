@@ -273,7 +273,7 @@ def test_a_runtime_folder_that_is_not_the_tools_is_not_used(tmp_path, wrong):
     (b'{"run":"who","colour":"blue"}', '"colour"'),
     (b'{"run":"who","run":"help"}', 'the key "run" stands there twice'),
     (b'{"run":"who\\u0000"}', "a control character"),
-    (b'{"run":"who","cancel":1}', "one of run, complete, monitor, cancel and terminal at a time"),
+    (b'{"run":"who","cancel":1}', "one of run, complete, monitor, cancel, reset and terminal at a time"),
     (b'{"id":1.5,"run":"who"}', "id must be a whole number or a text"),
     (b'{"run":"who","within_ms":0}', "within_ms"),
     (b"\xff\xfe\x00", "this is not JSON"),
