@@ -37,7 +37,7 @@ class Requests {
   Json Ask(Json request) {
     const int id = ++last_id_;
     request["id"] = id;
-    if (arguments_.within && !request.contains("monitor")) request["within_ms"] = arguments_.within->count();
+    if (arguments_.within && request.contains("run")) request["within_ms"] = arguments_.within->count();
     std::string text;
     try {
       text = request.dump() + "\n";

@@ -136,8 +136,7 @@ Request ReadRequest(const Json& object, std::string id) {
   for (const auto& [key, value] : object.items()) ReadMember(key, value, request, kinds);
   if (kinds.size() != 1) throw Wrong{"send one of run, complete, monitor, cancel, reset and terminal at a time"};
   request.kind = kinds.front();
-  const bool takes_time = request.kind == Request::Kind::kRun || request.kind == Request::Kind::kComplete;
-  if (request.within && !takes_time) throw Wrong{"within_ms goes with run or complete"};
+  if (request.within && request.kind != Request::Kind::kRun) throw Wrong{"within_ms goes with run"};
   return request;
 }
 

@@ -28,7 +28,7 @@ struct Request {
   std::string id;  // as it stands in JSON: 7, "a"; "" for none
   std::string text;
   std::vector<std::string> words;
-  std::optional<std::chrono::milliseconds> within;  // kRun, kComplete
+  std::optional<std::chrono::milliseconds> within;  // kRun
   int columns = 0;                                  // kTerminal
   int rows = 0;
   std::string term;

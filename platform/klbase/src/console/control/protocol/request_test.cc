@@ -87,7 +87,8 @@ TEST(RequestTest, WhatMakesNoSenseIsExplained) {
   EXPECT_EQ(ErrorOf(R"({"cancel":[1]})"), "cancel must be a whole number or a text");
   EXPECT_EQ(ErrorOf(R"({"monitor":["a",1]})"),
             "monitor must be a list of texts: topics and conditions, or none for all events");
-  EXPECT_EQ(ErrorOf(R"({"monitor":[],"within_ms":1})"), "within_ms goes with run or complete");
+  EXPECT_EQ(ErrorOf(R"({"monitor":[],"within_ms":1})"), "within_ms goes with run");
+  EXPECT_EQ(ErrorOf(R"({"complete":"","within_ms":1})"), "within_ms goes with run");
   EXPECT_EQ(ErrorOf(R"({"reset":false})"), "reset must be true");
   for (const char* time : {"0", "-1", "1.5", "\"1\"", "86400001", "18446744073709551615"}) {
     EXPECT_THAT(ErrorOf(std::string(R"({"run":"x","within_ms":)") + time + "}"), HasSubstr("within_ms must be"))
