@@ -96,18 +96,20 @@ std::string RunService::Run(const Job& job, ToolSessions::Session& session) {
   std::string why;
   session = sessions_.Take(Left(job.deadline + kGrace), why);
   if (session == nullptr) return MadeReply(id, "unreachable", stop_.IsSet() ? kEnding : why);
-  return Ask(job, session);
+  bool usable = false;
+  std::string reply = Ask(job, *session, usable);
+  if (!usable) session = nullptr;
+  return reply;
 }
 
-std::string RunService::Ask(const Job& job, ToolSessions::Session& session) {
+std::string RunService::Ask(const Job& job, vexctl::Connection& session, bool& usable) {
   const std::string& id = job.request.id;
-  ToolSessions::Session asked = std::move(session);
-  if (!asked->Send(ToolRequest(job.request, Left(job.deadline))))
+  if (!session.Send(ToolRequest(job.request, Left(job.deadline))))
     return MadeReply(id, "unreachable", "the tool has ended");
-  switch (ReceiveReply(*asked, job.deadline + kGrace)) {
+  switch (ReceiveReply(session, job.deadline + kGrace)) {
     case Got::kLine: {
-      std::string reply(asked->Line());
-      if (!MayStillRun(reply)) session = std::move(asked);
+      std::string reply(session.Line());
+      usable = !MayStillRun(reply);
       return reply;
     }
     case Got::kEnd:

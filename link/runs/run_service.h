@@ -57,7 +57,8 @@ class RunService {
   void Work();
   // `session` is the one that the job has run in, and null where something may still run in it.
   std::string Run(const Job& job, ToolSessions::Session& session);
-  std::string Ask(const Job& job, ToolSessions::Session& session);
+  // `usable`: whether `session` may have another job.
+  std::string Ask(const Job& job, vexctl::Connection& session, bool& usable);
   void Answer(const Job& job, const std::string& reply);
 
   const std::string node_;

@@ -18,7 +18,6 @@
 namespace {
 
 using google::protobuf::Any;
-using google::protobuf::Message;
 
 constexpr const char* kEncd = "unix-abstract:encd@default";
 constexpr const char* kPlayd = "unix-abstract:playd@default";
