@@ -289,11 +289,11 @@ def bench_start(table, bin_folder, folder):
         figures["tool"].append(first_output_ms(tool, environment, b"main> "))
         figures["cat"].append(first_output_ms(["/bin/sh", "-c", "echo main; exec cat"], environment, b"main"))
     tool_ms, cat_ms = (statistics.median(figures[name]) for name in ("tool", "cat"))
-    table.add("start to first prompt", f"{tool_ms:.1f}", "ms", "", "<= 20")
+    table.add("start to first prompt", f"{tool_ms:.1f}", "ms", "", "<= 13")
     table.add("start of sh and its echo", f"{cat_ms:.1f}", "ms", f"{tool_ms / cat_ms:.1f} x it")
     with console(bin_folder, folder, KLBASE_CONSOLE_MAX_SESSIONS="600") as (process, port):
         idle = resident_kb(process.pid)
-        table.add("resident memory, idle", f"{idle / 1024:.1f}", "MiB", "", "<= 16")
+        table.add("resident memory, idle", f"{idle / 1024:.1f}", "MiB", "", "<= 15")
         sessions = []
         for _ in range(500):
             sessions.append(socket.create_connection(("127.0.0.1", port)))
