@@ -1,5 +1,6 @@
 """Shared by the whole-process tests: a network of their own, the tool and the daemons as children, and clients."""
 
+import json
 import os
 import pathlib
 import re
@@ -161,6 +162,33 @@ class Program(Connection):
         self.received = b""
         self.send("core show version\n")
         return self.until("git-version: v0.0.1\n").startswith("\tbuild-date")
+
+
+class ControlClient:
+    """A connection to the control socket that has been greeted."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(LIMIT_S)
+        self.socket.connect(path)
+        self.lines = self.socket.makefile("rb")
+        self.greeting = self.receive()
+
+    def send(self, *requests):
+        """Objects, and bytes that go as they are."""
+        self.socket.sendall(b"".join(each if isinstance(each, bytes) else json.dumps(each).encode() + b"\n" for each in requests))
+
+    def receive(self):
+        line = self.lines.readline()
+        return json.loads(line) if line else None
+
+    def ask(self, request):
+        self.send(request)
+        return self.receive()
+
+    def close(self):
+        self.lines.close()
+        self.socket.close()
 
 
 @pytest.fixture

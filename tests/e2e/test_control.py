@@ -1,7 +1,6 @@
 """The control socket from other processes: waits by the thousand, a place that is not the tool's, and bad input."""
 
 import contextlib
-import json
 import os
 import pathlib
 import re
@@ -12,9 +11,10 @@ import threading
 
 import pytest
 
-from conftest import BIN, LIMIT_S, SANITIZED, Tool, wait_until
+from conftest import BIN, LIMIT_S, SANITIZED, ControlClient, Tool, wait_until
 from test_endings import stage  # noqa: F401  fixture
 from test_player import subscriptions
+from test_vexctl import is_asked
 
 WAITS = 1000 if SANITIZED else 10_000
 SESSIONS = 4
@@ -22,43 +22,12 @@ NOBODY = 65534
 ROOT = os.geteuid() == 0
 
 
-class Client:
-    """A connection that has been greeted."""
-
-    def __init__(self, path):
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(LIMIT_S)
-        self.socket.connect(path)
-        self.lines = self.socket.makefile("rb")
-        self.greeting = self.receive()
-
-    def send(self, *requests):
-        """Objects, and bytes that go as they are."""
-        self.socket.sendall(b"".join(each if isinstance(each, bytes) else json.dumps(each).encode() + b"\n" for each in requests))
-
-    def receive(self):
-        line = self.lines.readline()
-        return json.loads(line) if line else None
-
-    def ask(self, request):
-        self.send(request)
-        return self.receive()
-
-    def close(self):
-        self.lines.close()
-        self.socket.close()
-
-
 @pytest.fixture
 def client(path, started):
     def connect():
-        started.append(Client(path))
+        started.append(ControlClient(path))
         return started[-1]
     return connect
-
-
-def is_asked(daemon):
-    return daemon.output().count("\n") > 1
 
 
 # --- waiting
@@ -68,7 +37,7 @@ class Waiter(threading.Thread):
 
     def __init__(self, path, positions):
         super().__init__()
-        self.client = Client(path)
+        self.client = ControlClient(path)
         self.positions = positions
         self.found = 0
         self.early = 0  # events that came before the reply to their seek
@@ -338,7 +307,7 @@ def test_two_hundred_clients_at_once_are_each_served_or_told_why_not(serve, path
     clients = []
     try:
         for _ in range(200):
-            clients.append(Client(path))
+            clients.append(ControlClient(path))
         greeted = [each for each in clients if "session" in each.greeting]
         assert len(greeted) == 64
         refused = [each for each in clients if each not in greeted]
@@ -355,7 +324,7 @@ def test_two_hundred_clients_at_once_are_each_served_or_told_why_not(serve, path
             each.close()
 
     def is_greeted():
-        with contextlib.closing(Client(path)) as one:
+        with contextlib.closing(ControlClient(path)) as one:
             return "session" in one.greeting
     wait_until(is_greeted, "there is room again")
 

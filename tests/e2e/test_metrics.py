@@ -5,13 +5,12 @@ import os
 import pathlib
 import re
 import shutil
-import socket
 import subprocess
 import urllib.request
 
 import pytest
 
-from conftest import Child, LIMIT_S, interrupt_and_wait, wait_until
+from conftest import Child, ControlClient, LIMIT_S, interrupt_and_wait, wait_until
 from test_player import start_events  # noqa: F401  fixture
 from test_vexctl import ENCD, vexctl  # noqa: F401  fixture
 
@@ -130,30 +129,21 @@ def test_events_and_subscriptions_are_counted(serve, vexctl, start_events):  # n
     wait_until(lambda: figures(vexctl("metrics").stdout)[up] == 0, "the end of the subscription")
 
 
-class Monitor:
+class Monitor(ControlClient):
     """A program that is shown all events, and reads them when it is told to."""
 
     def __init__(self, path):
-        self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(LIMIT_S)
-        self.socket.connect(path)
-        self.lines = self.socket.makefile("rb")
-        self.lines.readline()
-        self.socket.sendall(b'{"monitor":[]}\n')
+        super().__init__(path)
         self.shown, self.missed = [], 0
-        assert json.loads(self.lines.readline()) == {"status": "ok"}
+        assert self.ask({"monitor": []}) == {"status": "ok"}
 
     def read_until(self, enough):
         while not enough():
-            line = json.loads(self.lines.readline())
+            line = self.receive()
             self.missed += line.get("missed", 0)
             if "event" in line:
                 self.shown.append(line["event"]["seq"])
                 self.newest = line["event"]["message"]["unique_id"]
-
-    def close(self):
-        self.lines.close()
-        self.socket.close()
 
 
 def test_events_that_a_slow_reader_misses_are_counted_as_it_is_told(serve, vexctl, path, start_events, started):  # noqa: F811
